@@ -1,0 +1,25 @@
+// parser: one line in, one result out. Used by the session loop, by scripts and by handlers that run commands.
+#pragma once
+
+#include "parser/variables.h"
+
+#include <cstdio>
+
+namespace kestrel {
+
+// Interprets one line and returns its integer result (-1 for every error).
+//   result_out    when given, takes the typed result, which is then not printed
+//   print_result  1 prints the "* " result line
+//   log, vlog     command logs, or null
+//   status_out    when given: 1 if the line was a bare value, else 0
+int service_line(int cn, const char *line, Variable *result_out, int print_result, std::FILE *log,
+                 std::FILE *vlog, int *status_out);
+
+// The same with "@" macros and "~" include short forms expanded first.
+int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog);
+int user_service_script(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog,
+                        int *status_out);
+// ... and with the typed result stored instead of printed.
+int user_service_result(int cn, const char *line, Variable *result_out, int *status_out);
+
+} // namespace kestrel

@@ -1,0 +1,76 @@
+// parser: the command tree. Every room contributes tables of these rows; the program's root table ties them
+// together and is given to the interpreter at start. The rows are constant but for the compiled format.
+#pragma once
+
+#include "parser/handler.h"
+
+#include <cstddef>
+#include <source_location>
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+enum _pt_t : int { PT_TYPE_COMMAND, PT_TYPE_SUBTREE, PT_TYPE_END };
+
+inline constexpr int pt_max_qualifiers = 32;
+
+// A compiled argument format.
+struct _pt_args {
+    int nr_args = 0;
+    int stack_size = 0; // bytes of the converted positional arguments
+    int nr_strings = 0;
+    int opt_start = 0;             // index of the first optional argument, nr_args when none
+    std::string type;              // 'd', 'g', 'f', 's' or 'v' an argument
+    int nr_quals = 0;
+    std::vector<std::string> name; // qualifier words
+    std::string qtype;             // '\0', 'd', 'g', 'f' or 's' a qualifier
+    char return_type = 0;          // 'd', 'g', 'f', 's', 'q' or 0
+};
+
+struct PARSE_TREE {
+    _pt_t type = PT_TYPE_END;
+    const PARSE_TREE *subtree = nullptr;
+    const char *name = "";
+    const char *help = "";
+    const char *arghelp = "";
+    const char *raw_args = "";
+    int cmd_flags = 0;
+    mutable const _pt_args *args = nullptr; // compiled at the command's first use, kept for good
+    pt_handler fn{};
+    const char *file = "";
+    int line = 0;
+};
+
+// Rows of a table:
+//   static const PARSE_TREE table[] = {
+//       pt_command<do_create>("create", "%s + %d = %d", "create a thing", "name/size"),
+//       pt_subtree("sub", sub_table, "prefix for sub functions"),
+//       pt_end(),
+//   };
+template <auto Handler>
+constexpr PARSE_TREE pt_command(const char *name, const char *format, const char *help, const char *arghelp,
+                                std::source_location where = std::source_location::current()) {
+    return {PT_TYPE_COMMAND, nullptr,      name, help, arghelp, format, 0, nullptr, pt_bind<Handler>(),
+            where.file_name(), static_cast<int>(where.line())};
+}
+
+constexpr PARSE_TREE pt_subtree(const char *name, const PARSE_TREE *table, const char *help,
+                                std::source_location where = std::source_location::current()) {
+    return {PT_TYPE_SUBTREE, table, name, help, "", "", 0, nullptr, {}, where.file_name(),
+            static_cast<int>(where.line())};
+}
+
+constexpr PARSE_TREE pt_end() { return {}; }
+
+// Rows up to the end row.
+std::size_t pt_size(const PARSE_TREE *table);
+
+// The first row whose name is the whole word, in any case; null when there is none.
+const PARSE_TREE *pt_find(const PARSE_TREE *table, std::string_view word);
+
+// The root table; set once, before the first line is interpreted.
+void pt_set_root(const PARSE_TREE *table);
+const PARSE_TREE *pt_root();
+
+} // namespace kestrel

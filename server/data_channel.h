@@ -1,0 +1,19 @@
+// server: the data channel, a second connection that the server opens to the port its client announced.
+// Used by the thread that runs the command only.
+#pragma once
+
+#include <cstddef>
+#include <sys/types.h>
+
+namespace kestrel {
+
+void sv_data_setport(int cn, int port);
+int sv_data_open(int cn); // the connected socket, or negative
+// Sends all of it / receives up to len bytes: the count, or -1. Without progress for 30 s they give up.
+ssize_t sv_data_write(int cn, const void *buffer, std::size_t len);
+ssize_t sv_data_read(int cn, void *buffer, std::size_t len);
+void sv_data_close(int cn);
+void sv_data_abort(int cn);
+int sv_get_data_sock(int cn);
+
+} // namespace kestrel

@@ -1,0 +1,16 @@
+// server: ^C. The handler only counts; loops, waits and long commands poll the count.
+#pragma once
+
+#include <csignal>
+
+namespace kestrel {
+
+extern volatile std::sig_atomic_t sv_quit;     // interrupts since the line began
+extern void (*user_quit_handler)(int);         // called with 0 from the signal handler
+void quit_handler(int signal);
+
+// The count for a long command's loop: flushes every session's replies first, so that nobody waits for what
+// is already known while the command runs on.
+int sv_poll_quit(int cn);
+
+} // namespace kestrel
