@@ -89,7 +89,8 @@ template <auto Handler, class R, class... A> struct binding {
             static_assert(!sizeof(R *), "a handler returns int, double or pt_string");
     }
 
-    template <std::size_t... I> static R invoke(int quals, int cn, rest args, std::index_sequence<I...>) {
+    template <std::size_t... I>
+    static R invoke(int quals, int cn, [[maybe_unused]] rest args, std::index_sequence<I...>) {
         return Handler(quals, cn, take<A>(args, I)...);
     }
 
