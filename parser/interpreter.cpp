@@ -66,11 +66,6 @@ int refuse_undefined(line_state &state) {
 
 enum class walk_result { command, empty, value, refused };
 
-bool is_value(const token &t) {
-    return t.kind == token_kind::integer || t.kind == token_kind::real || t.kind == token_kind::string ||
-           (t.kind == token_kind::identifier && t.qualifier_value);
-}
-
 walk_result no_such_command(line_state &state, const PARSE_TREE *table) {
     locate(state.cn, state.next.ScannerInputPosn);
     sv_printf(state.cn, "! Unexpected identifier, or non-existent command\n");
