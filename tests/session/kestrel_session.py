@@ -2,6 +2,7 @@
 
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
+import fcntl
 import os
 import pathlib
 import pty
@@ -51,13 +52,16 @@ class Process:
         environment = {k: v for k, v in os.environ.items() if k not in ("DATA_DIR", "KESTRELPATH")}
         environment.update(env or {})
 
-        def limit_files():
+        def prepare():
+            if stdin == stdout:  # a terminal: it is the one that ^C is typed at
+                os.setsid()
+                fcntl.ioctl(0, termios.TIOCSCTTY, 0)
             if files:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (files, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
         with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
             self.process = subprocess.Popen([KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
-                                            stdout=stdout or out, stderr=err, preexec_fn=limit_files)
+                                            stdout=stdout or out, stderr=err, preexec_fn=prepare)
 
     @property
     def stdout(self):
@@ -389,7 +393,7 @@ class Terminal(Stream, Process):
 
     def __init__(self, scratch, *options, cols=80, env=None):
         self.master, slave = pty.openpty()
-        termios.tcsetwinsize(slave, (24, cols)) if hasattr(termios, "tcsetwinsize") else _winsize(slave, cols)
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, cols, 0, 0))
         Process.__init__(self, scratch, *options, env={"TERM": "vt100", **(env or {})}, stdin=slave, stdout=slave)
         os.close(slave)
 
@@ -411,8 +415,3 @@ class Terminal(Stream, Process):
     def close(self):
         super().close()
         os.close(self.master)
-
-
-def _winsize(fd, cols):
-    import fcntl
-    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, cols, 0, 0))
