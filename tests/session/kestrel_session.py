@@ -61,11 +61,11 @@ class Process:
 
     @property
     def stdout(self):
-        return self._paths[0].read_text(errors="replace")
+        return self._paths[0].read_bytes().decode(errors="replace")
 
     @property
     def stderr(self):
-        return self._paths[1].read_text(errors="replace")
+        return self._paths[1].read_bytes().decode(errors="replace")
 
     def write(self, name, text):
         """A file in the server's folder, a script for example; the text may be given as a list of lines."""
@@ -159,10 +159,12 @@ class Stream:
     def recv_match(self, pattern, seconds=None):
         """The bytes up to the end of the first match of a regular expression."""
         end = time.monotonic() + (seconds or WAIT)
+        matcher, seen = re.compile(pattern, re.DOTALL), 0
         while True:
-            found = re.search(pattern, self.buffer, re.DOTALL)
+            found = matcher.search(self.buffer, max(seen - 4096, 0))
             if found:
                 return self._take(found.end())
+            seen = len(self.buffer)
             assert self._fill(end), f"closed after {self.buffer!r}"
 
     def recv_until(self, text, seconds=None):
@@ -251,9 +253,8 @@ class Telnet(Client):
     def __init__(self, port, cols=80):
         self.options = []  # (command, option) as the server sent them
         self.screen = Screen(cols)
+        self.raw = b""  # an unfinished telnet command
         super().__init__(port)
-        self.screen.feed(PROMPT)
-        self.raw = b""
         self.send(bytes([IAC, WILL, NAWS]))
 
     def window(self, width, height=24, screen=True):
@@ -264,8 +265,6 @@ class Telnet(Client):
 
     def _read(self):
         data = self.sock.recv(65536)
-        if not hasattr(self, "raw"):
-            return data
         self.raw += data
         plain = bytearray()
         while self.raw:
