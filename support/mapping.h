@@ -34,6 +34,11 @@ class unique_mapping {
     void *address() const { return address_; }
     std::size_t size() const { return size_; }
     explicit operator bool() const { return address_ != nullptr; }
+    // The caller unmaps.
+    void *release() {
+        size_ = 0;
+        return std::exchange(address_, nullptr);
+    }
     void reset() {
         if (address_ != nullptr)
             ::munmap(address_, size_);
