@@ -5,8 +5,8 @@
 
 namespace kestrel {
 
-extern volatile std::sig_atomic_t sv_quit;     // interrupts since the line began
-extern void (*user_quit_handler)(int);         // called with 0 from the signal handler
+extern volatile std::sig_atomic_t sv_quit; // interrupts since the line began
+extern void (*user_quit_handler)(int);     // called with 0 from the signal handler
 void quit_handler(int signal);
 
 // The count for a long command's loop: flushes every session's replies first, so that nobody waits for what

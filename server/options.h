@@ -12,8 +12,8 @@ struct server_options {
     int detach = 0;
 };
 
-extern int user_default_port;                        // 1972
-extern const char *user_default_startup_file;        // ".kestrel.inc"
+extern int user_default_port;                 // 1972
+extern const char *user_default_startup_file; // ".kestrel.inc"
 extern server_options sv_options;
 
 // Takes the server's own options out of argv, opens the logs. Ends the process for "-server?".

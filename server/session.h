@@ -83,10 +83,10 @@ struct client_descriptor {
     unsigned new_height = 0;
     std::mutex output_mutex;
 
-    std::string received;      // bytes read from the socket and not yet taken ...
-    std::size_t taken = 0;     // ... from this index on
-    std::string pending;       // reply bytes not yet sent
-    bool broken = false;       // the peer is gone or does not read: output is dropped, the loop closes it
+    std::string received;  // bytes read from the socket and not yet taken ...
+    std::size_t taken = 0; // ... from this index on
+    std::string pending;   // reply bytes not yet sent
+    bool broken = false;   // the peer is gone or does not read: output is dropped, the loop closes it
     script_file *include = nullptr; // the running include file; null outside
 };
 
