@@ -10,6 +10,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -82,11 +83,12 @@ struct label_list {
     std::size_t size = 0; // bytes reserved, a multiple of 16
 };
 
-label_list measure_labels(const char *const *labels, int num_t) {
+// At most `count` labels, up to the first null one.
+label_list measure_labels(const char *const *labels, std::uint64_t count) {
     label_list list{labels};
     if (labels == nullptr)
         return list;
-    for (; list.count < magnitude(num_t) && labels[list.count] != nullptr; ++list.count)
+    for (; list.count < count && labels[list.count] != nullptr; ++list.count)
         list.size += sizeof(std::int32_t) + std::strlen(labels[list.count]) + 1;
     list.size = (list.size + 15) / 16 * 16;
     return list;
@@ -239,7 +241,7 @@ MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num
                          void **mod_head) {
     const module_type type = module_type_of(data_float);
     const sizes n{num_x, num_y, num_t};
-    const label_list list = measure_labels(labels, num_t);
+    const label_list list = measure_labels(labels, magnitude(num_t));
     module_link link(name);
     if (!link) {
         link = module_link::adopt(create_3d(cn, name, n, x_lab, y_lab, t_lab, list, type));
@@ -332,6 +334,22 @@ int app_mod_resize(int cn, void *head, int num_x, int num_y, int num_t) {
     if (view.is_3d)
         put_u32(view.head, offsetof(mod_header3d, num_t), num_t);
     return 0;
+}
+
+bool mod_set_labels(void *head, std::span<const std::string> labels) {
+    module_view view;
+    if (mod_look(head, view) != nullptr || !view.is_3d)
+        return false;
+    std::vector<const char *> texts;
+    for (const std::string &label : labels)
+        texts.push_back(label.c_str());
+    const label_list list = measure_labels(texts.data(), texts.size());
+    if (list.size > view.data_offset - sizeof(mod_header3d))
+        return false;
+    put_labels(view.head, list);
+    const auto count = static_cast<std::int32_t>(list.count);
+    std::memcpy(view.head + offsetof(mod_header3d, labels_num), &count, sizeof count);
+    return true;
 }
 
 int clear_mod(void *head) {

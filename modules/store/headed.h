@@ -4,6 +4,9 @@
 
 #include "modules/store/view.h"
 
+#include <span>
+#include <string>
+
 namespace kestrel {
 
 // Element type by the number that callers give: 0 unsigned 32-bit, 1 float, 2 double.
@@ -39,6 +42,9 @@ int mkmod_nohead(int cn, const char *name, int n);
 
 // New dimensions for a linked module, within its capacity; num_t 0 counts as 1. The data stay where they are.
 int app_mod_resize(int cn, void *head, int num_x, int num_y, int num_t);
+
+// Replaces the frame labels of a linked 3-D module; false when it has no room for them (or is none).
+bool mod_set_labels(void *head, std::span<const std::string> labels);
 
 // Every element of a linked module becomes zero; -1 when its header cannot be used.
 int clear_mod(void *head);
