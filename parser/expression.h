@@ -60,6 +60,8 @@ struct program {
 
     // The name of the variable, when the whole expression is one variable; else empty.
     std::string_view single_variable() const;
+    // The text, when the whole expression is one string constant; else null.
+    const std::string *string_constant() const;
 };
 
 inline constexpr int expression_depth_max = 200;

@@ -338,6 +338,10 @@ std::string_view program::single_variable() const {
     return strings[static_cast<std::size_t>(code[0].a)];
 }
 
+const std::string *program::string_constant() const {
+    return code.size() == 1 && code[0].code == op::push_string ? &strings[0] : nullptr;
+}
+
 bool expression_compile(std::string_view line, std::size_t &at, program &out, std::string &message) {
     message.clear();
     compiler c{line, at, out, message};

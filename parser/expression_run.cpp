@@ -10,6 +10,8 @@
 #include <climits>
 #include <cstdio>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace kestrel {
 
@@ -31,54 +33,6 @@ PE_Value type_error(int cn, const char *what, const PE_Value &a, const PE_Value 
     return {};
 }
 
-std::optional<int> divide(int cn, int a, int b) {
-    if (b == 0) {
-        sv_printf(cn, "! Integer division by zero\n");
-        return std::nullopt;
-    }
-    if (a == INT_MIN && b == -1) {
-        sv_printf(cn, "! Integer quotient does not fit in 32 bits\n");
-        return std::nullopt;
-    }
-    return a / b;
-}
-
-PE_Value add_strings(int cn, PE_Value &a, const PE_Value &b) {
-    if (a.StringValue.size() + b.StringValue.size() > string_value_max) {
-        sv_printf(cn, "! String longer than %zu characters\n", string_value_max);
-        return {};
-    }
-    return PE_Value::of(std::move(a.StringValue) + b.StringValue);
-}
-
-PE_Value arithmetic(int cn, op code, PE_Value &a, const PE_Value &b) {
-    static constexpr const char *names[] = {"add", "sub", "mult", "div"};
-    const int which = static_cast<int>(code) - static_cast<int>(op::add);
-    if (code == op::add && a.type == pe_string && b.type == pe_string)
-        return add_strings(cn, a, b);
-    if (!a.is_number() || !b.is_number())
-        return type_error(cn, names[which], a, b);
-    if (a.type == pe_int && b.type == pe_int) {
-        const std::uint32_t x = bits(a.IntValue), y = bits(b.IntValue);
-        if (code == op::div) {
-            const std::optional<int> quotient = divide(cn, a.IntValue, b.IntValue);
-            return quotient ? PE_Value::of(*quotient) : PE_Value{};
-        }
-        return PE_Value::of(wrap(code == op::add ? x + y : code == op::sub ? x - y : x * y));
-    }
-    const double x = a.number(), y = b.number();
-    switch (code) {
-    case op::add:
-        return PE_Value::of(x + y);
-    case op::sub:
-        return PE_Value::of(x - y);
-    case op::mult:
-        return PE_Value::of(x * y);
-    default:
-        return PE_Value::of(x / y);
-    }
-}
-
 template <class T> bool compare(op code, const T &x, const T &y) {
     switch (code) {
     case op::lt:
@@ -96,9 +50,95 @@ template <class T> bool compare(op code, const T &x, const T &y) {
     }
 }
 
+bool divide(int cn, int a, int b, int &out) {
+    if (b == 0) {
+        sv_printf(cn, "! Integer division by zero\n");
+        return false;
+    }
+    if (a == INT_MIN && b == -1) {
+        sv_printf(cn, "! Integer quotient does not fit in 32 bits\n");
+        return false;
+    }
+    out = a / b;
+    return true;
+}
+
+bool shift(int cn, op code, int a, int count, int &out) {
+    if (count < 0 || count > 31) {
+        sv_printf(cn, "! Shift count should be 0..31 not %d\n", count);
+        return false;
+    }
+    out = code == op::shl ? wrap(bits(a) << count) : a >> count;
+    return true;
+}
+
+// Any operator on two integers; false after a line to the session.
+bool integers(int cn, op code, int a, int b, int &out) {
+    switch (code) {
+    case op::add:
+        out = wrap(bits(a) + bits(b));
+        return true;
+    case op::sub:
+        out = wrap(bits(a) - bits(b));
+        return true;
+    case op::mult:
+        out = wrap(bits(a) * bits(b));
+        return true;
+    case op::div:
+        return divide(cn, a, b, out);
+    case op::shl:
+    case op::shr:
+        return shift(cn, code, a, b, out);
+    case op::bit_and:
+        out = a & b;
+        return true;
+    case op::bit_xor:
+        out = a ^ b;
+        return true;
+    case op::bit_or:
+        out = a | b;
+        return true;
+    case op::log_and:
+        out = a != 0 && b != 0;
+        return true;
+    case op::log_or:
+        out = a != 0 || b != 0;
+        return true;
+    default:
+        out = compare(code, a, b);
+        return true;
+    }
+}
+
+PE_Value add_strings(int cn, PE_Value &a, const PE_Value &b) {
+    if (a.StringValue.size() + b.StringValue.size() > string_value_max) {
+        sv_printf(cn, "! String longer than %zu characters\n", string_value_max);
+        return {};
+    }
+    return PE_Value::of(std::move(a.StringValue) + b.StringValue);
+}
+
+PE_Value arithmetic(int cn, op code, PE_Value &a, const PE_Value &b) {
+    static constexpr const char *names[] = {"add", "sub", "mult", "div"};
+    const int which = static_cast<int>(code) - static_cast<int>(op::add);
+    if (code == op::add && a.type == pe_string && b.type == pe_string)
+        return add_strings(cn, a, b);
+    if (!a.is_number() || !b.is_number())
+        return type_error(cn, names[which], a, b);
+    const double x = a.number(), y = b.number();
+    switch (code) {
+    case op::add:
+        return PE_Value::of(x + y);
+    case op::sub:
+        return PE_Value::of(x - y);
+    case op::mult:
+        return PE_Value::of(x * y);
+    default:
+        return PE_Value::of(x / y);
+    }
+}
+
 PE_Value comparison(int cn, op code, const PE_Value &a, const PE_Value &b) {
-    if (a.type == pe_int && b.type == pe_int)
-        return PE_Value::of(static_cast<int>(compare(code, a.IntValue, b.IntValue)));
     if (a.is_number() && b.is_number())
         return PE_Value::of(static_cast<int>(compare(code, a.number(), b.number())));
     if (a.type == pe_string && b.type == pe_string && (code == op::eq || code == op::ne))
@@ -109,32 +149,6 @@ PE_Value comparison(int cn, op code, const PE_Value &a, const PE_Value &b) {
 PE_Value not_integer(int cn, const PE_Value &a, const PE_Value &b) {
     sv_printf(cn, "! Cannot perfrom integer only operation on type %d and %d\n", a.type, b.type);
     return {};
-}
-
-PE_Value integer_only(int cn, op code, const PE_Value &a, const PE_Value &b) {
-    if (a.type != pe_int || b.type != pe_int)
-        return not_integer(cn, a, b);
-    const int x = a.IntValue, y = b.IntValue;
-    if ((code == op::shl || code == op::shr) && (y < 0 || y > 31)) {
-        sv_printf(cn, "! Shift count should be 0..31 not %d\n", y);
-        return {};
-    }
-    switch (code) {
-    case op::shl:
-        return PE_Value::of(wrap(bits(x) << y));
-    case op::shr:
-        return PE_Value::of(x >> y);
-    case op::bit_and:
-        return PE_Value::of(x & y);
-    case op::bit_xor:
-        return PE_Value::of(x ^ y);
-    case op::bit_or:
-        return PE_Value::of(x | y);
-    case op::log_and:
-        return PE_Value::of(static_cast<int>(x != 0 && y != 0));
-    default:
-        return PE_Value::of(static_cast<int>(x != 0 || y != 0));
-    }
 }
 
 PE_Value unary(int cn, op code, const PE_Value &a) {
@@ -270,12 +284,13 @@ bool store(int cn, const std::string &name, const PE_Value &value) {
     return true;
 }
 
+// Any operator on a pair that is not two integers.
 PE_Value binary(int cn, op code, PE_Value &a, const PE_Value &b) {
     if (code >= op::add && code <= op::div)
         return arithmetic(cn, code, a, b);
     if (code >= op::lt && code <= op::ne)
         return comparison(cn, code, a, b);
-    return integer_only(cn, code, a, b);
+    return not_integer(cn, a, b);
 }
 
 bool is_binary(op code) {
@@ -293,9 +308,13 @@ PE_Value expression_run(int cn, const program &p) {
     for (std::size_t next = 0; next < p.code.size();) {
         const instruction &i = p.code[next++];
         if (is_binary(i.code)) {
-            const PE_Value right = std::move(stack.back());
+            PE_Value &left = stack[stack.size() - 2];
+            const PE_Value &right = stack.back();
+            if (left.type != pe_int || right.type != pe_int)
+                left = binary(cn, i.code, left, right);
+            else if (!integers(cn, i.code, left.IntValue, right.IntValue, left.IntValue))
+                return {};
             stack.pop_back();
-            stack.back() = binary(cn, i.code, stack.back(), right);
         } else {
             switch (i.code) {
             case op::push_int:

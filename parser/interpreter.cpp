@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -27,22 +28,53 @@ namespace {
 
 int nesting = 0; // lines being interpreted, one inside the other
 
-struct nesting_guard {
-    nesting_guard() { ++nesting; }
-    ~nesting_guard() { --nesting; }
+// What converting a line needs; kept from line to line, one for each level of nesting.
+struct scratch {
+    token next;
+    std::vector<pt_value> values;
+    std::vector<std::string> strings; // of the values of type 's', in their order
+};
+
+class nested_scratch {
+  public:
+    nested_scratch() : level_(nesting++) {
+        if (level_ < line_nesting_max && !kept_[level_])
+            kept_[level_] = std::make_unique<scratch>();
+    }
+    ~nested_scratch() {
+        --nesting;
+        if (level_ >= line_nesting_max || !kept_[level_])
+            return;
+        kept_[level_]->values.clear();
+        kept_[level_]->strings.clear();
+        if (kept_[level_]->next.ScannedString.capacity() > kept_string_max)
+            kept_[level_]->next.ScannedString = {};
+    }
+    nested_scratch(const nested_scratch &) = delete;
+    nested_scratch &operator=(const nested_scratch &) = delete;
+
+    scratch *get() const { return level_ < line_nesting_max ? kept_[level_].get() : nullptr; }
+
+  private:
+    static constexpr std::size_t kept_string_max = 4096;
+    static inline std::unique_ptr<scratch> kept_[line_nesting_max];
+    int level_;
 };
 
 // One line on its way: where the scanner stands and what has been converted so far.
 struct line_state {
+    line_state(int cn, scanned_line &line, scratch &kept)
+        : cn(cn), line(line), next(kept.next), values(kept.values), strings(kept.strings) {}
+
+    void scan() { line.scan(cn, index++, next); }
+
     int cn;
     scanned_line &line;
     std::size_t index = 0; // the next item
-    token next{};
     int quals = 0;
-    std::vector<pt_value> values{};
-    std::deque<std::string> strings{}; // what the values' string pointers point at
-
-    void scan() { line.scan(cn, index++, next); }
+    token &next;
+    std::vector<pt_value> &values;
+    std::vector<std::string> &strings;
 };
 
 int finish_error(int cn) {
@@ -65,11 +97,6 @@ int refuse_undefined(line_state &state) {
 // ---------------------------------------------------------------- walking the tree
 
 enum class walk_result { command, empty, value, refused };
-
-bool is_value(const token &t) {
-    return t.kind == token_kind::integer || t.kind == token_kind::real || t.kind == token_kind::string ||
-           (t.kind == token_kind::identifier && t.qualifier_value);
-}
 
 walk_result no_such_command(line_state &state, const PARSE_TREE *table) {
     locate(state.cn, state.next.ScannerInputPosn);
@@ -159,7 +186,7 @@ bool take_value(line_state &state, char type) {
         if (type != 's' && type != 'v')
             return false;
         state.strings.push_back(std::move(t.ScannedString));
-        state.values.push_back({'s', 0, 0.0, state.strings.back().c_str()});
+        state.values.push_back({'s', 0, 0.0, nullptr}); // pointed at its string when all are there
         return true;
     }
 }
@@ -260,9 +287,10 @@ void set_call_globals(const line_state &state, const _pt_args &args) {
     const std::size_t given = state.values.size();
     TotalArgumentCount = static_cast<int>(given);
     OptionalArgumentCount = std::max(0, TotalArgumentCount - args.opt_start);
-    std::memset(ArgumentType, 0, sizeof ArgumentType);
-    for (std::size_t i = 0; i < std::min(given, call_arguments_max); ++i)
+    const std::size_t kept = std::min(given, call_arguments_max - 1);
+    for (std::size_t i = 0; i < kept; ++i)
         ArgumentType[i] = state.values[i].type;
+    ArgumentType[kept] = '\0';
     ResultRadix = sv_get_radix(state.cn);
 }
 
@@ -276,6 +304,13 @@ int integer_result(char type, const pt_result &result) {
     default:
         return 0;
     }
+}
+
+void point_at_strings(line_state &state) {
+    std::size_t next = 0;
+    for (pt_value &v : state.values)
+        if (v.type == 's')
+            v.s = state.strings[next++].c_str();
 }
 
 struct delivery {
@@ -299,10 +334,10 @@ int deliver(int cn, char type, pt_result &result, int radix, const delivery &to)
 int run_command(line_state &state, const delivery &to) {
     const PARSE_TREE &command = *state.line.command;
     const _pt_args &args = _xx_parse_args(command);
-    state.values.reserve(static_cast<std::size_t>(args.nr_args));
     if (take_arguments(state, command, args) != 0 || take_qualifiers(state, command, args) != 0)
         return -1;
     set_call_globals(state, args);
+    point_at_strings(state);
     state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
     command.fn.call(state.quals, state.cn, state.values, result);
@@ -374,13 +409,13 @@ int service_line(int cn, scanned_line &line, Variable *result_out, int print_res
                  std::FILE *vlog, int *status_out) {
     if (status_out)
         *status_out = 0;
-    const nesting_guard guard;
-    if (nesting > line_nesting_max) {
-        sv_printf(cn, "! Commands nested deeper than %d levels\n", line_nesting_max);
-        return finish_error(cn);
-    }
     try {
-        line_state state{cn, line};
+        const nested_scratch kept;
+        if (!kept.get()) {
+            sv_printf(cn, "! Commands nested deeper than %d levels\n", line_nesting_max);
+            return finish_error(cn);
+        }
+        line_state state(cn, line, *kept.get());
         return run_line(state, {result_out, print_result, log, vlog}, status_out);
     } catch (const std::bad_alloc &) {
         return out_of_memory(cn);

@@ -171,6 +171,10 @@ int while_command(int, int cn, int value) {
     return 0;
 }
 
+bool loops_are_open() {
+    return !stack.empty();
+}
+
 void loopstack_finish_script(int cn, int level) {
     while (!stack.empty() && stack.back().include_level >= level) {
         sv_printf(cn, "# Note tidying incomplete loop type %d\n", static_cast<int>(stack.back().type));

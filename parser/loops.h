@@ -16,6 +16,9 @@ int next_command(int quals, int cn);
 int do_command(int quals, int cn);
 int while_command(int quals, int cn, int value);
 
+// True while any loop is open: the lines that are read now may come again.
+bool loops_are_open();
+
 // Drops the loops that the script at this include level left open, each with a note.
 void loopstack_finish_script(int cn, int level);
 

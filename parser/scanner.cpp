@@ -88,6 +88,11 @@ void scanned_line::scan(int cn, std::size_t index, token &out) {
     case item_kind::expression:
         break;
     }
+    if (const std::string *constant = next.code.string_constant()) {
+        out.kind = token_kind::string;
+        out.ScannedString = *constant;
+        return;
+    }
     const std::string_view single = next.code.single_variable();
     if (!single.empty() && !get_variable(single)) {
         out.kind = token_kind::undefined_variable;

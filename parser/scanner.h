@@ -6,9 +6,9 @@
 #include "parser/expression.h"
 
 #include <cstddef>
-#include <deque>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -63,7 +63,7 @@ class scanned_line {
     void read_item();
     bool take_word(item &next);
 
-    std::deque<item> items_;
+    std::vector<item> items_;
     std::size_t at_ = 0;
 };
 

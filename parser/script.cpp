@@ -2,13 +2,16 @@
 
 #include "parser/interpreter.h"
 #include "parser/loops.h"
+#include "parser/preprocess.h"
 #include "parser/search_path.h"
 #include "parser/variables.h"
 #include "server/interrupt.h"
 #include "server/output.h"
 
 #include <cstdio>
+#include <memory>
 #include <string>
+#include <unordered_map>
 
 namespace kestrel {
 
@@ -59,33 +62,74 @@ bool interrupted(int cn, const include_options &options) {
     return true;
 }
 
-// Runs one line; false when the file is to stop after it.
-bool run_line(int cn, const std::string &line, const include_options &options) {
+// The lines of open loops, kept as they were scanned, by their offset in the file. What is kept serves only
+// while the file still holds the same bytes there.
+class scanned_lines {
+  public:
+    // The line in scanned form; null for one that is not kept (a macro's text may change from pass to pass).
+    scanned_line *find(int cn, off_t offset, std::string_view line) {
+        const auto known = lines_.find(offset);
+        if (known != lines_.end() && known->second.bytes == line)
+            return known->second.scanned.get();
+        if (!loops_are_open() || lines_.size() >= lines_max || is_macro(line))
+            return nullptr;
+        entry &made = lines_[offset];
+        made.bytes = line;
+        std::string expanded;
+        preprocess(cn, line, expanded);
+        made.scanned = std::make_unique<scanned_line>(expanded);
+        return made.scanned.get();
+    }
+
+  private:
+    static constexpr std::size_t lines_max = 4096;
+    struct entry {
+        std::string bytes;
+        std::unique_ptr<scanned_line> scanned;
+    };
+
+    static bool is_macro(std::string_view line) {
+        const std::size_t first = line.find_first_not_of(" \t");
+        return first != std::string_view::npos && line[first] == '@';
+    }
+
+    std::unordered_map<off_t, entry> lines_;
+};
+
+void show_line(int cn, std::string_view line, const include_options &options) {
     if (options.echo)
         sv_print(cn, "# " + sv_masked(line) + "\n");
-    if (vlog_file) {
-        std::fprintf(vlog_file, "%d.File%d:Cmd:%s\n", cn, sv_get_include_lvl(cn), sv_masked(line).c_str());
-        std::fflush(vlog_file);
-    }
+    if (!vlog_file)
+        return;
+    std::fprintf(vlog_file, "%d.File%d:Cmd:%s\n", cn, sv_get_include_lvl(cn), sv_masked(line).c_str());
+    std::fflush(vlog_file);
+}
+
+// Runs one line; false when the file is to stop after it.
+bool run_line(int cn, std::string_view line, scanned_line *scanned, const include_options &options) {
+    show_line(cn, line, options);
     int was_value = 0;
+    const int print = options.show_returns;
     const int result =
-        user_service_script(cn, line.c_str(), options.show_returns, nullptr, vlog_file, &was_value);
-    if (!sv_is_valid(cn))
-        return false;
+        scanned ? service_line(cn, *scanned, nullptr, print, nullptr, vlog_file, &was_value)
+                : user_service_script(cn, std::string(line).c_str(), print, nullptr, vlog_file, &was_value);
     return result != -1 || was_value || !options.exit_on_error;
 }
 
-bool is_comment(const std::string &line) {
+bool is_comment(std::string_view line) {
     return line.starts_with('#') || line.starts_with('*');
 }
 
 include_end run_lines(int cn, script_file &file, const include_options &options) {
-    std::string line;
-    for (std::string_view read; file.read_line(read, sv_line_max);) {
-        line = read; // the file's view ends with its next read, which a nested command may cause
+    scanned_lines kept;
+    for (;;) {
+        const off_t offset = file.tell();
+        std::string_view line; // good until the file's next read, so nothing uses it once the line runs
+        if (!file.read_line(line, sv_line_max))
+            break;
         if (is_comment(line))
             continue;
-        const bool go_on = run_line(cn, line, options);
+        const bool go_on = run_line(cn, line, kept.find(cn, offset, line), options);
         if (!sv_is_valid(cn))
             return include_end::finished;
         if (interrupted(cn, options))

@@ -57,7 +57,8 @@ std::optional<conversion> take_conversion(std::string_view format, std::size_t &
 }
 
 template <class T> std::string print(const std::string &spec, T value) {
-    // The spec was built above from checked pieces: one conversion, a field of at most 999 characters.
+    // The conversion was put together above from checked pieces: one conversion, a field of at most 999
+    // characters.
     const int length = std::snprintf(nullptr, 0, spec.c_str(), value);
     if (length < 0)
         return {};

@@ -13,4 +13,10 @@ void quit_handler(int signal);
 // is already known while the command runs on.
 int sv_poll_quit(int cn);
 
+enum class wait_result { ready, timeout, interrupted };
+
+// Waits for poll events on a descriptor, at most timeout_ms (-1: for ever). An interrupt that came since the
+// line began, or that comes meanwhile, ends the wait; none can slip in between.
+wait_result sv_wait_fd(int fd, short events, int timeout_ms);
+
 } // namespace kestrel

@@ -30,14 +30,20 @@ class script_file {
     unsigned long generation() const { return generation_; }
 
   private:
-    bool fill();          // a block starting at position_
-    bool changed() const; // size or modification time differ from when the block was read
+    std::string_view unread() const;
+    std::string_view take(std::size_t length, std::size_t end_length);
+    bool fill(); // reads on behind the block; false at the end of the file
+    void note_status();
+    void drop();
+    bool changed() const; // the file may differ from when the block was read
 
     unique_fd fd_;
     std::string block_;
     off_t block_start_ = 0;
     off_t position_ = 0;
     struct stat seen_ {};
+    bool fresh_ = false;    // written so shortly before it was read that a change might not show
+    bool seekable_ = false; // a pipe is read once, in order
     unsigned long generation_ = 0;
 };
 

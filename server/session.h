@@ -1,11 +1,12 @@
 // server: the session table. A session is a slot; slot 0 is the terminal in direct mode.
 //
-// The command thread owns every field, except `pending`, `broken` and the sending of output, which
-// output_mutex guards, because worker threads may print to a session, too.
+// The command thread owns every field. Because worker threads may print to a session, too, output_mutex
+// guards the outbox and every change of `valid`, `out` and `is_socket` (see outbox.h).
 #pragma once
 
 #include "server/script_file.h"
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -48,7 +49,18 @@ enum class input_state : int {
 
 enum class negotiation_state : int { None, SentRequests };
 
-struct client_descriptor {
+// Replies that are not sent yet.
+struct session_outbox {
+    std::string pending;
+    std::size_t sent = 0;                                // this many bytes of `pending` are gone
+    std::chrono::steady_clock::time_point progress_at{}; // when the peer last took something
+    bool broken = false;  // the peer is gone or does not read: output is dropped, the loop closes it
+    int error = 0;        // why
+    bool untried = false; // holds bytes that no send was tried for
+    bool counted = false; // counted among the sessions that need the loop's attention
+};
+
+struct session_fields {
     int valid = 0;
     int in = -1;  // what input is read from: socket, terminal, or the running include file
     int out = -1; // what replies are written to
@@ -77,17 +89,20 @@ struct client_descriptor {
     int history_index = 0;
     int history_max_len = sv_history_max;
     int history_len = 0;
-    std::deque<std::string> history;
+    std::deque<std::string> history; // oldest first; while history_open, the last is the line being edited
+    bool history_open = false;
     char seq[3] = {};
     unsigned new_width = 0; // 16 bits each, from the client's window size report
     unsigned new_height = 0;
-    std::mutex output_mutex;
-
-    std::string received;  // bytes read from the socket and not yet taken ...
-    std::size_t taken = 0; // ... from this index on
-    std::string pending;   // reply bytes not yet sent
-    bool broken = false;   // the peer is gone or does not read: output is dropped, the loop closes it
+    bool is_socket = false;         // a network session: `in` and `out` are the same socket
+    std::string received;           // bytes read from the top-level input and not yet taken ...
+    std::size_t taken = 0;          // ... from this index on
     script_file *include = nullptr; // the running include file; null outside
+    session_outbox outbox;
+};
+
+struct client_descriptor : session_fields {
+    std::mutex output_mutex;
 };
 
 extern client_descriptor client[sv_max_clients];
@@ -101,11 +116,17 @@ bool sv_is_valid(int cn);
 // Fills a free slot for input and output on these descriptors and marks it valid.
 void sv_fill_slot(int cn, int in, int out);
 
+// Frees a slot without closing anything.
+void sv_free_slot(int cn);
+
 // Closes the session (direct mode: ends the server). Safe to call from inside a command of that session:
 // the slot stays free until the loop's next turn.
 void sv_disconnect_client(int cn);
 
 int sv_get_include_lvl(int cn);
+
+// True on the thread that runs the loop and every command.
+bool sv_on_command_thread();
 
 // Process-wide state.
 extern int use_network; // 1 in network mode
@@ -113,5 +134,8 @@ extern int listen_socket;
 extern int nr_conns;
 extern int close_server; // ends the loop at its next turn
 void sv_stop_server();
+
+// Ends the process at once, logs and standard output flushed; other threads may be running.
+[[noreturn]] void sv_die(int status);
 
 } // namespace kestrel

@@ -45,7 +45,8 @@ std::optional<std::vector<std::uint8_t>> base64_decode(std::string_view text) {
             bytes.push_back(static_cast<std::uint8_t>(group >> shift));
         group = 0;
     }
-    bytes.resize(bytes.size() - padding);
+    for (; padding > 0; --padding)
+        bytes.pop_back();
     return bytes;
 }
 

@@ -44,7 +44,7 @@ const PARSE_TREE sub_tree[] = {
     pt_command<take>("take", "%d %g + %s %d verbose = %d", "takes values", "a/b/s/n/more"), pt_end()};
 const PARSE_TREE root[] = {
     pt_subtree("sub", sub_tree, "prefix"),
-    pt_command<qualifiers>("quals", "whole %d part %g name %s plain = %d", "takes qualifiers", ""),
+    pt_command<qualifiers>("quals", "whole %d piece %g name %s plain = %d", "takes qualifiers", ""),
     pt_command<real>("real", "%g = %g", "gives a real", "value"),
     pt_command<text>("text", "%d = %s", "gives a text", "value"),
     pt_command<again>("again", "%s = %d", "runs a line", "line"),
@@ -82,7 +82,7 @@ TEST(interpreter, refuses_with_the_caret_under_the_item) {
         {"sub take %nope 2", "#          ^\n! Undefined Variable 'nope'\n* -1\n"},
         {"sub take 1 2+%nope",
          "! Cannot find variable nope\n#            ^\n! Unknown character found in the arguments\n* -1\n"},
-        {"quals part 2", "#            ^\n! This qualifier takes an argument of type '%g'\n* -1\n"},
+        {"quals piece 2", "#             ^\n! This qualifier takes an argument of type '%g'\n* -1\n"},
         {"quals whole 2.0", "#             ^\n! This qualifier takes an argument of type '%d'\n* -1\n"},
         {"sub", "#    ^\n! Line of input finished unexpectedly\n* -1\n"},
         {"sub 42", "#     ^\n! Expected a command name here\n* -1\n"},
@@ -107,7 +107,7 @@ TEST(interpreter, lists_and_helps) {
 }
 
 TEST(interpreter, qualifier_values) {
-    EXPECT_EQ(reply("quals part 2.5 whole 3 whole 4 plain"), "* 0\n");
+    EXPECT_EQ(reply("quals piece 2.5 whole 3 whole 4 plain"), "* 0\n");
     EXPECT_EQ(seen, "11 4 2.500000");
     EXPECT_EQ(reply("quals name '" + std::string(300, 'x') + "'"), "* 0\n");
     EXPECT_EQ(seen, "4 255");

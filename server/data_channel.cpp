@@ -1,0 +1,139 @@
+#include "server/data_channel.h"
+
+#include "server/interrupt.h"
+#include "server/outbox.h"
+#include "server/output.h"
+#include "support/fd.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace kestrel {
+
+namespace {
+
+constexpr int connect_wait_ms = 10'000;
+
+int not_connected() {
+    std::fprintf(stderr, "server: Not connected to client's data port yet.\n");
+    return -1;
+}
+
+bool has_channel(int cn) {
+    return sv_is_valid(cn) && client[cn].data_port >= 0 && client[cn].data >= 0;
+}
+
+// 0, or the error that ended the wait for a connection under way.
+int finish_connecting(int fd) {
+    switch (sv_wait_fd(fd, POLLOUT, connect_wait_ms)) {
+    case wait_result::timeout:
+        return ETIMEDOUT;
+    case wait_result::interrupted:
+        return EINTR;
+    case wait_result::ready:
+        break;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
+}
+
+int connect_to(int fd, sockaddr_in address, int port) {
+    if (port < 1 || port > 65535)
+        return EINVAL;
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return 0;
+    return errno == EINPROGRESS || errno == EINTR ? finish_connecting(fd) : errno;
+}
+
+// Until the socket is ready again after a call that would have blocked; false when it is not to be.
+bool wait_for_progress(int cn, short events) {
+    return errno == EINTR ||
+           ((errno == EAGAIN || errno == EWOULDBLOCK) &&
+            sv_wait_fd(client[cn].data, events, static_cast<int>(sv_patience.count())) == wait_result::ready);
+}
+
+void close_channel(int cn, bool report) {
+    if (!sv_is_valid(cn) || client[cn].data < 0)
+        return;
+    client_descriptor &c = client[cn];
+    if (::shutdown(c.data, SHUT_RDWR) != 0 && report)
+        sv_printf(cn, "! Error on shutdown, sock_errno = %d\n", errno);
+    ::close(c.data);
+    c.data = -1;
+}
+
+} // namespace
+
+void sv_data_setport(int cn, int port) {
+    if (!sv_is_valid(cn))
+        return;
+    close_channel(cn, false);
+    client[cn].data_port = port;
+}
+
+int sv_data_open(int cn) {
+    if (!sv_is_valid(cn) || client[cn].data_port < 0)
+        return not_connected();
+    client_descriptor &c = client[cn];
+    if (c.data >= 0)
+        return c.data;
+    sv_flush_all(cn);
+    unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) {
+        std::fprintf(stderr, "server: sv_data: Failed when creating a socket. (sock_errno=%d)\n", errno);
+        return -1;
+    }
+    const int error = connect_to(fd.get(), c.addr, c.data_port);
+    if (error != 0) {
+        std::fprintf(stderr, "server: sv_data: Failed to connect to data socket (sock_errno=%d).\n", error);
+        return -1;
+    }
+    c.data = fd.release();
+    return c.data;
+}
+
+ssize_t sv_data_write(int cn, const void *buffer, std::size_t len) {
+    if (!has_channel(cn))
+        return not_connected();
+    sv_flush_all(cn);
+    const char *bytes = static_cast<const char *>(buffer);
+    std::size_t sent = 0;
+    while (sent < len) {
+        const ssize_t n = ::send(client[cn].data, bytes + sent, len - sent, MSG_NOSIGNAL);
+        if (n >= 0)
+            sent += static_cast<std::size_t>(n);
+        else if (!wait_for_progress(cn, POLLOUT))
+            return -1;
+    }
+    return static_cast<ssize_t>(sent);
+}
+
+ssize_t sv_data_read(int cn, void *buffer, std::size_t len) {
+    if (!has_channel(cn))
+        return not_connected();
+    sv_flush_all(cn);
+    for (;;) {
+        const ssize_t n = ::recv(client[cn].data, buffer, len, 0);
+        if (n >= 0)
+            return n;
+        if (!wait_for_progress(cn, POLLIN))
+            return -1;
+    }
+}
+
+void sv_data_close(int cn) {
+    close_channel(cn, true);
+}
+void sv_data_abort(int cn) {
+    close_channel(cn, true);
+}
+int sv_get_data_sock(int cn) {
+    return sv_is_valid(cn) ? client[cn].data : -1;
+}
+
+} // namespace kestrel

@@ -1,0 +1,170 @@
+// server: direct mode. The terminal is session 0; the line-editing library reads it. A pipe instead of a
+// terminal is read like any session, so that a command's `input` and the loop take from one buffer.
+#include "server/hooks.h"
+#include "server/input.h"
+#include "server/interrupt.h"
+#include "server/loops.h"
+#include "server/outbox.h"
+#include "server/output.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <editline/readline.h>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <unistd.h>
+
+namespace kestrel {
+
+namespace {
+
+constexpr int terminal = 0; // the session
+bool line_interrupted = false;
+
+// The editing library keeps the terminal right around stops and window changes with handlers of its own, but
+// passes SIGINT and its like on to the whole process group: those stay ours while it waits.
+class own_signals {
+  public:
+    own_signals() {
+        for (std::size_t i = 0; i < std::size(numbers); ++i)
+            ::sigaction(numbers[i], nullptr, &actions_[i]);
+    }
+    void install() const {
+        for (std::size_t i = 0; i < std::size(numbers); ++i)
+            ::sigaction(numbers[i], &actions_[i], nullptr);
+    }
+
+  private:
+    static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
+    struct sigaction actions_[std::size(numbers)];
+};
+
+std::optional<own_signals> signals;
+
+// One byte for the editing library. ^C drops the line: the library sees its end.
+int read_key(std::FILE *) {
+    signals->install();
+    for (;;) {
+        if (sv_wait_fd(STDIN_FILENO, POLLIN, -1) == wait_result::interrupted) {
+            std::fputs("^C", rl_outstream);
+            std::fflush(rl_outstream);
+            line_interrupted = true;
+            return '\n';
+        }
+        unsigned char byte = 0;
+        const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
+        if (n == 1)
+            return byte;
+        if (n == 0 || (errno != EINTR && errno != EAGAIN))
+            return EOF;
+    }
+}
+
+std::vector<std::string> candidates; // whole lines
+std::size_t word_start = 0;          // of the word being completed
+
+// The candidates' words one after the other, as the library wants them: allocated with malloc.
+char *user_completion_generator(const char *, int state) {
+    static std::size_t next = 0;
+    if (state == 0)
+        next = 0;
+    while (next < candidates.size()) {
+        const std::string &line = candidates[next++];
+        if (line.size() > word_start)
+            return ::strdup(line.c_str() + word_start);
+    }
+    return nullptr;
+}
+
+char **user_rl_completion(const char *text, int start, int end) {
+    rl_attempted_completion_over = 1; // no file names
+    if (!sv_hooks.complete || start < 0 || end < start)
+        return nullptr;
+    candidates = sv_hooks.complete({rl_line_buffer, static_cast<std::size_t>(end)});
+    word_start = static_cast<std::size_t>(start);
+    return rl_completion_matches(text, user_completion_generator);
+}
+
+void prepare_terminal() {
+    rl_getc_function = read_key;
+    rl_attempted_completion_function = user_rl_completion;
+    rl_readline_name = "kestrel";
+    using_history();
+    signals.emplace();
+}
+
+struct free_memory {
+    void operator()(char *p) const { std::free(p); }
+};
+
+// One line of the terminal; false at the end of its input.
+bool edit_line(std::string &line) {
+    client[terminal].received.clear(); // the rest of an answer typed ahead of its question
+    client[terminal].taken = 0;
+    line_interrupted = false;
+    const std::unique_ptr<char, free_memory> text(::readline("> "));
+    if (!text) {
+        std::printf("\n");
+        return false;
+    }
+    line = line_interrupted ? "" : text.get();
+    if (!line.empty())
+        ::add_history(line.c_str());
+    return true;
+}
+
+// One line of a pipe; false at its end.
+bool read_line(std::string &line) {
+    sv_write(terminal, sv_prompt_text.data(), sv_prompt_text.size());
+    line.clear();
+    switch (sv_read_line(terminal, line)) {
+    case read_status::done:
+        return true;
+    case read_status::interrupted:
+        line.clear();
+        return true;
+    case read_status::end:
+        return !line.empty(); // a last line without its end is a line
+    case read_status::gone:
+        return false;
+    }
+    return false;
+}
+
+void serve_lines() {
+    const bool editing = ::isatty(STDIN_FILENO) != 0;
+    if (editing)
+        prepare_terminal();
+    std::string line;
+    while (!close_server) {
+        sv_quit = 0;
+        outbox_append(terminal, "", {.below_timebar = true}); // the prompt starts on a line of its own
+        if (editing)
+            sv_flush_all(terminal);
+        if (!(editing ? edit_line(line) : read_line(line)))
+            break;
+        sv_quit = 0;
+        sv_hooks.service(terminal, line.c_str(), 1, nullptr, nullptr);
+    }
+}
+
+} // namespace
+
+void direct_loop(const char *program) {
+    use_network = 0;
+    sv_fill_slot(terminal, STDIN_FILENO, STDOUT_FILENO);
+    sv_print_banner(program, "Directly connected to the terminal.");
+    sv_run_startup_file();
+    if (sv_hooks.user_connect)
+        sv_hooks.user_connect(terminal);
+    serve_lines();
+    if (sv_hooks.user_disconnect)
+        sv_hooks.user_disconnect(terminal);
+    if (sv_hooks.user_exit)
+        sv_hooks.user_exit();
+    sv_flush(terminal);
+}
+
+} // namespace kestrel

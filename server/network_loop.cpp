@@ -1,0 +1,361 @@
+// server: network mode. One select loop accepts sessions, assembles their lines and runs them.
+//
+// A turn looks at the sockets once and then serves what has been received, one line a session and round. A
+// round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
+// again. What a session is told leaves when its received bytes are used up, and at the latest at the end of
+// the turn. A session whose peer does not take its replies is neither read nor served until it does.
+#include "server/hooks.h"
+#include "server/input.h"
+#include "server/input_machine.h"
+#include "server/interrupt.h"
+#include "server/line_editor.h"
+#include "server/loops.h"
+#include "server/outbox.h"
+#include "server/output.h"
+#include "support/fd.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <vector>
+
+namespace kestrel {
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+constexpr int listen_backlog = 4;
+constexpr int select_seconds = 5;
+constexpr std::chrono::milliseconds turn_time{4};
+constexpr std::size_t gathered_between_lines = outbox_limit / 2;
+
+// ---- listening
+
+[[noreturn]] void cannot_listen(const char *why, int error) {
+    std::fputs(why, stderr);
+    sv_die(error);
+}
+
+unique_fd open_listening_socket(int port) {
+    unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd)
+        cannot_listen("Can't open /socket.\n", errno);
+    const int on = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        cannot_listen("Can't bind socket.\n"
+                      "Either another process is using this port already, or else you must wait\n"
+                      "a short while for Linux's Internet library to time-out and allow further binds.\n",
+                      errno);
+    if (::listen(fd.get(), listen_backlog) != 0)
+        cannot_listen("Can't do listen on socket\n", errno);
+    return fd;
+}
+
+// ---- the start-up file, which has session 0 before the first client
+
+void run_startup() {
+    const unique_fd no_input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    sv_fill_slot(0, no_input.get(), STDOUT_FILENO);
+    sv_quit = 0;
+    sv_run_startup_file();
+    sv_flush(0);
+    sv_free_slot(0);
+}
+
+// ---- new sessions
+
+void user_prompt(int cn) {
+    sv_write(cn, sv_prompt_text.data(), sv_prompt_text.size());
+}
+
+void set_no_delay(int cn, int fd) {
+    static const protoent *const tcp = ::getprotobyname("tcp");
+    if (!tcp)
+        std::fprintf(stderr, "%d: Cannot get protocol TCP\n", cn);
+    const int on = 1;
+    if (::setsockopt(fd, tcp ? tcp->p_proto : IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+        std::fprintf(stderr, "%d: Cannot set socket options: error code=%d\n", cn, errno);
+}
+
+// The peer gave up before it was accepted.
+bool peer_gave_up(int error) {
+    static constexpr int gone[] = {EAGAIN, ECONNABORTED, EINTR,      EPROTO,       ENOPROTOOPT, ENETDOWN,
+                                   ENONET, EHOSTDOWN,    EOPNOTSUPP, EHOSTUNREACH, ENETUNREACH, ETIMEDOUT};
+    return std::find(std::begin(gone), std::end(gone), error) != std::end(gone);
+}
+
+int lowest_free_slot() {
+    int cn = 0;
+    while (cn < sv_max_clients && client[cn].valid)
+        ++cn;
+    return cn;
+}
+
+void accept_session() {
+    const int cn = lowest_free_slot();
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    unique_fd fd(
+        ::accept4(listen_socket, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!fd && peer_gave_up(errno)) {
+        std::printf("Repolling listen but why using select ?\n");
+        return;
+    }
+    if (!fd) {
+        const int error = errno;
+        std::fprintf(stderr, "Error in accept when listening for new connections\n");
+        sv_die(error);
+    }
+    if (fd.get() >= FD_SETSIZE) {
+        std::fprintf(stderr, "server: Connection refused, descriptor %d is beyond the limit of %d\n",
+                     fd.get(), FD_SETSIZE);
+        return;
+    }
+    char dotted[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
+    std::printf("%d: New connection established to %s\n", cn, dotted);
+    set_no_delay(cn, fd.get());
+    sv_fill_slot(cn, fd.get(), fd.get());
+    fd.release(); // the slot's now
+    client[cn].addr = peer;
+    ++nr_conns;
+    if (sv_hooks.user_connect)
+        sv_hooks.user_connect(cn);
+    user_prompt(cn);
+    outbox_try(cn);
+}
+
+// ---- one line
+
+void log_line(int cn, const char *line) {
+    if (!log_file && !vlog_file)
+        return;
+    const std::string shown = sv_masked(line);
+    if (log_file) {
+        std::fprintf(log_file, "%d: %s ", cn, shown.c_str());
+        std::fflush(log_file);
+    }
+    if (vlog_file) {
+        std::fprintf(vlog_file, "%d: %s\n", cn, shown.c_str());
+        std::fflush(vlog_file);
+    }
+}
+
+// Runs the line in c.input. The session may be gone afterwards.
+void service_line_of(int cn) {
+    client_descriptor &c = client[cn];
+    char line[sv_line_max + 1];
+    std::memcpy(line, c.input, c.len + 1);
+    sv_ln_start(c);
+    log_line(cn, line);
+    sv_quit = 0;
+    sv_hooks.service(cn, line, 1, log_file, vlog_file);
+    if (log_file) {
+        std::fputc('\n', log_file);
+        std::fflush(log_file);
+    }
+    if (sv_is_valid(cn))
+        user_prompt(cn);
+}
+
+// Feeds the session's received bytes up to the end of one line, and runs it. True when more are to be served.
+bool serve_one_line(int cn) {
+    client_descriptor &c = client[cn];
+    std::string reply;
+    std::string notice;
+    std::size_t used = 0;
+    const input_event event = sv_input_feed(c, sv_received(c), used, {reply, notice});
+    sv_take(c, used);
+    if (!notice.empty())
+        std::fputs(notice.c_str(), stdout);
+    if (!reply.empty())
+        sv_write(cn, reply.data(), reply.size());
+    if (event == input_event::overlong) {
+        std::fprintf(stderr, "server: Client input line is longer than %d chars\n",
+                     static_cast<int>(sv_line_max));
+        sv_die(1);
+    }
+    if (event == input_event::disconnect)
+        sv_disconnect_client(cn);
+    if (event == input_event::line)
+        service_line_of(cn);
+    return sv_is_valid(cn) && event != input_event::pause && !sv_received(c).empty();
+}
+
+// ---- one turn
+
+void receive(int cn) {
+    client_descriptor &c = client[cn];
+    const ssize_t n = sv_receive(c);
+    if (n > 0)
+        return;
+    const int error = errno;
+    if (n < 0 && (error == EAGAIN || error == EINTR))
+        return;
+    if (n == 0)
+        std::printf("Infered disconnect because of EOF\n");
+    else if (sv_peer_is_gone(error))
+        std::printf("Infered disconnect because of sock_errno=%d\n", error);
+    else {
+        std::fprintf(stderr, "Read failed when polling client=%d, path=%d, sock_errno=%d, 'poll_client'\n",
+                     cn, c.in, error);
+        sv_die(error);
+    }
+    sv_disconnect_client(cn);
+}
+
+struct socket_sets {
+    fd_set read;
+    fd_set write;
+    int highest = -1;
+    std::vector<int> sessions; // whose received bytes are there to be served
+};
+
+void watch(socket_sets &sets, fd_set &set, int fd) {
+    FD_SET(fd, &set);
+    sets.highest = std::max(sets.highest, fd);
+}
+
+// What is unsent, after closing the session if its peer is gone or takes nothing.
+bool waits_for_peer(int cn) {
+    const outbox_view view = outbox_look(cn);
+    if (!view.broken)
+        return view.unsent > 0;
+    std::printf("Infered disconnect because of sock_errno=%d\n", view.error);
+    sv_disconnect_client(cn);
+    return false;
+}
+
+void set_watches(socket_sets &sets) {
+    FD_ZERO(&sets.read);
+    FD_ZERO(&sets.write);
+    sets.highest = -1;
+    sets.sessions.clear();
+    const bool attention = outbox_attention();
+    for (int cn = 0; cn < sv_max_clients; ++cn) {
+        const client_descriptor &c = client[cn];
+        if (!c.valid)
+            continue;
+        const bool waits = attention && waits_for_peer(cn);
+        if (!c.valid)
+            continue;
+        if (waits)
+            watch(sets, sets.write, c.out);
+        else if (!sv_received(c).empty())
+            sets.sessions.push_back(cn);
+        else
+            watch(sets, sets.read, c.in);
+    }
+    if (nr_conns < sv_max_clients)
+        watch(sets, sets.read, listen_socket);
+    if (user_select_add)
+        sets.highest = user_select_add(&sets.read, sets.highest);
+}
+
+// True when the session is to have another line in this turn.
+bool serve_session(int cn) {
+    if (!sv_is_valid(cn))
+        return false;
+    const bool more = serve_one_line(cn);
+    if (!sv_is_valid(cn) || (more && outbox_look(cn).unsent < gathered_between_lines))
+        return more;
+    return outbox_try(cn) == outbox_status::empty && more;
+}
+
+// Serves the sessions in rounds of one line each while turn_time lasts.
+void serve(std::vector<int> &sessions) {
+    const auto end = steady::now() + turn_time;
+    do {
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < sessions.size(); ++i) {
+            if (serve_session(sessions[i]))
+                sessions[kept++] = sessions[i];
+        }
+        sessions.resize(kept);
+    } while (!sessions.empty() && !close_server && steady::now() < end);
+    outbox_try_all();
+}
+
+// Takes what came on the watched sockets.
+void receive_from_ready(socket_sets &sets) {
+    for (int cn = 0; cn < sv_max_clients; ++cn) {
+        const client_descriptor &c = client[cn];
+        if (!c.valid)
+            continue;
+        if (FD_ISSET(c.out, &sets.write))
+            outbox_try(cn);
+        if (!FD_ISSET(c.in, &sets.read))
+            continue;
+        receive(cn);
+        sets.sessions.push_back(cn);
+    }
+    std::sort(sets.sessions.begin(), sets.sessions.end());
+}
+
+void turn() {
+    static socket_sets sets;
+    set_watches(sets);
+    timeval timeout{sets.sessions.empty() ? select_seconds : 0, 0};
+    if (::select(sets.highest + 1, &sets.read, &sets.write, nullptr, &timeout) < 0) {
+        if (errno == EINTR)
+            return;
+        const int error = errno;
+        std::printf("select returns error %d\n", error);
+        sv_die(error);
+    }
+    if (user_select_test)
+        user_select_test(&sets.read);
+    if (FD_ISSET(listen_socket, &sets.read))
+        accept_session();
+    receive_from_ready(sets);
+    if (!sets.sessions.empty())
+        serve(sets.sessions);
+}
+
+void shut_down() {
+    for (int cn = 0; cn < sv_max_clients; ++cn) {
+        if (client[cn].valid)
+            sv_disconnect_client(cn);
+    }
+}
+
+void close_log(std::FILE *&file) {
+    if (file && file != stdout)
+        std::fclose(file);
+    file = nullptr;
+}
+
+} // namespace
+
+void network_loop(const char *program, int port) {
+    use_network = 1;
+    unique_fd listening = open_listening_socket(port);
+    listen_socket = listening.get();
+    sv_print_banner(program, ("Listening for connections on port " + std::to_string(port) + ".").c_str());
+    run_startup();
+    while (!close_server)
+        turn();
+    shut_down();
+    listening.reset();
+    listen_socket = -1;
+    if (sv_hooks.user_exit)
+        sv_hooks.user_exit();
+    close_log(log_file);
+    close_log(vlog_file);
+}
+
+} // namespace kestrel

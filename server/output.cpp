@@ -1,0 +1,169 @@
+#include "server/output.h"
+
+#include "server/interrupt.h"
+#include "server/outbox.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <span>
+
+namespace kestrel {
+
+int timebar_on = 0;
+
+namespace {
+
+constexpr std::size_t printf_size = 1224; // with the terminator
+constexpr std::size_t vprintf_size = 1048;
+constexpr std::size_t label_max = 1000; // leaves room for the rest of a progress line
+
+void log_reply(int cn, std::string_view text) {
+    if (!vlog_file)
+        return;
+    std::fprintf(vlog_file, "%d:Print:%s", cn, sv_masked(text).c_str());
+    std::fflush(vlog_file);
+}
+
+// The server's own output, one call one piece.
+void print_to_server(std::string_view text) {
+    std::string converted;
+    for (const char c : text) {
+        if (c == '\n')
+            converted += '\r';
+        converted += c;
+    }
+    std::fwrite(converted.data(), 1, converted.size(), stdout);
+    std::fflush(stdout);
+}
+
+// Formats into the buffer; a text that is cut keeps its line end. Returns its length.
+int format_text(std::span<char> buffer, const char *format, va_list args) {
+    const int wanted = std::vsnprintf(buffer.data(), buffer.size(), format, args);
+    if (wanted < 0 || static_cast<std::size_t>(wanted) < buffer.size())
+        return std::max(wanted, 0);
+    if (std::string_view(format).ends_with('\n'))
+        buffer[buffer.size() - 2] = '\n';
+    return static_cast<int>(buffer.size() - 1);
+}
+
+int print_formatted(int cn, std::span<char> buffer, const char *format, va_list args) {
+    const int length = format_text(buffer, format, args);
+    sv_print(cn, {buffer.data(), static_cast<std::size_t>(length)});
+    return length;
+}
+
+bool is_slot(int cn) {
+    return cn >= 0 && cn < sv_max_clients;
+}
+
+} // namespace
+
+int sv_writeln(int cn, const char *buffer, std::size_t length) {
+    if (cn < 0 && !use_network && client[0].valid)
+        cn = 0; // the same terminal, in the same order
+    if (cn < 0)
+        print_to_server({buffer, length});
+    else if (cn >= sv_max_clients ||
+             !outbox_append(cn, {buffer, length}, {.crlf = true, .below_timebar = true}))
+        return -1;
+    return static_cast<int>(length);
+}
+
+int sv_print(int cn, std::string_view text) {
+    log_reply(cn, text);
+    return sv_writeln(cn, text.data(), text.size());
+}
+
+int sv_printf(int cn, const char *format, ...) {
+    std::array<char, printf_size> buffer;
+    va_list args;
+    va_start(args, format);
+    const int length = print_formatted(cn, buffer, format, args);
+    va_end(args);
+    return length;
+}
+
+int sv_vprintf(int cn, const char *format, va_list args) {
+    std::array<char, vprintf_size> buffer;
+    return print_formatted(cn, buffer, format, args);
+}
+
+int sv_write(int cn, const void *buffer, std::size_t length) {
+    if (cn < 0)
+        return static_cast<int>(length);
+    if (!is_slot(cn) || !outbox_append(cn, {static_cast<const char *>(buffer), length}, {}))
+        return -1;
+    return static_cast<int>(length);
+}
+
+void sv_flush(int cn) {
+    if (sv_is_valid(cn))
+        outbox_flush(cn);
+}
+
+void sv_flush_all(int cn) {
+    if (!outbox_attention())
+        return;
+    sv_flush(cn);
+    outbox_try_all();
+}
+
+void sv_set_radix(int cn, int radix) {
+    if (sv_is_valid(cn) && (radix == 2 || radix == 10 || radix == 16))
+        client[cn].radix = radix;
+}
+
+int sv_get_radix(int cn) {
+    return sv_is_valid(cn) ? client[cn].radix : 10;
+}
+
+void sv_timebar(int cn, int done, int total, const char *label) {
+    static constexpr std::string_view spinner = "-\\|/-\\|/";
+    static std::size_t step = 0;
+    const std::string name(std::string_view(label ? label : "").substr(0, label_max));
+    const double percent = total != 0 ? done * 100.0 / total : 100.0;
+    const char spin = spinner[step++ % spinner.size()];
+    std::array<char, printf_size> line;
+    int length = 0;
+    if (!is_slot(cn))
+        return;
+    if (use_network)
+        length = std::snprintf(line.data(), line.size(), "@ %d %d '%s'\r\n", done, total, name.c_str());
+    else if (label)
+        length = std::snprintf(line.data(), line.size(), "@ '%s' %c %3d/%-3d = %5.1f%%  %c", name.c_str(),
+                               spin, done, total, percent, '\r');
+    else
+        length = std::snprintf(line.data(), line.size(), "@ %c %3d/%-3d = %5.1f%%  %c", spin, done, total,
+                               percent, '\r');
+    outbox_append(cn, {line.data(), static_cast<std::size_t>(length)}, {.opens_timebar = true});
+    sv_flush_all(cn);
+}
+
+int sv_signal(int cn, int descriptor, int wait) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (wait)
+        sv_flush_all(cn);
+    while (::fcntl(descriptor, wait ? F_SETLKW : F_SETLK, &lock) != 0) {
+        if (errno == EINTR && sv_quit == 0)
+            continue;
+        sv_printf(cn, "! Cannot perform sv_signal. Errno = %d\n", errno);
+        return -1;
+    }
+    return 0;
+}
+
+int sv_release(int cn, int descriptor) {
+    struct flock lock {};
+    lock.l_type = F_UNLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(descriptor, F_SETLK, &lock) == 0)
+        return 0;
+    sv_printf(cn, "! Cannot perform sv_release. Errno = %d\n", errno);
+    return -1;
+}
+
+} // namespace kestrel

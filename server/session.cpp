@@ -1,0 +1,113 @@
+#include "server/session.h"
+
+#include "server/hooks.h"
+#include "server/outbox.h"
+#include "server/output.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace kestrel {
+
+client_descriptor client[sv_max_clients];
+int use_network = 0;
+int listen_socket = -1;
+int nr_conns = 0;
+int close_server = 0;
+
+namespace {
+
+const pthread_t command_thread = pthread_self(); // static initialisation runs on the main thread
+
+// The slot as it was before its first use; history and candidates are freed.
+void clear_slot(client_descriptor &c) {
+    const std::lock_guard lock(c.output_mutex);
+    outbox_discard(c);
+    static_cast<session_fields &>(c) = session_fields{};
+}
+
+void close_data_socket(client_descriptor &c) {
+    if (c.data < 0)
+        return;
+    ::shutdown(c.data, SHUT_RDWR);
+    ::close(c.data);
+    c.data = -1;
+}
+
+void disconnect_network_client(int cn) {
+    client_descriptor &c = client[cn];
+    if (close_server)
+        outbox_try(cn); // 339 peers that do not read would hold up the shutdown
+    else
+        outbox_flush(cn);
+    if (c.include_lvl > 0)
+        c.in = c.include_top_path;
+    close_data_socket(c);
+    const bool counted = c.is_socket; // the start-up file's session has the terminal, and keeps it
+    const int fd = c.in;
+    clear_slot(c); // before the descriptor's number can come back with another peer
+    if (counted) {
+        ::shutdown(fd, SHUT_RDWR);
+        ::close(fd);
+        --nr_conns;
+    }
+    std::printf("%d: Disconnected\n", cn);
+    if (sv_hooks.user_disconnect)
+        sv_hooks.user_disconnect(cn);
+}
+
+} // namespace
+
+client_descriptor *sv_get_descriptor(int cn) {
+    return &client[cn];
+}
+
+bool sv_is_valid(int cn) {
+    return cn >= 0 && cn < sv_max_clients && client[cn].valid != 0;
+}
+
+void sv_fill_slot(int cn, int in, int out) {
+    client_descriptor &c = client[cn];
+    clear_slot(c);
+    const std::lock_guard lock(c.output_mutex);
+    outbox_open(c);
+    c.in = in;
+    c.out = out;
+    c.is_socket = in == out;
+    c.valid = 1;
+}
+
+void sv_free_slot(int cn) {
+    clear_slot(client[cn]);
+}
+
+void sv_disconnect_client(int cn) {
+    if (!sv_is_valid(cn))
+        return;
+    if (use_network)
+        disconnect_network_client(cn);
+    else
+        close_server = 1;
+}
+
+int sv_get_include_lvl(int cn) {
+    return sv_is_valid(cn) ? client[cn].include_lvl : 0;
+}
+
+bool sv_on_command_thread() {
+    return pthread_equal(pthread_self(), command_thread) != 0;
+}
+
+void sv_stop_server() {
+    close_server = 1;
+}
+
+void sv_die(int status) {
+    std::fflush(nullptr);
+    ::_exit(status);
+}
+
+} // namespace kestrel
