@@ -5,6 +5,7 @@
 #include "parser/script.h"
 #include "parser/variables.h"
 #include "server/options.h"
+#include "unified/handles/handles.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -41,7 +42,8 @@ void user_main(int argc, char **argv) {
 }
 
 void user_connect(int) {}
-void user_disconnect(int) {}
+// What the session has open goes with it.
+void user_disconnect(int cn) { unif_connection_lost(cn); }
 void user_exit() {}
 
 } // namespace
