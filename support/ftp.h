@@ -20,16 +20,16 @@ struct ftp_account {
     std::string password;
 };
 
-// Where the dialogue with the server is written, never with a password. Level 1: commands and replies; 2: also the
-// library's remarks; 3: also the size of every block of data.
+// Where the dialogue with the server is written, never with a password. Level 1: commands and replies; 2:
+// also the library's remarks; 3: also the size of every block of data.
 struct ftp_trace {
     int level = 0;
     std::FILE *to = nullptr;
 };
 
 struct ftp_options {
-    bool ascii = false;  // transfer as text
-    bool append = false; // put only: add to the end of the remote file
+    bool ascii = false;               // transfer as text
+    bool append = false;              // put only: add to the end of the remote file
     const ftp_trace *trace = nullptr; // lives as long as the transfer
     std::function<bool()> stop;
 };

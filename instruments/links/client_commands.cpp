@@ -114,7 +114,8 @@ const PARSE_TREE client_tree[] = {
                              "connect to other servers, retrying until all answer",
                              "Time-out in seconds/Look-up X/Look-up Y/Correlator/ADC X/ADC Y/Motor server/"
                              "EMBERW 0/EMBERW 1"),
-    pt_command<disconnect_all>("disconnect", "= %d", "disconnect from all other servers (they keep running)", ""),
+    pt_command<disconnect_all>("disconnect", "= %d", "disconnect from all other servers (they keep running)",
+                               ""),
     pt_command<status>("status", "= %d", "display the status of the connections to other servers", ""),
     pt_command<up>("up", "lux luy corr adcx adcy = %d", "test whether a server is or can be connected",
                    "Look-up X/Look-up Y/Correlator/ADC X/ADC Y"),

@@ -43,9 +43,13 @@ void on_progress(int link, const remote_progress &p) {
     sv_timebar(client[link].session, p.done, p.total, label.c_str());
 }
 
-void on_error_code(int link, const char *text) { sv_printf(client[link].session, "! %s\n", text); }
+void on_error_code(int link, const char *text) {
+    sv_printf(client[link].session, "! %s\n", text);
+}
 
-int on_question(int link, const std::string &) { return sv_wait_retry(client[link].session); }
+int on_question(int link, const std::string &) {
+    return sv_wait_retry(client[link].session);
+}
 
 constexpr cln_handlers handlers = {on_information, on_error, on_progress, on_error_code, on_question};
 
@@ -75,8 +79,8 @@ cln_status ready(int cn, int link) {
     return status;
 }
 
-// Waits for the prompt, sends, waits for the reply. A link that did not come through is closed, as is one that ^C
-// left in the middle of a reply.
+// Waits for the prompt, sends, waits for the reply. A link that did not come through is closed, as is one
+// that ^C left in the middle of a reply.
 cln_status attempt(int cn, int link, const std::string &command) {
     cln_link &socket = client[link].socket;
     cln_status status = ready(cn, link);
@@ -109,7 +113,8 @@ std::optional<remote_result> exchange(int cn, int link, const std::string &comma
 bool fits_a_line(int cn, const std::string &command) {
     if (command.size() <= sv_line_max && command.find_first_of("\r\n") == std::string::npos)
         return true;
-    sv_printf(cn, "! A command for another server should be one line of at most %zu characters\n", sv_line_max);
+    sv_printf(cn, "! A command for another server should be one line of at most %zu characters\n",
+              sv_line_max);
     return false;
 }
 
@@ -135,8 +140,12 @@ int client_connect(int cn, int link) {
     return 0;
 }
 
-bool connected_to(int link) { return client[link].connected; }
-unsigned long client_generation(int link) { return client[link].generation; }
+bool connected_to(int link) {
+    return client[link].connected;
+}
+unsigned long client_generation(int link) {
+    return client[link].generation;
+}
 
 void disconnect_from(int cn, int link) {
     client_state &state = client[link];
@@ -210,7 +219,9 @@ int send_nowait(int cn, int link, const std::string &command) {
     return -1;
 }
 
-int send_string(int cn, int link, const std::string &text) { return send_nowait(cn, link, text); }
+int send_string(int cn, int link, const std::string &text) {
+    return send_nowait(cn, link, text);
+}
 
 int wait_for(int cn, int link) {
     const ownership owner(cn, link);
@@ -256,8 +267,8 @@ wait_result wait_either(int cn, int data, int link) {
     return wait_result::timeout;
 }
 
-// Receives the data while the link tells how its command goes. When the reply has ended nothing more is sent, and
-// what is missing then stays missing.
+// Receives the data while the link tells how its command goes. When the reply has ended nothing more is sent,
+// and what is missing then stays missing.
 data_end receive_data(int cn, cln_link &link, int listener, char *buffer, std::size_t nbytes, bool &replied) {
     unique_fd data;
     std::size_t have = 0;
@@ -325,7 +336,8 @@ int clients_get_data(int cn, int link, const std::string &command, void *buffer,
     }
     bool replied = false;
     errno = 0;
-    const data_end end = receive_data(cn, socket, listener.get(), static_cast<char *>(buffer), nbytes, replied);
+    const data_end end =
+        receive_data(cn, socket, listener.get(), static_cast<char *>(buffer), nbytes, replied);
     return finish_data(cn, link, end, replied);
 }
 

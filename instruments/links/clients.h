@@ -1,5 +1,5 @@
-// instruments/links: the thirteen links to other servers. A link belongs to the process; the session that runs a
-// command over it owns it for that exchange, and sees what the remote prints meanwhile.
+// instruments/links: the thirteen links to other servers. A link belongs to the process; the session that
+// runs a command over it owns it for that exchange, and sees what the remote prints meanwhile.
 #pragma once
 
 #include "instruments/links/link_protocol.h"
@@ -12,8 +12,20 @@
 namespace kestrel::links {
 
 enum link_number : int {
-    link_lux, link_luy, link_corr, link_adcx, link_adcy, link_motors, link_pgen, link_imgd, link_emberw0,
-    link_emberw1, link_user1, link_user2, link_kairo, link_count
+    link_lux,
+    link_luy,
+    link_corr,
+    link_adcx,
+    link_adcy,
+    link_motors,
+    link_pgen,
+    link_imgd,
+    link_emberw0,
+    link_emberw1,
+    link_user1,
+    link_user2,
+    link_kairo,
+    link_count
 };
 
 struct link_config {
@@ -54,8 +66,8 @@ void client_redefine(int cn, int link, const char *host, int port);
 // How often the link has been opened: a remote handle is good for one count.
 unsigned long client_generation(int link);
 
-// Bulk data: tells the remote a data port of ours (0 or -1), runs the command and reads exactly nbytes of what
-// it sends there: 0, or -1 after a line. The port is closed on every path.
+// Bulk data: tells the remote a data port of ours (0 or -1), runs the command and reads exactly nbytes of
+// what it sends there: 0, or -1 after a line. The port is closed on every path.
 int clients_get_data(int cn, int link, const std::string &command, void *buffer, std::size_t nbytes);
 
 } // namespace kestrel::links

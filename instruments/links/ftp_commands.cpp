@@ -40,7 +40,8 @@ std::string client_address(int cn) {
     return text;
 }
 
-// The client's own machine, the user "ftp", and an e-mail address as its password, unless the line says otherwise.
+// The client's own machine, the user "ftp", and an e-mail address as its password, unless the line says
+// otherwise.
 ftp_account account_of(int quals, int cn) {
     return {quals & ftp_host ? Qualifier[0].StringArg : client_address(cn),
             quals & ftp_user ? Qualifier[1].StringArg : "ftp",
@@ -64,8 +65,8 @@ int complain(int cn, const ftp_account &account, const char *verb, const std::st
         sv_print(cn, "! FTP open failed to machine '" + account.machine + "': " + result.text + "\n");
         return -1;
     case ftp_stage::login:
-        sv_print(cn, "! FTP Authorisation failed to machine '" + account.machine + "', user '" + account.user +
-                         "'\n");
+        sv_print(cn, "! FTP Authorisation failed to machine '" + account.machine + "', user '" +
+                         account.user + "'\n");
         return -1;
     default:
         sv_print(cn, std::string("! FTP ") + verb + " of '" + file + "' failed: " + result.text + "\n");
@@ -128,7 +129,8 @@ int receive_file(int cn, int quals, const char *remote, const std::string &local
     const auto sink = [&file](std::span<const std::byte> bytes) {
         return std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
     };
-    if (const int failed = complain(cn, account, "get", remote, ftp_get(account, remote, sink, options_of(quals))))
+    if (const int failed =
+            complain(cn, account, "get", remote, ftp_get(account, remote, sink, options_of(quals))))
         return failed;
     if (std::fclose(file.release()) != 0 || ::rename(part.name.c_str(), local.c_str()) != 0)
         return file_error(cn, local);
@@ -167,14 +169,16 @@ constexpr const char *transfer_format = "%s +%s host %s user %s password %s asci
 } // namespace
 
 const PARSE_TREE ftp_tree[] = {
-    pt_command<put>("put", transfer_format, "send a file from the server to your machine by FTP",
-                    "File name on the server/Name on the target machine (default: the same)/"
-                    "Target machine (default: yours)/User (default: ftp)/Password (default: an e-mail address)/"
-                    "Transfer as text (default: binary)"),
-    pt_command<get>("get", transfer_format, "fetch a file from your machine to the server by FTP",
-                    "File name on the source machine/Name on the server (default: the same)/"
-                    "Source machine (default: yours)/User (default: ftp)/Password (default: an e-mail address)/"
-                    "Transfer as text (default: binary)"),
+    pt_command<put>(
+        "put", transfer_format, "send a file from the server to your machine by FTP",
+        "File name on the server/Name on the target machine (default: the same)/"
+        "Target machine (default: yours)/User (default: ftp)/Password (default: an e-mail address)/"
+        "Transfer as text (default: binary)"),
+    pt_command<get>(
+        "get", transfer_format, "fetch a file from your machine to the server by FTP",
+        "File name on the source machine/Name on the server (default: the same)/"
+        "Source machine (default: yours)/User (default: ftp)/Password (default: an e-mail address)/"
+        "Transfer as text (default: binary)"),
     pt_command<set_debug>("set-debug", "%d +%s = %d", "set the debug level of the FTP library",
                           "Level 0 to 3/Log file (default: standard error)"),
     pt_end(),

@@ -3,8 +3,8 @@
 
 namespace kestrel::links {
 
-// A module has been made (or filled anew), or its shape has changed. Nothing is sent, and no failure counts, for
-// kinds of announcement that are not enabled.
+// A module has been made (or filled anew), or its shape has changed. Nothing is sent, and no failure counts,
+// for kinds of announcement that are not enabled.
 void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t);
 void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t);
 

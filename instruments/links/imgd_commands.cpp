@@ -34,8 +34,8 @@ int enable(int quals, int cn) {
     if (quals == 0)
         sv_printf(cn, "# Enabled:%s%s%s%s%s\n", enabled & imgd_config ? " config" : "",
                   enabled & imgd_set_shape ? " set-shape" : "",
-                  enabled & imgd_auto_display ? " auto-display" : "", enabled & imgd_display ? " display" : "",
-                  enabled & imgd_kairo ? " kairo" : "");
+                  enabled & imgd_auto_display ? " auto-display" : "",
+                  enabled & imgd_display ? " display" : "", enabled & imgd_kairo ? " kairo" : "");
     return 0;
 }
 
@@ -50,11 +50,15 @@ std::string shape(int num_x, int num_y, int num_t) {
     return std::to_string(num_x) + " " + std::to_string(num_y) + " " + std::to_string(num_t);
 }
 
-std::string quoted(const char *name) { return std::string("'") + name + "'"; }
+std::string quoted(const char *name) {
+    return std::string("'") + name + "'";
+}
 
 } // namespace
 
-bool imgd_display_enabled() { return enabled & imgd_display; }
+bool imgd_display_enabled() {
+    return enabled & imgd_display;
+}
 
 void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t) {
     if (announces(imgd_config, name))
@@ -72,10 +76,11 @@ void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t
 }
 
 const PARSE_TREE imgd_tree[] = {
-    pt_command<enable>("enable", " reset all config set-shape auto-display display kairo = %d",
-                       "choose which image displayer commands are sent automatically",
-                       "Disable all first/Enable all/Configure new modules/Tell the shape of modules/"
-                       "Display new modules/Display modules when commands ask for it/Include the frame times"),
+    pt_command<enable>(
+        "enable", " reset all config set-shape auto-display display kairo = %d",
+        "choose which image displayer commands are sent automatically",
+        "Disable all first/Enable all/Configure new modules/Tell the shape of modules/"
+        "Display new modules/Display modules when commands ask for it/Include the frame times"),
     pt_end(),
 };
 

@@ -78,8 +78,7 @@ cln_status fail(const cln_link &link, const char *why) {
 }
 
 cln_status answer_question(cln_link &link) {
-    const int answer =
-        link.handlers->question ? link.handlers->question(link.number, link.reader.text()) : 0;
+    const int answer = link.handlers->question ? link.handlers->question(link.number, link.reader.text()) : 0;
     const char letter = answer == 1 ? 'Y' : 'N';
     if (::send(link.socket.get(), &letter, 1, MSG_NOSIGNAL) != 1)
         return fail(link, std::strerror(errno));
@@ -231,7 +230,9 @@ cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {
     return cln_send(link, line);
 }
 
-cln_status cln_wait_reply(cln_link &link) { return converse(link, -1); }
+cln_status cln_wait_reply(cln_link &link) {
+    return converse(link, -1);
+}
 
 bool cln_poll_reply(cln_link &link, cln_status &status) {
     bool got = false;
@@ -259,7 +260,8 @@ unique_fd cln_listen(const cln_link &link, int &port) {
 unique_fd cln_accept(const cln_link &link, int listener) {
     sockaddr_in from{};
     socklen_t size = sizeof from;
-    unique_fd fd(::accept4(listener, reinterpret_cast<sockaddr *>(&from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    unique_fd fd(
+        ::accept4(listener, reinterpret_cast<sockaddr *>(&from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (fd && !same_host(link, from))
         fd.reset();
     return fd;

@@ -1,5 +1,5 @@
-// instruments/links: one connection to another server of our own kind. Waits end with ^C; what the remote says on
-// its way goes to callbacks. Used by the command thread.
+// instruments/links: one connection to another server of our own kind. Waits end with ^C; what the remote
+// says on its way goes to callbacks. Used by the command thread.
 #pragma once
 
 #include "instruments/links/reply_reader.h"
@@ -17,7 +17,7 @@ struct cln_handlers {
     void (*information)(int link, const std::string &text) = nullptr;
     void (*error)(int link, const std::string &text) = nullptr;
     void (*progress)(int link, const remote_progress &progress) = nullptr;
-    void (*error_code)(int link, const char *text) = nullptr; // the link failed, and why
+    void (*error_code)(int link, const char *text) = nullptr;     // the link failed, and why
     int (*question)(int link, const std::string &text) = nullptr; // 1 yes, 0 no, -1 nobody answers
 };
 

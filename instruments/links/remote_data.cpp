@@ -1,5 +1,5 @@
-// `remote-open`: another server's data behind a unified handle of ours. Every read is a `read` over there, whose
-// bytes come back on a data connection.
+// `remote-open`: another server's data behind a unified handle of ours. Every read is a `read` over there,
+// whose bytes come back on a data connection.
 #include "instruments/links/clients.h"
 #include "instruments/links/commands.h"
 #include "server/output.h"
@@ -70,8 +70,12 @@ int forward(int path, const std::string &verb, const std::string &arguments = ""
 int remote_clear(int path, int x, int y, int t, int dx, int dy, int dt) {
     return forward(path, "clear", box_text(x, y, t, dx, dy, dt));
 }
-int remote_enable(int path) { return forward(path, "enable"); }
-int remote_disable(int path) { return forward(path, "disable"); }
+int remote_enable(int path) {
+    return forward(path, "enable");
+}
+int remote_disable(int path) {
+    return forward(path, "disable");
+}
 
 void remote_destroy(int path, int) {
     if (live_source(path))
@@ -86,8 +90,9 @@ constexpr unified_source callbacks = {.read = remote_read,
                                       .disable = remote_disable};
 
 // Links in the order of the keywords.
-constexpr int keyword_links[] = {link_adcx,    link_adcy,    link_corr, link_lux,   link_luy,   link_motors, link_pgen,
-                                 link_emberw0, link_emberw1, link_imgd, link_user1, link_user2, link_kairo};
+constexpr int keyword_links[] = {link_adcx,   link_adcy,  link_corr,    link_lux,     link_luy,
+                                 link_motors, link_pgen,  link_emberw0, link_emberw1, link_imgd,
+                                 link_user1,  link_user2, link_kairo};
 
 std::optional<int> chosen_link(int quals) {
     for (std::size_t i = 0; i < std::size(keyword_links); ++i)
@@ -152,8 +157,7 @@ int remote_open(int quals, int cn, const char *command) {
 } // namespace
 
 const PARSE_TREE row_remote_open = pt_command<remote_open>(
-    "remote-open",
-    "%s adcx adcy corr lux luy motors pgen emberw0 emberw1 imgd user1 user2 kairo = %d",
+    "remote-open", "%s adcx adcy corr lux luy motors pgen emberw0 emberw1 imgd user1 user2 kairo = %d",
     "Open a unified path on a remote server",
     "Open command of the remote server/ADC boards for X/ADC boards for Y/Correlator/Look-up board for X/"
     "Look-up board for Y/Stepper motors/Pulse generator/EMBERW 0/EMBERW 1/Image displayer/User server 1/"

@@ -46,7 +46,8 @@ std::optional<remote_progress> parse_progress(std::string_view text) {
         return std::nullopt;
     out.done = *done;
     out.total = *total;
-    std::string_view label = second == std::string_view::npos ? std::string_view() : strip(text.substr(second));
+    std::string_view label =
+        second == std::string_view::npos ? std::string_view() : strip(text.substr(second));
     if (label.size() >= 2 && label.front() == '\'' && label.back() == '\'')
         out.label = label.substr(1, label.size() - 2);
     return out;
@@ -98,7 +99,8 @@ bool reply_reader::take_result(std::string_view text) {
 
 reply_event reply_reader::classify(std::string_view line) {
     const char marker = line.empty() ? '\0' : line.front();
-    const std::string_view rest = line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1);
+    const std::string_view rest =
+        line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1);
     text_ = rest;
     switch (marker) {
     case '#':

@@ -1,9 +1,10 @@
-// instruments/links: what another server of our own kind says, read byte by byte. Knows no socket and no session.
+// instruments/links: what another server of our own kind says, read byte by byte. Knows no socket and no
+// session.
 //
-// A reply is any number of lines and then the prompt "> " at the start of a line. A line's first character tells
-// what it is: "#" information, "!" error, "@" progress, "~" a question, "* " a result; anything else is text. The
-// last result line before the prompt is the command's result. A text that the remote sent without a line end may
-// stand in front of the result, in the same line.
+// A reply is any number of lines and then the prompt "> " at the start of a line. A line's first character
+// tells what it is: "#" information, "!" error, "@" progress, "~" a question, "* " a result; anything else is
+// text. The last result line before the prompt is the command's result. A text that the remote sent without a
+// line end may stand in front of the result, in the same line.
 #pragma once
 
 #include <cstddef>
@@ -37,8 +38,9 @@ class reply_reader {
     // Appends what was received.
     void feed(std::string_view bytes) { buffer_.append(bytes); }
 
-    // The next thing that was said. `more`: nothing complete is left. A prompt comes only once nothing follows it
-    // in what was fed; the caller decides whether more may still come (certain() says that none will).
+    // The next thing that was said. `more`: nothing complete is left. A prompt comes only once nothing
+    // follows it in what was fed; the caller decides whether more may still come (certain() says that none
+    // will).
     reply_event next();
 
     // The text of the last event, without its marker.
