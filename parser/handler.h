@@ -4,8 +4,8 @@
 //   A: int (%d), double (%g, %f), const char * (%s), const pt_value & (%v), or as the last one
 //      std::span<const pt_value>, which takes all the rest of the format's arguments, given or not;
 //   R: int (= %d, or no result), double (= %g), pt_string (= %s, = %q).
-// pt_bind<f>() makes the table's entry from f itself and derives its signature as letters, so that a row whose
-// format does not fit its handler is found when the format is compiled.
+// pt_bind<f>() makes the table's entry from f itself and derives its signature as letters, so that a row
+// whose format does not fit its handler is found when the format is compiled.
 #pragma once
 
 #include <array>
@@ -90,7 +90,7 @@ template <auto Handler, class R, class... A> struct binding {
     }
 
     template <std::size_t... I>
-    static R invoke(int quals, int cn, rest args, std::index_sequence<I...>) {
+    static R invoke(int quals, int cn, [[maybe_unused]] rest args, std::index_sequence<I...>) {
         return Handler(quals, cn, take<A>(args, I)...);
     }
 
@@ -112,6 +112,8 @@ template <auto Handler, class R, class... A> constexpr pt_handler bind(R (*)(int
 
 } // namespace handler_detail
 
-template <auto Handler> constexpr pt_handler pt_bind() { return handler_detail::bind<Handler>(Handler); }
+template <auto Handler> constexpr pt_handler pt_bind() {
+    return handler_detail::bind<Handler>(Handler);
+}
 
 } // namespace kestrel

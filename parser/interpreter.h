@@ -1,21 +1,28 @@
-// parser: one line in, one result out. Used by the session loop, by scripts and by handlers that run commands.
+// parser: one line in, one result out. Used by the session loop, by scripts and by handlers that run
+// commands.
 #pragma once
 
+#include "parser/scanner.h"
 #include "parser/variables.h"
 
 #include <cstdio>
 
 namespace kestrel {
 
+// Lines within lines (`if`, `set-func`, macros that run themselves) may go this deep.
+inline constexpr int line_nesting_max = 100;
+
 // Interprets one line and returns its integer result (-1 for every error).
-//   result_out    when given, takes the typed result, which is then not printed
+//   result_out    when given, takes the typed result, which is then not printed; its type stays as it was
+//   when
+//                 the line gave none
 //   print_result  1 prints the "* " result line
 //   log, vlog     command logs, or null
 //   status_out    when given: 1 if the line was a bare value, else 0
-int service_line(int cn, const char *line, Variable *result_out, int print_result, std::FILE *log,
+int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out);
 
-// The same with "@" macros and "~" include short forms expanded first.
+// The same for a line as it was typed: "@" macros and "~" include short forms are expanded first.
 int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog);
 int user_service_script(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out);

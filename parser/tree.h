@@ -20,8 +20,8 @@ struct _pt_args {
     int nr_args = 0;
     int stack_size = 0; // bytes of the converted positional arguments
     int nr_strings = 0;
-    int opt_start = 0;             // index of the first optional argument, nr_args when none
-    std::string type;              // 'd', 'g', 'f', 's' or 'v' an argument
+    int opt_start = 0; // index of the first optional argument, nr_args when none
+    std::string type;  // 'd', 'g', 'f', 's' or 'v' an argument
     int nr_quals = 0;
     std::vector<std::string> name; // qualifier words
     std::string qtype;             // '\0', 'd', 'g', 'f' or 's' a qualifier
@@ -51,17 +51,37 @@ struct PARSE_TREE {
 template <auto Handler>
 constexpr PARSE_TREE pt_command(const char *name, const char *format, const char *help, const char *arghelp,
                                 std::source_location where = std::source_location::current()) {
-    return {PT_TYPE_COMMAND, nullptr,      name, help, arghelp, format, 0, nullptr, pt_bind<Handler>(),
-            where.file_name(), static_cast<int>(where.line())};
+    return {PT_TYPE_COMMAND,
+            nullptr,
+            name,
+            help,
+            arghelp,
+            format,
+            0,
+            nullptr,
+            pt_bind<Handler>(),
+            where.file_name(),
+            static_cast<int>(where.line())};
 }
 
 constexpr PARSE_TREE pt_subtree(const char *name, const PARSE_TREE *table, const char *help,
                                 std::source_location where = std::source_location::current()) {
-    return {PT_TYPE_SUBTREE, table, name, help, "", "", 0, nullptr, {}, where.file_name(),
+    return {PT_TYPE_SUBTREE,
+            table,
+            name,
+            help,
+            "",
+            "",
+            0,
+            nullptr,
+            {},
+            where.file_name(),
             static_cast<int>(where.line())};
 }
 
-constexpr PARSE_TREE pt_end() { return {}; }
+constexpr PARSE_TREE pt_end() {
+    return {};
+}
 
 // Rows up to the end row.
 std::size_t pt_size(const PARSE_TREE *table);

@@ -1,0 +1,61 @@
+#include "app/hooks.h"
+
+#include "parser/help.h"
+#include "parser/interpreter.h"
+#include "parser/script.h"
+#include "parser/variables.h"
+#include "server/options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace kestrel {
+
+namespace {
+
+[[noreturn]] void usage(const char *program) {
+    std::fprintf(stderr, "%s\n", sv_credit);
+    std::fprintf(stderr, "Usage:\n");
+    std::fprintf(stderr, "\t%s [-options]\n", program);
+    std::fprintf(stderr, "Options:\n");
+    std::fprintf(stderr, "\t-server?   Print usage of command arguments understood by server.\n");
+    std::exit(1);
+}
+
+void set_data_dir() {
+    const char *directory = std::getenv("DATA_DIR");
+    if (!directory || !*directory)
+        return;
+    std::string path(directory);
+    if (path.back() != '/' && path.back() != '\\')
+        path += '/';
+    set_string_variable(0, "DATA_DIR", path, true);
+    set_string_variable(0, "data_dir", path, true);
+}
+
+void user_main(int argc, char **argv) {
+    if (argc > 1)
+        usage(argv[0]);
+    set_data_dir();
+}
+
+void user_connect(int) {}
+void user_disconnect(int) {}
+void user_exit() {}
+
+} // namespace
+
+server_hooks app_hooks() {
+    server_hooks hooks;
+    hooks.service = user_service;
+    hooks.include_startup = include_startup;
+    hooks.complete = user_sv_ln_completion;
+    hooks.user_main = user_main;
+    hooks.user_connect = user_connect;
+    hooks.user_disconnect = user_disconnect;
+    hooks.user_exit = user_exit;
+    return hooks;
+}
+
+} // namespace kestrel

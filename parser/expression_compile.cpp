@@ -1,0 +1,386 @@
+// Recursive descent over the operands, precedence climbing over the binary operators:
+//
+//   expression  = binary [ "?" expression ":" expression ]
+//   binary      = operand { operator operand }            by the table below
+//   operand     = ("-" | "~" | "!") expression            unary operators bind loosest
+//               | "(" castword [ string ] ")" operand     casts, parentheses and calls bind tightest
+//               | "(" expression ")" | name "(" expression ")" | name "=" expression
+//               | [ "%" ] name | number | string
+#include "parser/expression.h"
+
+#include <cctype>
+#include <charconv>
+#include <cstdlib>
+
+namespace kestrel {
+
+namespace {
+
+struct binary_operator {
+    std::string_view text;
+    int precedence; // higher binds tighter
+    op code;
+};
+
+// Longer texts before their own beginnings.
+constexpr binary_operator binary_operators[] = {
+    {"<<", 8, op::shl},   {">>", 8, op::shr}, {"<=", 7, op::le},      {">=", 7, op::ge},
+    {"==", 6, op::eq},    {"!=", 6, op::ne},  {"&&", 2, op::log_and}, {"||", 1, op::log_or},
+    {"*", 10, op::mult},  {"/", 10, op::div}, {"+", 9, op::add},      {"-", 9, op::sub},
+    {"<", 7, op::lt},     {">", 7, op::gt},   {"&", 5, op::bit_and},  {"^", 4, op::bit_xor},
+    {"|", 3, op::bit_or},
+};
+
+struct cast_word {
+    std::string_view text;
+    value_type type;
+};
+constexpr cast_word cast_words[] = {
+    {"int", pe_int}, {"double", pe_double}, {"string", pe_string}, {"qualifier", pe_qualifier}};
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+struct compiler {
+    std::string_view line;
+    std::size_t at;
+    program &out;
+    std::string &message;
+    int depth = 0;
+
+    char peek(std::size_t ahead = 0) const { return at + ahead < line.size() ? line[at + ahead] : '\0'; }
+
+    bool fail(std::string text) {
+        message = std::move(text);
+        return false;
+    }
+
+    void emit(op code, std::int32_t a = 0, std::int32_t b = 0, double d = 0.0) {
+        out.code.push_back({code, a, b, d});
+    }
+
+    std::int32_t keep(std::string_view text) {
+        out.strings.emplace_back(text);
+        return static_cast<std::int32_t>(out.strings.size() - 1);
+    }
+
+    std::string_view take_name() {
+        const std::size_t start = at;
+        while (is_name_char(peek()))
+            ++at;
+        return line.substr(start, at - start);
+    }
+
+    const binary_operator *peek_operator() const {
+        for (const binary_operator &o : binary_operators)
+            if (line.substr(at).starts_with(o.text))
+                return &o;
+        return nullptr;
+    }
+
+    bool expression() {
+        if (++depth > expression_depth_max)
+            return fail("Expression nested too deep");
+        if (!binary(1))
+            return false;
+        if (peek() == '?' && !ternary())
+            return false;
+        --depth;
+        return true;
+    }
+
+    bool binary(int lowest) {
+        if (!operand())
+            return false;
+        for (const binary_operator *o = peek_operator(); o && o->precedence >= lowest; o = peek_operator()) {
+            at += o->text.size();
+            if (!binary(o->precedence + 1))
+                return false;
+            emit(o->code);
+        }
+        return true;
+    }
+
+    bool ternary() {
+        ++at;
+        const std::size_t control = out.code.size();
+        emit(op::jump_if_zero);
+        if (!expression())
+            return false;
+        if (peek() != ':')
+            return fail("Expected ':' in conditional expression");
+        ++at;
+        const std::size_t taken = out.code.size();
+        emit(op::jump);
+        out.code[control].a = static_cast<std::int32_t>(out.code.size());
+        if (!expression())
+            return false;
+        out.code[taken].a = static_cast<std::int32_t>(out.code.size());
+        return true;
+    }
+
+    bool operand() {
+        if (++depth > expression_depth_max)
+            return fail("Expression nested too deep");
+        if (!bare_operand())
+            return false;
+        --depth;
+        return true;
+    }
+
+    bool bare_operand() {
+        const char c = peek();
+        switch (c) {
+        case '-':
+            return unary(op::negate);
+        case '~':
+            return unary(op::complement);
+        case '!':
+            return unary(op::invert);
+        case '(':
+            return bracket();
+        case '"':
+        case '\'': {
+            std::string_view text;
+            if (!string_constant(text))
+                return false;
+            emit(op::push_string, keep(text));
+            return true;
+        }
+        case '$':
+            return radix_constant(16);
+        case '#':
+            return radix_constant(2);
+        case '%':
+            ++at;
+            if (!is_name_char(peek()))
+                return fail("Expected a variable name after '%'");
+            return name();
+        default:
+            break;
+        }
+        if (is_digit(c) || (c == '.' && is_digit(peek(1))))
+            return decimal_constant();
+        if (is_name_start(c))
+            return name();
+        if (c == '\0')
+            return fail("Unexpected end of expression");
+        return fail("Syntax error in expression");
+    }
+
+    bool unary(op code) {
+        ++at;
+        if (!expression())
+            return false;
+        emit(code);
+        return true;
+    }
+
+    bool name() {
+        const std::string_view text = take_name();
+        if (peek() == '(') {
+            ++at;
+            if (!expression())
+                return false;
+            if (peek() != ')')
+                return fail("Expected ')'");
+            ++at;
+            emit(op::call, keep(text));
+            return true;
+        }
+        if (peek() == '=' && peek(1) != '=') {
+            ++at;
+            if (!expression())
+                return false;
+            emit(op::store, keep(text));
+            return true;
+        }
+        emit(op::load, keep(text));
+        return true;
+    }
+
+    bool bracket() {
+        std::string_view word, format;
+        bool formatted = false;
+        const std::size_t start = at;
+        if (take_cast(word, format, formatted))
+            return cast(word, format, formatted);
+        if (!message.empty())
+            return false;
+        at = start + 1;
+        if (!expression())
+            return false;
+        if (peek() != ')')
+            return fail("Expected ')'");
+        ++at;
+        return true;
+    }
+
+    // "(word)" or "(word'format')" is a cast when the word is known or has a format, or when an operand
+    // follows at once; otherwise it is a variable in parentheses.
+    bool take_cast(std::string_view &word, std::string_view &format, bool &formatted) {
+        ++at;
+        if (!is_name_start(peek()))
+            return false;
+        word = take_name();
+        if (peek() == '\'' || peek() == '"') {
+            formatted = true;
+            if (!string_constant(format))
+                return false;
+        }
+        if (peek() != ')')
+            return formatted && fail("Expected ')'");
+        ++at;
+        if (formatted)
+            return true;
+        for (const cast_word &w : cast_words)
+            if (w.text == word)
+                return true;
+        const char next = peek();
+        return is_name_char(next) || next == '(' || next == '%' || next == '$' || next == '#' ||
+               next == '\'' || next == '"';
+    }
+
+    bool cast(std::string_view word, std::string_view format, bool formatted) {
+        if (!operand())
+            return false;
+        for (const cast_word &w : cast_words) {
+            if (w.text != word)
+                continue;
+            if (formatted && w.type != pe_string)
+                return fail("Only a cast to string takes a format");
+            const std::int32_t kept = formatted ? keep(format) + 1 : 0;
+            emit(op::cast, w.type, kept);
+            return true;
+        }
+        emit(op::bad_cast, keep(word));
+        return true;
+    }
+
+    bool string_constant(std::string_view &text) {
+        const std::size_t end = line.find(line[at], at + 1);
+        if (end == std::string_view::npos)
+            return fail("Unterminated string");
+        text = line.substr(at + 1, end - at - 1);
+        at = end + 1;
+        return true;
+    }
+
+    bool push_unsigned(std::string_view digits, int radix) {
+        std::uint32_t value = 0;
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, radix);
+        if (error != std::errc{} || end != digits.data() + digits.size())
+            return fail("Integer constant '" + std::string(digits) + "' does not fit in 32 bits");
+        emit(op::push_int, static_cast<std::int32_t>(value));
+        return true;
+    }
+
+    bool radix_constant(int radix) {
+        const std::size_t start = ++at;
+        while (radix == 2 ? peek() == '0' || peek() == '1'
+                          : std::isxdigit(static_cast<unsigned char>(peek())))
+            ++at;
+        if (at == start)
+            return fail(radix == 2 ? "Expected binary digits after '#'"
+                                   : "Expected hexadecimal digits after '$'");
+        return push_unsigned(line.substr(start, at - start), radix);
+    }
+
+    bool decimal_constant() {
+        const std::size_t start = at;
+        bool real = false;
+        while (is_digit(peek()))
+            ++at;
+        if (peek() == '.') {
+            real = true;
+            ++at;
+            while (is_digit(peek()))
+                ++at;
+        }
+        if (peek() == 'e' || peek() == 'E') {
+            const std::size_t sign = peek(1) == '+' || peek(1) == '-' ? 1 : 0;
+            if (is_digit(peek(1 + sign))) {
+                real = true;
+                at += 1 + sign;
+                while (is_digit(peek()))
+                    ++at;
+            }
+        }
+        const std::string_view text = line.substr(start, at - start);
+        if (!real) {
+            int value = 0;
+            if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{})
+                return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
+            emit(op::push_int, value);
+            return true;
+        }
+        double value = 0.0;
+        if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{})
+            return fail("Real constant '" + std::string(text) + "' is out of range");
+        emit(op::push_double, 0, 0, value);
+        return true;
+    }
+};
+
+} // namespace
+
+bool is_name_start(char c) {
+    return std::isalpha(static_cast<unsigned char>(c)) || c == '_';
+}
+bool is_name_char(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.';
+}
+
+std::string_view program::single_variable() const {
+    if (code.size() != 1 || code[0].code != op::load)
+        return {};
+    return strings[static_cast<std::size_t>(code[0].a)];
+}
+
+const std::string *program::string_constant() const {
+    return code.size() == 1 && code[0].code == op::push_string ? &strings[0] : nullptr;
+}
+
+bool expression_compile(std::string_view line, std::size_t &at, program &out, std::string &message) {
+    message.clear();
+    compiler c{line, at, out, message};
+    const bool good = c.expression();
+    at = c.at;
+    return good;
+}
+
+std::string expression_dump(const program &p) {
+    static constexpr const char *names[] = {
+        "int",  "double", "string", "load",  "store", "add",  "sub",     "mult", "div",  "shl",
+        "shr",  "lt",     "gt",     "le",    "ge",    "eq",   "ne",      "and",  "xor",  "or",
+        "land", "lor",    "neg",    "compl", "not",   "cast", "badcast", "call", "jump", "jz"};
+    std::string text;
+    for (const instruction &i : p.code) {
+        text += text.empty() ? "" : " ";
+        text += names[static_cast<std::size_t>(i.code)];
+        switch (i.code) {
+        case op::push_double:
+            text += ":" + std::to_string(i.d);
+            break;
+        case op::push_string:
+        case op::load:
+        case op::store:
+        case op::call:
+        case op::bad_cast:
+            text += ":" + p.strings[static_cast<std::size_t>(i.a)];
+            break;
+        case op::push_int:
+        case op::cast:
+        case op::jump:
+        case op::jump_if_zero:
+            text += ":" + std::to_string(i.a);
+            break;
+        default:
+            break;
+        }
+    }
+    return text;
+}
+
+} // namespace kestrel

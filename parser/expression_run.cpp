@@ -1,0 +1,371 @@
+#include "parser/expression.h"
+#include "parser/functions.h"
+#include "parser/text_format.h"
+#include "parser/variables.h"
+
+#include "server/output.h"
+
+#include <cctype>
+#include <charconv>
+#include <climits>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+namespace {
+
+int wrap(std::uint32_t bits) {
+    return static_cast<int>(bits);
+}
+std::uint32_t bits(int value) {
+    return static_cast<std::uint32_t>(value);
+}
+
+bool fits_int(double value) {
+    return value > INT_MIN - 1.0 && value < INT_MAX + 1.0;
+}
+
+PE_Value type_error(int cn, const char *what, const PE_Value &a, const PE_Value &b) {
+    sv_printf(cn, "! Cannot %s type %d and %d\n", what, a.type, b.type);
+    return {};
+}
+
+template <class T> bool compare(op code, const T &x, const T &y) {
+    switch (code) {
+    case op::lt:
+        return x < y;
+    case op::gt:
+        return x > y;
+    case op::le:
+        return x <= y;
+    case op::ge:
+        return x >= y;
+    case op::eq:
+        return x == y;
+    default:
+        return x != y;
+    }
+}
+
+bool divide(int cn, int a, int b, int &out) {
+    if (b == 0) {
+        sv_printf(cn, "! Integer division by zero\n");
+        return false;
+    }
+    if (a == INT_MIN && b == -1) {
+        sv_printf(cn, "! Integer quotient does not fit in 32 bits\n");
+        return false;
+    }
+    out = a / b;
+    return true;
+}
+
+bool shift(int cn, op code, int a, int count, int &out) {
+    if (count < 0 || count > 31) {
+        sv_printf(cn, "! Shift count should be 0..31 not %d\n", count);
+        return false;
+    }
+    out = code == op::shl ? wrap(bits(a) << count) : a >> count;
+    return true;
+}
+
+// Any operator on two integers; false after a line to the session.
+bool integers(int cn, op code, int a, int b, int &out) {
+    switch (code) {
+    case op::add:
+        out = wrap(bits(a) + bits(b));
+        return true;
+    case op::sub:
+        out = wrap(bits(a) - bits(b));
+        return true;
+    case op::mult:
+        out = wrap(bits(a) * bits(b));
+        return true;
+    case op::div:
+        return divide(cn, a, b, out);
+    case op::shl:
+    case op::shr:
+        return shift(cn, code, a, b, out);
+    case op::bit_and:
+        out = a & b;
+        return true;
+    case op::bit_xor:
+        out = a ^ b;
+        return true;
+    case op::bit_or:
+        out = a | b;
+        return true;
+    case op::log_and:
+        out = a != 0 && b != 0;
+        return true;
+    case op::log_or:
+        out = a != 0 || b != 0;
+        return true;
+    default:
+        out = compare(code, a, b);
+        return true;
+    }
+}
+
+PE_Value add_strings(int cn, PE_Value &a, const PE_Value &b) {
+    if (a.StringValue.size() + b.StringValue.size() > string_value_max) {
+        sv_printf(cn, "! String longer than %zu characters\n", string_value_max);
+        return {};
+    }
+    return PE_Value::of(std::move(a.StringValue) + b.StringValue);
+}
+
+PE_Value arithmetic(int cn, op code, PE_Value &a, const PE_Value &b) {
+    static constexpr const char *names[] = {"add", "sub", "mult", "div"};
+    const int which = static_cast<int>(code) - static_cast<int>(op::add);
+    if (code == op::add && a.type == pe_string && b.type == pe_string)
+        return add_strings(cn, a, b);
+    if (!a.is_number() || !b.is_number())
+        return type_error(cn, names[which], a, b);
+    const double x = a.number(), y = b.number();
+    switch (code) {
+    case op::add:
+        return PE_Value::of(x + y);
+    case op::sub:
+        return PE_Value::of(x - y);
+    case op::mult:
+        return PE_Value::of(x * y);
+    default:
+        return PE_Value::of(x / y);
+    }
+}
+
+PE_Value comparison(int cn, op code, const PE_Value &a, const PE_Value &b) {
+    if (a.is_number() && b.is_number())
+        return PE_Value::of(static_cast<int>(compare(code, a.number(), b.number())));
+    if (a.type == pe_string && b.type == pe_string && (code == op::eq || code == op::ne))
+        return PE_Value::of(static_cast<int>(compare(code, a.StringValue, b.StringValue)));
+    return type_error(cn, "compare", a, b);
+}
+
+PE_Value not_integer(int cn, const PE_Value &a, const PE_Value &b) {
+    sv_printf(cn, "! Cannot perfrom integer only operation on type %d and %d\n", a.type, b.type);
+    return {};
+}
+
+PE_Value unary(int cn, op code, const PE_Value &a) {
+    if (code == op::negate) {
+        if (a.type == pe_int)
+            return PE_Value::of(wrap(0U - bits(a.IntValue)));
+        if (a.type == pe_double)
+            return PE_Value::of(-a.DoubleValue);
+        sv_printf(cn, "! Cannot negate type %d\n", a.type);
+        return {};
+    }
+    if (a.type != pe_int)
+        return not_integer(cn, a, a);
+    return PE_Value::of(code == op::complement ? ~a.IntValue : static_cast<int>(a.IntValue == 0));
+}
+
+// The number that the whole text spells, blanks around it allowed.
+std::optional<double> number_of_text(std::string_view text) {
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front())))
+        text.remove_prefix(1);
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
+        text.remove_suffix(1);
+    if (text.starts_with('+') && !text.starts_with("+-"))
+        text.remove_prefix(1);
+    double value = 0.0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || error != std::errc{} || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+std::optional<double> number_of(const PE_Value &v) {
+    if (v.is_number())
+        return v.number();
+    return v.type == pe_string ? number_of_text(v.StringValue) : std::nullopt;
+}
+
+std::string text_of(const PE_Value &v) {
+    char text[32];
+    if (v.type == pe_int)
+        std::snprintf(text, sizeof text, "%d", v.IntValue);
+    else
+        std::snprintf(text, sizeof text, "%g", v.DoubleValue);
+    return text;
+}
+
+PE_Value cast_with_format(int cn, const PE_Value &v, const std::string &format) {
+    static constexpr const char *start = "! ERROR in cast to string with format string";
+    if (format.empty() || std::string_view("diouxXeEfFgGs").find(format.back()) == std::string_view::npos) {
+        sv_print(cn, "! ERROR in cast to string with format string. Expected last character of format string "
+                     "to be diouxX eEfFgG or s not '" +
+                         (format.empty() ? std::string() : std::string(1, format.back())) + "'\n");
+        return {};
+    }
+    if (!v.is_number() && format.back() != 's') {
+        sv_printf(cn, "! ERROR in cast to string with format string: Cannot convert string to string via a "
+                      "double format\n");
+        return {};
+    }
+    std::string error;
+    std::optional<std::string> text = format_text(format, {&v, 1}, string_value_max, error);
+    if (!text) {
+        sv_printf(cn, "%s: %s\n", start, error.c_str());
+        return {};
+    }
+    return PE_Value::of(std::move(*text));
+}
+
+PE_Value cast(int cn, const PE_Value &v, value_type to, const std::string *format) {
+    switch (to) {
+    case pe_int:
+        if (v.type == pe_int)
+            return v;
+        if (const std::optional<double> value = number_of(v); value && fits_int(*value))
+            return PE_Value::of(static_cast<int>(*value));
+        sv_printf(cn, "! Cannot convert type %d to int\n", v.type);
+        return {};
+    case pe_double:
+        if (const std::optional<double> value = number_of(v))
+            return PE_Value::of(*value);
+        sv_printf(cn, "! Cannot convert type %d to double\n", v.type);
+        return {};
+    case pe_string:
+        if (v.type == pe_error) {
+            sv_printf(cn, "! Cannot convert type %d to string\n", v.type);
+            return {};
+        }
+        if (format)
+            return cast_with_format(cn, v, *format);
+        return PE_Value::of(v.is_number() ? text_of(v) : v.StringValue);
+    default:
+        if (v.type == pe_string || v.type == pe_qualifier)
+            return PE_Value::of(v.StringValue, pe_qualifier);
+        sv_printf(cn, "! Cannot convert type %d to qualifier\n", v.type);
+        return {};
+    }
+}
+
+PE_Value load(int cn, const std::string &name) {
+    const Variable *v = get_variable(name);
+    if (!v) {
+        sv_printf(cn, "! Cannot find variable %s\n", name.c_str());
+        return {};
+    }
+    switch (v->type) {
+    case vt_int:
+        return PE_Value::of(v->IntVar);
+    case vt_double:
+        return PE_Value::of(v->DoubleVar);
+    case vt_qualifier:
+        return PE_Value::of(v->StringVar, pe_qualifier);
+    default:
+        return PE_Value::of(v->StringVar);
+    }
+}
+
+// Sets the variable that a read would find, else a new global.
+bool store(int cn, const std::string &name, const PE_Value &value) {
+    Variable *v = get_variable(name);
+    if (!v)
+        v = make_variable(cn, name, true);
+    if (!v) {
+        sv_printf(cn, "! Cannot make variable %s\n", name.c_str());
+        return false;
+    }
+    v->StringVar = value.StringValue;
+    v->IntVar = value.IntValue;
+    v->DoubleVar = value.DoubleValue;
+    v->type = value.type == pe_int         ? vt_int
+              : value.type == pe_double    ? vt_double
+              : value.type == pe_qualifier ? vt_qualifier
+                                           : vt_string;
+    return true;
+}
+
+// Any operator on a pair that is not two integers.
+PE_Value binary(int cn, op code, PE_Value &a, const PE_Value &b) {
+    if (code >= op::add && code <= op::div)
+        return arithmetic(cn, code, a, b);
+    if (code >= op::lt && code <= op::ne)
+        return comparison(cn, code, a, b);
+    return not_integer(cn, a, b);
+}
+
+bool is_binary(op code) {
+    return code >= op::add && code <= op::log_or;
+}
+
+} // namespace
+
+PE_Value expression_run(int cn, const program &p) {
+    static std::vector<PE_Value> stack; // nothing that runs below evaluates another expression
+    stack.clear();
+    const auto text = [&p](std::int32_t index) -> const std::string & {
+        return p.strings[static_cast<std::size_t>(index)];
+    };
+    for (std::size_t next = 0; next < p.code.size();) {
+        const instruction &i = p.code[next++];
+        if (is_binary(i.code)) {
+            PE_Value &left = stack[stack.size() - 2];
+            const PE_Value &right = stack.back();
+            if (left.type != pe_int || right.type != pe_int)
+                left = binary(cn, i.code, left, right);
+            else if (!integers(cn, i.code, left.IntValue, right.IntValue, left.IntValue))
+                return {};
+            stack.pop_back();
+        } else {
+            switch (i.code) {
+            case op::push_int:
+                stack.push_back(PE_Value::of(i.a));
+                break;
+            case op::push_double:
+                stack.push_back(PE_Value::of(i.d));
+                break;
+            case op::push_string:
+                stack.push_back(PE_Value::of(text(i.a)));
+                break;
+            case op::load:
+                stack.push_back(load(cn, text(i.a)));
+                break;
+            case op::store:
+                if (!store(cn, text(i.a), stack.back()))
+                    return {};
+                break;
+            case op::cast:
+                stack.back() =
+                    cast(cn, stack.back(), static_cast<value_type>(i.a), i.b ? &text(i.b - 1) : nullptr);
+                break;
+            case op::bad_cast:
+                sv_printf(cn, "! Cannot recognise cast (%s), expect (int), (double) or (string)\n",
+                          text(i.a).c_str());
+                return {};
+            case op::call:
+                stack.back() = function_call(cn, text(i.a), stack.back());
+                break;
+            case op::jump:
+                next = static_cast<std::size_t>(i.a);
+                continue;
+            case op::jump_if_zero: {
+                const PE_Value control = std::move(stack.back());
+                stack.pop_back();
+                if (control.type != pe_int) {
+                    sv_printf(cn, "! Control type for ternay must be integer, not %d\n", control.type);
+                    return {};
+                }
+                if (control.IntValue == 0)
+                    next = static_cast<std::size_t>(i.a);
+                continue;
+            }
+            default:
+                stack.back() = unary(cn, i.code, stack.back());
+            }
+        }
+        if (stack.back().type == pe_error)
+            return {};
+    }
+    return std::move(stack.back());
+}
+
+} // namespace kestrel

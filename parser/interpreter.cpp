@@ -1,0 +1,438 @@
+// The road of a line: expand short forms, walk the tree, convert the arguments by the command's format, call
+// the handler, print, log or store its result.
+#include "parser/interpreter.h"
+
+#include "parser/call.h"
+#include "parser/format.h"
+#include "parser/help.h"
+#include "parser/preprocess.h"
+#include "parser/result.h"
+#include "parser/text.h"
+#include "server/output.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+namespace kestrel {
+
+_qualtype Qualifier[32];
+int TotalArgumentCount = 0;
+int OptionalArgumentCount = 0;
+char ArgumentType[call_arguments_max];
+int ResultRadix = 10;
+
+namespace {
+
+int nesting = 0; // lines being interpreted, one inside the other
+
+// What converting a line needs; kept from line to line, one for each level of nesting.
+struct scratch {
+    token next;
+    std::vector<pt_value> values;
+    std::vector<std::string> strings; // of the values of type 's', in their order
+};
+
+class nested_scratch {
+  public:
+    nested_scratch() : level_(nesting++) {
+        if (level_ < line_nesting_max && !kept_[level_])
+            kept_[level_] = std::make_unique<scratch>();
+    }
+    ~nested_scratch() {
+        --nesting;
+        if (level_ >= line_nesting_max || !kept_[level_])
+            return;
+        kept_[level_]->values.clear();
+        kept_[level_]->strings.clear();
+        if (kept_[level_]->next.ScannedString.capacity() > kept_string_max)
+            kept_[level_]->next.ScannedString = {};
+    }
+    nested_scratch(const nested_scratch &) = delete;
+    nested_scratch &operator=(const nested_scratch &) = delete;
+
+    scratch *get() const { return level_ < line_nesting_max ? kept_[level_].get() : nullptr; }
+
+  private:
+    static constexpr std::size_t kept_string_max = 4096;
+    static inline std::unique_ptr<scratch> kept_[line_nesting_max];
+    int level_;
+};
+
+// One line on its way: where the scanner stands and what has been converted so far.
+struct line_state {
+    line_state(int cn, scanned_line &line, scratch &kept)
+        : cn(cn), line(line), next(kept.next), values(kept.values), strings(kept.strings) {}
+
+    void scan() { line.scan(cn, index++, next); }
+
+    int cn;
+    scanned_line &line;
+    std::size_t index = 0; // the next item
+    int quals = 0;
+    token &next;
+    std::vector<pt_value> &values;
+    std::vector<std::string> &strings;
+};
+
+int finish_error(int cn) {
+    sv_printf(cn, "* -1\n");
+    return -1;
+}
+
+int refuse(line_state &state, const char *message) {
+    locate(state.cn, state.next.ScannerInputPosn);
+    sv_printf(state.cn, "%s", message);
+    return finish_error(state.cn);
+}
+
+int refuse_undefined(line_state &state) {
+    locate(state.cn, state.next.ScannerInputPosn);
+    sv_print(state.cn, "! Undefined Variable '" + state.next.ScannedString + "'\n");
+    return finish_error(state.cn);
+}
+
+// ---------------------------------------------------------------- walking the tree
+
+enum class walk_result { command, empty, value, refused };
+
+walk_result no_such_command(line_state &state, const PARSE_TREE *table) {
+    locate(state.cn, state.next.ScannerInputPosn);
+    sv_printf(state.cn, "! Unexpected identifier, or non-existent command\n");
+    list_names(state.cn, table);
+    finish_error(state.cn);
+    return walk_result::refused;
+}
+
+walk_result walk_stops(line_state &state, const PARSE_TREE *table) {
+    const bool at_root = table == pt_root();
+    switch (state.next.kind) {
+    case token_kind::help:
+        list_choices(state.cn, table);
+        finish_error(state.cn);
+        return walk_result::refused;
+    case token_kind::end_of_line:
+    case token_kind::end_of_input:
+        if (at_root)
+            return walk_result::empty;
+        refuse(state, "! Line of input finished unexpectedly\n");
+        return walk_result::refused;
+    case token_kind::undefined_variable:
+        refuse_undefined(state);
+        return walk_result::refused;
+    case token_kind::unexpected:
+        refuse(state, "! Unexpected character in input\n");
+        return walk_result::refused;
+    default:
+        if (at_root)
+            return walk_result::value;
+        refuse(state, "! Expected a command name here\n");
+        return walk_result::refused;
+    }
+}
+
+// Follows the line's words from the root; a line that has run before knows its command.
+walk_result walk(line_state &state) {
+    scanned_line &line = state.line;
+    if (line.command) {
+        state.index = line.first_argument;
+        return walk_result::command;
+    }
+    const PARSE_TREE *table = pt_root();
+    for (;;) {
+        state.scan();
+        if (state.next.kind != token_kind::identifier || state.next.qualifier_value)
+            return walk_stops(state, table);
+        const PARSE_TREE *entry = pt_find(table, state.next.ScannedId);
+        if (!entry)
+            return no_such_command(state, table);
+        if (entry->type == PT_TYPE_COMMAND) {
+            line.command = entry;
+            line.first_argument = state.index;
+            return walk_result::command;
+        }
+        table = entry->subtree;
+    }
+}
+
+// ---------------------------------------------------------------- converting arguments
+
+int refuse_type(line_state &state, int number, char type) {
+    locate(state.cn, state.next.ScannerInputPosn);
+    sv_printf(state.cn, "! Argument %d should be of type '%%%c'\n", number, type);
+    return finish_error(state.cn);
+}
+
+// Stores the value just scanned if an argument of this type takes it.
+bool take_value(line_state &state, char type) {
+    token &t = state.next;
+    switch (t.kind) {
+    case token_kind::integer:
+        if (type == 's')
+            return false;
+        if (type == 'd' || type == 'v')
+            state.values.push_back({'d', t.ScannedInt, 0.0, nullptr});
+        else
+            state.values.push_back({'f', 0, static_cast<double>(t.ScannedInt), nullptr});
+        return true;
+    case token_kind::real:
+        if (type == 'd' || type == 's')
+            return false;
+        state.values.push_back({'f', 0, t.ScannedDouble, nullptr});
+        return true;
+    default:
+        if (type != 's' && type != 'v')
+            return false;
+        state.strings.push_back(std::move(t.ScannedString));
+        state.values.push_back({'s', 0, 0.0, nullptr}); // pointed at its string when all are there
+        return true;
+    }
+}
+
+int take_arguments(line_state &state, const PARSE_TREE &command, const _pt_args &args) {
+    while (static_cast<int>(state.values.size()) < args.nr_args) {
+        const int taken = static_cast<int>(state.values.size());
+        state.scan();
+        switch (state.next.kind) {
+        case token_kind::end_of_line:
+        case token_kind::end_of_input:
+        case token_kind::identifier:
+            if (taken >= args.opt_start) {
+                --state.index; // read again as a qualifier
+                return 0;
+            }
+            return refuse(state, state.next.kind == token_kind::identifier
+                                     ? "! Found an identifier when we were expecting arguments\n"
+                                     : "! Unexpected end of line in input\n");
+        case token_kind::help:
+            help(state.cn, command);
+            return finish_error(state.cn);
+        case token_kind::unexpected:
+            return refuse(state, "! Unknown character found in the arguments\n");
+        case token_kind::undefined_variable:
+            return refuse_undefined(state);
+        default: {
+            const char type = args.type[static_cast<std::size_t>(taken)];
+            if (!take_value(state, type))
+                return refuse_type(state, taken + 1, type);
+        }
+        }
+    }
+    return 0;
+}
+
+int take_qualifier_value(line_state &state, char type, _qualtype &out) {
+    state.scan();
+    const token &t = state.next;
+    if (t.kind == token_kind::undefined_variable)
+        return refuse_undefined(state);
+    if (type == 'd' && t.kind == token_kind::integer) {
+        out.IntArg = t.ScannedInt;
+    } else if ((type == 'g' || type == 'f') && t.kind == token_kind::real) {
+        out.DoubleArg = t.ScannedDouble; // an integer is not converted here
+    } else if (type == 's' && t.kind == token_kind::string) {
+        const std::size_t length = std::min(t.ScannedString.size(), qualifier_string_max - 1);
+        std::memcpy(out.StringArg, t.ScannedString.data(), length);
+        out.StringArg[length] = '\0';
+    } else {
+        locate(state.cn, t.ScannerInputPosn);
+        sv_printf(state.cn, "! This qualifier takes an argument of type '%%%c'\n", type);
+        return finish_error(state.cn);
+    }
+    return 0;
+}
+
+int find_qualifier(const _pt_args &args, std::string_view word) {
+    for (int i = 0; i < args.nr_quals; ++i)
+        if (same_word(args.name[static_cast<std::size_t>(i)], word))
+            return i;
+    return -1;
+}
+
+int take_qualifiers(line_state &state, const PARSE_TREE &command, const _pt_args &args) {
+    for (;;) {
+        state.scan();
+        switch (state.next.kind) {
+        case token_kind::end_of_line:
+        case token_kind::end_of_input:
+            return 0;
+        case token_kind::help:
+            help(state.cn, command);
+            return finish_error(state.cn);
+        case token_kind::undefined_variable:
+            return refuse_undefined(state);
+        case token_kind::identifier:
+            break;
+        default:
+            return refuse(state, "! Unexpected character when reading qualifiers\n");
+        }
+        const int i = find_qualifier(args, state.next.ScannedId);
+        if (i < 0) {
+            locate(state.cn, state.next.ScannerInputPosn);
+            sv_print(state.cn, "! Qualifier " + std::string(state.next.ScannedId) + " not found.\n");
+            return finish_error(state.cn);
+        }
+        state.quals |= static_cast<int>(1U << i);
+        const char type = args.qtype[static_cast<std::size_t>(i)];
+        if (type && take_qualifier_value(state, type, Qualifier[i]) != 0)
+            return -1;
+    }
+}
+
+// ---------------------------------------------------------------- calling
+
+void set_call_globals(const line_state &state, const _pt_args &args) {
+    const std::size_t given = state.values.size();
+    TotalArgumentCount = static_cast<int>(given);
+    OptionalArgumentCount = std::max(0, TotalArgumentCount - args.opt_start);
+    const std::size_t kept = std::min(given, call_arguments_max - 1);
+    for (std::size_t i = 0; i < kept; ++i)
+        ArgumentType[i] = state.values[i].type;
+    ArgumentType[kept] = '\0';
+    ResultRadix = sv_get_radix(state.cn);
+}
+
+int integer_result(char type, const pt_result &result) {
+    switch (type) {
+    case 'd':
+        return result.i;
+    case 's':
+    case 'q':
+        return result.s ? 0 : -1;
+    default:
+        return 0;
+    }
+}
+
+void point_at_strings(line_state &state) {
+    std::size_t next = 0;
+    for (pt_value &v : state.values)
+        if (v.type == 's')
+            v.s = state.strings[next++].c_str();
+}
+
+struct delivery {
+    Variable *result_out;
+    int print_result;
+    std::FILE *log;
+    std::FILE *vlog;
+};
+
+// Prints, logs or stores a result; nothing more is said to a session that ended inside its command.
+int deliver(int cn, char type, pt_result &result, int radix, const delivery &to) {
+    const int value = integer_result(type, result);
+    result_log(cn, type, result, radix, to.log, to.vlog);
+    if (to.result_out)
+        result_store(type, result, *to.result_out);
+    else if (to.print_result && sv_is_valid(cn))
+        result_print(cn, type, result, radix);
+    return value;
+}
+
+int run_command(line_state &state, const delivery &to) {
+    const PARSE_TREE &command = *state.line.command;
+    const _pt_args &args = _xx_parse_args(command);
+    if (take_arguments(state, command, args) != 0 || take_qualifiers(state, command, args) != 0)
+        return -1;
+    set_call_globals(state, args);
+    point_at_strings(state);
+    state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
+    pt_result result;
+    command.fn.call(state.quals, state.cn, state.values, result);
+    return deliver(state.cn, args.return_type, result, ResultRadix, to);
+}
+
+// A line that is a value only: the value is its result.
+int run_value(line_state &state, const delivery &to, int *status_out) {
+    pt_result result;
+    char type = 0;
+    switch (state.next.kind) {
+    case token_kind::integer:
+        type = 'd';
+        result.i = state.next.ScannedInt;
+        break;
+    case token_kind::real:
+        type = 'g';
+        result.d = state.next.ScannedDouble;
+        break;
+    default:
+        type = state.next.qualifier_value ? 'q' : 's';
+        result.s = std::move(state.next.ScannedString);
+    }
+    state.scan();
+    if (state.next.kind != token_kind::end_of_line)
+        return refuse(state, "! Unexpected character in input\n");
+    if (status_out)
+        *status_out = 1;
+    return deliver(state.cn, type, result, sv_get_radix(state.cn), to);
+}
+
+int run_line(line_state &state, const delivery &to, int *status_out) {
+    switch (walk(state)) {
+    case walk_result::command:
+        return run_command(state, to);
+    case walk_result::value:
+        return run_value(state, to, status_out);
+    case walk_result::empty:
+        return 0;
+    default:
+        return -1;
+    }
+}
+
+int out_of_memory(int cn) {
+    std::fprintf(stderr, "parser: Error allocating memory.\n");
+    sv_printf(cn, "! Error allocating memory in parser\n");
+    return finish_error(cn);
+}
+
+// A typed line: expanded, scanned, run.
+int service(int cn, const char *line, const delivery &to, int *status_out) {
+    if (status_out)
+        *status_out = 0;
+    try {
+        std::string expanded;
+        if (!preprocess(cn, line, expanded))
+            return finish_error(cn);
+        scanned_line scanned(expanded);
+        return service_line(cn, scanned, to.result_out, to.print_result, to.log, to.vlog, status_out);
+    } catch (const std::bad_alloc &) {
+        return out_of_memory(cn);
+    }
+}
+
+} // namespace
+
+int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
+                 std::FILE *vlog, int *status_out) {
+    if (status_out)
+        *status_out = 0;
+    try {
+        const nested_scratch kept;
+        if (!kept.get()) {
+            sv_printf(cn, "! Commands nested deeper than %d levels\n", line_nesting_max);
+            return finish_error(cn);
+        }
+        line_state state(cn, line, *kept.get());
+        return run_line(state, {result_out, print_result, log, vlog}, status_out);
+    } catch (const std::bad_alloc &) {
+        return out_of_memory(cn);
+    }
+}
+
+int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) {
+    return service(cn, line, {nullptr, print_result, log, vlog}, nullptr);
+}
+
+int user_service_script(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog,
+                        int *status_out) {
+    return service(cn, line, {nullptr, print_result, log, vlog}, status_out);
+}
+
+int user_service_result(int cn, const char *line, Variable *result_out, int *status_out) {
+    return service(cn, line, {result_out, 0, nullptr, nullptr}, status_out);
+}
+
+} // namespace kestrel

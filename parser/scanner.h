@@ -1,0 +1,70 @@
+// parser: a line cut into items. Each item is a whole expression written without blanks (strings may hold
+// them), compiled when it is first asked for and kept with the line, so that a line that runs again is not
+// read again.
+#pragma once
+
+#include "parser/expression.h"
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrel {
+
+// What an item is when it is evaluated.
+enum class token_kind : int {
+    unexpected = 1,
+    integer,
+    real,
+    identifier,
+    help,
+    string,
+    end_of_line,
+    end_of_input,
+    undefined_variable,
+};
+
+struct token {
+    token_kind kind = token_kind::unexpected;
+    int ScannedInt = 0;
+    double ScannedDouble = 0.0;
+    std::string ScannedString;    // a string's value; an undefined variable's name
+    std::string_view ScannedId;   // a word, or the value of a qualifier variable (held by ScannedString)
+    bool qualifier_value = false; // an identifier that was the value of a qualifier variable
+    std::size_t ScannerInputPosn = 0;
+};
+
+// A line and what is known of it. Items hold views of `text`, so it never moves.
+class scanned_line {
+  public:
+    explicit scanned_line(std::string_view line) : text(line) {}
+    scanned_line(const scanned_line &) = delete;
+    scanned_line &operator=(const scanned_line &) = delete;
+
+    // Evaluates item number `index` (0 based); items are asked for in order, each compiled once.
+    void scan(int cn, std::size_t index, token &out);
+
+    const std::string text;
+
+    // The command that the first words name, when a run has found it, and the index of the item after them.
+    const struct PARSE_TREE *command = nullptr;
+    std::size_t first_argument = 0;
+
+  private:
+    enum class item_kind { word, help, end, expression, bad };
+    struct item {
+        item_kind kind = item_kind::end;
+        std::size_t position = 0;
+        std::string_view word;
+        program code;
+        std::string message;
+    };
+    void read_item();
+    bool take_word(item &next);
+
+    std::vector<item> items_;
+    std::size_t at_ = 0;
+};
+
+} // namespace kestrel

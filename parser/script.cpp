@@ -1,0 +1,226 @@
+#include "parser/script.h"
+
+#include "parser/interpreter.h"
+#include "parser/loops.h"
+#include "parser/preprocess.h"
+#include "parser/search_path.h"
+#include "parser/variables.h"
+#include "server/interrupt.h"
+#include "server/output.h"
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace kestrel {
+
+namespace {
+
+int return_value = 0;
+bool sv_break_include = false; // set by `return`: the current file ends after this line
+
+// keywords of include, in format order
+constexpr int qual_echo = 1, qual_no_exit_error = 2, qual_show_returns = 4, qual_mask_cntrl_c = 8,
+              qual_cntrl_c_ret_neg = 16;
+
+// The session reads the file while this stands. What the session read before comes back, unless it has ended.
+class include_level {
+  public:
+    include_level(int cn, script_file &file)
+        : cn_(cn), session_(sv_get_descriptor(cn)), outer_(session_->include), outer_in_(session_->in) {
+        if (session_->include_lvl == 0)
+            session_->include_top_path = session_->in;
+        session_->in = file.fd();
+        session_->include = &file;
+        ++session_->include_lvl;
+    }
+    ~include_level() {
+        if (!sv_is_valid(cn_))
+            return;
+        --session_->include_lvl;
+        session_->include = outer_;
+        session_->in = outer_in_;
+    }
+    include_level(const include_level &) = delete;
+    include_level &operator=(const include_level &) = delete;
+
+  private:
+    int cn_;
+    client_descriptor *session_;
+    script_file *outer_;
+    int outer_in_;
+};
+
+bool interrupted(int cn, const include_options &options) {
+    if (sv_quit == 0 || options.mask_interrupt)
+        return false;
+    if (sv_get_include_lvl(cn) == 1)
+        sv_printf(cn, "! Include file aborted with ^C\n");
+    else
+        sv_printf(cn, "! Inner Include file aborted with ^C \n");
+    return true;
+}
+
+// The lines of open loops, kept as they were scanned, by their offset in the file. What is kept serves only
+// while the file still holds the same bytes there.
+class scanned_lines {
+  public:
+    // The line in scanned form; null for one that is not kept (a macro's text may change from pass to pass).
+    scanned_line *find(int cn, off_t offset, std::string_view line) {
+        const auto known = lines_.find(offset);
+        if (known != lines_.end() && known->second.bytes == line)
+            return known->second.scanned.get();
+        if (!loops_are_open() || lines_.size() >= lines_max || is_macro(line))
+            return nullptr;
+        entry &made = lines_[offset];
+        made.bytes = line;
+        std::string expanded;
+        preprocess(cn, line, expanded);
+        made.scanned = std::make_unique<scanned_line>(expanded);
+        return made.scanned.get();
+    }
+
+  private:
+    static constexpr std::size_t lines_max = 4096;
+    struct entry {
+        std::string bytes;
+        std::unique_ptr<scanned_line> scanned;
+    };
+
+    static bool is_macro(std::string_view line) {
+        const std::size_t first = line.find_first_not_of(" \t");
+        return first != std::string_view::npos && line[first] == '@';
+    }
+
+    std::unordered_map<off_t, entry> lines_;
+};
+
+void show_line(int cn, std::string_view line, const include_options &options) {
+    if (options.echo)
+        sv_print(cn, "# " + sv_masked(line) + "\n");
+    if (!vlog_file)
+        return;
+    std::fprintf(vlog_file, "%d.File%d:Cmd:%s\n", cn, sv_get_include_lvl(cn), sv_masked(line).c_str());
+    std::fflush(vlog_file);
+}
+
+// Runs one line; false when the file is to stop after it.
+bool run_line(int cn, std::string_view line, scanned_line *scanned, const include_options &options) {
+    show_line(cn, line, options);
+    int was_value = 0;
+    const int print = options.show_returns;
+    const int result =
+        scanned ? service_line(cn, *scanned, nullptr, print, nullptr, vlog_file, &was_value)
+                : user_service_script(cn, std::string(line).c_str(), print, nullptr, vlog_file, &was_value);
+    return result != -1 || was_value || !options.exit_on_error;
+}
+
+bool is_comment(std::string_view line) {
+    return line.starts_with('#') || line.starts_with('*');
+}
+
+include_end run_lines(int cn, script_file &file, const include_options &options) {
+    scanned_lines kept;
+    for (;;) {
+        const off_t offset = file.tell();
+        std::string_view line; // good until the file's next read, so nothing uses it once the line runs
+        if (!file.read_line(line, sv_line_max))
+            break;
+        if (is_comment(line))
+            continue;
+        const bool go_on = run_line(cn, line, kept.find(cn, offset, line), options);
+        if (!sv_is_valid(cn))
+            return include_end::finished;
+        if (interrupted(cn, options))
+            return include_end::interrupted;
+        if (!go_on || sv_break_include)
+            break;
+    }
+    return include_end::finished;
+}
+
+// The arguments become the locals "1", "2", ... of the new level, and their number "nargs".
+void start_script(int cn, std::span<const pt_value> args) {
+    int count = 0;
+    for (const pt_value &arg : args) {
+        if (!arg.type)
+            break;
+        const std::string name = std::to_string(++count);
+        switch (arg.type) {
+        case 'd':
+            set_int_variable(cn, name, arg.i, false);
+            break;
+        case 'f':
+            set_double_variable(cn, name, arg.d, false);
+            break;
+        case 's':
+            set_string_variable(cn, name, arg.s, false);
+            break;
+        default:
+            sv_printf(cn, "! Unexpected argument type in start_script '%c'\n", arg.type);
+        }
+    }
+    set_int_variable(cn, "nargs", count, false);
+}
+
+} // namespace
+
+include_end sv_include_file(int cn, script_file &file, const include_options &options) {
+    if (sv_get_include_lvl(cn) >= include_depth_max) {
+        std::fprintf(stderr, "server: Current maximum include depth (%d) exceeded\n", include_depth_max);
+        return include_end::refused;
+    }
+    include_end end;
+    {
+        const include_level level(cn, file);
+        const int depth = sv_get_include_lvl(cn); // asked now: the session may end in the script
+        end = run_lines(cn, file, options);
+        loopstack_finish_script(cn, depth);
+    }
+    const bool outermost = sv_is_valid(cn) && sv_get_include_lvl(cn) == 0;
+    if (outermost && sv_quit == 1)
+        sv_quit = 0;
+    return end;
+}
+
+int simple_do_include(int quals, int cn, const char *includefile, std::span<const pt_value> args) {
+    unique_fd fd = search_path_open(cn, includefile);
+    if (!fd) {
+        sv_print(cn, std::string("! Can't open file ") + includefile + ".\n");
+        return -1;
+    }
+    const include_options options{(quals & qual_echo) != 0, (quals & qual_no_exit_error) == 0,
+                                  (quals & qual_show_returns) != 0, (quals & qual_mask_cntrl_c) != 0,
+                                  (quals & qual_cntrl_c_ret_neg) != 0};
+    script_file file(std::move(fd));
+    const bool raised = variables_enter_level();
+    if (raised)
+        start_script(cn, args);
+    else
+        sv_printf(cn, "! Script nesting too deep, not allocating new variables\n");
+    return_value = 0;
+    sv_break_include = false;
+    const include_end end = sv_include_file(cn, file, options);
+    if (raised)
+        variables_leave_level();
+    const int result = return_value;
+    return_value = 0; // the outer script's own
+    sv_break_include = false;
+    if (end == include_end::refused || (end == include_end::interrupted && options.negative_interrupt))
+        return -1;
+    return result;
+}
+
+int simple_return_command(int, int, int value) {
+    return_value = value;
+    sv_break_include = true;
+    return 0;
+}
+
+void include_startup(int cn, const char *, int fd) {
+    script_file file{unique_fd(fd)};
+    sv_include_file(cn, file, {});
+}
+
+} // namespace kestrel

@@ -1,0 +1,84 @@
+// Argument formats: what compiles to what, where a bad one is refused, and which handlers fit.
+#include "parser/format.h"
+
+#include <gtest/gtest.h>
+
+using namespace kestrel;
+
+namespace {
+
+std::unique_ptr<_pt_args> compile(const char *format) {
+    format_error error;
+    return format_compile(format, error);
+}
+
+int two_ints(int, int, int, int) {
+    return 0;
+}
+double real_and_text(int, int, double, const char *) {
+    return 0;
+}
+int rest_of_line(int, int, const char *, std::span<const pt_value>) {
+    return 0;
+}
+pt_string any_value(int, int, const pt_value &) {
+    return {};
+}
+
+} // namespace
+
+TEST(format, compiles_sections) {
+    const auto args = compile("%s %d +%g%f %v local depth %d name %s = %q");
+    ASSERT_TRUE(args);
+    EXPECT_EQ(args->type, "sdgfv");
+    EXPECT_EQ(args->nr_args, 5);
+    EXPECT_EQ(args->opt_start, 2);
+    EXPECT_EQ(args->nr_strings, 1);
+    EXPECT_EQ(args->name, (std::vector<std::string>{"local", "depth", "name"}));
+    EXPECT_EQ(args->qtype, std::string("\0ds", 3));
+    EXPECT_EQ(args->return_type, 'q');
+}
+
+TEST(format, without_plus_nothing_is_optional_and_without_equals_nothing_is_returned) {
+    const auto args = compile("on off");
+    ASSERT_TRUE(args);
+    EXPECT_EQ(args->opt_start, 0);
+    EXPECT_EQ(args->nr_args, 0);
+    EXPECT_EQ(args->nr_quals, 2);
+    EXPECT_EQ(args->return_type, 0);
+    EXPECT_EQ(compile("%d %d = %d")->opt_start, 2);
+    EXPECT_TRUE(compile("")) << "a command may take nothing";
+    EXPECT_EQ(compile(" + %s = %d ")->opt_start, 0);
+}
+
+TEST(format, names_the_place_of_a_fault) {
+    const std::pair<const char *, std::size_t> cases[] = {
+        {"%d + %d + %d", 8}, // a second plus
+        {"%x", 1},           // an unknown type
+        {"%d a %q", 6},      // %q is a return type only
+        {"%d = %d x", 8},    // something after the return type
+        {"%d = ", 5},        {"a_b c$", 5}, {"2nd", 0}, {"%d a %d %d", 8},
+    };
+    for (const auto &[format, position] : cases) {
+        format_error error;
+        EXPECT_FALSE(format_compile(format, error)) << format;
+        EXPECT_EQ(error.position, position) << format;
+    }
+    std::string many;
+    for (int i = 0; i < 33; ++i)
+        many += "q" + std::to_string(i) + " ";
+    EXPECT_FALSE(compile(many.c_str())) << "a mask has 32 bits";
+}
+
+TEST(format, fits_the_handlers_own_signature) {
+    EXPECT_TRUE(format_fits(*compile("%d %d = %d"), pt_bind<two_ints>()));
+    EXPECT_TRUE(format_fits(*compile("%d %d q"), pt_bind<two_ints>()));
+    EXPECT_FALSE(format_fits(*compile("%d = %d"), pt_bind<two_ints>()));
+    EXPECT_FALSE(format_fits(*compile("%d %d %d = %d"), pt_bind<two_ints>()));
+    EXPECT_FALSE(format_fits(*compile("%d %g = %d"), pt_bind<two_ints>()));
+    EXPECT_FALSE(format_fits(*compile("%d %d = %g"), pt_bind<two_ints>()));
+    EXPECT_TRUE(format_fits(*compile("%f %s = %g"), pt_bind<real_and_text>()));
+    EXPECT_TRUE(format_fits(*compile("%s + %v %v %v = %d"), pt_bind<rest_of_line>()));
+    EXPECT_TRUE(format_fits(*compile("%v = %s"), pt_bind<any_value>()));
+    EXPECT_FALSE(format_fits(*compile("%v = %d"), pt_bind<any_value>()));
+}

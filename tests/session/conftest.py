@@ -1,0 +1,45 @@
+"""Fixtures: each server of a test ends with it, and a crash or a sanitizer's report then fails the test."""
+import kestrel_session
+import pytest
+
+
+@pytest.fixture
+def start(tmp_path):
+    """Starts servers:  start(*options, kind=Server, env=..., prepare=f) ; prepare gets the folder first."""
+    running = []
+
+    def begin(*options, kind=kestrel_session.Server, prepare=None, **how):
+        scratch = tmp_path / str(len(running))
+        (scratch / "cwd").mkdir(parents=True)
+        if prepare:
+            prepare(scratch / "cwd")
+        running.append(kind(scratch, *options, **how))
+        return running[-1]
+
+    yield begin
+    for process in running:
+        process.close()
+
+
+@pytest.fixture
+def server(start):
+    return start()
+
+
+@pytest.fixture
+def client(server):
+    return server.client()
+
+
+@pytest.fixture(scope="module")
+def shared_server(tmp_path_factory):
+    """One server for a file's tables of cases that leave nothing behind."""
+    server = kestrel_session.Server(tmp_path_factory.mktemp("server"))
+    yield server
+    server.close()
+
+
+@pytest.fixture
+def shared(shared_server):
+    """A new session with the shared server."""
+    return shared_server.client()

@@ -1,0 +1,50 @@
+"""Every session shown in the documents and examples runs just so.
+
+A shown session is a block of "> command" lines, each with its reply. In a Markdown file it is a block fenced as
+```session, and ```script NAME is a file that it uses; a file's blocks are one session. In examples/, NAME.out
+is a session with the scripts beside it.
+"""
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+from kestrel_session import KESTREL, ROOT, SCALE
+
+DOCUMENTS = [path for path in sorted([ROOT / "README.md", *(ROOT / "docs").rglob("*.md")])
+             if "```session" in path.read_text()]
+SESSIONS = sorted(path for path in (ROOT / "examples").glob("*.out") if not path.with_suffix(".cmd").exists())
+TYPED = sorted(path for path in (ROOT / "examples").glob("*.cmd") if path.with_suffix(".out").exists())
+
+
+def check(client, text):
+    for part in re.split(r"^> ", text, flags=re.M)[1:]:
+        command, *reply = part.splitlines()
+        assert client.lines(command) == reply, command
+
+
+@pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
+def test_sessions_in_documents(server, path):
+    client = server.client()
+    blocks = re.findall(r"^```(session|script (\S+))\n(.*?)^```$", path.read_text(), re.M | re.S)
+    assert blocks
+    for kind, name, text in blocks:
+        if name:
+            server.write(name, text)
+        else:
+            check(client, text)
+
+
+@pytest.mark.parametrize("path", SESSIONS, ids=lambda path: path.name)
+def test_sessions_with_the_examples(start, path):
+    server = start(prepare=lambda cwd: [shutil.copy(script, cwd) for script in path.parent.glob("*.cmd")])
+    check(server.client(), path.read_text())
+
+
+@pytest.mark.parametrize("path", TYPED, ids=lambda path: path.name)
+def test_examples_that_are_typed(path):
+    played = subprocess.run([ROOT / "tools" / "play_session", path], capture_output=True, text=True,
+                            timeout=60 * SCALE, env={"KESTREL": KESTREL, "PATH": "/usr/bin:/bin"})
+    assert played.stderr == "" and played.returncode == 0
+    assert played.stdout == path.with_suffix(".out").read_text()

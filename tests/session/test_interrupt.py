@@ -1,0 +1,77 @@
+"""^C, which reaches the server as SIGINT: what it ends, and what goes on."""
+import time
+
+LOOP = ["echo 'go'", "do", "while 1", "echo 'never'"]
+
+
+def interrupted(server, client, line):
+    """Runs a line that prints 'go' and then takes long; the reply after an interrupt."""
+    client.send(line + "\n")
+    client.recv_until("go\r\n")
+    time.sleep(0.05)
+    server.interrupt()
+    return client.recv_prompt()
+
+
+def test_an_idle_server_takes_no_notice(server, client):
+    server.interrupt()
+    time.sleep(0.1)
+    assert client.cmd("7") == b"* 7\r\n"
+    server.write("s.cmd", ["echo 'runs'"])
+    assert client.lines("~s") == ["runs", "* 0"]
+
+
+def test_sleep_ends_at_once_with_a_failure(server, client):
+    server.write("s.cmd", ["echo 'go'", "sleep 600", "echo 'never'"])
+    reply = interrupted(server, client, "include 's.cmd' show-returns")
+    assert reply.startswith(b"* -1\r\n") and b"never" not in reply
+    assert client.cmd("sleep 0.01") == b"* 0\r\n"
+
+
+def test_a_script_ends_and_the_session_goes_on(server, client):
+    server.write("loop.cmd", LOOP)
+    assert interrupted(server, client, "~loop").startswith(b"! Include file aborted with ^C\r\n")
+    assert client.cmd("7") == b"* 7\r\n"
+    server.write("s.cmd", ["echo 'runs'"])
+    assert client.lines("~s") == ["runs", "* 0"]
+
+
+def test_nested_scripts_end_from_the_inside_out(server, client):
+    server.write("loop.cmd", LOOP)
+    server.write("outer.cmd", ["~loop", "echo 'never'"])
+    reply = interrupted(server, client, "include 'outer.cmd' no-exit-error")
+    assert reply.startswith(b"! Inner Include file aborted with ^C \r\n! Include file aborted with ^C\r\n")
+    assert b"never" not in reply
+
+
+def test_for_loops_and_waits_in_scripts_end(server, client):
+    server.write("s.cmd", ["echo 'go'", "for 'i' 1 1000000000", "rem 'x'", "next", "echo 'never'"])
+    reply = interrupted(server, client, "~s")
+    assert b"! Include file aborted with ^C\r\n" in reply and b"never" not in reply
+
+
+def test_mask_lets_the_script_go_on(server, client):
+    server.write("s.cmd", ["echo 'go'", "sleep 60", "echo 'on'", "return 3"])
+    reply = interrupted(server, client, "include 's.cmd' mask-cntrl-c no-exit-error")
+    assert reply == b"on\r\n* 3\r\n"
+
+
+def test_an_interrupted_script_fails_if_asked_to(server, client):
+    server.write("loop.cmd", LOOP)
+    reply = interrupted(server, client, "include 'loop.cmd' cntrl-c-ret-neg")
+    assert reply == b"! Include file aborted with ^C\r\n* -1\r\n"
+
+
+def test_input_ends(server, client):
+    client.send("input 'name? ' 'v'\n")
+    client.recv_until("name? ")
+    server.interrupt()
+    client.recv_prompt()
+    assert client.cmd("7") == b"* 7\r\n"
+
+
+def test_an_os_command_leaves_the_server_running(server, client):
+    client.send("system 'echo; sleep 0.5'\n")
+    server.interrupt()
+    client.recv_prompt()
+    assert client.cmd("7") == b"* 7\r\n"
