@@ -15,6 +15,7 @@ def terminal(start):
     terminal = start(kind=Terminal)
     terminal.recv_until("really quit the server")
     terminal.recv_until("> ")
+    terminal.wait_editing()
     return terminal
 
 
