@@ -1,10 +1,12 @@
 #include "app/hooks.h"
 
+#include "instruments/links/clients.h"
 #include "parser/help.h"
 #include "parser/interpreter.h"
 #include "parser/script.h"
 #include "parser/variables.h"
 #include "server/options.h"
+#include "unified/handles/handles.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -37,11 +39,15 @@ void set_data_dir() {
 void user_main(int argc, char **argv) {
     if (argc > 1)
         usage(argv[0]);
+    links::clients_init();
     set_data_dir();
 }
 
 void user_connect(int) {}
-void user_disconnect(int) {}
+// What the session has open goes with it.
+void user_disconnect(int cn) {
+    unif_connection_lost(cn);
+}
 void user_exit() {}
 
 } // namespace

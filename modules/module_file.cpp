@@ -1,0 +1,223 @@
+// Modules from and to files. Both run command lines of the same session: `file open`, `read`, `module open`
+// and `file get-next-index` do the work.
+#include "modules/commands.h"
+#include "modules/store/headed.h"
+#include "parser/call.h"
+#include "parser/interpreter.h"
+#include "parser/variables.h"
+#include "server/output.h"
+#include "unified/handles/handles.h"
+
+#include <string>
+#include <string_view>
+
+namespace kestrel {
+
+namespace {
+
+int run(int cn, const std::string &line) {
+    return user_service(cn, line.c_str(), 0, nullptr, nullptr);
+}
+
+// The text as a string of a command line. It is put in the other quotes where it has the usual ones in it.
+std::string quoted(std::string_view text) {
+    const char quote = text.find('\'') == std::string_view::npos ? '\'' : '"';
+    return quote + std::string(text) + quote;
+}
+
+// A handle that is closed and destroyed with its scope.
+class open_handle {
+  public:
+    open_handle(int cn, int handle) : cn_(cn), handle_(handle) {}
+    open_handle(const open_handle &) = delete;
+    open_handle &operator=(const open_handle &) = delete;
+    ~open_handle() {
+        if (unified_entry(handle_) != nullptr)
+            unified_close_and_destroy(cn_, handle_);
+    }
+    int get() const { return handle_; }
+
+  private:
+    int cn_;
+    int handle_;
+};
+
+// ---- load
+
+struct load_request {
+    std::string open_quals = "ascii-id";
+    int data_float = 1;
+    int num_t = 0;          // 0: the file's
+    bool skip_first = true; // the file's first row is an identification row
+    bool type_from_file = false;
+};
+
+load_request load_asked(int quals) {
+    enum { q_open_quals, q_long, q_double, q_num_t, q_tessera };
+    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
+    load_request r;
+    if (has(q_tessera))
+        r.open_quals = "tessera";
+    else if (has(q_open_quals))
+        r.open_quals = Qualifier[q_open_quals].StringArg;
+    r.skip_first = !has(q_tessera) && !has(q_open_quals);
+    r.data_float = has(q_double) ? 2 : has(q_long) ? 0 : 1;
+    r.type_from_file = has(q_tessera) && !has(q_double) && !has(q_long);
+    r.num_t = has(q_num_t) ? Qualifier[q_num_t].IntArg : 0;
+    return r;
+}
+
+int data_float_of(int utype) {
+    return utype == el_long ? 0 : utype == el_double ? 2 : 1;
+}
+
+constexpr const char *read_words[] = {"long", "float", "double"};
+
+int load_from(int cn, const open_handle &file, const std::string &name, load_request r) {
+    const _unif_open_tbl &entry = *unified_entry(file.get());
+    const int nx = entry.nx;
+    const int ny = entry.ny;
+    const int nt = entry.nt;
+    sv_printf(cn, "# Determined file size = (%d, %d, %d)\n", nx, ny, nt);
+    if (r.type_from_file) {
+        sv_printf(cn, "# Determined utype=%d from tessera header\n", entry.data_type);
+        r.data_float = data_float_of(entry.data_type);
+    }
+    if (r.num_t != 0 && r.num_t < nt) {
+        sv_printf(cn, "! ERROR: Specified num-t (%d) is less than file num-t (%d)\n", r.num_t, nt);
+        return -1;
+    }
+    const int module_nt = r.num_t != 0 ? r.num_t : nt;
+    const int first = r.skip_first ? 1 : 0;
+    const int rows = ny - first;
+    const int made = module_nt > 1
+                         ? mkmod_head3d(cn, name.c_str(), nx, ny, module_nt, "X", "Y", "T", r.data_float)
+                         : mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float);
+    if (made != 0)
+        return -1;
+    return run(cn, "read 0 " + std::to_string(first) + " 0 " + std::to_string(nx) + " " +
+                       std::to_string(rows) + " " + std::to_string(nt) + " from " +
+                       std::to_string(file.get()) + " to-module " + quoted(name) + " " +
+                       read_words[r.data_float]);
+}
+
+} // namespace
+
+int module_load(int quals, int cn, const char *file, const char *name) {
+    const load_request request = load_asked(quals);
+    const std::string target = name;
+    const std::string command = "file open " + quoted(file) + " " + request.open_quals;
+    const int handle = run(cn, command);
+    if (handle < 0 || unified_entry(handle) == nullptr) {
+        sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
+        return -1;
+    }
+    const open_handle opened(cn, handle);
+    if (load_from(cn, opened, target, request) != 0)
+        return -1;
+    module_announce(cn, target.c_str());
+    return 0;
+}
+
+// ---- save
+
+namespace {
+
+struct save_request {
+    std::string format_words;
+    std::string file;
+    bool indexed = false;
+    std::string index_tail; // what follows the path in the index command
+};
+
+// A command's word for each form; anything else is ASCII rows.
+std::string form_word(int quals) {
+    switch (quals & 0xFF) {
+    case 1 << 2:
+        return " asc-col";
+    case 1 << 3:
+        return " det";
+    case 1 << 4:
+        return " raw";
+    case 1 << 5:
+        return " long";
+    case 1 << 6:
+        return " float";
+    case 1 << 7:
+        return " double";
+    default:
+        return "";
+    }
+}
+
+save_request save_asked(int quals, const char *name, const char *file) {
+    enum { q_read_quals = 8, q_next_file, q_comment1, q_comment2, q_xh, q_save_script, q_current_file };
+    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
+    const auto text = [](int q) { return std::string(Qualifier[q].StringArg); };
+    save_request r;
+    r.format_words = form_word(quals);
+    if (has(q_read_quals))
+        r.format_words += " " + text(q_read_quals);
+    r.file = file != nullptr ? file : name;
+    r.indexed = has(q_next_file) || has(q_current_file);
+    if (!r.indexed)
+        return r;
+    for (const int q : {q_comment1, q_comment2})
+        if (has(q))
+            r.index_tail += " " + quoted(text(q));
+    if (has(q_xh))
+        r.index_tail += " xh " + quoted(text(q_xh));
+    if (!has(q_next_file)) {
+        r.index_tail +=
+            "  append file-suffix " + quoted(text(q_current_file)) + " get-fname 'module_save_fname' ";
+        return r;
+    }
+    r.index_tail +=
+        " file-suffix " + quoted(text(q_next_file)) + " get-fname 'module_save_fname' script-name ";
+    if (has(q_save_script))
+        r.index_tail += " save-script " + quoted(text(q_save_script));
+    return r;
+}
+
+// Draws the file's name from the index of the folder.
+int take_indexed_name(int cn, save_request &r) {
+    const std::string command = "file get-next-index " + quoted(r.file) + " " + r.index_tail;
+    if (run(cn, command) < 0) {
+        sv_print(cn, "! ERROR getting sequence number using command '" + command + "'\n");
+        return -1;
+    }
+    const Variable *variable = get_variable("module_save_fname");
+    if (variable == nullptr || variable->type != vt_string) {
+        sv_printf(cn, "! ERROR : Somehow did not create file name variable\n");
+        return -1;
+    }
+    r.file = variable->StringVar;
+    return 0;
+}
+
+} // namespace
+
+int module_save(int quals, int cn, const char *name, const char *file) {
+    if ((quals & 1) != 0) {
+        sv_printf(cn, "! OS9 module save not supported on Linux\n");
+        return -1;
+    }
+    save_request request = save_asked(quals, name, file);
+    const std::string module = name;
+    const int handle = run(cn, "module open " + quoted(module) + " header");
+    if (handle < 0)
+        return -1;
+    const open_handle opened(cn, handle);
+    if (request.indexed && take_indexed_name(cn, request) != 0)
+        return -1;
+    const _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr)
+        return -1;
+    const std::string command = "read 0 0 0 " + std::to_string(entry->nx) + " " + std::to_string(entry->ny) +
+                                " " + std::to_string(entry->nt) + " from " + std::to_string(handle) +
+                                " to-local-file " + quoted(request.file) + " " + request.format_words;
+    sv_print(cn, "# Saving '" + module + "' using '" + command + "'\n");
+    return run(cn, command);
+}
+
+} // namespace kestrel

@@ -1,0 +1,52 @@
+// modules/store: making and finding headed modules, for every room that keeps its results in them.
+// Messages go to the session.
+#pragma once
+
+#include "modules/store/view.h"
+
+#include <span>
+#include <string>
+
+namespace kestrel {
+
+// Element type by the number that callers give: 0 unsigned 32-bit, 1 float, 2 double.
+struct module_type {
+    int data_type;
+    std::size_t size;
+};
+constexpr module_type module_type_of(int data_float) {
+    return data_float == 2   ? module_type{MOD_DOUBLE, 8}
+           : data_float == 1 ? module_type{MOD_FLOAT, 4}
+                             : module_type{MOD_U_INT32, 4};
+}
+
+// Make a headed module, or find one that fits. A size n > 0 is exact, -n at least n (and made n), 0 any (and
+// cannot be made). Null labels are "X", "Y", "T". The module is linked: the caller unlinks *mod_head.
+// Null after a message. An existing module is left as it is.
+MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
+                          const char *y_lab, int data_float, void **mod_head);
+
+// The same with frames; `labels` is a null-ended list of one label a frame, or null.
+MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
+                         const char *y_lab, const char *t_lab, const char *const *labels, int data_float,
+                         void **mod_head);
+
+// The same, unlinked at once: 0 or -1.
+int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
+               int data_float);
+int mkmod_head3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
+                 const char *y_lab, const char *t_lab, int data_float);
+
+// A module of 4 x n bytes without a header; 0 (also where it exists), or -1.
+int mkmod_nohead(int cn, const char *name, int n);
+
+// New dimensions for a linked module, within its capacity; num_t 0 counts as 1. The data stay where they are.
+int app_mod_resize(int cn, void *head, int num_x, int num_y, int num_t);
+
+// Replaces the frame labels of a linked 3-D module; false when it has no room for them (or is none).
+bool mod_set_labels(void *head, std::span<const std::string> labels);
+
+// Every element of a linked module becomes zero; -1 when its header cannot be used.
+int clear_mod(void *head);
+
+} // namespace kestrel

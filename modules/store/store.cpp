@@ -1,0 +1,251 @@
+#include "modules/store/store.h"
+
+#include "support/fd.h"
+#include "support/mapping.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace kestrel {
+
+std::mutex img_mod_mutex;
+
+namespace {
+
+datamod_record *mapped = nullptr; // newest first; img_mod_mutex
+constexpr int object_mode = 0777; // any user's display may map and mark a module
+
+// "/name", or errno (EINVAL for an empty name or one with a further "/", ENAMETOOLONG) and nothing.
+std::string object_name(const char *name) {
+    std::string object = *name == '/' ? name : "/" + std::string(name);
+    if (object.size() < 2 || object.find('/', 1) != std::string::npos || object == "/." || object == "/..") {
+        errno = EINVAL;
+        return {};
+    }
+    if (object.size() - 1 > NAME_MAX) {
+        errno = ENAMETOOLONG;
+        return {};
+    }
+    return object;
+}
+
+datamod_record *find(const void *head) {
+    datamod_record *record = mapped;
+    while (record != nullptr && record->address != head)
+        record = record->next;
+    return record;
+}
+
+datamod_record *find(dev_t device, ino_t inode) {
+    datamod_record *record = mapped;
+    while (record != nullptr && (record->device != device || record->inode != inode))
+        record = record->next;
+    return record;
+}
+
+// Reports with the errno that the caller shall see, too.
+int complain(const char *format, const char *name) {
+    const int error = errno;
+    std::fprintf(stderr, format, name, error);
+    errno = error;
+    return -1;
+}
+
+int cannot_map(const char *name) {
+    return complain("Cannot mmap share memory file '%s', errno= %d\n", name);
+}
+
+int cannot_stat(const char *name) {
+    return complain("Cannot stat share memory file '%s', errno= %d\n", name);
+}
+
+// Maps the open object and puts its record first in the list; the mutex is held.
+int add_record(const char *name, unique_fd fd, std::size_t size, const struct stat &status,
+               datamod_record **record, void **head) {
+    auto mapping = unique_mapping::map(fd.get(), size, PROT_READ | PROT_WRITE, MAP_SHARED);
+    if (!mapping)
+        return cannot_map(name);
+    auto fresh = std::make_unique<datamod_record>();
+    fresh->device = status.st_dev;
+    fresh->inode = status.st_ino;
+    fresh->size = static_cast<off_t>(size);
+    fresh->links = 1;
+    fresh->next = mapped;
+    fresh->address = mapping.address();
+    fresh->fd = fd.release();
+    *head = mapping.release();
+    *record = mapped = fresh.release();
+    return 0;
+}
+
+// All the memory now, so that no later write can meet a full file system (which would be a fatal signal).
+int reserve(int fd, std::size_t size) {
+    int error = EINTR;
+    while (error == EINTR)
+        error = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
+    errno = error;
+    return error == 0 ? 0 : -1;
+}
+
+int size_and_map(const char *name, unique_fd fd, std::size_t size, datamod_record **record, void **head) {
+    if (size == 0 || size > static_cast<std::size_t>(PTRDIFF_MAX)) {
+        errno = size == 0 ? EINVAL : EFBIG;
+        return cannot_map(name);
+    }
+    if (::ftruncate(fd.get(), static_cast<off_t>(size)) != 0 || reserve(fd.get(), size) != 0) {
+        const int error = errno;
+        std::fprintf(stderr, "_os_datmod:Cannot ftruncate(size=%zd) shared memory file '%s', errno= %d\n",
+                     static_cast<ssize_t>(size), name, error);
+        errno = error;
+        return -1;
+    }
+    struct stat status {};
+    if (::fstat(fd.get(), &status) != 0)
+        cannot_stat(name);
+    return add_record(name, std::move(fd), size, status, record, head);
+}
+
+} // namespace
+
+int _os_datmod(const char *name, std::size_t size, void **head, datamod_record **record) try {
+    const std::string object = object_name(name);
+    if (object.empty())
+        return complain("Cannot create share memory file '%s', errno= %d\n", name);
+    const std::lock_guard lock(img_mod_mutex);
+    const mode_t mask = ::umask(0);
+    unique_fd fd(::shm_open(object.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, object_mode));
+    const int error = errno;
+    ::umask(mask);
+    errno = error;
+    if (!fd)
+        return complain("Cannot create share memory file '%s', errno= %d\n", name);
+    const int result = size_and_map(name, std::move(fd), size, record, head);
+    if (result != 0) {
+        const int cause = errno;
+        ::shm_unlink(object.c_str());
+        errno = cause;
+    }
+    return result;
+} catch (const std::bad_alloc &) {
+    std::fprintf(stderr, "Out of memory\n");
+    errno = ENOMEM;
+    return -1;
+}
+
+int _os_link(const char *name, datamod_record **record, void **head) {
+    const std::string object = object_name(name);
+    if (object.empty())
+        return -1;
+    const std::lock_guard lock(img_mod_mutex);
+    unique_fd fd(::shm_open(object.c_str(), O_RDWR | O_CLOEXEC, 0));
+    if (!fd)
+        return -1;
+    struct stat status {};
+    if (::fstat(fd.get(), &status) != 0)
+        return cannot_stat(name);
+    if (datamod_record *known = find(status.st_dev, status.st_ino)) {
+        ++known->links;
+        *record = known;
+        *head = known->address;
+        return 0;
+    }
+    if (status.st_size <= 0) {
+        errno = EINVAL;
+        return cannot_map(name);
+    }
+    return add_record(name, std::move(fd), static_cast<std::size_t>(status.st_size), status, record, head);
+}
+
+int munlink(void *head) {
+    const std::lock_guard lock(img_mod_mutex);
+    datamod_record **place = &mapped;
+    while (*place != nullptr && (*place)->address != head)
+        place = &(*place)->next;
+    datamod_record *record = *place;
+    if (head == nullptr || record == nullptr) {
+        std::fprintf(stderr, " Cannot find module head pointer 0x%0zx in list so not touching anything\n",
+                     reinterpret_cast<std::size_t>(head));
+        return -1;
+    }
+    if (--record->links > 0)
+        return 0;
+    *place = record->next;
+    ::munmap(record->address, static_cast<std::size_t>(record->size));
+    ::close(record->fd);
+    delete record;
+    return 0;
+}
+
+int _os_unlink(void *head) {
+    return munlink(head);
+}
+
+off_t datamod_mod_size(const void *head) {
+    const std::lock_guard lock(img_mod_mutex);
+    const datamod_record *record = head == nullptr ? nullptr : find(head);
+    return record == nullptr ? -1 : record->size;
+}
+
+bool datamod_is_whole(const void *head) {
+    const std::lock_guard lock(img_mod_mutex);
+    const datamod_record *record = head == nullptr ? nullptr : find(head);
+    struct stat status {};
+    errno = EINVAL;
+    if (record == nullptr || ::fstat(record->fd, &status) != 0)
+        return false;
+    errno = ENXIO;
+    return status.st_size >= record->size;
+}
+
+datamod_counts datamod_count() {
+    const std::lock_guard lock(img_mod_mutex);
+    datamod_counts counts;
+    for (const datamod_record *record = mapped; record != nullptr; record = record->next) {
+        ++counts.mappings;
+        counts.links += record->links;
+    }
+    return counts;
+}
+
+module_link::module_link(const char *name) {
+    datamod_record *record = nullptr;
+    if (_os_link(name, &record, &head_) != 0)
+        head_ = nullptr;
+}
+
+module_link module_link::adopt(void *head) {
+    module_link link;
+    link.head_ = head;
+    return link;
+}
+
+module_link::module_link(module_link &&other) noexcept : head_(other.release()) {}
+
+module_link &module_link::operator=(module_link &&other) noexcept {
+    if (this != &other) {
+        reset();
+        head_ = other.release();
+    }
+    return *this;
+}
+
+void *module_link::release() {
+    return std::exchange(head_, nullptr);
+}
+
+void module_link::reset() {
+    if (head_ != nullptr)
+        munlink(head_);
+    head_ = nullptr;
+}
+
+} // namespace kestrel

@@ -1,0 +1,74 @@
+// modules/store: named shared-memory objects and the list of those that this process has mapped.
+//
+// Uses server/ for messages only (none here: store-level failures go to standard error). Every operation
+// takes img_mod_mutex and may be called from any thread; what lies in the mappings is locked by nobody.
+// Nothing here removes an object that was completely made.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <sys/types.h>
+
+namespace kestrel {
+
+// A mapping that this process holds. Records stay where they are while links is above zero.
+struct datamod_record {
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;          // mapped bytes: the module's capacity
+    void *address = nullptr; // the header
+    int links = 0;
+    int fd = -1; // the object, kept to notice that it was cut short
+    datamod_record *next = nullptr;
+};
+
+extern std::mutex img_mod_mutex;
+
+// Creates the object exclusively, reserves its memory in full and maps it with one link. The contents are
+// zero. 0, or -1 after a message on standard error, with errno set; nothing is left behind.
+int _os_datmod(const char *name, std::size_t size, void **head, datamod_record **record);
+
+// Links an existing object: one more link where it is mapped already. 0, or -1 with errno set; without a
+// message when there is no such object.
+int _os_link(const char *name, datamod_record **record, void **head);
+
+// Takes a link away, and the mapping with the last one. 0, or -1 after a message on standard error.
+int munlink(void *head);
+int _os_unlink(void *head);
+
+// Capacity in bytes of a mapped module, or -1.
+off_t datamod_mod_size(const void *head);
+
+// The object's present size is still the mapped one or more (errno ENXIO when it was cut short, EINVAL when
+// `head` is not mapped).
+bool datamod_is_whole(const void *head);
+
+// How many mappings and links are held; for the tests that look for leaks.
+struct datamod_counts {
+    int mappings = 0;
+    int links = 0;
+};
+datamod_counts datamod_count();
+
+// A link that ends with its scope.
+class module_link {
+  public:
+    module_link() = default;
+    explicit module_link(const char *name); // empty when there is no such module
+    static module_link adopt(void *head);   // takes over a link that the caller holds
+    module_link(module_link &&other) noexcept;
+    module_link &operator=(module_link &&other) noexcept;
+    module_link(const module_link &) = delete;
+    module_link &operator=(const module_link &) = delete;
+    ~module_link() { reset(); }
+
+    void *head() const { return head_; }
+    explicit operator bool() const { return head_ != nullptr; }
+    void *release(); // the caller unlinks
+    void reset();
+
+  private:
+    void *head_ = nullptr;
+};
+
+} // namespace kestrel

@@ -1,0 +1,326 @@
+#include "support/ftp.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <curl/curl.h>
+
+namespace kestrel {
+
+namespace {
+
+constexpr long connect_seconds = 10;
+constexpr long idle_seconds = 30;
+
+struct easy_deleter {
+    void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
+};
+using easy_handle = std::unique_ptr<CURL, easy_deleter>;
+
+bool start_library() {
+    static const bool started = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    return started;
+}
+
+bool printable(std::string_view text) {
+    return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
+}
+
+// "ftp://machine/path" with the path's bytes escaped, or nothing for names that cannot be sent in an FTP
+// line.
+std::string make_url(const ftp_account &account, std::string_view path) {
+    const auto host_char = [](unsigned char c) {
+        return std::isalnum(c) != 0 || c == '.' || c == '-' || c == ':' || c == '_' || c == '[' || c == ']';
+    };
+    if (account.machine.empty() || path.empty() || !printable(path) || !printable(account.user) ||
+        !printable(account.password) ||
+        !std::all_of(account.machine.begin(), account.machine.end(), host_char))
+        return {};
+    std::string url = "ftp://" + account.machine + "/";
+    for (std::size_t i = 0; i < path.size(); ++i) {
+        const auto c = static_cast<unsigned char>(path[i]);
+        const bool plain = std::isalnum(c) != 0 || std::strchr("-._~", c) != nullptr || (c == '/' && i > 0);
+        char escaped[4];
+        std::snprintf(escaped, sizeof escaped, "%%%02X", c);
+        url += plain ? std::string(1, static_cast<char>(c)) : std::string(escaped);
+    }
+    return url;
+}
+
+ftp_result failure(CURLcode code, const char *detail) {
+    if (code == CURLE_OK)
+        return {};
+    ftp_result result{ftp_stage::data,
+                      detail != nullptr && *detail != '\0' ? detail : curl_easy_strerror(code)};
+    switch (code) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_URL_MALFORMAT:
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_FTP_ACCEPT_TIMEOUT:
+        result.failed = ftp_stage::open;
+        break;
+    case CURLE_LOGIN_DENIED:
+    case CURLE_FTP_WEIRD_PASS_REPLY:
+        result.failed = ftp_stage::login;
+        break;
+    case CURLE_REMOTE_FILE_NOT_FOUND:
+        result.failed = ftp_stage::missing;
+        break;
+    case CURLE_ABORTED_BY_CALLBACK:
+        result.text = "Interrupted";
+        break;
+    default:
+        break;
+    }
+    return result;
+}
+
+ftp_result refused(const char *text) {
+    return {ftp_stage::open, text};
+}
+
+int on_progress(void *user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    const auto *options = static_cast<const ftp_options *>(user);
+    return options->stop && options->stop() ? 1 : 0;
+}
+
+// The dialogue without the line that carries the password.
+int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *user) {
+    const ftp_trace &trace = *static_cast<const ftp_trace *>(user);
+    const std::string_view text(data, size);
+    const int length = static_cast<int>(size);
+    if (kind == CURLINFO_HEADER_OUT && text.starts_with("PASS"))
+        std::fprintf(trace.to, "ftp> PASS *\n");
+    else if (kind == CURLINFO_HEADER_OUT)
+        std::fprintf(trace.to, "ftp> %.*s", length, data);
+    else if (kind == CURLINFO_HEADER_IN)
+        std::fprintf(trace.to, "ftp< %.*s", length, data);
+    else if (kind == CURLINFO_TEXT && trace.level > 1)
+        std::fprintf(trace.to, "ftp: %.*s", length, data);
+    else if (trace.level > 2 && (kind == CURLINFO_DATA_IN || kind == CURLINFO_DATA_OUT))
+        std::fprintf(trace.to, "ftp: %zu bytes %s\n", size, kind == CURLINFO_DATA_IN ? "received" : "sent");
+    std::fflush(trace.to);
+    return 0;
+}
+
+void set_common(CURL *easy, const ftp_account &account, const std::string &url, const ftp_options &options,
+                char *error) {
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "ftp");
+    curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    curl_easy_setopt(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+    curl_easy_setopt(easy, CURLOPT_USERNAME, account.user.c_str());
+    curl_easy_setopt(easy, CURLOPT_PASSWORD, account.password.c_str());
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, connect_seconds);
+    curl_easy_setopt(easy, CURLOPT_SERVER_RESPONSE_TIMEOUT, idle_seconds);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, idle_seconds);
+    curl_easy_setopt(easy, CURLOPT_TRANSFERTEXT, options.ascii ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_APPEND, options.append ? 1L : 0L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, on_progress);
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &options);
+    if (options.trace && options.trace->level > 0) {
+        curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+        curl_easy_setopt(easy, CURLOPT_DEBUGDATA, options.trace);
+        curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, on_debug);
+    }
+}
+
+} // namespace
+
+// ---- get
+
+namespace {
+
+struct get_context {
+    const std::function<bool(std::span<const std::byte>)> *sink = nullptr;
+    bool refused = false;
+};
+
+std::size_t on_received(char *data, std::size_t size, std::size_t count, void *user) {
+    auto *context = static_cast<get_context *>(user);
+    if ((*context->sink)({reinterpret_cast<const std::byte *>(data), size * count}))
+        return size * count;
+    context->refused = true;
+    return 0;
+}
+
+} // namespace
+
+ftp_result ftp_get(const ftp_account &account, std::string_view path,
+                   const std::function<bool(std::span<const std::byte>)> &sink, const ftp_options &options) {
+    const std::string url = make_url(account, path);
+    if (url.empty())
+        return refused("Bad machine or file name");
+    const easy_handle easy(start_library() ? curl_easy_init() : nullptr);
+    if (!easy)
+        return refused("Cannot start an FTP client");
+    char error[CURL_ERROR_SIZE] = "";
+    get_context context{&sink};
+    set_common(easy.get(), account, url, options, error);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, on_received);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &context);
+    const CURLcode code = curl_easy_perform(easy.get());
+    if (context.refused)
+        return {ftp_stage::data, "Cannot store what was received"};
+    return failure(code, error);
+}
+
+// ---- put
+
+struct ftp_upload::state {
+    ftp_account account;
+    std::string path;
+    std::string url;
+    ftp_options options;
+    char error[CURL_ERROR_SIZE] = "";
+    CURLM *multi = nullptr;
+    CURL *easy = nullptr;
+    std::span<const std::byte> rest; // of the write that runs
+    bool last = false;               // nothing follows what is left
+    bool paused = false;             // the library waits for more
+    bool stored = false;             // bytes were taken: there may be a remote file
+    bool running = false;
+    ftp_result result;
+
+    ~state() {
+        if (easy != nullptr) {
+            curl_multi_remove_handle(multi, easy);
+            curl_easy_cleanup(easy);
+        }
+        if (multi != nullptr)
+            curl_multi_cleanup(multi);
+    }
+
+    // The library asks for bytes; without any, and more to come, it is put on hold.
+    static std::size_t on_give(char *to, std::size_t size, std::size_t items, void *user) {
+        auto *s = static_cast<state *>(user);
+        const std::size_t count = std::min(size * items, s->rest.size());
+        if (count == 0 && !s->last) {
+            s->paused = true;
+            return CURL_READFUNC_PAUSE;
+        }
+        if (count > 0)
+            std::memcpy(to, s->rest.data(), count);
+        s->rest = s->rest.subspan(count);
+        s->stored = s->stored || count > 0;
+        return count;
+    }
+
+    ftp_result pump();
+    void remove_remote();
+};
+
+// Runs the transfer until the bytes at hand are taken (or, at the last, until it is over).
+ftp_result ftp_upload::state::pump() {
+    if (paused) {
+        paused = false;
+        curl_easy_pause(easy, CURLPAUSE_CONT);
+    }
+    while (running && result) {
+        int active = 0;
+        if (curl_multi_perform(multi, &active) != CURLM_OK)
+            result = {ftp_stage::data, "Transfer failed"};
+        int queued = 0;
+        while (const CURLMsg *message = curl_multi_info_read(multi, &queued)) {
+            if (message->msg != CURLMSG_DONE)
+                continue;
+            running = false;
+            result = failure(message->data.result, error);
+            if (result && (!last || !rest.empty()))
+                result = {ftp_stage::data, "The server ended the transfer"};
+        }
+        if (!running || (paused && rest.empty() && !last))
+            break;
+        curl_multi_poll(multi, nullptr, 0, 200, nullptr);
+    }
+    return result;
+}
+
+// Best effort: a file that is only half there would be taken for a whole one.
+void ftp_upload::state::remove_remote() {
+    if (!stored || options.append)
+        return;
+    const easy_handle cleaner(curl_easy_init());
+    const std::size_t slash = url.find('/', sizeof "ftp://");
+    if (!cleaner || slash == std::string::npos)
+        return;
+    char ignored[CURL_ERROR_SIZE] = "";
+    const std::string root = url.substr(0, slash + 1);
+    curl_slist *commands = curl_slist_append(nullptr, ("DELE " + path).c_str());
+    set_common(cleaner.get(), account, root, options, ignored);
+    curl_easy_setopt(cleaner.get(), CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(cleaner.get(), CURLOPT_QUOTE, commands);
+    curl_easy_perform(cleaner.get());
+    curl_slist_free_all(commands);
+}
+
+ftp_upload::ftp_upload() = default;
+
+ftp_upload::~ftp_upload() {
+    if (!state_)
+        return;
+    const bool unfinished = state_->running || !state_->result;
+    if (state_->easy != nullptr) {
+        curl_multi_remove_handle(state_->multi, state_->easy);
+        curl_easy_cleanup(state_->easy);
+        state_->easy = nullptr;
+    }
+    if (unfinished)
+        state_->remove_remote();
+}
+
+ftp_result ftp_upload::begin(const ftp_account &account, std::string_view path, const ftp_options &options) {
+    auto s = std::make_unique<state>();
+    s->account = account;
+    s->path = path;
+    s->options = options;
+    s->url = make_url(account, path);
+    if (s->url.empty())
+        return refused("Bad machine or file name");
+    if (!start_library() || (s->multi = curl_multi_init()) == nullptr ||
+        (s->easy = curl_easy_init()) == nullptr)
+        return refused("Cannot start an FTP client");
+    set_common(s->easy, s->account, s->url, s->options, s->error);
+    curl_easy_setopt(s->easy, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(s->easy, CURLOPT_READFUNCTION, state::on_give);
+    curl_easy_setopt(s->easy, CURLOPT_READDATA, s.get());
+    if (curl_multi_add_handle(s->multi, s->easy) != CURLM_OK)
+        return refused("Cannot start an FTP client");
+    s->running = true;
+    state_ = std::move(s);
+    return state_->pump(); // until the library asks for the first byte
+}
+
+ftp_result ftp_upload::write(std::span<const std::byte> bytes) {
+    if (!state_)
+        return refused("No transfer is open");
+    if (bytes.empty())
+        return state_->result;
+    state_->rest = bytes;
+    return state_->pump();
+}
+
+ftp_result ftp_upload::finish() {
+    if (!state_)
+        return refused("No transfer is open");
+    state_->last = true;
+    return state_->pump();
+}
+
+ftp_result ftp_put(const ftp_account &account, std::string_view path, std::span<const std::byte> bytes,
+                   const ftp_options &options) {
+    ftp_upload upload;
+    if (ftp_result r = upload.begin(account, path, options); !r)
+        return r;
+    if (ftp_result r = upload.write(bytes); !r)
+        return r;
+    return upload.finish();
+}
+
+} // namespace kestrel

@@ -1,0 +1,297 @@
+#include "support/tessera.h"
+
+#include <algorithm>
+#include <climits>
+#include <hdf5.h>
+
+namespace kestrel {
+
+static_assert(sizeof(long) >= sizeof(hid_t));
+
+namespace {
+
+template <herr_t (*Close)(hid_t)> int close_with(long id) {
+    return Close(static_cast<hid_t>(id));
+}
+
+template <herr_t (*Close)(hid_t)> tessera_id own(hid_t id) {
+    return {static_cast<long>(id), close_with<Close>};
+}
+
+// The library prints its error stack unless told not to; our callers print their own line.
+void quiet_library() {
+    static const herr_t done = H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    static_cast<void>(done);
+}
+
+bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
+    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
+    H5Tset_size(type.get(), text.empty() ? 1 : text.size());
+    H5Tset_strpad(type.get(), H5T_STR_NULLPAD);
+    H5Tset_cset(type.get(), H5T_CSET_UTF8);
+    const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
+    if (attribute) {
+        const auto id =
+            own<H5Aclose>(H5Acreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
+        return id.ok() && H5Awrite(id.get(), type.get(), text.c_str()) >= 0;
+    }
+    const auto id = own<H5Dclose>(
+        H5Dcreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.c_str()) >= 0;
+}
+
+bool put_int(hid_t place, const char *name, int value) {
+    const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
+    const auto id =
+        own<H5Aclose>(H5Acreate2(place, name, H5T_NATIVE_INT, space.get(), H5P_DEFAULT, H5P_DEFAULT));
+    return id.ok() && H5Awrite(id.get(), H5T_NATIVE_INT, &value) >= 0;
+}
+
+bool put_axes(hid_t group, int rank) {
+    const char *names[3] = {"t", "y", "x"};
+    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
+    H5Tset_size(type.get(), H5T_VARIABLE);
+    const hsize_t count = static_cast<hsize_t>(rank);
+    const auto space = own<H5Sclose>(H5Screate_simple(1, &count, nullptr));
+    const auto id =
+        own<H5Aclose>(H5Acreate2(group, "axes", type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
+    return id.ok() && H5Awrite(id.get(), type.get(), names + (3 - rank)) >= 0;
+}
+
+tessera_id make_group(hid_t place, const char *name, const char *nx_class) {
+    auto id = own<H5Gclose>(H5Gcreate2(place, name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+    if (id.ok() && !put_text(id.get(), "NX_class", nx_class, true))
+        return {};
+    return id;
+}
+
+bool put_details(hid_t entry, const tessera_details &details) {
+    if (details.empty())
+        return true;
+    const auto group = make_group(entry, "details", "NXcollection");
+    if (!group.ok())
+        return false;
+    for (const auto &[name, value] : details)
+        if (!put_text(group.get(), name.c_str(), value, false))
+            return false;
+    return true;
+}
+
+hid_t file_type(tessera_type type) {
+    switch (type) {
+    case tessera_type::uint16:
+        return H5T_STD_U16LE;
+    case tessera_type::float64:
+        return H5T_IEEE_F64LE;
+    default:
+        return H5T_IEEE_F32LE;
+    }
+}
+
+hid_t memory_type(tessera_type type) {
+    switch (type) {
+    case tessera_type::uint16:
+        return H5T_NATIVE_UINT16;
+    case tessera_type::float64:
+        return H5T_NATIVE_DOUBLE;
+    default:
+        return H5T_NATIVE_FLOAT;
+    }
+}
+
+hid_t memory_type(element_type type) {
+    switch (type) {
+    case el_byte:
+        return H5T_NATIVE_UINT8;
+    case el_short:
+        return H5T_NATIVE_UINT16;
+    case el_long:
+        return H5T_NATIVE_UINT32;
+    case el_int64:
+        return H5T_NATIVE_INT64;
+    case el_float:
+        return H5T_NATIVE_FLOAT;
+    default:
+        return H5T_NATIVE_DOUBLE;
+    }
+}
+
+std::size_t element_bytes(tessera_type type) {
+    return type == tessera_type::uint16 ? 2 : type == tessera_type::float64 ? 8 : 4;
+}
+
+} // namespace
+
+bool tessera_writer::open(const std::string &name, tessera_type type, tessera_shape shape,
+                          const std::string &title, const tessera_details &details) {
+    quiet_library();
+    shape_ = shape;
+    type_ = type;
+    next_line_ = 0;
+    file_ = own<H5Fclose>(H5Fcreate(name.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
+    if (!file_.ok() || !put_text(file_.get(), "default", "entry", true))
+        return false;
+    const auto entry = make_group(file_.get(), "entry", "NXentry");
+    if (!entry.ok() || !put_text(entry.get(), "default", "data", true) ||
+        !put_text(entry.get(), "title", title, false) || !put_details(entry.get(), details))
+        return false;
+    const auto group = make_group(entry.get(), "data", "NXdata");
+    if (!group.ok() || !put_text(group.get(), "signal", "data", true))
+        return false;
+    const int rank = shape.nt > 1 ? 3 : 2;
+    const hsize_t dims[3] = {static_cast<hsize_t>(shape.nt), static_cast<hsize_t>(shape.ny),
+                             static_cast<hsize_t>(shape.nx)};
+    const auto space = own<H5Sclose>(H5Screate_simple(rank, dims + (3 - rank), nullptr));
+    data_ = own<H5Dclose>(
+        H5Dcreate2(group.get(), "data", file_type(type), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
+    return data_.ok() && put_axes(group.get(), rank) &&
+           put_int(data_.get(), "data_type", static_cast<int>(type));
+}
+
+bool tessera_writer::write_lines(const std::byte *at, int frame, int line, int lines) {
+    const int rank = shape_.nt > 1 ? 3 : 2;
+    const hsize_t start[3] = {static_cast<hsize_t>(frame), static_cast<hsize_t>(line), 0};
+    const hsize_t count[3] = {1, static_cast<hsize_t>(lines), static_cast<hsize_t>(shape_.nx)};
+    const auto in_file = own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto in_memory = own<H5Sclose>(H5Screate_simple(2, count + 1, nullptr));
+    return H5Sselect_hyperslab(in_file.get(), H5S_SELECT_SET, start + (3 - rank), nullptr, count + (3 - rank),
+                               nullptr) >= 0 &&
+           H5Dwrite(data_.get(), memory_type(type_), in_memory.get(), in_file.get(), H5P_DEFAULT, at) >= 0;
+}
+
+bool tessera_writer::write(const void *elements, std::size_t count) {
+    const auto *at = static_cast<const std::byte *>(elements);
+    const auto width = static_cast<std::size_t>(shape_.nx);
+    if (!data_.ok() || width == 0 || count % width != 0)
+        return false;
+    auto lines = static_cast<long long>(count / width);
+    if (next_line_ + lines > lines_total())
+        return false;
+    while (lines > 0) {
+        const int line = static_cast<int>(next_line_ % shape_.ny);
+        const int here = static_cast<int>(std::min<long long>(lines, shape_.ny - line));
+        if (!write_lines(at, static_cast<int>(next_line_ / shape_.ny), line, here))
+            return false;
+        at += static_cast<std::size_t>(here) * width * element_bytes(type_);
+        next_line_ += here;
+        lines -= here;
+    }
+    return true;
+}
+
+bool tessera_writer::close() {
+    const bool data = data_.close() >= 0;
+    const bool file = file_.close() >= 0;
+    return data && file;
+}
+
+// ---- reading
+
+namespace {
+
+// Numeric elements as one of our types: unsigned integers stay what they are, signed ones become doubles
+// (which hold 32 bits exactly) or 64-bit integers, half floats become floats.
+element_type our_type(hid_t type) {
+    const H5T_class_t kind = H5Tget_class(type);
+    const std::size_t size = H5Tget_size(type);
+    if (kind == H5T_FLOAT)
+        return size <= 4 ? el_float : el_double;
+    if (kind != H5T_INTEGER)
+        return el_none;
+    if (size > 4)
+        return el_int64;
+    if (H5Tget_sign(type) != H5T_SGN_NONE)
+        return el_double;
+    return size == 1 ? el_byte : size == 2 ? el_short : el_long;
+}
+
+struct search {
+    std::string found;
+};
+
+bool is_image(hid_t dataset) {
+    const auto space = own<H5Sclose>(H5Dget_space(dataset));
+    const int rank = H5Sget_simple_extent_ndims(space.get());
+    const auto type = own<H5Tclose>(H5Dget_type(dataset));
+    return (rank == 2 || rank == 3) && type.ok() && our_type(type.get()) != el_none;
+}
+
+herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user) {
+    if (info->type != H5O_TYPE_DATASET)
+        return 0;
+    const auto dataset = own<H5Dclose>(H5Dopen2(root, name, H5P_DEFAULT));
+    if (!dataset.ok() || !is_image(dataset.get()))
+        return 0;
+    static_cast<search *>(user)->found = name;
+    return 1;
+}
+
+std::string title_of(hid_t file) {
+    const auto set = own<H5Dclose>(H5Dopen2(file, "/entry/title", H5P_DEFAULT));
+    if (!set.ok())
+        return {};
+    const auto type = own<H5Tclose>(H5Dget_type(set.get()));
+    const auto space = own<H5Sclose>(H5Dget_space(set.get()));
+    const std::size_t size = type.ok() ? H5Tget_size(type.get()) : 0;
+    if (H5Tget_class(type.get()) != H5T_STRING || H5Tis_variable_str(type.get()) > 0 || size == 0 ||
+        size > 4096 || H5Sget_simple_extent_npoints(space.get()) != 1)
+        return {};
+    std::string text(size, '\0');
+    if (H5Dread(set.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.data()) < 0)
+        return {};
+    return text.substr(0, text.find('\0'));
+}
+
+} // namespace
+
+bool tessera_reader::take_dataset(std::string &error) {
+    const auto space = own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto type = own<H5Tclose>(H5Dget_type(data_.get()));
+    rank_ = H5Sget_simple_extent_ndims(space.get());
+    hsize_t dims[3] = {1, 1, 1};
+    if ((rank_ != 2 && rank_ != 3) ||
+        H5Sget_simple_extent_dims(space.get(), dims + (3 - rank_), nullptr) < 0) {
+        error = "cannot read the size of dataset " + dataset_;
+        return false;
+    }
+    for (const hsize_t dim : dims)
+        if (dim == 0 || dim > INT_MAX) {
+            error = "dataset " + dataset_ + " has a dimension of " + std::to_string(dim);
+            return false;
+        }
+    shape_ = {static_cast<int>(dims[2]), static_cast<int>(dims[1]), static_cast<int>(dims[0])};
+    type_ = our_type(type.get());
+    return true;
+}
+
+bool tessera_reader::open(const std::string &name, std::string &error) {
+    quiet_library();
+    file_ = own<H5Fclose>(H5Fopen(name.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT));
+    if (!file_.ok()) {
+        error = "cannot be opened as an HDF5 file";
+        return false;
+    }
+    search s;
+    H5Ovisit2(file_.get(), H5_INDEX_NAME, H5_ITER_INC, look_at, &s, H5O_INFO_BASIC);
+    if (s.found.empty()) {
+        error = "holds no 2-D or 3-D numeric dataset";
+        return false;
+    }
+    dataset_ = "/" + s.found;
+    data_ = own<H5Dclose>(H5Dopen2(file_.get(), s.found.c_str(), H5P_DEFAULT));
+    title_ = title_of(file_.get());
+    return take_dataset(error);
+}
+
+bool tessera_reader::read(void *buffer, int x, int y, int t, int dx, int dy, int dt) const {
+    const hsize_t start[3] = {static_cast<hsize_t>(t), static_cast<hsize_t>(y), static_cast<hsize_t>(x)};
+    const hsize_t count[3] = {static_cast<hsize_t>(dt), static_cast<hsize_t>(dy), static_cast<hsize_t>(dx)};
+    const int skip = 3 - rank_;
+    const auto in_file = own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto in_memory = own<H5Sclose>(H5Screate_simple(3, count, nullptr));
+    return H5Sselect_hyperslab(in_file.get(), H5S_SELECT_SET, start + skip, nullptr, count + skip, nullptr) >=
+               0 &&
+           H5Dread(data_.get(), memory_type(type_), in_memory.get(), in_file.get(), H5P_DEFAULT, buffer) >= 0;
+}
+
+} // namespace kestrel

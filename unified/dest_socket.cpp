@@ -1,0 +1,40 @@
+// Destination: the session's data connection.
+#include "server/data_channel.h"
+#include "server/output.h"
+#include "unified/form.h"
+#include "unified/output.h"
+
+#include <cerrno>
+
+namespace kestrel {
+
+namespace {
+
+int socket_init(UnifOutput &output, const _unif_format &) {
+    sv_flush_all(output.cn); // the client learns what comes before it comes
+    return sv_data_open(output.cn) < 0 ? -1 : 0;
+}
+
+int socket_write(UnifOutput &output, const void *bytes, std::size_t count) {
+    return sv_data_write(output.cn, bytes, count) == static_cast<ssize_t>(count) ? 0 : -1;
+}
+
+// A failed transfer always closes: the client must not take what comes next for the rest of this one.
+int socket_term(UnifOutput &output, bool failed) {
+    if (failed)
+        sv_data_abort(output.cn);
+    else if (!output.preserve_socket)
+        sv_data_close(output.cn);
+    return 0;
+}
+
+} // namespace
+
+void data_socket_setup_output(UnifOutput &output) {
+    output.to = output_to::data_socket;
+    output.init = socket_init;
+    output.write = socket_write;
+    output.term = socket_term;
+}
+
+} // namespace kestrel

@@ -1,0 +1,398 @@
+#include "unified/handles/handles.h"
+
+#include "modules/store/store.h"
+#include "server/output.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+namespace kestrel {
+
+namespace {
+
+std::array<_unif_open_tbl, unified_max_handles> table;
+std::array<void (*)(), unified_max_clear_callbacks> clear_callbacks{};
+std::string dtc_module = "kairo_times";
+thread_local std::string explanation;
+
+_unif_open_tbl *entry_or_complain(int cn, int handle) {
+    _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr)
+        sv_printf(cn, "! Invalid handle %d\n", handle);
+    return entry;
+}
+
+void drop_correction(_unif_open_tbl &entry) {
+    if (entry.corr_from_module != 0)
+        munlink(entry.corr_head);
+    entry.corr_from_module = 0;
+    entry.corr_head = nullptr;
+    entry.corr_data = nullptr;
+    entry.corr_type = corr_none;
+    entry.corr_frame = 0;
+    entry.corr_order = 0;
+    entry.corr_scaling = 1.0;
+}
+
+void free_entry(_unif_open_tbl &entry) {
+    drop_correction(entry);
+    entry.source = {};
+    entry.description.clear();
+    entry.details = nullptr;
+    entry.mmapped = nullptr;
+    entry.corr_pre_post_scal = nullptr;
+    entry.valid = 0;
+}
+
+void destroy_entry(_unif_open_tbl &entry, int handle) {
+    if (entry.source.destroy != nullptr)
+        entry.source.destroy(entry.path, handle);
+    free_entry(entry);
+}
+
+// "! %s" with what the source has told, then the line of the layer that called it.
+int failed(int cn, const char *line) {
+    if (!explanation.empty())
+        sv_printf(cn, "! %s\n", explanation.c_str());
+    explanation.clear();
+    sv_printf(cn, "%s", line);
+    return -1;
+}
+
+} // namespace
+
+_unif_open_tbl *unified_entry(int handle) {
+    if (handle < 0 || handle >= unified_max_handles)
+        return nullptr;
+    _unif_open_tbl &entry = table[static_cast<std::size_t>(handle)];
+    return entry.valid != 0 ? &entry : nullptr;
+}
+
+int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const char *description,
+                 const unified_source &source) {
+    if (source.read == nullptr) {
+        std::fprintf(stderr, "unified.c: unified_open: A read function must be specified.\n");
+        std::exit(1);
+    }
+    const auto entry =
+        std::find_if(table.begin(), table.end(), [](const _unif_open_tbl &e) { return e.valid == 0; });
+    if (entry == table.end())
+        return -1;
+    entry->cn = cn;
+    entry->path = path;
+    entry->nx = nx;
+    entry->ny = ny;
+    entry->nt = nt;
+    entry->data_type = data_type;
+    entry->elem_size = element_size(data_type);
+    entry->description = description != nullptr ? description : "";
+    entry->source = source;
+    entry->dtc_type = 0;
+    entry->valid = 1;
+    return static_cast<int>(entry - table.begin());
+}
+
+int unified_close(int handle) {
+    _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr)
+        return -1;
+    free_entry(*entry);
+    return 0;
+}
+
+int unified_close_and_destroy(int cn, int handle) {
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    destroy_entry(*entry, handle);
+    return 0;
+}
+
+void unified_close_all(int) {
+    for (int handle = 0; handle < unified_max_handles; ++handle)
+        if (_unif_open_tbl *entry = unified_entry(handle))
+            destroy_entry(*entry, handle);
+}
+
+void unif_connection_lost(int cn) {
+    for (int handle = 0; handle < unified_max_handles; ++handle)
+        if (_unif_open_tbl *entry = unified_entry(handle); entry != nullptr && entry->cn == cn)
+            destroy_entry(*entry, handle);
+}
+
+// ---- fields
+
+namespace {
+
+int field(int handle, int _unif_open_tbl::*member) {
+    const _unif_open_tbl *entry = unified_entry(handle);
+    return entry != nullptr ? entry->*member : -1;
+}
+
+int set_field(int handle, int _unif_open_tbl::*member, int value) {
+    _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr)
+        return -1;
+    entry->*member = value;
+    return 0;
+}
+
+} // namespace
+
+int unified_get_nx(int, int, int handle) {
+    return field(handle, &_unif_open_tbl::nx);
+}
+int unified_get_ny(int, int, int handle) {
+    return field(handle, &_unif_open_tbl::ny);
+}
+int unified_get_nt(int, int, int handle) {
+    return field(handle, &_unif_open_tbl::nt);
+}
+int unified_get_type(int, int, int handle) {
+    return field(handle, &_unif_open_tbl::data_type);
+}
+int unified_get_bsize(int, int, int handle) {
+    return field(handle, &_unif_open_tbl::elem_size);
+}
+int unif_handle2path(int handle) {
+    return field(handle, &_unif_open_tbl::path);
+}
+int unified_set_nx(int handle, int nx) {
+    return set_field(handle, &_unif_open_tbl::nx, nx);
+}
+int unified_set_ny(int handle, int ny) {
+    return set_field(handle, &_unif_open_tbl::ny, ny);
+}
+int unified_set_nt(int handle, int nt) {
+    return set_field(handle, &_unif_open_tbl::nt, nt);
+}
+
+int unif_set_description(int handle, const char *text) {
+    _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr)
+        return -1;
+    entry->description = text;
+    return 0;
+}
+
+int unified_set_mmapped(int cn, int handle, void *buffer) {
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    entry->mmapped = buffer;
+    return 0;
+}
+
+int unified_set_tessera_details_callback(int cn, int handle, unified_details details) {
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    entry->details = details;
+    return 0;
+}
+
+int unified_set_corr_ptr(int cn, int handle, int type, const float *data, int order, double scaling) {
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    drop_correction(*entry);
+    entry->corr_type = data != nullptr ? type : corr_none;
+    entry->corr_data = data;
+    entry->corr_order = order;
+    entry->corr_scaling = scaling;
+    return 0;
+}
+
+int unified_set_corr_pre_post(int cn, int handle, unified_scale_hook hook) {
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    entry->corr_pre_post_scal = hook;
+    return 0;
+}
+
+int unified_set_corr_module(int cn, int handle, int type, void *head, int frame, int order, double scaling) {
+    module_link link = module_link::adopt(head);
+    _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return -1;
+    drop_correction(*entry);
+    if (!link)
+        return 0;
+    entry->corr_type = type;
+    entry->corr_from_module = 1;
+    entry->corr_head = link.release();
+    entry->corr_frame = frame;
+    entry->corr_order = order;
+    entry->corr_scaling = scaling;
+    return 0;
+}
+
+int unified_set_dtc_module(int, const char *name) {
+    dtc_module = name;
+    return 0;
+}
+
+const std::string &unified_dtc_module() {
+    return dtc_module;
+}
+
+// ---- clear callbacks
+
+int unified_set_clear_callback(int cn, void (*fn)()) {
+    if (std::find(clear_callbacks.begin(), clear_callbacks.end(), fn) != clear_callbacks.end())
+        return 0;
+    const auto slot = std::find(clear_callbacks.begin(), clear_callbacks.end(), nullptr);
+    if (slot == clear_callbacks.end()) {
+        sv_printf(cn, "ERROR: Too many clear call backs registered, cannot register this one\n");
+        return -1;
+    }
+    *slot = fn;
+    return 0;
+}
+
+int unified_remove_clear_callback(int cn, void (*fn)()) {
+    const auto slot = std::find(clear_callbacks.begin(), clear_callbacks.end(), fn);
+    if (slot == clear_callbacks.end()) {
+        sv_printf(cn, "ERROR: Cannot find clear callback to remove\n");
+        return -1;
+    }
+    *slot = nullptr;
+    return 0;
+}
+
+// ---- boxes
+
+namespace {
+
+// first .. first + count within 0 .. size, without overflow.
+bool within(int first, int count, int size) {
+    return first >= 0 && count >= 0 && first < size && count <= size - first;
+}
+
+} // namespace
+
+int unified_check_box(int cn, const char *request, int handle, const unified_box &b) {
+    const _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr) {
+        sv_printf(cn, "! Device handle is stale (passed %d).\n", handle);
+        return -1;
+    }
+    const bool frames = entry->nt != 0;
+    if (!within(b.x, b.dx, entry->nx) || !within(b.y, b.dy, entry->ny) ||
+        (frames && !within(b.t, b.dt, entry->nt))) {
+        sv_printf(cn,
+                  "! This %s request does not lie within the boundaries of the image, read (%d, %d, %d) for "
+                  "(%d, %d, %d)\n",
+                  request, b.x, b.y, b.t, b.dx, b.dy, b.dt);
+        sv_printf(cn, "# The size of the image is %dx%dx%d.\n", entry->nx, entry->ny, entry->nt);
+        return -1;
+    }
+    if (b.dx == 0 || b.dy == 0 || (frames && b.dt == 0)) {
+        sv_printf(cn, "! dx, dy and dt must all be greater than zero.");
+        return -1;
+    }
+    return 0;
+}
+
+int app_unified_read(int cn, int handle, void *buffer, int x, int y, int t, int dx, int dy, int dt) {
+    if (unified_check_box(cn, "app-read", handle, {x, y, t, dx, dy, dt}) != 0)
+        return -1;
+    _unif_open_tbl &entry = *unified_entry(handle);
+    std::unique_lock lock(entry.mutex, std::defer_lock);
+    try {
+        lock.lock();
+    } catch (const std::system_error &error) {
+        sv_printf(cn, "! ERROR app_unified_read: acquiring lock, r=%d\n", error.code().value());
+        return -1;
+    }
+    explanation.clear();
+    if (entry.source.read(entry.path, buffer, x, y, t, dx, dy, dt) < 0)
+        return failed(cn, "! Device read failed.\n");
+    return 0;
+}
+
+int app_unified_clear(int cn, int handle, int x, int y, int t, int dx, int dy, int dt) {
+    if (unified_check_box(cn, "app-clear", handle, {x, y, t, dx, dy, dt}) != 0)
+        return -1;
+    const _unif_open_tbl &entry = *unified_entry(handle);
+    if (entry.source.clear == nullptr) {
+        sv_printf(cn, "! No clear function is defined for handle %d.\n", handle);
+        return -1;
+    }
+    explanation.clear();
+    if (entry.source.clear(entry.path, x, y, t, dx, dy, dt) < 0)
+        return failed(cn, "! Device clear failed.\n");
+    for (void (*callback)() : clear_callbacks)
+        if (callback != nullptr)
+            callback();
+    return 0;
+}
+
+int app_unified_enable(int cn, int handle) {
+    if (unified_check_box(cn, "enable", handle, {0, 0, 0, 1, 1, 1}) != 0)
+        return -1;
+    const _unif_open_tbl &entry = *unified_entry(handle);
+    if (entry.source.enable == nullptr) {
+        sv_printf(cn, "! No enable function is defined for handle %d.\n", handle);
+        return -1;
+    }
+    explanation.clear();
+    return entry.source.enable(entry.path) < 0 ? failed(cn, "! Device enable failed.\n") : 0;
+}
+
+int app_unified_disable(int cn, int handle) {
+    if (unified_check_box(cn, "disable", handle, {0, 0, 0, 1, 1, 1}) != 0)
+        return -1;
+    const _unif_open_tbl &entry = *unified_entry(handle);
+    if (entry.source.disable == nullptr) {
+        sv_printf(cn, "! No disable function is defined for handle %d.\n", handle);
+        return -1;
+    }
+    explanation.clear();
+    return entry.source.disable(entry.path) < 0 ? failed(cn, "! Device disable failed.\n") : 0;
+}
+
+std::optional<unified_look> unified_look_at(int handle, const unified_box &b) {
+    _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr || entry->source.place == nullptr)
+        return std::nullopt;
+    unified_look look;
+    look.lock = std::unique_lock(entry->mutex);
+    unified_place place;
+    if (entry->source.place(entry->path, &place) < 0 || !within(b.x, b.dx, place.nx) ||
+        !within(b.y, b.dy, place.ny) || !within(b.t, b.dt, place.nt))
+        return std::nullopt;
+    look.row_stride = place.row_stride;
+    look.frame_stride = place.frame_stride;
+    look.owner = place.owner;
+    look.first = place.first;
+    look.first =
+        look.row(b.y, b.t) + static_cast<std::size_t>(b.x) * static_cast<std::size_t>(entry->elem_size);
+    return look;
+}
+
+void unified_explain(const char *format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    explanation = text;
+}
+
+void unif_display_status(int cn, int handle) {
+    const _unif_open_tbl *entry = unified_entry(handle);
+    if (entry == nullptr) {
+        sv_printf(cn, "# %2d Unused\n", handle);
+        return;
+    }
+    sv_printf(cn, "# %2d %4d x %4d x %4d %-6s %s\n", handle, entry->nx, entry->ny, entry->nt,
+              element_names[entry->data_type], entry->description.c_str());
+}
+
+} // namespace kestrel
