@@ -47,17 +47,6 @@ bool put_int(hid_t place, const char *name, int value) {
     return id.ok() && H5Awrite(id.get(), H5T_NATIVE_INT, &value) >= 0;
 }
 
-bool put_axes(hid_t group, int rank) {
-    const char *names[3] = {"t", "y", "x"};
-    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
-    H5Tset_size(type.get(), H5T_VARIABLE);
-    const hsize_t count = static_cast<hsize_t>(rank);
-    const auto space = own<H5Sclose>(H5Screate_simple(1, &count, nullptr));
-    const auto id =
-        own<H5Aclose>(H5Acreate2(group, "axes", type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
-    return id.ok() && H5Awrite(id.get(), type.get(), names + (3 - rank)) >= 0;
-}
-
 tessera_id make_group(hid_t place, const char *name, const char *nx_class) {
     auto id = own<H5Gclose>(H5Gcreate2(place, name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
     if (id.ok() && !put_text(id.get(), "NX_class", nx_class, true))
@@ -144,8 +133,7 @@ bool tessera_writer::open(const std::string &name, tessera_type type, tessera_sh
     const auto space = own<H5Sclose>(H5Screate_simple(rank, dims + (3 - rank), nullptr));
     data_ = own<H5Dclose>(
         H5Dcreate2(group.get(), "data", file_type(type), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    return data_.ok() && put_axes(group.get(), rank) &&
-           put_int(data_.get(), "data_type", static_cast<int>(type));
+    return data_.ok() && put_int(data_.get(), "data_type", static_cast<int>(type));
 }
 
 bool tessera_writer::write_lines(const std::byte *at, int frame, int line, int lines) {
