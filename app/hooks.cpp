@@ -1,5 +1,6 @@
 #include "app/hooks.h"
 
+#include "instruments/links/clients.h"
 #include "parser/help.h"
 #include "parser/interpreter.h"
 #include "parser/script.h"
@@ -38,12 +39,15 @@ void set_data_dir() {
 void user_main(int argc, char **argv) {
     if (argc > 1)
         usage(argv[0]);
+    links::clients_init();
     set_data_dir();
 }
 
 void user_connect(int) {}
 // What the session has open goes with it.
-void user_disconnect(int cn) { unif_connection_lost(cn); }
+void user_disconnect(int cn) {
+    unif_connection_lost(cn);
+}
 void user_exit() {}
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "app/root_table.h"
 
 #include "files/commands.h"
+#include "instruments/links/commands.h"
 #include "modules/commands.h"
 #include "parser/builtins.h"
 #include "unified/commands.h"
@@ -62,9 +63,15 @@ const PARSE_TREE main_parse_tree[] = {
     row_unif_set_dtc_mod,
     row_debug,
     row_ascii,
+    pt_subtree("client", links::client_tree, "prefix for commands to other servers"),
+    pt_subtree("ftp", links::ftp_tree, "prefix for FTP-specific functions"),
     row_module,
+    pt_subtree("motor", links::motor_tree, "prefix for stepper-motor-specific functions"),
+    pt_subtree("send", links::send_tree, "prefix to send commands directly to servers"),
     row_test,
     row_file,
+    links::row_remote_open,
+    pt_subtree("imgd", links::imgd_tree, "prefix for Image Displayer functions"),
     pt_end(),
 };
 

@@ -21,6 +21,10 @@ int module_open(int quals, int cn, const char *name);
 int module_close(int quals, int cn, int handle);
 int module_load(int quals, int cn, const char *file, const char *name);
 int module_save(int quals, int cn, const char *name, const char *file);
+int module_get_remote(int quals, int cn, const char *remote, const char *local);
 int module_copy(int quals, int cn, const char *from, const char *to);
+
+// Tells the image display, if it wants to know, of a module that was made or filled.
+void module_announce(int cn, const char *name);
 
 } // namespace kestrel

@@ -1,4 +1,5 @@
 // Making, clearing and changing single modules.
+#include "instruments/links/imgd.h"
 #include "modules/commands.h"
 #include "modules/store/headed.h"
 #include "parser/call.h"
@@ -42,15 +43,20 @@ int module_create(int quals, int cn, const char *name, int width, int height, co
     if (has(q_size))
         return mkmod_nohead(cn, name, Qualifier[q_size].IntArg);
     const int data_float = has(q_double) ? 2 : has(q_float) ? 1 : 0;
-    if (has(q_num_t))
-        return mkmod_head3d(cn, name, width, height, Qualifier[q_num_t].IntArg, x_label, y_label, t_label,
-                            data_float);
-    return mkmod_head(cn, name, width, height, x_label, y_label, data_float);
+    const int made = has(q_num_t) ? mkmod_head3d(cn, name, width, height, Qualifier[q_num_t].IntArg, x_label,
+                                                 y_label, t_label, data_float)
+                                  : mkmod_head(cn, name, width, height, x_label, y_label, data_float);
+    if (made == 0)
+        module_announce(cn, name);
+    return made;
 }
 
 int module_headed(int, int cn, const char *name, int width, int height, const char *x_label,
                   const char *y_label) {
-    return mkmod_head(cn, name, width, height, x_label, y_label, 0);
+    const int made = mkmod_head(cn, name, width, height, x_label, y_label, 0);
+    if (made == 0)
+        module_announce(cn, name);
+    return made;
 }
 
 int module_clear(int, int cn, const char *name) {
@@ -129,7 +135,12 @@ int module_resize(int, int cn, const char *name, int num_x, int num_y, int num_t
         sv_printf(cn, " ERROR: Cannot link to module '%s'\n", name);
         return -1;
     }
-    return app_mod_resize(cn, link.head(), num_x, num_y, num_t);
+    if (app_mod_resize(cn, link.head(), num_x, num_y, num_t) != 0)
+        return -1;
+    module_view view;
+    if (mod_look(link.head(), view) == nullptr)
+        links::imgd_module_shape(cn, name, view.num_x, view.num_y, view.num_t);
+    return 0;
 }
 
 } // namespace kestrel

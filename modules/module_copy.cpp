@@ -298,6 +298,7 @@ int module_copy(int quals, int cn, const char *from, const char *to) {
                   "# Warning: New module does not have sapce for labels, continuing without row labels\n");
     announce(r, s);
     copy_frames(r, s, d);
+    module_announce(cn, to);
     return 0;
 }
 

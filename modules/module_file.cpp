@@ -113,7 +113,10 @@ int module_load(int quals, int cn, const char *file, const char *name) {
         return -1;
     }
     const open_handle opened(cn, handle);
-    return load_from(cn, opened, target, request);
+    if (load_from(cn, opened, target, request) != 0)
+        return -1;
+    module_announce(cn, target.c_str());
+    return 0;
 }
 
 // ---- save

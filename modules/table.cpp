@@ -42,6 +42,11 @@ constinit const PARSE_TREE module_table[] = {
                             "module name"),
     pt_command<module_close>("close", "%d  = %d", "close a unified read connection to a module",
                              "Unified path number"),
+    pt_command<module_get_remote>(
+        "get-remote", "%s +%s adc-x adc-y lku-x lku-y corr motor user1 user2 display1d display2d  = %d",
+        "Copy a remote module to a local module",
+        "Remote module name/Optional different local name/Form ADC X/ADC Y/Lookup X/Lookup Y/Correlator/"
+        "Motor Server/User server1/User Server2/Display in image displayer"),
     pt_command<module_set_point>("set-point", "%s %d %d %f t %d = %d ", "Set a data point in a module",
                                  "Module name/X position/Y Position/Value/t coordiante for 3d modules"),
     pt_command<module_get_point>(

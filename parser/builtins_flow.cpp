@@ -30,7 +30,7 @@ const PARSE_TREE row_include = pt_command<simple_do_include>(
     "%s + %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v "
     "echo no-exit-error show-returns mask-cntrl-c cntrl-c-ret-neg = %d",
     "include a command file at this point",
-    "File name/Arguments////////////////////////////////"
+    "File name/Arguments///////////////////////////////"
     "/Show each line/Go on after errors/Show the result of each command/^C does not end the script/"
     "Return -1 when ended by ^C");
 const PARSE_TREE row_macro = pt_command<simple_macro_command>(
@@ -45,7 +45,7 @@ const PARSE_TREE row_for_each = pt_command<foreach_command>(
     "%s %s "
     "%s %s %s %s %s local global = %d",
     "Start loop FOR name = each string in turn",
-    "Variable name/First string/Next strings///////////////////////////////////////"
+    "Variable name/First string/Next strings//////////////////////////////////////"
     "/Set local variable (default)/Set global variable");
 const PARSE_TREE row_next = pt_command<next_command>("next", "", "Termination of both for command loops", "");
 const PARSE_TREE row_return =

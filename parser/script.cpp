@@ -53,7 +53,7 @@ class include_level {
 };
 
 bool interrupted(int cn, const include_options &options) {
-    if (sv_quit == 0 || options.mask_interrupt)
+    if (sv_poll_quit(cn) == 0 || options.mask_interrupt)
         return false;
     if (sv_get_include_lvl(cn) == 1)
         sv_printf(cn, "! Include file aborted with ^C\n");

@@ -87,13 +87,21 @@ int on_progress(void *user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 }
 
 // The dialogue without the line that carries the password.
-int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *) {
+int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *user) {
+    const ftp_trace &trace = *static_cast<const ftp_trace *>(user);
     const std::string_view text(data, size);
-    if (kind == CURLINFO_HEADER_OUT)
-        std::fprintf(stderr, "ftp> %.*s", text.starts_with("PASS") ? 6 : static_cast<int>(size),
-                     text.starts_with("PASS") ? "PASS *\n" : data);
+    const int length = static_cast<int>(size);
+    if (kind == CURLINFO_HEADER_OUT && text.starts_with("PASS"))
+        std::fprintf(trace.to, "ftp> PASS *\n");
+    else if (kind == CURLINFO_HEADER_OUT)
+        std::fprintf(trace.to, "ftp> %.*s", length, data);
     else if (kind == CURLINFO_HEADER_IN)
-        std::fprintf(stderr, "ftp< %.*s", static_cast<int>(size), data);
+        std::fprintf(trace.to, "ftp< %.*s", length, data);
+    else if (kind == CURLINFO_TEXT && trace.level > 1)
+        std::fprintf(trace.to, "ftp: %.*s", length, data);
+    else if (trace.level > 2 && (kind == CURLINFO_DATA_IN || kind == CURLINFO_DATA_OUT))
+        std::fprintf(trace.to, "ftp: %zu bytes %s\n", size, kind == CURLINFO_DATA_IN ? "received" : "sent");
+    std::fflush(trace.to);
     return 0;
 }
 
@@ -116,8 +124,9 @@ void set_common(CURL *easy, const ftp_account &account, const std::string &url, 
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &options);
-    if (options.debug) {
+    if (options.trace && options.trace->level > 0) {
         curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+        curl_easy_setopt(easy, CURLOPT_DEBUGDATA, options.trace);
         curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, on_debug);
     }
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <span>
@@ -19,10 +20,17 @@ struct ftp_account {
     std::string password;
 };
 
+// Where the dialogue with the server is written, never with a password. Level 1: commands and replies; 2:
+// also the library's remarks; 3: also the size of every block of data.
+struct ftp_trace {
+    int level = 0;
+    std::FILE *to = nullptr;
+};
+
 struct ftp_options {
-    bool ascii = false;  // transfer as text
-    bool append = false; // put only: add to the end of the remote file
-    bool debug = false;  // the dialogue with the server, but no password, on standard error
+    bool ascii = false;               // transfer as text
+    bool append = false;              // put only: add to the end of the remote file
+    const ftp_trace *trace = nullptr; // lives as long as the transfer
     std::function<bool()> stop;
 };
 

@@ -1,6 +1,13 @@
 """Fixtures: each server of a test ends with it, and a crash or a sanitizer's report then fails the test."""
+import os
+
 import kestrel_session
 import pytest
+
+
+def pytest_sessionstart():
+    if not os.access(kestrel_session.KESTREL, os.X_OK):
+        pytest.exit(f"no program {kestrel_session.KESTREL}", 2)
 
 
 @pytest.fixture

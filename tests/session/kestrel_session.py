@@ -2,6 +2,7 @@
 
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
+import fcntl
 import os
 import pathlib
 import pty
@@ -51,21 +52,24 @@ class Process:
         environment = {k: v for k, v in os.environ.items() if k not in ("DATA_DIR", "KESTRELPATH")}
         environment.update(env or {})
 
-        def limit_files():
+        def prepare():
+            if stdin == stdout:  # a terminal: it is the one that ^C is typed at
+                os.setsid()
+                fcntl.ioctl(0, termios.TIOCSCTTY, 0)
             if files:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (files, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
         with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
             self.process = subprocess.Popen([KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
-                                            stdout=stdout or out, stderr=err, preexec_fn=limit_files)
+                                            stdout=stdout or out, stderr=err, preexec_fn=prepare)
 
     @property
     def stdout(self):
-        return self._paths[0].read_text(errors="replace")
+        return self._paths[0].read_bytes().decode(errors="replace")
 
     @property
     def stderr(self):
-        return self._paths[1].read_text(errors="replace")
+        return self._paths[1].read_bytes().decode(errors="replace")
 
     def write(self, name, text):
         """A file in the server's folder, a script for example; the text may be given as a list of lines."""
@@ -159,10 +163,12 @@ class Stream:
     def recv_match(self, pattern, seconds=None):
         """The bytes up to the end of the first match of a regular expression."""
         end = time.monotonic() + (seconds or WAIT)
+        matcher, seen = re.compile(pattern, re.DOTALL), 0
         while True:
-            found = re.search(pattern, self.buffer, re.DOTALL)
+            found = matcher.search(self.buffer, max(seen - 4096, 0))
             if found:
                 return self._take(found.end())
+            seen = len(self.buffer)
             assert self._fill(end), f"closed after {self.buffer!r}"
 
     def recv_until(self, text, seconds=None):
@@ -251,9 +257,8 @@ class Telnet(Client):
     def __init__(self, port, cols=80):
         self.options = []  # (command, option) as the server sent them
         self.screen = Screen(cols)
+        self.raw = b""  # an unfinished telnet command
         super().__init__(port)
-        self.screen.feed(PROMPT)
-        self.raw = b""
         self.send(bytes([IAC, WILL, NAWS]))
 
     def window(self, width, height=24, screen=True):
@@ -264,8 +269,6 @@ class Telnet(Client):
 
     def _read(self):
         data = self.sock.recv(65536)
-        if not hasattr(self, "raw"):
-            return data
         self.raw += data
         plain = bytearray()
         while self.raw:
@@ -390,7 +393,7 @@ class Terminal(Stream, Process):
 
     def __init__(self, scratch, *options, cols=80, env=None):
         self.master, slave = pty.openpty()
-        termios.tcsetwinsize(slave, (24, cols)) if hasattr(termios, "tcsetwinsize") else _winsize(slave, cols)
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, cols, 0, 0))
         Process.__init__(self, scratch, *options, env={"TERM": "vt100", **(env or {})}, stdin=slave, stdout=slave)
         os.close(slave)
 
@@ -412,8 +415,3 @@ class Terminal(Stream, Process):
     def close(self):
         super().close()
         os.close(self.master)
-
-
-def _winsize(fd, cols):
-    import fcntl
-    fcntl.ioctl(fd, termios.TIOCSWINSZ, struct.pack("HHHH", 24, cols, 0, 0))

@@ -26,7 +26,7 @@ def piped(start, text, *options, **how):
     with open(write, "w") as pipe:
         pipe.write(text)
     assert process.wait_exit() == 0
-    return process._paths[0].read_bytes().decode()
+    return process.stdout
 
 
 def test_the_banner_and_the_end_of_a_pipe(start):

@@ -1,0 +1,278 @@
+#include "instruments/links/link_protocol.h"
+
+#include "server/interrupt.h"
+#include "server/output.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace kestrel::links {
+
+namespace {
+
+constexpr int prompt_grace_ms = 50; // "> " without a result before it may be the start of a text line
+constexpr std::size_t receive_block = 65536;
+
+struct free_addresses {
+    void operator()(addrinfo *list) const { freeaddrinfo(list); }
+};
+using unique_addresses = std::unique_ptr<addrinfo, free_addresses>;
+
+// Numeric addresses and names of the hosts file cost nothing; the resolver's own time-outs bound the rest.
+unique_addresses find_host(const char *host, int port) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *list = nullptr;
+    if (getaddrinfo(host, std::to_string(port).c_str(), &hints, &list) != 0)
+        return {};
+    return unique_addresses(list);
+}
+
+void set_options(int fd) {
+    const int on = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+}
+
+int connect_to(const sockaddr *address, socklen_t length, unique_fd &out) {
+    unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd)
+        return errno;
+    if (::connect(fd.get(), address, length) != 0) {
+        if (errno != EINPROGRESS)
+            return errno;
+        switch (sv_wait_fd(fd.get(), POLLOUT, cln_patience_ms)) {
+        case wait_result::timeout:
+            return ETIMEDOUT;
+        case wait_result::interrupted:
+            return EINTR;
+        case wait_result::ready:
+            break;
+        }
+        int error = 0;
+        socklen_t size = sizeof error;
+        if (getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+            return errno;
+        if (error != 0)
+            return error;
+    }
+    set_options(fd.get());
+    out = std::move(fd);
+    return 0;
+}
+
+cln_status fail(const cln_link &link, const char *why) {
+    if (link.handlers->error_code)
+        link.handlers->error_code(link.number, why);
+    return cln_status::failed;
+}
+
+cln_status answer_question(cln_link &link) {
+    const int answer = link.handlers->question ? link.handlers->question(link.number, link.reader.text()) : 0;
+    const char letter = answer == 1 ? 'Y' : 'N';
+    if (::send(link.socket.get(), &letter, 1, MSG_NOSIGNAL) != 1)
+        return fail(link, std::strerror(errno));
+    return cln_status::ok;
+}
+
+// Hands on what was said, up to a prompt or until nothing complete is left. True at a prompt.
+bool hand_on(cln_link &link, cln_status &status) {
+    for (status = cln_status::ok; status == cln_status::ok;) {
+        switch (link.reader.next()) {
+        case reply_event::more:
+            return false;
+        case reply_event::prompt:
+            return true;
+        case reply_event::garbage:
+            status = fail(link, "The remote does not speak our language");
+            return false;
+        case reply_event::question:
+            status = answer_question(link);
+            break;
+        case reply_event::error:
+            link.handlers->error(link.number, link.reader.text());
+            break;
+        case reply_event::progress:
+            link.handlers->progress(link.number, link.reader.progress());
+            break;
+        case reply_event::information:
+        case reply_event::text:
+            link.handlers->information(link.number, link.reader.text());
+            break;
+        }
+    }
+    return false;
+}
+
+// Receives what is there. ok when something came or nothing is there yet (`got` tells which).
+cln_status receive(cln_link &link, bool &got) {
+    char block[receive_block];
+    got = false;
+    for (;;) {
+        const ssize_t n = ::recv(link.socket.get(), block, sizeof block, 0);
+        if (n > 0) {
+            got = true;
+            link.reader.feed({block, static_cast<std::size_t>(n)});
+            return cln_status::ok;
+        }
+        if (n == 0)
+            return fail(link, "The remote closed the connection");
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            return cln_status::ok;
+        if (errno != EINTR)
+            return fail(link, std::strerror(errno));
+    }
+}
+
+// Runs the conversation up to the next prompt; patience -1 waits for ever.
+cln_status converse(cln_link &link, int patience_ms) {
+    for (;;) {
+        cln_status status;
+        const bool prompted = hand_on(link, status);
+        if (status != cln_status::ok || (prompted && link.reader.certain()))
+            return status;
+        sv_flush_all(link.cn);
+        switch (sv_wait_fd(link.socket.get(), POLLIN, prompted ? prompt_grace_ms : patience_ms)) {
+        case wait_result::interrupted:
+            return cln_status::interrupted;
+        case wait_result::timeout:
+            return prompted ? cln_status::ok : fail(link, std::strerror(ETIMEDOUT));
+        case wait_result::ready:
+            break;
+        }
+        bool got = false;
+        if (status = receive(link, got); status != cln_status::ok)
+            return status;
+    }
+}
+
+bool same_host(const cln_link &link, const sockaddr_in &other) {
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    return ::getpeername(link.socket.get(), reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
+           peer.sin_addr.s_addr == other.sin_addr.s_addr;
+}
+
+} // namespace
+
+int cln_connect(cln_link &link, const char *host, int port) {
+    link.reader.clear();
+    sv_flush_all(link.cn);
+    const unique_addresses list = find_host(host, port);
+    int error = EHOSTUNREACH;
+    for (const addrinfo *a = list.get(); a; a = a->ai_next)
+        if ((error = connect_to(a->ai_addr, a->ai_addrlen, link.socket)) == 0)
+            return 0;
+    return error;
+}
+
+void cln_disconnect(cln_link &link) {
+    if (link.socket)
+        ::shutdown(link.socket.get(), SHUT_RDWR);
+    link.socket.reset();
+    link.reader.clear();
+}
+
+// A prompt that was read at the end of the last exchange is still there; a remote that has closed since is
+// noticed now, before a command is sent to nobody.
+cln_status cln_wait_prompt(cln_link &link) {
+    bool got = true;
+    while (got)
+        if (const cln_status status = receive(link, got); status != cln_status::ok)
+            return status;
+    return converse(link, cln_patience_ms);
+}
+
+cln_status cln_send(cln_link &link, std::string_view command) {
+    link.reader.reset();
+    std::string line(command);
+    line += '\n';
+    for (std::size_t sent = 0; sent < line.size();) {
+        const ssize_t n = ::send(link.socket.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
+        if (n > 0) {
+            sent += static_cast<std::size_t>(n);
+            continue;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK)
+            return fail(link, std::strerror(errno));
+        switch (sv_wait_fd(link.socket.get(), POLLOUT, cln_patience_ms)) {
+        case wait_result::interrupted:
+            return cln_status::interrupted;
+        case wait_result::timeout:
+            return fail(link, std::strerror(ETIMEDOUT));
+        case wait_result::ready:
+            break;
+        }
+    }
+    return cln_status::ok;
+}
+
+cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {
+    char line[sv_line_max + 1];
+    va_list args;
+    va_start(args, format);
+    const int length = std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    if (length < 0 || static_cast<std::size_t>(length) > sv_line_max)
+        return fail(link, "The command is longer than a server takes");
+    return cln_send(link, line);
+}
+
+cln_status cln_wait_reply(cln_link &link) {
+    return converse(link, -1);
+}
+
+bool cln_poll_reply(cln_link &link, cln_status &status) {
+    bool got = false;
+    status = receive(link, got);
+    if (status != cln_status::ok)
+        return false;
+    return hand_on(link, status) && link.reader.certain();
+}
+
+unique_fd cln_listen(const cln_link &link, int &port) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    if (::getsockname(link.socket.get(), reinterpret_cast<sockaddr *>(&address), &size) != 0)
+        return {};
+    address.sin_port = 0;
+    unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd || ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        ::listen(fd.get(), 1) != 0 ||
+        ::getsockname(fd.get(), reinterpret_cast<sockaddr *>(&address), &size) != 0)
+        return {};
+    port = ntohs(address.sin_port);
+    return fd;
+}
+
+unique_fd cln_accept(const cln_link &link, int listener) {
+    sockaddr_in from{};
+    socklen_t size = sizeof from;
+    unique_fd fd(
+        ::accept4(listener, reinterpret_cast<sockaddr *>(&from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (fd && !same_host(link, from))
+        fd.reset();
+    return fd;
+}
+
+int cln_integer(const remote_result &result) {
+    if (const int *value = std::get_if<int>(&result))
+        return *value;
+    if (const double *value = std::get_if<double>(&result))
+        return static_cast<int>(*value > -2147483648.0 && *value < 2147483648.0 ? *value : -1);
+    return std::holds_alternative<remote_null>(result) ? -1 : 0;
+}
+
+} // namespace kestrel::links

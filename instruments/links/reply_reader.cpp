@@ -1,0 +1,165 @@
+#include "instruments/links/reply_reader.h"
+
+#include <charconv>
+#include <cstdint>
+
+namespace kestrel::links {
+
+namespace {
+
+constexpr std::string_view prompt = "> ";
+
+std::optional<int> parse_unsigned(std::string_view digits, int radix) {
+    std::uint32_t value = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, radix);
+    if (digits.empty() || error != std::errc{} || end != digits.data() + digits.size())
+        return std::nullopt;
+    return static_cast<int>(value);
+}
+
+template <class T> std::optional<T> parse_whole(std::string_view text) {
+    T value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || error != std::errc{} || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+std::string_view strip(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    return text;
+}
+
+// "done total 'label'", as a server sends it in network mode.
+std::optional<remote_progress> parse_progress(std::string_view text) {
+    remote_progress out;
+    text = strip(text);
+    const std::size_t first = text.find(' ');
+    if (first == std::string_view::npos)
+        return std::nullopt;
+    const std::optional<int> done = parse_whole<int>(text.substr(0, first));
+    text = strip(text.substr(first));
+    const std::size_t second = text.find(' ');
+    const std::optional<int> total = parse_whole<int>(text.substr(0, second));
+    if (!done || !total)
+        return std::nullopt;
+    out.done = *done;
+    out.total = *total;
+    std::string_view label =
+        second == std::string_view::npos ? std::string_view() : strip(text.substr(second));
+    if (label.size() >= 2 && label.front() == '\'' && label.back() == '\'')
+        out.label = label.substr(1, label.size() - 2);
+    return out;
+}
+
+} // namespace
+
+std::optional<remote_result> parse_result(std::string_view text) {
+    if (text == "(null)")
+        return remote_null{};
+    if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
+        return std::string(text.substr(1, text.size() - 2));
+    std::optional<int> integer;
+    if (text.starts_with('$'))
+        integer = parse_unsigned(text.substr(1), 16);
+    else if (text.starts_with('#'))
+        integer = parse_unsigned(text.substr(1), 2);
+    else
+        integer = parse_whole<int>(text);
+    if (integer)
+        return *integer;
+    if (const std::optional<double> real = parse_whole<double>(text))
+        return *real;
+    return std::nullopt;
+}
+
+// The prompt that ended the last exchange is used up, too.
+void reply_reader::reset() {
+    if (buffer_ == prompt)
+        buffer_.clear();
+    result_ = std::monostate{};
+    after_result_ = false;
+}
+
+void reply_reader::clear() {
+    buffer_.clear();
+    taken_ = 0;
+    reset();
+}
+
+bool reply_reader::take_result(std::string_view text) {
+    const std::optional<remote_result> result = parse_result(text);
+    if (!result)
+        return false;
+    result_ = *result;
+    after_result_ = true;
+    return true;
+}
+
+reply_event reply_reader::classify(std::string_view line) {
+    const char marker = line.empty() ? '\0' : line.front();
+    const std::string_view rest =
+        line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1);
+    text_ = rest;
+    switch (marker) {
+    case '#':
+        return reply_event::information;
+    case '!':
+        return reply_event::error;
+    case '~':
+        return reply_event::question;
+    case '@':
+        if (std::optional<remote_progress> progress = parse_progress(rest)) {
+            progress_ = std::move(*progress);
+            return reply_event::progress;
+        }
+        return reply_event::information;
+    default:
+        text_ = line;
+        return reply_event::text;
+    }
+}
+
+reply_event reply_reader::take_line(std::string_view line) {
+    after_result_ = false;
+    // What the remote's threads print between two commands comes behind its prompt.
+    if (line.size() > prompt.size() && line.starts_with(prompt) &&
+        std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos)
+        line.remove_prefix(prompt.size());
+    if (line.starts_with("* ")) {
+        if (take_result(line.substr(2)))
+            return reply_event::more;
+        return classify(line); // a dump's item: begins like a result, is none
+    }
+    // A text without a line end, and the result behind it.
+    const std::size_t star = line.rfind("* ");
+    if (star != std::string_view::npos && take_result(line.substr(star + 2)))
+        line = line.substr(0, star);
+    return classify(line);
+}
+
+reply_event reply_reader::next() {
+    for (;;) {
+        const std::string_view left = std::string_view(buffer_).substr(taken_);
+        const std::size_t end = left.find('\n');
+        if (end == std::string_view::npos) {
+            buffer_.erase(0, taken_);
+            taken_ = 0;
+            if (buffer_.size() > reply_line_max)
+                return reply_event::garbage;
+            return buffer_ == prompt ? reply_event::prompt : reply_event::more;
+        }
+        if (end > reply_line_max)
+            return reply_event::garbage;
+        std::string_view line = left.substr(0, end);
+        taken_ += end + 1;
+        while (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        const reply_event event = take_line(line);
+        if (event != reply_event::more)
+            return event;
+    }
+}
+
+} // namespace kestrel::links

@@ -1,0 +1,149 @@
+// `module get-remote`: another server's module copied here, and the display told of modules that are new.
+#include "instruments/links/clients.h"
+#include "instruments/links/imgd.h"
+#include "modules/commands.h"
+#include "modules/store/headed.h"
+#include "server/output.h"
+
+#include <bit>
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace kestrel {
+
+using namespace links;
+
+namespace {
+
+// keywords in format order
+constexpr int link_keywords[] = {link_adcx, link_adcy,   link_lux,   link_luy,
+                                 link_corr, link_motors, link_user1, link_user2};
+constexpr int link_mask = (1 << std::size(link_keywords)) - 1;
+constexpr int display1d = 1 << 8, display2d = 1 << 9;
+
+std::optional<int> chosen_link(int quals) {
+    const unsigned chosen = static_cast<unsigned>(quals & link_mask);
+    if (!std::has_single_bit(chosen))
+        return std::nullopt;
+    return link_keywords[std::countr_zero(chosen)];
+}
+
+// What a unified type becomes here, and how it is asked for.
+struct remote_kind {
+    int unified_type;
+    int data_float;
+    std::size_t size;
+    const char *read_format;
+};
+constexpr remote_kind kinds[] = {
+    {3, 0, 4, "long intel"}, {4, 1, 4, "float intel"}, {6, 2, 8, "double intel"}};
+
+const remote_kind *find_kind(int unified_type) {
+    for (const remote_kind &kind : kinds)
+        if (kind.unified_type == unified_type)
+            return &kind;
+    return nullptr;
+}
+
+int ask(int cn, int link, const char *question, int handle) {
+    return send_wait(cn, link, std::string(question) + " " + std::to_string(handle));
+}
+
+int no_info(int cn) {
+    sv_printf(cn, "! Error getting info on remote module\n");
+    return -1;
+}
+
+int fetch_data(int cn, int link, int handle, int nx, int ny, const remote_kind &kind, std::byte *data) {
+    const std::string command = "read 0 0 0 " + std::to_string(nx) + " " + std::to_string(ny) + " 1 from " +
+                                std::to_string(handle) + " " + kind.read_format;
+    const std::size_t bytes = static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * kind.size;
+    if (clients_get_data(cn, link, command, data, bytes) >= 0)
+        return 0;
+    if (connected_to(link))
+        sv_printf(cn, "read returned error from client when transfering data\n");
+    else
+        sv_printf(cn, "read returned error from client\n");
+    return -1;
+}
+
+// Everything between the remote open and the remote close.
+int fetch(int cn, int link, int handle, const char *local) {
+    const int nx = ask(cn, link, "unif-get-nx", handle);
+    const int ny = nx < 0 ? -1 : ask(cn, link, "unif-get-ny", handle);
+    const int type = ny < 0 ? -1 : ask(cn, link, "unif-get-type", handle);
+    if (type < 0)
+        return no_info(cn);
+    const remote_kind *kind = find_kind(type);
+    if (!kind) {
+        sv_printf(cn, "! ERROR: Unknow remote data module type %d\n", type);
+        return -1;
+    }
+    void *head = nullptr;
+    if (!app_mkmod_head(cn, local, nx, ny, "X", "Y", kind->data_float, &head)) {
+        sv_printf(cn, "! Cannot make local module\n");
+        return -1;
+    }
+    const module_link held = module_link::adopt(head);
+    module_view view;
+    if (mod_look(held.head(), view) != nullptr || view.num_x != nx || view.num_y != ny ||
+        view.element_size != kind->size) {
+        sv_printf(cn, "! Cannot link to data module, but I don't know why!\n");
+        return -1;
+    }
+    return fetch_data(cn, link, handle, nx, ny, *kind, view.data());
+}
+
+int close_remote(int cn, int link, int handle) {
+    if (!connected_to(link))
+        return -1; // the remote closed it with the connection
+    if (ask(cn, link, "module close", handle) >= 0)
+        return 0;
+    sv_printf(cn, "! close returned error\n");
+    return -1;
+}
+
+void show(int cn, int quals, const char *local) {
+    if (!(quals & (display1d | display2d)) || !imgd_display_enabled())
+        return;
+    send_wait(cn, link_imgd,
+              std::string("module open '") + local + "' display" + (quals & display1d ? "1d" : "2d"));
+}
+
+} // namespace
+
+void module_announce(int cn, const char *name) {
+    const module_link held{name};
+    module_view view;
+    if (held && mod_look(held.head(), view) == nullptr)
+        imgd_module_new(cn, name, view.num_x, view.num_y, view.num_t);
+}
+
+int module_get_remote(int quals, int cn, const char *remote, const char *local) {
+    const std::optional<int> link = chosen_link(quals);
+    if (!link) {
+        sv_printf(cn, "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2\n");
+        return -1;
+    }
+    if ((quals & display1d) && (quals & display2d)) {
+        sv_printf(cn, "! Cannot display module as both 1D and 2D\n");
+        quals &= ~(display1d | display2d);
+    }
+    if (!local)
+        local = remote;
+    const int handle = send_wait(cn, *link, std::string("module open '") + remote + "' header");
+    if (handle < 0) {
+        sv_printf(cn, "! Cannot open handle to module\n");
+        return -1;
+    }
+    const int fetched = fetch(cn, *link, handle, local);
+    const int closed = close_remote(cn, *link, handle);
+    if (fetched != 0 || closed != 0)
+        return -1;
+    module_announce(cn, local);
+    show(cn, quals, local);
+    return 0;
+}
+
+} // namespace kestrel
