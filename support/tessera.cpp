@@ -24,20 +24,26 @@ void quiet_library() {
     static_cast<void>(done);
 }
 
-bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
-    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
-    H5Tset_size(type.get(), text.empty() ? 1 : text.size());
-    H5Tset_strpad(type.get(), H5T_STR_NULLPAD);
+// Of variable length in UTF-8, as NeXus tools write their texts.
+tessera_id text_type() {
+    auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
+    H5Tset_size(type.get(), H5T_VARIABLE);
     H5Tset_cset(type.get(), H5T_CSET_UTF8);
+    return type;
+}
+
+bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
+    const auto type = text_type();
     const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
+    const char *value = text.c_str();
     if (attribute) {
         const auto id =
             own<H5Aclose>(H5Acreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
-        return id.ok() && H5Awrite(id.get(), type.get(), text.c_str()) >= 0;
+        return id.ok() && H5Awrite(id.get(), type.get(), &value) >= 0;
     }
     const auto id = own<H5Dclose>(
         H5Dcreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.c_str()) >= 0;
+    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &value) >= 0;
 }
 
 bool put_int(hid_t place, const char *name, int value) {
@@ -214,20 +220,22 @@ herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user)
     return 1;
 }
 
+// The title as our own files have it; others' are left aside.
 std::string title_of(hid_t file) {
     const auto set = own<H5Dclose>(H5Dopen2(file, "/entry/title", H5P_DEFAULT));
     if (!set.ok())
         return {};
     const auto type = own<H5Tclose>(H5Dget_type(set.get()));
     const auto space = own<H5Sclose>(H5Dget_space(set.get()));
-    const std::size_t size = type.ok() ? H5Tget_size(type.get()) : 0;
-    if (H5Tget_class(type.get()) != H5T_STRING || H5Tis_variable_str(type.get()) > 0 || size == 0 ||
-        size > 4096 || H5Sget_simple_extent_npoints(space.get()) != 1)
+    if (H5Tis_variable_str(type.get()) <= 0 || H5Sget_simple_extent_npoints(space.get()) != 1)
         return {};
-    std::string text(size, '\0');
-    if (H5Dread(set.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.data()) < 0)
+    char *text = nullptr;
+    const auto memory = text_type();
+    if (H5Dread(set.get(), memory.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &text) < 0 || text == nullptr)
         return {};
-    return text.substr(0, text.find('\0'));
+    const std::string title = text;
+    H5free_memory(text);
+    return title;
 }
 
 } // namespace
