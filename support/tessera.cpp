@@ -1,14 +1,22 @@
 #include "support/tessera.h"
 
+#include "support/fd.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <hdf5.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrel {
 
 static_assert(sizeof(long) >= sizeof(hid_t));
 
 namespace {
+
+constexpr std::size_t header_room = 64 * 1024; // for groups, attributes, texts
 
 template <herr_t (*Close)(hid_t)> int close_with(long id) {
     return Close(static_cast<hid_t>(id));
@@ -19,9 +27,31 @@ template <herr_t (*Close)(hid_t)> tessera_id own(hid_t id) {
 }
 
 // The library prints its error stack unless told not to; our callers print their own line.
+// Nor may it tidy up when the process ends: all our files are closed then, and after a file that could not be
+// closed (full disk) it would crash.
 void quiet_library() {
-    static const herr_t done = H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    static const bool done = [] {
+        H5dont_atexit(); // only heeded before anything else
+        return H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr) >= 0;
+    }();
     static_cast<void>(done);
+}
+
+// Has the disk keep room for the file, without making it longer. The library cannot be trusted with a file
+// system that fills up between its writes. A file system that cannot promise is taken at its word.
+bool reserve(const std::string &name, std::size_t bytes) {
+    const unique_fd fd(::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!fd)
+        return false;
+    return ::fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)) == 0 ||
+           errno == EOPNOTSUPP;
+}
+
+// Gives back what was reserved and not used.
+void give_back(const std::string &name) {
+    struct stat status {};
+    if (::stat(name.c_str(), &status) == 0)
+        static_cast<void>(!::truncate(name.c_str(), status.st_size));
 }
 
 // Of variable length in UTF-8, as NeXus tools write their texts.
@@ -123,8 +153,14 @@ bool tessera_writer::open(const std::string &name, tessera_type type, tessera_sh
     shape_ = shape;
     type_ = type;
     next_line_ = 0;
+    name_ = name;
+    const std::size_t bytes =
+        static_cast<std::size_t>(lines_total()) * static_cast<std::size_t>(shape.nx) * element_bytes(type) +
+        header_room;
+    if (!reserve(name, bytes))
+        return false;
     file_ = own<H5Fclose>(H5Fcreate(name.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
-    if (!file_.ok() || !put_text(file_.get(), "default", "entry", true))
+    if (!file_.ok() || !reserve(name, bytes) || !put_text(file_.get(), "default", "entry", true))
         return false;
     const auto entry = make_group(file_.get(), "entry", "NXentry");
     if (!entry.ok() || !put_text(entry.get(), "default", "data", true) ||
@@ -176,6 +212,7 @@ bool tessera_writer::write(const void *elements, std::size_t count) {
 bool tessera_writer::close() {
     const bool data = data_.close() >= 0;
     const bool file = file_.close() >= 0;
+    give_back(name_);
     return data && file;
 }
 

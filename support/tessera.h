@@ -71,6 +71,7 @@ class tessera_writer {
   private:
     bool write_lines(const std::byte *at, int frame, int line, int lines);
 
+    std::string name_;
     tessera_id file_;
     tessera_id data_;
     tessera_shape shape_;
