@@ -1,6 +1,8 @@
 // server: ^C. The handler only counts; loops, waits and long commands poll the count.
 #pragma once
 
+#include "server/wait.h" // waits that it ends
+
 #include <csignal>
 
 namespace kestrel {
