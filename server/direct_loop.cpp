@@ -6,6 +6,7 @@
 #include "server/loops.h"
 #include "server/outbox.h"
 #include "server/output.h"
+#include "server/wait.h"
 
 #include <cstdio>
 #include <cstdlib>

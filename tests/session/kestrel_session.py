@@ -53,6 +53,8 @@ class Process:
         environment.update(env or {})
 
         def prepare():
+            for number in signal.SIGINT, signal.SIGQUIT:  # a shell's background job ignores them
+                signal.signal(number, signal.SIG_DFL)
             if stdin == stdout:  # a terminal: it is the one that ^C is typed at
                 os.setsid()
                 fcntl.ioctl(0, termios.TIOCSCTTY, 0)
@@ -409,8 +411,13 @@ class Terminal(Stream, Process):
     def _write(self, data):
         os.write(self.master, data)
 
+    def wait_editing(self):
+        """Waits until keys reach the line editor: a ^D before that would be the terminal driver's."""
+        wait_until(lambda: not termios.tcgetattr(self.master)[3] & termios.ICANON, "line editing")
+
     def stop(self):
         self.send(b"\x15quit\n")
+        self.expect_closed()  # what it still prints must be read, or the terminal holds it
 
     def close(self):
         super().close()
