@@ -41,6 +41,11 @@ def wait_until(condition, what, seconds=WAIT):
         time.sleep(0.005)
 
 
+# What the program says of its links to other servers before anything else, without a configuration file.
+SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n    /etc/kestrel.clients.ini\n"
+               "Loading default configuration instead.\n")
+
+
 class Process:
     """A run of the program in a scratch folder, its standard output and error kept in files beside it."""
 
