@@ -2,8 +2,8 @@
  *
  *   view_module NAME
  *
- * It needs nothing but the installed header: cc -I<prefix>/include/kestrel view_module.c (with the include below
- * as "kestrel_module.h").
+ * It needs nothing but the installed header: cc -I<prefix>/include/kestrel view_module.c (with the include
+ * below as "kestrel_module.h").
  */
 #include "modules/store/kestrel_module.h"
 
@@ -58,7 +58,7 @@ int main(int argc, char **argv) {
             where = i;
         }
     }
-    printf("%s: %zu x %zu x %zu, sum %.0f, most %.0f at x %zu\n", argv[1], module.num_x, module.num_y, module.num_t,
-           sum, most, module.num_x > 0 ? where % module.num_x : 0);
+    printf("%s: %zu x %zu x %zu, sum %.0f, most %.0f at x %zu\n", argv[1], module.num_x, module.num_y,
+           module.num_t, sum, most, module.num_x > 0 ? where % module.num_x : 0);
     return 0;
 }
