@@ -3,6 +3,7 @@
 #include "server/interrupt.h"
 #include "server/outbox.h"
 #include "server/output.h"
+#include "server/wait.h"
 #include "support/fd.h"
 
 #include <cerrno>

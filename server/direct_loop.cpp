@@ -6,6 +6,7 @@
 #include "server/loops.h"
 #include "server/outbox.h"
 #include "server/output.h"
+#include "server/wait.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <optional>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace kestrel {
@@ -21,7 +23,9 @@ namespace kestrel {
 namespace {
 
 constexpr int terminal = 0; // the session
+constexpr int control_d = 4;
 bool line_interrupted = false;
+int typed_ahead = 0; // bytes typed in the terminal's line mode, which turns ^D into NUL
 
 // The editing library keeps the terminal right around stops and window changes with handlers of its own, but
 // passes SIGINT and its like on to the whole process group: those stay ours while it waits.
@@ -55,8 +59,11 @@ int read_key(std::FILE *) {
         }
         unsigned char byte = 0;
         const ssize_t n = ::read(STDIN_FILENO, &byte, 1);
-        if (n == 1)
-            return byte;
+        if (n == 1) {
+            const bool ahead = typed_ahead > 0;
+            typed_ahead -= ahead ? 1 : 0;
+            return ahead && byte == 0 ? control_d : byte;
+        }
         if (n == 0 || (errno != EINTR && errno != EAGAIN))
             return EOF;
     }
@@ -87,7 +94,17 @@ char **user_rl_completion(const char *text, int start, int end) {
     return rl_completion_matches(text, user_completion_generator);
 }
 
+// Called before the prompt is shown. The library would turn the terminal's own line mode off after it only,
+// and a ^D typed in between would be lost.
+int key_mode() {
+    rl_prep_terminal(1);
+    if (::ioctl(STDIN_FILENO, FIONREAD, &typed_ahead) != 0)
+        typed_ahead = 0;
+    return 0;
+}
+
 void prepare_terminal() {
+    rl_pre_input_hook = key_mode;
     rl_getc_function = read_key;
     rl_attempted_completion_function = user_rl_completion;
     rl_readline_name = "kestrel";

@@ -4,6 +4,7 @@
 #include "server/interrupt.h"
 #include "server/outbox.h"
 #include "server/output.h"
+#include "server/wait.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,6 +1,8 @@
 // server: ^C. The handler only counts; loops, waits and long commands poll the count.
 #pragma once
 
+#include "server/wait.h" // waits that it ends
+
 #include <csignal>
 
 namespace kestrel {
@@ -9,14 +11,11 @@ extern volatile std::sig_atomic_t sv_quit; // interrupts since the line began
 extern void (*user_quit_handler)(int);     // called with 0 from the signal handler
 void quit_handler(int signal);
 
+// True on the thread that runs the loop and every command.
+bool sv_on_command_thread();
+
 // The count for a long command's loop: flushes every session's replies first, so that nobody waits for what
 // is already known while the command runs on.
 int sv_poll_quit(int cn);
-
-enum class wait_result { ready, timeout, interrupted };
-
-// Waits for poll events on a descriptor, at most timeout_ms (-1: for ever). An interrupt that came since the
-// line began, or that comes meanwhile, ends the wait; none can slip in between.
-wait_result sv_wait_fd(int fd, short events, int timeout_ms);
 
 } // namespace kestrel

@@ -54,7 +54,7 @@ void move_to(client_descriptor &c, std::size_t pos, std::string &out) {
 // Takes a text as the line, cut to what fits, the cursor at `pos`.
 void set_line(client_descriptor &c, std::string_view line, std::size_t pos) {
     c.len = std::min(line.size(), sv_line_max);
-    std::copy_n(line.data(), c.len, c.input); // an empty line may be a null pointer
+    std::copy_n(line.begin(), c.len, c.input);
     c.input[c.len] = '\0';
     c.pos = std::min(pos, c.len);
 }

@@ -1,5 +1,6 @@
 #include "server/outbox.h"
 
+#include "server/interrupt.h"
 #include "server/output.h"
 
 #include <algorithm>

@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,8 +18,6 @@ int nr_conns = 0;
 int close_server = 0;
 
 namespace {
-
-const pthread_t command_thread = pthread_self(); // static initialisation runs on the main thread
 
 // The slot as it was before its first use; history and candidates are freed.
 void clear_slot(client_descriptor &c) {
@@ -95,10 +92,6 @@ void sv_disconnect_client(int cn) {
 
 int sv_get_include_lvl(int cn) {
     return sv_is_valid(cn) ? client[cn].include_lvl : 0;
-}
-
-bool sv_on_command_thread() {
-    return pthread_equal(pthread_self(), command_thread) != 0;
 }
 
 void sv_stop_server() {

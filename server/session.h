@@ -125,9 +125,6 @@ void sv_disconnect_client(int cn);
 
 int sv_get_include_lvl(int cn);
 
-// True on the thread that runs the loop and every command.
-bool sv_on_command_thread();
-
 // Process-wide state.
 extern int use_network; // 1 in network mode
 extern int listen_socket;
