@@ -1,4 +1,5 @@
-// What another server says: in any pieces, the same events, no line longer than the limit, and no loop without end.
+// What another server says: in any pieces, the same events, no line longer than the limit, and no loop
+// without end.
 #include "instruments/links/reply_reader.h"
 
 #include <cstdint>

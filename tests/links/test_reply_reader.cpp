@@ -32,8 +32,8 @@ std::string read(std::string_view bytes, std::size_t piece) {
             static constexpr const char *names[] = {"", "#", "!", "@", "~", "text"};
             log += std::string(names[static_cast<int>(event)]) + "[" + reader.text() + "] ";
             if (event == reply_event::progress)
-                log += std::to_string(reader.progress().done) + "/" + std::to_string(reader.progress().total) + " " +
-                       reader.progress().label + " ";
+                log += std::to_string(reader.progress().done) + "/" +
+                       std::to_string(reader.progress().total) + " " + reader.progress().label + " ";
         }
     }
     return log + (reader.next() == reply_event::prompt ? "prompt " : "open ") + shown(reader.result());
