@@ -49,7 +49,8 @@ SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n
 class Process:
     """A run of the program in a scratch folder, its standard output and error kept in files beside it."""
 
-    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None):
+    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None,
+                 program=None):
         scratch = pathlib.Path(scratch)
         self.cwd = scratch / "cwd"
         self.cwd.mkdir(parents=True, exist_ok=True)
@@ -67,7 +68,7 @@ class Process:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (files, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
         with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
-            self.process = subprocess.Popen([KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
+            self.process = subprocess.Popen([program or KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
                                             stdout=stdout or out, stderr=err, preexec_fn=prepare)
 
     @property

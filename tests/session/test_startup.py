@@ -4,7 +4,7 @@ import re
 import socket
 
 import pytest
-from kestrel_session import KESTREL, SUB_SERVERS, Process, free_port, wait_until
+from kestrel_session import KESTREL, Process, free_port, wait_until
 
 DASHES = "-" * 70
 QUIT_HINT = "Use ^C to quit scripts, wait etc, ^\\ to really quit the server\n"
@@ -42,8 +42,8 @@ def test_an_unknown_argument_ends_in_the_usage(start, options):
 
 
 def test_network_banner(server):
-    banner = server.stdout
-    assert re.fullmatch(f"{re.escape(SUB_SERVERS)}{DASHES}\n{re.escape(KESTREL)}[^\n]*\n(?:[^\n]+\n)?"
+    banner = server.stdout[server.stdout.index(DASHES):]  # what the configuration had to say comes first
+    assert re.fullmatch(f"{DASHES}\n{re.escape(KESTREL)}[^\n]*\n(?:[^\n]+\n)?"
                         rf"Listening for connections on port {server.port}\.\n" + re.escape(QUIT_HINT), banner)
 
 
@@ -69,7 +69,7 @@ def test_detach_lets_go_of_the_terminal_and_serves(start):
     server = start("-detach")
     wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", server.port)) == 0, "listening port")
     assert server.client().lines("system 'readlink /proc/$PPID/fd/1'") == ["# /dev/null", "* 0"]
-    assert server.stdout == SUB_SERVERS and server.stderr == ""
+    assert "Listening" not in server.stdout and server.stderr == ""
 
 
 def test_detach_without_a_port_has_no_effect(start):
