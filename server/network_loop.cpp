@@ -83,11 +83,14 @@ void user_prompt(int cn) {
 }
 
 void set_no_delay(int cn, int fd) {
-    static const protoent *const tcp = ::getprotobyname("tcp");
-    if (!tcp)
+    static const int tcp = [] {
+        const protoent *const entry = ::getprotobyname("tcp");
+        return entry ? entry->p_proto : -1;
+    }();
+    if (tcp < 0)
         std::fprintf(stderr, "%d: Cannot get protocol TCP\n", cn);
     const int on = 1;
-    if (::setsockopt(fd, tcp ? tcp->p_proto : IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+    if (::setsockopt(fd, tcp < 0 ? IPPROTO_TCP : tcp, TCP_NODELAY, &on, sizeof on) != 0)
         std::fprintf(stderr, "%d: Cannot set socket options: error code=%d\n", cn, errno);
 }
 
