@@ -348,7 +348,9 @@ void network_loop(const char *program, int port) {
     use_network = 1;
     unique_fd listening = open_listening_socket(port);
     listen_socket = listening.get();
-    sv_print_banner(program, ("Listening for connections on port " + std::to_string(port) + ".").c_str());
+    char mode[64];
+    std::snprintf(mode, sizeof mode, "Listening for connections on port %d.", port);
+    sv_print_banner(program, mode);
     run_startup();
     while (!close_server)
         turn();
