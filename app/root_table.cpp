@@ -2,6 +2,7 @@
 
 #include "files/commands.h"
 #include "instruments/links/commands.h"
+#include "maths/commands.h"
 #include "modules/commands.h"
 #include "parser/builtins.h"
 #include "unified/commands.h"
@@ -69,6 +70,7 @@ const PARSE_TREE main_parse_tree[] = {
     pt_subtree("motor", links::motor_tree, "prefix for stepper-motor-specific functions"),
     pt_subtree("send", links::send_tree, "prefix to send commands directly to servers"),
     row_test,
+    row_maths,
     row_file,
     links::row_remote_open,
     pt_subtree("imgd", links::imgd_tree, "prefix for Image Displayer functions"),

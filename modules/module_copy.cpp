@@ -100,31 +100,45 @@ int check_source(const copy_request &r, const module_view &s) {
     return 0;
 }
 
+// The messages of one dimension of the destination.
+struct target_texts {
+    const char *negative;
+    const char *too_small;
+};
+constexpr target_texts x_texts = {
+    "! ERROR: Dst X region start=%d should be >= 0\n",
+    "! ERROR: Requested new module width %d will not accept read from %d for %d\n"};
+constexpr target_texts y_texts = {
+    "! ERROR: Dst Y region start=%d should be >= 0\n",
+    "! ERROR: Requested new module height %d will not accept read from %d for %d\n"};
+constexpr target_texts t_texts = {
+    "! ERROR: Dst t region start=%d should be >= 0\n",
+    "! ERROR: Requested new module num_t %d will not accept read from %d for %d\n"};
+
 // One dimension of the destination: its start, and the size that holds it (0: as large as needed).
-int check_target(const copy_request &r, const char *axis, const char *size_name, int start, int count,
-                 int &max) {
+int check_target(int cn, const target_texts &texts, int start, int count, int &max) {
+    char line[128];
+    int need = 0;
     if (start < 0) {
-        sv_printf(r.cn, "! ERROR: Dst %s region start=%d should be >= 0\n", axis, start);
+        std::snprintf(line, sizeof line, texts.negative, start);
+        sv_print(cn, line);
         return -1;
     }
-    int need = 0;
     const bool overflow = __builtin_add_overflow(start, count, &need);
     if (max == 0 && !overflow)
         max = need;
-    if (overflow || max < need) {
-        sv_printf(r.cn, "! ERROR: Requested new module %s %d will not accept read from %d for %d\n",
-                  size_name, max, start, count);
-        return -1;
-    }
-    return 0;
+    if (!overflow && max >= need)
+        return 0;
+    std::snprintf(line, sizeof line, texts.too_small, max, start, count);
+    sv_print(cn, line);
+    return -1;
 }
 
 int check_targets(copy_request &r) {
-    return check_target(r, "X", "width", r.dst.x, r.out.x, r.max.x) == 0 &&
-                   check_target(r, "Y", "height", r.dst.y, r.out.y, r.max.y) == 0 &&
-                   check_target(r, "t", "num_t", r.dst.t, r.out.t, r.max.t) == 0
-               ? 0
-               : -1;
+    const bool fit = check_target(r.cn, x_texts, r.dst.x, r.out.x, r.max.x) == 0 &&
+                     check_target(r.cn, y_texts, r.dst.y, r.out.y, r.max.y) == 0 &&
+                     check_target(r.cn, t_texts, r.dst.t, r.out.t, r.max.t) == 0;
+    return fit ? 0 : -1;
 }
 
 int check_existing(const copy_request &r, const module_view &source, const module_view &d) {

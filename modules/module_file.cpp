@@ -8,6 +8,9 @@
 #include "server/output.h"
 #include "unified/handles/handles.h"
 
+#include <cstdarg>
+#include <cstdio>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -19,10 +22,24 @@ int run(int cn, const std::string &line) {
     return user_service(cn, line.c_str(), 0, nullptr, nullptr);
 }
 
-// The text as a string of a command line. It is put in the other quotes where it has the usual ones in it.
-std::string quoted(std::string_view text) {
-    const char quote = text.find('\'') == std::string_view::npos ? '\'' : '"';
-    return quote + std::string(text) + quote;
+std::string formatted(const char *format, ...) __attribute__((format(printf, 1, 2)));
+std::string formatted(const char *format, ...) {
+    char line[2048]; // a line's arguments are shorter
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    return line;
+}
+
+// Names go between single quotes in the command lines that are run here.
+int check_quotes(int cn, std::initializer_list<std::string_view> names) {
+    for (const std::string_view name : names)
+        if (name.find('\'') != std::string_view::npos) {
+            sv_print(cn, "! ERROR: there cannot be a ' in the name " + std::string(name) + "\n");
+            return -1;
+        }
+    return 0;
 }
 
 // A handle that is closed and destroyed with its scope.
@@ -95,10 +112,8 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
                          : mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float);
     if (made != 0)
         return -1;
-    return run(cn, "read 0 " + std::to_string(first) + " 0 " + std::to_string(nx) + " " +
-                       std::to_string(rows) + " " + std::to_string(nt) + " from " +
-                       std::to_string(file.get()) + " to-module " + quoted(name) + " " +
-                       read_words[r.data_float]);
+    return run(cn, formatted("read %d %d %d %d %d %d from %d to-module '%s' %s", 0, first, 0, nx, rows, nt,
+                             file.get(), name.c_str(), read_words[r.data_float]));
 }
 
 } // namespace
@@ -106,7 +121,9 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
 int module_load(int quals, int cn, const char *file, const char *name) {
     const load_request request = load_asked(quals);
     const std::string target = name;
-    const std::string command = "file open " + quoted(file) + " " + request.open_quals;
+    if (check_quotes(cn, {file, target}) != 0)
+        return -1;
+    const std::string command = formatted("file open '%s' %s", file, request.open_quals.c_str());
     const int handle = run(cn, command);
     if (handle < 0 || unified_entry(handle) == nullptr) {
         sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
@@ -153,35 +170,35 @@ std::string form_word(int quals) {
 save_request save_asked(int quals, const char *name, const char *file) {
     enum { q_read_quals = 8, q_next_file, q_comment1, q_comment2, q_xh, q_save_script, q_current_file };
     const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
-    const auto text = [](int q) { return std::string(Qualifier[q].StringArg); };
+    const auto text = [](int q) -> const char * { return Qualifier[q].StringArg; };
     save_request r;
     r.format_words = form_word(quals);
     if (has(q_read_quals))
-        r.format_words += " " + text(q_read_quals);
+        r.format_words += formatted(" %s", text(q_read_quals));
     r.file = file != nullptr ? file : name;
     r.indexed = has(q_next_file) || has(q_current_file);
     if (!r.indexed)
         return r;
     for (const int q : {q_comment1, q_comment2})
         if (has(q))
-            r.index_tail += " " + quoted(text(q));
+            r.index_tail += formatted(" '%s'", text(q));
     if (has(q_xh))
-        r.index_tail += " xh " + quoted(text(q_xh));
+        r.index_tail += formatted(" xh '%s'", text(q_xh));
     if (!has(q_next_file)) {
         r.index_tail +=
-            "  append file-suffix " + quoted(text(q_current_file)) + " get-fname 'module_save_fname' ";
+            formatted("  append file-suffix '%s' get-fname 'module_save_fname' ", text(q_current_file));
         return r;
     }
     r.index_tail +=
-        " file-suffix " + quoted(text(q_next_file)) + " get-fname 'module_save_fname' script-name ";
+        formatted(" file-suffix '%s' get-fname 'module_save_fname' script-name ", text(q_next_file));
     if (has(q_save_script))
-        r.index_tail += " save-script " + quoted(text(q_save_script));
+        r.index_tail += formatted(" save-script '%s'", text(q_save_script));
     return r;
 }
 
 // Draws the file's name from the index of the folder.
 int take_indexed_name(int cn, save_request &r) {
-    const std::string command = "file get-next-index " + quoted(r.file) + " " + r.index_tail;
+    const std::string command = formatted("file get-next-index '%s' ", r.file.c_str()) + r.index_tail;
     if (run(cn, command) < 0) {
         sv_print(cn, "! ERROR getting sequence number using command '" + command + "'\n");
         return -1;
@@ -204,7 +221,9 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     }
     save_request request = save_asked(quals, name, file);
     const std::string module = name;
-    const int handle = run(cn, "module open " + quoted(module) + " header");
+    if (check_quotes(cn, {module, request.file}) != 0)
+        return -1;
+    const int handle = run(cn, formatted("module open '%s' header", name));
     if (handle < 0)
         return -1;
     const open_handle opened(cn, handle);
@@ -213,9 +232,11 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     const _unif_open_tbl *entry = unified_entry(handle);
     if (entry == nullptr)
         return -1;
-    const std::string command = "read 0 0 0 " + std::to_string(entry->nx) + " " + std::to_string(entry->ny) +
-                                " " + std::to_string(entry->nt) + " from " + std::to_string(handle) +
-                                " to-local-file " + quoted(request.file) + " " + request.format_words;
+    if (check_quotes(cn, {request.file}) != 0)
+        return -1;
+    const std::string command =
+        formatted("read 0 0 0 %d %d %d from %d to-local-file '%s' %s", entry->nx, entry->ny, entry->nt,
+                  handle, request.file.c_str(), request.format_words.c_str());
     sv_print(cn, "# Saving '" + module + "' using '" + command + "'\n");
     return run(cn, command);
 }

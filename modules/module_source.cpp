@@ -26,16 +26,20 @@ struct module_path {
 
 std::array<module_path, module_paths + 1> mod_ptrs;
 
-void *head_of(int path, const char *caller) {
+constexpr const char *bad_read_path = "Invalid path sent to module_read value %d\n";
+constexpr const char *bad_clear_path = "Invalid path sent to mod_clear value %d\n";
+constexpr const char *bad_destroy_path = "Invalid path sent to module_destroy value %d\n";
+
+void *head_of(int path, const char *bad_path) {
     if (path >= 1 && path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].head != nullptr)
         return mod_ptrs[static_cast<std::size_t>(path)].head;
-    std::fprintf(stderr, "Invalid path sent to %s value %d\n", caller, path);
+    std::fprintf(stderr, bad_path, path);
     return nullptr;
 }
 
 // The open module, with all of the box inside it; false after the cause was told.
-bool look_at_box(int path, const char *caller, const unified_box &b, module_view &view) {
-    void *head = head_of(path, caller);
+bool look_at_box(int path, const char *bad_path, const unified_box &b, module_view &view) {
+    void *head = head_of(path, bad_path);
     if (head == nullptr)
         return false;
     if (const char *fault = mod_look(head, view)) {
@@ -65,7 +69,7 @@ std::size_t row_bytes(const module_view &view, int dx) {
 
 int read_box(int path, void *buffer, const unified_box &b) {
     module_view view;
-    if (!look_at_box(path, "module_read", b, view))
+    if (!look_at_box(path, bad_read_path, b, view))
         return -1;
     auto *out = static_cast<std::byte *>(buffer);
     const std::size_t row = row_bytes(view, b.dx);
@@ -77,7 +81,7 @@ int read_box(int path, void *buffer, const unified_box &b) {
 
 int clear_box(int path, const unified_box &b) {
     module_view view;
-    if (!look_at_box(path, "mod_clear", b, view))
+    if (!look_at_box(path, bad_clear_path, b, view))
         return -1;
     for (int t = b.t; t < b.t + b.dt; ++t)
         for (int y = b.y; y < b.y + b.dy; ++y)
@@ -104,7 +108,7 @@ int mod_clear3d(int path, int x, int y, int t, int dx, int dy, int dt) {
 
 int module_place(int path, unified_place *place) {
     module_view view;
-    if (!look_at_box(path, "module_read", {0, 0, 0, 1, 1, 1}, view))
+    if (!look_at_box(path, bad_read_path, {0, 0, 0, 1, 1, 1}, view))
         return -1;
     place->first = view.data();
     place->row_stride = row_bytes(view, view.num_x);
@@ -117,7 +121,7 @@ int module_place(int path, unified_place *place) {
 }
 
 void module_destroy(int path, int) {
-    void *head = head_of(path, "module_destroy");
+    void *head = head_of(path, bad_destroy_path);
     if (head == nullptr)
         return;
     munlink(head);
@@ -177,13 +181,13 @@ int module_open(int quals, int cn, const char *name) {
     }
     module_link link = module_link::adopt(head);
     module_view view;
+    if (unified_type(mod_data_type(head)) == el_none) {
+        sv_printf(cn, "# Cannot handle module data type %d\n", mod_data_type(head));
+        return -1;
+    }
     if (check_kind(cn, name, head) != 0 || mod_look(cn, name, head, view) != 0)
         return -1;
     const int type = unified_type(view.data_type);
-    if (type == el_none) {
-        sv_printf(cn, "# Cannot handle module data type %d\n", view.data_type);
-        return -1;
-    }
     const int handle = unified_open(cn, path, view.num_x, view.num_y, view.num_t, type,
                                     mod_title(head).c_str(), view.is_3d ? source_3d : source_2d);
     if (handle < 0) {
@@ -199,7 +203,7 @@ int module_open(int quals, int cn, const char *name) {
 int module_close(int, int cn, int handle) {
     const _unif_open_tbl *entry = unified_entry(handle);
     if (entry != nullptr && entry->source.destroy != module_destroy)
-        std::fprintf(stderr, "Invalid path sent to module_destroy value %d\n", entry->path);
+        std::fprintf(stderr, bad_destroy_path, entry->path);
     return unified_close_and_destroy(cn, handle);
 }
 

@@ -5,7 +5,6 @@
 #include "parser/handler.h"
 
 #include <cstddef>
-#include <source_location>
 #include <string>
 #include <vector>
 
@@ -48,35 +47,17 @@ struct PARSE_TREE {
 //       pt_subtree("sub", sub_table, "prefix for sub functions"),
 //       pt_end(),
 //   };
+// Where a row stands comes from builtins that gcc and clang share: clang 14 has no std::source_location.
 template <auto Handler>
 constexpr PARSE_TREE pt_command(const char *name, const char *format, const char *help, const char *arghelp,
-                                std::source_location where = std::source_location::current()) {
-    return {PT_TYPE_COMMAND,
-            nullptr,
-            name,
-            help,
-            arghelp,
-            format,
-            0,
-            nullptr,
-            pt_bind<Handler>(),
-            where.file_name(),
-            static_cast<int>(where.line())};
+                                const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {PT_TYPE_COMMAND,    nullptr, name, help, arghelp, format, 0, nullptr,
+            pt_bind<Handler>(), file,    line};
 }
 
 constexpr PARSE_TREE pt_subtree(const char *name, const PARSE_TREE *table, const char *help,
-                                std::source_location where = std::source_location::current()) {
-    return {PT_TYPE_SUBTREE,
-            table,
-            name,
-            help,
-            "",
-            "",
-            0,
-            nullptr,
-            {},
-            where.file_name(),
-            static_cast<int>(where.line())};
+                                const char *file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {PT_TYPE_SUBTREE, table, name, help, "", "", 0, nullptr, {}, file, line};
 }
 
 constexpr PARSE_TREE pt_end() {

@@ -1,14 +1,22 @@
 #include "support/tessera.h"
 
+#include "support/fd.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <fcntl.h>
 #include <hdf5.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrel {
 
 static_assert(sizeof(long) >= sizeof(hid_t));
 
 namespace {
+
+constexpr std::size_t header_room = 64 * 1024; // for groups, attributes, texts
 
 template <herr_t (*Close)(hid_t)> int close_with(long id) {
     return Close(static_cast<hid_t>(id));
@@ -19,25 +27,53 @@ template <herr_t (*Close)(hid_t)> tessera_id own(hid_t id) {
 }
 
 // The library prints its error stack unless told not to; our callers print their own line.
+// Nor may it tidy up when the process ends: all our files are closed then, and after a file that could not be
+// closed (full disk) it would crash.
 void quiet_library() {
-    static const herr_t done = H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr);
+    static const bool done = [] {
+        H5dont_atexit(); // only heeded before anything else
+        return H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr) >= 0;
+    }();
     static_cast<void>(done);
 }
 
-bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
-    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
-    H5Tset_size(type.get(), text.empty() ? 1 : text.size());
-    H5Tset_strpad(type.get(), H5T_STR_NULLPAD);
+// Has the disk keep room for the file, without making it longer. The library cannot be trusted with a file
+// system that fills up between its writes. A file system that cannot promise is taken at its word.
+bool reserve(const std::string &name, std::size_t bytes) {
+    const unique_fd fd(::open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!fd)
+        return false;
+    return ::fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)) == 0 ||
+           errno == EOPNOTSUPP;
+}
+
+// Gives back what was reserved and not used.
+void give_back(const std::string &name) {
+    struct stat status {};
+    if (::stat(name.c_str(), &status) == 0)
+        static_cast<void>(!::truncate(name.c_str(), status.st_size));
+}
+
+// Of variable length in UTF-8, as NeXus tools write their texts.
+tessera_id text_type() {
+    auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
+    H5Tset_size(type.get(), H5T_VARIABLE);
     H5Tset_cset(type.get(), H5T_CSET_UTF8);
+    return type;
+}
+
+bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
+    const auto type = text_type();
     const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
+    const char *value = text.c_str();
     if (attribute) {
         const auto id =
             own<H5Aclose>(H5Acreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
-        return id.ok() && H5Awrite(id.get(), type.get(), text.c_str()) >= 0;
+        return id.ok() && H5Awrite(id.get(), type.get(), &value) >= 0;
     }
     const auto id = own<H5Dclose>(
         H5Dcreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.c_str()) >= 0;
+    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &value) >= 0;
 }
 
 bool put_int(hid_t place, const char *name, int value) {
@@ -45,17 +81,6 @@ bool put_int(hid_t place, const char *name, int value) {
     const auto id =
         own<H5Aclose>(H5Acreate2(place, name, H5T_NATIVE_INT, space.get(), H5P_DEFAULT, H5P_DEFAULT));
     return id.ok() && H5Awrite(id.get(), H5T_NATIVE_INT, &value) >= 0;
-}
-
-bool put_axes(hid_t group, int rank) {
-    const char *names[3] = {"t", "y", "x"};
-    const auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
-    H5Tset_size(type.get(), H5T_VARIABLE);
-    const hsize_t count = static_cast<hsize_t>(rank);
-    const auto space = own<H5Sclose>(H5Screate_simple(1, &count, nullptr));
-    const auto id =
-        own<H5Aclose>(H5Acreate2(group, "axes", type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
-    return id.ok() && H5Awrite(id.get(), type.get(), names + (3 - rank)) >= 0;
 }
 
 tessera_id make_group(hid_t place, const char *name, const char *nx_class) {
@@ -128,8 +153,14 @@ bool tessera_writer::open(const std::string &name, tessera_type type, tessera_sh
     shape_ = shape;
     type_ = type;
     next_line_ = 0;
+    name_ = name;
+    const std::size_t bytes =
+        static_cast<std::size_t>(lines_total()) * static_cast<std::size_t>(shape.nx) * element_bytes(type) +
+        header_room;
+    if (!reserve(name, bytes))
+        return false;
     file_ = own<H5Fclose>(H5Fcreate(name.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
-    if (!file_.ok() || !put_text(file_.get(), "default", "entry", true))
+    if (!file_.ok() || !reserve(name, bytes) || !put_text(file_.get(), "default", "entry", true))
         return false;
     const auto entry = make_group(file_.get(), "entry", "NXentry");
     if (!entry.ok() || !put_text(entry.get(), "default", "data", true) ||
@@ -144,8 +175,7 @@ bool tessera_writer::open(const std::string &name, tessera_type type, tessera_sh
     const auto space = own<H5Sclose>(H5Screate_simple(rank, dims + (3 - rank), nullptr));
     data_ = own<H5Dclose>(
         H5Dcreate2(group.get(), "data", file_type(type), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    return data_.ok() && put_axes(group.get(), rank) &&
-           put_int(data_.get(), "data_type", static_cast<int>(type));
+    return data_.ok() && put_int(data_.get(), "data_type", static_cast<int>(type));
 }
 
 bool tessera_writer::write_lines(const std::byte *at, int frame, int line, int lines) {
@@ -182,6 +212,7 @@ bool tessera_writer::write(const void *elements, std::size_t count) {
 bool tessera_writer::close() {
     const bool data = data_.close() >= 0;
     const bool file = file_.close() >= 0;
+    give_back(name_);
     return data && file;
 }
 
@@ -226,20 +257,22 @@ herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user)
     return 1;
 }
 
+// The title as our own files have it; others' are left aside.
 std::string title_of(hid_t file) {
     const auto set = own<H5Dclose>(H5Dopen2(file, "/entry/title", H5P_DEFAULT));
     if (!set.ok())
         return {};
     const auto type = own<H5Tclose>(H5Dget_type(set.get()));
     const auto space = own<H5Sclose>(H5Dget_space(set.get()));
-    const std::size_t size = type.ok() ? H5Tget_size(type.get()) : 0;
-    if (H5Tget_class(type.get()) != H5T_STRING || H5Tis_variable_str(type.get()) > 0 || size == 0 ||
-        size > 4096 || H5Sget_simple_extent_npoints(space.get()) != 1)
+    if (H5Tis_variable_str(type.get()) <= 0 || H5Sget_simple_extent_npoints(space.get()) != 1)
         return {};
-    std::string text(size, '\0');
-    if (H5Dread(set.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, text.data()) < 0)
+    char *text = nullptr;
+    const auto memory = text_type();
+    if (H5Dread(set.get(), memory.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &text) < 0 || text == nullptr)
         return {};
-    return text.substr(0, text.find('\0'));
+    const std::string title = text;
+    H5free_memory(text);
+    return title;
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 //
 // What is written:  /entry            NXentry, @default "data"
 //                   /entry/title      text
-//                   /entry/data       NXdata, @signal "data", @axes
+//                   /entry/data       NXdata, @signal "data"
 //                   /entry/data/data  [nt][ny][nx] ([ny][nx] for one frame), @data_type 4, 1 or 3
 //                   /entry/details    NXcollection of the source's own texts, if it has any
 // What is read: such a file, or the first 2-D or 3-D numeric dataset (by name) of any HDF5 file.
@@ -71,6 +71,7 @@ class tessera_writer {
   private:
     bool write_lines(const std::byte *at, int frame, int line, int lines);
 
+    std::string name_;
     tessera_id file_;
     tessera_id data_;
     tessera_shape shape_;

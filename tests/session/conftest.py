@@ -50,3 +50,12 @@ def shared_server(tmp_path_factory):
 def shared(shared_server):
     """A new session with the shared server."""
     return shared_server.client()
+
+
+@pytest.fixture
+def names():
+    """Makes names of modules for one test, and removes the modules after it."""
+    import kestrel_data
+    names = kestrel_data.Names()
+    yield names
+    names.remove()

@@ -41,10 +41,16 @@ def wait_until(condition, what, seconds=WAIT):
         time.sleep(0.005)
 
 
+# What the program says of its links to other servers before anything else, without a configuration file.
+SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n    /etc/kestrel.clients.ini\n"
+               "Loading default configuration instead.\n")
+
+
 class Process:
     """A run of the program in a scratch folder, its standard output and error kept in files beside it."""
 
-    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None):
+    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None,
+                 program=None):
         scratch = pathlib.Path(scratch)
         self.cwd = scratch / "cwd"
         self.cwd.mkdir(parents=True, exist_ok=True)
@@ -53,6 +59,8 @@ class Process:
         environment.update(env or {})
 
         def prepare():
+            for number in signal.SIGINT, signal.SIGQUIT:  # a shell's background job ignores them
+                signal.signal(number, signal.SIG_DFL)
             if stdin == stdout:  # a terminal: it is the one that ^C is typed at
                 os.setsid()
                 fcntl.ioctl(0, termios.TIOCSCTTY, 0)
@@ -60,7 +68,7 @@ class Process:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (files, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
         with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
-            self.process = subprocess.Popen([KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
+            self.process = subprocess.Popen([program or KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
                                             stdout=stdout or out, stderr=err, preexec_fn=prepare)
 
     @property
@@ -409,8 +417,13 @@ class Terminal(Stream, Process):
     def _write(self, data):
         os.write(self.master, data)
 
+    def wait_editing(self):
+        """Waits until keys reach the line editor: a ^D before that would be the terminal driver's."""
+        wait_until(lambda: not termios.tcgetattr(self.master)[3] & termios.ICANON, "line editing")
+
     def stop(self):
         self.send(b"\x15quit\n")
+        self.expect_closed()  # what it still prints must be read, or the terminal holds it
 
     def close(self):
         super().close()

@@ -190,8 +190,8 @@ def test_a_script_that_ends_in_ascii_write_file_ends_the_session(server, client)
     server.write("s.cmd", ["ascii write file 'f'", "kept"])
     client.send("~s\n")
     client.expect_closed()  # the end of what a session reads is the session's end
-    assert (server.cwd / "f").read_text() == "kept\n"
     assert server.client().cmd("7") == b"* 7\r\n"
+    assert (server.cwd / "f").read_text() == "kept\n"
 
 
 def test_echo_of_a_plain_session_is_off(client):

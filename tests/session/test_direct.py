@@ -15,6 +15,7 @@ def terminal(start):
     terminal = start(kind=Terminal)
     terminal.recv_until("really quit the server")
     terminal.recv_until("> ")
+    terminal.wait_editing()
     return terminal
 
 
@@ -23,18 +24,20 @@ def piped(start, text, *options, **how):
     read, write = os.pipe()
     process = start(*options, kind=Process, stdin=read, **how)
     os.close(read)
-    with open(write, "w") as pipe:
-        pipe.write(text)
+    try:
+        os.write(write, text.encode())
+    except BrokenPipeError:  # it may have ended without reading
+        pass
+    os.close(write)
     assert process.wait_exit() == 0
     return process.stdout
 
 
 def test_the_banner_and_the_end_of_a_pipe(start):
     out = piped(start, "")
-    place = 0
+    place = out.index(BANNER[0] + KESTREL)
     for text in BANNER:
         place = out.index(text, place) + len(text)
-    assert out[len(BANNER[0]):].startswith(KESTREL)
 
 
 def test_commands_from_a_pipe(start):

@@ -1,6 +1,14 @@
 """A telnet client: negotiation, and the line editor as the user's screen shows it."""
+import fcntl
+import os
+import pty
+import select
+import struct
+import subprocess
+import termios
+
 import pytest
-from kestrel_session import DO, DONT, IAC, SB, SE, WILL, WONT, Telnet
+from kestrel_session import DO, DONT, IAC, SB, SE, WAIT, WILL, WONT, Telnet
 
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
 HOME, END, DELETE = "\x1b[H", "\x1b[F", "\x1b[3~"
@@ -59,6 +67,22 @@ def test_window_size_is_reported(server, telnet):
     telnet.window(300, 256, screen=False)
     server.wait_stdout(r"NAWS \(300, 256\)\n")
     assert enter(telnet, "7") == ["* 7"]
+
+
+def test_the_telnet_program_edits_in_the_server(server):
+    master, slave = pty.openpty()
+    fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 60, 0, 0))
+    telnet = subprocess.Popen(["telnet", "--", "localhost", f"-{server.port}"], stdin=slave, stdout=slave, stderr=slave)
+    os.close(slave)
+    server.wait_stdout(r"NAWS \(60, 24\)\n")
+    os.write(master, b"eval i\t 13" + b"\x02" + b"2\r")
+    seen = b""
+    while b"\r\n* 123\r\n> " not in seen:
+        assert select.select([master], [], [], WAIT)[0], seen
+        seen += os.read(master, 4096)
+    os.write(master, b"quit\r")
+    telnet.wait(WAIT)
+    os.close(master)
 
 
 @pytest.mark.parametrize("keys, result", [

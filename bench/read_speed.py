@@ -1,0 +1,157 @@
+#!/usr/bin/python3
+"""How fast data leave the server, as ratios measured in one run:  bench/read_speed.py [MiB]
+
+  file    a raw box of a module to a file on a memory file system, against bare write() calls of the same bytes
+  socket  the same to the data connection, against an iperf3 stream on loopback
+  rows    ASCII rows of long and of float elements, against numpy.savetxt of the same array (bytes compared);
+          processor time of both, which other programs on the machine disturb less
+
+Each pair is measured in turn, several times; the best of each counts. KESTREL names the program.
+"""
+import json
+import os
+import pathlib
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "tests" / "session"))
+import kestrel_data
+import kestrel_session
+import numpy as np
+
+ROUNDS = 5
+LONG = 600  # seconds before a reply is missed
+
+
+def best(measure, other):
+    """Both in turn; the least seconds of each."""
+    times = [(measure(), other()) for _ in range(ROUNDS)]
+    return min(t[0] for t in times), min(t[1] for t in times)
+
+
+def processor_seconds(server):
+    """Time that the server's command thread has run."""
+    return int(pathlib.Path(f"/proc/{server.process.pid}/schedstat").read_text().split()[0]) * 1e-9
+
+
+def used(clock, action):
+    start = clock()
+    action()
+    return clock() - start
+
+
+def seconds(action):
+    return used(time.perf_counter, action)
+
+
+def command(client, line):
+    assert client.lines(line, LONG)[-1] == "* 0", line
+
+
+def report(name, ours, theirs, size, unit, against, goal):
+    print(f"{name:12} {size / ours:9.1f} {unit}   {against:16} {size / theirs:9.1f} {unit}   ratio {theirs / ours:6.2f}"
+          f"   (goal {goal})", flush=True)
+
+
+def to_file(client, module, mib):
+    read = f"read 0 0 0 {module.data.shape[1]} {module.data.shape[0]} 1 from 0 raw to-local-file '/dev/shm/kt_bench_out'"
+    block = 8 << 20
+    view = memoryview(module.raw)[360:]
+
+    def bare():
+        fd = os.open("/dev/shm/kt_bench_out", os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o666)
+        for at in range(0, len(view), block):
+            os.write(fd, view[at:at + block])
+        os.close(fd)
+
+    def fresh():
+        if os.path.exists("/dev/shm/kt_bench_out"):
+            os.unlink("/dev/shm/kt_bench_out")
+
+    def timed(action):
+        fresh()
+        return seconds(action)
+
+    ours, theirs = best(lambda: timed(lambda: command(client, read)), lambda: timed(bare))
+    fresh()
+    report("raw to file", ours, theirs, mib, "MiB/s", "write()", 0.9)
+
+
+def to_socket(client, module, mib):
+    listener = socket.create_server(("127.0.0.1", 0))
+    client.lines(f"port {listener.getsockname()[1]}")
+    read = f"read 0 0 0 {module.data.shape[1]} {module.data.shape[0]} 1 from 0 raw"
+    buffer = bytearray(1 << 20)
+
+    def receive():
+        with listener.accept()[0] as connection:
+            while connection.recv_into(buffer):
+                pass
+
+    def ours():
+        thread = threading.Thread(target=receive)
+        thread.start()
+        taken = seconds(lambda: (command(client, read), thread.join()))
+        return taken
+
+    port = str(kestrel_session.free_port())
+    server = subprocess.Popen(["iperf3", "-s", "-p", port], stdout=subprocess.DEVNULL)
+    time.sleep(0.5)
+
+    def iperf():
+        out = subprocess.run(["iperf3", "-c", "127.0.0.1", "-p", port, "-n", f"{mib}M", "-l", "1M", "-J"],
+                             capture_output=True, check=True).stdout
+        return json.loads(out)["end"]["sum_received"]["seconds"]
+
+    mine, theirs = best(ours, iperf)
+    server.terminate()
+    server.wait()
+    report("raw to socket", mine, theirs, mib, "MiB/s", "iperf3", 0.9)
+
+
+def rows(server, client, kind, word, fmt, goal):
+    folder = pathlib.Path("/dev/shm")
+    ny, nx = 2000, 2000
+    random = np.random.default_rng(1)
+    values = (10 ** random.uniform(0, 7, (ny, nx))).astype("u4")  # counts over seven decades
+    if kind == "f4":
+        values = (values / random.integers(1, 100000, (ny, nx))).astype("f4")
+    name = f"kt_bench_{word}"
+    command(client, f"module create '{name}' {nx} {ny} header {word}")
+    kestrel_data.Module(name).data[:] = values
+    handle = kestrel_data.do(client, f"module open '{name}' header")
+    read = f"read 0 0 0 {nx} {ny} 1 from {handle} to-local-file '/dev/shm/kt_bench_rows'"
+    separator = "\t" if kind == "u4" else " "
+    ours, theirs = best(lambda: used(lambda: processor_seconds(server), lambda: command(client, read)),
+                        lambda: used(time.process_time, lambda: np.savetxt(folder / "kt_bench_numpy", values, fmt, separator, separator + "\n")))
+    assert (folder / "kt_bench_rows").read_bytes() == (folder / "kt_bench_numpy").read_bytes(), "not the bytes of printf"
+    report(f"rows {kind}", ours, theirs, nx * ny / 1e6, "M/s  ", "numpy.savetxt", goal)
+
+
+def main():
+    mib = int(sys.argv[1]) if len(sys.argv) > 1 else 256
+    with tempfile.TemporaryDirectory() as scratch:
+        server = kestrel_session.Server(scratch)
+        try:
+            client = server.client()
+            command(client, f"module create 'kt_bench' 65536 {mib * 4} header")
+            module = kestrel_data.Module("kt_bench")
+            module.data[:] = np.arange(65536, dtype="u4")
+            assert kestrel_data.do(client, "module open 'kt_bench' header") == 0
+            to_file(client, module, mib)
+            to_socket(client, module, mib)
+            rows(server, client, "u4", "", "%u", 20)
+            rows(server, client, "f4", "float", "%.8g", 10)
+        finally:
+            for path in pathlib.Path("/dev/shm").glob("kt_bench*"):
+                path.unlink()
+            server.close()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,254 @@
+// `maths binary-op`: two volumes combined element by element, in single precision.
+#include "maths/commands.h"
+#include "maths/output.h"
+#include "maths/reader.h"
+#include "parser/call.h"
+#include "server/output.h"
+#include "support/element.h"
+
+#include <algorithm>
+#include <bit>
+
+namespace kestrel {
+
+namespace {
+
+enum binary_keyword : int {
+    bin_add = 1,
+    bin_sub = 2,
+    bin_mult = 4,
+    bin_div = 8,
+    bin_threshold = 16,
+    bin_scale = 32
+};
+constexpr int operators = bin_add | bin_sub | bin_mult | bin_div;
+constexpr int threshold_keyword = 4, scale_keyword = 5, first_output_keyword = 6;
+
+struct operation {
+    int code = 0;
+    float threshold = 1.0F; // a divisor up to this gives 0; at most 0: no test
+    float scale = 0.0F;     // 0: no scaling
+};
+
+struct volumes {
+    umaths_region a, b;
+};
+
+// ---------------------------------------------------------------- which volumes
+
+void list_forms(int cn) {
+    for (const char *line :
+         {"! Acceptable numbers of optional Arguments are:\n",
+          "! NONE          => Whole image A, repeat B if necessary\n",
+          "! nt(ny)        => nt planes of A, or ny if A 2D\n",
+          "! t1 t2         => planes t1 to t2 or lines t1 to t2\n",
+          "! x1 y1 t1 x2 y2 t1 => Same Volume in A and B\n", "! x1 y1 t1 x2 y2 t1 x' y' t' =>\n",
+          "!       Specific volume in A and different start point in B (may be same image)\n",
+          "! x1 y1 t1 x2 y2 t1 x1' y1' t1' x2' y2' t2' =>\n", "!       Fully specified volumes in A and B\n"})
+        sv_printf(cn, "%s", line);
+}
+
+// B for a part of A: from its origin, of A's size, but where it has only one line or frame that one.
+umaths_region matching(const umaths_region &size_b, const umaths_region &a) {
+    return {0, 0, 0, std::min(size_b.dx, a.dx), size_b.dy == 1 ? 1 : a.dy, size_b.dt == 1 ? 1 : a.dt};
+}
+
+// Planes first to last of A, or lines of a 2-D A.
+umaths_region part_of(const umaths_region &size, int first, int last) {
+    return size.dt > 1 ? umaths_make_region(0, 0, first, size.dx - 1, size.dy - 1, last)
+                       : umaths_make_region(0, first, 0, size.dx - 1, last, 0);
+}
+
+int resolve(int cn, std::span<const pt_value> v, const umaths_region &size_a, const umaths_region &size_b,
+            volumes &out) {
+    const int given =
+        static_cast<int>(std::count_if(v.begin(), v.end(), [](const pt_value &x) { return x.type; }));
+    const auto region_at = [&v](std::size_t i) {
+        return umaths_make_region(v[i].i, v[i + 1].i, v[i + 2].i, v[i + 3].i, v[i + 4].i, v[i + 5].i);
+    };
+    switch (given) {
+    case 0:
+        out.a = size_a;
+        out.b = size_b;
+        return 0;
+    case 1:
+        out.a = part_of(size_a, 0, v[0].i - 1);
+        out.b = matching(size_b, out.a);
+        return 0;
+    case 2:
+        out.a = part_of(size_a, v[0].i, v[1].i);
+        out.b = matching(size_b, out.a);
+        return 0;
+    case 6:
+        out.a = out.b = region_at(0);
+        return 0;
+    case 9:
+        out.a = out.b = region_at(0);
+        out.b.x = v[6].i;
+        out.b.y = v[7].i;
+        out.b.t = v[8].i;
+        return 0;
+    case 12:
+        out.a = region_at(0);
+        out.b = region_at(6);
+        return 0;
+    default:
+        list_forms(cn);
+        return -1;
+    }
+}
+
+void announce(int cn, const umaths_region &a, const umaths_region &b) {
+    sv_printf(cn, "# Processing Image A (%d, %d, %d) to (%d, %d, %d)\n", a.x, a.y, a.t, a.x + (a.dx - 1),
+              a.y + (a.dy - 1), a.t + (a.dt - 1));
+    sv_printf(cn, "# With       Image B (%d, %d, %d) to (%d, %d, %d)\n", b.x, b.y, b.t, b.x + (b.dx - 1),
+              b.y + (b.dy - 1), b.t + (b.dt - 1));
+}
+
+int check_shapes(int cn, const umaths_region &a, const umaths_region &b) {
+    if (a.dx != b.dx) {
+        sv_printf(cn, "! ERROR: Image widths are different (%d and %d)\n", a.dx, b.dx);
+        return -1;
+    }
+    if (a.dy != b.dy && b.dy != 1) {
+        sv_printf(cn, "! ERROR: Image number of lines are different (%d and %d)\n", a.dy, b.dy);
+        return -1;
+    }
+    if (a.dy != b.dy)
+        sv_printf(cn, "# Repeating line of image B\n");
+    if (a.dt != b.dt && b.dt != 1) {
+        sv_printf(cn, "! ERROR: Image number of frame are different (%d and %d)\n", a.dt, b.dt);
+        return -1;
+    }
+    if (a.dt != b.dt)
+        sv_printf(cn, "# Repeating frames of image B\n");
+    return 0;
+}
+
+// ---------------------------------------------------------------- one line
+
+// Both operands become float first; every operator and scaling has its own loop.
+template <class A, class B, class F>
+void combine(const A *__restrict a, const B *__restrict b, float *__restrict out, int count, F f) {
+    for (int i = 0; i < count; ++i)
+        out[i] = f(static_cast<float>(a[i]), static_cast<float>(b[i]));
+}
+
+template <class A, class B>
+void divide_line(const A *a, const B *b, float *out, int count, const operation &o) {
+    const float s = o.scale, limit = o.threshold;
+    if (limit > 0.0F && s != 0.0F)
+        return combine(a, b, out, count,
+                       [s, limit](float x, float y) { return y > limit ? x * s / y : 0.0F; });
+    if (limit > 0.0F)
+        return combine(a, b, out, count, [limit](float x, float y) { return y > limit ? x / y : 0.0F; });
+    if (s != 0.0F)
+        return combine(a, b, out, count, [s](float x, float y) { return x * s / y; });
+    combine(a, b, out, count, [](float x, float y) { return x / y; });
+}
+
+template <class A, class B>
+void combine_line(const A *a, const B *b, float *out, int count, const operation &o) {
+    const float s = o.scale;
+    const bool scaled = s != 0.0F;
+    switch (o.code) {
+    case bin_add:
+        return scaled ? combine(a, b, out, count, [s](float x, float y) { return (x + y) * s; })
+                      : combine(a, b, out, count, [](float x, float y) { return x + y; });
+    case bin_sub:
+        return scaled ? combine(a, b, out, count, [s](float x, float y) { return (x - y) * s; })
+                      : combine(a, b, out, count, [](float x, float y) { return x - y; });
+    case bin_mult:
+        return scaled ? combine(a, b, out, count, [s](float x, float y) { return x * y * s; })
+                      : combine(a, b, out, count, [](float x, float y) { return x * y; });
+    default:
+        return divide_line(a, b, out, count, o);
+    }
+}
+
+using line_function = void (*)(const std::byte *, const std::byte *, float *, int, const operation &);
+
+template <class A, class B>
+void typed_line(const std::byte *a, const std::byte *b, float *out, int count, const operation &o) {
+    combine_line(reinterpret_cast<const A *>(a), reinterpret_cast<const B *>(b), out, count, o);
+}
+
+// By type of A + 3 x type of B, with 0 long, 1 float, 2 double.
+constexpr line_function line_functions[] = {
+    typed_line<std::uint32_t, std::uint32_t>,
+    typed_line<float, std::uint32_t>,
+    typed_line<double, std::uint32_t>,
+    typed_line<std::uint32_t, float>,
+    typed_line<float, float>,
+    typed_line<double, float>,
+    typed_line<std::uint32_t, double>,
+    typed_line<float, double>,
+    typed_line<double, double>,
+};
+
+std::size_t type_code(int utype) {
+    return utype == el_long ? 0 : utype == el_float ? 1 : 2;
+}
+
+int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const operation &o) {
+    const line_function line = line_functions[type_code(a.utype) + 3 * type_code(b.utype)];
+    for (int plane = 0; plane < a.dt; ++plane)
+        for (int row = 0; row < a.dy; ++row) {
+            const std::byte *from_a = umaths_get_line(cn, row, plane, a);
+            const std::byte *from_b =
+                from_a ? umaths_get_line(cn, b.dy == 1 ? 0 : row, b.dt == 1 ? 0 : plane, b) : nullptr;
+            if (!from_b)
+                return umaths_read_error(cn);
+            std::byte *to = umaths_get_output(cn, row, plane, out);
+            if (!to)
+                return -1;
+            line(from_a, from_b, reinterpret_cast<float *>(to), a.dx, o);
+        }
+    return 0;
+}
+
+umaths_region size_of_handle(int cn, int handle) {
+    return {0,
+            0,
+            0,
+            unified_get_nx(0, cn, handle),
+            unified_get_ny(0, cn, handle),
+            std::max(1, unified_get_nt(0, cn, handle))};
+}
+
+} // namespace
+
+int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
+    operation o;
+    o.code = quals & operators;
+    if (!std::has_single_bit(static_cast<unsigned>(o.code))) {
+        sv_printf(cn, "! ERROR: Must specify one of add, sub, mult, div\n");
+        return -1;
+    }
+    if (quals & bin_threshold)
+        o.threshold = static_cast<float>(Qualifier[threshold_keyword].DoubleArg);
+    if (quals & bin_scale)
+        o.scale = static_cast<float>(Qualifier[scale_keyword].DoubleArg);
+    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
+    const umaths_region size_a = size_of_handle(cn, handle_a), size_b = size_of_handle(cn, handle_b);
+    if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {
+        sv_printf(cn, "! Something wrong with unified handles\n");
+        return -1;
+    }
+    volumes v;
+    if (resolve(cn, arguments, size_a, size_b, v) != 0)
+        return -1;
+    announce(cn, v.a, v.b);
+    if (check_shapes(cn, v.a, v.b) != 0)
+        return -1;
+    UMaths a, b;
+    UMathsOutput out;
+    if (umaths_start(cn, v.a, handle_a, a, 0) != 0 || umaths_start(cn, v.b, handle_b, b, 0) != 0 ||
+        umaths_start_output(cn, to, v.a.dx, v.a.dy, v.a.dt, out, RWMode::write, 1) != 0 ||
+        umaths_stay_clear_of(cn, out.mod_head.head(), a) != 0 ||
+        umaths_stay_clear_of(cn, out.mod_head.head(), b) != 0)
+        return -1;
+    return combine_volumes(cn, a, b, out, o);
+}
+
+} // namespace kestrel

@@ -1,0 +1,172 @@
+// `maths leastsqr-fit`: a straight line through points of a module's row.
+#include "maths/commands.h"
+#include "maths/results.h"
+#include "modules/store/view.h"
+#include "parser/call.h"
+#include "server/output.h"
+
+#include <cerrno>
+#include <cmath>
+#include <vector>
+
+namespace kestrel {
+
+namespace {
+
+enum fit_keyword : int {
+    fit_errors = 1,
+    fit_line = 2,
+    fit_extrapolate = 4,
+    fit_x_row = 8,
+    fit_const_zero = 16,
+    fit_cross_x0 = 32,
+};
+
+struct LinLeastSqrFit {
+    double m = 0.0; // slope
+    double c = 0.0; // intercept
+    double max_error = 0.0;
+    int worst_point = 0;
+    int error = 0; // the points do not fix a line
+};
+
+// The straight line of least squares: Press et al., Numerical Recipes, section 15.2, with equal weights. The
+// slope is written through the sample variance of x.
+void leastsqr_fit(const std::vector<double> &x, const std::vector<double> &y, bool through_zero,
+                  LinLeastSqrFit &fit) {
+    const double n = static_cast<double>(x.size());
+    double sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        sx += x[i];
+        sy += y[i];
+        sxx += x[i] * x[i];
+        sxy += x[i] * y[i];
+    }
+    if (through_zero) {
+        fit.m = sxy / sxx;
+        fit.c = 0.0;
+    } else {
+        fit.m = (n * sxy - sx * sy) / (n * (n - 1) * ((sxx - sx * sx / n) / (n - 1)));
+        fit.c = sy / n - sx * fit.m / n;
+    }
+    fit.error = x.size() < 2 || !std::isfinite(fit.m) || !std::isfinite(fit.c);
+}
+
+struct fit_request {
+    int cn;
+    int quals;
+    int first, last, row;
+    int errors_row, fit_row, x_row;
+    double x0;
+};
+
+int refuse_row(int cn, const char *format, int rows, int row) {
+    if (row >= 0 && row < rows)
+        return 0;
+    char text[80];
+    std::snprintf(text, sizeof text, format, rows - 1, row);
+    sv_print(cn, text);
+    return -1;
+}
+
+int check(const fit_request &q, const module_view &mod) {
+    const int rows = mod.num_y * mod.num_t; // frames below each other
+    if (refuse_row(q.cn, "! Row should be 0..%d not %d\n", rows, q.row) != 0 ||
+        (q.quals & fit_x_row && refuse_row(q.cn, "! X Row should be 0..%d not %d\n", rows, q.x_row) != 0) ||
+        (q.quals & fit_errors &&
+         refuse_row(q.cn, "! Error Row should be 0..%d not %d\n", rows, q.errors_row) != 0) ||
+        (q.quals & fit_line && refuse_row(q.cn, "! Fit Row should be 0..%d not %d\n", rows, q.fit_row) != 0))
+        return -1;
+    if (q.first < 0 || q.first >= mod.num_x || q.last < 0 || q.last >= mod.num_x) {
+        sv_printf(q.cn, "! First and last should be in range 0 to %d, not %d, %d\n", mod.num_x - 1, q.first,
+                  q.last);
+        return -1;
+    }
+    if (q.last <= q.first) {
+        sv_printf(q.cn, "! A straight line needs at least 2 points, not %d to %d\n", q.first, q.last);
+        return -1;
+    }
+    return 0;
+}
+
+double element(const module_view &mod, int point, int row) {
+    return mod_get_element(mod.at(point, row, 0), mod.data_type);
+}
+
+double x_of(const fit_request &q, const module_view &mod, int point) {
+    const double x = q.quals & fit_x_row ? element(mod, point, q.x_row) : point;
+    return q.quals & fit_cross_x0 ? x - q.x0 : x;
+}
+
+double fitted(const fit_request &q, const module_view &mod, const LinLeastSqrFit &fit, int point) {
+    return fit.m * x_of(q, mod, point) + fit.c;
+}
+
+void find_worst(const fit_request &q, const module_view &mod, LinLeastSqrFit &fit) {
+    fit.worst_point = q.first;
+    for (int point = q.first; point <= q.last; ++point) {
+        const double error = std::fabs(element(mod, point, q.row) - fitted(q, mod, fit, point));
+        if (error <= fit.max_error)
+            continue;
+        fit.max_error = error;
+        fit.worst_point = point;
+    }
+}
+
+// The rows may be the ones that were fitted, so both values are worked out before either is stored.
+void store_rows(const fit_request &q, const module_view &mod, const LinLeastSqrFit &fit) {
+    const bool all = q.quals & fit_extrapolate;
+    const int from = all ? 0 : q.first, to = all ? mod.num_x - 1 : q.last;
+    for (int point = from; point <= to; ++point) {
+        const double value = fitted(q, mod, fit, point);
+        const double residual = element(mod, point, q.row) - value;
+        if (q.quals & fit_errors)
+            mod_put_element(mod.at(point, q.errors_row, 0), mod.data_type, residual);
+        if (q.quals & fit_line)
+            mod_put_element(mod.at(point, q.fit_row, 0), mod.data_type, value);
+    }
+}
+
+} // namespace
+
+int leastsqr_fit_command(int quals, int cn, const char *module, int first, int last, int row,
+                         const char *variable) {
+    const auto number = [quals](int bit, int keyword) { return quals & bit ? Qualifier[keyword].IntArg : 0; };
+    const fit_request q{cn,
+                        quals,
+                        first,
+                        last,
+                        row,
+                        number(fit_errors, 0),
+                        number(fit_line, 1),
+                        number(fit_x_row, 3),
+                        quals & fit_cross_x0 ? Qualifier[5].DoubleArg : 0.0};
+    const module_link link(module);
+    if (!link) {
+        sv_printf(cn, "! Cannot link to module '%s', errno = %d\n", module, errno);
+        return -1;
+    }
+    module_view mod;
+    if (mod_look(cn, module, link.head(), mod) != 0 || check(q, mod) != 0)
+        return -1;
+    std::vector<double> x, y;
+    for (int point = first; point <= last; ++point) {
+        x.push_back(x_of(q, mod, point));
+        y.push_back(element(mod, point, row));
+    }
+    LinLeastSqrFit fit;
+    leastsqr_fit(x, y, quals & (fit_const_zero | fit_cross_x0), fit);
+    if (fit.error) {
+        sv_printf(cn, "! The points %d to %d do not fix a straight line\n", first, last);
+        return -1;
+    }
+    find_worst(q, mod, fit);
+    sv_printf(cn, "# Max error is %g at point %d\n", fit.max_error, fit.worst_point);
+    sv_printf(cn, "# y = %g*x+%g\n", fit.m, fit.c);
+    set_var(cn, variable, "m", fit.m);
+    set_var(cn, variable, "c", fit.c);
+    store_rows(q, mod, fit);
+    return 0;
+}
+
+} // namespace kestrel

@@ -1,0 +1,297 @@
+// `maths measure-peak`, `measure-flood` and `search-outliers`: numbers about the elements of a region.
+#include "maths/commands.h"
+#include "maths/reader.h"
+#include "maths/results.h"
+#include "parser/call.h"
+#include "server/output.h"
+#include "support/element.h"
+#include "unified/convert.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+namespace kestrel {
+
+namespace {
+
+// Calls f(value, x, y, t) with each element and its absolute place, in scan order. False when a read failed.
+template <class T, class F> bool each_element(int cn, UMaths &reader, F f) {
+    for (int plane = 0; plane < reader.dt; ++plane)
+        for (int row = 0; row < reader.dy; ++row) {
+            const std::byte *line = umaths_get_line(cn, row, plane, reader);
+            if (!line)
+                return false;
+            for (int i = 0; i < reader.dx; ++i)
+                f(load_element<T>(line, static_cast<std::size_t>(i)), reader.x + i, reader.y + row,
+                  reader.t + plane);
+        }
+    return true;
+}
+
+double as_double(int48 value) {
+    return static_cast<double>(value.value());
+}
+template <class T> double as_double(T value) {
+    return static_cast<double>(value);
+}
+
+// ---------------------------------------------------------------- measure-peak
+
+enum peak_keyword : int { peak_x = 1, peak_y = 2, peak_t = 4, peak_threshold = 8 };
+
+struct axis_sums {
+    double c = 0.0;
+    double cc = 0.0;
+    void add(double value, int index) {
+        const double centre = index + 0.5;
+        c += value * centre;
+        cc += value * centre * centre;
+    }
+};
+
+struct peak_sums {
+    double total = 0.0;
+    axis_sums x, y, t;
+};
+
+bool sum_peak(int cn, UMaths &reader, double threshold, peak_sums &sums) {
+    bool read = false;
+    with_element_type(reader.utype, [&](auto kind) {
+        using T = decltype(kind);
+        read = each_element<T>(cn, reader, [&](T element, int x, int y, int t) {
+            const double value = as_double(element);
+            if (!(value >= threshold))
+                return;
+            sums.total += value;
+            sums.x.add(value, x);
+            sums.y.add(value, y);
+            sums.t.add(value, t);
+        });
+    });
+    return read;
+}
+
+double report_axis(int cn, const char *variable, const char *letter, const char *name, const axis_sums &sums,
+                   double total) {
+    double mean = 0.0, deviation = 0.0;
+    if (total > 0.0) {
+        mean = sums.c / total;
+        deviation = std::sqrt(std::max(0.0, sums.cc / total - mean * mean)); // rounding may go below zero
+    }
+    sv_printf(cn, "# %s mean   = %g\n", letter, mean);
+    sv_printf(cn, "# %s stddev = %g\n", letter, deviation);
+    if (variable) {
+        set_var(cn, variable, (std::string(".") + name + "_mean").c_str(), mean);
+        set_var(cn, variable, (std::string(".") + name + "_sd").c_str(), deviation);
+    }
+    return mean;
+}
+
+} // namespace
+
+double umaths_measure_peak(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
+                           const char *variable) {
+    const double threshold = quals & peak_threshold ? Qualifier[3].DoubleArg : 0.0;
+    UMaths reader;
+    if (umaths_start_any(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, 0, 1) != 0)
+        return -1.0;
+    int axes = quals & (peak_x | peak_y | peak_t);
+    if (!axes)
+        axes = (reader.dx > 1 ? peak_x : 0) | (reader.dy > 1 ? peak_y : 0) | (reader.dt > 1 ? peak_t : 0);
+    if (!axes) {
+        sv_printf(cn, "! Nothing to do ?\n");
+        return 0.0;
+    }
+    peak_sums sums;
+    if (!sum_peak(cn, reader, threshold, sums))
+        return umaths_read_error(cn);
+    const double average =
+        sums.total / (static_cast<double>(reader.dx) * static_cast<double>(reader.dy) * reader.dt);
+    sv_printf(cn, "# Total    = %g\n", sums.total);
+    sv_printf(cn, "# Average  = %g\n", average);
+    set_var(cn, variable, ".total", sums.total);
+    set_var(cn, variable, ".average", average);
+    const double mean = axes & peak_x ? report_axis(cn, variable, "X", "x", sums.x, sums.total) : 0.0;
+    if (axes & peak_y)
+        report_axis(cn, variable, "Y", "y", sums.y, sums.total);
+    if (axes & peak_t)
+        report_axis(cn, variable, "T", "t", sums.t, sums.total);
+    return mean;
+}
+
+// ---------------------------------------------------------------- measure-flood
+
+namespace {
+
+enum flood_keyword : int { flood_mask = 1, flood_quiet = 2 };
+
+struct flood_sums {
+    double total = 0.0;
+    double squares = 0.0;
+    double minimum = 0.0;
+    double maximum = 0.0;
+};
+
+// Integers are tracked from these, so that values above the first show in the minimum as it.
+constexpr std::int64_t integer_minimum_start = 0x7fffffff;
+
+template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, flood_sums &sums) {
+    if constexpr (std::is_floating_point_v<T>) {
+        double lowest = std::numeric_limits<float>::max(), highest = -lowest;
+        const bool read = each_element<T>(cn, reader, [&](T element, int, int, int) {
+            const double value = element;
+            sums.total += value;
+            sums.squares += value * value;
+            lowest = std::min(lowest, value);
+            highest = std::max(highest, value);
+        });
+        sums.minimum = lowest;
+        sums.maximum = highest;
+        return read;
+    } else {
+        std::int64_t lowest = integer_minimum_start, highest = 0;
+        const bool read = each_element<T>(cn, reader, [&](T element, int, int, int) {
+            std::int64_t value;
+            if constexpr (std::is_same_v<T, int48>)
+                value = static_cast<std::int64_t>(element.value());
+            else if constexpr (sizeof(T) <= sizeof mask)
+                value = element & mask;
+            else
+                value = element;
+            const double real = static_cast<double>(value);
+            sums.total += real;
+            sums.squares += real * real;
+            lowest = std::min(lowest, value);
+            highest = std::max(highest, value);
+        });
+        sums.minimum = static_cast<double>(lowest);
+        sums.maximum = static_cast<double>(highest);
+        return read;
+    }
+}
+
+} // namespace
+
+double umaths_measure_flood(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
+                            const char *variable) {
+    const bool quiet = quals & flood_quiet;
+    const std::uint32_t mask = quals & flood_mask ? static_cast<std::uint32_t>(Qualifier[0].IntArg) : ~0U;
+    UMaths reader;
+    if (umaths_start_any(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet, 1) != 0)
+        return -1.0;
+    flood_sums sums;
+    bool read = false;
+    with_element_type(reader.utype,
+                      [&](auto kind) { read = sum_flood<decltype(kind)>(cn, reader, mask, sums); });
+    if (!read)
+        return umaths_read_error(cn);
+    const double count = static_cast<double>(reader.dx) * static_cast<double>(reader.dy) * reader.dt;
+    const double mean = sums.total / count;
+    const double variance = sums.squares / count - mean * mean;
+    const double rms = variance > 0.0 ? std::sqrt(variance) : -1.0;
+    const double rms_percent = variance > 0.0 ? (mean > 0.0 ? rms * 100.0 / mean : 0.0) : -100.0;
+    const double difference = mean > 0.0 ? (sums.maximum - sums.minimum) * 100.0 / mean : 0.0;
+    if (!quiet) {
+        sv_printf(cn, "# Total          = %g\n", sums.total);
+        sv_printf(cn, "# Mean           = %g\n", mean);
+        sv_printf(cn, "# RMS Noise      = %g\n", rms);
+        sv_printf(cn, "# RMS Noise/Mean = %g%%\n", rms_percent);
+        sv_printf(cn, "# Max            = %g\n", sums.maximum);
+        sv_printf(cn, "# Min            = %g\n", sums.minimum);
+        sv_printf(cn, "# (Max-Min)/Mean = %g%%\n", difference);
+    }
+    set_var(cn, variable, ".total", sums.total);
+    set_var(cn, variable, ".mean", mean);
+    set_var(cn, variable, ".rms", rms);
+    set_var(cn, variable, ".rms_percent", rms_percent);
+    set_var(cn, variable, ".max", sums.maximum);
+    set_var(cn, variable, ".min", sums.minimum);
+    set_var(cn, variable, ".diff_percent", difference);
+    return mean;
+}
+
+// ---------------------------------------------------------------- search-outliers
+
+namespace {
+
+enum outlier_keyword : int { out_mask = 1, out_quiet = 2, out_append = 4, out_below = 8, out_above = 16 };
+
+struct close_file {
+    void operator()(std::FILE *file) const { std::fclose(file); }
+};
+
+struct outlier_search {
+    int cn;
+    bool quiet;
+    bool below, above;
+    double below_value, above_value;
+    std::uint32_t mask;
+    std::FILE *file;
+    int found = 0;
+
+    void list(std::uint32_t value, int x, int y, int t) {
+        std::fprintf(file, "%d\t%d\t%d\t%d\t%d\n", found, x, y, t, static_cast<int>(value));
+        if (!quiet)
+            sv_printf(cn, "# %d: (%d,%d,%d) = %d\n", found, x, y, t, static_cast<int>(value));
+        ++found;
+    }
+    void list(double value, int x, int y, int t) {
+        std::fprintf(file, "%d\t%d\t%d\t%d\t%g\n", found, x, y, t, value);
+        if (!quiet)
+            sv_printf(cn, "# %d: (%d,%d,%d) = %g\n", found, x, y, t, value);
+        ++found;
+    }
+};
+
+bool search(UMaths &reader, outlier_search &s) {
+    if (reader.utype == el_long) {
+        const std::uint32_t low = narrow<std::uint32_t>(s.below_value),
+                            high = narrow<std::uint32_t>(s.above_value);
+        return each_element<std::uint32_t>(s.cn, reader, [&](std::uint32_t element, int x, int y, int t) {
+            const std::uint32_t value = element & s.mask;
+            if ((s.below && value < low) || (s.above && value > high))
+                s.list(value, x, y, t);
+        });
+    }
+    const auto compare = [&](double value, int x, int y, int t) {
+        if ((s.below && value < s.below_value) || (s.above && value > s.above_value))
+            s.list(value, x, y, t);
+    };
+    return reader.utype == el_float ? each_element<float>(s.cn, reader, compare)
+                                    : each_element<double>(s.cn, reader, compare);
+}
+
+} // namespace
+
+int umaths_search_outliers(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
+                           const char *name) {
+    const bool quiet = quals & out_quiet, below = quals & out_below, above = quals & out_above;
+    const std::uint32_t mask = quals & out_mask ? static_cast<std::uint32_t>(Qualifier[0].IntArg) : ~0U;
+    const double low = below ? Qualifier[3].DoubleArg : 0.0, high = above ? Qualifier[4].DoubleArg : 0.0;
+    UMaths reader;
+    if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet) != 0)
+        return -1;
+    const std::unique_ptr<std::FILE, close_file> file(std::fopen(name, quals & out_append ? "ae" : "we"));
+    if (!file) {
+        sv_print(cn, std::string("! Cannot open file '") + name + "'\n");
+        return -1;
+    }
+    if (!below && !above)
+        return 0;
+    outlier_search s{cn, quiet, below, above, low, high, mask, file.get()};
+    if (!search(reader, s))
+        return umaths_read_error(cn);
+    if (std::fflush(file.get()) != 0) {
+        sv_print(cn, std::string("! Error on write to file '") + name + "'\n");
+        return -1;
+    }
+    return s.found;
+}
+
+} // namespace kestrel

@@ -1,0 +1,155 @@
+#include "maths/output.h"
+
+#include "modules/store/headed.h"
+#include "parser/call.h"
+#include "server/output.h"
+
+#include <cerrno>
+#include <climits>
+
+namespace kestrel {
+
+namespace {
+
+enum destination_keyword { to_module, to_tessera, to_carafe, to_mem0, at_x, at_y, at_t };
+
+int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
+    const auto refuse = [&out] {
+        umaths_stop_output(out);
+        return -1;
+    };
+    if (mod_look(cn, to.name, out.mod_head.head(), out.mod) != 0)
+        return refuse();
+    const module_view &mod = out.mod;
+    const long long x = static_cast<long long>(out.start_x) + out.nx;
+    if (!mod.is_3d) {
+        if (to.has_start_t) {
+            sv_printf(cn, "! Module '%s' is  only 2D, do not specify start t\n", to.name);
+            return refuse();
+        }
+        const long long y = out.start_y + static_cast<long long>(out.ny) * out.nt;
+        if (mod.num_x < x || mod.num_y < y) {
+            sv_printf(cn,
+                      "! Error, module '%s' exists but is too small (%d,%d)\n! Require at least (%d, %d)\n",
+                      to.name, mod.num_x, mod.num_y, static_cast<int>(x), static_cast<int>(y));
+            return refuse();
+        }
+    } else {
+        const long long y = static_cast<long long>(out.start_y) + out.ny;
+        const long long t = static_cast<long long>(out.start_t) + out.nt;
+        if (mod.num_x < x || mod.num_y < y || mod.num_t < t) {
+            sv_printf(
+                cn,
+                "! Error, module '%s' exists but is too small (%d,%d,%d)\n! Require at least (%d, %d,%d)\n",
+                to.name, mod.num_x, mod.num_y, mod.num_t, static_cast<int>(x), static_cast<int>(y),
+                static_cast<int>(t));
+            return refuse();
+        }
+    }
+    const int wanted = module_type_of(out.data_float).data_type;
+    if (mod.data_type != wanted) {
+        sv_printf(cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", to.name,
+                  mod.data_type, wanted);
+        return refuse();
+    }
+    return 0;
+}
+
+bool fits(long long a, long long b) {
+    return a + b <= INT_MAX;
+}
+
+int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
+    void *head = nullptr;
+    if (fits(out.start_x, out.nx) && fits(out.start_y, out.ny) && fits(out.start_t, out.nt)) {
+        if (!to.has_start_t && out.nt < 2) {
+            sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", to.name);
+            app_mkmod_head(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, "X", "Y", out.data_float,
+                           &head);
+        } else {
+            sv_printf(cn, "# Module '%s' not found, making it as 3D module\n", to.name);
+            app_mkmod3d(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, "X",
+                        "Y", "T", nullptr, out.data_float, &head);
+        }
+    } else {
+        errno = EFBIG;
+    }
+    out.mod_head = module_link::adopt(head);
+    if (head && mod_look(cn, to.name, head, out.mod) == 0)
+        return 0;
+    sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", to.name, errno);
+    umaths_stop_output(out);
+    return -1;
+}
+
+} // namespace
+
+umaths_destination umaths_destination_of(int quals, int first) {
+    const auto has = [quals, first](int keyword) { return (quals >> (first + keyword) & 1) != 0; };
+    const auto number = [&](int keyword) { return has(keyword) ? Qualifier[first + keyword].IntArg : 0; };
+    umaths_destination to;
+    to.module = has(to_module);
+    to.other = has(to_tessera) || has(to_carafe) || has(to_mem0);
+    to.name = Qualifier[first + to_module].StringArg;
+    to.has_start_t = has(at_t);
+    to.start_x = number(at_x);
+    to.start_y = number(at_y);
+    to.start_t = number(at_t);
+    return to;
+}
+
+int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
+                        RWMode rw_mode, int data_float) {
+    if (!to.module || to.other) {
+        sv_printf(cn, "! Only support module mode output at the moment\n");
+        return -1;
+    }
+    if (to.start_x < 0 || to.start_y < 0 || to.start_t < 0) {
+        sv_printf(cn, "! Start point of the result should be >= 0, not (%d, %d, %d)\n", to.start_x,
+                  to.start_y, to.start_t);
+        return -1;
+    }
+    out.nx = nx;
+    out.ny = ny;
+    out.nt = nt;
+    out.start_x = to.start_x;
+    out.start_y = to.start_y;
+    out.start_t = to.start_t;
+    out.data_float = data_float;
+    out.rw_mode = rw_mode;
+    out.mod_head = module_link(to.name);
+    if (!out.mod_head && rw_mode == RWMode::read_then_write) {
+        sv_printf(cn, "! UMATHS OUTPUT, specified Read then write, but cannot link to module '%s'\n",
+                  to.name);
+        return -1;
+    }
+    if ((out.mod_head ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
+        return -1;
+    out.type = UMOutputType::module;
+    out.full_x = out.mod.num_x;
+    out.full_y = out.mod.num_y;
+    out.full_t = out.mod.num_t;
+    return 0;
+}
+
+std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
+    if (out.type != UMOutputType::module) {
+        sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
+        return nullptr;
+    }
+    const bool flat = !out.mod.is_3d; // planes lie below each other
+    const int y = out.start_y + row + (flat ? plane * out.ny : 0);
+    const int t = flat ? 0 : out.start_t + plane;
+    if (row < 0 || plane < 0 || !out.mod.holds(out.start_x, y, t)) {
+        sv_printf(cn, "! Tried to write past end of image\n");
+        return nullptr;
+    }
+    return out.mod.at(out.start_x, y, t);
+}
+
+void umaths_stop_output(UMathsOutput &out) {
+    out.mod_head.reset();
+    out.type = UMOutputType::none;
+}
+
+} // namespace kestrel

@@ -1,0 +1,69 @@
+// maths: reading a box of any unified handle row by row. Elements that lie in a mapped module are looked at
+// where they are, without a copy; everything else comes through a buffer of at most 256 MiB, whole planes or
+// runs of lines at a time. One reader a command; used by one thread.
+#pragma once
+
+#include "unified/handles/handles.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+
+namespace kestrel {
+
+// Silences the reader's "# Reading" lines for the duration of a command.
+extern int umaths_quiet;
+
+// Inclusive corners, put in order.
+struct umaths_region {
+    int x = 0, y = 0, t = 0;
+    int dx = 0, dy = 0, dt = 0;
+};
+umaths_region umaths_make_region(int x1, int y1, int t1, int x2, int y2, int t2);
+
+struct UMaths {
+    int utype = 0;
+    int x = 0, y = 0, t = 0;
+    int dx = 0, dy = 0, dt = 0;
+    std::unique_ptr<std::byte[]> ptr; // the buffer, none while the elements are looked at in place
+    int elem_size = 0;
+    int num_lines = 0;  // held by the buffer in line mode, 0 in plane mode
+    int num_planes = 0; // held by the buffer in plane mode, 0 in line mode
+    int current_line = -1;
+    int current_plane = -1;
+    int handle = -1;
+    std::optional<unified_look> look;
+    std::chrono::steady_clock::time_point started{};
+    std::chrono::steady_clock::time_point shown{};
+};
+
+// Opens a region: 0, or -1 after a line. With any_type 0 the elements must be long, float or double.
+int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &reader, int quiet,
+                     int any_type);
+int umaths_start(int cn, const umaths_region &region, int handle, UMaths &reader, int quiet);
+
+// The first element of a region's row (0 based, dx elements follow); null on failure or ^C, after a line.
+const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &reader);
+
+// True when every row can be had at no cost, in any order.
+bool umaths_all_held(const UMaths &reader);
+
+// Reads copies from now on if the rows lie in the mapping that starts at `owner`: the result goes there.
+// 0, or -1 after a line when there is no memory for them.
+int umaths_stay_clear_of(int cn, const void *owner, UMaths &reader);
+
+// A row of elements of type T; empty on failure, after "! Read returned error".
+template <class T> std::span<const T> umaths_row(int cn, int row, int plane, UMaths &reader) {
+    const std::byte *first = umaths_get_line(cn, row, plane, reader);
+    if (!first)
+        return {};
+    return {reinterpret_cast<const T *>(first), static_cast<std::size_t>(reader.dx)};
+}
+
+// "! Read returned error", and -1.
+int umaths_read_error(int cn);
+
+} // namespace kestrel

@@ -1,0 +1,301 @@
+// `maths weighted-sum`, `centroid` and `centroid-old`: first moments along one axis. The weighting coordinate
+// is the element's absolute index plus 0.5, the centre of the pixel, as in measure-peak.
+#include "maths/axis.h"
+#include "maths/commands.h"
+#include "maths/kernels.h"
+#include "maths/output.h"
+#include "parser/call.h"
+#include "parser/interpreter.h"
+#include "server/output.h"
+#include "support/element.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdarg>
+#include <cstdio>
+#include <limits>
+#include <vector>
+
+namespace kestrel {
+
+int umaths_choose_axis(int cn, int quals, reduced_axis &out) {
+    out.axis = quals & (axis_x | axis_y | axis_t);
+    if (std::has_single_bit(static_cast<unsigned>(out.axis)))
+        return 0;
+    sv_printf(cn, "! Must specify exactly one of X, Y, T\n");
+    return -1;
+}
+
+int umaths_check_axis(int cn, const UMaths &r, reduced_axis &out) {
+    const int length = out.axis == axis_x ? r.dx : out.axis == axis_y ? r.dy : r.dt;
+    if (length == 1) {
+        sv_printf(cn, "! Why form SUM FX when d%c == 1\n",
+                  out.axis == axis_x   ? 'x'
+                  : out.axis == axis_y ? 'y'
+                                       : 't');
+        return -1;
+    }
+    const int first = out.axis == axis_x ? r.dy : r.dx;
+    const int second = out.axis == axis_t ? r.dy : r.dt;
+    out.nx = first > 1 ? first : second;
+    out.ny = first > 1 ? second : 1;
+    return 0;
+}
+
+namespace {
+
+// Sum of f and of f * c for each element of what remains.
+struct moments {
+    std::vector<double> f, fc;
+    std::vector<double> threshold; // each line's own, when elements below one are left out
+    explicit moments(const reduced_axis &a)
+        : f(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)), fc(f.size()) {}
+};
+
+// Where a row's sums begin, when the axis is y or t: its own line of x.
+std::size_t line_of(const UMaths &r, const reduced_axis &a, int row, int plane) {
+    return static_cast<std::size_t>(a.axis == axis_y ? plane : row) * static_cast<std::size_t>(r.dx);
+}
+
+// Where a row's single sum stands, when the axis is x.
+std::size_t place_of(const UMaths &r, int row, int plane) {
+    return static_cast<std::size_t>(plane) * static_cast<std::size_t>(r.dy) + static_cast<std::size_t>(row);
+}
+
+double coordinate(const UMaths &r, const reduced_axis &a, int row, int plane) {
+    return (a.axis == axis_y ? r.y + row : r.t + plane) + 0.5;
+}
+
+// Calls f(line, row, plane) with every row. False when a read failed.
+template <class T, class F> bool each_row(int cn, UMaths &r, F f) {
+    for (int plane = 0; plane < r.dt; ++plane)
+        for (int row = 0; row < r.dy; ++row) {
+            const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
+            if (line.empty())
+                return false;
+            f(line, row, plane);
+        }
+    return true;
+}
+
+template <class T> bool sum_moments(int cn, UMaths &r, const reduced_axis &a, moments &m) {
+    return each_row<T>(cn, r, [&](std::span<const T> line, int row, int plane) {
+        if (a.axis == axis_x) {
+            const moment one = row_moment(line, r.x + 0.5);
+            m.f[place_of(r, row, plane)] = one.f;
+            m.fc[place_of(r, row, plane)] = one.fc;
+        } else {
+            const std::size_t at = line_of(r, a, row, plane);
+            add_moments(line, coordinate(r, a, row, plane), &m.f[at], &m.fc[at]);
+        }
+    });
+}
+
+// The same over the elements of at least `fraction` of the maximum of their own line along the axis.
+template <class T>
+bool sum_moments_above(int cn, UMaths &r, const reduced_axis &a, double fraction, moments &m) {
+    if (a.axis == axis_x)
+        return each_row<T>(cn, r, [&](std::span<const T> line, int row, int plane) {
+            const moment one = row_moment_above(line, r.x + 0.5, fraction * row_maximum(line));
+            m.f[place_of(r, row, plane)] = one.f;
+            m.fc[place_of(r, row, plane)] = one.fc;
+        });
+    m.threshold.assign(m.f.size(), std::numeric_limits<double>::lowest());
+    const bool read = each_row<T>(cn, r, [&](std::span<const T> line, int row, int plane) {
+        add_maxima(line, &m.threshold[line_of(r, a, row, plane)]);
+    });
+    for (double &threshold : m.threshold)
+        threshold *= fraction;
+    return read && each_row<T>(cn, r, [&](std::span<const T> line, int row, int plane) {
+               const std::size_t at = line_of(r, a, row, plane);
+               add_moments_above(line, coordinate(r, a, row, plane), &m.threshold[at], &m.f[at], &m.fc[at]);
+           });
+}
+
+template <class F> int write_plane(int cn, const reduced_axis &a, UMathsOutput &out, F value_at) {
+    for (int row = 0; row < a.ny; ++row) {
+        float *line = reinterpret_cast<float *>(umaths_get_output(cn, row, 0, out));
+        if (!line)
+            return -1;
+        for (int i = 0; i < a.nx; ++i)
+            line[i] =
+                static_cast<float>(value_at(static_cast<std::size_t>(row) * static_cast<std::size_t>(a.nx) +
+                                            static_cast<std::size_t>(i)));
+    }
+    return 0;
+}
+
+// Opens the reader with all checks of the family; `refuse_double` is the command's own line.
+int start(int cn, int handle, const umaths_region &region, const char *refuse_double, UMaths &r,
+          reduced_axis &a) {
+    if (umaths_start(cn, region, handle, r, 0) != 0)
+        return -1;
+    if (r.utype == el_double) {
+        sv_printf(cn, "%s", refuse_double);
+        return -1;
+    }
+    return umaths_check_axis(cn, r, a);
+}
+
+int start_output(int cn, const umaths_destination &to, const reduced_axis &a, UMaths &r, UMathsOutput &out) {
+    if (umaths_start_output(cn, to, a.nx, a.ny, 1, out, RWMode::write, 1) != 0)
+        return -1;
+    return umaths_stay_clear_of(cn, out.mod_head.head(), r);
+}
+
+constexpr int weighted_output_keyword = 3;
+constexpr int centroid_threshold = 8, centroid_threshold_keyword = 3, centroid_output_keyword = 4;
+
+} // namespace
+
+int umaths_weighted_sum(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    reduced_axis a;
+    if (umaths_choose_axis(cn, quals, a) != 0)
+        return -1;
+    const umaths_destination to = umaths_destination_of(quals, weighted_output_keyword);
+    UMaths r;
+    UMathsOutput out;
+    if (start(cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2),
+              "! Umaths weighted integrate cannot handle double data yet\n", r, a) != 0 ||
+        start_output(cn, to, a, r, out) != 0)
+        return -1;
+    moments m(a);
+    const bool read =
+        r.utype == el_long ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m);
+    if (!read)
+        return umaths_read_error(cn);
+    return write_plane(cn, a, out, [&m](std::size_t i) { return m.fc[i]; });
+}
+
+int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    reduced_axis a;
+    if (umaths_choose_axis(cn, quals, a) != 0)
+        return -1;
+    const bool above = quals & centroid_threshold;
+    const double fraction = above ? Qualifier[centroid_threshold_keyword].DoubleArg : 0.0;
+    if (!(fraction >= 0.0 && fraction <= 1.0)) {
+        sv_printf(cn, "! Relative threshold should be 0..1.0, not %g\n", fraction);
+        return -1;
+    }
+    const umaths_destination to = umaths_destination_of(quals, centroid_output_keyword);
+    UMaths r;
+    UMathsOutput out;
+    if (start(cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2),
+              "! Umaths centroid2 cannot handle double data yet\n", r, a) != 0 ||
+        start_output(cn, to, a, r, out) != 0)
+        return -1;
+    moments m(a);
+    const bool counts = r.utype == el_long;
+    const bool read =
+        above ? (counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
+                        : sum_moments_above<float>(cn, r, a, fraction, m))
+              : (counts ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m));
+    if (!read)
+        return umaths_read_error(cn);
+    return write_plane(cn, a, out, [&m](std::size_t i) { return m.f[i] > 0.0 ? m.fc[i] / m.f[i] : 0.0; });
+}
+
+// ---------------------------------------------------------------- centroid-old: three commands, as if typed
+
+namespace {
+
+// A command line; it is cut at the length of a line, and then refused by whoever reads it.
+struct command_text {
+    char text[sv_line_max + 1] = {};
+    std::size_t length = 0;
+
+    void add(const char *format, ...) __attribute__((format(printf, 2, 3))) {
+        va_list args;
+        va_start(args, format);
+        const int added = std::vsnprintf(text + length, sizeof text - length, format, args);
+        va_end(args);
+        length = std::min(sizeof text - 1, length + static_cast<std::size_t>(std::max(added, 0)));
+    }
+};
+
+int run(int cn, const char *command) {
+    return user_service(cn, command, 0, nullptr, nullptr);
+}
+
+// Runs the command; a failing one is shown behind `complaint`.
+int run_step(int cn, const command_text &command, const char *complaint) {
+    if (run(cn, command.text) >= 0)
+        return 0;
+    sv_printf(cn, "%s", complaint);
+    sv_printf(cn, "! '%s'\n", command.text);
+    return -1;
+}
+
+// The projection that keeps the other axes.
+const char *kept_axes(int axis, const umaths_region &r) {
+    switch (axis) {
+    case axis_x:
+        return r.dy < 2 ? "t" : r.dt < 2 ? "y" : "yt";
+    case axis_y:
+        return r.dx == 1 ? "t" : r.dt < 2 ? "x" : "xt";
+    default:
+        return r.dx == 1 ? "y" : r.dy < 2 ? "x" : "xy";
+    }
+}
+
+// A unified handle on a module, closed when it goes.
+class opened_module {
+  public:
+    opened_module(int cn, const char *name, const char *suffix) : cn_(cn) {
+        command_text open;
+        open.add("module open '%s%s' header", name, suffix);
+        handle_ = run(cn, open.text);
+    }
+    ~opened_module() {
+        if (handle_ >= 0)
+            unified_close_and_destroy(cn_, handle_);
+    }
+    opened_module(const opened_module &) = delete;
+    opened_module &operator=(const opened_module &) = delete;
+    int handle() const { return handle_; }
+
+  private:
+    int cn_;
+    int handle_ = -1;
+};
+
+} // namespace
+
+int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    reduced_axis a;
+    if (umaths_choose_axis(cn, quals, a) != 0)
+        return -1;
+    const umaths_destination to = umaths_destination_of(quals, weighted_output_keyword);
+    constexpr int at_x = 1 << 7, at_y = 1 << 8;
+    if (!to.module || to.other) {
+        sv_printf(cn, "! Only support module mode output at the moment\n");
+        return -1;
+    }
+    char name[qualifier_string_max]; // the commands below overwrite the keywords' values
+    std::snprintf(name, sizeof name, "%s", to.name);
+    const umaths_region r = umaths_make_region(x1, y1, t1, x2, y2, t2);
+    const int length = a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
+    const char *letter = a.axis == axis_x ? "x" : a.axis == axis_y ? "y" : "t";
+    if (length == 1) {
+        sv_printf(cn, "! Why form SUM FX when d%s == 1\n", letter);
+        return -1;
+    }
+    command_text weigh, sum, divide;
+    weigh.add("maths weighted-sum %d %d %d %d %d %d %d %s module '%s_fx'", handle, x1, y1, t1, x2, y2, t2,
+              letter, name);
+    sum.add("maths integrate %d %d %d %d %d %d %d %s module '%s_f'", handle, x1, y1, t1, x2, y2, t2,
+            kept_axes(a.axis, r), name);
+    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n") != 0 ||
+        run_step(cn, sum, "! ERROR Forming SUMF from\n") != 0)
+        return -1;
+    const opened_module fx(cn, name, "_fx"), f(cn, name, "_f");
+    divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
+               unified_get_nx(0, cn, fx.handle()) - 1, unified_get_ny(0, cn, fx.handle()) - 1, name);
+    if (quals & at_x)
+        divide.add(" start-x %d", to.start_x);
+    if (quals & at_y)
+        divide.add(" start-y %d", to.start_y);
+    return run_step(cn, divide, "! ERROR: Performing divide using\n");
+}
+
+} // namespace kestrel

@@ -1,0 +1,264 @@
+// The module store: what is made and found again, what other processes may do to it, and that nothing leaks.
+#include "modules/store/headed.h"
+#include "support/fd.h"
+#include "tests/helpers/session_capture.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace kestrel;
+
+extern "C" int module_header_from_c(const void *mapped, std::size_t size, std::size_t *first);
+
+namespace {
+
+std::size_t open_descriptors() {
+    std::size_t count = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
+}
+
+class store : public testing::Test {
+  protected:
+    void TearDown() override {
+        for (const std::string &name : names_)
+            ::shm_unlink(("/" + name).c_str());
+        EXPECT_EQ(datamod_count().links, 0);
+        EXPECT_EQ(datamod_count().mappings, 0);
+        EXPECT_EQ(open_descriptors(), descriptors_);
+    }
+
+    const char *name(const char *text) {
+        names_.push_back("kt_store_" + std::to_string(::getpid()) + "_" + text);
+        return names_.back().c_str();
+    }
+
+    session_capture session_;
+    std::size_t descriptors_ = open_descriptors();
+    std::deque<std::string> names_;
+    static constexpr int cn = session_capture::cn;
+};
+
+} // namespace
+
+TEST_F(store, a_new_module_is_zero_and_linked_once_a_second_link_shares_the_mapping) {
+    const char *n = name("a");
+    void *head = nullptr;
+    datamod_record *record = nullptr;
+    ASSERT_EQ(_os_datmod(n, 100, &head, &record), 0);
+    EXPECT_EQ(record->links, 1);
+    EXPECT_EQ(datamod_mod_size(head), 100);
+    EXPECT_EQ(std::string(static_cast<char *>(head), 100), std::string(100, '\0'));
+    EXPECT_EQ(_os_datmod(n, 100, &head, &record), -1);
+    EXPECT_EQ(errno, EEXIST);
+    void *again = nullptr;
+    ASSERT_EQ(_os_link(n, &record, &again), 0);
+    EXPECT_EQ(again, head);
+    EXPECT_EQ(record->links, 2);
+    EXPECT_EQ(munlink(head), 0);
+    EXPECT_EQ(datamod_mod_size(head), 100) << "mapped until the last link goes";
+    EXPECT_EQ(munlink(head), 0);
+    EXPECT_EQ(datamod_mod_size(head), -1);
+    EXPECT_EQ(munlink(head), -1);
+}
+
+TEST_F(store, names_that_are_no_names_are_refused) {
+    void *head = nullptr;
+    datamod_record *record = nullptr;
+    for (const std::string &bad : {std::string(), std::string("/"), std::string("a/b"), std::string("/a/"),
+                                   std::string(".."), std::string(NAME_MAX + 1, 'n')}) {
+        EXPECT_EQ(_os_datmod(bad.c_str(), 16, &head, &record), -1) << bad;
+        EXPECT_EQ(_os_link(bad.c_str(), &record, &head), -1) << bad;
+    }
+}
+
+TEST_F(store, sizes_that_cannot_be_leave_no_object) {
+    void *head = nullptr;
+    for (const auto &[x, y, t] :
+         {std::tuple{0, 5, 5}, {5, 0, 5}, {INT_MAX, INT_MAX, INT_MAX}, {INT_MIN, INT_MIN, 8}}) {
+        const char *n = name("size");
+        EXPECT_EQ(app_mkmod3d(cn, n, x, y, t, nullptr, nullptr, nullptr, nullptr, 2, &head), nullptr);
+        EXPECT_FALSE(module_link(n));
+    }
+    EXPECT_EQ(mkmod_nohead(cn, name("none"), -1), -1);
+    EXPECT_NE(session_.replies().find("! Cannot create data module \""), std::string::npos);
+}
+
+TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {
+    const char *n = name("header");
+    void *head = nullptr;
+    const std::string long_label(200, 'L');
+    const char *labels[] = {"first", "second", nullptr, "never"};
+    ASSERT_NE(app_mkmod3d(cn, n, -7, 3, 4, long_label.c_str(), nullptr, "frame", labels, 1, &head), nullptr);
+    const module_link link = module_link::adopt(head);
+    mod_header3d h;
+    std::memcpy(&h, head, sizeof h);
+    EXPECT_EQ(h.data_type, MOD_FLOAT);
+    EXPECT_EQ(h.disp_type, 0x10003);
+    EXPECT_EQ(h.num_x, 7U);
+    EXPECT_EQ(h.aspect, -1.0);
+    EXPECT_EQ(std::string(h.x_label), std::string(80, 'L'));
+    EXPECT_STREQ(h.y_label, "Y");
+    EXPECT_STREQ(h.t_label, "frame");
+    EXPECT_STREQ(h.z_label, "COUNTS");
+    EXPECT_STREQ(h.title, n);
+    EXPECT_EQ(h.labels_num, 2);
+    EXPECT_EQ(h.labels_size, 32); // 2 x 4 + 6 + 7 = 21, in sixteens
+    EXPECT_EQ(h.data_offset, 464 + 32);
+    EXPECT_EQ(datamod_mod_size(head), 464 + 32 + 7 * 3 * 4 * 4);
+    EXPECT_EQ(id_get_label(head, 1), "second");
+    EXPECT_EQ(id_get_label(head, 2), "");
+    EXPECT_EQ(id_get_ptr(head, 6, 2, 3), static_cast<std::byte *>(head) + 496 + (3 * 21 + 2 * 7 + 6) * 4);
+    std::size_t second = 0;
+    EXPECT_EQ(module_header_from_c(head, static_cast<std::size_t>(datamod_mod_size(head)), &second), 0);
+    EXPECT_EQ(second, 500U);
+}
+
+TEST_F(store, finding_goes_by_exact_least_and_any_sizes_and_changes_nothing) {
+    const char *n = name("find");
+    ASSERT_EQ(mkmod_head(cn, n, 10, 4, "energy", nullptr, 0), 0);
+    session_.replies();
+    const struct {
+        int x, y, data_float;
+        const char *reply;
+    } cases[] = {
+        {10, 4, 0, "# Warning: module \"%s\" already exists\n"},
+        {0, 0, 0, "# Warning: module \"%s\" already exists\n"},
+        {-10, -1, 0, "# Warning: module \"%s\" already exists\n"},
+        {-11, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-11, 0)\n"},
+        {9, 4, 0, "! Error, module '%s' exists but is wrong size (10,4) not (9, 4)\n"},
+        {10, 4, 2, "! Error, module '%s' exists but is wrong data type 1 not 4\n"},
+        {INT_MIN, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-2147483648, 0)\n"},
+    };
+    for (const auto &c : cases) {
+        char reply[200];
+        std::snprintf(reply, sizeof reply, c.reply, n);
+        mkmod_head(cn, n, c.x, c.y, "other", nullptr, c.data_float);
+        EXPECT_EQ(session_.replies(), reply);
+    }
+    EXPECT_EQ(mkmod_head3d(cn, n, 10, 4, 1, nullptr, nullptr, nullptr, 0), -1);
+    EXPECT_EQ(session_.replies(),
+              "! ERROR: Module '" + std::string(n) + "' exists but is not a 3D module, cannot change type\n");
+}
+
+TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
+    const char *n = name("lies");
+    void *head = nullptr;
+    ASSERT_NE(app_mkmod3d(cn, n, 4, 4, 4, nullptr, nullptr, nullptr, nullptr, 0, &head), nullptr);
+    const module_link link = module_link::adopt(head);
+    auto &h = *static_cast<mod_header3d *>(head);
+    const mod_header3d good = h;
+    module_view view;
+    const std::pair<const char *, void (*)(mod_header3d &)> lies[] = {
+        {"has an unknown data type in its header", [](mod_header3d &m) { m.data_type = 5; }},
+        {"is neither a 2-D nor a 3-D module by its header", [](mod_header3d &m) { m.disp_type = 0x20003; }},
+        {"has dimensions in its header that do not fit its size", [](mod_header3d &m) { m.num_t = 5; }},
+        {"has dimensions in its header that do not fit its size",
+         [](mod_header3d &m) { m.num_x = m.num_y = m.num_t = 0x10000; }}, // the product wraps to 0 in 32 bits
+        {"has dimensions in its header that do not fit its size",
+         [](mod_header3d &m) { m.num_x = 0xFFFFFFFF; }},
+        {"has dimensions in its header that do not fit its size", [](mod_header3d &m) { m.data_type = 4; }},
+        {"has a data offset in its header that does not fit its size",
+         [](mod_header3d &m) { m.data_offset = -8; }},
+        {"has a data offset in its header that does not fit its size",
+         [](mod_header3d &m) { m.data_offset = 466; }},
+        {"has a data offset in its header that does not fit its size",
+         [](mod_header3d &m) { m.data_offset = INT_MAX; }},
+    };
+    for (const auto &[fault, lie] : lies) {
+        lie(h);
+        EXPECT_STREQ(mod_look(head, view), fault);
+        EXPECT_EQ(clear_mod(head), -1);
+        h = good;
+    }
+    EXPECT_EQ(mod_look(head, view), nullptr);
+}
+
+TEST_F(store, an_object_cut_short_by_another_process_is_noticed) {
+    const char *n = name("cut");
+    void *head = nullptr;
+    ASSERT_NE(app_mkmod_head(cn, n, 100, 100, nullptr, nullptr, 0, &head), nullptr);
+    const module_link link = module_link::adopt(head);
+    if (::fork() == 0) {
+        const unique_fd fd(::shm_open(("/" + std::string(n)).c_str(), O_RDWR, 0));
+        ::_exit(::ftruncate(fd.get(), 400) == 0 ? 0 : 1);
+    }
+    int status = 1;
+    ::wait(&status);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(mod_look(cn, n, head, *std::make_unique<module_view>()), -1);
+    EXPECT_EQ(session_.replies(),
+              "! ERROR: module '" + std::string(n) + "' was cut short by another process\n");
+    EXPECT_EQ(app_mod_resize(cn, head, 1, 1, 1), -1);
+}
+
+TEST_F(store, resizing_goes_to_the_capacity_and_back_and_keeps_the_data) {
+    const char *n = name("resize");
+    void *head = nullptr;
+    ASSERT_NE(app_mkmod_head(cn, n, 6, 2, nullptr, nullptr, 0, &head), nullptr);
+    const module_link link = module_link::adopt(head);
+    module_view view;
+    ASSERT_EQ(mod_look(head, view), nullptr);
+    mod_put_element(view.at(5, 1, 0), MOD_U_INT32, 77);
+    EXPECT_EQ(app_mod_resize(cn, head, 3, 3, 0), 0);
+    EXPECT_EQ(app_mod_resize(cn, head, 13, 1, 1), -1);
+    EXPECT_EQ(app_mod_resize(cn, head, 3, 2, 2), -1);
+    EXPECT_EQ(app_mod_resize(cn, head, -1, 2, 1), -1);
+    EXPECT_EQ(app_mod_resize(cn, head, 12, 1, 1), 0);
+    EXPECT_EQ(mod_look(head, view), nullptr);
+    EXPECT_EQ(mod_get_element(view.at(11, 0, 0), MOD_U_INT32), 77);
+    EXPECT_EQ(session_.replies(), "ERROR: Data module '" + std::string(n) +
+                                      "' size (3, 3) size 408 too small to resize to (13, 1) requires 412\n"
+                                      "! ERROR: Cannot resize a 2-d data module to 3-d (num_t > 1)\n"
+                                      "! ERROR: Data module '" +
+                                      std::string(n) + "' cannot have the size (-1, 2, 1)\n");
+}
+
+TEST_F(store, threads_may_make_link_and_unlink_at_once) {
+    const char *shared[] = {name("t0"), name("t1"), name("t2")};
+    std::atomic<int> made{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; ++i)
+        threads.emplace_back([&, i] {
+            for (int turn = 0; turn < 300; ++turn) {
+                const char *n = shared[(turn + i) % 3];
+                void *head = nullptr;
+                datamod_record *record = nullptr;
+                if (_os_link(n, &record, &head) != 0 && _os_datmod(n, 4096, &head, &record) == 0)
+                    ++made;
+                else if (head == nullptr)
+                    continue; // another thread was faster in making it
+                EXPECT_EQ(datamod_mod_size(head), 4096);
+                EXPECT_EQ(munlink(head), 0);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(made, 3);
+}
+
+TEST_F(store, points_are_cut_toward_zero_and_keep_their_low_32_bits) {
+    const std::pair<double, std::uint32_t> cases[] = {
+        {2.9, 2},        {-1.5, 0xFFFFFFFF},  {4294967296.0 + 5, 5},
+        {0.99999999, 0}, {1e300, 0xFFFFFFFF}, {std::nan(""), 0}};
+    for (const auto &[value, stored] : cases) {
+        std::uint32_t element = 1;
+        mod_put_element(reinterpret_cast<std::byte *>(&element), MOD_U_INT32, value);
+        EXPECT_EQ(element, stored) << value;
+    }
+}

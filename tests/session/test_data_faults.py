@@ -1,0 +1,160 @@
+"""Things that go wrong with data: each gives its line, leaves nothing behind, and the next command works."""
+import os
+import socket
+import subprocess
+import threading
+
+import kestrel_data
+import kestrel_session
+import numpy as np
+import pytest
+from kestrel_data import DataPort, Module, do, refused, result
+from kestrel_session import wait_until
+
+
+@pytest.fixture
+def still(server, client):
+    """After the test the server holds no more descriptors and mappings than before it, and answers."""
+    do(client, "test open 2 2 1 byte")  # libraries keep what they open once
+    do(client, "read 0 0 0 2 2 1 from 0 to-local-file 'warm' det")
+    do(client, "close-all")
+    before = kestrel_data.held(server)
+    yield
+    do(client, "close-all")
+    assert client.lines("1+1") == ["* 2"]
+    wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 5)
+
+
+@pytest.fixture
+def small_disk(tmp_path):
+    """A folder on a file system of 256 KiB."""
+    folder = tmp_path / "small"
+    folder.mkdir()
+    if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", folder], capture_output=True).returncode:
+        pytest.skip("cannot mount a small file system here")
+    yield folder
+    subprocess.run(["umount", "-l", folder], check=True)
+
+
+def test_a_full_disk(server, client, small_disk, still):
+    handle = do(client, "test open 1000 100 1 long")
+    box = f"read 0 0 0 1000 100 1 from {handle} to-local-file '{small_disk}/out'"
+    for form in ("raw", "", "asc-col", "motorola raw"):
+        assert refused(client, f"{box} {form}") == [
+            f"! Cannot write file '{small_disk}/out': No space left on device", "! Error during write"], form
+        assert not os.listdir(small_disk)
+    client.lines(f"cd '{small_disk}'")
+    large = do(client, "test open 1000 200 1 long")
+    box = f"read 0 0 0 1000 200 1 from {large} to-local-file '{server.cwd}/out'"
+    assert refused(client, box + " gel")[0].startswith("! TIFFWriteScanline failed on line ")
+    assert refused(client, box + " det")[0] == "! Cannot open dummy DET file for output."
+    assert not os.listdir(small_disk)
+    client.lines(f"cd '{server.cwd}'")
+    do(client, f"read 0 0 0 1000 1 1 from {handle} to-local-file '{small_disk}/out' raw")
+
+
+def test_a_full_disk_and_the_index(client, small_disk, still):
+    assert do(client, f"file get-next-index '{small_disk}'") == 1
+    (small_disk / "fill").write_bytes(b"x" * (os.statvfs(small_disk).f_bavail * os.statvfs(small_disk).f_frsize))
+    assert refused(client, f"file get-next-index '{small_disk}'") == [
+        f"! ERROR: cannot write index file '{small_disk}/kestrel.index': No space left on device"]
+    os.unlink(small_disk / "fill")
+    assert do(client, f"file get-next-index '{small_disk}'") == 2
+
+
+def test_full_shared_memory(start, monkeypatch, tmp_path, names):
+    """The server runs where shared memory has room for 512 KiB."""
+    program = tmp_path / "kestrel"
+    program.write_text(f"#!/bin/sh\nmount -t tmpfs -o size=512k tmpfs /dev/shm && exec {kestrel_session.KESTREL} \"$@\"\n")
+    program.chmod(0o755)
+    if subprocess.run(["unshare", "-m", "true"], capture_output=True).returncode:
+        pytest.skip("cannot make a mount of its own here")
+    launcher = tmp_path / "launch"
+    launcher.write_text(f"#!/bin/sh\nexec unshare -m {program} \"$@\"\n")
+    launcher.chmod(0o755)
+    monkeypatch.setattr(kestrel_session, "KESTREL", str(launcher))
+    server = start()
+    client = server.client()
+    do(client, f"module create '{names('fits')}' 100 100 header")
+    before = kestrel_data.held(server)
+    line = f'! Cannot create data module "{names("big")}", errno = 28.'
+    assert refused(client, f"module create '{names('big')}' 1000 1000 header") == [line]
+    assert refused(client, f"module create '{names('big')}' 0 0 size 1000000") == [line]
+    assert refused(client, f"module copy '{names('fits')}' '{names('big')}' max-x 4000 quiet") == [line]
+    handle = do(client, "test open 1000 1000 1 long")
+    assert refused(client, f"read 0 0 0 1000 1000 1 from {handle} to-module '{names('big')}'") == [
+        line, "! Error when opening a file or a module (errno 28)."]
+    do(client, "close-all")
+    assert os.listdir(f"/proc/{server.process.pid}/root/dev/shm") == [names("fits")]
+    assert kestrel_data.held(server) == before
+    do(client, f"module create '{names('big')}' 200 100 header")
+
+
+def test_a_client_that_closes_its_data_connection_half_way(client, still):
+    handle = do(client, "test open 4000 1000 1 double")
+    port = DataPort(client)
+
+    def take_some():
+        with port.listener.accept()[0] as connection:
+            connection.recv(1000)
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+
+    for form in ("raw", ""):
+        thread = threading.Thread(target=take_some)
+        thread.start()
+        assert refused(client, f"read 0 0 0 4000 1000 1 from {handle} {form}")[0] == "! Error during write"
+        thread.join()
+    data, reply = port.take(client, f"read 0 0 0 3 1 1 from {handle} raw")
+    assert np.frombuffer(data).tolist() == [0, 1, 2]
+    port.close()
+
+
+def test_a_module_that_vanishes_stays_until_it_is_closed(client, names, still):
+    n = names("m")
+    do(client, f"module create '{n}' 10 10 header")
+    handle = do(client, f"module open '{n}' header")
+    os.unlink("/dev/shm/" + n)
+    do(client, f"read 0 0 0 10 10 1 from {handle} to-local-file 'out'")
+    assert refused(client, f"module clear '{n}'") == [f"! Cannot link to data module {n}"]
+    do(client, f"module create '{n}' 3 3 header")
+    assert do(client, f"unif-get-nx {do(client, f'''module open '{n}' header''')}") == 3
+
+
+@pytest.mark.parametrize("size", [0, 100, 400, 4096])
+def test_a_module_that_shrinks(client, names, still, size):
+    n, target = names("m"), names("t")
+    do(client, f"module create '{n}' 100 100 header")
+    handle = do(client, f"module open '{n}' header")
+    do(client, f"module create '{target}' 100 100 header")
+    os.truncate("/dev/shm/" + n, size)
+    for form in ("raw", "", "float"):
+        assert refused(client, f"read 0 0 0 100 100 1 from {handle} {form} to-local-file 'out'")[-1] == "! Error during read"
+    assert refused(client, f"clear {handle}")[-1] == "! Device clear failed."
+    pattern = do(client, "test open 100 100 1 long")
+    for line in (f"module clear '{n}'", f"module set-point '{n}' 99 99 1", f"module copy '{target}' '{n}'",
+                 f"module copy '{n}' '{target}'", f"module resize '{n}' 10 10",
+                 f"read 0 0 0 100 100 1 from {pattern} to-module '{n}'", f"module open '{n}' header"):
+        assert result(client, line)[0] == -1, line
+    do(client, f"close {handle}")
+
+
+def test_a_module_that_was_resized_under_its_handle(client, names, still):
+    n = names("m")
+    do(client, f"module create '{n}' 100 100 header")
+    handle = do(client, f"module open '{n}' header")
+    raw = np.memmap("/dev/shm/" + n, dtype="u1", mode="r+")[:360].view(kestrel_data.HEAD)
+    raw["num_x"] = 50  # the handle was opened with 100
+    assert refused(client, f"read 0 0 0 100 100 1 from {handle} raw to-local-file 'out'") == [
+        "! Module of path 1 is (50, 100, 1) now", "! Device read failed.", "! Error during read"]
+    do(client, f"read 0 0 0 50 100 1 from {handle} raw to-local-file 'out'")
+
+
+def test_no_file_is_left_where_a_read_fails(server, client, still, names):
+    handle = do(client, "test open 10 10 1 int64")
+    (server.cwd / "kept").write_text("what was there")
+    assert refused(client, f"read 0 0 0 10 10 2 from {handle} to-local-file 'kept' raw")
+    assert (server.cwd / "kept").read_text() == "what was there"
+    assert refused(client, f"read 0 0 0 10 10 1 from {handle} to-module '{names('m')}'") == [
+        "! A headed module holds long, float or double data, not int64",
+        "! Error when opening a file or a module (errno 22)."]
+    assert not os.path.exists("/dev/shm/" + names("m"))
