@@ -1,10 +1,12 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs.
-#   ./run.sh            shows the main job: a session against a server that it starts, printed line by line
+#   ./run.sh            shows the main job: a session against a server that it starts, then a measured spectrum on its way through
 #   ./run.sh -port      runs build/kestrel with these arguments
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 "$here/tools/install_packages"
 "$here/tools/build" release
 [ $# -eq 0 ] || exec "$here/build/kestrel" "$@"
-exec /usr/bin/python3 "$here/tools/play_session" "$here/examples/first_session.cmd"
+/usr/bin/python3 "$here/tools/play_session" "$here/examples/first_session.cmd"
+echo
+exec "$here/examples/show_spectrum"

@@ -69,8 +69,20 @@ int module_clear(int, int cn, const char *name) {
 
 namespace {
 
-// Element (x, y, t) of the module, or null after a message.
-std::byte *point_of(int cn, const char *name, const module_view &view, int x, int y, int t) {
+// Element (x, y, t) of the module, linked into `link`, or null after a message.
+std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &link, module_view &view) {
+    link = module_link(name);
+    if (!link) {
+        sv_printf(cn, cannot_link, name);
+        return nullptr;
+    }
+    const int type = mod_data_type(link.head());
+    if (type != MOD_U_INT32 && type != MOD_FLOAT && type != MOD_DOUBLE) {
+        sv_printf(cn, "! ERROR: Unknow data type %d in module '%s'\n", type, name);
+        return nullptr;
+    }
+    if (mod_look(cn, name, link.head(), view) != 0)
+        return nullptr;
     if (view.is_3d && !view.holds(x, y, t)) {
         sv_printf(cn, "! 3-d Offsets (%d, %d, %d) wrong. Module size is (%d, %d, %d)\n", x, y, t, view.num_x,
                   view.num_y, view.num_t);
@@ -78,10 +90,6 @@ std::byte *point_of(int cn, const char *name, const module_view &view, int x, in
     }
     if (!view.is_3d && !view.holds(x, y, 0)) {
         sv_printf(cn, "! Offsets (%d, %d) lie outside module size  (%d, %d)\n", x, y, view.num_x, view.num_y);
-        return nullptr;
-    }
-    if (view.data_type != MOD_U_INT32 && view.data_type != MOD_FLOAT && view.data_type != MOD_DOUBLE) {
-        sv_printf(cn, "! ERROR: Unknow data type %d in module '%s'\n", view.data_type, name);
         return nullptr;
     }
     return view.at(x, y, view.is_3d ? t : 0);
@@ -93,9 +101,7 @@ int module_set_point(int quals, int cn, const char *name, int x, int y, double v
     module_link link;
     module_view view;
     const int t = (quals & 1) != 0 ? Qualifier[0].IntArg : 0;
-    if (link_module(cn, name, cannot_link, link, view) != 0)
-        return -1;
-    std::byte *point = point_of(cn, name, view, x, y, t);
+    std::byte *point = point_of(cn, name, x, y, t, link, view);
     if (point == nullptr)
         return -1;
     mod_put_element(point, view.data_type, value);
@@ -107,9 +113,7 @@ int module_get_point(int quals, int cn, const char *name, int x, int y, const ch
     const int t = (quals & 2) != 0 ? Qualifier[1].IntArg : 0;
     module_link link;
     module_view view;
-    if (link_module(cn, name, cannot_link, link, view) != 0)
-        return -1;
-    const std::byte *point = point_of(cn, name, view, x, y, t);
+    const std::byte *point = point_of(cn, name, x, y, t, link, view);
     if (point == nullptr)
         return -1;
     if (view.data_type != MOD_U_INT32)

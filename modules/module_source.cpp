@@ -181,13 +181,13 @@ int module_open(int quals, int cn, const char *name) {
     }
     module_link link = module_link::adopt(head);
     module_view view;
+    if (unified_type(mod_data_type(head)) == el_none) {
+        sv_printf(cn, "# Cannot handle module data type %d\n", mod_data_type(head));
+        return -1;
+    }
     if (check_kind(cn, name, head) != 0 || mod_look(cn, name, head, view) != 0)
         return -1;
     const int type = unified_type(view.data_type);
-    if (type == el_none) {
-        sv_printf(cn, "# Cannot handle module data type %d\n", view.data_type);
-        return -1;
-    }
     const int handle = unified_open(cn, path, view.num_x, view.num_y, view.num_t, type,
                                     mod_title(head).c_str(), view.is_3d ? source_3d : source_2d);
     if (handle < 0) {

@@ -9,27 +9,9 @@
 
 namespace kestrel {
 
+using namespace number_text_detail;
+
 namespace {
-
-constexpr std::array<char, 200> digit_pairs = [] {
-    std::array<char, 200> pairs{};
-    for (std::size_t i = 0; i < 100; ++i) {
-        pairs[2 * i] = static_cast<char>('0' + i / 10);
-        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
-    }
-    return pairs;
-}();
-
-void put_pair(char *out, std::uint32_t value) {
-    std::memcpy(out, &digit_pairs[2 * value], 2);
-}
-
-int decimal_length(std::uint32_t value) {
-    int length = 1;
-    for (std::uint64_t limit = 10; value >= limit; limit *= 10)
-        ++length;
-    return length;
-}
 
 // Powers of ten as a 64-bit mantissa (top bit set) and a binary exponent: 10^k = mantissa x 2^exponent,
 // exact for k >= 0, less than one unit too small for k < 0.
@@ -76,31 +58,32 @@ bool scaled(std::uint64_t mantissa, int exponent, int k, std::uint64_t &rounded)
     return true;
 }
 
-char *put_fixed(char *out, const char *digits, int count, int exponent) {
+// Exact up to 10^22, else the nearest double.
+constexpr int ten_min = -20;
+constexpr std::array<double, 56> tens = {
+    1e-20, 1e-19, 1e-18, 1e-17, 1e-16, 1e-15, 1e-14, 1e-13, 1e-12, 1e-11, 1e-10, 1e-9, 1e-8, 1e-7,
+    1e-6,  1e-5,  1e-4,  1e-3,  1e-2,  1e-1,  1e0,   1e1,   1e2,   1e3,   1e4,   1e5,  1e6,  1e7,
+    1e8,   1e9,   1e10,  1e11,  1e12,  1e13,  1e14,  1e15,  1e16,  1e17,  1e18,  1e19, 1e20, 1e21,
+    1e22,  1e23,  1e24,  1e25,  1e26,  1e27,  1e28,  1e29,  1e30,  1e31,  1e32,  1e33, 1e34, 1e35};
+
+// `count` digits (as letters, the first lowest) of a number whose first digit counts 10^exponent.
+char *put_fixed(char *out, std::uint64_t word, int count, int exponent) {
     if (exponent < 0) {
-        std::memcpy(out, "0.000", 5);
-        out += 1 - exponent; // 0.ddd has exponent -1
-        std::memcpy(out, digits, static_cast<std::size_t>(count));
-        return out + count;
+        std::memcpy(out, "0.000000", 8);
+        put_word(out + 1 - exponent, word); // 0.ddd has exponent -1
+        return out + 1 - exponent + count;
     }
-    if (count <= exponent + 1) {
-        std::memcpy(out, digits, static_cast<std::size_t>(exponent + 1));
-        return out + exponent + 1;
-    }
-    std::memcpy(out, digits, static_cast<std::size_t>(exponent + 1));
-    out += exponent + 1;
-    *out++ = '.';
-    std::memcpy(out, digits + exponent + 1, static_cast<std::size_t>(count - exponent - 1));
-    return out + count - exponent - 1;
+    put_word(out, word);
+    put_word(out + exponent + 2, (word >> 8 * exponent) >> 8);
+    out[exponent + 1] = '.';
+    return out + (count <= exponent + 1 ? exponent + 1 : count + 1);
 }
 
-char *put_scientific(char *out, const char *digits, int count, int exponent) {
-    *out++ = digits[0];
-    if (count > 1) {
-        *out++ = '.';
-        std::memcpy(out, digits + 1, static_cast<std::size_t>(count - 1));
-        out += count - 1;
-    }
+char *put_scientific(char *out, std::uint64_t word, int count, int exponent) {
+    out[0] = static_cast<char>(word & 0xff);
+    out[1] = '.';
+    put_word(out + 2, word >> 8);
+    out += count > 1 ? count + 1 : 1;
     *out++ = 'e';
     *out++ = exponent < 0 ? '-' : '+';
     put_pair(out, static_cast<std::uint32_t>(std::abs(exponent)));
@@ -119,21 +102,6 @@ char *put_g8_exact(char *out, double value) {
 }
 
 } // namespace
-
-char *put_decimal(char *out, std::uint32_t value) {
-    const int length = decimal_length(value);
-    char *at = out + length;
-    while (value >= 100) {
-        at -= 2;
-        put_pair(at, value % 100);
-        value /= 100;
-    }
-    if (value >= 10)
-        put_pair(at - 2, value);
-    else
-        at[-1] = static_cast<char>('0' + value);
-    return out + length;
-}
 
 char *put_digits(char *out, std::uint32_t value, int bits_a_digit, int width) {
     const int used = (std::bit_width(value) + bits_a_digit - 1) / bits_a_digit;
@@ -159,28 +127,24 @@ char *put_g8(char *out, double value) {
         return put_g8_exact(out, value);
     const std::uint64_t mantissa = (bits & ((std::uint64_t{1} << 52) - 1)) | std::uint64_t{1} << 52;
     int exponent = binary * 78913 >> 18; // log10(2) x 2^18: the decimal exponent or one less
+    exponent += std::abs(value) >= tens[static_cast<std::size_t>(exponent + 1 - ten_min)] ? 1 : 0;
     std::uint64_t eight = 0;
     if (!scaled(mantissa, binary - 52, 7 - exponent, eight))
         return put_g8_exact(out, value);
-    if (eight >= 100000000) {
+    if (eight == 100000000) { // rounded up to the next power of ten
+        eight = 10000000;
         ++exponent;
-        if (!scaled(mantissa, binary - 52, 7 - exponent, eight))
-            return put_g8_exact(out, value);
     }
-    if (eight < 10000000 || eight >= 100000000)
+    if (eight < 10000000 || eight > 100000000)
         return put_g8_exact(out, value);
 
-    char digits[8];
-    auto rest = static_cast<std::uint32_t>(eight);
-    for (int i = 6; i >= 0; i -= 2, rest /= 100)
-        put_pair(digits + i, rest % 100);
-    int count = 8;
+    const std::uint64_t digits = eight_digits(static_cast<std::uint32_t>(eight));
+    const int count = 8 - std::countl_zero(digits) / 8; // without zeros at the end
+    *out = '-';
+    out += bits >> 63;
     const bool fixed = exponent >= -4 && exponent < 8;
-    while (count > 1 && digits[count - 1] == '0')
-        --count;
-    if (bits >> 63 != 0)
-        *out++ = '-';
-    return fixed ? put_fixed(out, digits, count, exponent) : put_scientific(out, digits, count, exponent);
+    return fixed ? put_fixed(out, digits + ascii_zeros, count, exponent)
+                 : put_scientific(out, digits + ascii_zeros, count, exponent);
 }
 
 } // namespace kestrel

@@ -2,14 +2,68 @@
 // Each writes at `out`, which must have the room stated, and returns the end of what it wrote (no NUL).
 #pragma once
 
+#include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace kestrel {
 
 inline constexpr std::size_t number_text_max = 64; // room that every writer below is content with
 
-char *put_decimal(char *out, std::uint32_t value); // as "%u"
+namespace number_text_detail {
+
+inline constexpr std::array<char, 200> digit_pairs = [] {
+    std::array<char, 200> pairs{};
+    for (std::size_t i = 0; i < 100; ++i) {
+        pairs[2 * i] = static_cast<char>('0' + i / 10);
+        pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+    }
+    return pairs;
+}();
+
+inline void put_pair(char *out, std::uint32_t value) {
+    std::memcpy(out, &digit_pairs[2 * value], 2);
+}
+
+// The eight decimal digits of a value below 10^8, one a byte (0 to 9), the first in the lowest byte. Three
+// multiplications work on all digits at once, and there is no branch to guess wrong.
+inline std::uint64_t eight_digits(std::uint32_t value) {
+    const std::uint64_t fours = value / 10000 | static_cast<std::uint64_t>(value % 10000) << 32;
+    const std::uint64_t hundreds = fours * 10486 >> 20 & 0x0000007f0000007f; // exact below 10000
+    const std::uint64_t pairs = hundreds + ((fours - 100 * hundreds) << 16);
+    const std::uint64_t tens = pairs * 103 >> 10 & 0x000f000f000f000f; // exact below 100
+    return tens + ((pairs - 10 * tens) << 8);
+}
+
+inline constexpr std::uint64_t ascii_zeros = 0x3030303030303030;
+
+inline void put_word(char *out, std::uint64_t word) {
+    if constexpr (std::endian::native == std::endian::big)
+        word = __builtin_bswap64(word);
+    std::memcpy(out, &word, sizeof word);
+}
+
+} // namespace number_text_detail
+
+// As "%u". Inline: the call would cost as much as the digits.
+inline char *put_decimal(char *out, std::uint32_t value) {
+    using namespace number_text_detail;
+    if (value >= 100000000) {
+        const std::uint32_t top = value / 100000000; // 1 to 42
+        put_pair(out, top);
+        out[0] = top < 10 ? out[1] : out[0];
+        out += top < 10 ? 1 : 2;
+        put_word(out, eight_digits(value % 100000000) + ascii_zeros);
+        return out + 8;
+    }
+    const std::uint64_t digits = eight_digits(value);
+    // Leading zeros are shifted out; the last digit stays, even if it is one.
+    const int leading = std::countr_zero(digits | std::uint64_t{1} << 56) / 8;
+    put_word(out, (digits + ascii_zeros) >> 8 * leading);
+    return out + 8 - leading;
+}
 
 // Binary (bits a digit: 1) or hexadecimal (4) digits in upper case, at least `width` of them.
 char *put_digits(char *out, std::uint32_t value, int bits_a_digit, int width = 1);

@@ -11,7 +11,7 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t text_block = 256 * 1024; // handed to the destination in pieces of about this
+constexpr std::size_t text_block = 64 * 1024; // handed to the destination in pieces of about this
 
 struct row_state {
     std::size_t column = 0; // of the next element

@@ -10,7 +10,7 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t text_block = 256 * 1024;
+constexpr std::size_t text_block = 64 * 1024;
 
 struct column_state {
     column_angles angles;

@@ -97,11 +97,25 @@ bool reply_reader::take_result(std::string_view text) {
     return true;
 }
 
+namespace {
+
+// What is shown to a session holds no byte that could steer its terminal or begin a telnet command.
+void make_printable(std::string &text) {
+    constexpr unsigned char blank = ' ', del = 127, iac = 255;
+    for (char &c : text)
+        if (const auto byte = static_cast<unsigned char>(c);
+            (byte < blank && c != '\t') || byte == del || byte == iac)
+            c = '?';
+}
+
+} // namespace
+
 reply_event reply_reader::classify(std::string_view line) {
     const char marker = line.empty() ? '\0' : line.front();
     const std::string_view rest =
         line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1);
     text_ = rest;
+    make_printable(text_);
     switch (marker) {
     case '#':
         return reply_event::information;
@@ -110,13 +124,14 @@ reply_event reply_reader::classify(std::string_view line) {
     case '~':
         return reply_event::question;
     case '@':
-        if (std::optional<remote_progress> progress = parse_progress(rest)) {
+        if (std::optional<remote_progress> progress = parse_progress(text_)) {
             progress_ = std::move(*progress);
             return reply_event::progress;
         }
         return reply_event::information;
     default:
         text_ = line;
+        make_printable(text_);
         return reply_event::text;
     }
 }

@@ -58,6 +58,13 @@ int mod_look(int cn, const char *name, void *head, module_view &view) {
     return -1;
 }
 
+int mod_data_type(const void *head) {
+    std::int32_t type = 0;
+    if (datamod_mod_size(head) >= static_cast<off_t>(sizeof(mod_header)) && datamod_is_whole(head))
+        std::memcpy(&type, head, sizeof type);
+    return type;
+}
+
 void *id_get_ptr(void *head, int x, int y, int t) {
     mod_header copy;
     std::memcpy(&copy, head, sizeof copy);

@@ -52,6 +52,9 @@ const char *mod_look(void *head, module_view &view);
 // The same; prints "! ERROR: module '%s' %s" to the session and returns -1 when it cannot be used.
 int mod_look(int cn, const char *name, void *head, module_view &view);
 
+// The element type in the header, whatever it is; 0 where there is no header.
+int mod_data_type(const void *head);
+
 // Element (x, y, t) as the header stands, without any check; null after a message on standard output for an
 // unknown data type.
 void *id_get_ptr(void *head, int x, int y, int t);

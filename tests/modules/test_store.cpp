@@ -3,6 +3,7 @@
 #include "support/fd.h"
 #include "tests/helpers/session_capture.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -15,7 +16,9 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 using namespace kestrel;
 
@@ -224,6 +227,29 @@ TEST_F(store, resizing_goes_to_the_capacity_and_back_and_keeps_the_data) {
                                       "! ERROR: Cannot resize a 2-d data module to 3-d (num_t > 1)\n"
                                       "! ERROR: Data module '" +
                                       std::string(n) + "' cannot have the size (-1, 2, 1)\n");
+}
+
+TEST_F(store, threads_may_make_link_and_unlink_at_once) {
+    const char *shared[] = {name("t0"), name("t1"), name("t2")};
+    std::atomic<int> made{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 6; ++i)
+        threads.emplace_back([&, i] {
+            for (int turn = 0; turn < 300; ++turn) {
+                const char *n = shared[(turn + i) % 3];
+                void *head = nullptr;
+                datamod_record *record = nullptr;
+                if (_os_link(n, &record, &head) != 0 && _os_datmod(n, 4096, &head, &record) == 0)
+                    ++made;
+                else if (head == nullptr)
+                    continue; // another thread was faster in making it
+                EXPECT_EQ(datamod_mod_size(head), 4096);
+                EXPECT_EQ(munlink(head), 0);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(made, 3);
 }
 
 TEST_F(store, points_are_cut_toward_zero_and_keep_their_low_32_bits) {

@@ -2,6 +2,7 @@
 
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
+import errno
 import fcntl
 import os
 import pathlib
@@ -41,10 +42,16 @@ def wait_until(condition, what, seconds=WAIT):
         time.sleep(0.005)
 
 
+# What the program says of its links to other servers before anything else, without a configuration file.
+SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n    /etc/kestrel.clients.ini\n"
+               "Loading default configuration instead.\n")
+
+
 class Process:
     """A run of the program in a scratch folder, its standard output and error kept in files beside it."""
 
-    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None):
+    def __init__(self, scratch, *options, env=None, stdin=subprocess.DEVNULL, stdout=None, files=None,
+                 program=None):
         scratch = pathlib.Path(scratch)
         self.cwd = scratch / "cwd"
         self.cwd.mkdir(parents=True, exist_ok=True)
@@ -62,7 +69,7 @@ class Process:
                 resource.setrlimit(resource.RLIMIT_NOFILE, (files, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
 
         with open(self._paths[0], "wb") as out, open(self._paths[1], "wb") as err:
-            self.process = subprocess.Popen([KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
+            self.process = subprocess.Popen([program or KESTREL, *options], cwd=self.cwd, env=environment, stdin=stdin,
                                             stdout=stdout or out, stderr=err, preexec_fn=prepare)
 
     @property
@@ -125,11 +132,21 @@ class Server(Process):
     """The server in network mode, listening on `port`."""
 
     def __init__(self, scratch, *options, port=None, **how):
-        self.port = port or free_port()
         self.clients = []
-        super().__init__(scratch, f"-port={self.port}", *options, **how)
-        if "-detach" not in options:
-            self.wait_stdout(f"Listening for connections on port {self.port}\\.\n")
+        for attempt in range(5):
+            self.port = port or free_port()
+            super().__init__(scratch, f"-port={self.port}", *options, **how)
+            if "-detach" in options or self.listens():
+                return
+            # Another program took the free port between the asking and the using.
+            assert port is None and self.wait_exit() == errno.EADDRINUSE, self.stdout + self.stderr
+        raise AssertionError("no free port")
+
+    def listens(self):
+        """Waits for the line that says so; false when the program ended instead."""
+        line = re.compile(f"Listening for connections on port {self.port}\\.\n")
+        return wait_until(lambda: line.search(self.stdout) and "yes" or not self.alive() and "no",
+                          "line that the server listens") == "yes"
 
     def client(self, kind=None, **how):
         """A new session, past its first prompt."""

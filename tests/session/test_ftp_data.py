@@ -1,62 +1,11 @@
 """Reads that leave by FTP, against a real FTP server on loopback that can be told to refuse and to die."""
 import socket
-import threading
 
 import numpy as np
 import pytest
+from ftp_server import LOGIN, ftp  # noqa: F401 (a fixture)
 from kestrel_data import do, held, refused
 from kestrel_session import wait_until
-from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import DTPHandler, FTPHandler
-from pyftpdlib.servers import FTPServer
-
-
-class FtpServer(threading.Thread):
-    """A server with the user `probe` and the password `s3cret word`; `die_after` bytes it cuts the connections."""
-
-    def __init__(self, folder, die_after=None):
-        super().__init__(daemon=True)
-
-        class Dtp(DTPHandler):
-            def handle_read(self):
-                super().handle_read()
-                if die_after is not None and self.tot_bytes_received > die_after:
-                    self.cmd_channel.close()
-
-            handle_read_event = handle_read
-
-        class Handler(FTPHandler):
-            authorizer = DummyAuthorizer()
-            dtp_handler = Dtp
-
-        Handler.authorizer.add_user("probe", "s3cret word", str(folder), perm="elradfmw")
-        self.server = FTPServer(("127.0.0.1", 0), Handler)
-        self.address = "127.0.0.1:%d" % self.server.socket.getsockname()[1]
-
-    def run(self):
-        self.server.serve_forever(timeout=0.05, handle_exit=False)
-
-    def stop(self):
-        self.server.close_all()
-
-
-@pytest.fixture
-def ftp(tmp_path):
-    running = []
-
-    def begin(**how):
-        folder = tmp_path / "remote"
-        folder.mkdir(exist_ok=True)
-        running.append(FtpServer(folder, **how))
-        running[-1].start()
-        return running[-1].address, folder
-
-    yield begin
-    for server in running:
-        server.stop()
-
-
-LOGIN = "user 'probe' password 's3cret word'"
 
 
 def test_a_box_arrives_whole(server, client, ftp):

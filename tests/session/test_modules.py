@@ -218,7 +218,19 @@ def test_a_header_that_another_process_changed_is_refused(server, client, names,
     assert (server.cwd / "x").read_bytes() == b"\3\0\0\0" * 30
 
 
-def test_only_31_paths(client, names):
+def test_types_that_commands_do_not_know_are_named(client, names):
+    n = names("m")
+    do(client, f"module create '{n}' 6 5 header")
+    np.memmap("/dev/shm/" + n, dtype="i4", mode="r+")[0] = 40
+    assert client.lines(f"module open '{n}' header") == ["# Cannot handle module data type 40", "* -1"]
+    assert refused(client, f"module set-point '{n}' 0 0 1") == [f"! ERROR: Unknow data type 40 in module '{n}'"]
+    np.memmap("/dev/shm/" + n, dtype="i4", mode="r+")[:2] = (1, 0x20003)
+    assert refused(client, f"module open '{n}' header") == [f"! ERROR: unknown data module type 2 for '{n}'"]
+    do(client, f"module create '{names('plain')}' 0 0 size 100")
+    assert client.lines(f"module open '{names('plain')}' header") == ["# Cannot handle module data type 0", "* -1"]
+
+
+def test_handles_run_out_before_paths(client, names):
     n = names("m")
     do(client, f"module create '{n}' 2 2 header")
     for handle in range(20):

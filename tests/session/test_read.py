@@ -327,3 +327,14 @@ def test_clear_takes_nothing_frames_or_a_box(client, names):
             "! 7 arguments (handle, x, y, t, dx, dy, dt)    => clear volume"]
     assert refused(client, "clear 20") == ["! Invalid handle passed to unified clear"]
     assert refused(client, f"enable {handle}") == [f"! No enable function is defined for handle {handle}."]
+
+
+def test_an_interrupt_ends_a_read(server, client):
+    handle = do(client, "test open 3000 3000 1 float egg")
+    client.send(f"read 0 0 0 3000 3000 1 from {handle} to-local-file 'out'\n")
+    client.recv_until("# Calling read")
+    server.interrupt()
+    reply = client.recv_prompt()
+    assert b"! Read interrupted\r\n! Error during write\r\n* -1" in reply
+    assert not (server.cwd / "out").exists()
+    do(client, f"read 0 0 0 10 10 1 from {handle} to-local-file 'out'")

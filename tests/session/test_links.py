@@ -1,0 +1,321 @@
+"""Links to other servers: real ones in processes of their own, and peers that misbehave at every byte."""
+import os
+import pathlib
+import socket
+import threading
+
+import pytest
+from kestrel_session import KESTREL, Server, free_port, wait_until
+
+MOTOR_SERVER = str(pathlib.Path(KESTREL).parent / "motor_server")
+
+
+def configure(folder, **links):
+    (folder / "cwd").mkdir(parents=True, exist_ok=True)
+    (folder / "cwd" / "kestrel.clients.ini").write_text(
+        "# links of a test\n\n" + "".join(f"{key} 127.0.0.1 {port}\n" for key, port in links.items()))
+
+
+@pytest.fixture
+def station(tmp_path):
+    """Two servers, the first linked to the second as user1; gives (client of the first, the second)."""
+    other = Server(tmp_path / "other")
+    configure(tmp_path / "main", user1=other.port, user2=free_port())
+    main = Server(tmp_path / "main")
+    yield main.client(), other
+    main.close()
+    other.close()
+
+
+class Peer:
+    """Plays a script of bytes to whoever connects: b"..." is sent, None closes, [] takes a line, a number that many bytes."""
+
+    def __init__(self, *scripts):
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self.listener.getsockname()[1]
+        self.lines, self.connections = [], 0
+        self.thread = threading.Thread(target=self.play, args=(scripts,), daemon=True)
+        self.thread.start()
+
+    def play(self, scripts):
+        for script in scripts:
+            connection, _ = self.listener.accept()
+            self.connections += 1
+            with connection:
+                for step in script:
+                    if step is None:
+                        break
+                    if isinstance(step, int):
+                        self.lines.append(connection.recv(step))
+                    elif isinstance(step, list):
+                        self.lines.append(self.read_line(connection))
+                    else:
+                        try:
+                            connection.sendall(step)
+                        except OSError:
+                            break
+                else:
+                    self.read_line(connection)  # stays until the other side leaves
+
+    @staticmethod
+    def read_line(connection):
+        line = b""
+        while not line.endswith(b"\n"):
+            try:
+                byte = connection.recv(1)
+            except OSError:
+                break
+            if not byte:
+                break
+            line += byte
+        return line
+
+
+def test_results_of_every_type_come_back(station):
+    client, _ = station
+    first = client.lines("send user1 'eval int 3 4 add'")
+    assert first[0].startswith("# Connected to User 1 on 127.0.0.1 port ") and first[1:] == ["* 7"]
+    for line, reply in [("send user1 '300' int 'n' global", ["* 300"]), ("%n", ["* 300"]),
+                        ("send user1 'eval double 1.0 8 div' double 'd' global", ["* 0"]), ("%d", ["* 0.125"]),
+                        ("send user1 'eval string \"a b\" \"c\"' string 's' global", ["* 0"]), ("%s", ['* "a bc"']),
+                        ("send user1 'radix 16'", ["* 0"]), ("send user1 '255'", ["* 255"]),
+                        ("send user1 'radix 2'", ["* 0"]), ("send user1 '5'", ["* 5"]),
+                        ("send user1 'debug on'", ["* 0"]), ("send user1 '-1'", ["* -1"]),
+                        ("send user1 '1' int 'n' double 'd'", ["! Please specify at most 1 data type", "* -1"]),
+                        ("send user1 'eval string \"x\"' double 'd'", ["! User 1 did not answer with a number", "* -1"])]:
+        assert client.lines(line) == reply, line
+
+
+def test_what_the_remote_prints_is_shown(station):
+    client, _ = station
+    client.cmd("send user1 '0'")
+    reply = client.lines("send user1 'no-such-command'")
+    assert "! - Unexpected identifier, or non-existent command" in reply
+    assert reply[0] == "# - ^" and reply[-1] == "* -1"
+    assert client.lines("""send user1 "echo 'plain words'" """) == ["# - plain words", "* 0"]
+
+
+def test_a_remote_that_left_is_asked_again_once(station, tmp_path):
+    client, other = station
+    assert client.lines("send user1 '1'")[-1] == "* 1"
+    port = other.port
+    other.close()
+    reply = client.lines("send user1 '2'")
+    assert "# Trying to resend command '2' to client 'User 1'" in reply and "# Disconnected from User 1." in reply
+    assert reply[-3:-1] == [f"! Can't connect to User 1 on 127.0.0.1 port {port}.", "! OS-9 error code: 111."]
+    assert reply[-1] == "* -1"
+    again = Server(tmp_path / "again", port=port)
+    assert client.lines("send user1 '3'")[-1] == "* 3"
+    client.cmd("client disconnect")
+    again.close()
+
+
+def test_unconfigured_links_fail_at_once(station):
+    client, _ = station
+    reply = client.lines("send lux '1'")
+    assert reply[0] == "! Can't connect to Look-Up Board for X on unconfigured port 1974."
+    assert reply[-1] == "* -1"
+    assert client.lines("client up") == [
+        "! You must specify one qualifier from lux, luy, corr, adcx or adcy.", "* -1"]
+    assert client.lines("client up lux")[-1] == "* 0"
+
+
+def test_define_and_status(station, tmp_path):
+    client, other = station
+    assert client.lines(f"client define '127.0.0.1' {other.port} user2") == ["* 0"]
+    assert client.lines("send user2 '5'")[-1] == "* 5"
+    status = client.lines("client status")
+    assert len(status) == 14 and sum("not connected" in line for line in status) == 12
+    assert client.lines("client define 'nowhere' 1972 user2") == ["# Disconnected from User 2.", "* 0"]
+    assert client.lines("client define 'nowhere' 1972") == ["* -1"]
+    assert client.lines("client define 'nowhere' 70000 user2")[-1] == "* -1"
+
+
+def test_connect_tells_an_out_of_step_remote_from_a_broken_one(tmp_path):
+    peer = Peer([b"> ", [], b"* 99\r\n> ", None], [b"> ", [], b"* 1235\r\n> "])
+    configure(tmp_path, lux=peer.port)
+    server = Server(tmp_path)
+    client = server.client()
+    assert client.lines("client up lux")[-1] == "* 1"
+    reply = client.lines("client connect 5 lux")
+    assert "# Connection to client 'Look-Up Board for X' seems out of step, disconnecting" in reply
+    assert reply[-1] == "* 0"
+    assert peer.lines[0] == b"1234\n"
+    server.close()
+
+
+def test_connect_gives_up_in_time(station):
+    client, _ = station
+    reply = client.lines("client connect 1 lux")
+    assert reply[-2].startswith("! Abbandoned\tconnection attempts due time out after ")
+    assert any(line.startswith("@ ") and line.endswith("'Connecting'") for line in reply)
+
+
+def test_a_module_comes_over_bit_for_bit(station):
+    client, _ = station
+    name = f"lk_{os.getpid()}"
+    try:
+        for kind, value in ("", 4000000000), ("float", 0.1), ("double", 1e-300):
+            remote, local = f"{name}{kind}", f"{name}{kind}_c"
+            client.cmd(f"""send user1 "module create '{remote}' 7 3 header {kind}" """)
+            client.cmd(f"""send user1 "module set-point '{remote}' 6 2 {value:g}" """)
+            assert client.lines(f"module get-remote '{remote}' '{local}' user1")[-1] == "* 0"
+            def data(module):
+                return pathlib.Path("/dev/shm", module).read_bytes()[360:]
+            assert data(local) == data(remote) and any(data(local))
+        assert client.lines(f"module get-remote '{name}'")[0] == (
+            "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2")
+        assert "! Cannot open handle to module" in client.lines("module get-remote 'none_such' user1")
+    finally:
+        for path in pathlib.Path("/dev/shm").glob(f"{name}*"):
+            path.unlink()
+
+
+def test_remote_data_behind_a_handle(station):
+    client, other = station
+    assert client.lines("remote-open 'test open 8 6 4 float' user1")[-1] == "* 0"
+    for query, answer in ("nx", 8), ("ny", 6), ("nt", 4), ("type", 4):
+        assert client.lines(f"unif-get-{query} 0") == [f"* {answer}"]
+    assert client.lines("read 1 2 3 3 2 1 from 0 to-local-file 'r.txt'")[-1] == "* 0"
+    folder = pathlib.Path(client.lines("system 'pwd'")[0][2:])
+    assert (folder / "r.txt").read_text() == "14 15 16 \n16 17 18 \n"
+    assert client.lines("maths accumulate 0 0 0 0 7 5 3")[-1] == "* 2496"
+    assert client.lines("close 0")[-1] == "* 0"
+    assert client.lines("send user1 'ustatus of 0'")[0].endswith("Unused")
+    assert client.lines("remote-open 'test open 8 6 4 float'")[-1] == "* -1"
+    assert client.lines("remote-open 'eval int -1' user1")[-1] == "* -1"
+
+
+def test_a_remote_handle_dies_with_its_connection(station):
+    client, _ = station
+    client.cmd("remote-open 'test open 4 4 1 long' user1")
+    client.cmd("client disconnect")
+    client.cmd("send user1 '1'")
+    reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'")
+    assert reply[-1] == "* -1" and any("is gone" in line for line in reply), reply
+    assert client.lines("close 0") == ["* 0"]
+
+
+@pytest.fixture
+def motors(tmp_path):
+    server = Server(tmp_path / "motors", program=MOTOR_SERVER)
+    configure(tmp_path / "main", motors=server.port)
+    main = Server(tmp_path / "main")
+    yield main.client(), server
+    main.close()
+
+
+def test_motors_move(motors):
+    client, server = motors
+    assert client.lines("motor move-to 3 100+20")[1:] == ["# - Motor 3 moves from 0 to 120", "* 0"]
+    assert client.lines("motor move-by 3 0-20") == ["# - Motor 3 moves from 120 to 100", "* 0"]
+    assert client.lines("motor get-posn 3") == ["* 100"]
+    assert client.lines("motor zero 3") == ["* 0"]
+    assert client.lines("motor get-posn 3") == ["* 0"]
+    assert client.lines("motor config remote 'motor config slow 0.2'") == ["* 0"]
+    assert client.lines("motor move-to 1 5")[1:3] == ["@ 0 4 'Stepper Motors-moving'", "@ 1 4 'Stepper Motors-moving'"]
+    client.cmd("motor config remote 'motor config slow 0'")
+    client.cmd("motor config remote 'motor config fail 1'")
+    assert client.lines("motor move-to 1 9") == ["! - Motor 1 does not move", "* -1"]
+    assert client.lines("motor get-posn 1") == ["* 5"]
+    server.close()
+
+
+def test_a_motor_server_that_dies_costs_the_command_only(motors):
+    client, server = motors
+    client.cmd("motor config remote 'motor config die 0'")
+    reply = client.lines("motor move-to 1 5")
+    assert "! The remote closed the connection" in reply and reply[-1] == "* -1"
+    assert client.lines("eval int 1") == ["* 1"]
+    assert server.wait_exit() == 3
+
+
+HOSTILE = {
+    "closes at once": [None],
+    "no prompt, then closes": [b"hello\r\n", None],
+    "half a prompt": [b">", None],
+    "an endless line": [b"> ", [], b"x" * 200000],
+    "half a result": [b"> ", [], b"* 1", None],
+    "a result and no prompt": [b"> ", [], b"* 1\r\n", None],
+    "bytes of every kind": [b"> ", [], bytes(range(256)) * 20 + b"\n", None],
+    "numbers that do not fit": [b"> ", [], b"@ 99999999999 1 'x'\r\n* 99999999999999\r\n", None],
+}
+
+
+@pytest.mark.parametrize("script", HOSTILE.values(), ids=HOSTILE.keys())
+def test_a_hostile_remote_costs_the_command_only(tmp_path, script):
+    peer = Peer(script, script)
+    configure(tmp_path, user1=peer.port)
+    server = Server(tmp_path)
+    client = server.client()
+    descriptors = lambda: len(os.listdir(f"/proc/{server.process.pid}/fd"))
+    before = descriptors()
+    reply = client.lines("send user1 '1'")
+    assert reply[-1] == "* -1" and any(line.startswith("!") for line in reply)
+    assert client.lines("eval int 2") == ["* 2"]
+    assert descriptors() == before
+    server.close()
+
+
+def test_a_question_goes_to_the_session(tmp_path):
+    peer = Peer([b"> ", [], b"~ Retry (Y/N)\r\n", 1, b"* 7\r\n> ", [], b"~ Retry (Y/N)\r\n", 1, b"* 8\r\n> "])
+    configure(tmp_path, user1=peer.port)
+    server = Server(tmp_path)
+    client = server.client()
+    for key, answer, result in (b"y", b"Y", b"* 7\r\n"), (b"xn", b"N", b"* 8\r\n"):
+        client.send(b"send user1 'risky'\n")
+        client.recv_until(b"~ Retry (Y/N)\r\n")
+        client.send(key)
+        assert client.recv_until(b"> ") == result + b"> "
+        assert peer.lines[-1] == answer
+    server.close()
+
+
+def test_interrupt_ends_the_wait_and_the_link(tmp_path):
+    peer = Peer([b"> ", [], b"# working\r\n"])
+    configure(tmp_path, user1=peer.port)
+    server = Server(tmp_path)
+    client = server.client()
+    client.send("send user1 'long'\n")
+    client.recv_until(b"# - working\r\n")
+    server.interrupt()
+    assert client.recv_until(b"> ").endswith(b"# Disconnected from User 1.\r\n* -1\r\n> ")
+    assert peer.connections == 1
+    server.close()
+
+
+@pytest.mark.parametrize("text", ["user1 host\n", "nobody host 1\n", "user1 host 1 more\n", "user1 host x\n",
+                                  "user1 host 70000\n", "lux " + "h" * 300 + " 1\n"])
+def test_a_malformed_configuration_ends_the_server(start, tmp_path, text):
+    (tmp_path / "bad" / "cwd").mkdir(parents=True)
+    (tmp_path / "bad" / "cwd" / "kestrel.clients.ini").write_text("# fine\nuser2 = host 5\n" + text)
+    from kestrel_session import Process
+    process = Process(tmp_path / "bad")
+    assert process.wait_exit() == 1
+    assert process.stdout.endswith("Error in ini-file kestrel.clients.ini at line 3.\n")
+
+
+def test_the_display_is_told_what_was_enabled(tmp_path):
+    answers = []
+    for _ in range(4):
+        answers += [[], b"* 0\r\n> "]
+    peer = Peer([b"> ", *answers])
+    configure(tmp_path, imgd=peer.port)
+    server = Server(tmp_path)
+    client = server.client()
+    name = f"im_{os.getpid()}"
+    try:
+        client.cmd(f"module create '{name}' 4 4 header")
+        assert peer.connections == 0, "nothing is sent unasked"
+        client.cmd("imgd enable config set-shape")
+        client.cmd(f"module create '{name}b' 5 1 header")
+        client.cmd(f"module resize '{name}b' 4 1")
+        client.cmd("imgd enable reset auto-display")
+        client.cmd(f"module create '{name}c' 5 1 header")
+        assert peer.lines == [f"module config '{name}b'\n".encode(), f"module set-shape '{name}b' 5 1 1\n".encode(),
+                              f"module set-shape '{name}b' 4 1 1\n".encode(),
+                              f"module open '{name}c' display1d\n".encode()]
+    finally:
+        for path in pathlib.Path("/dev/shm").glob(f"{name}*"):
+            path.unlink()
+    server.close()
