@@ -83,11 +83,14 @@ void user_prompt(int cn) {
 }
 
 void set_no_delay(int cn, int fd) {
-    static const protoent *const tcp = ::getprotobyname("tcp");
-    if (!tcp)
+    static const int tcp = [] {
+        const protoent *const entry = ::getprotobyname("tcp");
+        return entry ? entry->p_proto : -1;
+    }();
+    if (tcp < 0)
         std::fprintf(stderr, "%d: Cannot get protocol TCP\n", cn);
     const int on = 1;
-    if (::setsockopt(fd, tcp ? tcp->p_proto : IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0)
+    if (::setsockopt(fd, tcp < 0 ? IPPROTO_TCP : tcp, TCP_NODELAY, &on, sizeof on) != 0)
         std::fprintf(stderr, "%d: Cannot set socket options: error code=%d\n", cn, errno);
 }
 
@@ -345,7 +348,9 @@ void network_loop(const char *program, int port) {
     use_network = 1;
     unique_fd listening = open_listening_socket(port);
     listen_socket = listening.get();
-    sv_print_banner(program, ("Listening for connections on port " + std::to_string(port) + ".").c_str());
+    char mode[64];
+    std::snprintf(mode, sizeof mode, "Listening for connections on port %d.", port);
+    sv_print_banner(program, mode);
     run_startup();
     while (!close_server)
         turn();

@@ -2,6 +2,7 @@
 
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
+import errno
 import fcntl
 import os
 import pathlib
@@ -131,11 +132,21 @@ class Server(Process):
     """The server in network mode, listening on `port`."""
 
     def __init__(self, scratch, *options, port=None, **how):
-        self.port = port or free_port()
         self.clients = []
-        super().__init__(scratch, f"-port={self.port}", *options, **how)
-        if "-detach" not in options:
-            self.wait_stdout(f"Listening for connections on port {self.port}\\.\n")
+        for attempt in range(5):
+            self.port = port or free_port()
+            super().__init__(scratch, f"-port={self.port}", *options, **how)
+            if "-detach" in options or self.listens():
+                return
+            # Another program took the free port between the asking and the using.
+            assert port is None and self.wait_exit() == errno.EADDRINUSE, self.stdout + self.stderr
+        raise AssertionError("no free port")
+
+    def listens(self):
+        """Waits for the line that says so; false when the program ended instead."""
+        line = re.compile(f"Listening for connections on port {self.port}\\.\n")
+        return wait_until(lambda: line.search(self.stdout) and "yes" or not self.alive() and "no",
+                          "line that the server listens") == "yes"
 
     def client(self, kind=None, **how):
         """A new session, past its first prompt."""
