@@ -100,7 +100,8 @@ def to_socket(client, module, mib):
         return taken
 
     port = str(kestrel_session.free_port())
-    server = subprocess.Popen(["iperf3", "-s", "-p", port], stdout=subprocess.DEVNULL)
+    server = subprocess.Popen(["iperf3", "-s", "-p", port], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL)
     time.sleep(0.5)
 
     def iperf():

@@ -11,6 +11,13 @@ namespace kestrel {
 
 using namespace number_text_detail;
 
+constinit const std::array<std::uint32_t, 10000> number_text_detail::four_digits = [] {
+    std::array<std::uint32_t, 10000> table{};
+    for (std::uint32_t i = 0; i < table.size(); ++i)
+        table[i] = i / 1000 | i / 100 % 10 << 8 | i / 10 % 10 << 16 | i % 10 << 24;
+    return table;
+}();
+
 namespace {
 
 // Powers of ten as a 64-bit mantissa (top bit set) and a binary exponent: 10^k = mantissa x 2^exponent,
