@@ -83,7 +83,6 @@ int simple_do_radix(int, int cn, int radix) {
         return sv_get_radix(cn);
     }
     sv_set_radix(cn, radix);
-    ResultRadix = sv_get_radix(cn);
     return 0;
 }
 

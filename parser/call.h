@@ -20,7 +20,7 @@ extern int TotalArgumentCount;                // positional arguments given
 extern int OptionalArgumentCount;             // of them, optional ones
 extern char ArgumentType[call_arguments_max]; // 'd', 'f' or 's' a given argument
 
-// Radix of this call's integer result: the session's, unless the handler changes it.
+// Radix of this call's integer result: 0 is the session's, unless the handler says otherwise at its end.
 extern int ResultRadix;
 
 } // namespace kestrel

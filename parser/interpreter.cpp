@@ -22,7 +22,7 @@ _qualtype Qualifier[32];
 int TotalArgumentCount = 0;
 int OptionalArgumentCount = 0;
 char ArgumentType[call_arguments_max];
-int ResultRadix = 10;
+int ResultRadix = 0;
 
 namespace {
 
@@ -37,9 +37,10 @@ struct scratch {
 
 class nested_scratch {
   public:
-    nested_scratch() : level_(nesting++) {
+    nested_scratch() : level_(nesting) {
         if (level_ < line_nesting_max && !kept_[level_])
             kept_[level_] = std::make_unique<scratch>();
+        ++nesting; // last: without memory there is no level to leave
     }
     ~nested_scratch() {
         --nesting;
@@ -291,7 +292,7 @@ void set_call_globals(const line_state &state, const _pt_args &args) {
     for (std::size_t i = 0; i < kept; ++i)
         ArgumentType[i] = state.values[i].type;
     ArgumentType[kept] = '\0';
-    ResultRadix = sv_get_radix(state.cn);
+    ResultRadix = 0;
 }
 
 int integer_result(char type, const pt_result &result) {
@@ -341,7 +342,9 @@ int run_command(line_state &state, const delivery &to) {
     state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
     command.fn.call(state.quals, state.cn, state.values, result);
-    return deliver(state.cn, args.return_type, result, ResultRadix, to);
+    const int radix = ResultRadix ? ResultRadix : sv_get_radix(state.cn);
+    ResultRadix = 0; // an outer command does not inherit it
+    return deliver(state.cn, args.return_type, result, radix, to);
 }
 
 // A line that is a value only: the value is its result.

@@ -129,17 +129,19 @@ int for_command(int quals, int cn, const char *name, int first, int last, int st
 }
 
 int foreach_command(int quals, int cn, const char *name, std::span<const pt_value> strings) {
+    std::vector<std::string> values; // all there before the loop opens: it never stands half made
+    for (const pt_value &s : strings)
+        if (s.type)
+            values.emplace_back(s.s);
     loop *l = open_loop(cn, loop_type::for_each);
     if (!l)
         return -1;
-    for (const pt_value &s : strings)
-        if (s.type)
-            l->strings.emplace_back(s.s);
     l->variable = make_variable(cn, name, quals & qual_global);
     if (!l->variable)
         return drop_loop();
     l->variable->type = vt_string;
-    l->variable->StringVar = l->strings.front();
+    l->strings = std::move(values);
+    l->variable->StringVar = std::move(l->strings.front()); // the first is not asked for again
     return 0;
 }
 

@@ -52,6 +52,43 @@ class include_level {
     int outer_in_;
 };
 
+// Drops the loops that a script leaves open, however it ends.
+class open_loops {
+  public:
+    explicit open_loops(int cn)
+        : cn_(cn), depth_(sv_get_include_lvl(cn)) {} // asked now: the session may end in it
+    ~open_loops() { loopstack_finish_script(cn_, depth_); }
+    open_loops(const open_loops &) = delete;
+    open_loops &operator=(const open_loops &) = delete;
+
+  private:
+    int cn_;
+    int depth_;
+};
+
+// A script's level of variables; its outer script's return value and flag are its own again afterwards.
+class script_level {
+  public:
+    explicit script_level(int cn) : raised_(variables_enter_level()) {
+        return_value = 0;
+        sv_break_include = false;
+        if (!raised_)
+            sv_printf(cn, "! Script nesting too deep, not allocating new variables\n");
+    }
+    ~script_level() {
+        if (raised_)
+            variables_leave_level();
+        return_value = 0;
+        sv_break_include = false;
+    }
+    script_level(const script_level &) = delete;
+    script_level &operator=(const script_level &) = delete;
+    bool raised() const { return raised_; }
+
+  private:
+    bool raised_;
+};
+
 bool interrupted(int cn, const include_options &options) {
     if (sv_poll_quit(cn) == 0 || options.mask_interrupt)
         return false;
@@ -130,7 +167,7 @@ include_end run_lines(int cn, script_file &file, const include_options &options)
         if (is_comment(line))
             continue;
         const bool go_on = run_line(cn, line, kept.find(cn, offset, line), options);
-        if (!sv_is_valid(cn))
+        if (sv_is_ended(cn))
             return include_end::finished;
         if (interrupted(cn, options))
             return include_end::interrupted;
@@ -174,9 +211,8 @@ include_end sv_include_file(int cn, script_file &file, const include_options &op
     include_end end;
     {
         const include_level level(cn, file);
-        const int depth = sv_get_include_lvl(cn); // asked now: the session may end in the script
+        const open_loops loops(cn);
         end = run_lines(cn, file, options);
-        loopstack_finish_script(cn, depth);
     }
     const bool outermost = sv_is_valid(cn) && sv_get_include_lvl(cn) == 0;
     if (outermost && sv_quit == 1)
@@ -194,22 +230,13 @@ int simple_do_include(int quals, int cn, const char *includefile, std::span<cons
                                   (quals & qual_show_returns) != 0, (quals & qual_mask_cntrl_c) != 0,
                                   (quals & qual_cntrl_c_ret_neg) != 0};
     script_file file(std::move(fd));
-    const bool raised = variables_enter_level();
-    if (raised)
+    const script_level level(cn);
+    if (level.raised())
         start_script(cn, args);
-    else
-        sv_printf(cn, "! Script nesting too deep, not allocating new variables\n");
-    return_value = 0;
-    sv_break_include = false;
     const include_end end = sv_include_file(cn, file, options);
-    if (raised)
-        variables_leave_level();
-    const int result = return_value;
-    return_value = 0; // the outer script's own
-    sv_break_include = false;
     if (end == include_end::refused || (end == include_end::interrupted && options.negative_interrupt))
         return -1;
-    return result;
+    return return_value;
 }
 
 int simple_return_command(int, int, int value) {

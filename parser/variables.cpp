@@ -2,6 +2,8 @@
 
 #include "server/output.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <deque>
 #include <new>
 #include <unordered_map>
@@ -45,24 +47,30 @@ int failed(int cn) {
     return -1;
 }
 
-void print_variable(int cn, const Variable &v) {
-    sv_printf(cn, "# %-15s  ", v.name.c_str());
+// The value as a listing shows it, with its line end.
+std::string shown(const Variable &v) {
+    char number[40];
     switch (v.type) {
     case vt_int:
-        sv_printf(cn, "%d\n", v.IntVar);
-        break;
+        std::snprintf(number, sizeof number, "%d\n", v.IntVar);
+        return number;
     case vt_double:
-        sv_printf(cn, "%g\n", v.DoubleVar);
-        break;
+        std::snprintf(number, sizeof number, "%g\n", v.DoubleVar);
+        return number;
     case vt_string:
-        sv_print(cn, "'" + v.StringVar + "'\n");
-        break;
+        return "'" + v.StringVar + "'\n";
     case vt_qualifier:
-        sv_printf(cn, "# Qual   :'%s'\n", v.StringVar.c_str());
-        break;
+        return "# Qual   :'" + v.StringVar + "'\n";
     default:
-        sv_printf(cn, "! UNKNOWN TYPE\n");
+        return "! UNKNOWN TYPE\n";
     }
+}
+
+// In one piece, so that a log can see a password's name beside its value.
+void print_variable(int cn, const Variable &v) {
+    std::string line = "# " + v.name;
+    line.resize(std::max(line.size(), std::size_t{17}), ' ');
+    sv_print(cn, line + "  " + shown(v));
 }
 
 } // namespace

@@ -396,6 +396,8 @@ bool sv_input_skips(client_descriptor &c, unsigned char byte, input_texts texts)
     return true;
 }
 
+constexpr std::size_t answer_max = std::size_t{1} << 20; // characters of a line that a command asked for
+
 input_event sv_input_answer(client_descriptor &c, std::string_view bytes, std::size_t &used,
                             std::string &line, answer_form form, input_texts texts) {
     for (used = 0; used < bytes.size();) {
@@ -421,6 +423,8 @@ input_event sv_input_answer(client_descriptor &c, std::string_view bytes, std::s
                 line.pop_back();
             continue;
         }
+        if (line.size() >= answer_max)
+            continue; // kept from filling the memory; what asked takes far less
         line += static_cast<char>(byte);
         if (form.echo)
             texts.reply += static_cast<char>(byte);

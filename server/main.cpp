@@ -42,6 +42,9 @@ void install_signals() {
     sigemptyset(&action.sa_mask);
     action.sa_handler = quit_handler;
     ::sigaction(SIGINT, &action, nullptr);
+    action.sa_handler =
+        SIG_DFL; // commands of the operating system are waited for, whoever started this process
+    ::sigaction(SIGCHLD, &action, nullptr);
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);
 }

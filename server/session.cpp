@@ -84,10 +84,16 @@ void sv_free_slot(int cn) {
 void sv_disconnect_client(int cn) {
     if (!sv_is_valid(cn))
         return;
-    if (use_network)
+    if (use_network) {
         disconnect_network_client(cn);
-    else
+    } else {
+        client[cn].ended = true;
         close_server = 1;
+    }
+}
+
+bool sv_is_ended(int cn) {
+    return !sv_is_valid(cn) || client[cn].ended;
 }
 
 int sv_get_include_lvl(int cn) {

@@ -97,6 +97,7 @@ struct session_fields {
     bool is_socket = false;         // a network session: `in` and `out` are the same socket
     std::string received;           // bytes read from the top-level input and not yet taken ...
     std::size_t taken = 0;          // ... from this index on
+    bool ended = false;             // direct mode: the session is over, its slot stays until the loop ends
     script_file *include = nullptr; // the running include file; null outside
     session_outbox outbox;
 };
@@ -112,6 +113,9 @@ client_descriptor *sv_get_descriptor(int cn);
 
 // True while the session is open: a handler that may have lost it asks before it touches the slot.
 bool sv_is_valid(int cn);
+
+// True once the session is over, also in direct mode, where its slot stays: a script goes no further.
+bool sv_is_ended(int cn);
 
 // Fills a free slot for input and output on these descriptors and marks it valid.
 void sv_fill_slot(int cn, int in, int out);

@@ -1,0 +1,29 @@
+// An expression: compiled and run, it gives a value or an error line, and never more than a string may hold.
+#include "parser/expression.h"
+#include "server/session.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <fcntl.h>
+
+using namespace kestrel;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    if (!sv_is_valid(0))
+        sv_fill_slot(0, ::open("/dev/null", O_RDONLY), ::open("/dev/null", O_WRONLY));
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    program p;
+    std::string message;
+    std::size_t at = 0;
+    if (!expression_compile(text, at, p, message)) {
+        if (message.empty() || at > text.size())
+            std::abort();
+        return 0;
+    }
+    if (at == 0 || at > text.size() || expression_dump(p).empty())
+        std::abort();
+    const PE_Value value = expression_run(0, p);
+    if (value.StringValue.size() > string_value_max)
+        std::abort();
+    return 0;
+}
