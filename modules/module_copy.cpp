@@ -162,18 +162,20 @@ int check_existing(const copy_request &r, const module_view &source, const modul
 
 // ---- the destination
 
+constexpr long long labelled_frames_max = 1 << 20; // frames beyond this have no labels
+
 // The destination's labels after the copy: the copied frames' from the source, the others as they were.
 std::vector<std::string> labels_after(const copy_request &r, void *source, void *existing) {
-    std::vector<std::string> labels;
     bool any = false;
-    for (int t = 0; t < r.dst.t + r.num.t; ++t) {
-        const bool copied = t >= r.dst.t;
-        labels.push_back(copied                ? id_get_label(source, r.src.t + t - r.dst.t)
+    for (int t = 0; t < r.num.t && !any; ++t)
+        any = !id_get_label(source, r.src.t + t).empty();
+    const long long frames = static_cast<long long>(r.dst.t) + r.num.t;
+    std::vector<std::string> labels;
+    for (int t = 0; any && t < std::min<long long>(frames, labelled_frames_max); ++t)
+        labels.push_back(t >= r.dst.t          ? id_get_label(source, r.src.t + t - r.dst.t)
                          : existing != nullptr ? id_get_label(existing, t)
                                                : std::string());
-        any = any || (copied && !labels.back().empty());
-    }
-    return any ? labels : std::vector<std::string>();
+    return labels;
 }
 
 module_link make_target(const copy_request &r, const module_view &source,

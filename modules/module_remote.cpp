@@ -46,8 +46,10 @@ const remote_kind *find_kind(int unified_type) {
     return nullptr;
 }
 
+// About a handle over there, on the connection that it was opened on.
 int ask(int cn, int link, const char *question, int handle) {
-    return send_wait(cn, link, std::string(question) + " " + std::to_string(handle));
+    return send_same_connection(cn, link, client_generation(link),
+                                std::string(question) + " " + std::to_string(handle));
 }
 
 int no_info(int cn) {
@@ -59,7 +61,7 @@ int fetch_data(int cn, int link, int handle, int nx, int ny, const remote_kind &
     const std::string command = "read 0 0 0 " + std::to_string(nx) + " " + std::to_string(ny) + " 1 from " +
                                 std::to_string(handle) + " " + kind.read_format;
     const std::size_t bytes = static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * kind.size;
-    if (clients_get_data(cn, link, command, data, bytes) >= 0)
+    if (clients_get_data(cn, link, client_generation(link), command, data, bytes) >= 0)
         return 0;
     if (connected_to(link))
         sv_printf(cn, "read returned error from client when transfering data\n");
@@ -137,8 +139,9 @@ int module_get_remote(int quals, int cn, const char *remote, const char *local) 
         sv_printf(cn, "! Cannot open handle to module\n");
         return -1;
     }
+    const unsigned long generation = client_generation(*link);
     const int fetched = fetch(cn, *link, handle, local);
-    const int closed = close_remote(cn, *link, handle);
+    const int closed = client_generation(*link) == generation ? close_remote(cn, *link, handle) : -1;
     if (fetched != 0 || closed != 0)
         return -1;
     module_announce(cn, local);

@@ -331,7 +331,14 @@ int run_read(int cn, const read_request &request, _unif_format &format, UnifOutp
     reading now(cn, request, format, output);
     if (now.prepare() != 0)
         return -1;
-    bool ok = now.run(piece_bytes) == 0;
+    bool ok = false;
+    try {
+        ok = now.run(piece_bytes) == 0;
+    } catch (const std::bad_alloc &) { // ends the command above; nothing half made stays
+        format.stopfn(format, true);
+        output.term(output, true);
+        throw;
+    }
     ok = format.stopfn(format, !ok) == 0 && ok;
     ok = output.term(output, !ok) == 0 && ok;
     return ok ? 0 : -1;

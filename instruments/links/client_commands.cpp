@@ -51,7 +51,7 @@ int connect_many(int quals, int cn, int seconds) {
     for (int number = first_probe;; ++number) {
         const int failures = try_all(cn, quals, number);
         const double elapsed = std::chrono::duration<double>(steady_clock::now() - start).count();
-        if (failures != 0 && elapsed > seconds) {
+        if (elapsed > seconds) {
             sv_printf(cn, "! Abbandoned\tconnection attempts due time out after %g seconds\n", elapsed);
             return -1;
         }
@@ -86,7 +86,7 @@ int up(int quals, int cn) {
     constexpr int up_links[] = {link_lux, link_luy, link_corr, link_adcx, link_adcy};
     for (std::size_t i = 0; i < std::size(up_links); ++i)
         if (quals == 1 << i)
-            return client_connect(cn, up_links[i]) == 0 ? 1 : 0;
+            return client_connect(cn, up_links[i]) == 0 ? 1 : -1;
     sv_printf(cn, "! You must specify one qualifier from lux, luy, corr, adcx or adcy.\n");
     return -1;
 }

@@ -179,6 +179,13 @@ std::optional<remote_result> send_once(int cn, int link, const std::string &comm
     return exchange(cn, link, command, false);
 }
 
+int send_same_connection(int cn, int link, unsigned long generation, const std::string &command) {
+    if (!client[link].connected || client[link].generation != generation)
+        return -1;
+    const std::optional<remote_result> result = send_once(cn, link, command);
+    return result ? cln_integer(*result) : -1;
+}
+
 int send_wait(int cn, int link, const std::string &command) {
     const std::optional<remote_result> result = send_exchange(cn, link, command);
     return result ? cln_integer(*result) : -1;
@@ -316,17 +323,16 @@ int finish_data(int cn, int link, data_end end, bool replied) {
 
 } // namespace
 
-int clients_get_data(int cn, int link, const std::string &command, void *buffer, std::size_t nbytes) {
-    if (client_connect(cn, link) != 0)
-        return -1;
+int clients_get_data(int cn, int link, unsigned long generation, const std::string &command, void *buffer,
+                     std::size_t nbytes) {
     int port = 0;
-    const unique_fd listener = cln_listen(client[link].socket, port);
+    const bool same = client[link].connected && client[link].generation == generation;
+    const unique_fd listener = same ? cln_listen(client[link].socket, port) : unique_fd();
     if (!listener) {
         sv_printf(cn, "! Couldn't open data port.\n");
         return -1;
     }
-    const std::optional<remote_result> announced = send_once(cn, link, "port " + std::to_string(port));
-    if (!announced || cln_integer(*announced) < 0)
+    if (send_same_connection(cn, link, generation, "port " + std::to_string(port)) < 0)
         return -1;
     const ownership owner(cn, link);
     cln_link &socket = client[link].socket;

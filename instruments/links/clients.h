@@ -53,6 +53,10 @@ std::optional<remote_result> send_exchange(int cn, int link, const std::string &
 // The same without a second try.
 std::optional<remote_result> send_once(int cn, int link, const std::string &command);
 
+// A command about a handle of the remote's, which is good for the connection of that generation only: its
+// integer result, or -1 when that connection is gone or the exchange failed.
+int send_same_connection(int cn, int link, unsigned long generation, const std::string &command);
+
 // Send without waiting (0 or -1), and collect the command's integer result later.
 int send_nowait(int cn, int link, const std::string &command);
 int send_string(int cn, int link, const std::string &text);
@@ -67,7 +71,9 @@ void client_redefine(int cn, int link, const char *host, int port);
 unsigned long client_generation(int link);
 
 // Bulk data: tells the remote a data port of ours (0 or -1), runs the command and reads exactly nbytes of
-// what it sends there: 0, or -1 after a line. The port is closed on every path.
-int clients_get_data(int cn, int link, const std::string &command, void *buffer, std::size_t nbytes);
+// what it sends there: the command's result, or -1 after a line. The command is about a handle, so it goes
+// over the connection of that generation only. The port is closed on every path.
+int clients_get_data(int cn, int link, unsigned long generation, const std::string &command, void *buffer,
+                     std::size_t nbytes);
 
 } // namespace kestrel::links

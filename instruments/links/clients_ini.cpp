@@ -42,13 +42,14 @@ link_config *find_key(const std::string &key) {
 bool take_line(const std::string &line) {
     if (line.size() > ini_line_max)
         return false;
-    std::istringstream words(line);
+    std::string text = line;
+    if (const std::size_t equals = text.find('='); equals != std::string::npos)
+        text[equals] = ' ';
+    std::istringstream words(text);
     std::string key, host, port_text, rest;
     if (!(words >> key) || key.front() == '#' || key.front() == ';')
         return true;
     words >> host;
-    if (host == "=")
-        words >> host;
     words >> port_text;
     int port = 0;
     const auto [end, error] = std::from_chars(port_text.data(), port_text.data() + port_text.size(), port);

@@ -3,8 +3,10 @@
 #include "server/interrupt.h"
 #include "server/output.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -134,15 +136,22 @@ cln_status receive(cln_link &link, bool &got) {
     }
 }
 
-// Runs the conversation up to the next prompt; patience -1 waits for ever.
+// Runs the conversation up to the next prompt, at most patience_ms in all; -1 waits for ever.
 cln_status converse(cln_link &link, int patience_ms) {
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::milliseconds(patience_ms);
+    const auto left = [&] {
+        const auto ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - steady_clock::now()).count();
+        return patience_ms < 0 ? -1 : static_cast<int>(std::max<long long>(ms, 0));
+    };
     for (;;) {
         cln_status status;
         const bool prompted = hand_on(link, status);
         if (status != cln_status::ok || (prompted && link.reader.certain()))
             return status;
         sv_flush_all(link.cn);
-        switch (sv_wait_fd(link.socket.get(), POLLIN, prompted ? prompt_grace_ms : patience_ms)) {
+        switch (sv_wait_fd(link.socket.get(), POLLIN, prompted ? prompt_grace_ms : left())) {
         case wait_result::interrupted:
             return cln_status::interrupted;
         case wait_result::timeout:
@@ -186,10 +195,9 @@ void cln_disconnect(cln_link &link) {
 // A prompt that was read at the end of the last exchange is still there; a remote that has closed since is
 // noticed now, before a command is sent to nobody.
 cln_status cln_wait_prompt(cln_link &link) {
-    bool got = true;
-    while (got)
-        if (const cln_status status = receive(link, got); status != cln_status::ok)
-            return status;
+    bool got = false;
+    if (const cln_status status = receive(link, got); status != cln_status::ok)
+        return status;
     return converse(link, cln_patience_ms);
 }
 

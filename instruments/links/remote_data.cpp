@@ -57,14 +57,16 @@ int remote_read(int path, void *buffer, int x, int y, int t, int dx, int dy, int
         static_cast<std::size_t>(dx) * static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
     const std::string command = "read" + box_text(x, y, t, dx, dy, dt) + " from " +
                                 std::to_string(source->handle) + " raw " + own_order;
-    return clients_get_data(source->cn, source->link, command, buffer, elements * source->elem_size);
+    return clients_get_data(source->cn, source->link, source->generation, command, buffer,
+                            elements * source->elem_size);
 }
 
 int forward(int path, const std::string &verb, const std::string &arguments = "") {
     const remote_source *source = live_source(path);
     if (!source)
         return -1;
-    return send_wait(source->cn, source->link, verb + " " + std::to_string(source->handle) + arguments);
+    return send_same_connection(source->cn, source->link, source->generation,
+                                verb + " " + std::to_string(source->handle) + arguments);
 }
 
 int remote_clear(int path, int x, int y, int t, int dx, int dy, int dt) {
@@ -102,7 +104,8 @@ std::optional<int> chosen_link(int quals) {
 }
 
 int ask(int cn, int link, const char *question, int handle) {
-    return send_wait(cn, link, std::string(question) + " " + std::to_string(handle));
+    return send_same_connection(cn, link, client_generation(link),
+                                std::string(question) + " " + std::to_string(handle));
 }
 
 remote_source *free_source(int &path) {
@@ -143,13 +146,16 @@ int remote_open(int quals, int cn, const char *command) {
         return -1;
     }
     const std::string text = command;
-    const int handle = send_wait(cn, *link, text);
-    if (handle < 0) {
+    const std::optional<remote_result> opened = send_exchange(cn, *link, text);
+    const int *handle_there = opened ? std::get_if<int>(&*opened) : nullptr;
+    if (!handle_there || *handle_there < 0) {
         sv_printf(cn, "! Cannot open remote handle\n");
         return -1;
     }
+    const int handle = *handle_there;
+    const unsigned long generation = client_generation(*link);
     const int local = open_local(cn, *link, handle, text);
-    if (local < 0 && connected_to(*link))
+    if (local < 0 && client_generation(*link) == generation)
         ask(cn, *link, "close", handle);
     return local;
 }

@@ -117,7 +117,7 @@ def test_unconfigured_links_fail_at_once(station):
     assert reply[-1] == "* -1"
     assert client.lines("client up") == [
         "! You must specify one qualifier from lux, luy, corr, adcx or adcy.", "* -1"]
-    assert client.lines("client up lux")[-1] == "* 0"
+    assert client.lines("client up lux")[-1] == "* -1"
 
 
 def test_define_and_status(station, tmp_path):
@@ -288,7 +288,7 @@ def test_interrupt_ends_the_wait_and_the_link(tmp_path):
                                   "user1 host 70000\n", "lux " + "h" * 300 + " 1\n"])
 def test_a_malformed_configuration_ends_the_server(start, tmp_path, text):
     (tmp_path / "bad" / "cwd").mkdir(parents=True)
-    (tmp_path / "bad" / "cwd" / "kestrel.clients.ini").write_text("# fine\nuser2 = host 5\n" + text)
+    (tmp_path / "bad" / "cwd" / "kestrel.clients.ini").write_text("# fine\nuser2=host 5\n" + text)
     from kestrel_session import Process
     process = Process(tmp_path / "bad")
     assert process.wait_exit() == 1

@@ -338,3 +338,10 @@ def test_lines_through_a_point(client, volume, names):
     assert refused(client, f"maths leastsqr-fit '{names('flat')}' 0 3 0 x-row 1") == [
         "! The points 0 to 3 do not fix a straight line"]
     assert refused(client, "maths leastsqr-fit 'no_such' 0 3 0") == ["! Cannot link to module 'no_such', errno = 2"]
+
+
+def test_sources_beyond_all_memory_are_refused(client, names):
+    assert "! A source of 1 x 2147352580 x 1073807362 elements is too large" in refused(
+        client, "test open 1 2147352580 1073807362 double")
+    do(client, f"module create '{names('a')}' 1 1 header")
+    assert refused(client, f"module copy '{names('a')}' '{names('b')}' dst-t 2000000000 max-x 100000 quiet")

@@ -72,11 +72,26 @@ _unif_open_tbl *unified_entry(int handle) {
     return entry.valid != 0 ? &entry : nullptr;
 }
 
+namespace {
+
+// Every size in bytes that a reader works out, of any element type, stays far within 64 bits.
+bool size_fits(int nx, int ny, int nt) {
+    constexpr double bytes_max = 0x1p56;
+    return nx >= 0 && ny >= 0 && nt >= 0 &&
+           static_cast<double>(nx) * ny * std::max(nt, 1) * element_sizes[el_double] <= bytes_max;
+}
+
+} // namespace
+
 int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const char *description,
                  const unified_source &source) {
     if (source.read == nullptr) {
         std::fprintf(stderr, "unified.c: unified_open: A read function must be specified.\n");
         std::exit(1);
+    }
+    if (!size_fits(nx, ny, nt)) {
+        sv_printf(cn, "! A source of %d x %d x %d elements is too large\n", nx, ny, nt);
+        return -1;
     }
     const auto entry =
         std::find_if(table.begin(), table.end(), [](const _unif_open_tbl &e) { return e.valid == 0; });
