@@ -71,6 +71,7 @@ const PARSE_TREE main_parse_tree[] = {
     pt_subtree("send", links::send_tree, "prefix to send commands directly to servers"),
     row_test,
     row_maths,
+    row_peak_fit,
     row_file,
     links::row_remote_open,
     pt_subtree("imgd", links::imgd_tree, "prefix for Image Displayer functions"),

@@ -9,6 +9,7 @@
 namespace kestrel {
 
 extern const PARSE_TREE row_maths;
+extern const PARSE_TREE row_peak_fit;
 
 double umaths_accumulate(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2);
 double umaths_measure_peak(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
@@ -25,5 +26,11 @@ int umaths_rebin(int quals, int cn, int handle, int x1, int y1, int t1, int x2, 
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> volumes);
 int leastsqr_fit_command(int quals, int cn, const char *module, int first, int last, int row,
                          const char *variable);
+
+int peak_fit_module(int quals, int cn, const char *source, const char *result, int first, int last);
+int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
+                     const char *result);
+int peak_fit_set_debug(int quals, int cn, int level);
+int peak_fit_set_max_threads(int quals, int cn, int threads);
 
 } // namespace kestrel

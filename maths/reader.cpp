@@ -142,8 +142,7 @@ umaths_region umaths_make_region(int x1, int y1, int t1, int x2, int y2, int t2)
     return {x1, y1, t1, extent(x1, x2), extent(y1, y2), extent(t1, t2)};
 }
 
-int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r, int quiet, int any_type) {
-    umaths_quiet = quiet;
+int umaths_check_region(int cn, const umaths_region &region, int handle, int any_type) {
     const _unif_open_tbl *entry = unified_entry(handle);
     if (!entry) {
         sv_printf(cn, "! Invalid unified handle\n");
@@ -163,6 +162,14 @@ int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r,
         sv_printf(cn, "! Can only handle float or long and some double data for umaths\n");
         return -1;
     }
+    return 0;
+}
+
+int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r, int quiet, int any_type) {
+    umaths_quiet = quiet;
+    if (umaths_check_region(cn, region, handle, any_type) != 0)
+        return -1;
+    const _unif_open_tbl *entry = unified_entry(handle);
     r.utype = entry->data_type;
     r.elem_size = entry->elem_size;
     r.handle = handle;

@@ -40,6 +40,10 @@ struct UMaths {
     std::chrono::steady_clock::time_point shown{};
 };
 
+// The region lies inside the handle's data, which are long, float or double unless any type will do: 0, or -1
+// after a line.
+int umaths_check_region(int cn, const umaths_region &region, int handle, int any_type);
+
 // Opens a region: 0, or -1 after a line. With any_type 0 the elements must be long, float or double.
 int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &reader, int quiet,
                      int any_type);

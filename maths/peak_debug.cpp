@@ -1,0 +1,99 @@
+#include "maths/peak_debug.h"
+
+#include "modules/store/headed.h"
+#include "modules/store/view.h"
+#include "server/output.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace kestrel {
+
+namespace {
+
+constexpr const char *labels[] = {"Attempt", "Seed", "Residuals", "Function", "Energy", "pass", nullptr};
+constexpr int level_of_files = 3;
+
+std::vector<double> model(std::span<const peak_fit_peak_t> peaks, std::size_t channels) {
+    std::vector<double> values(channels);
+    for (std::size_t i = 0; i < channels; ++i)
+        values[i] = peak_fit_calc_point(peaks, static_cast<double>(i));
+    return values;
+}
+
+// keV at each channel, from the first peak's energy and position.
+std::vector<double> energies(const peak_fit_trial &trial) {
+    const double posn = trial.fitted[0].posn;
+    const double gain = posn > 0.0 ? trial.energy[0] / posn : 0.0;
+    std::vector<double> values(trial.spectrum.size());
+    for (std::size_t i = 0; i < values.size(); ++i)
+        values[i] = gain * static_cast<double>(i);
+    return values;
+}
+
+} // namespace
+
+void peak_fit_recorder::begin(peak_fit_solver &solver, int point) {
+    solver.trial_hook = take;
+    solver.trial_user = this;
+    point_ = point;
+    trials_ = 0;
+    rows_.clear();
+}
+
+void peak_fit_recorder::take(void *self, const peak_fit_trial &trial) {
+    auto &recorder = *static_cast<peak_fit_recorder *>(self);
+    const std::size_t channels = trial.spectrum.size();
+    recorder.channels_ = channels;
+    const std::vector<double> function = model(trial.fitted, channels);
+    std::vector<double> residuals(channels), pass(channels, 0.0);
+    for (std::size_t i = 0; i < channels; ++i) {
+        residuals[i] = trial.spectrum[i] - function[i];
+        if (static_cast<int>(i) >= trial.x1 && static_cast<int>(i) <= trial.x2)
+            pass[i] = trial.pass;
+    }
+    if (peak_fit_debug >= level_of_files)
+        recorder.write_file(trial, function);
+    recorder.rows_.emplace_back(trial.spectrum.begin(), trial.spectrum.end());
+    recorder.rows_.push_back(model(trial.seed, channels));
+    recorder.rows_.push_back(std::move(residuals));
+    recorder.rows_.push_back(function);
+    recorder.rows_.push_back(energies(trial));
+    recorder.rows_.push_back(std::move(pass));
+    ++recorder.trials_;
+}
+
+void peak_fit_recorder::write_file(const peak_fit_trial &trial, const std::vector<double> &function) const {
+    char name[64];
+    std::snprintf(name, sizeof name, "peak_attempt%03d_%02d_%03d.txt", point_, trial.pass,
+                  static_cast<int>(trials_));
+    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(name, "we"), std::fclose);
+    for (int i = trial.x1; file && i <= trial.x2; ++i) {
+        const auto at = static_cast<std::size_t>(i);
+        std::fprintf(file.get(), "%d\t%g\t%g\n", i, trial.spectrum[at], function[at]);
+    }
+}
+
+void peak_fit_recorder::store(int cn) {
+    if (trials_ == 0)
+        return;
+    char name[32];
+    std::snprintf(name, sizeof name, "peakfit_debug%d", point_);
+    const int nx = static_cast<int>(channels_), ny = static_cast<int>(trials_);
+    void *head = nullptr;
+    app_mkmod3d(cn, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels, 2,
+                &head);
+    const module_link link = module_link::adopt(head);
+    module_view mod;
+    if (!head || mod_look(cn, name, head, mod) != 0)
+        return;
+    clear_mod(head);
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+        const int y = static_cast<int>(i / rows_of_trial), t = static_cast<int>(i % rows_of_trial);
+        for (int x = 0; x < nx && mod.holds(x, y, t); ++x)
+            mod_put_element(mod.at(x, y, t), mod.data_type, rows_[i][static_cast<std::size_t>(x)]);
+    }
+}
+
+} // namespace kestrel

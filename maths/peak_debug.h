@@ -1,0 +1,29 @@
+// maths: keeps the trials of peak fits for whoever looks for the reason of a bad one.
+#pragma once
+
+#include "maths/peak_solver.h"
+
+#include <vector>
+
+namespace kestrel {
+
+// Collects the trials of one point at a time and stores them in the module "peakfit_debug<point>": x the
+// channel, y the trial, and frames "Attempt" (the spectrum), "Seed" (the model it began with), "Residuals",
+// "Function" (the model it ended with), "Energy" (keV, by the fitted lines), "pass" (its number, where the
+// channel was fitted). From debug level 3 on each trial is a file, too.
+class peak_fit_recorder {
+  public:
+    void begin(peak_fit_solver &solver, int point);
+    void store(int cn); // after the point is fitted
+
+  private:
+    static constexpr std::size_t rows_of_trial = 6;
+    static void take(void *self, const peak_fit_trial &trial);
+    void write_file(const peak_fit_trial &trial, const std::vector<double> &function) const;
+
+    int point_ = 0;
+    std::size_t channels_ = 0, trials_ = 0;
+    std::vector<std::vector<double>> rows_; // rows_of_trial of each trial
+};
+
+} // namespace kestrel

@@ -1,0 +1,98 @@
+#include "maths/peak_errors.h"
+
+#include "maths/peak_residuals.h"
+
+#include <Eigen/Dense>
+
+#include <cmath>
+
+namespace kestrel {
+
+namespace {
+
+constexpr double step = 1e-6; // of a parameter, for differences in the middle
+
+double step_of(double value) {
+    return step * std::max(std::fabs(value), 1e-3);
+}
+
+// d model / d parameter, one column a parameter, each scaled to length 1; the lengths are left in `scale`.
+Eigen::MatrixXd jacobian(peak_residuals &residuals, std::vector<double> x, Eigen::VectorXd &scale) {
+    const auto rows = static_cast<Eigen::Index>(residuals.data.size());
+    const auto columns = static_cast<Eigen::Index>(x.size());
+    Eigen::MatrixXd j(rows, columns);
+    std::vector<double> above(residuals.count()), below(residuals.count());
+    for (Eigen::Index c = 0; c < columns; ++c) {
+        double &value = x[static_cast<std::size_t>(c)];
+        const double old = value, h = step_of(old);
+        value = old + h;
+        residuals.evaluate(x.data(), above.data());
+        value = old - h;
+        residuals.evaluate(x.data(), below.data());
+        value = old;
+        for (Eigen::Index r = 0; r < rows; ++r)
+            j(r, c) = (below[static_cast<std::size_t>(r)] - above[static_cast<std::size_t>(r)]) / (2.0 * h);
+    }
+    scale = j.colwise().norm();
+    for (Eigen::Index c = 0; c < columns; ++c)
+        if (scale(c) > 0.0)
+            j.col(c) /= scale(c);
+    return j;
+}
+
+Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> &x) {
+    Eigen::VectorXd scale;
+    const Eigen::MatrixXd j = jacobian(residuals, x, scale);
+    Eigen::CompleteOrthogonalDecomposition<Eigen::MatrixXd> decomposed(j.rows(), j.cols());
+    decomposed.setThreshold(1e-7); // what differs by less from others is not determined
+    decomposed.compute(j);
+    const Eigen::MatrixXd inverse = decomposed.pseudoInverse();
+    Eigen::VectorXd variance(j.rows());
+    for (Eigen::Index r = 0; r < j.rows(); ++r)
+        variance(r) = std::max(residuals.data[static_cast<std::size_t>(r)], 0.0);
+    Eigen::MatrixXd result = inverse * variance.asDiagonal() * inverse.transpose();
+    for (Eigen::Index c = 0; c < scale.size(); ++c) {
+        const double by = scale(c) > 0.0 ? 1.0 / scale(c) : 0.0;
+        result.row(c) *= by;
+        result.col(c) *= by;
+    }
+    return result;
+}
+
+using quantity = double (*)(const peak_fit_peak_t &);
+
+// Standard deviation of something that the parameters give.
+double deviation(const peak_vector &vector, std::vector<double> x, const Eigen::MatrixXd &c, std::size_t peak,
+                 quantity of) {
+    Eigen::VectorXd gradient(c.rows());
+    std::array<peak_fit_peak_t, peak_fit_max_peaks> peaks{};
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const double old = x[i], h = step_of(old);
+        x[i] = old + h;
+        vector.unpack(x.data(), peaks);
+        const double above = of(peaks[peak]);
+        x[i] = old - h;
+        vector.unpack(x.data(), peaks);
+        gradient(static_cast<Eigen::Index>(i)) = (above - of(peaks[peak])) / (2.0 * h);
+        x[i] = old;
+    }
+    const double square = gradient.dot(c * gradient);
+    return square > 0.0 && std::isfinite(square) ? std::sqrt(square) : 0.0;
+}
+
+} // namespace
+
+void peak_fit_error_bars(peak_residuals &residuals, const std::vector<double> &x,
+                         std::span<peak_fit_sigmas> errors) {
+    const peak_vector &vector = *residuals.vector;
+    const Eigen::MatrixXd c = covariance(residuals, x);
+    for (std::size_t i = 0; i < vector.num_peaks; ++i) {
+        const auto of = [&](quantity q) { return deviation(vector, x, c, i, q); };
+        errors[i] = {of([](const peak_fit_peak_t &p) { return p.posn; }),
+                     of([](const peak_fit_peak_t &p) { return p.height; }),
+                     of([](const peak_fit_peak_t &p) { return p.sigma; }),
+                     of([](const peak_fit_peak_t &p) { return peak_fit_area(p); })};
+    }
+}
+
+} // namespace kestrel

@@ -1,0 +1,40 @@
+// maths: fitting many spectra, on several threads at once. Workers read the spectra, write their own points
+// of the result module and print; the calling thread waits for them and listens for ^C.
+#pragma once
+
+#include "maths/peak_results.h"
+#include "maths/peak_solver.h"
+#include "maths/peak_spectra.h"
+
+namespace kestrel {
+
+extern int peak_fit_max_threads; // 1..64
+
+struct peak_fit_counts {
+    int errors = 0;
+    int insufficient = 0; // too few counts to fit
+    int near_ends = 0;    // peaks near x1 or x2
+    int high_at_ends = 0; // large values near x1 or x2
+    bool stopped = false;
+    peak_fit_counts &operator+=(const peak_fit_counts &other);
+};
+
+// A part of a scan that lies in memory: points q1..q2 of the spectra are fitted (the others are neighbours),
+// for every s; they become points first_q.. and first_s.. of the result.
+struct peak_fit_part {
+    const peak_spectra *spectra = nullptr;
+    int q1 = 0, q2 = 0;
+    int first_q = 0, first_s = 0;
+    int scan_nq = 0; // points along the whole scan axis
+};
+
+// Fits a part; `done` of `total` points were fitted before, for the progress line.
+peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
+                                  const peak_fit_output &output, int done, int total);
+
+// The closing line and the command's result: -1 with errors, else the number of warnings.
+int peak_fit_close(int cn, const peak_fit_counts &counts, int total);
+
+inline constexpr int peak_fit_most_neighbours = 16; // on each side, that are added to a poor spectrum
+
+} // namespace kestrel

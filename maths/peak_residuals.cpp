@@ -1,0 +1,228 @@
+#include "maths/peak_residuals.h"
+
+#include <algorithm>
+#include <cmath>
+#include <minpack.h>
+
+namespace kestrel {
+
+namespace {
+
+// A Gaussian further out is below 3e-18 of its height: nothing beside any count that a double holds.
+constexpr double gauss_reach = 9.0; // sigma
+constexpr double sigma_least = 0.3; // channels; nothing narrower is a peak
+constexpr double ratio_least = 0.5, ratio_most = 20.0;
+constexpr double wall_strength = 10.0;
+
+// MINPACK's callback gets no pointer of ours, so the fit that a thread is in hangs on the thread.
+thread_local peak_residuals *fit_of_thread = nullptr;
+
+void peak_fit_residuals(int *, int *, double *x, double *fvec, int *iflag) {
+    peak_residuals &fit = *fit_of_thread;
+    ++fit.calls;
+    if (fit.stop && fit.stop->load(std::memory_order_relaxed)) {
+        *iflag = -1;
+        return;
+    }
+    fit.evaluate(x, fvec);
+}
+
+double beyond(double value, double low, double high) {
+    return value < low ? low - value : value > high ? value - high : 0.0;
+}
+
+std::size_t clamp_channel(double channel, std::size_t count) {
+    return static_cast<std::size_t>(std::clamp(channel, 0.0, static_cast<double>(count)));
+}
+
+void fill_gauss(peak_profile::values &v, int x1, std::size_t count) {
+    const double centre = v.posn - x1, reach = gauss_reach * v.width;
+    v.from = clamp_channel(std::ceil(centre - reach), count);
+    v.to = std::max(v.from, clamp_channel(std::floor(centre + reach) + 1.0, count));
+    const double divisor = 2.0 * v.width * v.width;
+    for (std::size_t i = v.from; i < v.to; ++i) {
+        const double d = static_cast<double>(i) - centre;
+        v.at[i] = std::exp(-d * d / divisor);
+    }
+}
+
+void fill_lorentz(peak_profile::values &v, int x1, std::size_t count) {
+    const double centre = v.posn - x1, square = v.width * v.width;
+    v.from = 0;
+    v.to = count;
+    for (std::size_t i = 0; i < count; ++i) {
+        const double d = static_cast<double>(i) - centre;
+        v.at[i] = 1.0 / (d * d / square + 1.0);
+    }
+}
+
+void subtract(std::span<double> residual, const peak_profile::values &v, double height) {
+    for (std::size_t i = v.from; i < v.to; ++i)
+        residual[i] -= height * v.at[i];
+}
+
+} // namespace
+
+void peak_vector::list_parameters() {
+    using kind = peak_parameter::kind;
+    parameters.clear();
+    for (std::size_t i = 0; i < num_peaks; ++i) {
+        parameters.push_back({kind::posn, i});
+        if (tie[i] == 0.0)
+            parameters.push_back({kind::height, i});
+        parameters.push_back({kind::sigma, i});
+    }
+    if (!lorentzian)
+        return;
+    parameters.push_back({kind::lor_frac, main});
+    parameters.push_back({kind::lor_ratio, main});
+}
+
+std::vector<double> peak_vector::pack(std::span<const peak_fit_peak_t> peaks) const {
+    using kind = peak_parameter::kind;
+    std::vector<double> x;
+    for (const peak_parameter &p : parameters) {
+        const peak_fit_peak_t &peak = peaks[p.peak];
+        x.push_back(p.what == kind::posn       ? peak.posn
+                    : p.what == kind::height   ? peak.height
+                    : p.what == kind::sigma    ? peak.sigma
+                    : p.what == kind::lor_frac ? peak.lor_frac
+                                               : peak.lor_width / peak.sigma);
+    }
+    return x;
+}
+
+void peak_vector::unpack(const double *x, std::span<peak_fit_peak_t> peaks) const {
+    using kind = peak_parameter::kind;
+    double frac = 0.0, ratio = 0.0;
+    for (const peak_parameter &p : parameters) {
+        const double value = *x++;
+        if (p.what == kind::posn)
+            peaks[p.peak].posn = value;
+        else if (p.what == kind::height)
+            peaks[p.peak].height = value;
+        else if (p.what == kind::sigma)
+            peaks[p.peak].sigma = value;
+        else if (p.what == kind::lor_frac)
+            frac = value;
+        else
+            ratio = value;
+    }
+    for (std::size_t i = 0; i < num_peaks; ++i) {
+        if (tie[i] != 0.0)
+            peaks[i].height = peaks[i - 1].height * tie[i];
+        peaks[i].lor_frac = frac;
+        peaks[i].lor_width = ratio * peaks[i].sigma;
+    }
+}
+
+double peak_vector::outside(const double *x, std::size_t index) const {
+    using kind = peak_parameter::kind;
+    const peak_parameter &p = parameters[index];
+    const double value = x[index];
+    switch (p.what) {
+    case kind::posn:
+        return beyond(value - posn_middle[p.peak], -posn_reach[p.peak], posn_reach[p.peak]) /
+               posn_reach[p.peak];
+    case kind::height:
+        return 0.0; // seen to below: its size is the data's
+    case kind::sigma: {
+        if (p.peak == main)
+            return beyond(value, sigma_least, sigma_most) / sigma_least;
+        // The resolution of a detector changes slowly with energy.
+        const auto is_main = [&](const peak_parameter &q) { return q.what == kind::sigma && q.peak == main; };
+        const auto found = std::find_if(parameters.begin(), parameters.end(), is_main);
+        const double other = std::max(x[found - parameters.begin()], sigma_least);
+        return beyond(value, 0.5 * other, 2.0 * other) / other;
+    }
+    case kind::lor_frac:
+        return beyond(value, 0.0, 1.0);
+    case kind::lor_ratio:
+        return beyond(value, ratio_least, ratio_most);
+    }
+    return 0.0;
+}
+
+const peak_profile::values &peak_profile::get(shape s, double posn, double width, int x1, std::size_t count) {
+    for (std::size_t i = 0; i < slot_.size(); ++i) {
+        if (slot_[i] && slot_[i]->posn == posn && slot_[i]->width == width) {
+            newest_ = i;
+            return *slot_[i];
+        }
+    }
+    newest_ = 1 - newest_;
+    if (!slot_[newest_])
+        slot_[newest_].emplace();
+    values &v = *slot_[newest_];
+    v.posn = posn;
+    v.width = width;
+    v.at.resize(count);
+    if (s == shape::gauss)
+        fill_gauss(v, x1, count);
+    else
+        fill_lorentz(v, x1, count);
+    return v;
+}
+
+void peak_profile::forget() {
+    for (std::optional<values> &slot : slot_)
+        slot.reset();
+}
+
+void peak_residuals::set_region(std::span<const double> spectrum, int first, int last) {
+    x1 = first;
+    data = spectrum.subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(last - first + 1));
+    const double highest = std::max(*std::max_element(data.begin(), data.end()), 1.0);
+    wall = wall_strength * highest * std::sqrt(static_cast<double>(data.size()));
+    for (std::size_t i = 0; i < gauss.size(); ++i) {
+        gauss[i].forget();
+        lorentz[i].forget();
+    }
+}
+
+void peak_residuals::evaluate(const double *x, double *residual) {
+    std::array<peak_fit_peak_t, peak_fit_max_peaks> peaks{};
+    vector->unpack(x, peaks);
+    const std::span<double> channels(residual, data.size());
+    std::copy(data.begin(), data.end(), channels.begin());
+    for (std::size_t i = 0; i < vector->num_peaks; ++i) {
+        const peak_fit_peak_t &p = peaks[i];
+        // Outside the ranges the walls count, not the model; it must only stay finite.
+        const double sigma = std::max(std::fabs(p.sigma), 0.1 * sigma_least);
+        subtract(channels, gauss[i].get(peak_profile::shape::gauss, p.posn, sigma, x1, data.size()),
+                 p.height * (1.0 - p.lor_frac));
+        if (p.lor_frac == 0.0)
+            continue;
+        const double width = std::max(std::fabs(p.lor_width), 0.1 * sigma_least);
+        subtract(channels, lorentz[i].get(peak_profile::shape::lorentz, p.posn, width, x1, data.size()),
+                 p.height * p.lor_frac);
+    }
+    for (std::size_t i = 0; i < vector->parameters.size(); ++i) {
+        const peak_parameter &p = vector->parameters[i];
+        const bool is_height = p.what == peak_parameter::kind::height;
+        residual[data.size() + i] = is_height ? wall_strength * std::min(peaks[p.peak].height, 0.0) *
+                                                    std::sqrt(static_cast<double>(data.size()))
+                                              : wall * vector->outside(x, i);
+    }
+}
+
+int peak_residuals::minimise(std::vector<double> &x, double tolerance, std::vector<double> &residual) {
+    int m = static_cast<int>(count()), n = static_cast<int>(x.size()), info = 0;
+    int lwa = m * n + 5 * n + m;
+    residual.resize(count());
+    integers_.resize(x.size());
+    work_.resize(static_cast<std::size_t>(lwa));
+    calls = 0;
+    fit_of_thread = this;
+    lmdif1_(peak_fit_residuals, &m, &n, x.data(), residual.data(), &tolerance, &info, integers_.data(),
+            work_.data(), &lwa);
+    fit_of_thread = nullptr;
+    return info;
+}
+
+double peak_fit_machine_precision() {
+    int which = 1;
+    return dpmpar_(&which);
+}
+
+} // namespace kestrel

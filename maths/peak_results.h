@@ -1,0 +1,34 @@
+// maths: what a peak fit leaves in its result module: which quantities, and where each goes.
+#pragma once
+
+#include "maths/peak_solver.h"
+#include "modules/store/view.h"
+
+#include <span>
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+// The labels of the result module's frames, for that many peaks.
+std::vector<std::string> peak_fit_labels(int num_peaks);
+
+// One number a label. A spectrum that was not fitted has the position -1, totals, and zeros.
+std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fit_lines &lines,
+                                    std::span<const double> spectrum);
+
+// keV a channel: the slope of the straight line through the fitted lines, weighted by the errors of their
+// positions; with one line its energy by its position. 0 when no energy is known.
+double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines &lines);
+
+// The result module: point along x, second scan axis along y, one frame a quantity.
+struct peak_fit_output {
+    module_link link;
+    module_view mod;
+};
+
+// Links or makes it for nq x ns points: 0, or -1 after a line.
+int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, peak_fit_output &out);
+void peak_fit_put(const peak_fit_output &out, int q, int s, std::span<const double> values);
+
+} // namespace kestrel
