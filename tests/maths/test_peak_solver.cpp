@@ -1,0 +1,134 @@
+// Fits of spectra whose truth is known.
+#include "maths/peak_solver.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <limits>
+#include <random>
+#include <vector>
+
+using namespace kestrel;
+
+namespace {
+
+std::vector<double> spectrum_of(std::span<const peak_fit_peak_t> peaks, int channels) {
+    std::vector<double> spectrum;
+    for (int x = 0; x < channels; ++x)
+        spectrum.push_back(peak_fit_calc_point(peaks, x));
+    return spectrum;
+}
+
+class PeakSolver : public testing::Test {
+  protected:
+    PeakSolver() { peak_fit_constraint = 0; }
+    ~PeakSolver() override { peak_fit_constraint = 0; }
+    peak_fit_fitted fit(std::span<const double> spectrum, std::string_view element) {
+        request_.cn = -1;
+        request_.tell = false;
+        request_.lines = *peak_fit_find_element(element);
+        request_.last = static_cast<int>(spectrum.size()) - 1;
+        request_.stop = &stop_;
+        return solver_.peak_fit_run_solver(request_, 0, spectrum);
+    }
+    peak_fit_request request_;
+    std::atomic<bool> stop_ = false;
+    peak_fit_solver solver_;
+};
+
+TEST_F(PeakSolver, FindsTheTruthWithoutNoise) {
+    const peak_fit_peak_t gauss[] = {{589.5, 5000, 6.0, 0, 0}, {650.1, 800, 6.4, 0, 0}};
+    const peak_fit_peak_t mixed[] = {{589.5, 5000, 6.0, 12, 0.2}, {649.0, 700, 6.0, 12, 0.2}};
+    for (const auto &truth : {gauss, mixed}) {
+        const peak_fit_fitted f = fit(spectrum_of({truth, 2}, 2048), "fe55");
+        ASSERT_EQ(f.status, peak_fit_status::fitted);
+        for (std::size_t i = 0; i < 2; ++i) {
+            EXPECT_NEAR(f.peak[i].posn, truth[i].posn, 1e-3);
+            EXPECT_NEAR(f.peak[i].height, truth[i].height, 1e-3 * truth[i].height);
+            EXPECT_NEAR(f.peak[i].sigma, truth[i].sigma, 1e-2);
+            EXPECT_NEAR(f.peak[i].lor_frac, truth[i].lor_frac, 2e-3);
+        }
+    }
+}
+
+TEST_F(PeakSolver, TiedHeightsKeepTheirRatio) {
+    const double gain = 0.02; // keV a channel
+    const peak_fit_lines &mo = *peak_fit_find_element("mo");
+    std::vector<peak_fit_peak_t> truth;
+    for (std::size_t i = 0; i < 3; ++i)
+        truth.push_back({mo.energy[i] / gain, 1e4 * mo.height[i], 5.0, 0, 0});
+    const peak_fit_fitted f = fit(spectrum_of(truth, 2048), "mo");
+    ASSERT_EQ(f.status, peak_fit_status::fitted);
+    EXPECT_NEAR(f.peak[2].height / f.peak[1].height, mo.height[2] / mo.height[1], 1e-12);
+    EXPECT_NEAR(f.peak[2].posn, truth[2].posn, 0.05);
+}
+
+// The error bars are the spread of repeated measurements.
+TEST_F(PeakSolver, ErrorBarsArePoissonSpread) {
+    peak_fit_constraint = peak_fit_no_lor;
+    const peak_fit_peak_t truth[] = {{589.5, 200, 6.0, 0, 0}, {649.0, 27, 6.3, 0, 0}};
+    const std::vector<double> mean = spectrum_of(truth, 1024);
+    std::mt19937 random(20261121);
+    double sum[4] = {}, squares[4] = {};
+    constexpr int fits = 400;
+    for (int n = 0; n < fits; ++n) {
+        std::vector<double> spectrum;
+        for (const double m : mean)
+            spectrum.push_back(m > 0 ? std::poisson_distribution<int>(m)(random) : 0);
+        const peak_fit_fitted f = fit(spectrum, "fe55");
+        ASSERT_EQ(f.status, peak_fit_status::fitted);
+        const double pulls[] = {(f.peak[0].posn - 589.5) / f.error[0].posn,
+                                (f.peak[0].sigma - 6.0) / f.error[0].sigma,
+                                (peak_fit_area(f.peak[0]) - peak_fit_area(truth[0])) / f.error[0].area,
+                                (f.peak[1].posn - 649.0) / f.error[1].posn};
+        for (std::size_t i = 0; i < 4; ++i) {
+            sum[i] += pulls[i];
+            squares[i] += pulls[i] * pulls[i];
+        }
+    }
+    for (std::size_t i = 0; i < 4; ++i) { // 400 pulls: the mean is known to 0.05, the width to 0.035
+        EXPECT_NEAR(sum[i] / fits, 0.0, 0.2) << i;
+        EXPECT_NEAR(std::sqrt(squares[i] / fits), 1.0, 0.15) << i;
+    }
+}
+
+TEST_F(PeakSolver, SpectraThatCannotBeFitted) {
+    EXPECT_EQ(fit(std::vector<double>(1024, 0.0), "fe55").status, peak_fit_status::insufficient);
+    std::vector<double> one(1024, 0.0);
+    one[500] = 10; // counts of a peak, but too few
+    EXPECT_EQ(fit(one, "fe55").status, peak_fit_status::insufficient);
+    EXPECT_NE(fit(std::vector<double>(4, 1e6), "mo").status, peak_fit_status::fitted); // 4 channels, 3 peaks
+    stop_ = true;
+    const peak_fit_peak_t peak{500, 1000, 8, 0, 0};
+    EXPECT_EQ(fit(spectrum_of({&peak, 1}, 1024), "fe55").status, peak_fit_status::stopped);
+}
+
+// Whatever comes: an end, and numbers.
+TEST_F(PeakSolver, OddSpectraGiveNumbers) {
+    std::mt19937 random(7);
+    std::vector<std::vector<double>> spectra = {std::vector<double>(300, 1.0), std::vector<double>(300, -5.0),
+                                                std::vector<double>(300, 1e30), std::vector<double>(1, 1e6)};
+    spectra.emplace_back(300, 0.0).front() = 1e7; // all counts in the first channel
+    spectra.emplace_back(300, 0.0).back() = 1e7;
+    spectra.emplace_back();
+    for (int i = 0; i < 300; ++i)
+        spectra.back().push_back(1e5 * (i % 2));
+    for (int i = 0; i < 20; ++i) {
+        spectra.emplace_back();
+        for (int x = 0; x < 200; ++x)
+            spectra.back().push_back(std::uniform_int_distribution<int>(0, 1 << (i % 20))(random));
+    }
+    for (std::size_t i = 0; i < spectra.size(); ++i) {
+        for (const char *element : {"fe55", "pt", "mg"}) {
+            const peak_fit_fitted f = fit(spectra[i], element);
+            if (f.status != peak_fit_status::fitted)
+                continue;
+            for (const peak_fit_peak_t &p : f.peaks())
+                EXPECT_TRUE(std::isfinite(p.posn) && p.height >= 0 && p.sigma > 0 && p.lor_frac >= 0 &&
+                            p.lor_frac <= 1 && std::isfinite(peak_fit_area(p)))
+                    << i << " " << element;
+        }
+    }
+}
+
+} // namespace
