@@ -36,6 +36,16 @@ class Module:
         count = int(np.prod(shape, dtype="u8"))
         self.data = raw[offset:offset + count * kind.itemsize].view(kind).reshape(shape)
 
+    def labels(self):
+        """The labels of a 3-D module's frames."""
+        starts = self.raw[464:464 + 4 * int(self.head["labels_num"])].view("i4")
+        end = int(self.head["data_offset"])
+        return [bytes(self.raw[start:end]).split(b"\0")[0].decode() for start in starts]
+
+    def frames(self):
+        """Label -> frame."""
+        return dict(zip(self.labels(), self.data, strict=True))
+
 
 class Names:
     """Module names of one test, unlike any other's; the objects go with the test."""

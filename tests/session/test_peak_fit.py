@@ -13,17 +13,9 @@ ENERGIES = (5.8950, 6.4904)  # keV, what fe55 fits
 GAIN = 0.010
 
 
-def labels(name):
-    """The frame labels of a 3-D module, from its bytes."""
-    module = Module(name)
-    count = int(module.head["labels_num"])
-    offsets = module.raw[464:464 + 4 * count].view("i4")
-    return [bytes(module.raw[at:at + 40]).split(b"\0")[0].decode() for at in offsets]
-
-
 def fitted(name):
     """Label -> points (second scan axis, scan axis) of a result module."""
-    return dict(zip(labels(name), Module(name).data, strict=True))
+    return Module(name).frames()
 
 
 def gauss(x, posn, area, sigma):
