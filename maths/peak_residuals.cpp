@@ -11,7 +11,8 @@ namespace {
 // A Gaussian further out is below 3e-18 of its height: nothing beside any count that a double holds.
 constexpr double gauss_reach = 9.0; // sigma
 constexpr double sigma_least = 0.3; // channels; nothing narrower is a peak
-constexpr double ratio_least = 0.5, ratio_most = 20.0;
+// A Lorentzian narrower than the Gaussian (half widths at half height) would be no tail.
+constexpr double ratio_least = 1.174, ratio_most = 20.0;
 constexpr double wall_strength = 10.0;
 
 // MINPACK's callback gets no pointer of ours, so the fit that a thread is in hangs on the thread.
