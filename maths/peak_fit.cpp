@@ -120,10 +120,10 @@ int element_of(int module_type) {
 }
 
 int check_row(int cn, const module_view &mod, int row) {
-    const int rows = mod.num_y * mod.num_t;
+    const long long rows = static_cast<long long>(mod.num_y) * mod.num_t;
     if (row >= 0 && row < rows)
         return 0;
-    sv_printf(cn, "! Row should be 0..%d not %d\n", rows - 1, row);
+    sv_printf(cn, "! Row should be 0..%d not %d\n", static_cast<int>(rows - 1), row);
     return -1;
 }
 

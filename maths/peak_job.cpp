@@ -218,18 +218,18 @@ int join(std::vector<std::jthread> &threads, int cn) {
 }
 
 peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
-    const int nq = whole.last - whole.first + 1;
-    const int dq = (nq + peak_fit_max_threads - 1) / peak_fit_max_threads;
-    const int nthreads = (nq + dq - 1) / dq;
+    const std::vector<peak_fit_block> blocks = peak_fit_blocks(whole.first, whole.last, peak_fit_max_threads);
+    const int nthreads = static_cast<int>(blocks.size());
     peak_fit_counts counts;
     if (nthreads < 1 || nthreads > peak_fit_max_threads) {
         sv_printf(whole.request.cn,
                   "! Coding error at %s:%d nq=%d, dq=%d nthreads=%d, peak_fit_max_threads=%d\n", __FILE__,
-                  __LINE__, nq, dq, nthreads, peak_fit_max_threads);
+                  __LINE__, whole.last - whole.first + 1,
+                  blocks.empty() ? 0 : blocks[0].last - blocks[0].first + 1, nthreads, peak_fit_max_threads);
         ++counts.errors;
         return counts;
     }
-    std::vector<peak_fit_job> jobs(static_cast<std::size_t>(nthreads), whole);
+    std::vector<peak_fit_job> jobs(blocks.size(), whole);
     std::vector<std::jthread> threads;
     threads.reserve(jobs.size());
     sv_flush_all(whole.request.cn);
@@ -237,8 +237,8 @@ peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
         peak_fit_job &job = jobs[static_cast<std::size_t>(i)];
         job.thread = i;
         job.calling_thread = false;
-        job.first = whole.first + i * dq;
-        job.last = std::min(job.first + dq - 1, whole.last);
+        job.first = blocks[static_cast<std::size_t>(i)].first;
+        job.last = blocks[static_cast<std::size_t>(i)].last;
         if (!start(job, nthreads, threads))
             ++counts.errors;
     }
@@ -258,6 +258,15 @@ peak_fit_counts &peak_fit_counts::operator+=(const peak_fit_counts &other) {
     high_at_ends += other.high_at_ends;
     stopped |= other.stopped;
     return *this;
+}
+
+std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads) {
+    const int nq = last - first + 1;
+    const int dq = (nq + max_threads - 1) / max_threads;
+    std::vector<peak_fit_block> blocks;
+    for (int at = first; at <= last; at += dq)
+        blocks.push_back({at, std::min(at + dq - 1, last)});
+    return blocks;
 }
 
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,

@@ -28,6 +28,12 @@ struct peak_fit_part {
     int scan_nq = 0; // points along the whole scan axis
 };
 
+// The points first..last in blocks of equal size, one a thread; the last block may be shorter.
+struct peak_fit_block {
+    int first, last;
+};
+std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads);
+
 // Fits a part; `done` of `total` points were fitted before, for the progress line.
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
                                   const peak_fit_output &output, int done, int total);

@@ -1,4 +1,5 @@
 // Fits of spectra whose truth is known.
+#include "maths/peak_job.h"
 #include "maths/peak_solver.h"
 
 #include <gtest/gtest.h>
@@ -101,6 +102,22 @@ TEST_F(PeakSolver, SpectraThatCannotBeFitted) {
     stop_ = true;
     const peak_fit_peak_t peak{500, 1000, 8, 0, 0};
     EXPECT_EQ(fit(spectrum_of({&peak, 1}, 1024), "fe55").status, peak_fit_status::stopped);
+}
+
+TEST(PeakBlocks, CoverEveryPointOnce) {
+    EXPECT_EQ(peak_fit_blocks(0, 64, 8).size(), 8u);
+    EXPECT_EQ(peak_fit_blocks(0, 64, 8)[0].last, 8); // nine points each, but the last
+    EXPECT_EQ(peak_fit_blocks(0, 64, 8)[7].first, 63);
+    EXPECT_EQ(peak_fit_blocks(0, 64, 64).size(), 33u); // two each
+    for (int threads = 1; threads <= 64; ++threads) {
+        int next = 16;
+        for (const peak_fit_block &block : peak_fit_blocks(16, 116, threads)) {
+            EXPECT_EQ(block.first, next);
+            EXPECT_LE(block.first, block.last);
+            next = block.last + 1;
+        }
+        EXPECT_EQ(next, 117);
+    }
 }
 
 // Whatever comes: an end, and numbers.
