@@ -51,6 +51,11 @@ const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &reader);
 // True when every row can be had at no cost, in any order.
 bool umaths_all_held(const UMaths &reader);
 
+// True when the rows of one plane can be held at the same time.
+inline bool umaths_plane_held(const UMaths &reader) {
+    return reader.num_planes > 0;
+}
+
 // Reads copies from now on if the rows lie in the mapping that starts at `owner`: the result goes there.
 // 0, or -1 after a line when there is no memory for them.
 int umaths_stay_clear_of(int cn, const void *owner, UMaths &reader);

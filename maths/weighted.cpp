@@ -2,8 +2,8 @@
 // is the element's absolute index plus 0.5, the centre of the pixel, as in measure-peak.
 #include "maths/axis.h"
 #include "maths/commands.h"
-#include "maths/kernels.h"
 #include "maths/output.h"
+#include "maths/row_groups.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
 #include "server/output.h"
@@ -48,8 +48,9 @@ namespace {
 struct moments {
     std::vector<double> f, fc;
     std::vector<double> threshold; // each line's own, when elements below one are left out
+    explicit moments(std::size_t count) : f(count), fc(count) {}
     explicit moments(const reduced_axis &a)
-        : f(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)), fc(f.size()) {}
+        : moments(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)) {}
 };
 
 // Where a row's sums begin, when the axis is y or t: its own line of x.
@@ -112,17 +113,81 @@ bool sum_moments_above(int cn, UMaths &r, const reduced_axis &a, double fraction
            });
 }
 
-template <class F> int write_plane(int cn, const reduced_axis &a, UMathsOutput &out, F value_at) {
-    for (int row = 0; row < a.ny; ++row) {
-        float *line = reinterpret_cast<float *>(umaths_get_output(cn, row, 0, out));
+// What is written of the two sums.
+double weighted_sum(double, double fc) {
+    return fc;
+}
+double mean(double f, double fc) {
+    return f > 0.0 ? fc / f : 0.0;
+}
+
+// Writes result rows from `top` on, as many as there are sums.
+template <class F>
+int write_rows(int cn, const reduced_axis &a, int top, const moments &m, F value_of, UMathsOutput &out) {
+    const std::size_t width = static_cast<std::size_t>(a.nx);
+    for (std::size_t from = 0; from < m.f.size(); from += width, ++top) {
+        float *line = reinterpret_cast<float *>(umaths_get_output(cn, top, 0, out));
         if (!line)
             return -1;
-        for (int i = 0; i < a.nx; ++i)
-            line[i] =
-                static_cast<float>(value_at(static_cast<std::size_t>(row) * static_cast<std::size_t>(a.nx) +
-                                            static_cast<std::size_t>(i)));
+        for (std::size_t i = 0; i < width; ++i)
+            line[i] = static_cast<float>(value_of(m.f[from + i], m.fc[from + i]));
     }
     return 0;
+}
+
+// Along t, rows whose sums fit the cache together are summed over all frames and written before the next
+// ones.
+constexpr std::size_t cached_sums = 8192;
+
+// Adds one frame's row, or four frames' rows.
+template <class T> bool add_frames(int cn, UMaths &r, int row, int plane, int frames, double *f, double *fc) {
+    const double c = r.t + plane + 0.5;
+    four_rows<T> rows;
+    if (frames == 4 && umaths_four_rows(cn, row, 0, plane, 1, r, rows)) {
+        add_moments(rows, static_cast<std::size_t>(r.dx), c, f, fc);
+        return true;
+    }
+    const std::span<const T> line = frames == 1 ? umaths_row<T>(cn, row, plane, r) : std::span<const T>();
+    if (line.empty())
+        return false;
+    add_moments(line, c, f, fc);
+    return true;
+}
+
+template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, moments &m) {
+    for (int plane = 0, frames = 0; plane < r.dt; plane += frames) {
+        frames = plane + 4 <= r.dt ? 4 : 1;
+        for (int row = 0; row < rows; ++row) {
+            const std::size_t at = static_cast<std::size_t>(row) * static_cast<std::size_t>(r.dx);
+            if (!add_frames<T>(cn, r, top + row, plane, frames, &m.f[at], &m.fc[at]))
+                return false;
+        }
+    }
+    return true;
+}
+
+template <class T, class F>
+int weigh_frames(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &out) {
+    const int at_once = std::clamp(static_cast<int>(cached_sums / static_cast<std::size_t>(r.dx)), 1, r.dy);
+    for (int top = 0; top < r.dy; top += at_once) {
+        const int rows = std::min(at_once, r.dy - top);
+        moments m(static_cast<std::size_t>(rows) * static_cast<std::size_t>(r.dx));
+        if (!sum_frames<T>(cn, r, top, rows, m))
+            return umaths_read_error(cn);
+        if (write_rows(cn, a, top, m, value_of, out) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+template <class T, class F>
+int weigh(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &out) {
+    if (a.axis == axis_t && r.dx > 1 && umaths_all_held(r))
+        return weigh_frames<T>(cn, r, a, value_of, out);
+    moments m(a);
+    if (!sum_moments<T>(cn, r, a, m))
+        return umaths_read_error(cn);
+    return write_rows(cn, a, 0, m, value_of, out);
 }
 
 // Opens the reader with all checks of the family; `refuse_double` is the command's own line.
@@ -159,12 +224,8 @@ int umaths_weighted_sum(int quals, int cn, int handle, int x1, int y1, int t1, i
               "! Umaths weighted integrate cannot handle double data yet\n", r, a) != 0 ||
         start_output(cn, to, a, r, out) != 0)
         return -1;
-    moments m(a);
-    const bool read =
-        r.utype == el_long ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m);
-    if (!read)
-        return umaths_read_error(cn);
-    return write_plane(cn, a, out, [&m](std::size_t i) { return m.fc[i]; });
+    return r.utype == el_long ? weigh<std::uint32_t>(cn, r, a, weighted_sum, out)
+                              : weigh<float>(cn, r, a, weighted_sum, out);
 }
 
 int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
@@ -184,15 +245,14 @@ int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x
               "! Umaths centroid2 cannot handle double data yet\n", r, a) != 0 ||
         start_output(cn, to, a, r, out) != 0)
         return -1;
-    moments m(a);
     const bool counts = r.utype == el_long;
-    const bool read =
-        above ? (counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
-                        : sum_moments_above<float>(cn, r, a, fraction, m))
-              : (counts ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m));
-    if (!read)
+    if (!above)
+        return counts ? weigh<std::uint32_t>(cn, r, a, mean, out) : weigh<float>(cn, r, a, mean, out);
+    moments m(a);
+    if (!(counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
+                 : sum_moments_above<float>(cn, r, a, fraction, m)))
         return umaths_read_error(cn);
-    return write_plane(cn, a, out, [&m](std::size_t i) { return m.f[i] > 0.0 ? m.fc[i] / m.f[i] : 0.0; });
+    return write_rows(cn, a, 0, m, mean, out);
 }
 
 // ---------------------------------------------------------------- centroid-old: three commands, as if typed
