@@ -194,7 +194,7 @@ std::size_t type_code(int utype) {
 // A line of a result that does not stay in the cache, through a piece of it that does.
 void line_past_cache(line_function line, const std::byte *a, std::size_t size_a, const std::byte *b,
                      std::size_t size_b, float *out, int count, const operation &o) {
-    constexpr int piece_max = 1024;
+    constexpr int piece_max = 2048;
     float piece[piece_max];
     for (int i = 0; i < count; i += piece_max) {
         const int some = std::min(piece_max, count - i);

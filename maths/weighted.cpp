@@ -26,19 +26,26 @@ int umaths_choose_axis(int cn, int quals, reduced_axis &out) {
     return -1;
 }
 
+int umaths_axis_length(const UMaths &r, const reduced_axis &a) {
+    return a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
+}
+
+void umaths_size_rest(const UMaths &r, reduced_axis &a) {
+    const int first = a.axis == axis_x ? r.dy : r.dx;
+    const int second = a.axis == axis_t ? r.dy : r.dt;
+    a.nx = first > 1 ? first : second;
+    a.ny = first > 1 ? second : 1;
+}
+
 int umaths_check_axis(int cn, const UMaths &r, reduced_axis &out) {
-    const int length = out.axis == axis_x ? r.dx : out.axis == axis_y ? r.dy : r.dt;
-    if (length == 1) {
+    if (umaths_axis_length(r, out) == 1) {
         sv_printf(cn, "! Why form SUM FX when d%c == 1\n",
                   out.axis == axis_x   ? 'x'
                   : out.axis == axis_y ? 'y'
                                        : 't');
         return -1;
     }
-    const int first = out.axis == axis_x ? r.dy : r.dx;
-    const int second = out.axis == axis_t ? r.dy : r.dt;
-    out.nx = first > 1 ? first : second;
-    out.ny = first > 1 ? second : 1;
+    umaths_size_rest(r, out);
     return 0;
 }
 
