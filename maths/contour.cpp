@@ -1,6 +1,7 @@
 // `maths mark-contour`: outlines of what reaches a level.
 #include "maths/commands.h"
 #include "maths/module_rows.h"
+#include "maths/progress.h"
 #include "server/output.h"
 
 #include <vector>
@@ -58,14 +59,15 @@ long long draw_row(const row_flags (&reached)[3], const contour_pen &pen, const 
 // A frame is read one row ahead of the row that is drawn: both may be the same module. The number of points,
 // or -1 when ^C came.
 long long draw_frame(int cn, const module_view &from, int t, double level, const contour_pen &pen,
-                     const module_view &to) {
+                     const module_view &to, umaths_progress &progress) {
     std::vector<double> values(static_cast<std::size_t>(from.num_x));
     const row_flags none(values.size() + 2, 0);
     row_flags reached[3] = {none, none, none}; // of the rows above, at and below y
     find_reached(from, 0, t, level, values, reached[2]);
     long long points = 0;
     for (int y = 0; y < from.num_y; ++y) {
-        if (!umaths_go_on(cn, y))
+        if (!progress.go_on(cn, static_cast<long long>(t) * from.num_y + y,
+                            static_cast<long long>(from.num_t) * from.num_y))
             return -1;
         reached[0].swap(reached[1]);
         reached[1].swap(reached[2]);
@@ -84,9 +86,10 @@ int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to
         return -1;
     const contour_pen pen{static_cast<double>(value), (quals & contour_clear) != 0,
                           (quals & contour_cumulative) != 0};
+    umaths_progress progress;
     long long points = 0;
     for (int t = 0; t < from.view.num_t; ++t) {
-        const long long drawn = draw_frame(cn, from.view, t, level, pen, to.view);
+        const long long drawn = draw_frame(cn, from.view, t, level, pen, to.view, progress);
         if (drawn < 0)
             return -1;
         points += drawn;

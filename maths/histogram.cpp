@@ -1,6 +1,7 @@
 // `maths histogram`: how often pairs of values from two rows of a module occur, as an image.
 #include "maths/commands.h"
 #include "maths/module_rows.h"
+#include "maths/progress.h"
 #include "modules/store/headed.h"
 #include "parser/call.h"
 #include "server/output.h"
@@ -114,10 +115,11 @@ int link_destination(int cn, const char *name, request &q, linked_module &to) {
 // False when ^C came.
 bool fill(int cn, const request &q, std::span<const double> x, std::span<const double> y,
           std::vector<std::uint32_t> &counts) {
-    constexpr std::size_t between_polls = 1 << 20;
+    constexpr std::size_t between_polls = 1 << 16;
+    umaths_progress progress;
     long long counted = 0, outside = 0, none = 0;
     for (std::size_t i = 0; i < x.size(); ++i) {
-        if (i % between_polls == 0 && !umaths_go_on(cn, 0))
+        if (i % between_polls == 0 && !progress.go_on(cn, static_cast<long long>(i), q.points))
             return false;
         if (std::isnan(x[i]) || std::isnan(y[i])) {
             ++none;

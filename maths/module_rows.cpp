@@ -1,7 +1,6 @@
 #include "maths/module_rows.h"
 
 #include "modules/store/headed.h"
-#include "server/interrupt.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -17,8 +16,6 @@ namespace {
 bool same_size(const module_view &a, const module_view &b) {
     return a.num_x == b.num_x && a.num_y == b.num_y && a.num_t == b.num_t;
 }
-
-constexpr long long rows_between_polls = 256;
 
 } // namespace
 
@@ -85,13 +82,6 @@ void umaths_put_elements(const module_view &view, int x, int y, int t, std::span
         mod_put_element(to, view.data_type, real ? value : std::floor(value + 0.5));
         to += view.element_size;
     }
-}
-
-bool umaths_go_on(int cn, long long row) {
-    if (row % rows_between_polls != 0 || sv_poll_quit(cn) <= 0)
-        return true;
-    sv_printf(cn, "! Terminated by ^C\n");
-    return false;
 }
 
 } // namespace kestrel

@@ -33,7 +33,4 @@ void umaths_get_elements(const module_view &view, int x, int y, int t, std::span
 // Stores a result: to the nearest whole number where the elements are integers.
 void umaths_put_elements(const module_view &view, int x, int y, int t, std::span<const double> values);
 
-// For the loop over rows: polls ^C every so many rows. False after "! Terminated by ^C".
-bool umaths_go_on(int cn, long long row);
-
 } // namespace kestrel

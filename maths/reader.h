@@ -3,9 +3,9 @@
 // runs of lines at a time. One reader a command; used by one thread.
 #pragma once
 
+#include "maths/progress.h"
 #include "unified/handles/handles.h"
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -36,8 +36,7 @@ struct UMaths {
     int current_plane = -1;
     int handle = -1;
     std::optional<unified_look> look;
-    std::chrono::steady_clock::time_point started{};
-    std::chrono::steady_clock::time_point shown{};
+    umaths_progress progress;
 };
 
 // Opens a region: 0, or -1 after a line. With any_type 0 the elements must be long, float or double.

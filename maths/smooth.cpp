@@ -1,6 +1,7 @@
 // `maths smooth` and `smooth2d`: running means of a row, and of every frame of a module.
 #include "maths/commands.h"
 #include "maths/module_rows.h"
+#include "maths/progress.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -73,11 +74,12 @@ int check_width(int cn, int width, int most) {
     return -1;
 }
 
-bool smooth_rows(int cn, const module_view &from, int frame, std::vector<double> &plane, int half) {
+bool smooth_rows(int cn, const module_view &from, int frame, std::vector<double> &plane, int half,
+                 umaths_progress &progress) {
     const std::size_t nx = static_cast<std::size_t>(from.num_x);
     line_smoother smoother(nx, static_cast<std::size_t>(half), false);
     for (int y = 0; y < from.num_y; ++y) {
-        if (!umaths_go_on(cn, y))
+        if (!progress.go_on(cn, 2LL * frame, 2LL * from.num_t))
             return false;
         const std::span<double> row = std::span(plane).subspan(static_cast<std::size_t>(y) * nx, nx);
         umaths_get_elements(from, 0, y, frame, row);
@@ -87,13 +89,15 @@ bool smooth_rows(int cn, const module_view &from, int frame, std::vector<double>
 }
 
 // Columns are taken a few at a time, so that what memory gives with each row is used.
-bool smooth_columns(int cn, std::vector<double> &plane, std::size_t nx, std::size_t ny, int half) {
+bool smooth_columns(int cn, const module_view &from, int frame, std::vector<double> &plane, int half,
+                    umaths_progress &progress) {
     constexpr std::size_t at_once = 8;
+    const std::size_t nx = static_cast<std::size_t>(from.num_x), ny = static_cast<std::size_t>(from.num_y);
     line_smoother smoother(ny, static_cast<std::size_t>(half), false);
     std::vector<double> columns(at_once * ny);
     for (std::size_t x = 0; x < nx; x += at_once) {
         const std::size_t taken = std::min(at_once, nx - x);
-        if (!umaths_go_on(cn, static_cast<long long>(x)))
+        if (!progress.go_on(cn, 2LL * frame + 1, 2LL * from.num_t))
             return false;
         for (std::size_t y = 0; y < ny; ++y)
             for (std::size_t k = 0; k < taken; ++k)
@@ -141,8 +145,10 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         return -1;
     const std::size_t nx = static_cast<std::size_t>(view.num_x), ny = static_cast<std::size_t>(view.num_y);
     std::vector<double> plane(nx * ny);
+    umaths_progress progress;
     for (int frame = 0; frame < view.num_t; ++frame) {
-        if (!smooth_rows(cn, view, frame, plane, width / 2) || !smooth_columns(cn, plane, nx, ny, width / 2))
+        if (!smooth_rows(cn, view, frame, plane, width / 2, progress) ||
+            !smooth_columns(cn, view, frame, plane, width / 2, progress))
             return -1;
         for (int y = 0; y < view.num_y; ++y)
             umaths_put_elements(to.view, 0, y, frame,

@@ -18,22 +18,33 @@ namespace {
 constexpr int stability_signed = 8, stability_skip = 16;
 constexpr int skip_keyword = 4, first_output_keyword = 5;
 
-// For each element of what remains: the mean and the sum of squares about it so far, smallest and largest.
-// (Welford, Technometrics 4, 1962: exact for a large mean with a small spread.) A NaN spoils the mean and the
-// spread, not the limits.
+// For each element of what remains: its first value, the mean of the distances from that and the sum of
+// squares about it so far (Welford, Technometrics 4, 1962), smallest and largest. With the first value taken
+// off, a small spread on a large mean loses nothing. A NaN spoils the mean and the spread, not the limits.
 struct series {
-    std::vector<double> mean, squares, lowest, highest;
+    std::vector<double> first, mean, squares, lowest, highest;
     explicit series(const reduced_axis &a)
-        : mean(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)), squares(mean.size()),
-          lowest(mean.size(), std::numeric_limits<double>::quiet_NaN()), highest(lowest) {}
+        : first(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)), mean(first.size()),
+          squares(first.size()), lowest(first.size(), std::numeric_limits<double>::quiet_NaN()),
+          highest(lowest) {}
 
     // The nth value (from 1) of the element at `at`.
     void take(std::size_t at, double n, double value) {
-        const double distance = value - mean[at];
+        if (n == 1.0)
+            first[at] = value;
+        const double distance = value - first[at] - mean[at];
         mean[at] += distance / n;
-        squares[at] += distance * (value - mean[at]);
+        squares[at] += distance * (value - first[at] - mean[at]);
         lowest[at] = value >= lowest[at] || std::isnan(value) ? lowest[at] : value;
         highest[at] = value <= highest[at] || std::isnan(value) ? highest[at] : value;
+    }
+
+    // The sums become mean and deviation.
+    void finish(double n) {
+        for (std::size_t at = 0; at < first.size(); ++at) {
+            mean[at] += first[at];
+            squares[at] = std::sqrt(squares[at] / n);
+        }
     }
 };
 
@@ -128,9 +139,7 @@ int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int 
     series s(a);
     if (!take_region(cn, r, a.axis, skip, quals & stability_signed, s))
         return umaths_read_error(cn);
-    const double n = umaths_axis_length(r, a) - skip;
-    for (double &squares : s.squares)
-        squares = std::sqrt(squares / n);
+    s.finish(umaths_axis_length(r, a) - skip);
     return write_result(cn, a, s, out);
 }
 

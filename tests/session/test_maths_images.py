@@ -1,4 +1,6 @@
 """Stability, smoothing, histograms, contours and masks, against formulas written anew with numpy."""
+import time
+
 import numpy as np
 import pytest
 from kestrel_data import do, held, refused
@@ -45,7 +47,7 @@ def test_stability_is_exact_for_a_small_spread_on_a_large_mean(client, volume, n
     handle = volume("double", 1e9 + noise)
     do(client, f"maths stability {handle} 0 0 0 3999 0 0 x module '{names('r')}'")
     deviation = mapped(names("r"))[0, 1, 0]
-    assert deviation == pytest.approx(float(steadiness(1e9 + noise, 2)[1, 0, 0]), rel=1e-6)
+    assert deviation == pytest.approx(float(steadiness(1e9 + noise, 2)[1, 0, 0]), rel=1e-9)
     constant = volume("", np.full((3, 2, 2), 0xfffffffe, np.uint32))
     do(client, f"maths stability {constant} 0 0 0 1 1 2 t module '{names('c')}'")
     assert np.array_equal(mapped(names("c"))[:, 0, 0], [0xfffffffe, 0, 0xfffffffe, 0xfffffffe])
@@ -253,6 +255,20 @@ def test_images_that_are_refused(server, client, volume, names):
             (f"histogram 'no_such' '{m}'", "! Cannot link to module 'no_such', errno = 2")]:
         assert refused(client, "maths " + line) == [message], line
     assert held(server) == before
+
+
+def test_an_interrupt_ends_a_long_command(server, client, names):
+    """With one frame only: rows and columns are the steps."""
+    do(client, f"module create '{names('a')}' 4000 4000 header float")
+    before = held(server)
+    server.write("long.cmd", ["echo 'go'", f"maths smooth2d '{names('a')}' '{names('b')}' 9", "echo 'never'"])
+    client.send("~long\n")
+    client.recv_until("go\r\n")
+    time.sleep(0.1)
+    server.interrupt()
+    reply = client.recv_prompt()
+    assert b"! Terminated by ^C\r\n" in reply and b"never" not in reply
+    assert client.lines("7") == ["* 7"] and held(server) == before
 
 
 # ---------------------------------------------------------------- what holds for all reductions
