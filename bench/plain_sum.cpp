@@ -1,6 +1,6 @@
-// A plain read-and-sum loop over the floats of a mapped file, for bench/maths_speed.py to measure against. Not
-// part of the build:  c++ -O3 plain_sum.cpp;  a.out FILE OFFSET COUNT  sums once for each line on standard input
-// and prints the processor seconds and the sum.
+// A plain read-and-sum loop over the floats of a mapped file, for bench/maths_speed.py to measure against.
+// Not part of the build:  c++ -O3 plain_sum.cpp;  a.out FILE OFFSET COUNT  sums once for each line on
+// standard input and prints the processor seconds and the sum.
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>

@@ -37,14 +37,21 @@ void umaths_size_rest(const UMaths &r, reduced_axis &a) {
     a.ny = first > 1 ? second : 1;
 }
 
+namespace {
+
+int refuse_short_axis(int cn, int axis) {
+    sv_printf(cn, "%s",
+              axis == axis_x   ? "! Why form SUM FX when dx == 1\n"
+              : axis == axis_y ? "! Why form SUM FX when dy == 1\n"
+                               : "! Why form SUM FX when dt == 1\n");
+    return -1;
+}
+
+} // namespace
+
 int umaths_check_axis(int cn, const UMaths &r, reduced_axis &out) {
-    if (umaths_axis_length(r, out) == 1) {
-        sv_printf(cn, "! Why form SUM FX when d%c == 1\n",
-                  out.axis == axis_x   ? 'x'
-                  : out.axis == axis_y ? 'y'
-                                       : 't');
-        return -1;
-    }
+    if (umaths_axis_length(r, out) == 1)
+        return refuse_short_axis(cn, out.axis);
     umaths_size_rest(r, out);
     return 0;
 }
@@ -284,12 +291,11 @@ int run(int cn, const char *command) {
     return user_service(cn, command, 0, nullptr, nullptr);
 }
 
-// Runs the command; a failing one is shown behind `complaint`.
+// Runs the command; a failing one is shown with `complaint`.
 int run_step(int cn, const command_text &command, const char *complaint) {
     if (run(cn, command.text) >= 0)
         return 0;
-    sv_printf(cn, "%s", complaint);
-    sv_printf(cn, "! '%s'\n", command.text);
+    sv_printf(cn, complaint, command.text);
     return -1;
 }
 
@@ -343,17 +349,15 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
     const umaths_region r = umaths_make_region(x1, y1, t1, x2, y2, t2);
     const int length = a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
     const char *letter = a.axis == axis_x ? "x" : a.axis == axis_y ? "y" : "t";
-    if (length == 1) {
-        sv_printf(cn, "! Why form SUM FX when d%s == 1\n", letter);
-        return -1;
-    }
+    if (length == 1)
+        return refuse_short_axis(cn, a.axis);
     command_text weigh, sum, divide;
     weigh.add("maths weighted-sum %d %d %d %d %d %d %d %s module '%s_fx'", handle, x1, y1, t1, x2, y2, t2,
               letter, name);
     sum.add("maths integrate %d %d %d %d %d %d %d %s module '%s_f'", handle, x1, y1, t1, x2, y2, t2,
             kept_axes(a.axis, r), name);
-    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n") != 0 ||
-        run_step(cn, sum, "! ERROR Forming SUMF from\n") != 0)
+    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n! '%s'\n") != 0 ||
+        run_step(cn, sum, "! ERROR Forming SUMF from\n! '%s'\n") != 0)
         return -1;
     const opened_module fx(cn, name, "_fx"), f(cn, name, "_f");
     divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
@@ -362,7 +366,7 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
         divide.add(" start-x %d", to.start_x);
     if (quals & at_y)
         divide.add(" start-y %d", to.start_y);
-    return run_step(cn, divide, "! ERROR: Performing divide using\n");
+    return run_step(cn, divide, "! ERROR: Performing divide using\n! '%s'\n");
 }
 
 } // namespace kestrel
