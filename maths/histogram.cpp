@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <vector>
 
 namespace kestrel {
@@ -29,9 +30,10 @@ enum histogram_keyword {
 };
 
 constexpr int usual_bins = 256;
+constexpr long long most_bins = 0x4000000; // more is a mistake, and would cost the machine its memory
 
-int number(int quals, int keyword, int otherwise) {
-    return quals >> keyword & 1 ? Qualifier[keyword].IntArg : otherwise;
+std::optional<int> number(int quals, int keyword) {
+    return quals >> keyword & 1 ? std::optional(Qualifier[keyword].IntArg) : std::nullopt;
 }
 
 // One axis of the histogram. The last bin includes its upper end.
@@ -48,7 +50,7 @@ struct bins {
 
 struct request {
     int x_row, y_row, points;
-    int hist_x, hist_y; // 0: as large as the module is
+    std::optional<int> hist_x, hist_y; // where not given, as large as the module is
     bins x, y;
 };
 
@@ -89,22 +91,33 @@ int find_range(int cn, int quals, int min_keyword, const char *axis, std::span<c
     return -1;
 }
 
+int check_bins(int cn, int x, int y) {
+    if (x >= 1 && y >= 1 && static_cast<long long>(x) * y <= most_bins)
+        return 0;
+    sv_printf(cn, "! Histogram should have 1 to %lld bins, not %d by %d\n", most_bins, x, y);
+    return -1;
+}
+
 // Links the destination, made as counts of hist_x by hist_y where it does not exist, and settles the sizes.
 int link_destination(int cn, const char *name, request &q, linked_module &to) {
     to.link = module_link(name);
     if (!to.link) {
+        const int x = q.hist_x.value_or(usual_bins), y = q.hist_y.value_or(usual_bins);
+        if (check_bins(cn, x, y) != 0)
+            return -1;
         void *head = nullptr;
         sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", name);
-        app_mkmod_head(cn, name, q.hist_x ? q.hist_x : usual_bins, q.hist_y ? q.hist_y : usual_bins, "X", "Y",
-                       0, &head);
+        app_mkmod_head(cn, name, x, y, "X", "Y", 0, &head);
         to.link = module_link::adopt(head);
         if (!to.link)
             return -1;
     }
     if (mod_look(cn, name, to.link.head(), to.view) != 0)
         return -1;
-    q.x.count = q.hist_x ? q.hist_x : to.view.num_x;
-    q.y.count = q.hist_y ? q.hist_y : to.view.num_y;
+    q.x.count = q.hist_x.value_or(to.view.num_x);
+    q.y.count = q.hist_y.value_or(to.view.num_y);
+    if (check_bins(cn, q.x.count, q.y.count) != 0)
+        return -1;
     if (q.x.count <= to.view.num_x && q.y.count <= to.view.num_y)
         return 0;
     sv_printf(cn, "! Error, module '%s' exists but is too small (%d,%d), require at least (%d,%d)\n", name,
@@ -142,20 +155,15 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
     linked_module from, to;
     if (umaths_link_module(cn, from_name, from) != 0)
         return -1;
-    request q{number(quals, key_x_row, 0),
-              number(quals, key_y_row, 1),
-              number(quals, key_num, from.view.num_x),
-              number(quals, key_hist_x, 0),
-              number(quals, key_hist_y, 0),
+    request q{number(quals, key_x_row).value_or(0),
+              number(quals, key_y_row).value_or(1),
+              number(quals, key_num).value_or(from.view.num_x),
+              number(quals, key_hist_x),
+              number(quals, key_hist_y),
               {},
               {}};
     if (check_source(cn, from, q) != 0)
         return -1;
-    const bool x_given = quals >> key_hist_x & 1, y_given = quals >> key_hist_y & 1;
-    if ((x_given && q.hist_x < 1) || (y_given && q.hist_y < 1)) {
-        sv_printf(cn, "! Histogram should have at least 1 bin, not %d by %d\n", q.hist_x, q.hist_y);
-        return -1;
-    }
     std::vector<double> x(static_cast<std::size_t>(q.points)), y(x.size());
     umaths_get_elements(from.view, 0, q.x_row, 0, x);
     umaths_get_elements(from.view, 0, q.y_row, 0, y);
