@@ -131,7 +131,15 @@ int check_shapes(int cn, const umaths_region &a, const umaths_region &b) {
 // Both operands become float first; every operator and scaling has its own loop.
 template <class A, class B, class F>
 void combine(const A *__restrict a, const B *__restrict b, float *__restrict out, int count, F f) {
-    for (int i = 0; i < count; ++i)
+    constexpr int some = 16; // elements: a line of the cache, or two
+    int i = 0;
+    for (; i + some <= count; i += some) {
+        fetch_ahead(a + i);
+        fetch_ahead(b + i);
+        for (int k = i; k < i + some; ++k)
+            out[k] = f(static_cast<float>(a[k]), static_cast<float>(b[k]));
+    }
+    for (; i < count; ++i)
         out[i] = f(static_cast<float>(a[i]), static_cast<float>(b[i]));
 }
 

@@ -28,13 +28,6 @@ template <class S, class Term> S sum_terms(std::size_t count, Term term) {
     return sum;
 }
 
-// The processor fetches ahead within a page of memory; this reaches the next one. No address is wrong here.
-constexpr std::uintptr_t fetch_ahead = 4096;
-
-template <class T> void fetch(const T *at) {
-    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + fetch_ahead));
-}
-
 // Each row's sixteen partial sums, then those in order, then the tail: as sum_terms adds them.
 template <class T, class S> void total_rows(const four_rows<T> &rows, std::size_t count, S *totals) {
     S part[4][lanes] = {};
@@ -42,7 +35,7 @@ template <class T, class S> void total_rows(const four_rows<T> &rows, std::size_
     for (std::size_t i = 0; i < whole; i += lanes)
         for (std::size_t r = 0; r < 4; ++r) {
             const T *from = rows[r] + i;
-            fetch(from);
+            fetch_ahead(from);
             for (std::size_t k = 0; k < lanes; ++k)
                 part[r][k] += from[k];
         }

@@ -87,8 +87,9 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
     return -1;
 }
 
-// Maps the pages that the result takes, at once and not one by one as it is written. Only a matter of speed:
-// where it fails, nothing is lost.
+// Maps the pages that the result takes, at once and not one by one as it is written; where somebody else has
+// the module linked they are likely to be mapped already. Only a matter of speed: where it fails, nothing is
+// lost.
 void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 #ifdef MADV_POPULATE_READ
     const bool flat = !out.mod.is_3d;
@@ -99,7 +100,7 @@ void touch_pages([[maybe_unused]] const UMathsOutput &out) {
     const std::size_t spanned = static_cast<std::size_t>(last - first);
     const std::size_t taken = static_cast<std::size_t>(out.nx) * static_cast<std::size_t>(out.ny) *
                               static_cast<std::size_t>(out.nt) * out.mod.element_size;
-    if (taken < worth_touching || taken < spanned / 2)
+    if (taken < worth_touching || taken < spanned / 2 || datamod_links(out.mod_head.head()) > 1)
         return;
     const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
     const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(first) / page * page;
