@@ -149,6 +149,14 @@ bool fill(int cn, const request &q, std::span<const double> x, std::span<const d
     return true;
 }
 
+void write_counts(std::span<const std::uint32_t> counts, const request &q, const module_view &to) {
+    std::vector<double> line(static_cast<std::size_t>(q.x.count));
+    for (int row = 0; row < q.y.count; ++row, counts = counts.subspan(line.size())) {
+        std::copy_n(counts.begin(), line.size(), line.begin());
+        umaths_put_elements(to, 0, row, 0, line);
+    }
+}
+
 } // namespace
 
 int umaths_histogram(int quals, int cn, const char *from_name, const char *to_name) {
@@ -170,15 +178,11 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
     if (find_range(cn, quals, key_min_x, "X", x, q.x) != 0 ||
         find_range(cn, quals, key_min_y, "Y", y, q.y) != 0 || link_destination(cn, to_name, q, to) != 0)
         return -1;
-    const std::size_t width = static_cast<std::size_t>(q.x.count);
-    std::vector<std::uint32_t> counts(width * static_cast<std::size_t>(q.y.count));
+    std::vector<std::uint32_t> counts(static_cast<std::size_t>(q.x.count) *
+                                      static_cast<std::size_t>(q.y.count));
     if (!fill(cn, q, x, y, counts))
         return -1;
-    std::vector<double> line(width);
-    for (int row = 0; row < q.y.count; ++row) {
-        std::copy_n(counts.begin() + static_cast<std::ptrdiff_t>(width) * row, q.x.count, line.begin());
-        umaths_put_elements(to.view, 0, row, 0, line);
-    }
+    write_counts(counts, q, to.view);
     return 0;
 }
 

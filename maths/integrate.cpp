@@ -182,29 +182,13 @@ int write_rows(int cn, const projection &p, int top, std::span<const sum_of<T>> 
 // next ones. Each result adds its elements in order of frames.
 constexpr std::size_t cached_sums = 16384;
 
-// Adds one frame's row, or four frames' rows.
-template <class T> bool add_frames(int cn, UMaths &r, int row, int plane, int frames, sum_of<T> *sums) {
-    four_rows<T> rows;
-    if (frames == 4 && umaths_four_rows(cn, row, 0, plane, 1, r, rows)) {
-        add_rows(rows, static_cast<std::size_t>(r.dx), sums);
-        return true;
-    }
-    const std::span<const T> line = frames == 1 ? umaths_row<T>(cn, row, plane, r) : std::span<const T>();
-    if (line.empty())
-        return false;
-    add_row(line, sums);
-    return true;
-}
-
 template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, std::vector<sum_of<T>> &sums) {
     const std::size_t width = static_cast<std::size_t>(r.dx);
-    for (int plane = 0, frames = 0; plane < r.dt; plane += frames) {
-        frames = plane + 4 <= r.dt ? 4 : 1;
-        for (int row = 0; row < rows; ++row)
-            if (!add_frames<T>(cn, r, top + row, plane, frames, &sums[static_cast<std::size_t>(row) * width]))
-                return false;
-    }
-    return true;
+    const auto place = [&](int row) { return &sums[static_cast<std::size_t>(row) * width]; };
+    return umaths_over_frames<T>(
+        cn, r, top, rows,
+        [&](const four_rows<T> &lines, int row, int) { add_rows(lines, width, place(row)); },
+        [&](std::span<const T> line, int row, int) { add_row(line, place(row)); });
 }
 
 template <class T>

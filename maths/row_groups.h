@@ -22,6 +22,29 @@ bool umaths_four_rows(int cn, int row, int apart, int plane, int planes_apart, U
     return true;
 }
 
+// Goes through rows top to top + rows - 1 of all frames, frames in order, when they can all be held together:
+// four(lines, row, frame) gets a row of four frames from `frame` on, one(line, row, frame) the row of a
+// single frame where fewer than four are left. Rows count from top. False when a read failed.
+template <class T, class Four, class One>
+bool umaths_over_frames(int cn, UMaths &r, int top, int rows, Four four, One one) {
+    int frame = 0;
+    for (; frame + 4 <= r.dt; frame += 4)
+        for (int row = 0; row < rows; ++row) {
+            four_rows<T> lines;
+            if (!umaths_four_rows(cn, top + row, 0, frame, 1, r, lines))
+                return false;
+            four(lines, row, frame);
+        }
+    for (; frame < r.dt; ++frame)
+        for (int row = 0; row < rows; ++row) {
+            const std::span<const T> line = umaths_row<T>(cn, top + row, frame, r);
+            if (line.empty())
+                return false;
+            one(line, row, frame);
+        }
+    return true;
+}
+
 // The total of every row of a plane, each as row_total gives it. False when a read failed.
 template <class T> bool umaths_plane_totals(int cn, int plane, UMaths &r, std::vector<sum_of<T>> &totals) {
     constexpr int far = 64; // rows: a distance at which the memory sees four places

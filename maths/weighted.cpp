@@ -153,31 +153,18 @@ int write_rows(int cn, const reduced_axis &a, int top, const moments &m, F value
 // ones.
 constexpr std::size_t cached_sums = 8192;
 
-// Adds one frame's row, or four frames' rows.
-template <class T> bool add_frames(int cn, UMaths &r, int row, int plane, int frames, double *f, double *fc) {
-    const double c = r.t + plane + 0.5;
-    four_rows<T> rows;
-    if (frames == 4 && umaths_four_rows(cn, row, 0, plane, 1, r, rows)) {
-        add_moments(rows, static_cast<std::size_t>(r.dx), c, f, fc);
-        return true;
-    }
-    const std::span<const T> line = frames == 1 ? umaths_row<T>(cn, row, plane, r) : std::span<const T>();
-    if (line.empty())
-        return false;
-    add_moments(line, c, f, fc);
-    return true;
-}
-
 template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, moments &m) {
-    for (int plane = 0, frames = 0; plane < r.dt; plane += frames) {
-        frames = plane + 4 <= r.dt ? 4 : 1;
-        for (int row = 0; row < rows; ++row) {
-            const std::size_t at = static_cast<std::size_t>(row) * static_cast<std::size_t>(r.dx);
-            if (!add_frames<T>(cn, r, top + row, plane, frames, &m.f[at], &m.fc[at]))
-                return false;
-        }
-    }
-    return true;
+    const std::size_t width = static_cast<std::size_t>(r.dx);
+    const auto place = [&](int row) { return static_cast<std::size_t>(row) * width; };
+    const auto c = [&](int frame) { return r.t + frame + 0.5; };
+    return umaths_over_frames<T>(
+        cn, r, top, rows,
+        [&](const four_rows<T> &lines, int row, int frame) {
+            add_moments(lines, width, c(frame), &m.f[place(row)], &m.fc[place(row)]);
+        },
+        [&](std::span<const T> line, int row, int frame) {
+            add_moments(line, c(frame), &m.f[place(row)], &m.fc[place(row)]);
+        });
 }
 
 template <class T, class F>
