@@ -1,32 +1,29 @@
 // `maths accumulate`: the sum of a region.
 #include "maths/commands.h"
-#include "maths/kernels.h"
-#include "maths/reader.h"
+#include "maths/row_groups.h"
 #include "support/element.h"
 
 namespace kestrel {
 
 namespace {
 
-double row_sum(std::span<const float> row) {
-    return row_total(row);
+double as_summand(double total) {
+    return total;
 }
-double row_sum(std::span<const double> row) {
-    return row_total(row);
-}
-// Each row of counts is summed in 32-bit arithmetic: a row beyond 2^31 - 1 wraps, as it always has.
-double row_sum(std::span<const std::uint32_t> row) {
-    return row_total_wrapped(row);
+// Each row of counts counts as the signed 32-bit number that its sum leaves: a row beyond 2^31 - 1 wraps, as
+// it always has.
+double as_summand(std::uint64_t total) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(total));
 }
 
 template <class T> bool sum_rows(int cn, UMaths &reader, double &sum) {
-    for (int plane = 0; plane < reader.dt; ++plane)
-        for (int row = 0; row < reader.dy; ++row) {
-            const std::span<const T> line = umaths_row<T>(cn, row, plane, reader);
-            if (line.empty())
-                return false;
-            sum += row_sum(line);
-        }
+    std::vector<sum_of<T>> totals;
+    for (int plane = 0; plane < reader.dt; ++plane) {
+        if (!umaths_plane_totals<T>(cn, plane, reader, totals))
+            return false;
+        for (const sum_of<T> total : totals)
+            sum += as_summand(total);
+    }
     return true;
 }
 

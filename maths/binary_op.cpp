@@ -1,5 +1,6 @@
 // `maths binary-op`: two volumes combined element by element, in single precision.
 #include "maths/commands.h"
+#include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
 #include "parser/call.h"
@@ -130,7 +131,15 @@ int check_shapes(int cn, const umaths_region &a, const umaths_region &b) {
 // Both operands become float first; every operator and scaling has its own loop.
 template <class A, class B, class F>
 void combine(const A *__restrict a, const B *__restrict b, float *__restrict out, int count, F f) {
-    for (int i = 0; i < count; ++i)
+    constexpr int some = 16; // elements: a line of the cache, or two
+    int i = 0;
+    for (; i + some <= count; i += some) {
+        fetch_ahead(a + i);
+        fetch_ahead(b + i);
+        for (int k = i; k < i + some; ++k)
+            out[k] = f(static_cast<float>(a[k]), static_cast<float>(b[k]));
+    }
+    for (; i < count; ++i)
         out[i] = f(static_cast<float>(a[i]), static_cast<float>(b[i]));
 }
 
@@ -190,8 +199,26 @@ std::size_t type_code(int utype) {
     return utype == el_long ? 0 : utype == el_float ? 1 : 2;
 }
 
+// A line of a result that does not stay in the cache, through a piece of it that does.
+void line_past_cache(line_function line, const std::byte *a, std::size_t size_a, const std::byte *b,
+                     std::size_t size_b, float *out, int count, const operation &o) {
+    constexpr int piece_max = 2048;
+    float piece[piece_max];
+    for (int i = 0; i < count; i += piece_max) {
+        const int some = std::min(piece_max, count - i);
+        const std::size_t at = static_cast<std::size_t>(i);
+        line(a + at * size_a, b + at * size_b, piece, some, o);
+        copy_past_cache({piece, static_cast<std::size_t>(some)}, out + at);
+    }
+}
+
+constexpr std::size_t cached_result = 0x1000000; // elements: above, nobody finds the result in the cache
+
 int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const operation &o) {
     const line_function line = line_functions[type_code(a.utype) + 3 * type_code(b.utype)];
+    const bool large =
+        static_cast<std::size_t>(a.dx) * static_cast<std::size_t>(a.dy) * static_cast<std::size_t>(a.dt) >
+        cached_result;
     for (int plane = 0; plane < a.dt; ++plane)
         for (int row = 0; row < a.dy; ++row) {
             const std::byte *from_a = umaths_get_line(cn, row, plane, a);
@@ -202,7 +229,12 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
             std::byte *to = umaths_get_output(cn, row, plane, out);
             if (!to)
                 return -1;
-            line(from_a, from_b, reinterpret_cast<float *>(to), a.dx, o);
+            float *const result = reinterpret_cast<float *>(to);
+            if (large)
+                line_past_cache(line, from_a, static_cast<std::size_t>(a.elem_size), from_b,
+                                static_cast<std::size_t>(b.elem_size), result, a.dx, o);
+            else
+                line(from_a, from_b, result, a.dx, o);
         }
     return 0;
 }

@@ -1,8 +1,7 @@
 // `maths integrate`: a region projected onto an axis or a plane by summation.
 #include "maths/commands.h"
-#include "maths/kernels.h"
 #include "maths/output.h"
-#include "maths/reader.h"
+#include "maths/row_groups.h"
 #include "parser/call.h"
 #include "server/output.h"
 #include "support/element.h"
@@ -61,55 +60,82 @@ int check_target(int cn, const UMaths &r, projection &p) {
     return 0;
 }
 
-// Adds one row of the region to where it belongs in the sums.
-template <class T>
-void take_row(const projection &p, std::span<const T> line, int row, int plane,
-              std::vector<sum_of<T>> &sums) {
-    const std::size_t width = static_cast<std::size_t>(p.nx);
-    const std::size_t y = static_cast<std::size_t>(row), t = static_cast<std::size_t>(plane);
-    switch (p.target) {
-    case to_x:
-        return add_row(line, sums.data());
-    case to_xy:
-        return add_row(line, sums.data() + y * width);
-    case to_xt:
-        return add_row(line, sums.data() + t * width);
-    case to_y:
-        sums[y] += row_total(line);
-        return;
-    case to_t:
-        sums[t] += row_total(line);
-        return;
-    default:
-        sums[t * width + y] += row_total(line);
-    }
+std::size_t width_of(const projection &p) {
+    return static_cast<std::size_t>(p.nx);
 }
 
-// Rows whose sums fit the cache together are summed over all frames before the next ones: with the rows at
-// hand the sums then stay in the cache. Each result still adds its elements in order of frames.
-constexpr std::size_t cached_sums = 32768;
+// Adds all rows of a plane to one line of sums, by fours where they can be held together.
+template <class T> bool add_to_line(int cn, UMaths &r, int plane, sum_of<T> *sums) {
+    int row = 0;
+    for (; umaths_plane_held(r) && row + 4 <= r.dy; row += 4) {
+        four_rows<T> rows;
+        if (!umaths_four_rows(cn, row, 1, plane, 0, r, rows))
+            return false;
+        add_rows(rows, static_cast<std::size_t>(r.dx), sums);
+    }
+    for (; row < r.dy; ++row) {
+        const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
+        if (line.empty())
+            return false;
+        add_row(line, sums);
+    }
+    return true;
+}
+
+// Adds each row of a plane to the line of sums of its own.
+template <class T> bool add_to_lines(int cn, UMaths &r, int plane, sum_of<T> *sums) {
+    for (int row = 0; row < r.dy; ++row) {
+        const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
+        if (line.empty())
+            return false;
+        add_row(line, sums + static_cast<std::size_t>(row) * line.size());
+    }
+    return true;
+}
+
+// Adds the totals of a plane's rows to where they belong.
+template <class T>
+bool add_totals(int cn, UMaths &r, const projection &p, int plane, std::vector<sum_of<T>> &totals,
+                std::vector<sum_of<T>> &sums) {
+    if (!umaths_plane_totals<T>(cn, plane, r, totals))
+        return false;
+    const std::size_t t = static_cast<std::size_t>(plane);
+    for (std::size_t y = 0; y < totals.size(); ++y)
+        sums[p.target == to_y ? y : p.target == to_t ? t : t * width_of(p) + y] += totals[y];
+    return true;
+}
 
 template <class T> bool sum_region(int cn, UMaths &r, const projection &p, std::vector<sum_of<T>> &sums) {
-    const bool blocked = p.target == to_xy && umaths_all_held(r);
-    const int rows_at_once =
-        blocked ? std::clamp(static_cast<int>(cached_sums / static_cast<std::size_t>(r.dx)), 1, r.dy) : r.dy;
-    for (int top = 0; top < r.dy; top += rows_at_once)
-        for (int plane = 0; plane < r.dt; ++plane)
-            for (int row = top; row < std::min(r.dy, top + rows_at_once); ++row) {
-                const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
-                if (line.empty())
-                    return false;
-                take_row(p, line, row, plane, sums);
-            }
-    return true;
+    std::vector<sum_of<T>> totals;
+    bool read = true;
+    for (int plane = 0; read && plane < r.dt; ++plane)
+        switch (p.target) {
+        case to_x:
+            read = add_to_line<T>(cn, r, plane, sums.data());
+            break;
+        case to_xt:
+            read = add_to_line<T>(cn, r, plane, &sums[static_cast<std::size_t>(plane) * width_of(p)]);
+            break;
+        case to_xy:
+            read = add_to_lines<T>(cn, r, plane, sums.data());
+            break;
+        default:
+            read = add_totals<T>(cn, r, p, plane, totals, sums);
+        }
+    return read;
+}
+
+// How many elements each result sums.
+std::uint64_t summed(const UMaths &r, const projection &p) {
+    const std::uint64_t all = static_cast<std::uint64_t>(r.dx) * static_cast<std::uint64_t>(r.dy) *
+                              static_cast<std::uint64_t>(r.dt);
+    return all / (static_cast<std::uint64_t>(p.nx) * static_cast<std::uint64_t>(p.ny));
 }
 
 // The number by which each result is divided.
 template <class T>
 bool divisor(int cn, UMaths &r, const projection &p, int quals, double least, std::uint64_t &out) {
-    const std::uint64_t all = static_cast<std::uint64_t>(r.dx) * static_cast<std::uint64_t>(r.dy) *
-                              static_cast<std::uint64_t>(r.dt);
-    out = all / (static_cast<std::uint64_t>(p.nx) * static_cast<std::uint64_t>(p.ny));
+    out = summed(r, p);
     if (!(quals & min_last) || p.target != to_y)
         return true;
     const std::span<const T> line = umaths_row<T>(cn, r.dy - 1, r.dt - 1, r);
@@ -138,16 +164,44 @@ float result_of(double sum, std::uint64_t by, const float *before) {
     return static_cast<float>(sum + (before ? static_cast<double>(*before) : 0.0));
 }
 
+// Writes result rows from `top` on, as many as there are sums.
 template <class T>
-int write_result(int cn, const projection &p, const std::vector<sum_of<T>> &sums, std::uint64_t by, bool add,
-                 UMathsOutput &out) {
-    for (int row = 0; row < p.ny; ++row) {
+int write_rows(int cn, const projection &p, int top, std::span<const sum_of<T>> sums, std::uint64_t by,
+               bool add, UMathsOutput &out) {
+    for (int row = top; !sums.empty(); ++row, sums = sums.subspan(width_of(p))) {
         T *line = reinterpret_cast<T *>(umaths_get_output(cn, row, 0, out));
         if (!line)
             return -1;
-        const sum_of<T> *from = sums.data() + static_cast<std::size_t>(row) * static_cast<std::size_t>(p.nx);
-        for (int i = 0; i < p.nx; ++i)
-            line[i] = result_of(from[i], by, add ? &line[i] : nullptr);
+        for (std::size_t i = 0; i < width_of(p); ++i)
+            line[i] = result_of(sums[i], by, add ? &line[i] : nullptr);
+    }
+    return 0;
+}
+
+// Rows whose sums fit the cache together are summed over all frames, four at a time, and written before the
+// next ones. Each result adds its elements in order of frames.
+constexpr std::size_t cached_sums = 16384;
+
+template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, std::vector<sum_of<T>> &sums) {
+    const std::size_t width = static_cast<std::size_t>(r.dx);
+    const auto place = [&](int row) { return &sums[static_cast<std::size_t>(row) * width]; };
+    return umaths_over_frames<T>(
+        cn, r, top, rows,
+        [&](const four_rows<T> &lines, int row, int) { add_rows(lines, width, place(row)); },
+        [&](std::span<const T> line, int row, int) { add_row(line, place(row)); });
+}
+
+template <class T>
+int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, bool add, UMathsOutput &out) {
+    const int at_once = std::clamp(static_cast<int>(cached_sums / width_of(p)), 1, p.ny);
+    std::vector<sum_of<T>> sums;
+    for (int top = 0; top < p.ny; top += at_once) {
+        const int count = std::min(at_once, p.ny - top);
+        sums.assign(static_cast<std::size_t>(count) * width_of(p), {});
+        if (!sum_frames<T>(cn, r, top, count, sums))
+            return umaths_read_error(cn);
+        if (write_rows<T>(cn, p, top, sums, by, add, out) != 0)
+            return -1;
     }
     return 0;
 }
@@ -161,11 +215,13 @@ int integrate(int cn, int quals, UMaths &r, const projection &p, double least, c
         return -1;
     if (umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
-    std::vector<sum_of<T>> sums(static_cast<std::size_t>(p.nx) * static_cast<std::size_t>(p.ny));
+    if (p.target == to_xy && umaths_all_held(r))
+        return integrate_frames<T>(cn, r, p, quals & average ? summed(r, p) : 0, add, out);
     std::uint64_t by = 0;
+    std::vector<sum_of<T>> sums(width_of(p) * static_cast<std::size_t>(p.ny));
     if (!sum_region<T>(cn, r, p, sums) || (quals & average && !divisor<T>(cn, r, p, quals, least, by)))
         return umaths_read_error(cn);
-    return write_result<T>(cn, p, sums, by, add, out);
+    return write_rows<T>(cn, p, 0, sums, by, add, out);
 }
 
 } // namespace

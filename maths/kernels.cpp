@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <array>
 
+#ifdef __SSE2__
+#include <xmmintrin.h>
+#endif
+
 namespace kestrel {
 
 namespace {
@@ -22,6 +26,26 @@ template <class S, class Term> S sum_terms(std::size_t count, Term term) {
     for (std::size_t i = whole; i < count; ++i)
         sum += term(i);
     return sum;
+}
+
+// Each row's sixteen partial sums, then those in order, then the tail: as sum_terms adds them.
+template <class T, class S> void total_rows(const four_rows<T> &rows, std::size_t count, S *totals) {
+    S part[4][lanes] = {};
+    const std::size_t whole = count - count % lanes;
+    for (std::size_t i = 0; i < whole; i += lanes)
+        for (std::size_t r = 0; r < 4; ++r) {
+            const T *from = rows[r] + i;
+            fetch_ahead(from);
+            for (std::size_t k = 0; k < lanes; ++k)
+                part[r][k] += from[k];
+        }
+    for (std::size_t r = 0; r < 4; ++r) {
+        totals[r] = S{};
+        for (const S p : part[r])
+            totals[r] += p;
+        for (std::size_t i = whole; i < count; ++i)
+            totals[r] += rows[r][i];
+    }
 }
 
 template <class T> moment moment_of(std::span<const T> row, double first) {
@@ -65,6 +89,14 @@ template <class T, class S> void add_each(std::span<const T> row, S *__restrict 
         sums[i] += from[i];
 }
 
+template <class T, class S>
+void add_each_of(const four_rows<T> &rows, std::size_t count, S *__restrict sums) {
+    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
+                        *__restrict d = rows[3];
+    for (std::size_t i = 0; i < count; ++i)
+        sums[i] = sums[i] + a[i] + b[i] + c[i] + d[i];
+}
+
 template <class T>
 void add_each_moment(std::span<const T> row, double c, double *__restrict f, double *__restrict fc) {
     const T *__restrict from = row.data();
@@ -72,6 +104,18 @@ void add_each_moment(std::span<const T> row, double c, double *__restrict f, dou
         const double value = from[i];
         f[i] += value;
         fc[i] += value * c;
+    }
+}
+
+template <class T>
+void add_each_moment_of(const four_rows<T> &rows, std::size_t count, double first, double *__restrict f,
+                        double *__restrict fc) {
+    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
+                        *__restrict d = rows[3];
+    for (std::size_t i = 0; i < count; ++i) {
+        const double va = a[i], vb = b[i], vc = c[i], vd = d[i];
+        f[i] = f[i] + va + vb + vc + vd;
+        fc[i] = fc[i] + va * first + vb * (first + 1) + vc * (first + 2) + vd * (first + 3);
     }
 }
 
@@ -128,13 +172,6 @@ void bin_each(std::span<const T> row, std::size_t factor, std::size_t bins, S *s
 
 } // namespace
 
-std::int32_t row_total_wrapped(std::span<const std::uint32_t> row) {
-    std::uint32_t sum = 0;
-    for (const std::uint32_t value : row)
-        sum += value;
-    return static_cast<std::int32_t>(sum);
-}
-
 double row_total(std::span<const float> row) {
     return sum_terms<double>(row.size(), [&](std::size_t i) { return static_cast<double>(row[i]); });
 }
@@ -150,11 +187,27 @@ std::uint64_t row_total(std::span<const std::uint32_t> row) {
     return sum;
 }
 
+void row_totals(const four_rows<float> &rows, std::size_t count, double *totals) {
+    total_rows(rows, count, totals);
+}
+void row_totals(const four_rows<double> &rows, std::size_t count, double *totals) {
+    total_rows(rows, count, totals);
+}
+void row_totals(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *totals) {
+    total_rows(rows, count, totals);
+}
+
 void add_row(std::span<const float> row, double *sums) {
     add_each(row, sums);
 }
 void add_row(std::span<const std::uint32_t> row, std::uint64_t *sums) {
     add_each(row, sums);
+}
+void add_rows(const four_rows<float> &rows, std::size_t count, double *sums) {
+    add_each_of(rows, count, sums);
+}
+void add_rows(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *sums) {
+    add_each_of(rows, count, sums);
 }
 
 moment row_moment(std::span<const float> row, double first) {
@@ -176,6 +229,12 @@ void add_moments(std::span<const float> row, double c, double *f, double *fc) {
 void add_moments(std::span<const std::uint32_t> row, double c, double *f, double *fc) {
     add_each_moment(row, c, f, fc);
 }
+void add_moments(const four_rows<float> &rows, std::size_t count, double c, double *f, double *fc) {
+    add_each_moment_of(rows, count, c, f, fc);
+}
+void add_moments(const four_rows<std::uint32_t> &rows, std::size_t count, double c, double *f, double *fc) {
+    add_each_moment_of(rows, count, c, f, fc);
+}
 void add_moments_above(std::span<const float> row, double c, const double *thresholds, double *f,
                        double *fc) {
     add_each_moment_above(row, c, thresholds, f, fc);
@@ -196,6 +255,18 @@ void add_maxima(std::span<const float> row, double *maxima) {
 }
 void add_maxima(std::span<const std::uint32_t> row, double *maxima) {
     take_maxima(row, maxima);
+}
+
+void copy_past_cache(std::span<const float> from, float *to) {
+    std::size_t i = 0;
+#ifdef __SSE2__
+    for (; i < from.size() && reinterpret_cast<std::uintptr_t>(to + i) % sizeof(__m128) != 0; ++i)
+        to[i] = from[i];
+    for (; i + 4 <= from.size(); i += 4)
+        _mm_stream_ps(to + i, _mm_loadu_ps(&from[i]));
+    _mm_sfence();
+#endif
+    std::copy(from.begin() + static_cast<std::ptrdiff_t>(i), from.end(), to + i);
 }
 
 void bin_row(std::span<const float> row, std::size_t factor, std::size_t bins, double *sums) {

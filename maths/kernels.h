@@ -3,6 +3,7 @@
 // partial sums, then those in order.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -13,16 +14,32 @@ namespace kestrel {
 // What sums of elements are kept in: exact for integers (64 bits), double for floating point.
 template <class T> using sum_of = std::conditional_t<std::is_integral_v<T>, std::uint64_t, double>;
 
-// A row's total as 32-bit integer arithmetic gives it: it wraps.
-std::int32_t row_total_wrapped(std::span<const std::uint32_t> row);
+// Four rows of one length. Memory gives more when it is read in several places at once, so the loops over
+// large regions take rows by fours; each result is the one that the rows taken singly give.
+template <class T> using four_rows = std::array<const T *, 4>;
 
 double row_total(std::span<const float> row);
 double row_total(std::span<const double> row);
 std::uint64_t row_total(std::span<const std::uint32_t> row);
 
+// For loops over more than the cache holds: the processor fetches ahead within a page of memory, this reaches
+// into the next one. No address is wrong here.
+template <class T> void fetch_ahead(const T *at) {
+    constexpr std::uintptr_t distance = 4096;
+    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + distance));
+}
+
+// The totals of four rows of `count` elements.
+void row_totals(const four_rows<float> &rows, std::size_t count, double *totals);
+void row_totals(const four_rows<double> &rows, std::size_t count, double *totals);
+void row_totals(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *totals);
+
 // sums[i] += row[i]
 void add_row(std::span<const float> row, double *sums);
 void add_row(std::span<const std::uint32_t> row, std::uint64_t *sums);
+// The same for four rows, one after the other.
+void add_rows(const four_rows<float> &rows, std::size_t count, double *sums);
+void add_rows(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *sums);
 
 // The sum of row[i] and of row[i] * (first + i), over the elements not below `threshold`; first is the
 // coordinate of the row's first element.
@@ -38,6 +55,9 @@ moment row_moment_above(std::span<const std::uint32_t> row, double first, double
 // f[i] += row[i], fc[i] += row[i] * c, for a row whose elements all have the coordinate c.
 void add_moments(std::span<const float> row, double c, double *f, double *fc);
 void add_moments(std::span<const std::uint32_t> row, double c, double *f, double *fc);
+// The same for four rows with the coordinates c, c + 1, c + 2 and c + 3, one after the other.
+void add_moments(const four_rows<float> &rows, std::size_t count, double c, double *f, double *fc);
+void add_moments(const four_rows<std::uint32_t> &rows, std::size_t count, double c, double *f, double *fc);
 // The same for the elements not below thresholds[i].
 void add_moments_above(std::span<const float> row, double c, const double *thresholds, double *f, double *fc);
 void add_moments_above(std::span<const std::uint32_t> row, double c, const double *thresholds, double *f,
@@ -48,6 +68,9 @@ double row_maximum(std::span<const std::uint32_t> row);
 // maxima[i] = the larger of maxima[i] and row[i]
 void add_maxima(std::span<const float> row, double *maxima);
 void add_maxima(std::span<const std::uint32_t> row, double *maxima);
+
+// Copies past the cache where the machine can: for results that are too large to stay in it.
+void copy_past_cache(std::span<const float> from, float *to);
 
 // sums[j] += the sum of elements j * factor ... j * factor + factor - 1, for `bins` bins.
 void bin_row(std::span<const float> row, std::size_t factor, std::size_t bins, double *sums);

@@ -1,11 +1,10 @@
 // `maths leastsqr-fit`: a straight line through points of a module's row.
 #include "maths/commands.h"
+#include "maths/module_rows.h"
 #include "maths/results.h"
-#include "modules/store/view.h"
 #include "parser/call.h"
 #include "server/output.h"
 
-#include <cerrno>
 #include <cmath>
 #include <vector>
 
@@ -60,22 +59,15 @@ struct fit_request {
     double x0;
 };
 
-int refuse_row(int cn, const char *format, int rows, int row) {
-    if (row >= 0 && row < rows)
-        return 0;
-    char text[80];
-    std::snprintf(text, sizeof text, format, rows - 1, row);
-    sv_print(cn, text);
-    return -1;
-}
-
-int check(const fit_request &q, const module_view &mod) {
-    const int rows = mod.num_y * mod.num_t; // frames below each other
-    if (refuse_row(q.cn, "! Row should be 0..%d not %d\n", rows, q.row) != 0 ||
-        (q.quals & fit_x_row && refuse_row(q.cn, "! X Row should be 0..%d not %d\n", rows, q.x_row) != 0) ||
+int check(const fit_request &q, const linked_module &module) {
+    const module_view &mod = module.view;
+    if (umaths_check_row(q.cn, "! Row should be 0..%d not %d\n", module, q.row) != 0 ||
+        (q.quals & fit_x_row &&
+         umaths_check_row(q.cn, "! X Row should be 0..%d not %d\n", module, q.x_row) != 0) ||
         (q.quals & fit_errors &&
-         refuse_row(q.cn, "! Error Row should be 0..%d not %d\n", rows, q.errors_row) != 0) ||
-        (q.quals & fit_line && refuse_row(q.cn, "! Fit Row should be 0..%d not %d\n", rows, q.fit_row) != 0))
+         umaths_check_row(q.cn, "! Error Row should be 0..%d not %d\n", module, q.errors_row) != 0) ||
+        (q.quals & fit_line &&
+         umaths_check_row(q.cn, "! Fit Row should be 0..%d not %d\n", module, q.fit_row) != 0))
         return -1;
     if (q.first < 0 || q.first >= mod.num_x || q.last < 0 || q.last >= mod.num_x) {
         sv_printf(q.cn, "! First and last should be in range 0 to %d, not %d, %d\n", mod.num_x - 1, q.first,
@@ -141,14 +133,10 @@ int leastsqr_fit_command(int quals, int cn, const char *module, int first, int l
                         number(fit_line, 1),
                         number(fit_x_row, 3),
                         quals & fit_cross_x0 ? Qualifier[5].DoubleArg : 0.0};
-    const module_link link(module);
-    if (!link) {
-        sv_printf(cn, "! Cannot link to module '%s', errno = %d\n", module, errno);
+    linked_module linked;
+    if (umaths_link_module(cn, module, linked) != 0 || check(q, linked) != 0)
         return -1;
-    }
-    module_view mod;
-    if (mod_look(cn, module, link.head(), mod) != 0 || check(q, mod) != 0)
-        return -1;
+    const module_view &mod = linked.view;
     std::vector<double> x, y;
     for (int point = first; point <= last; ++point) {
         x.push_back(x_of(q, mod, point));

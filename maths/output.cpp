@@ -6,10 +6,15 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace kestrel {
 
 namespace {
+
+constexpr std::size_t worth_touching = 1 << 20; // bytes
 
 enum destination_keyword { to_module, to_tessera, to_carafe, to_mem0, at_x, at_y, at_t };
 
@@ -82,6 +87,28 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
     return -1;
 }
 
+// Maps the pages that the result takes, at once and not one by one as it is written; where somebody else has
+// the module linked they are likely to be mapped already. Only a matter of speed: where it fails, nothing is
+// lost.
+void touch_pages([[maybe_unused]] const UMathsOutput &out) {
+#ifdef MADV_POPULATE_READ
+    const bool flat = !out.mod.is_3d;
+    const int last_row = out.start_y + (flat ? out.ny * out.nt : out.ny) - 1;
+    const int last_plane = flat ? 0 : out.start_t + out.nt - 1;
+    const std::byte *first = out.mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
+    const std::byte *last = out.mod.at(out.start_x + out.nx - 1, last_row, last_plane);
+    const std::size_t spanned = static_cast<std::size_t>(last - first);
+    const std::size_t taken = static_cast<std::size_t>(out.nx) * static_cast<std::size_t>(out.ny) *
+                              static_cast<std::size_t>(out.nt) * out.mod.element_size;
+    if (taken < worth_touching || taken < spanned / 2 || datamod_links(out.mod_head.head()) > 1)
+        return;
+    const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(first) / page * page;
+    ::madvise(reinterpret_cast<void *>(from), reinterpret_cast<std::uintptr_t>(last) - from,
+              MADV_POPULATE_READ);
+#endif
+}
+
 } // namespace
 
 umaths_destination umaths_destination_of(int quals, int first) {
@@ -129,6 +156,7 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     out.full_x = out.mod.num_x;
     out.full_y = out.mod.num_y;
     out.full_t = out.mod.num_t;
+    touch_pages(out);
     return 0;
 }
 

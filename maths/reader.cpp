@@ -1,6 +1,5 @@
 #include "maths/reader.h"
 
-#include "server/interrupt.h"
 #include "server/output.h"
 #include "support/element.h"
 
@@ -62,23 +61,6 @@ bool look_in_place(UMaths &r) {
     if (r.look && !aligned(r.look->first, r))
         r.look.reset();
     return r.look.has_value();
-}
-
-constexpr auto show_after = std::chrono::seconds(1);
-constexpr auto show_every = std::chrono::milliseconds(500);
-
-// Called once a plane. False when ^C came.
-bool go_on(int cn, int plane, UMaths &r) {
-    if (sv_poll_quit(cn) > 0) {
-        sv_printf(cn, "! Terminated by ^C\n");
-        return false;
-    }
-    const auto now = std::chrono::steady_clock::now();
-    if (now - r.started > show_after && now - r.shown > show_every) {
-        sv_timebar(cn, plane, r.dt, "Maths");
-        r.shown = now;
-    }
-    return true;
 }
 
 int read_box(int cn, int row, int plane, int rows, int planes, UMaths &r) {
@@ -179,7 +161,7 @@ int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r,
     r.dx = region.dx;
     r.dy = region.dy;
     r.dt = region.dt;
-    r.started = r.shown = std::chrono::steady_clock::now();
+    r.progress = {};
     const std::size_t all = size_of(r.dx) * size_of(r.dy) * size_of(r.dt);
     if (look_in_place(r))
         share_out(r, std::max(std::min(all, buffer_max / size_of(r.elem_size)), size_of(r.dx)));
@@ -199,7 +181,7 @@ const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &r) {
         sv_printf(cn, "! Attempt to read illegal row %d, plane %d\n", row, plane);
         return nullptr;
     }
-    if (row == 0 && !go_on(cn, plane, r))
+    if (row == 0 && !r.progress.go_on(cn, plane, r.dt))
         return nullptr;
     return r.num_planes > 0 ? plane_mode_line(cn, row, plane, r) : line_mode_line(cn, row, plane, r);
 }

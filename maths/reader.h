@@ -3,9 +3,9 @@
 // runs of lines at a time. One reader a command; used by one thread.
 #pragma once
 
+#include "maths/progress.h"
 #include "unified/handles/handles.h"
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -36,8 +36,7 @@ struct UMaths {
     int current_plane = -1;
     int handle = -1;
     std::optional<unified_look> look;
-    std::chrono::steady_clock::time_point started{};
-    std::chrono::steady_clock::time_point shown{};
+    umaths_progress progress;
 };
 
 // The region lies inside the handle's data, which are long, float or double unless any type will do: 0, or -1
@@ -54,6 +53,11 @@ const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &reader);
 
 // True when every row can be had at no cost, in any order.
 bool umaths_all_held(const UMaths &reader);
+
+// True when the rows of one plane can be held at the same time.
+inline bool umaths_plane_held(const UMaths &reader) {
+    return reader.num_planes > 0;
+}
 
 // Reads copies from now on if the rows lie in the mapping that starts at `owner`: the result goes there.
 // 0, or -1 after a line when there is no memory for them.

@@ -19,17 +19,20 @@ struct factors {
     int x = 1, y = 1, t = 1;
 };
 
-int check_factor(int cn, char axis, int factor, int length) {
+int check_factor(int cn, const char *complaint, int factor, int length) {
     if (factor >= 2 && factor <= length / 2)
         return 0;
-    sv_printf(cn, "! EROR Expected rebin %c to be in range 2 to %d not %d\n", axis, length / 2, factor);
+    sv_printf(cn, complaint, length / 2, factor);
     return -1;
 }
 
 int check_factors(int cn, int quals, const factors &by, const UMaths &r) {
-    if ((quals & 1 && check_factor(cn, 'X', by.x, r.dx) != 0) ||
-        (quals & 2 && check_factor(cn, 'Y', by.y, r.dy) != 0) ||
-        (quals & 4 && check_factor(cn, 'T', by.t, r.dt) != 0))
+    if ((quals & 1 &&
+         check_factor(cn, "! EROR Expected rebin X to be in range 2 to %d not %d\n", by.x, r.dx) != 0) ||
+        (quals & 2 &&
+         check_factor(cn, "! EROR Expected rebin Y to be in range 2 to %d not %d\n", by.y, r.dy) != 0) ||
+        (quals & 4 &&
+         check_factor(cn, "! EROR Expected rebin T to be in range 2 to %d not %d\n", by.t, r.dt) != 0))
         return -1;
     return 0;
 }

@@ -75,6 +75,36 @@ const PARSE_TREE maths_table[] = {
         "Module name/First point/Last point/Row number/Optional variable to save results/Module row to store "
         "residuals/Module row to store the fitted line/Fill whole row with the fit and its error/Take x from "
         "this row/Force the intercept to 0/Force the line through (x0, 0)"),
+    pt_command<umaths_stability>("stability",
+                                 "%d %d %d %d %d %d %d x y t signed skip %d module %s tessera %s carafe mem0 "
+                                 "start-x %d start-y %d start-t "
+                                 "%d  = %d",
+                                 "Measure 'DC' signal aver, Stdev, min and max as 1 dimension varies",
+                                 "Unified handle/x1/y1/t1/x2/y2/t2/As X varies/As Y varies/As T varies/Long "
+                                 "data are signed/Leave out this "
+                                 "many elements at the start/To Module <name>/To Tessera <name>/To carafe/To "
+                                 "mem0/start point for x/start "
+                                 "point for y/start point for t"),
+    pt_command<umaths_measure_mask>("measure-mask", "%d x y = %d",
+                                    "Measure integral non-linearity from mask image",
+                                    "Unified handle/Along X axis/Along Y axis"),
+    pt_command<umaths_smooth>("smooth", "%s %d %d %d %d %d wrapped = %d", "Smooth 1 row data in data module",
+                              "Module name/First point/Last point/Row number/Destination row/Width in points "
+                              "(odd)/Treat first to last as a circle"),
+    pt_command<umaths_smooth2d>("smooth2d", "%s %s %d = %d", "Smooth Entire 2D data module",
+                                "Source module/Destination module/Width in points (odd)"),
+    pt_command<umaths_mark_contour>("mark-contour", "%s %s %d %d clear cumulative = %d",
+                                    "Find contour on source module and draw it onto a destination module",
+                                    "Source module/Destination module/Level/Value to draw/Clear destination "
+                                    "module/Add value to destination "
+                                    "module"),
+    pt_command<umaths_histogram>(
+        "histogram",
+        " %s %s x-row %d y-row %d num %d hist-x %d hist-y %d min-x %g max-x %g min-y %g max-y %g = %d",
+        "Histogram list of X-Y values from data mod to data mod",
+        "Source module/Destination module/Row with X values/Row with Y values/Number of points/Number of "
+        "bins in "
+        "X/Number of bins in Y/Lower end of X/Upper end of X/Lower end of Y/Upper end of Y"),
     pt_end(),
 };
 

@@ -2,8 +2,8 @@
 // is the element's absolute index plus 0.5, the centre of the pixel, as in measure-peak.
 #include "maths/axis.h"
 #include "maths/commands.h"
-#include "maths/kernels.h"
 #include "maths/output.h"
+#include "maths/row_groups.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
 #include "server/output.h"
@@ -26,19 +26,33 @@ int umaths_choose_axis(int cn, int quals, reduced_axis &out) {
     return -1;
 }
 
+int umaths_axis_length(const UMaths &r, const reduced_axis &a) {
+    return a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
+}
+
+void umaths_size_rest(const UMaths &r, reduced_axis &a) {
+    const int first = a.axis == axis_x ? r.dy : r.dx;
+    const int second = a.axis == axis_t ? r.dy : r.dt;
+    a.nx = first > 1 ? first : second;
+    a.ny = first > 1 ? second : 1;
+}
+
+namespace {
+
+int refuse_short_axis(int cn, int axis) {
+    sv_printf(cn, "%s",
+              axis == axis_x   ? "! Why form SUM FX when dx == 1\n"
+              : axis == axis_y ? "! Why form SUM FX when dy == 1\n"
+                               : "! Why form SUM FX when dt == 1\n");
+    return -1;
+}
+
+} // namespace
+
 int umaths_check_axis(int cn, const UMaths &r, reduced_axis &out) {
-    const int length = out.axis == axis_x ? r.dx : out.axis == axis_y ? r.dy : r.dt;
-    if (length == 1) {
-        sv_printf(cn, "! Why form SUM FX when d%c == 1\n",
-                  out.axis == axis_x   ? 'x'
-                  : out.axis == axis_y ? 'y'
-                                       : 't');
-        return -1;
-    }
-    const int first = out.axis == axis_x ? r.dy : r.dx;
-    const int second = out.axis == axis_t ? r.dy : r.dt;
-    out.nx = first > 1 ? first : second;
-    out.ny = first > 1 ? second : 1;
+    if (umaths_axis_length(r, out) == 1)
+        return refuse_short_axis(cn, out.axis);
+    umaths_size_rest(r, out);
     return 0;
 }
 
@@ -48,8 +62,9 @@ namespace {
 struct moments {
     std::vector<double> f, fc;
     std::vector<double> threshold; // each line's own, when elements below one are left out
+    explicit moments(std::size_t count) : f(count), fc(count) {}
     explicit moments(const reduced_axis &a)
-        : f(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)), fc(f.size()) {}
+        : moments(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)) {}
 };
 
 // Where a row's sums begin, when the axis is y or t: its own line of x.
@@ -112,17 +127,68 @@ bool sum_moments_above(int cn, UMaths &r, const reduced_axis &a, double fraction
            });
 }
 
-template <class F> int write_plane(int cn, const reduced_axis &a, UMathsOutput &out, F value_at) {
-    for (int row = 0; row < a.ny; ++row) {
-        float *line = reinterpret_cast<float *>(umaths_get_output(cn, row, 0, out));
+// What is written of the two sums.
+double weighted_sum(double, double fc) {
+    return fc;
+}
+double mean(double f, double fc) {
+    return f > 0.0 ? fc / f : 0.0;
+}
+
+// Writes result rows from `top` on, as many as there are sums.
+template <class F>
+int write_rows(int cn, const reduced_axis &a, int top, const moments &m, F value_of, UMathsOutput &out) {
+    const std::size_t width = static_cast<std::size_t>(a.nx);
+    for (std::size_t from = 0; from < m.f.size(); from += width, ++top) {
+        float *line = reinterpret_cast<float *>(umaths_get_output(cn, top, 0, out));
         if (!line)
             return -1;
-        for (int i = 0; i < a.nx; ++i)
-            line[i] =
-                static_cast<float>(value_at(static_cast<std::size_t>(row) * static_cast<std::size_t>(a.nx) +
-                                            static_cast<std::size_t>(i)));
+        for (std::size_t i = 0; i < width; ++i)
+            line[i] = static_cast<float>(value_of(m.f[from + i], m.fc[from + i]));
     }
     return 0;
+}
+
+// Along t, rows whose sums fit the cache together are summed over all frames and written before the next
+// ones.
+constexpr std::size_t cached_sums = 8192;
+
+template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, moments &m) {
+    const std::size_t width = static_cast<std::size_t>(r.dx);
+    const auto place = [&](int row) { return static_cast<std::size_t>(row) * width; };
+    const auto c = [&](int frame) { return r.t + frame + 0.5; };
+    return umaths_over_frames<T>(
+        cn, r, top, rows,
+        [&](const four_rows<T> &lines, int row, int frame) {
+            add_moments(lines, width, c(frame), &m.f[place(row)], &m.fc[place(row)]);
+        },
+        [&](std::span<const T> line, int row, int frame) {
+            add_moments(line, c(frame), &m.f[place(row)], &m.fc[place(row)]);
+        });
+}
+
+template <class T, class F>
+int weigh_frames(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &out) {
+    const int at_once = std::clamp(static_cast<int>(cached_sums / static_cast<std::size_t>(r.dx)), 1, r.dy);
+    for (int top = 0; top < r.dy; top += at_once) {
+        const int rows = std::min(at_once, r.dy - top);
+        moments m(static_cast<std::size_t>(rows) * static_cast<std::size_t>(r.dx));
+        if (!sum_frames<T>(cn, r, top, rows, m))
+            return umaths_read_error(cn);
+        if (write_rows(cn, a, top, m, value_of, out) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+template <class T, class F>
+int weigh(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &out) {
+    if (a.axis == axis_t && r.dx > 1 && umaths_all_held(r))
+        return weigh_frames<T>(cn, r, a, value_of, out);
+    moments m(a);
+    if (!sum_moments<T>(cn, r, a, m))
+        return umaths_read_error(cn);
+    return write_rows(cn, a, 0, m, value_of, out);
 }
 
 // Opens the reader with all checks of the family; `refuse_double` is the command's own line.
@@ -159,12 +225,8 @@ int umaths_weighted_sum(int quals, int cn, int handle, int x1, int y1, int t1, i
               "! Umaths weighted integrate cannot handle double data yet\n", r, a) != 0 ||
         start_output(cn, to, a, r, out) != 0)
         return -1;
-    moments m(a);
-    const bool read =
-        r.utype == el_long ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m);
-    if (!read)
-        return umaths_read_error(cn);
-    return write_plane(cn, a, out, [&m](std::size_t i) { return m.fc[i]; });
+    return r.utype == el_long ? weigh<std::uint32_t>(cn, r, a, weighted_sum, out)
+                              : weigh<float>(cn, r, a, weighted_sum, out);
 }
 
 int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
@@ -184,15 +246,14 @@ int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x
               "! Umaths centroid2 cannot handle double data yet\n", r, a) != 0 ||
         start_output(cn, to, a, r, out) != 0)
         return -1;
-    moments m(a);
     const bool counts = r.utype == el_long;
-    const bool read =
-        above ? (counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
-                        : sum_moments_above<float>(cn, r, a, fraction, m))
-              : (counts ? sum_moments<std::uint32_t>(cn, r, a, m) : sum_moments<float>(cn, r, a, m));
-    if (!read)
+    if (!above)
+        return counts ? weigh<std::uint32_t>(cn, r, a, mean, out) : weigh<float>(cn, r, a, mean, out);
+    moments m(a);
+    if (!(counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
+                 : sum_moments_above<float>(cn, r, a, fraction, m)))
         return umaths_read_error(cn);
-    return write_plane(cn, a, out, [&m](std::size_t i) { return m.f[i] > 0.0 ? m.fc[i] / m.f[i] : 0.0; });
+    return write_rows(cn, a, 0, m, mean, out);
 }
 
 // ---------------------------------------------------------------- centroid-old: three commands, as if typed
@@ -217,12 +278,11 @@ int run(int cn, const char *command) {
     return user_service(cn, command, 0, nullptr, nullptr);
 }
 
-// Runs the command; a failing one is shown behind `complaint`.
+// Runs the command; a failing one is shown with `complaint`.
 int run_step(int cn, const command_text &command, const char *complaint) {
     if (run(cn, command.text) >= 0)
         return 0;
-    sv_printf(cn, "%s", complaint);
-    sv_printf(cn, "! '%s'\n", command.text);
+    sv_printf(cn, complaint, command.text);
     return -1;
 }
 
@@ -276,17 +336,15 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
     const umaths_region r = umaths_make_region(x1, y1, t1, x2, y2, t2);
     const int length = a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
     const char *letter = a.axis == axis_x ? "x" : a.axis == axis_y ? "y" : "t";
-    if (length == 1) {
-        sv_printf(cn, "! Why form SUM FX when d%s == 1\n", letter);
-        return -1;
-    }
+    if (length == 1)
+        return refuse_short_axis(cn, a.axis);
     command_text weigh, sum, divide;
     weigh.add("maths weighted-sum %d %d %d %d %d %d %d %s module '%s_fx'", handle, x1, y1, t1, x2, y2, t2,
               letter, name);
     sum.add("maths integrate %d %d %d %d %d %d %d %s module '%s_f'", handle, x1, y1, t1, x2, y2, t2,
             kept_axes(a.axis, r), name);
-    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n") != 0 ||
-        run_step(cn, sum, "! ERROR Forming SUMF from\n") != 0)
+    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n! '%s'\n") != 0 ||
+        run_step(cn, sum, "! ERROR Forming SUMF from\n! '%s'\n") != 0)
         return -1;
     const opened_module fx(cn, name, "_fx"), f(cn, name, "_f");
     divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
@@ -295,7 +353,7 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
         divide.add(" start-x %d", to.start_x);
     if (quals & at_y)
         divide.add(" start-y %d", to.start_y);
-    return run_step(cn, divide, "! ERROR: Performing divide using\n");
+    return run_step(cn, divide, "! ERROR: Performing divide using\n! '%s'\n");
 }
 
 } // namespace kestrel

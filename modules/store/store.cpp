@@ -195,6 +195,12 @@ off_t datamod_mod_size(const void *head) {
     return record == nullptr ? -1 : record->size;
 }
 
+int datamod_links(const void *head) {
+    const std::lock_guard lock(img_mod_mutex);
+    const datamod_record *record = head == nullptr ? nullptr : find(head);
+    return record == nullptr ? 0 : record->links;
+}
+
 bool datamod_is_whole(const void *head) {
     const std::lock_guard lock(img_mod_mutex);
     const datamod_record *record = head == nullptr ? nullptr : find(head);

@@ -39,6 +39,9 @@ int _os_unlink(void *head);
 // Capacity in bytes of a mapped module, or -1.
 off_t datamod_mod_size(const void *head);
 
+// How often a module is linked; 0 for what is not mapped.
+int datamod_links(const void *head);
+
 // The object's present size is still the mapped one or more (errno ENXIO when it was cut short, EINVAL when
 // `head` is not mapped).
 bool datamod_is_whole(const void *head);

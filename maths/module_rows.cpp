@@ -1,0 +1,87 @@
+#include "maths/module_rows.h"
+
+#include "modules/store/headed.h"
+#include "server/output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace kestrel {
+
+namespace {
+
+bool same_size(const module_view &a, const module_view &b) {
+    return a.num_x == b.num_x && a.num_y == b.num_y && a.num_t == b.num_t;
+}
+
+} // namespace
+
+int linked_module::rows() const {
+    const long long all = static_cast<long long>(view.num_y) * view.num_t;
+    return static_cast<int>(std::min<long long>(all, std::numeric_limits<int>::max()));
+}
+
+int umaths_link_module(int cn, const char *name, linked_module &out) {
+    out.link = module_link(name);
+    if (!out.link) {
+        sv_printf(cn, "! Cannot link to module '%s', errno = %d\n", name, errno);
+        return -1;
+    }
+    return mod_look(cn, name, out.link.head(), out.view);
+}
+
+int umaths_module_like(int cn, const char *name, const module_view &like, int data_float,
+                       linked_module &out) {
+    out.link = module_link(name);
+    if (!out.link) {
+        void *head = nullptr;
+        sv_printf(cn, "# Module '%s' not found, making it as %s module\n", name, like.is_3d ? "3D" : "2D");
+        if (like.is_3d)
+            app_mkmod3d(cn, name, like.num_x, like.num_y, like.num_t, "X", "Y", "T", nullptr, data_float,
+                        &head);
+        else
+            app_mkmod_head(cn, name, like.num_x, like.num_y, "X", "Y", data_float, &head);
+        out.link = module_link::adopt(head);
+        if (!out.link)
+            return -1;
+    }
+    if (mod_look(cn, name, out.link.head(), out.view) != 0)
+        return -1;
+    if (!same_size(out.view, like)) {
+        sv_printf(cn, "! Error, module '%s' exists but is wrong size (%d,%d,%d) not (%d,%d,%d)\n", name,
+                  out.view.num_x, out.view.num_y, out.view.num_t, like.num_x, like.num_y, like.num_t);
+        return -1;
+    }
+    return 0;
+}
+
+int umaths_check_row(int cn, const char *format, const linked_module &module, int row) {
+    if (row >= 0 && row < module.rows())
+        return 0;
+    char text[80];
+    std::snprintf(text, sizeof text, format, module.rows() - 1, row);
+    sv_print(cn, text);
+    return -1;
+}
+
+void umaths_get_elements(const module_view &view, int x, int y, int t, std::span<double> values) {
+    const std::byte *from = view.at(x, y, t);
+    for (double &value : values) {
+        value = mod_get_element(from, view.data_type);
+        from += view.element_size;
+    }
+}
+
+void umaths_put_elements(const module_view &view, int x, int y, int t, std::span<const double> values) {
+    const bool real = view.data_type == MOD_FLOAT || view.data_type == MOD_DOUBLE;
+    std::byte *to = view.at(x, y, t);
+    for (const double value : values) {
+        mod_put_element(to, view.data_type, real ? value : std::floor(value + 0.5));
+        to += view.element_size;
+    }
+}
+
+} // namespace kestrel
