@@ -51,11 +51,12 @@ inline char *put_decimal(char *out, std::uint32_t value) {
     using namespace number_text_detail;
     if (value >= 100000000) {
         const std::uint32_t top = value / 100000000; // 1 to 42
-        put_pair(out, top);
-        out[0] = top < 10 ? out[1] : out[0];
-        out += top < 10 ? 1 : 2;
-        put_word(out, eight_digits(value % 100000000) + ascii_zeros);
-        return out + 8;
+        const std::uint64_t rest = eight_digits(value - top * 100000000) + ascii_zeros;
+        out[0] = static_cast<char>('0' + top / 10);
+        out += top >= 10 ? 1 : 0; // a leading zero is written over
+        out[0] = static_cast<char>('0' + top % 10);
+        put_word(out + 1, rest);
+        return out + 9;
     }
     const std::uint64_t digits = eight_digits(value);
     // Leading zeros are shifted out; the last digit stays, even if it is one.
