@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
@@ -30,8 +31,6 @@
 namespace kestrel {
 
 namespace {
-
-using steady = std::chrono::steady_clock;
 
 constexpr int listen_backlog = 4;
 constexpr int select_seconds = 5;
@@ -225,6 +224,11 @@ struct socket_sets {
     fd_set read;
     fd_set write;
     int highest = -1;
+    struct watched {
+        int cn;
+        int fd;
+    };
+    std::vector<watched> sockets;
     std::vector<int> sessions; // whose received bytes are there to be served
 };
 
@@ -247,21 +251,24 @@ void set_watches(socket_sets &sets) {
     FD_ZERO(&sets.read);
     FD_ZERO(&sets.write);
     sets.highest = -1;
+    sets.sockets.clear();
     sets.sessions.clear();
     const bool attention = outbox_attention();
-    for (int cn = 0; cn < sv_max_clients; ++cn) {
+    int left = nr_conns; // the slots behind the last session are not looked at
+    for (int cn = 0; left > 0 && cn < sv_max_clients; ++cn) {
         const client_descriptor &c = client[cn];
         if (!c.valid)
             continue;
+        --left;
         const bool waits = attention && waits_for_peer(cn);
         if (!c.valid)
             continue;
-        if (waits)
-            watch(sets, sets.write, c.out);
-        else if (!sv_received(c).empty())
+        if (!waits && !sv_received(c).empty()) {
             sets.sessions.push_back(cn);
-        else
-            watch(sets, sets.read, c.in);
+            continue;
+        }
+        watch(sets, waits ? sets.write : sets.read, c.in);
+        sets.sockets.push_back({cn, c.in});
     }
     if (nr_conns < sv_max_clients)
         watch(sets, sets.read, listen_socket);
@@ -279,9 +286,16 @@ bool serve_session(int cn) {
     return outbox_try(cn) == outbox_status::empty && more;
 }
 
+// The time to a few milliseconds, for next to nothing: a round of short lines should not pay for a clock.
+std::chrono::nanoseconds coarse_now() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
 // Serves the sessions in rounds of one line each while turn_time lasts.
 void serve(std::vector<int> &sessions) {
-    const auto end = steady::now() + turn_time;
+    const auto end = coarse_now() + turn_time;
     do {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < sessions.size(); ++i) {
@@ -289,19 +303,16 @@ void serve(std::vector<int> &sessions) {
                 sessions[kept++] = sessions[i];
         }
         sessions.resize(kept);
-    } while (!sessions.empty() && !close_server && steady::now() < end);
+    } while (!sessions.empty() && !close_server && coarse_now() < end);
     outbox_try_all();
 }
 
 // Takes what came on the watched sockets.
 void receive_from_ready(socket_sets &sets) {
-    for (int cn = 0; cn < sv_max_clients; ++cn) {
-        const client_descriptor &c = client[cn];
-        if (!c.valid)
-            continue;
-        if (FD_ISSET(c.out, &sets.write))
+    for (const auto &[cn, fd] : sets.sockets) {
+        if (FD_ISSET(fd, &sets.write))
             outbox_try(cn);
-        if (!FD_ISSET(c.in, &sets.read))
+        if (!FD_ISSET(fd, &sets.read) || !sv_is_valid(cn))
             continue;
         receive(cn);
         sets.sessions.push_back(cn);

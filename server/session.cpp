@@ -62,10 +62,6 @@ client_descriptor *sv_get_descriptor(int cn) {
     return &client[cn];
 }
 
-bool sv_is_valid(int cn) {
-    return cn >= 0 && cn < sv_max_clients && client[cn].valid != 0;
-}
-
 void sv_fill_slot(int cn, int in, int out) {
     client_descriptor &c = client[cn];
     clear_slot(c);
