@@ -3,8 +3,8 @@
 #include "support/fd.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>

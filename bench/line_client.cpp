@@ -2,14 +2,15 @@
 // what else the machine does meets all of them alike.
 //   line_client ROUNDS LINES AT_ONCE  PORT GREETING LINE REPLY  PORT GREETING LINE REPLY ...
 // A turn sends LINES lines, AT_ONCE together, and waits for the replies to these before it sends on. Every
-// byte that comes must be REPLY's. Prints a line a server: the median of its rates, in lines a second, and
-// the median over the rounds of its rate as a ratio to the first server's.
+// byte that comes must be REPLY's. An "@" in LINE and REPLY is a number, another one in each of the lines
+// that are sent together. Prints a line a server: the median of its rates, in lines a second, and the median
+// over the rounds of its rate as a ratio to the first server's.
 #include "support/fd.h"
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -33,10 +34,13 @@ struct peer {
     std::exit(1);
 }
 
+// The text `count` times, with numbers from 1000 on for each "@" in it.
 std::string repeated(const std::string &text, int count) {
     std::string all;
-    for (int i = 0; i < count; ++i)
-        all += text;
+    for (int i = 0; i < count; ++i) {
+        for (const char c : text)
+            all += c == '@' ? std::to_string(1000 + i) : std::string(1, c);
+    }
     return all;
 }
 

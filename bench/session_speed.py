@@ -4,6 +4,7 @@
   one line    `eval int 1+2`, one session, the next line when the reply is there: against redis-server's inline
               PING, and against a bare select-receive-send echo of the same line
   1000 lines  the same, sent at once: against 1000 inline PINGs sent at once
+  1000 other  the same with a number in each line that no other has, so that nothing is known of a line
   loop        a million passes of a three-line script loop: against Lua that compiles these three lines anew with
               load in each pass; processor time of both
   300 idle    one line at a time again, beside 300 sessions that say nothing; and what a session takes of memory
@@ -26,6 +27,7 @@ PROGRAMS = pathlib.Path(kestrel_session.KESTREL).resolve().parent
 IDLE = 300
 PASSES = 1_000_000
 KESTREL = "> ", "eval int 1+2\n", "* 3\r\n> "
+DIFFERENT = "> ", "eval int 0+@\n", "* @\r\n> "
 REDIS = "", "PING\r\n", "+PONG\r\n"
 ECHO = "", KESTREL[1], KESTREL[1]
 
@@ -79,6 +81,8 @@ def lines(server, redis, echo):
     report("one line", ours[0], "echo", echoes[0], 1 / echoes[1], 0.85)
     ours, pings = measure(150, 20_000, 1000, (server.port, KESTREL), (redis.port, REDIS))
     report("1000 lines", ours[0], "redis PING", pings[0], 1 / pings[1], 1.0)
+    ours, pings = measure(150, 20_000, 1000, (server.port, DIFFERENT), (redis.port, REDIS))
+    report("1000 other", ours[0], "redis PING", pings[0], 1 / pings[1], 1.0)
 
 
 def processor_seconds(server):

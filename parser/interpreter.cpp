@@ -11,6 +11,7 @@
 #include "server/output.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -31,10 +32,18 @@ int nesting = 0; // lines being interpreted, one inside the other
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    scanned_line typed; // a script keeps its lines itself
+    std::array<scanned_line, 16> typed; // who polls sends the same few lines; a script keeps its own
     token next;
     std::vector<pt_value> values;
     std::vector<std::string> strings; // of the values of type 's', in their order
+
+    // The line in scanned form, known already if it ran lately.
+    scanned_line &line(std::string_view text) {
+        const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
+        scanned_line &found = typed[is_long ? 0 : std::hash<std::string_view>{}(text) % typed.size()];
+        found.assign(text);
+        return found;
+    }
 };
 
 class nested_scratch {
@@ -410,9 +419,9 @@ int service(int cn, scanned_line *scanned, const char *typed, const delivery &to
         if (!scanned) {
             if (!preprocess(cn, typed, kept->expanded))
                 return finish_error(cn);
-            kept->typed.assign(kept->expanded);
+            scanned = &kept->line(kept->expanded);
         }
-        line_state state(cn, scanned ? *scanned : kept->typed, *kept);
+        line_state state(cn, *scanned, *kept);
         return run_line(state, to, status_out);
     } catch (const std::bad_alloc &) {
         return out_of_memory(cn);

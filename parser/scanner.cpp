@@ -65,7 +65,9 @@ void scanned_line::read_item() {
 }
 
 void scanned_line::assign(std::string_view line) {
-    constexpr std::size_t kept_text = 4096, kept_items = 64;
+    constexpr std::size_t kept_text = 1024, kept_items = 16;
+    if (line == text_)
+        return;
     if (text_.capacity() > kept_text || items_.size() > kept_items) {
         text_ = {};
         items_ = {};

@@ -42,7 +42,8 @@ class scanned_line {
     scanned_line(const scanned_line &) = delete;
     scanned_line &operator=(const scanned_line &) = delete;
 
-    // Becomes another line; keeps the memory of the old one unless that was much.
+    // Becomes that line. What is known of the same line stays; of another one only the memory, unless it is
+    // much.
     void assign(std::string_view line);
 
     // Evaluates item number `index` (0 based); items are asked for in order, each compiled once.
