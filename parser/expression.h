@@ -79,10 +79,10 @@ std::string expression_dump(const program &p);
 
 // Characters of a variable name, behind "%" (digits may come first) and bare.
 constexpr bool is_name_char(char c) {
-    return is_letter(c) || is_digit(c) || c == '_' || c == '.';
+    return is_kind(c, kind_name);
 }
 constexpr bool is_name_start(char c) {
-    return is_letter(c) || c == '_';
+    return is_kind(c, kind_name_start);
 }
 
 } // namespace kestrel

@@ -32,7 +32,7 @@ int nesting = 0; // lines being interpreted, one inside the other
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    std::array<scanned_line, 16> typed; // who polls sends the same few lines; a script keeps its own
+    std::array<scanned_line, 8> typed; // who polls sends the same few lines; a script keeps its own
     token next;
     std::vector<pt_value> values;
     std::vector<std::string> strings; // of the values of type 's', in their order

@@ -12,7 +12,7 @@ bool is_blank(char c) {
 }
 
 bool is_word_char(char c) {
-    return is_letter(c) || is_digit(c) || c == '-' || c == '_';
+    return is_kind(c, kind_word);
 }
 
 } // namespace

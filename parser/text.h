@@ -2,6 +2,7 @@
 // nothing.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string_view>
 
@@ -10,8 +11,24 @@ namespace kestrel {
 constexpr bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
-constexpr bool is_letter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+
+// Kinds of characters, a bit each: of variable names, of their beginnings, of words.
+enum character_kind : unsigned char { kind_name = 1, kind_name_start = 2, kind_word = 4 };
+
+inline constexpr std::array<unsigned char, 256> character_kinds = [] {
+    std::array<unsigned char, 256> kinds{};
+    for (unsigned c = '0'; c <= '9'; ++c)
+        kinds[c] = kind_name | kind_word;
+    for (unsigned c = 'A'; c <= 'Z'; ++c)
+        kinds[c] = kinds[c - 'A' + 'a'] = kind_name | kind_name_start | kind_word;
+    kinds['_'] = kind_name | kind_name_start | kind_word;
+    kinds['.'] = kind_name;
+    kinds['-'] = kind_word;
+    return kinds;
+}();
+
+constexpr bool is_kind(char c, character_kind kind) {
+    return (character_kinds[static_cast<unsigned char>(c)] & kind) != 0;
 }
 
 constexpr char lower_case(char c) {

@@ -77,8 +77,9 @@ void run_startup() {
 
 // ---- new sessions
 
-void user_prompt(int cn) {
-    sv_write(cn, sv_prompt_text.data(), sv_prompt_text.size());
+// Returns what the session has been told and not been sent.
+std::size_t user_prompt(int cn) {
+    return outbox_append(cn, sv_prompt_text, {}).value_or(0);
 }
 
 void set_no_delay(int cn, int fd) {
@@ -157,8 +158,8 @@ void log_line(int cn, const char *line) {
     }
 }
 
-// Runs the line in c.input. The session may be gone afterwards.
-void service_line_of(int cn) {
+// Runs the line in c.input. The session may be gone afterwards; returns what is unsent.
+std::size_t service_line_of(int cn) {
     client_descriptor &c = client[cn];
     char line[sv_line_max + 1];
     std::memcpy(line, c.input, c.len + 1);
@@ -170,12 +171,12 @@ void service_line_of(int cn) {
         std::fputc('\n', log_file);
         std::fflush(log_file);
     }
-    if (sv_is_valid(cn))
-        user_prompt(cn);
+    return sv_is_valid(cn) ? user_prompt(cn) : 0;
 }
 
-// Feeds the session's received bytes up to the end of one line, and runs it. True when more are to be served.
-bool serve_one_line(int cn) {
+// Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
+// when more bytes are to be served.
+bool serve_one_line(int cn, std::size_t &unsent) {
     client_descriptor &c = client[cn];
     std::string reply;
     std::string notice;
@@ -194,7 +195,7 @@ bool serve_one_line(int cn) {
     if (event == input_event::disconnect)
         sv_disconnect_client(cn);
     if (event == input_event::line)
-        service_line_of(cn);
+        unsent = service_line_of(cn);
     return sv_is_valid(cn) && event != input_event::pause && !sv_received(c).empty();
 }
 
@@ -280,8 +281,9 @@ void set_watches(socket_sets &sets) {
 bool serve_session(int cn) {
     if (!sv_is_valid(cn))
         return false;
-    const bool more = serve_one_line(cn);
-    if (!sv_is_valid(cn) || (more && outbox_look(cn).unsent < gathered_between_lines))
+    std::size_t unsent = 0;
+    const bool more = serve_one_line(cn, unsent);
+    if (!sv_is_valid(cn) || (more && unsent < gathered_between_lines))
         return more;
     return outbox_try(cn) == outbox_status::empty && more;
 }
