@@ -116,16 +116,26 @@ def resident(server):
 
 def idle(alone, scratch):
     crowded = kestrel_session.Server(scratch)
+    crowded_echo = Peer(PROGRAMS / "echo_server", "{port}")
+    silent = []
     try:
         crowded.client().lines("eval int 1+2")
         before = resident(crowded)
-        for _ in range(IDLE):
-            crowded.client()
-        memory = (resident(crowded) - before) / IDLE
-        ours, quiet = measure(100, 2000, 1, (crowded.port, KESTREL), (alone.port, KESTREL))
+        clients = [crowded.client() for _ in range(IDLE)]
+        fresh = (resident(crowded) - before) / IDLE
+        for client in clients:
+            client.lines("eval int 1+2")
+        used = (resident(crowded) - before) / IDLE
+        silent = [socket.create_connection(("127.0.0.1", crowded_echo.port)) for _ in range(IDLE)]
+        ours, quiet, echoes = measure(60, 1000, 1, (crowded.port, KESTREL), (alone.port, KESTREL),
+                                      (crowded_echo.port, ECHO))
         report(f"{IDLE} idle", ours[0], "without them", quiet[0], 1 / quiet[1])
-        print(f"memory of a session that has said nothing: {memory:.1f} KiB", flush=True)
+        report(f"{IDLE} idle", ours[0], "echo with them", echoes[0], 1 / echoes[1])
+        print(f"memory a session: {fresh:.1f} KiB when it opens, {used:.1f} KiB when it has said something", flush=True)
     finally:
+        for connection in silent:
+            connection.close()
+        crowded_echo.close()
         crowded.close()
 
 

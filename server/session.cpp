@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kestrel {
 
@@ -23,7 +24,10 @@ namespace {
 void clear_slot(client_descriptor &c) {
     const std::lock_guard lock(c.output_mutex);
     outbox_discard(c);
-    static_cast<session_fields &>(c) = session_fields{};
+    session_fields &fields = c;
+    const session_fields gone(
+        std::move(fields)); // a string that is only assigned an empty one keeps its memory
+    fields = session_fields{};
 }
 
 void close_data_socket(client_descriptor &c) {
