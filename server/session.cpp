@@ -20,13 +20,13 @@ int close_server = 0;
 
 namespace {
 
-// The slot as it was before its first use; history and candidates are freed.
+// The slot as it was before its first use; its buffers, history and candidates are freed.
 void clear_slot(client_descriptor &c) {
     const std::lock_guard lock(c.output_mutex);
     outbox_discard(c);
     session_fields &fields = c;
-    const session_fields gone(
-        std::move(fields)); // a string that is only assigned an empty one keeps its memory
+    // Moved out first: a string that is only assigned an empty one keeps its memory.
+    const session_fields gone(std::move(fields));
     fields = session_fields{};
 }
 
