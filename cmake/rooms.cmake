@@ -21,7 +21,7 @@ add_library(kestrel_flags INTERFACE)
 target_compile_features(kestrel_flags INTERFACE cxx_std_20)
 target_include_directories(kestrel_flags INTERFACE ${PROJECT_SOURCE_DIR})
 # No contraction: the formulas round as they are written.
-target_compile_options(kestrel_flags INTERFACE -Wall -Wextra -ffp-contract=off)
+target_compile_options(kestrel_flags INTERFACE -Wall -Wextra -ffp-contract=off -fvisibility=hidden)
 if(KESTREL_WERROR)
     target_compile_options(kestrel_flags INTERFACE -Werror)
 endif()

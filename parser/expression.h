@@ -4,6 +4,7 @@
 // recursion at run time, and the parser's is bounded, so that no text can exhaust the stack.
 #pragma once
 
+#include "parser/text.h"
 #include "parser/value.h"
 
 #include <cstddef>
@@ -77,7 +78,11 @@ PE_Value expression_run(int cn, const program &p);
 std::string expression_dump(const program &p);
 
 // Characters of a variable name, behind "%" (digits may come first) and bare.
-bool is_name_char(char c);
-bool is_name_start(char c);
+constexpr bool is_name_char(char c) {
+    return is_kind(c, kind_name);
+}
+constexpr bool is_name_start(char c) {
+    return is_kind(c, kind_name_start);
+}
 
 } // namespace kestrel

@@ -38,10 +38,6 @@ struct cast_word {
 constexpr cast_word cast_words[] = {
     {"int", pe_int}, {"double", pe_double}, {"string", pe_string}, {"qualifier", pe_qualifier}};
 
-bool is_digit(char c) {
-    return c >= '0' && c <= '9';
-}
-
 struct compiler {
     std::string_view line;
     std::size_t at;
@@ -73,8 +69,12 @@ struct compiler {
     }
 
     const binary_operator *peek_operator() const {
+        const char first = peek();
+        const char second = peek(1);
+        if (first == '\0' || first == ' ')
+            return nullptr;
         for (const binary_operator &o : binary_operators)
-            if (line.substr(at).starts_with(o.text))
+            if (o.text[0] == first && (o.text.size() == 1 || o.text[1] == second))
                 return &o;
         return nullptr;
     }
@@ -325,13 +325,6 @@ struct compiler {
 
 } // namespace
 
-bool is_name_start(char c) {
-    return std::isalpha(static_cast<unsigned char>(c)) || c == '_';
-}
-bool is_name_char(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.';
-}
-
 std::string_view program::single_variable() const {
     if (code.size() != 1 || code[0].code != op::load)
         return {};
@@ -344,6 +337,8 @@ const std::string *program::string_constant() const {
 
 bool expression_compile(std::string_view line, std::size_t &at, program &out, std::string &message) {
     message.clear();
+    out.code.clear();
+    out.strings.clear();
     compiler c{line, at, out, message};
     const bool good = c.expression();
     at = c.at;

@@ -317,9 +317,12 @@ PE_Value expression_run(int cn, const program &p) {
             stack.pop_back();
         } else {
             switch (i.code) {
-            case op::push_int:
-                stack.push_back(PE_Value::of(i.a));
+            case op::push_int: {
+                PE_Value &pushed = stack.emplace_back();
+                pushed.type = pe_int;
+                pushed.IntValue = i.a;
                 break;
+            }
             case op::push_double:
                 stack.push_back(PE_Value::of(i.d));
                 break;

@@ -11,6 +11,7 @@
 #include "server/output.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -28,11 +29,21 @@ namespace {
 
 int nesting = 0; // lines being interpreted, one inside the other
 
-// What converting a line needs; kept from line to line, one for each level of nesting.
+// What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
+    std::string expanded;
+    std::array<scanned_line, 8> typed; // who polls sends the same few lines; a script keeps its own
     token next;
     std::vector<pt_value> values;
     std::vector<std::string> strings; // of the values of type 's', in their order
+
+    // The line in scanned form, known already if it ran lately.
+    scanned_line &line(std::string_view text) {
+        const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
+        scanned_line &found = typed[is_long ? 0 : std::hash<std::string_view>{}(text) % typed.size()];
+        found.assign(text);
+        return found;
+    }
 };
 
 class nested_scratch {
@@ -46,10 +57,13 @@ class nested_scratch {
         --nesting;
         if (level_ >= line_nesting_max || !kept_[level_])
             return;
-        kept_[level_]->values.clear();
-        kept_[level_]->strings.clear();
-        if (kept_[level_]->next.ScannedString.capacity() > kept_string_max)
-            kept_[level_]->next.ScannedString = {};
+        scratch &kept = *kept_[level_];
+        kept.values.clear();
+        kept.strings.clear();
+        for (std::string *text : {&kept.expanded, &kept.next.ScannedString}) {
+            if (text->capacity() > kept_string_max)
+                *text = {};
+        }
     }
     nested_scratch(const nested_scratch &) = delete;
     nested_scratch &operator=(const nested_scratch &) = delete;
@@ -391,16 +405,24 @@ int out_of_memory(int cn) {
     return finish_error(cn);
 }
 
-// A typed line: expanded, scanned, run.
-int service(int cn, const char *line, const delivery &to, int *status_out) {
+// Runs a line on a level of its own: `scanned`, or what `typed` expands to.
+int service(int cn, scanned_line *scanned, const char *typed, const delivery &to, int *status_out) {
     if (status_out)
         *status_out = 0;
     try {
-        std::string expanded;
-        if (!preprocess(cn, line, expanded))
+        const nested_scratch nested;
+        scratch *const kept = nested.get();
+        if (!kept) {
+            sv_printf(cn, "! Commands nested deeper than %d levels\n", line_nesting_max);
             return finish_error(cn);
-        scanned_line scanned(expanded);
-        return service_line(cn, scanned, to.result_out, to.print_result, to.log, to.vlog, status_out);
+        }
+        if (!scanned) {
+            if (!preprocess(cn, typed, kept->expanded))
+                return finish_error(cn);
+            scanned = &kept->line(kept->expanded);
+        }
+        line_state state(cn, *scanned, *kept);
+        return run_line(state, to, status_out);
     } catch (const std::bad_alloc &) {
         return out_of_memory(cn);
     }
@@ -410,32 +432,20 @@ int service(int cn, const char *line, const delivery &to, int *status_out) {
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {
-    if (status_out)
-        *status_out = 0;
-    try {
-        const nested_scratch kept;
-        if (!kept.get()) {
-            sv_printf(cn, "! Commands nested deeper than %d levels\n", line_nesting_max);
-            return finish_error(cn);
-        }
-        line_state state(cn, line, *kept.get());
-        return run_line(state, {result_out, print_result, log, vlog}, status_out);
-    } catch (const std::bad_alloc &) {
-        return out_of_memory(cn);
-    }
+    return service(cn, &line, nullptr, {result_out, print_result, log, vlog}, status_out);
 }
 
 int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) {
-    return service(cn, line, {nullptr, print_result, log, vlog}, nullptr);
+    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, nullptr);
 }
 
 int user_service_script(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out) {
-    return service(cn, line, {nullptr, print_result, log, vlog}, status_out);
+    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, status_out);
 }
 
 int user_service_result(int cn, const char *line, Variable *result_out, int *status_out) {
-    return service(cn, line, {result_out, 0, nullptr, nullptr}, status_out);
+    return service(cn, nullptr, line, {result_out, 0, nullptr, nullptr}, status_out);
 }
 
 } // namespace kestrel

@@ -2,6 +2,7 @@
 
 #include "server/output.h"
 
+#include <charconv>
 #include <cstdlib>
 #include <string>
 
@@ -23,9 +24,13 @@ std::string binary_digits(int value) {
 
 void print_integer(int cn, int value, int radix) {
     switch (radix) {
-    case 10:
-        sv_printf(cn, "* %d\n", value);
+    case 10: {
+        char line[16] = "* ";
+        char *const end = std::to_chars(line + 2, line + 15, value).ptr;
+        *end = '\n';
+        sv_print(cn, {line, end + 1});
         return;
+    }
     case 16:
         sv_printf(cn, "* $%x\n", static_cast<unsigned>(value));
         return;

@@ -3,8 +3,6 @@
 #include "parser/variables.h"
 #include "server/output.h"
 
-#include <cctype>
-
 namespace kestrel {
 
 namespace {
@@ -14,7 +12,7 @@ bool is_blank(char c) {
 }
 
 bool is_word_char(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
+    return is_kind(c, kind_word);
 }
 
 } // namespace
@@ -22,49 +20,65 @@ bool is_word_char(char c) {
 // A bare name at the start of an item is a word (command or qualifier), unless "(" or "=" makes it a function
 // call or an assignment.
 bool scanned_line::take_word(item &next) {
-    if (!is_name_start(text[at_]))
+    if (!is_name_start(text_[at_]))
         return false;
     std::size_t name_end = at_;
-    while (name_end < text.size() && is_name_char(text[name_end]))
+    while (name_end < text_.size() && is_name_char(text_[name_end]))
         ++name_end;
-    const char after = name_end < text.size() ? text[name_end] : '\0';
-    const char second = name_end + 1 < text.size() ? text[name_end + 1] : '\0';
+    const char after = name_end < text_.size() ? text_[name_end] : '\0';
+    const char second = name_end + 1 < text_.size() ? text_[name_end + 1] : '\0';
     if (after == '(' || (after == '=' && second != '='))
         return false;
     std::size_t end = at_;
-    while (end < text.size() && is_word_char(text[end]))
+    while (end < text_.size() && is_word_char(text_[end]))
         ++end;
     next.kind = item_kind::word;
-    next.word = std::string_view(text).substr(at_, end - at_);
+    next.word = std::string_view(text_).substr(at_, end - at_);
     at_ = end;
     return true;
 }
 
 void scanned_line::read_item() {
-    while (at_ < text.size() && is_blank(text[at_]))
+    while (at_ < text_.size() && is_blank(text_[at_]))
         ++at_;
-    item next;
+    if (read_ == items_.size())
+        items_.emplace_back();
+    item &next = items_[read_];
     next.position = at_;
-    if (at_ == text.size()) {
+    next.message.clear();
+    if (at_ == text_.size()) {
         next.kind = item_kind::end;
-    } else if (text[at_] == '?') {
+    } else if (text_[at_] == '?') {
         next.kind = item_kind::help;
         ++at_;
     } else if (!take_word(next)) {
-        const bool good = expression_compile(text, at_, next.code, next.message);
+        const bool good = expression_compile(text_, at_, next.code, next.message);
         next.kind = good ? item_kind::expression : item_kind::bad;
     }
     // An item ends at a blank; help may follow at once.
-    const bool ended = at_ == text.size() || is_blank(text[at_]) || text[at_] == '?';
+    const bool ended = at_ == text_.size() || is_blank(text_[at_]) || text_[at_] == '?';
     if (!ended && (next.kind == item_kind::word || next.kind == item_kind::expression)) {
         next.kind = item_kind::bad;
         next.message = "Syntax error";
     }
-    items_.push_back(std::move(next));
+    ++read_;
+}
+
+void scanned_line::assign(std::string_view line) {
+    constexpr std::size_t kept_text = 1024, kept_items = 16;
+    if (line == text_)
+        return;
+    if (text_.capacity() > kept_text || items_.size() > kept_items) {
+        text_ = {};
+        items_ = {};
+    }
+    command = nullptr;
+    read_ = at_ = 0;
+    text_ = line;
 }
 
 void scanned_line::scan(int cn, std::size_t index, token &out) {
-    while (items_.size() <= index)
+    while (read_ <= index)
         read_item();
     const item &next = items_[index];
     out.ScannerInputPosn = next.position;

@@ -35,17 +35,19 @@ struct token {
     std::size_t ScannerInputPosn = 0;
 };
 
-// A line and what is known of it. Items hold views of `text`, so it never moves.
+// A line and what is known of it. Items hold views of its text, so it never moves.
 class scanned_line {
   public:
-    explicit scanned_line(std::string_view line) : text(line) {}
+    explicit scanned_line(std::string_view line = {}) : text_(line) {}
     scanned_line(const scanned_line &) = delete;
     scanned_line &operator=(const scanned_line &) = delete;
 
+    // Becomes that line. What is known of the same line stays; of another one only the memory, unless it is
+    // much.
+    void assign(std::string_view line);
+
     // Evaluates item number `index` (0 based); items are asked for in order, each compiled once.
     void scan(int cn, std::size_t index, token &out);
-
-    const std::string text;
 
     // The command that the first words name, when a run has found it, and the index of the item after them.
     const struct PARSE_TREE *command = nullptr;
@@ -63,7 +65,9 @@ class scanned_line {
     void read_item();
     bool take_word(item &next);
 
+    std::string text_;
     std::vector<item> items_;
+    std::size_t read_ = 0; // this many items are of this line, those behind them wait to be used again
     std::size_t at_ = 0;
 };
 

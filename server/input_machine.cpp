@@ -2,6 +2,7 @@
 
 #include "server/line_editor.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -266,6 +267,21 @@ input_event plain_byte(client_descriptor &c, unsigned char byte) {
     return input_event::more;
 }
 
+// Stores the ordinary characters that `bytes` begins with, as far as the line has room; inside a plain line.
+std::size_t take_ordinary(client_descriptor &c, std::string_view bytes) {
+    const std::size_t most = std::min(bytes.size(), sv_line_max - c.len);
+    std::size_t n = 0;
+    for (; n < most; ++n) {
+        const unsigned char byte = static_cast<unsigned char>(bytes[n]);
+        if (byte < ' ' || byte == BACKSPACE || byte == IAC)
+            break;
+        c.input[c.len + n] = bytes[n];
+    }
+    c.len += n;
+    c.input[c.len] = '\0';
+    return n;
+}
+
 // ---- character mode
 
 // The second byte after ESC, or the last of a longer sequence ("[3~", "[1;5C"): what is unknown does nothing.
@@ -371,12 +387,17 @@ input_event character_byte(client_descriptor &c, unsigned char byte, input_texts
 input_event sv_input_feed(client_descriptor &c, std::string_view bytes, std::size_t &used,
                           input_texts texts) {
     input_event event = input_event::more;
-    for (used = 0; used < bytes.size() && event == input_event::more; ++used) {
-        const unsigned char byte = static_cast<unsigned char>(bytes[used]);
+    for (used = 0; used < bytes.size() && event == input_event::more;) {
         if (between_lines(c.inp_state)) {
             sv_ln_start(c);
             leave_line_end(c);
         }
+        if (!c.echo_mode && c.inp_state == input_state::Normal) {
+            used += take_ordinary(c, bytes.substr(used));
+            if (used == bytes.size())
+                break;
+        }
+        const unsigned char byte = static_cast<unsigned char>(bytes[used++]);
         event = c.echo_mode ? character_byte(c, byte, texts) : plain_byte(c, byte);
     }
     return event;

@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
@@ -30,8 +31,6 @@
 namespace kestrel {
 
 namespace {
-
-using steady = std::chrono::steady_clock;
 
 constexpr int listen_backlog = 4;
 constexpr int select_seconds = 5;
@@ -78,8 +77,9 @@ void run_startup() {
 
 // ---- new sessions
 
-void user_prompt(int cn) {
-    sv_write(cn, sv_prompt_text.data(), sv_prompt_text.size());
+// Returns what the session has been told and not been sent.
+std::size_t user_prompt(int cn) {
+    return outbox_append(cn, sv_prompt_text, {}).value_or(0);
 }
 
 void set_no_delay(int cn, int fd) {
@@ -158,8 +158,8 @@ void log_line(int cn, const char *line) {
     }
 }
 
-// Runs the line in c.input. The session may be gone afterwards.
-void service_line_of(int cn) {
+// Runs the line in c.input. The session may be gone afterwards; returns what is unsent.
+std::size_t service_line_of(int cn) {
     client_descriptor &c = client[cn];
     char line[sv_line_max + 1];
     std::memcpy(line, c.input, c.len + 1);
@@ -171,12 +171,12 @@ void service_line_of(int cn) {
         std::fputc('\n', log_file);
         std::fflush(log_file);
     }
-    if (sv_is_valid(cn))
-        user_prompt(cn);
+    return sv_is_valid(cn) ? user_prompt(cn) : 0;
 }
 
-// Feeds the session's received bytes up to the end of one line, and runs it. True when more are to be served.
-bool serve_one_line(int cn) {
+// Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
+// when more bytes are to be served.
+bool serve_one_line(int cn, std::size_t &unsent) {
     client_descriptor &c = client[cn];
     std::string reply;
     std::string notice;
@@ -195,7 +195,7 @@ bool serve_one_line(int cn) {
     if (event == input_event::disconnect)
         sv_disconnect_client(cn);
     if (event == input_event::line)
-        service_line_of(cn);
+        unsent = service_line_of(cn);
     return sv_is_valid(cn) && event != input_event::pause && !sv_received(c).empty();
 }
 
@@ -225,6 +225,11 @@ struct socket_sets {
     fd_set read;
     fd_set write;
     int highest = -1;
+    struct watched {
+        int cn;
+        int fd;
+    };
+    std::vector<watched> sockets;
     std::vector<int> sessions; // whose received bytes are there to be served
 };
 
@@ -247,21 +252,24 @@ void set_watches(socket_sets &sets) {
     FD_ZERO(&sets.read);
     FD_ZERO(&sets.write);
     sets.highest = -1;
+    sets.sockets.clear();
     sets.sessions.clear();
     const bool attention = outbox_attention();
-    for (int cn = 0; cn < sv_max_clients; ++cn) {
+    int left = nr_conns; // the slots behind the last session are not looked at
+    for (int cn = 0; left > 0 && cn < sv_max_clients; ++cn) {
         const client_descriptor &c = client[cn];
         if (!c.valid)
             continue;
+        --left;
         const bool waits = attention && waits_for_peer(cn);
         if (!c.valid)
             continue;
-        if (waits)
-            watch(sets, sets.write, c.out);
-        else if (!sv_received(c).empty())
+        if (!waits && !sv_received(c).empty()) {
             sets.sessions.push_back(cn);
-        else
-            watch(sets, sets.read, c.in);
+            continue;
+        }
+        watch(sets, waits ? sets.write : sets.read, c.in);
+        sets.sockets.push_back({cn, c.in});
     }
     if (nr_conns < sv_max_clients)
         watch(sets, sets.read, listen_socket);
@@ -273,15 +281,23 @@ void set_watches(socket_sets &sets) {
 bool serve_session(int cn) {
     if (!sv_is_valid(cn))
         return false;
-    const bool more = serve_one_line(cn);
-    if (!sv_is_valid(cn) || (more && outbox_look(cn).unsent < gathered_between_lines))
+    std::size_t unsent = 0;
+    const bool more = serve_one_line(cn, unsent);
+    if (!sv_is_valid(cn) || (more && unsent < gathered_between_lines))
         return more;
     return outbox_try(cn) == outbox_status::empty && more;
 }
 
+// The time to a few milliseconds, for next to nothing: a round of short lines should not pay for a clock.
+std::chrono::nanoseconds coarse_now() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
 // Serves the sessions in rounds of one line each while turn_time lasts.
 void serve(std::vector<int> &sessions) {
-    const auto end = steady::now() + turn_time;
+    const auto end = coarse_now() + turn_time;
     do {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < sessions.size(); ++i) {
@@ -289,19 +305,16 @@ void serve(std::vector<int> &sessions) {
                 sessions[kept++] = sessions[i];
         }
         sessions.resize(kept);
-    } while (!sessions.empty() && !close_server && steady::now() < end);
+    } while (!sessions.empty() && !close_server && coarse_now() < end);
     outbox_try_all();
 }
 
 // Takes what came on the watched sockets.
 void receive_from_ready(socket_sets &sets) {
-    for (int cn = 0; cn < sv_max_clients; ++cn) {
-        const client_descriptor &c = client[cn];
-        if (!c.valid)
-            continue;
-        if (FD_ISSET(c.out, &sets.write))
+    for (const auto &[cn, fd] : sets.sockets) {
+        if (FD_ISSET(fd, &sets.write))
             outbox_try(cn);
-        if (!FD_ISSET(c.in, &sets.read))
+        if (!FD_ISSET(fd, &sets.read) || !sv_is_valid(cn))
             continue;
         receive(cn);
         sets.sessions.push_back(cn);

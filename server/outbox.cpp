@@ -126,7 +126,7 @@ bool out_of_patience(const client_descriptor &c) {
 
 enum class append_result { done, long_enough, gone, no_memory };
 
-append_result append(int cn, std::string_view bytes, outbox_form form) {
+append_result append(int cn, std::string_view bytes, outbox_form form, std::size_t &left) {
     client_descriptor &c = client[cn];
     const std::lock_guard lock(c.output_mutex);
     session_outbox &box = c.outbox;
@@ -152,32 +152,36 @@ append_result append(int cn, std::string_view bytes, outbox_form form) {
         set_counted(box.untried, true, untried_sessions);
     if (unsent(box) > outbox_limit && result == append_result::done)
         result = append_result::long_enough;
+    left = unsent(box);
     settle(box);
     return result;
 }
 
 // Without memory for the whole, pieces that fit the capacity that an outbox always has leave one by one.
-bool append_in_pieces(int cn, std::string_view bytes, outbox_form form) {
+std::optional<std::size_t> append_in_pieces(int cn, std::string_view bytes, outbox_form form) {
+    std::size_t left = 0;
     constexpr std::size_t piece = least_capacity / 2 - 1;
     for (std::size_t at = 0; at < bytes.size(); at += piece) {
         outbox_flush(cn);
-        if (append(cn, bytes.substr(at, piece), form) == append_result::gone)
-            return false;
+        if (append(cn, bytes.substr(at, piece), form, left) == append_result::gone)
+            return std::nullopt;
     }
-    return true;
+    return left;
 }
 
 } // namespace
 
-bool outbox_append(int cn, std::string_view bytes, outbox_form form) {
-    const append_result result = append(cn, bytes, form);
+std::optional<std::size_t> outbox_append(int cn, std::string_view bytes, outbox_form form) {
+    std::size_t left = 0;
+    const append_result result = append(cn, bytes, form, left);
     if (result == append_result::gone)
-        return false;
+        return std::nullopt;
     if (result == append_result::no_memory)
         return append_in_pieces(cn, bytes, form);
-    if (result == append_result::long_enough || !sv_on_command_thread())
-        outbox_flush(cn);
-    return true;
+    if (result == append_result::done && sv_on_command_thread())
+        return left;
+    outbox_flush(cn);
+    return 0;
 }
 
 outbox_status outbox_try(int cn) {

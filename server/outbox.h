@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <string_view>
 
 namespace kestrel {
@@ -20,13 +21,14 @@ enum class outbox_status { empty, waiting, gone };
 
 // Appends the bytes to the session's outbox, with `crlf` every LF as CR LF, and on the terminal below an open
 // progress line with `below_timebar`. Flushes when the outbox grows too long, and always on a worker thread.
-// False when the session is closed or broken. Out of memory sends the bytes piece by piece instead.
+// Out of memory sends the bytes piece by piece instead. Returns what is unsent then, nothing when the session
+// is closed or broken.
 struct outbox_form {
     bool crlf = false;
     bool below_timebar = false;
     bool opens_timebar = false;
 };
-bool outbox_append(int cn, std::string_view bytes, outbox_form form);
+std::optional<std::size_t> outbox_append(int cn, std::string_view bytes, outbox_form form);
 
 // Sends what the peer takes without waiting.
 outbox_status outbox_try(int cn);

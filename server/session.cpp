@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace kestrel {
 
@@ -19,11 +20,14 @@ int close_server = 0;
 
 namespace {
 
-// The slot as it was before its first use; history and candidates are freed.
+// The slot as it was before its first use; its buffers, history and candidates are freed.
 void clear_slot(client_descriptor &c) {
     const std::lock_guard lock(c.output_mutex);
     outbox_discard(c);
-    static_cast<session_fields &>(c) = session_fields{};
+    session_fields &fields = c;
+    // Moved out first: a string that is only assigned an empty one keeps its memory.
+    const session_fields gone(std::move(fields));
+    fields = session_fields{};
 }
 
 void close_data_socket(client_descriptor &c) {
@@ -60,10 +64,6 @@ void disconnect_network_client(int cn) {
 
 client_descriptor *sv_get_descriptor(int cn) {
     return &client[cn];
-}
-
-bool sv_is_valid(int cn) {
-    return cn >= 0 && cn < sv_max_clients && client[cn].valid != 0;
 }
 
 void sv_fill_slot(int cn, int in, int out) {

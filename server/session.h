@@ -112,7 +112,9 @@ extern client_descriptor client[sv_max_clients];
 client_descriptor *sv_get_descriptor(int cn);
 
 // True while the session is open: a handler that may have lost it asks before it touches the slot.
-bool sv_is_valid(int cn);
+inline bool sv_is_valid(int cn) {
+    return cn >= 0 && cn < sv_max_clients && client[cn].valid != 0;
+}
 
 // True once the session is over, also in direct mode, where its slot stays: a script goes no further.
 bool sv_is_ended(int cn);

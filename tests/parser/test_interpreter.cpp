@@ -135,6 +135,37 @@ TEST(interpreter, prints_results_by_type_and_radix) {
     EXPECT_EQ(session.replies(), "* $ff\n* $ffffffff\n* #00000000000000000000000000000101\n");
 }
 
+// The line is known from its first run; what its words stand for may have changed since.
+TEST(interpreter, a_line_that_comes_again_is_run_anew) {
+    EXPECT_EQ(reply("sub take %fresh 1"), "#          ^\n! Undefined Variable 'fresh'\n* -1\n");
+    for (const int value : {7, 8}) {
+        set_int_variable(0, "fresh", value, true);
+        EXPECT_EQ(reply("sub take %fresh 1"), "* " + std::to_string(value) + "\n");
+        EXPECT_EQ(reply("again \"sub take %fresh 1+%fresh\""), "* " + std::to_string(value) + "\n");
+        EXPECT_EQ(seen,
+                  "0 " + std::to_string(value) + " " + std::to_string(value + 1) + ".000000 null 0 t2 o0 df");
+    }
+    set_string_variable(0, "fresh", "text", true);
+    EXPECT_EQ(reply("sub take %fresh 1"), "#          ^\n! Argument 1 should be of type '%d'\n* -1\n");
+    const std::string longer = "text 1" + std::string(3000, ' ');
+    for (int run = 0; run < 2; ++run) {
+        EXPECT_EQ(reply("sub take 1 2 ;"),
+                  "! Syntax error in expression\n#              ^\n! Unknown character "
+                  "found in the arguments\n* -1\n");
+        EXPECT_EQ(reply(longer), "* \"word\"\n");
+        EXPECT_EQ(reply(longer + "1").substr(0, 2), "# "); // an argument too many
+    }
+}
+
+TEST(interpreter, a_line_may_run_itself_while_others_come_between) {
+    set_string_variable(0, "inner", "again %inner", true);
+    const std::string replies = reply("again %inner");
+    EXPECT_EQ(reply("again %inner"), replies);
+    EXPECT_EQ(reply("again 'again \"real 2\"'"), "* 0\n");
+    for (int other = 0; other < 100; ++other)
+        EXPECT_EQ(reply("real " + std::to_string(other)), "* " + std::to_string(other) + "\n");
+}
+
 TEST(interpreter, bounds_lines_within_lines) {
     set_string_variable(0, "self", "again %self", true);
     const std::string replies = reply("again %self");

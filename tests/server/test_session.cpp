@@ -1,5 +1,6 @@
 // A session's output and input over a socket pair.
 #include "server/data_channel.h"
+#include "server/input.h"
 #include "server/interrupt.h"
 #include "server/outbox.h"
 #include "server/output.h"
@@ -139,6 +140,15 @@ TEST_F(session, keeps_the_lines_of_threads_apart) {
         at = end + 2;
     }
     EXPECT_EQ(lines, 1000U);
+}
+
+TEST_F(session, leaves_no_memory_in_its_slot) {
+    type(std::string(50'000, 'x'));
+    EXPECT_GT(sv_receive(client[cn]), 0);
+    sv_print(cn, std::string(50'000, 'y'));
+    sv_disconnect_client(cn);
+    EXPECT_LT(client[cn].received.capacity(), 100);
+    EXPECT_LT(client[cn].outbox.pending.capacity(), 100);
 }
 
 TEST_F(session, of_a_peer_that_reads_nothing_breaks_and_takes_no_more) {
