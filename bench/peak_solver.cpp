@@ -62,12 +62,7 @@ int main(int argc, char **argv) {
 
     peak_vector vector;
     vector.num_peaks = 2;
-    vector.sigma_most = channels;
-    for (std::size_t i = 0; i < 2; ++i) {
-        vector.posn_middle[i] = truth[i].posn;
-        vector.posn_reach[i] = 50.0;
-    }
-    vector.list_parameters();
+    vector.set_ranges(truth, 30.6, channels);
     peak_residuals residuals;
     residuals.vector = &vector;
     std::vector<double> residual, sums(6, 0.0);

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 
 namespace kestrel {
 
@@ -32,9 +31,16 @@ std::vector<double> energies(const peak_fit_trial &trial) {
     return values;
 }
 
+// Somebody in this server uses the module of that name: it is not for us to clear.
+bool in_use(const char *name) {
+    const module_link link(name);
+    return link && datamod_links(link.head()) > 1;
+}
+
 } // namespace
 
-void peak_fit_recorder::begin(peak_fit_solver &solver, int point) {
+void peak_fit_recorder::begin(int cn, peak_fit_solver &solver, int point) {
+    cn_ = cn;
     solver.trial_hook = take;
     solver.trial_user = this;
     point_ = point;
@@ -64,29 +70,38 @@ void peak_fit_recorder::take(void *self, const peak_fit_trial &trial) {
     ++recorder.trials_;
 }
 
-void peak_fit_recorder::write_file(const peak_fit_trial &trial, const std::vector<double> &function) const {
+void peak_fit_recorder::write_file(const peak_fit_trial &trial, const std::vector<double> &function) {
     char name[64];
     std::snprintf(name, sizeof name, "peak_attempt%03d_%02d_%03d.txt", point_, trial.pass,
                   static_cast<int>(trials_));
-    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(name, "we"), std::fclose);
+    std::FILE *file = std::fopen(name, "we");
     for (int i = trial.x1; file && i <= trial.x2; ++i) {
         const auto at = static_cast<std::size_t>(i);
-        std::fprintf(file.get(), "%d\t%g\t%g\n", i, trial.spectrum[at], function[at]);
+        std::fprintf(file, "%d\t%g\t%g\n", i, trial.spectrum[at], function[at]);
     }
+    const bool written = file && !std::ferror(file);
+    if ((file && std::fclose(file) == 0 && written) || file_failed_)
+        return;
+    file_failed_ = true;
+    sv_printf(cn_, "! Cannot write file '%s'\n", name);
 }
 
-void peak_fit_recorder::store(int cn) {
+void peak_fit_recorder::store() {
     if (trials_ == 0)
         return;
     char name[32];
     std::snprintf(name, sizeof name, "peakfit_debug%d", point_);
+    if (in_use(name)) {
+        sv_printf(cn_, "! Module '%s' is in use, trials of point %d are not stored\n", name, point_);
+        return;
+    }
     const int nx = static_cast<int>(channels_), ny = static_cast<int>(trials_);
     void *head = nullptr;
-    app_mkmod3d(cn, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels, 2,
+    app_mkmod3d(cn_, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels, 2,
                 &head);
     const module_link link = module_link::adopt(head);
     module_view mod;
-    if (!head || mod_look(cn, name, head, mod) != 0)
+    if (!head || mod_look(cn_, name, head, mod) != 0)
         return;
     clear_mod(head);
     for (std::size_t i = 0; i < rows_.size(); ++i) {

@@ -13,15 +13,17 @@ namespace kestrel {
 // channel was fitted). From debug level 3 on each trial is a file, too.
 class peak_fit_recorder {
   public:
-    void begin(peak_fit_solver &solver, int point);
-    void store(int cn); // after the point is fitted
+    void begin(int cn, peak_fit_solver &solver, int point);
+    void store(); // after the point is fitted
 
   private:
     static constexpr std::size_t rows_of_trial = 6;
     static void take(void *self, const peak_fit_trial &trial);
-    void write_file(const peak_fit_trial &trial, const std::vector<double> &function) const;
+    void write_file(const peak_fit_trial &trial, const std::vector<double> &function);
 
+    int cn_ = 0;
     int point_ = 0;
+    bool file_failed_ = false; // and the user knows
     std::size_t channels_ = 0, trials_ = 0;
     std::vector<std::vector<double>> rows_; // rows_of_trial of each trial
 };

@@ -40,17 +40,32 @@ Eigen::MatrixXd jacobian(peak_residuals &residuals, std::vector<double> x, Eigen
     return j;
 }
 
+// Inverse of a symmetric matrix of unit diagonal; directions that it does not determine are left out.
+Eigen::MatrixXd inverse(const Eigen::MatrixXd &matrix) {
+    constexpr double undetermined = 1e-12;
+    const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(matrix);
+    Eigen::VectorXd values = solver.eigenvalues();
+    for (double &value : values)
+        value = value > undetermined ? 1.0 / value : 0.0;
+    return solver.eigenvectors() * values.asDiagonal() * solver.eigenvectors().transpose();
+}
+
+// A channel's variance is its count; the mean of data and model knows it also where nothing was counted.
+Eigen::VectorXd variances(peak_residuals &residuals, const std::vector<double> &x) {
+    std::vector<double> residual(residuals.count());
+    residuals.evaluate(x.data(), residual.data());
+    Eigen::VectorXd variance(static_cast<Eigen::Index>(residuals.data.size()));
+    for (std::size_t i = 0; i < residuals.data.size(); ++i)
+        variance(static_cast<Eigen::Index>(i)) = std::max(residuals.data[i] - 0.5 * residual[i], 0.0);
+    return variance;
+}
+
 Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> &x) {
     Eigen::VectorXd scale;
     const Eigen::MatrixXd j = jacobian(residuals, x, scale);
-    Eigen::CompleteOrthogonalDecomposition<Eigen::MatrixXd> decomposed(j.rows(), j.cols());
-    decomposed.setThreshold(1e-7); // what differs by less from others is not determined
-    decomposed.compute(j);
-    const Eigen::MatrixXd inverse = decomposed.pseudoInverse();
-    Eigen::VectorXd variance(j.rows());
-    for (Eigen::Index r = 0; r < j.rows(); ++r)
-        variance(r) = std::max(residuals.data[static_cast<std::size_t>(r)], 0.0);
-    Eigen::MatrixXd result = inverse * variance.asDiagonal() * inverse.transpose();
+    const Eigen::MatrixXd normal = inverse(j.transpose() * j);
+    const Eigen::MatrixXd weighted = j.transpose() * variances(residuals, x).asDiagonal() * j;
+    Eigen::MatrixXd result = normal * weighted * normal;
     for (Eigen::Index c = 0; c < scale.size(); ++c) {
         const double by = scale(c) > 0.0 ? 1.0 / scale(c) : 0.0;
         result.row(c) *= by;
@@ -85,6 +100,7 @@ double deviation(const peak_vector &vector, std::vector<double> x, const Eigen::
 void peak_fit_error_bars(peak_residuals &residuals, const std::vector<double> &x,
                          std::span<peak_fit_sigmas> errors) {
     const peak_vector &vector = *residuals.vector;
+    residuals.prepare();
     const Eigen::MatrixXd c = covariance(residuals, x);
     for (std::size_t i = 0; i < vector.num_peaks; ++i) {
         const auto of = [&](quantity q) { return deviation(vector, x, c, i, q); };

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -29,6 +30,7 @@ constexpr auto show_every = std::chrono::milliseconds(500);
 // What the threads of a part share.
 struct crew {
     std::atomic<bool> stop = false;
+    std::atomic<bool> out_of_memory = false; // and the user knows
     std::atomic<int> fitted = 0;
     std::mutex mutex;
     std::condition_variable finished;
@@ -57,16 +59,27 @@ void show(int cn, int done, int total, std::chrono::steady_clock::time_point &sh
     shown = now;
 }
 
+bool stopped_together(const void *together) {
+    return static_cast<const crew *>(together)->stop.load(std::memory_order_relaxed);
+}
+
+// The same on the thread that the interrupt comes to.
+bool interrupted(const void *together) {
+    return sv_quit > 0 || stopped_together(together);
+}
+
 bool all_finite(const std::vector<double> &spectrum) {
     return std::all_of(spectrum.begin(), spectrum.end(), [](double value) { return std::isfinite(value); });
 }
 
-// The spectrum with `neighbours` more on each side, as far as there are any.
-void sum_neighbours(const peak_spectra &spectra, int q, int s, int neighbours, std::vector<double> &sum) {
+// The spectrum with `neighbours` more on each side, as far as there are any. How many were added.
+int sum_neighbours(const peak_spectra &spectra, int q, int s, int neighbours, std::vector<double> &sum) {
+    const int from = std::max(0, q - neighbours), to = std::min(spectra.nq - 1, q + neighbours);
     spectra.get(q, s, sum);
-    for (int other = std::max(0, q - neighbours); other <= std::min(spectra.nq - 1, q + neighbours); ++other)
+    for (int other = from; other <= to; ++other)
         if (other != q)
             spectra.add(other, s, sum);
+    return to - from;
 }
 
 struct worker {
@@ -76,7 +89,8 @@ struct worker {
     std::optional<peak_fit_recorder> recorder;
 
     int point(int q, int s) const {
-        return job.part.first_q + (q - job.part.q1) + (job.part.first_s + s) * job.part.scan_nq;
+        return job.part.first_point + job.part.first_q + (q - job.part.q1) +
+               (job.part.first_s + s) * job.part.scan_nq;
     }
 
     peak_fit_fitted fit(int q, int s) {
@@ -88,12 +102,14 @@ struct worker {
             return failed;
         }
         peak_fit_fitted fitted = solver.peak_fit_run_solver(request, point(q, s), spectrum);
-        for (int n = 1; fitted.status == peak_fit_status::insufficient && n <= peak_fit_most_neighbours &&
-                        peak_fit_constraint & peak_fit_by_top_sum;
-             n *= 2) {
-            sum_neighbours(*job.part.spectra, q, s, n, spectrum);
-            if (!all_finite(spectrum))
+        if (!(peak_fit_constraint & peak_fit_by_top_sum))
+            return fitted;
+        for (int n = 1, added = 0;
+             fitted.status == peak_fit_status::insufficient && n <= peak_fit_most_neighbours; n *= 2) {
+            const int more = sum_neighbours(*job.part.spectra, q, s, n, spectrum);
+            if (more == added || !all_finite(spectrum))
                 break;
+            added = more;
             if (request.tell)
                 sv_printf(request.cn, "# Retrying with num_neb=%d\n", n);
             fitted = solver.peak_fit_run_solver(request, point(q, s), spectrum);
@@ -131,10 +147,10 @@ struct worker {
         if (job.together->stop)
             return false;
         if (recorder)
-            recorder->begin(solver, point(q, s));
+            recorder->begin(job.request.cn, solver, point(q, s));
         const peak_fit_fitted fitted = fit(q, s);
         if (recorder)
-            recorder->store(job.request.cn);
+            recorder->store();
         if (fitted.status == peak_fit_status::stopped)
             return false;
         if (job.request.tell)
@@ -147,21 +163,31 @@ struct worker {
     }
 };
 
-// Fits a job's block. Out of memory ends the block, not the server.
+int points_of(const peak_fit_job &job) {
+    return (job.last - job.first + 1) * job.part.spectra->ns;
+}
+
+void tell_out_of_memory(const peak_fit_job &job) {
+    if (!job.together->out_of_memory.exchange(true))
+        sv_printf(job.request.cn, "! ERROR: Cannot malloc memory for x vector\n");
+}
+
+// Fits a job's block. Out of memory ends the block, not the server: what is left of it counts as errors.
 void peak_fit_unified_do(peak_fit_job &job) {
+    int left = points_of(job);
     try {
         worker w{job, {}, {}, {}};
         if (job.calling_thread && peak_fit_debug > 1 && job.total < fewest_for_threads)
             w.recorder.emplace();
         for (int s = 0; s < job.part.spectra->ns; ++s)
-            for (int q = job.first; q <= job.last; ++q)
+            for (int q = job.first; q <= job.last; ++q, --left)
                 if (!w.one(q, s)) {
                     job.counts.stopped = true;
                     return;
                 }
     } catch (const std::bad_alloc &) {
-        sv_printf(job.request.cn, "! ERROR: Cannot malloc memory for x vector\n");
-        ++job.counts.errors;
+        tell_out_of_memory(job);
+        job.counts.errors += left;
     }
 }
 
@@ -191,13 +217,16 @@ bool start(peak_fit_job &job, int nthreads, std::vector<std::jthread> &threads) 
         const std::lock_guard lock(job.together->mutex);
         ++job.together->running;
     }
+    int error = 0;
     try {
         threads.emplace_back([&job] { run_thread(job); });
         return true;
-    } catch (const std::system_error &error) {
-        sv_printf(job.request.cn, "! ERROR creating thread %d of %d. rc=%d\n", job.thread, nthreads,
-                  error.code().value());
+    } catch (const std::system_error &failed) {
+        error = failed.code().value();
+    } catch (const std::bad_alloc &) {
+        error = ENOMEM;
     }
+    sv_printf(job.request.cn, "! ERROR creating thread %d of %d. rc=%d\n", job.thread, nthreads, error);
     const std::lock_guard lock(job.together->mutex);
     --job.together->running;
     return false;
@@ -237,10 +266,11 @@ peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
         peak_fit_job &job = jobs[static_cast<std::size_t>(i)];
         job.thread = i;
         job.calling_thread = false;
+        job.request.stopped = stopped_together;
         job.first = blocks[static_cast<std::size_t>(i)].first;
         job.last = blocks[static_cast<std::size_t>(i)].last;
         if (!start(job, nthreads, threads))
-            ++counts.errors;
+            counts.errors += points_of(job);
     }
     wait_for(*whole.together, whole.request.cn, whole.done, whole.total, whole.shown);
     counts.errors += join(threads, whole.request.cn);
@@ -276,7 +306,8 @@ peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fi
     job.first = part.q1;
     job.last = part.q2;
     job.request = request;
-    job.request.stop = &together.stop;
+    job.request.stopped = interrupted;
+    job.request.user = &together;
     job.part = part;
     job.output = &output;
     job.together = &together;

@@ -11,7 +11,7 @@ namespace kestrel {
 extern int peak_fit_max_threads; // 1..64
 
 struct peak_fit_counts {
-    int errors = 0;
+    int errors = 0;       // points that are left unfitted
     int insufficient = 0; // too few counts to fit
     int near_ends = 0;    // peaks near x1 or x2
     int high_at_ends = 0; // large values near x1 or x2
@@ -25,7 +25,8 @@ struct peak_fit_part {
     const peak_spectra *spectra = nullptr;
     int q1 = 0, q2 = 0;
     int first_q = 0, first_s = 0;
-    int scan_nq = 0; // points along the whole scan axis
+    int scan_nq = 0;     // points along the whole scan axis
+    int first_point = 0; // number that messages give point (0, 0) of the result
 };
 
 // The points first..last in blocks of equal size, one a thread; the last block may be shorter.

@@ -18,10 +18,10 @@ constexpr double wall_strength = 10.0;
 // MINPACK's callback gets no pointer of ours, so the fit that a thread is in hangs on the thread.
 thread_local peak_residuals *fit_of_thread = nullptr;
 
-void peak_fit_residuals(int *, int *, double *x, double *fvec, int *iflag) {
+void peak_fit_residuals(int *, int *, double *x, double *fvec, int *iflag) noexcept {
     peak_residuals &fit = *fit_of_thread;
     ++fit.calls;
-    if (fit.stop && fit.stop->load(std::memory_order_relaxed)) {
+    if (fit.stopped && fit.stopped(fit.user)) {
         *iflag = -1;
         return;
     }
@@ -64,13 +64,41 @@ void subtract(std::span<double> residual, const peak_profile::values &v, double 
 
 } // namespace
 
+void peak_vector::set_ranges(std::span<const peak_fit_peak_t> seeds, double fwhm, std::size_t channels) {
+    sigma_most = static_cast<double>(channels);
+    for (std::size_t i = 0; i < num_peaks; ++i) {
+        posn_middle[i] = seeds[i].posn;
+        posn_reach[i] = 1.5 * fwhm + 0.05 * std::fabs(seeds[i].posn - seeds[main].posn);
+    }
+    find_neighbours(seeds, fwhm);
+    list_parameters();
+}
+
+// Energies are nearly proportional to channels: neighbours keep about their distance, and never change
+// places.
+void peak_vector::find_neighbours(std::span<const peak_fit_peak_t> seeds, double fwhm) {
+    below.fill(-1);
+    for (std::size_t i = 0; i < num_peaks; ++i) {
+        for (std::size_t j = 0; j < num_peaks; ++j) {
+            const double distance = seeds[i].posn - seeds[j].posn;
+            if (!(distance > 0.0) || (below[i] >= 0 && distance >= gap[i]))
+                continue;
+            below[i] = static_cast<int>(j);
+            gap[i] = distance;
+            gap_reach[i] = std::min(0.2 * distance + 0.2 * fwhm, 0.8 * distance);
+        }
+    }
+}
+
 void peak_vector::list_parameters() {
     using kind = peak_parameter::kind;
     parameters.clear();
     for (std::size_t i = 0; i < num_peaks; ++i) {
+        posn_at_[i] = parameters.size();
         parameters.push_back({kind::posn, i});
         if (tie[i] == 0.0)
             parameters.push_back({kind::height, i});
+        sigma_at_[i] = parameters.size();
         parameters.push_back({kind::sigma, i});
     }
     if (!lorentzian)
@@ -122,18 +150,21 @@ double peak_vector::outside(const double *x, std::size_t index) const {
     const peak_parameter &p = parameters[index];
     const double value = x[index];
     switch (p.what) {
-    case kind::posn:
-        return beyond(value - posn_middle[p.peak], -posn_reach[p.peak], posn_reach[p.peak]) /
-               posn_reach[p.peak];
+    case kind::posn: {
+        const std::size_t i = p.peak;
+        const double far = beyond(value - posn_middle[i], -posn_reach[i], posn_reach[i]) / posn_reach[i];
+        if (below[i] < 0)
+            return far;
+        const double other = x[posn_at_[static_cast<std::size_t>(below[i])]];
+        return far + beyond(value - other - gap[i], -gap_reach[i], gap_reach[i]) / gap_reach[i];
+    }
     case kind::height:
         return 0.0; // seen to below: its size is the data's
     case kind::sigma: {
         if (p.peak == main)
             return beyond(value, sigma_least, sigma_most) / sigma_least;
         // The resolution of a detector changes slowly with energy.
-        const auto is_main = [&](const peak_parameter &q) { return q.what == kind::sigma && q.peak == main; };
-        const auto found = std::find_if(parameters.begin(), parameters.end(), is_main);
-        const double other = std::max(x[found - parameters.begin()], sigma_least);
+        const double other = std::max(x[sigma_at_[main]], sigma_least);
         return beyond(value, 0.5 * other, 2.0 * other) / other;
     }
     case kind::lor_frac:
@@ -144,20 +175,25 @@ double peak_vector::outside(const double *x, std::size_t index) const {
     return 0.0;
 }
 
-const peak_profile::values &peak_profile::get(shape s, double posn, double width, int x1, std::size_t count) {
+void peak_profile::prepare(std::size_t count) {
+    for (values &v : slot_) {
+        v.width = 0.0; // of no profile
+        v.at.resize(count);
+    }
+}
+
+const peak_profile::values &peak_profile::get(shape s, double posn, double width, int x1,
+                                              std::size_t count) noexcept {
     for (std::size_t i = 0; i < slot_.size(); ++i) {
-        if (slot_[i] && slot_[i]->posn == posn && slot_[i]->width == width) {
+        if (slot_[i].posn == posn && slot_[i].width == width) {
             newest_ = i;
-            return *slot_[i];
+            return slot_[i];
         }
     }
     newest_ = 1 - newest_;
-    if (!slot_[newest_])
-        slot_[newest_].emplace();
-    values &v = *slot_[newest_];
+    values &v = slot_[newest_];
     v.posn = posn;
     v.width = width;
-    v.at.resize(count);
     if (s == shape::gauss)
         fill_gauss(v, x1, count);
     else
@@ -165,23 +201,21 @@ const peak_profile::values &peak_profile::get(shape s, double posn, double width
     return v;
 }
 
-void peak_profile::forget() {
-    for (std::optional<values> &slot : slot_)
-        slot.reset();
-}
-
 void peak_residuals::set_region(std::span<const double> spectrum, int first, int last) {
     x1 = first;
     data = spectrum.subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(last - first + 1));
     const double highest = std::max(*std::max_element(data.begin(), data.end()), 1.0);
     wall = wall_strength * highest * std::sqrt(static_cast<double>(data.size()));
-    for (std::size_t i = 0; i < gauss.size(); ++i) {
-        gauss[i].forget();
-        lorentz[i].forget();
+}
+
+void peak_residuals::prepare() {
+    for (std::size_t i = 0; i < vector->num_peaks; ++i) {
+        gauss[i].prepare(data.size());
+        lorentz[i].prepare(vector->lorentzian ? data.size() : 0);
     }
 }
 
-void peak_residuals::evaluate(const double *x, double *residual) {
+void peak_residuals::evaluate(const double *x, double *residual) noexcept {
     std::array<peak_fit_peak_t, peak_fit_max_peaks> peaks{};
     vector->unpack(x, peaks);
     const std::span<double> channels(residual, data.size());
@@ -214,6 +248,7 @@ int peak_residuals::minimise(std::vector<double> &x, double tolerance, std::vect
     integers_.resize(x.size());
     work_.resize(static_cast<std::size_t>(lwa));
     calls = 0;
+    prepare();
     fit_of_thread = this;
     lmdif1_(peak_fit_residuals, &m, &n, x.data(), residual.data(), &tolerance, &info, integers_.data(),
             work_.data(), &lwa);

@@ -5,8 +5,6 @@
 #include "maths/peak_model.h"
 
 #include <array>
-#include <atomic>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -28,13 +26,23 @@ struct peak_vector {
     bool lorentzian = false;
     std::vector<peak_parameter> parameters;
     std::array<double, peak_fit_max_peaks> posn_middle{}, posn_reach{}; // positions may move so far
+    // The distance from the next peak below may differ from the expected one by `gap_reach`; no such peak:
+    // -1.
+    std::array<int, peak_fit_max_peaks> below{};
+    std::array<double, peak_fit_max_peaks> gap{}, gap_reach{};
     double sigma_most = 0.0;
 
-    void list_parameters();
+    // Every range from where the peaks are expected and how wide they look, and the list of parameters.
+    void set_ranges(std::span<const peak_fit_peak_t> seeds, double fwhm, std::size_t channels);
     std::vector<double> pack(std::span<const peak_fit_peak_t> peaks) const;
     void unpack(const double *x, std::span<peak_fit_peak_t> peaks) const;
     // By how much, relative to its usual size, parameter `i` lies outside its range; 0 inside.
     double outside(const double *x, std::size_t i) const;
+
+  private:
+    std::array<std::size_t, peak_fit_max_peaks> posn_at_{}, sigma_at_{}; // places in x
+    void list_parameters();
+    void find_neighbours(std::span<const peak_fit_peak_t> seeds, double fwhm);
 };
 
 // Profiles of one peak, kept while their position and width stay: of a Jacobian's calls each changes one
@@ -48,11 +56,12 @@ class peak_profile {
         std::size_t from = 0, to = 0;
         std::vector<double> at;
     };
-    const values &get(shape s, double posn, double width, int x1, std::size_t count);
-    void forget();
+    // Makes room for regions of that many channels, and forgets what it knew.
+    void prepare(std::size_t count);
+    const values &get(shape s, double posn, double width, int x1, std::size_t count) noexcept;
 
   private:
-    std::array<std::optional<values>, 2> slot_;
+    std::array<values, 2> slot_;
     std::size_t newest_ = 0;
 };
 
@@ -63,13 +72,16 @@ struct peak_residuals {
     const peak_vector *vector = nullptr;
     double wall = 0.0; // residual of a parameter that is outside its range by its usual size
     int calls = 0;
-    const std::atomic<bool> *stop = nullptr;
+    bool (*stopped)(const void *user) = nullptr; // asked at every call: an interrupt ends the solver
+    const void *user = nullptr;
     std::array<peak_profile, peak_fit_max_peaks> gauss, lorentz;
 
     void set_region(std::span<const double> spectrum, int first, int last);
     std::size_t count() const { return data.size() + vector->parameters.size(); }
     // Data minus model of each channel, then one residual a parameter: 0 while it is in its range.
-    void evaluate(const double *x, double *residual);
+    void evaluate(const double *x, double *residual) noexcept;
+    // Room for `evaluate` with the present vector and region; to be called before it.
+    void prepare();
     // Levenberg-Marquardt (J. J. More, B. S. Garbow & K. E. Hillstrom, User Guide for MINPACK-1, ANL-80-74):
     // improves x until the tolerance is met. MINPACK's info; the residuals at x are left in `residual`.
     int minimise(std::vector<double> &x, double tolerance, std::vector<double> &residual);

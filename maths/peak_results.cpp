@@ -52,14 +52,17 @@ std::vector<std::string> peak_fit_labels(int num_peaks) {
 
 double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines &lines) {
     double sw = 0.0, sx = 0.0, sy = 0.0;
-    int used = 0;
+    std::size_t used = 0, first = 0;
     const auto count = static_cast<std::size_t>(fitted.num_peaks);
     const auto weight = [&](std::size_t i) {
         const double error = fitted.error[i].posn;
         return error > 0.0 && lines.energy[i] > 0.0 ? 1.0 / (error * error) : 0.0;
     };
-    for (std::size_t i = 0; i < count; ++i) {
-        used += weight(i) > 0.0;
+    for (std::size_t i = count; i-- > 0;) {
+        if (!(weight(i) > 0.0))
+            continue;
+        ++used;
+        first = i;
         sw += weight(i);
         sx += weight(i) * fitted.peak[i].posn;
         sy += weight(i) * lines.energy[i];
@@ -70,9 +73,9 @@ double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines 
         sxx += weight(i) * dx * dx;
         sxy += weight(i) * dx * (lines.energy[i] - sy / sw);
     }
-    if (sxx > 0.0)
+    if (sxx > 0.0 && sxy > 0.0)
         return sxy / sxx;
-    return fitted.peak[0].posn > 0.0 ? lines.energy[0] / fitted.peak[0].posn : 0.0;
+    return fitted.peak[first].posn > 0.0 ? lines.energy[first] / fitted.peak[first].posn : 0.0;
 }
 
 std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fit_lines &lines,
@@ -136,6 +139,15 @@ int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peak
         return refuse(cn, "! The result module must hold float or double elements\n");
     mod_set_labels(out.link.head(), labels); // as far as it has room for them
     return 0;
+}
+
+void peak_fit_clear(const peak_fit_output &out, int nq, int ns, int num_peaks) {
+    peak_fit_fitted nothing;
+    nothing.num_peaks = num_peaks;
+    const std::vector<double> values = peak_fit_values(nothing, {}, {});
+    for (int s = 0; s < ns; ++s)
+        for (int q = 0; q < nq; ++q)
+            peak_fit_put(out, q, s, values);
 }
 
 void peak_fit_put(const peak_fit_output &out, int q, int s, std::span<const double> values) {

@@ -17,8 +17,9 @@ std::vector<std::string> peak_fit_labels(int num_peaks);
 std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fit_lines &lines,
                                     std::span<const double> spectrum);
 
-// keV a channel: the slope of the straight line through the fitted lines, weighted by the errors of their
-// positions; with one line its energy by its position. 0 when no energy is known.
+// keV a channel: the slope of the straight line through the lines whose position is determined, weighted by
+// its error; with one such line, and where the slope makes no sense, energy by position. 0 when no energy is
+// known.
 double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines &lines);
 
 // The result module: point along x, second scan axis along y, one frame a quantity.
@@ -29,6 +30,8 @@ struct peak_fit_output {
 
 // Links or makes it for nq x ns points: 0, or -1 after a line.
 int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, peak_fit_output &out);
+// Every point as one that was not fitted: what a fit that ends early leaves.
+void peak_fit_clear(const peak_fit_output &out, int nq, int ns, int num_peaks);
 void peak_fit_put(const peak_fit_output &out, int q, int s, std::span<const double> values);
 
 } // namespace kestrel

@@ -38,6 +38,9 @@ constexpr double sigma_of_fwhm = 0.42466090014400953; // 1 / sqrt(8 ln 2)
 constexpr double margin = 3.0;                        // FWHM around the outermost peaks that are fitted
 constexpr double weak = 0.01;                         // of the main height, the least seed
 constexpr int most_channels = 1 << 20;                // in one fit
+constexpr double enough_for_tails = 3000.0;           // counts of the main peak; fewer do not show its tails
+constexpr double area_of_unit_peak = 1.06447;         // of a Gaussian of FWHM 1 and height 1
+constexpr int out_of_calls = 5;                       // MINPACK: no convergence
 
 struct channel_range {
     int x1, x2;
@@ -85,14 +88,24 @@ void tell_odd_values(int cn, std::span<const peak_fit_peak_t> peaks) {
     }
 }
 
-// The walls of the ranges give way a little: what is stored lies inside.
-void put_in_range(std::span<peak_fit_peak_t> peaks) {
+// The walls of the ranges give way a little: what is stored lies inside. A line outside the spectrum is not
+// seen.
+void put_in_range(std::span<peak_fit_peak_t> peaks, std::size_t channels) {
     for (peak_fit_peak_t &p : peaks) {
-        p.height = std::max(p.height, 0.0);
+        const bool seen = p.posn >= 0.0 && p.posn < static_cast<double>(channels);
+        p.height = seen ? std::max(p.height, 0.0) : 0.0;
         p.sigma = std::fabs(p.sigma);
         p.lor_frac = std::clamp(p.lor_frac, 0.0, 1.0);
         p.lor_width = p.lor_frac == 0.0 ? 0.0 : std::fabs(p.lor_width);
     }
+}
+
+constexpr double significant = 3.0; // standard deviations
+
+void drop_meaningless_errors(std::span<const peak_fit_peak_t> peaks, std::span<peak_fit_sigmas> errors) {
+    for (std::size_t i = 0; i < peaks.size(); ++i)
+        if (!(peaks[i].height > significant * errors[i].height))
+            errors[i].posn = errors[i].sigma = 0.0;
 }
 
 bool all_finite(std::span<const peak_fit_peak_t> peaks) {
@@ -102,13 +115,18 @@ bool all_finite(std::span<const peak_fit_peak_t> peaks) {
     });
 }
 
+// Over the channels where the model counts at least one.
 double chi_squared(std::span<const double> residual, std::span<const double> data, std::size_t parameters) {
-    if (data.size() <= parameters)
-        return 0.0;
     double sum = 0.0;
-    for (std::size_t i = 0; i < data.size(); ++i)
-        sum += residual[i] * residual[i] / std::max(data[i] - residual[i], 1.0);
-    return sum / static_cast<double>(data.size() - parameters);
+    std::size_t channels = 0;
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        const double model = data[i] - residual[i];
+        if (model < 1.0)
+            continue;
+        sum += residual[i] * residual[i] / model;
+        ++channels;
+    }
+    return channels > parameters ? sum / static_cast<double>(channels - parameters) : 0.0;
 }
 
 } // namespace
@@ -143,6 +161,7 @@ struct peak_fit_solver::state {
 
     peak_list seed(const pass_variant &variant, const peak_fit_start_t &start) const;
     peak_vector vary(const pass_variant &variant, const peak_fit_start_t &start, peak_list &seeds) const;
+    bool shows_tails() const { return area_of_unit_peak * found.height * found.fwhm >= enough_for_tails; }
     bool applies(int pass) const;
     bool try_pass(int pass, peak_fit_solver &solver, outcome &best);
     int solve(const outcome &from, double tolerance, std::vector<double> &x);
@@ -174,19 +193,16 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
     vector.num_peaks = static_cast<std::size_t>(start.num_peaks);
     vector.main = static_cast<std::size_t>(variant.main);
     vector.lorentzian = start.lor_frac > 0.0;
-    vector.sigma_most = static_cast<double>(spectrum.size());
-    for (std::size_t i = 0; i < vector.num_peaks; ++i) {
-        vector.posn_middle[i] = seeds[i].posn;
-        vector.posn_reach[i] = 1.5 * found.fwhm + 0.05 * std::fabs(seeds[i].posn - found.posn);
-        if (i == 0 || !(start.peak[i].peak_flags & peak_fit_tied_height))
+    for (std::size_t i = 1; i < vector.num_peaks; ++i) {
+        if (!(start.peak[i].peak_flags & peak_fit_tied_height))
             continue;
-        vector.tie[i] = start.peak[i].rel_hgt / start.peak[i - 1].rel_hgt;
+        vector.tie[i] = request->lines.height[i] / request->lines.height[i - 1];
         seeds[i].height = seeds[i - 1].height * vector.tie[i];
         if (peak_fit_debug >= 1)
             sv_printf(request->cn, "#  .. Scaling peak %d combined with previous hgt by %g, new hgt=%g\n",
                       static_cast<int>(i), vector.tie[i], seeds[i].height);
     }
-    vector.list_parameters();
+    vector.set_ranges(used(seeds), found.fwhm, spectrum.size());
     return vector;
 }
 
@@ -194,7 +210,7 @@ bool peak_fit_solver::state::applies(int pass) const {
     const pass_variant &variant = passes[pass];
     if (peak_fit_single_pass >= 0)
         return pass == peak_fit_single_pass && variant.main < request->lines.num_peaks;
-    if (variant.lor_frac > 0.0 && peak_fit_constraint & peak_fit_no_lor)
+    if (variant.lor_frac > 0.0 && (peak_fit_constraint & peak_fit_no_lor || !shows_tails()))
         return false;
     return variant.main == 0 || (variant.main < request->lines.num_peaks && request->lines.height[0] == 0.0);
 }
@@ -268,11 +284,12 @@ void peak_fit_solver::state::refine(peak_fit_solver &solver, outcome &best, peak
     }
     best.vector.unpack(x.data(), best.peaks);
     keep_trial(solver, peak_fit_passes(), seeds, best.peaks);
-    if (info == 0 || !std::isfinite(reached) || !all_finite(used(best.peaks)))
+    if (info == 0 || info == out_of_calls || !std::isfinite(reached) || !all_finite(used(best.peaks)))
         return;
     result.chi2 = chi_squared(std::span(residual).first(residuals.data.size()), residuals.data, x.size());
     peak_fit_error_bars(residuals, x, result.error);
-    put_in_range(used(best.peaks));
+    put_in_range(used(best.peaks), spectrum.size());
+    drop_meaningless_errors(used(best.peaks), result.error);
     result.peak = best.peaks;
     result.x1 = residuals.x1;
     result.x2 = residuals.x1 + static_cast<int>(residuals.data.size()) - 1;
@@ -342,7 +359,8 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
     const int parameters = 3 * request.lines.num_peaks + 2;
     if (region.x2 - region.x1 + 1 < parameters || region.x2 - region.x1 >= most_channels)
         return result;
-    s.residuals.stop = request.stop;
+    s.residuals.stopped = request.stopped;
+    s.residuals.user = request.user;
     s.residuals.set_region(spectrum, region.x1, region.x2);
     state::outcome best;
     for (int pass = 0; pass < peak_fit_passes(); ++pass) {
@@ -351,8 +369,12 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
             return result;
         }
     }
-    if (best.pass < 0)
+    if (best.pass < 0) {
+        if (peak_fit_single_pass >= 0)
+            sv_printf(request.cn, "# Pass %d gives no fit of %d peaks\n", peak_fit_single_pass,
+                      request.lines.num_peaks);
         return result;
+    }
     s.refine(*this, best, result);
     if (result.status == peak_fit_status::fitted)
         s.check_ends(point, {result.x1, result.x2}, best.peaks, result);

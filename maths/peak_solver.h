@@ -6,7 +6,6 @@
 #include "maths/peak_model.h"
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <span>
 #include <vector>
@@ -28,7 +27,9 @@ struct peak_fit_request {
     int first = 0, last = 0; // channels that are searched for the main peak
     double width = 0.0;      // typical FWHM, channels; 0 unknown
     bool tell = true;        // a line about each point and its warnings
-    const std::atomic<bool> *stop = nullptr;
+    // Asked at every call of the solver: an interrupt ends it.
+    bool (*stopped)(const void *user) = nullptr;
+    const void *user = nullptr;
 };
 
 enum class peak_fit_status { fitted, insufficient, failed, stopped };
@@ -39,14 +40,15 @@ struct peak_fit_sigmas {
 
 // A fitted spectrum. The errors are standard deviations of the fitted values for Poisson counts: the
 // propagated variance of each channel, as fits without weights need it (G. A. F. Seber & C. J. Wild,
-// Nonlinear Regression (1989), section 2.8.2); 0 for what the spectrum does not determine.
+// Nonlinear Regression (1989), section 2.8.2). 0 for what the spectrum does not determine; a peak below three
+// times the error of its height has neither position nor width.
 struct peak_fit_fitted {
     peak_fit_status status = peak_fit_status::failed;
     int num_peaks = 0;
     std::array<peak_fit_peak_t, peak_fit_max_peaks> peak{};
     std::array<peak_fit_sigmas, peak_fit_max_peaks> error{};
     int x1 = 0, x2 = 0;        // the channels that were fitted
-    double chi2 = 0.0;         // sum of (data - model)^2 / max(model, 1), by the degrees of freedom
+    double chi2 = 0.0;         // sum of (data - model)^2 / model, by the degrees of freedom, where model >= 1
     bool high_at_ends = false; // the spectrum is high at x1 or x2
     bool near_ends = false;    // the first or the last peak is close to x1 or x2
     std::span<const peak_fit_peak_t> peaks() const {

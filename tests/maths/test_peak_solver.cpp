@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <limits>
 #include <random>
 #include <vector>
@@ -29,11 +28,12 @@ class PeakSolver : public testing::Test {
         request_.tell = false;
         request_.lines = *peak_fit_find_element(element);
         request_.last = static_cast<int>(spectrum.size()) - 1;
-        request_.stop = &stop_;
+        request_.stopped = [](const void *stop) { return *static_cast<const bool *>(stop); };
+        request_.user = &stop_;
         return solver_.peak_fit_run_solver(request_, 0, spectrum);
     }
     peak_fit_request request_;
-    std::atomic<bool> stop_ = false;
+    bool stop_ = false;
     peak_fit_solver solver_;
 };
 
