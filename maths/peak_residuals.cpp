@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <minpack.h>
+#include <numeric>
 
 namespace kestrel {
 
@@ -14,6 +15,7 @@ constexpr double sigma_least = 0.3; // channels; nothing narrower is a peak
 // A Lorentzian narrower than the Gaussian (half widths at half height) would be no tail.
 constexpr double ratio_least = 1.174, ratio_most = 20.0;
 constexpr double wall_strength = 10.0;
+constexpr double too_close = 0.8; // FWHM
 
 // MINPACK's callback gets no pointer of ours, so the fit that a thread is in hangs on the thread.
 thread_local peak_residuals *fit_of_thread = nullptr;
@@ -70,23 +72,49 @@ void peak_vector::set_ranges(std::span<const peak_fit_peak_t> seeds, double fwhm
         posn_middle[i] = seeds[i].posn;
         posn_reach[i] = 1.5 * fwhm + 0.05 * std::fabs(seeds[i].posn - seeds[main].posn);
     }
-    find_neighbours(seeds, fwhm);
+    find_leaders(seeds, fwhm);
     list_parameters();
 }
 
-// Energies are nearly proportional to channels: neighbours keep about their distance, and never change
-// places.
-void peak_vector::find_neighbours(std::span<const peak_fit_peak_t> seeds, double fwhm) {
+// The main peak leads its group, the highest seed any other.
+void peak_vector::follow(std::span<const std::size_t> group, std::span<const peak_fit_peak_t> seeds) {
+    const auto less = [&](std::size_t i, std::size_t j) {
+        return j == main || (i != main && seeds[i].height < seeds[j].height);
+    };
+    const std::size_t first = *std::max_element(group.begin(), group.end(), less);
+    for (const std::size_t i : group) {
+        if (i == first || !(seeds[first].posn > 0.0))
+            continue;
+        leader[i] = static_cast<int>(first);
+        leader_ratio[i] = seeds[i].posn / seeds[first].posn;
+    }
+}
+
+// Energies are nearly proportional to channels: leaders keep about their distances, and never change places.
+void peak_vector::find_leaders(std::span<const peak_fit_peak_t> seeds, double fwhm) {
+    std::array<std::size_t, peak_fit_max_peaks> order{};
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    const std::span<std::size_t> used = std::span(order).first(num_peaks);
+    std::stable_sort(used.begin(), used.end(),
+                     [&](std::size_t i, std::size_t j) { return seeds[i].posn < seeds[j].posn; });
+    leader.fill(-1);
     below.fill(-1);
-    for (std::size_t i = 0; i < num_peaks; ++i) {
-        for (std::size_t j = 0; j < num_peaks; ++j) {
-            const double distance = seeds[i].posn - seeds[j].posn;
-            if (!(distance > 0.0) || (below[i] >= 0 && distance >= gap[i]))
-                continue;
-            below[i] = static_cast<int>(j);
-            gap[i] = distance;
-            gap_reach[i] = std::min(0.2 * distance + 0.2 * fwhm, 0.8 * distance);
+    for (std::size_t begin = 0, end = 0; begin < num_peaks; begin = end) {
+        for (end = begin + 1; end < num_peaks; ++end)
+            if (seeds[used[end]].posn - seeds[used[end - 1]].posn >= too_close * fwhm)
+                break;
+        follow(used.subspan(begin, end - begin), seeds);
+    }
+    int last = -1;
+    for (const std::size_t i : used) {
+        if (leader[i] >= 0)
+            continue;
+        below[i] = last;
+        if (last >= 0) {
+            gap[i] = seeds[i].posn - seeds[static_cast<std::size_t>(last)].posn;
+            gap_reach[i] = std::min(0.2 * gap[i] + 0.2 * fwhm, 0.8 * gap[i]);
         }
+        last = static_cast<int>(i);
     }
 }
 
@@ -95,11 +123,13 @@ void peak_vector::list_parameters() {
     parameters.clear();
     for (std::size_t i = 0; i < num_peaks; ++i) {
         posn_at_[i] = parameters.size();
-        parameters.push_back({kind::posn, i});
+        if (leader[i] < 0)
+            parameters.push_back({kind::posn, i});
         if (tie[i] == 0.0)
             parameters.push_back({kind::height, i});
         sigma_at_[i] = parameters.size();
-        parameters.push_back({kind::sigma, i});
+        if (leader[i] < 0)
+            parameters.push_back({kind::sigma, i});
     }
     if (!lorentzian)
         return;
@@ -140,6 +170,11 @@ void peak_vector::unpack(const double *x, std::span<peak_fit_peak_t> peaks) cons
     for (std::size_t i = 0; i < num_peaks; ++i) {
         if (tie[i] != 0.0)
             peaks[i].height = peaks[i - 1].height * tie[i];
+        if (leader[i] >= 0) {
+            const peak_fit_peak_t &first = peaks[static_cast<std::size_t>(leader[i])];
+            peaks[i].posn = first.posn * leader_ratio[i];
+            peaks[i].sigma = first.sigma;
+        }
         peaks[i].lor_frac = frac;
         peaks[i].lor_width = ratio * peaks[i].sigma;
     }

@@ -18,7 +18,8 @@ struct peak_parameter {
 };
 
 // The parameters of a pass: position, height (unless tied) and sigma of each peak; with a Lorentzian its
-// fraction and the ratio of its half width to sigma, both common to all peaks.
+// fraction and the ratio of its half width to sigma, both common to all peaks. Peaks that stand too close to
+// be told apart have one position, in proportion, and one sigma: those of their leader.
 struct peak_vector {
     std::size_t num_peaks = 0;
     std::size_t main = 0;
@@ -26,8 +27,9 @@ struct peak_vector {
     bool lorentzian = false;
     std::vector<peak_parameter> parameters;
     std::array<double, peak_fit_max_peaks> posn_middle{}, posn_reach{}; // positions may move so far
-    // The distance from the next peak below may differ from the expected one by `gap_reach`; no such peak:
-    // -1.
+    std::array<int, peak_fit_max_peaks> leader{};          // whose position and sigma it follows, or -1
+    std::array<double, peak_fit_max_peaks> leader_ratio{}; // its position by the leader's
+    // The distance from the next leader below may differ from the expected one by `gap_reach`; none: -1.
     std::array<int, peak_fit_max_peaks> below{};
     std::array<double, peak_fit_max_peaks> gap{}, gap_reach{};
     double sigma_most = 0.0;
@@ -42,7 +44,8 @@ struct peak_vector {
   private:
     std::array<std::size_t, peak_fit_max_peaks> posn_at_{}, sigma_at_{}; // places in x
     void list_parameters();
-    void find_neighbours(std::span<const peak_fit_peak_t> seeds, double fwhm);
+    void find_leaders(std::span<const peak_fit_peak_t> seeds, double fwhm);
+    void follow(std::span<const std::size_t> group, std::span<const peak_fit_peak_t> seeds);
 };
 
 // Profiles of one peak, kept while their position and width stay: of a Jacobian's calls each changes one

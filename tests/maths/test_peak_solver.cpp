@@ -6,6 +6,7 @@
 
 #include <limits>
 #include <random>
+#include <sys/resource.h>
 #include <vector>
 
 using namespace kestrel;
@@ -16,6 +17,13 @@ std::vector<double> spectrum_of(std::span<const peak_fit_peak_t> peaks, int chan
     std::vector<double> spectrum;
     for (int x = 0; x < channels; ++x)
         spectrum.push_back(peak_fit_calc_point(peaks, x));
+    return spectrum;
+}
+
+std::vector<double> poisson(std::span<const double> mean, std::mt19937 &random) {
+    std::vector<double> spectrum;
+    for (const double m : mean)
+        spectrum.push_back(m > 1e-9 ? std::poisson_distribution<int>(m)(random) : 0);
     return spectrum;
 }
 
@@ -64,6 +72,51 @@ TEST_F(PeakSolver, TiedHeightsKeepTheirRatio) {
     EXPECT_NEAR(f.peak[2].posn, truth[2].posn, 0.05);
 }
 
+// Gold's L-beta1 and L-beta2 stand half a FWHM apart: neither exchanged nor mistaken for each other.
+TEST_F(PeakSolver, CloseLinesKeepTheirPlaces) {
+    const double gain = 0.01181;
+    const peak_fit_lines &au = *peak_fit_find_element("au");
+    std::vector<peak_fit_peak_t> truth;
+    for (std::size_t i = 0; i < 5; ++i)
+        truth.push_back({au.energy[i] / gain, 1000 * au.height[i], 8.5, 0, 0});
+    const std::vector<double> mean = spectrum_of(truth, 2048);
+    std::mt19937 random(3);
+    for (int n = 0; n < 40; ++n) {
+        const peak_fit_fitted f = fit(poisson(mean, random), "au");
+        ASSERT_EQ(f.status, peak_fit_status::fitted);
+        for (std::size_t i = 0; i < 5; ++i) {
+            EXPECT_NEAR(f.peak[i].posn, truth[i].posn, 5 * f.error[i].posn) << n << " " << i;
+            EXPECT_NEAR(peak_fit_area(f.peak[i]), peak_fit_area(truth[i]), 5 * f.error[i].area)
+                << n << " " << i;
+        }
+    }
+}
+
+TEST_F(PeakSolver, AnAbsentLineDoesNotSpoilTheCalibration) {
+    const peak_fit_peak_t alpha{589.5, 600, 6.0, 0, 0};
+    const std::vector<double> mean = spectrum_of({&alpha, 1}, 1024);
+    std::mt19937 random(5);
+    for (int n = 0; n < 100; ++n) {
+        const peak_fit_fitted f = fit(poisson(mean, random), "fe55");
+        ASSERT_EQ(f.status, peak_fit_status::fitted);
+        EXPECT_EQ(f.error[1].posn, 0.0);
+        EXPECT_NEAR(peak_fit_calibration(f, request_.lines), 0.01, 1e-5);
+    }
+}
+
+// Work and memory grow with the channels, not with their square.
+TEST_F(PeakSolver, WidePeaksInLargeSpectra) {
+    const peak_fit_peak_t wide{15000, 500, 1500, 0, 0};
+    const std::vector<double> spectrum = spectrum_of({&wide, 1}, 32768);
+    rusage before{}, after{};
+    getrusage(RUSAGE_SELF, &before);
+    const peak_fit_fitted f = fit(spectrum, "mg");
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_NEAR(f.peak[0].posn, 15000, 0.01);
+    EXPECT_GT(f.x2 - f.x1, 20000);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 500 * 1024); // KiB; the square would be some GiB
+}
+
 // The error bars are the spread of repeated measurements.
 TEST_F(PeakSolver, ErrorBarsArePoissonSpread) {
     peak_fit_constraint = peak_fit_no_lor;
@@ -73,10 +126,7 @@ TEST_F(PeakSolver, ErrorBarsArePoissonSpread) {
     double sum[4] = {}, squares[4] = {};
     constexpr int fits = 400;
     for (int n = 0; n < fits; ++n) {
-        std::vector<double> spectrum;
-        for (const double m : mean)
-            spectrum.push_back(m > 0 ? std::poisson_distribution<int>(m)(random) : 0);
-        const peak_fit_fitted f = fit(spectrum, "fe55");
+        const peak_fit_fitted f = fit(poisson(mean, random), "fe55");
         ASSERT_EQ(f.status, peak_fit_status::fitted);
         const double pulls[] = {(f.peak[0].posn - 589.5) / f.error[0].posn,
                                 (f.peak[0].sigma - 6.0) / f.error[0].sigma,
@@ -144,6 +194,8 @@ TEST_F(PeakSolver, OddSpectraGiveNumbers) {
                 EXPECT_TRUE(std::isfinite(p.posn) && p.height >= 0 && p.sigma > 0 && p.lor_frac >= 0 &&
                             p.lor_frac <= 1 && std::isfinite(peak_fit_area(p)))
                     << i << " " << element;
+            for (const double value : peak_fit_values(f, request_.lines, spectra[i]))
+                EXPECT_TRUE(std::isfinite(value)) << i << " " << element;
         }
     }
 }

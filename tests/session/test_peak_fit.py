@@ -3,10 +3,12 @@ import itertools
 import math
 import pathlib
 import re
+import time
 
 import numpy as np
 import pytest
 from kestrel_data import Module, do, held, refused, result
+from kestrel_session import SCALE
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
 ENERGIES = (5.8950, 6.4904)  # keV, what fe55 fits
@@ -50,7 +52,7 @@ def test_a_row_of_a_module(client, names, make):
     name = make(noisy(3, 1e5))
     value, lines = result(client, f"peak-fit module '{name}' '{names('r')}' 1 1 fe55 no-lor")
     assert value == 0
-    point = re.fullmatch(r"# Point 0 : Fitted posn=(\S+), Hgt=(\S+), FWHM \(kev\)=(\S+), sigma=(\S+), lor_wid=0, "
+    point = re.fullmatch(r"# Point 1 : Fitted posn=(\S+), Hgt=(\S+), FWHM \(kev\)=(\S+), sigma=(\S+), lor_wid=0, "
                          r"lor_frac=0", lines[-1])
     assert [float(text) for text in point.groups()] == pytest.approx([589.5, 1e5 / 15.04, 0.1413, 6.0], rel=0.01)
     fit = fitted(names("r"))
@@ -112,17 +114,21 @@ def test_a_file_gives_what_a_module_gives(server, client, names, make):
 def test_bias_and_pulls_of_many_noisy_spectra(client, names, make):
     """Thousands of spectra: the mean of the results is the truth, and their spread is the stated error."""
     do(client, "peak-fit max-threads 4")
-    for area, count in (2000, 1500), (1e5, 1500):
-        name, r = make(noisy(count, area, seed=int(area))), names(f"r{int(area)}")
-        assert result(client, f"peak-fit module '{name}' '{r}' 0 {count - 1} fe55 no-lor")[0] == 0
+    for area, count, tails in (176, 800, ""), (2000, 1500, "no-lor"), (1e5, 1500, "no-lor"), (1e5, 800, ""):
+        name, r = make(noisy(count, area, seed=int(area))), names(f"r{int(area)}{tails}")
+        result(client, f"peak-fit module '{name}' '{r}' 0 {count - 1} fe55 {tails}")
         fit = fitted(r)
         truth = {"posn[0]": 589.5, "posn[1]": 649.04, "sigma[0]": 6.0, "area[0]": area}
         for label, true in truth.items():
             values, errors = fit[label][0], fit[label.replace("[", "_err[")][0]
+            known = errors > 0  # a line may be lost among so few counts
+            assert known.mean() > (0.8 if label == "posn[1]" else 0.999), label
+            values, errors = values[known], errors[known]
             pulls = (values - true) / errors
-            assert abs(values.mean() - true) < 0.15 * values.std(), label
-            # The width of 1500 pulls is known to 0.02; a sigma of few counts has tails.
-            assert 0.9 < pulls.std() < (1.25 if label == "posn[1]" and area < 1e4 else 1.1), label
+            # Of few counts, sigma is a little small; tails cannot be negative, and make sigma and area a little large.
+            assert abs(values.mean() - true) < (0.5 if "posn" not in label and not tails else 0.15) * values.std(), label
+            # The width of 1500 pulls is known to 0.02; few counts have large fluctuations.
+            assert 0.75 < pulls.std() < (1.4 if area < 1000 else 1.1), (area, label, pulls.std())
 
 
 def test_spectra_with_tails(client, names, make):
@@ -153,10 +159,14 @@ def test_poor_spectra_are_counted_or_summed(client, names, make):
     assert any(re.fullmatch(r"# Found peak < \S+ height, so not trying fit", line) for line in lines)
     assert (fitted(names("r"))["posn[0]"] == -1).all() and (fitted(names("r"))["tail_total"] == -1).all()
     _, lines = result(client, f"peak-fit module '{name}' '{names('r')}' 0 8 fe55 no-lor by-top-sum")
-    assert lines.count("# Retrying with num_neb=4") >= 1
+    retries = [line for line in lines if line.startswith("# Retrying with num_neb=")]
+    assert "# Retrying with num_neb=2" in retries and "# Retrying with num_neb=16" not in retries
     fit = fitted(names("r"))
     assert fit["posn[0]"][0, 4] == pytest.approx(589.5, abs=6)
-    assert fit["mca_total"][0, 4] in (data.sum(), data[2:7].sum(), data[:].sum())
+    _, lines = result(client, f"peak-fit module '{name}' '{names('one')}' 4 4 fe55 no-lor by-top-sum")
+    reached = int(re.findall(r"num_neb=(\d+)", "\n".join(lines))[-1])  # neighbours that are not fitted themselves
+    total = data[max(0, 4 - reached):5 + reached].sum()
+    assert fitted(names("one"))["mca_total"][0, 0] == fit["mca_total"][0, 4] == total > data[4].sum()
 
 
 def test_what_cannot_be_a_number_is_an_error(client, names, make):
@@ -261,3 +271,20 @@ def test_an_interrupt_ends_the_fits(server, client, names, make, threads):
     server.interrupt()
     assert client.recv_prompt().endswith(b"! Fitting terminated by ^C\r\n* -1\r\n")
     assert client.cmd("7") == b"* 7\r\n"
+
+
+def test_an_interrupt_ends_a_running_solver(server, client, names, make):
+    """One wide spectrum of many peaks, seconds of work: the reply comes at once."""
+    x = np.arange(60000)
+    wide = sum(gauss(x, 20000 + 4000 * i, 1e7 / (i + 1), 1500) for i in range(8))
+    name = make(np.array([wide]), "double")
+    peaks = " ".join(f"peak{i} {20.0 + 4 * i}" for i in range(8))
+    server.write("fit.cmd", ["echo 'go'", f"peak-fit module '{name}' '{names('r')}' 0 0 {peaks}"])
+    client.send("~fit\n")
+    client.recv_until("go\r\n")
+    time.sleep(0.3)
+    begin = time.monotonic()
+    server.interrupt()
+    assert b"! Fitting terminated by ^C\r\n" in client.recv_prompt()
+    assert time.monotonic() - begin < 2 * SCALE
+    assert (fitted(names("r"))["posn[0]"] == -1).all()
