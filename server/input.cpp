@@ -99,10 +99,8 @@ char *_getline(int cn, char *buffer, std::size_t len, bool use_top) {
         end_of_reading(cn, status);
         return nullptr;
     }
-    if (log_file) {
-        std::fprintf(log_file, "%d: %s\n", cn, sv_masked(line).c_str());
-        std::fflush(log_file);
-    }
+    if (log_file)
+        sv_log(log_file, std::to_string(cn) + ": " + sv_masked(line) + "\n");
     line.resize(std::min(line.size(), len - 1));
     std::memcpy(buffer, line.c_str(), line.size() + 1);
     return buffer;

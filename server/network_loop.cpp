@@ -147,15 +147,11 @@ void accept_session() {
 void log_line(int cn, const char *line) {
     if (!log_file && !vlog_file)
         return;
-    const std::string shown = sv_masked(line);
-    if (log_file) {
-        std::fprintf(log_file, "%d: %s ", cn, shown.c_str());
-        std::fflush(log_file);
-    }
-    if (vlog_file) {
-        std::fprintf(vlog_file, "%d: %s\n", cn, shown.c_str());
-        std::fflush(vlog_file);
-    }
+    const std::string shown = std::to_string(cn) + ": " + sv_masked(line);
+    if (log_file)
+        sv_log(log_file, shown + " ");
+    if (vlog_file)
+        sv_log(vlog_file, shown + "\n");
 }
 
 // Runs the line in c.input. The session may be gone afterwards.
@@ -167,12 +163,12 @@ void service_line_of(int cn) {
     log_line(cn, line);
     sv_quit = 0;
     sv_hooks.service(cn, line, 1, log_file, vlog_file);
-    if (log_file) {
-        std::fputc('\n', log_file);
-        std::fflush(log_file);
-    }
-    if (sv_is_valid(cn))
-        user_prompt(cn);
+    if (log_file)
+        sv_log(log_file, "\n");
+    if (!sv_is_valid(cn))
+        return;
+    sv_tell_lost_logs(cn);
+    user_prompt(cn);
 }
 
 // Feeds the session's received bytes up to the end of one line, and runs it. True when more are to be served.
@@ -336,12 +332,6 @@ void shut_down() {
     }
 }
 
-void close_log(std::FILE *&file) {
-    if (file && file != stdout)
-        std::fclose(file);
-    file = nullptr;
-}
-
 } // namespace
 
 void network_loop(const char *program, int port) {
@@ -359,8 +349,8 @@ void network_loop(const char *program, int port) {
     listen_socket = -1;
     if (sv_hooks.user_exit)
         sv_hooks.user_exit();
-    close_log(log_file);
-    close_log(vlog_file);
+    sv_close_log(log_file);
+    sv_close_log(vlog_file);
 }
 
 } // namespace kestrel

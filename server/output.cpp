@@ -20,10 +20,8 @@ constexpr std::size_t vprintf_size = 1048;
 constexpr std::size_t label_max = 1000; // leaves room for the rest of a progress line
 
 void log_reply(int cn, std::string_view text) {
-    if (!vlog_file)
-        return;
-    std::fprintf(vlog_file, "%d:Print:%s", cn, sv_masked(text).c_str());
-    std::fflush(vlog_file);
+    if (vlog_file)
+        sv_log(vlog_file, std::to_string(cn) + ":Print:" + sv_masked(text));
 }
 
 // The server's own output, one call one piece.

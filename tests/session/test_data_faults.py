@@ -25,17 +25,6 @@ def still(server, client):
     wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 5)
 
 
-@pytest.fixture
-def small_disk(tmp_path):
-    """A folder on a file system of 256 KiB."""
-    folder = tmp_path / "small"
-    folder.mkdir()
-    if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", folder], capture_output=True).returncode:
-        pytest.skip("cannot mount a small file system here")
-    yield folder
-    subprocess.run(["umount", "-l", folder], check=True)
-
-
 def test_a_full_disk(server, client, small_disk, still):
     handle = do(client, "test open 1000 100 1 long")
     box = f"read 0 0 0 1000 100 1 from {handle} to-local-file '{small_disk}/out'"
