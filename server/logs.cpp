@@ -90,9 +90,12 @@ std::size_t mask_argument(std::string &line, std::size_t at) {
 } // namespace
 
 void sv_log(std::FILE *log, std::string_view text) {
-    log_state &state = log == log_file ? command_log : verbose_log;
     std::fflush(log); // standard output has text of its own
-    const int error = write_whole(::fileno(log), text);
+    sv_log_lost(log, write_whole(::fileno(log), text));
+}
+
+void sv_log_lost(std::FILE *log, int error) {
+    log_state &state = log == log_file ? command_log : verbose_log;
     if (error != 0 && state.error == 0)
         state.untold = true;
     state.error = error;

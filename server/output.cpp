@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <new>
 #include <span>
 
 namespace kestrel {
@@ -20,8 +21,13 @@ constexpr std::size_t vprintf_size = 1048;
 constexpr std::size_t label_max = 1000; // leaves room for the rest of a progress line
 
 void log_reply(int cn, std::string_view text) {
-    if (vlog_file)
+    if (!vlog_file)
+        return;
+    try {
         sv_log(vlog_file, std::to_string(cn) + ":Print:" + sv_masked(text));
+    } catch (const std::bad_alloc &) {
+        sv_log_lost(vlog_file, ENOMEM); // the session gets its reply all the same
+    }
 }
 
 // The server's own output, one call one piece.

@@ -96,6 +96,24 @@ int reserve(int fd, std::size_t size) {
     return error == 0 ? 0 : -1;
 }
 
+// A new object that vanishes again, errno kept, unless it becomes a module.
+class new_object {
+  public:
+    explicit new_object(const std::string &name) : name_(&name) {}
+    ~new_object() {
+        const int cause = errno;
+        if (name_)
+            ::shm_unlink(name_->c_str());
+        errno = cause;
+    }
+    new_object(const new_object &) = delete;
+    new_object &operator=(const new_object &) = delete;
+    void keep() { name_ = nullptr; }
+
+  private:
+    const std::string *name_;
+};
+
 int size_and_map(const char *name, unique_fd fd, std::size_t size, datamod_record **record, void **head) {
     if (size == 0 || size > static_cast<std::size_t>(PTRDIFF_MAX)) {
         errno = size == 0 ? EINVAL : EFBIG;
@@ -128,13 +146,11 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     errno = error;
     if (!fd)
         return complain("Cannot create share memory file '%s', errno= %d\n", name);
-    const int result = size_and_map(name, std::move(fd), size, record, head);
-    if (result != 0) {
-        const int cause = errno;
-        ::shm_unlink(object.c_str());
-        errno = cause;
-    }
-    return result;
+    new_object made(object);
+    if (size_and_map(name, std::move(fd), size, record, head) != 0)
+        return -1;
+    made.keep();
+    return 0;
 } catch (const std::bad_alloc &) {
     std::fprintf(stderr, "Out of memory\n");
     errno = ENOMEM;
