@@ -13,6 +13,8 @@ control none;
 
 control *map_file() {
     const char *name = std::getenv("KESTREL_FAULTS");
+    const char *seed = std::getenv("KESTREL_SEED");
+    none.seed = seed ? std::strtoull(seed, nullptr, 10) : 0;
     const int fd = name ? ::open(name, O_RDWR | O_CLOEXEC) : -1;
     if (fd < 0)
         return &none;

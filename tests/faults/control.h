@@ -15,7 +15,7 @@ struct control {
 };
 static_assert(sizeof(control) == 32 && std::atomic<std::int64_t>::is_always_lock_free);
 
-// The mapped file, or a record of zeros without one. Needs no memory.
+// The mapped file; without one a record of zeros, but for the seed of KESTREL_SEED. Needs no memory.
 control &shared();
 
 } // namespace kestrel::faults
