@@ -1,5 +1,6 @@
 #include "modules/store/store.h"
 
+#include "modules/store/cut_guard.h"
 #include "support/fd.h"
 #include "support/mapping.h"
 
@@ -81,6 +82,11 @@ int add_record(const char *name, unique_fd fd, std::size_t size, const struct st
     fresh->links = 1;
     fresh->next = mapped;
     fresh->address = mapping.address();
+    fresh->guard = cut_guard_add(mapping.address(), size);
+    if (fresh->guard < 0) {
+        errno = EMFILE;
+        return cannot_map(name);
+    }
     fresh->fd = fd.release();
     *head = mapping.release();
     *record = mapped = fresh.release();
@@ -195,6 +201,7 @@ int munlink(void *head) {
     if (--record->links > 0)
         return 0;
     *place = record->next;
+    cut_guard_remove(record->guard);
     ::munmap(record->address, static_cast<std::size_t>(record->size));
     ::close(record->fd);
     delete record;
@@ -219,7 +226,7 @@ bool datamod_is_whole(const void *head) {
     if (record == nullptr || ::fstat(record->fd, &status) != 0)
         return false;
     errno = ENXIO;
-    return status.st_size >= record->size;
+    return status.st_size >= record->size && !cut_guard_was_cut(record->guard);
 }
 
 datamod_counts datamod_count() {
