@@ -58,7 +58,7 @@ LINES = {
     "assignment": ["a_variable_with_a_long_name_N='a longer text that needs memory of its own N'+'!'"],
     "set-func": ["set-func 'a_variable_with_a_long_name_N' 'eval string \"a longer text than others\" \"N\"'"],
     "macro": ["macro 'a_macro_with_a_long_name_N' 'echo \"what the macro does is to say this\"'"],
-    "macro call": ["@said 'and what stands behind it'"],
+    "macro call": ["@said "],
     "macro-list": ["macro-list"],
     "for": ["include 'for.cmd'"],
     "while": ["include 'while.cmd'"],
@@ -83,8 +83,8 @@ LINES = {
     "module load": ["module load 'rows' 'M' open-quals 'ascii'"],
     "file open": ["file open 'rows' ascii", "close-all"],
     "next index": ["file get-next-index 'N_folder'"],
-    "read to the session": ["read 0 0 0 8 6 1 from HANDLE"],
-    "read to a file": ["read 0 0 0 8 6 1 from HANDLE raw float motorola to-local-file 'out_N'"],
+    "read to nobody": ["read 0 0 0 8 6 1 from HANDLE"],
+    "read to a file": ["read 0 0 0 8 6 1 from HANDLE float motorola to-local-file 'out_N'"],
     "read as rows": ["read 0 0 0 8 6 1 from HANDLE to-local-file 'out_N'"],
     "read as columns": ["read 0 0 0 8 6 1 from HANDLE asc-col to-local-file 'out_N'"],
     "read to a module": ["read 0 0 0 8 6 1 from HANDLE to-module 'M'"],
@@ -93,17 +93,19 @@ LINES = {
     "sizes": ["unif-get-nx HANDLE"],
     "correction": ["unif-set-correction HANDLE 'SOURCE' mult1d"],
     "accumulate": ["maths accumulate HANDLE 0 0 0 7 5 0"],
-    "integrate": ["maths integrate HANDLE 0 0 0 7 5 0 x to-module 'M'"],
-    "centroid": ["maths centroid HANDLE 0 0 0 7 5 0 x to-module 'M'"],
-    "re-bin": ["maths re-bin HANDLE 0 0 0 7 5 0 2 2 1 to-module 'M'"],
-    "binary-op": ["maths binary-op HANDLE HANDLE 0 0 0 7 5 0 add to-module 'M'"],
+    "integrate": ["maths integrate HANDLE 0 0 0 7 5 0 x module 'M'"],
+    "centroid": ["maths centroid HANDLE 0 0 0 7 5 0 x module 'M'"],
+    "re-bin": ["maths re-bin HANDLE 0 0 0 7 5 0 x 2 y 2 module 'M'"],
+    "binary-op": ["maths binary-op HANDLE HANDLE 0 0 0 7 5 0 add module 'M'"],
     "measure-peak": ["maths measure-peak HANDLE 0 0 0 7 5 0 'a_variable_with_a_long_name_N' x"],
     "client": ["client status"],
     "links": ["client define '127.0.0.1' 9 user1"],
     "send": ["send user1 'echo 1'"],
 }
 
-REFUSED = {"unknown word", "undefined variable", "help", "choices", "send"}
+# These make a whole module first; one that could not be filled then stays, as all modules that are made.
+FILLED = {"module load", "integrate", "centroid", "re-bin", "binary-op"}
+REFUSED = {"unknown word", "undefined variable", "help", "choices", "send", "read to nobody"}
 
 SCRIPTS = {
     "for.cmd": ["for 'i' 1 3", "set-int 'n' %i*2", "set-string 't' 'a longer text that needs memory '+(string)%i",
@@ -148,7 +150,9 @@ def test_each_allocation_of_a_line_fails_in_turn(server, memory, prepared, names
         failed = memory.failures() > failed
         if failed and reply[-1:] == ["* -1"]:
             assert any("!" in text for text in reply), (attempt, reply)
-            assert "'M'" not in line or not os.path.exists("/dev/shm/" + module), (attempt, reply)
+            if os.path.exists("/dev/shm/" + module):
+                assert kind in FILLED, (attempt, reply)
+                client.lines(f"close {do(client, f'module open {chr(39)}{module}{chr(39)} header')}")
         if attempt > 0 and not failed:
             assert reply[-1] != "* -1" or kind in REFUSED, reply
             assert "ut of memory" not in str(reply) and "allocat" not in str(reply), reply
