@@ -1,6 +1,6 @@
-// modules/store: what happens when another process cuts a module short while its elements are being looked at.
-// The access would be a fatal signal. Instead the rest of the mapping becomes zeros, and the command that was
-// looking ends with an error. Any other SIGBUS keeps its default action.
+// modules/store: what happens when another process cuts a module short while its elements are being looked
+// at. The access would be a fatal signal. Instead the rest of the mapping becomes zeros, and the command that
+// was looking ends with an error. Any other SIGBUS keeps its default action.
 #pragma once
 
 #include <cstddef>

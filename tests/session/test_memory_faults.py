@@ -3,6 +3,7 @@ nothing is left behind. Runs build/kestrel_faults (tests/faults), whose memory o
 import mmap
 import os
 import re
+import socket
 import struct
 import time
 
@@ -10,7 +11,7 @@ import kestrel_data
 import kestrel_session
 import pytest
 from kestrel_data import do
-from kestrel_session import Client, Telnet
+from kestrel_session import Client, Telnet, wait_until
 
 PROGRAM = os.environ.get("KESTREL_WITH_FAULTS", str(kestrel_session.ROOT / "build" / "kestrel_faults"))
 
@@ -262,6 +263,24 @@ def test_a_session_without_memory_ends_at_most(server, memory, kind):
         assert other.lines("1+1") == ["* 2"]
 
     assert each_failure(memory, action) >= 1
+
+
+def test_names_of_peers_without_memory(server, memory):
+    """Each listing has to ask for the name of a peer that it has not seen: on a thread of its own."""
+    client = server.client()
+    peers = (f"127.0.{a}.{b}" for a in range(1, 9) for b in range(1, 255))
+
+    def action(attempt):
+        address = next(peers)
+        peer = socket.create_connection(("127.0.0.1", server.port), source_address=(address, 0))
+        peer.recv(2)
+        with attempt:
+            client.lines("status")
+        assert any(f":{peer.getsockname()[1]}" in line for line in client.lines("status"))
+        peer.close()
+        wait_until(lambda: sum("Open" in line for line in client.lines("status")) == 1, "end of the peer")
+
+    assert each_failure(memory, action) >= 3
 
 
 def test_editing_without_memory_ends_the_session_at_most(server, memory):
