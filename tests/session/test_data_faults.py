@@ -188,9 +188,9 @@ def test_a_module_that_is_cut_while_a_command_uses_it(server, client, names, sti
     do(client, f"read 0 0 0 2000 2000 1 from {handle} raw to-local-file 'out'")
 
 
-def test_any_other_bus_error_ends_the_server(start):
+def test_any_other_bus_error_ends_the_server(start, names):
     server = start()
-    server.client()
+    do(server.client(), f"module create '{names('m')}' 10 10 header")  # modules are watched from now on
     server.process.send_signal(signal.SIGBUS)
     assert server.wait_exit() == -signal.SIGBUS
     server.process.returncode = 0  # as it should be
