@@ -263,3 +263,19 @@ def test_free_handles_and_sizes_of_zero_are_refused(server, client, names):
         assert refused(client, f"{line} {size}") == [f"! ERROR: Specified num-t ({size}) is less than file num-t (1)"]
     assert not os.path.exists("/dev/shm/" + names("m"))
     do(client, line + " 1")
+
+
+def test_text_files_on_a_full_disk_and_pipes_without_a_reader(server, client, still):
+    os.mkfifo(server.cwd / "pipe")
+    for mode in "", " append":
+        assert client.lines(f"printf 'a' file '/dev/full'{mode}") == ["! Error on write", '* "a"']
+        assert client.lines(f"printf 'a' file 'pipe'{mode}") == [
+            f"! Cannont open File pipe in mode {'a' if mode else 'w'}", '* "ERROR"']
+    client.send("ascii write file '/dev/full'\nabc\n:EOF\n")
+    assert client.recv_prompt() == b"! Error on write\r\n* -1\r\n"
+    assert refused(client, "ascii write file 'pipe'") == ["! Cannont open File pipe in mode w"]
+    client.lines("printf 'one' file 'text'")
+    client.lines("printf 'two' file 'text' append")
+    assert (server.cwd / "text").read_text() == "one\ntwo\n"
+    client.lines("printf 'three' file 'text'")
+    assert (server.cwd / "text").read_text() == "three\n"
