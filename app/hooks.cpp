@@ -1,11 +1,13 @@
 #include "app/hooks.h"
 
 #include "instruments/links/clients.h"
+#include "modules/store/cut_guard.h"
 #include "parser/help.h"
 #include "parser/interpreter.h"
 #include "parser/script.h"
 #include "parser/variables.h"
 #include "server/options.h"
+#include "server/output.h"
 #include "unified/handles/handles.h"
 
 #include <cstdio>
@@ -50,9 +52,21 @@ void user_disconnect(int cn) {
 }
 void user_exit() {}
 
+// Where another process cuts a module short, zeros stand in for its elements until the command ends.
+bool module_was_cut(int cn) {
+    static int told = 0;
+    const int count = cut_guard_count();
+    if (count == told)
+        return false;
+    told = count;
+    sv_printf(cn, "! ERROR: a data module was cut short by another process while the command used it\n");
+    return true;
+}
+
 } // namespace
 
 server_hooks app_hooks() {
+    user_command_spoiled = module_was_cut;
     server_hooks hooks;
     hooks.service = user_service;
     hooks.include_startup = include_startup;

@@ -6,6 +6,7 @@
 #include "server/output.h"
 #include "server/session.h"
 #include "support/fd.h"
+#include "support/file_io.h"
 
 #include <cerrno>
 #include <charconv>
@@ -48,18 +49,6 @@ int fault(const index_request &r, const std::string &path, const char *what) {
     return -1;
 }
 
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t done = ::write(fd, text.data(), text.size());
-        if (done < 0 && errno == EINTR)
-            continue;
-        if (done <= 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(done));
-    }
-    return true;
-}
-
 // ---- the index
 
 // 0 with the number last given (-1 where none was), or -1 after a message.
@@ -70,7 +59,7 @@ int read_index(const index_request &r, int &last) {
     if (!fd)
         return errno == ENOENT ? 0 : fault(r, path, "open index file");
     char text[64];
-    const ssize_t got = ::read(fd.get(), text, sizeof text);
+    const ssize_t got = read_full(fd.get(), text, sizeof text);
     if (got < 0)
         return fault(r, path, "read index file");
     const auto number = parse_index({text, static_cast<std::size_t>(got)});
@@ -131,7 +120,7 @@ int save_script(const index_request &r, int number) {
         return fault(r, path, "save script to");
     char block[65536];
     for (;;) {
-        const ssize_t got = ::read(from.get(), block, sizeof block);
+        const ssize_t got = read_some(from.get(), block, sizeof block);
         if (got == 0)
             break;
         if (got < 0 || !write_all(to.get(), {block, static_cast<std::size_t>(got)})) {

@@ -5,6 +5,7 @@
 #include "server/output.h"
 #include "support/byte_order.h"
 #include "support/fd.h"
+#include "support/file_io.h"
 #include "support/tessera.h"
 #include "unified/handles/handles.h"
 
@@ -202,11 +203,7 @@ int open_ascii(int cn, data_file &file, bool id_row, int frames) {
     ascii_table table;
     std::string error;
     const auto read = [&fd](std::span<char> block) {
-        ssize_t got = 0;
-        do
-            got = ::read(fd.get(), block.data(), block.size());
-        while (got < 0 && errno == EINTR);
-        return static_cast<long>(got);
+        return static_cast<long>(read_some(fd.get(), block.data(), block.size()));
     };
     if (!read_ascii(read, id_row, table, error))
         return fault(cn, file.name, error);

@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -32,11 +33,18 @@ std::string formatted(const char *format, ...) {
     return line;
 }
 
-// Names go between single quotes in the command lines that are run here.
+// A text as an argument of a command line that is run here: between single quotes, or double ones when it has
+// a single one itself.
+std::string quoted(std::string_view text) {
+    const char quote = text.find('\'') == std::string_view::npos ? '\'' : '"';
+    return quote + std::string(text) + quote;
+}
+
+// The language has no way to write a text with both.
 int check_quotes(int cn, std::initializer_list<std::string_view> names) {
     for (const std::string_view name : names)
-        if (name.find('\'') != std::string_view::npos) {
-            sv_print(cn, "! ERROR: there cannot be a ' in the name " + std::string(name) + "\n");
+        if (name.find('\'') != std::string_view::npos && name.find('"') != std::string_view::npos) {
+            sv_print(cn, "! ERROR: there cannot be both ' and \" in " + std::string(name) + "\n");
             return -1;
         }
     return 0;
@@ -64,8 +72,8 @@ class open_handle {
 struct load_request {
     std::string open_quals = "ascii-id";
     int data_float = 1;
-    int num_t = 0;          // 0: the file's
-    bool skip_first = true; // the file's first row is an identification row
+    std::optional<int> num_t; // the file's, unless it is given
+    bool skip_first = true;   // the file's first row is an identification row
     bool type_from_file = false;
 };
 
@@ -80,7 +88,8 @@ load_request load_asked(int quals) {
     r.skip_first = !has(q_tessera) && !has(q_open_quals);
     r.data_float = has(q_double) ? 2 : has(q_long) ? 0 : 1;
     r.type_from_file = has(q_tessera) && !has(q_double) && !has(q_long);
-    r.num_t = has(q_num_t) ? Qualifier[q_num_t].IntArg : 0;
+    if (has(q_num_t))
+        r.num_t = Qualifier[q_num_t].IntArg;
     return r;
 }
 
@@ -100,11 +109,11 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
         sv_printf(cn, "# Determined utype=%d from tessera header\n", entry.data_type);
         r.data_float = data_float_of(entry.data_type);
     }
-    if (r.num_t != 0 && r.num_t < nt) {
-        sv_printf(cn, "! ERROR: Specified num-t (%d) is less than file num-t (%d)\n", r.num_t, nt);
+    const int module_nt = r.num_t.value_or(nt);
+    if (module_nt < nt) {
+        sv_printf(cn, "! ERROR: Specified num-t (%d) is less than file num-t (%d)\n", module_nt, nt);
         return -1;
     }
-    const int module_nt = r.num_t != 0 ? r.num_t : nt;
     const int first = r.skip_first ? 1 : 0;
     const int rows = ny - first;
     const int made = module_nt > 1
@@ -112,8 +121,8 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
                          : mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float);
     if (made != 0)
         return -1;
-    return run(cn, formatted("read %d %d %d %d %d %d from %d to-module '%s' %s", 0, first, 0, nx, rows, nt,
-                             file.get(), name.c_str(), read_words[r.data_float]));
+    return run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows, nt,
+                             file.get(), quoted(name).c_str(), read_words[r.data_float]));
 }
 
 } // namespace
@@ -123,7 +132,8 @@ int module_load(int quals, int cn, const char *file, const char *name) {
     const std::string target = name;
     if (check_quotes(cn, {file, target}) != 0)
         return -1;
-    const std::string command = formatted("file open '%s' %s", file, request.open_quals.c_str());
+    const std::string command =
+        formatted("file open %s %s", quoted(file).c_str(), request.open_quals.c_str());
     const int handle = run(cn, command);
     if (handle < 0 || unified_entry(handle) == nullptr) {
         sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
@@ -139,6 +149,23 @@ int module_load(int quals, int cn, const char *file, const char *name) {
 // ---- save
 
 namespace {
+
+enum save_qualifier {
+    q_read_quals = 8,
+    q_next_file,
+    q_comment1,
+    q_comment2,
+    q_xh,
+    q_save_script,
+    q_current_file
+};
+
+int check_index_texts(int quals, int cn) {
+    for (const int q : {q_next_file, q_comment1, q_comment2, q_xh, q_save_script, q_current_file})
+        if ((quals >> q & 1) != 0 && check_quotes(cn, {Qualifier[q].StringArg}) != 0)
+            return -1;
+    return 0;
+}
 
 struct save_request {
     std::string format_words;
@@ -168,7 +195,6 @@ std::string form_word(int quals) {
 }
 
 save_request save_asked(int quals, const char *name, const char *file) {
-    enum { q_read_quals = 8, q_next_file, q_comment1, q_comment2, q_xh, q_save_script, q_current_file };
     const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
     const auto text = [](int q) -> const char * { return Qualifier[q].StringArg; };
     save_request r;
@@ -181,24 +207,24 @@ save_request save_asked(int quals, const char *name, const char *file) {
         return r;
     for (const int q : {q_comment1, q_comment2})
         if (has(q))
-            r.index_tail += formatted(" '%s'", text(q));
+            r.index_tail += " " + quoted(text(q));
     if (has(q_xh))
-        r.index_tail += formatted(" xh '%s'", text(q_xh));
+        r.index_tail += " xh " + quoted(text(q_xh));
     if (!has(q_next_file)) {
         r.index_tail +=
-            formatted("  append file-suffix '%s' get-fname 'module_save_fname' ", text(q_current_file));
+            "  append file-suffix " + quoted(text(q_current_file)) + " get-fname 'module_save_fname' ";
         return r;
     }
     r.index_tail +=
-        formatted(" file-suffix '%s' get-fname 'module_save_fname' script-name ", text(q_next_file));
+        " file-suffix " + quoted(text(q_next_file)) + " get-fname 'module_save_fname' script-name ";
     if (has(q_save_script))
-        r.index_tail += formatted(" save-script '%s'", text(q_save_script));
+        r.index_tail += " save-script " + quoted(text(q_save_script));
     return r;
 }
 
 // Draws the file's name from the index of the folder.
 int take_indexed_name(int cn, save_request &r) {
-    const std::string command = formatted("file get-next-index '%s' ", r.file.c_str()) + r.index_tail;
+    const std::string command = "file get-next-index " + quoted(r.file) + " " + r.index_tail;
     if (run(cn, command) < 0) {
         sv_print(cn, "! ERROR getting sequence number using command '" + command + "'\n");
         return -1;
@@ -221,9 +247,9 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     }
     save_request request = save_asked(quals, name, file);
     const std::string module = name;
-    if (check_quotes(cn, {module, request.file}) != 0)
+    if (check_quotes(cn, {module, request.file}) != 0 || check_index_texts(quals, cn) != 0)
         return -1;
-    const int handle = run(cn, formatted("module open '%s' header", name));
+    const int handle = run(cn, "module open " + quoted(name) + " header");
     if (handle < 0)
         return -1;
     const open_handle opened(cn, handle);
@@ -235,8 +261,8 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     if (check_quotes(cn, {request.file}) != 0)
         return -1;
     const std::string command =
-        formatted("read 0 0 0 %d %d %d from %d to-local-file '%s' %s", entry->nx, entry->ny, entry->nt,
-                  handle, request.file.c_str(), request.format_words.c_str());
+        formatted("read 0 0 0 %d %d %d from %d to-local-file %s %s", entry->nx, entry->ny, entry->nt, handle,
+                  quoted(request.file).c_str(), request.format_words.c_str());
     sv_print(cn, "# Saving '" + module + "' using '" + command + "'\n");
     return run(cn, command);
 }

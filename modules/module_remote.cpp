@@ -7,6 +7,7 @@
 
 #include <bit>
 #include <cstddef>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -115,11 +116,13 @@ void show(int cn, int quals, const char *local) {
 
 } // namespace
 
-void module_announce(int cn, const char *name) {
+void module_announce(int cn, const char *name) try {
     const module_link held{name};
     module_view view;
     if (held && mod_look(held.head(), view) == nullptr)
         imgd_module_new(cn, name, view.num_x, view.num_y, view.num_t);
+} catch (const std::bad_alloc &) {
+    imgd_not_told(cn, name);
 }
 
 int module_get_remote(int quals, int cn, const char *remote, const char *local) {

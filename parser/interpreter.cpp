@@ -24,6 +24,7 @@ int TotalArgumentCount = 0;
 int OptionalArgumentCount = 0;
 char ArgumentType[call_arguments_max];
 int ResultRadix = 0;
+bool (*user_command_spoiled)(int cn) = nullptr;
 
 namespace {
 
@@ -356,6 +357,8 @@ int run_command(line_state &state, const delivery &to) {
     state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
     command.fn.call(state.quals, state.cn, state.values, result);
+    if (user_command_spoiled && user_command_spoiled(state.cn))
+        result = {-1, -1.0, {}};
     const int radix = ResultRadix ? ResultRadix : sv_get_radix(state.cn);
     ResultRadix = 0; // an outer command does not inherit it
     return deliver(state.cn, args.return_type, result, radix, to);

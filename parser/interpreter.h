@@ -12,6 +12,10 @@ namespace kestrel {
 // Lines within lines (`if`, `set-func`, macros that run themselves) may go this deep.
 inline constexpr int line_nesting_max = 100;
 
+// Asked after each command: true when what it did is worth nothing after all; the hook has said why. The
+// command's result then is that of a failure. May be null.
+extern bool (*user_command_spoiled)(int cn);
+
 // Interprets one line and returns its integer result (-1 for every error).
 //   result_out    when given, takes the typed result, which is then not printed; its type stays as it was
 //   when

@@ -42,22 +42,18 @@ void print_integer(int cn, int value, int radix) {
     }
 }
 
-void log_integer(int value, int radix, std::FILE *log) {
-    if (radix == 10)
-        std::fprintf(log, "=> %d", value);
-    else if (radix == 16)
-        std::fprintf(log, "=> $%x", static_cast<unsigned>(value));
-    else
-        std::fprintf(log, "=> #%s", binary_digits(value).c_str());
+std::string real_text(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return text;
 }
 
-void vlog_integer(int cn, int value, int radix, std::FILE *vlog) {
-    if (radix == 10)
-        std::fprintf(vlog, "%d:Ret => %d\n", cn, value);
-    else if (radix == 16)
-        std::fprintf(vlog, "%d:Ret => $%x\n", cn, static_cast<unsigned>(value));
-    else
-        std::fprintf(vlog, "%d:Ret => #%s\n", cn, binary_digits(value).c_str());
+std::string integer_text(int value, int radix) {
+    char text[16];
+    if (radix == 2)
+        return "#" + binary_digits(value);
+    std::snprintf(text, sizeof text, radix == 16 ? "$%x" : "%d", value);
+    return text;
 }
 
 } // namespace
@@ -82,31 +78,20 @@ void result_print(int cn, char type, const pt_result &result, int radix) {
 }
 
 void result_log(int cn, char type, const pt_result &result, int radix, std::FILE *log, std::FILE *vlog) {
-    if (!type)
+    if (!type || (!log && !vlog))
         return;
     const bool text = type == 's' || type == 'q';
-    if (log) {
-        if (type == 'd')
-            log_integer(result.i, radix, log);
-        else if (!text)
-            std::fprintf(log, "=> %g", result.d);
-        else if (result.s)
-            std::fprintf(log, "=> \"%s\"", result.s->c_str());
-        else
-            std::fprintf(log, "* (null)");
-        std::fflush(log);
-    }
-    if (vlog) {
-        if (type == 'd')
-            vlog_integer(cn, result.i, radix, vlog);
-        else if (!text)
-            std::fprintf(vlog, "%d:Ret => %g", cn, result.d);
-        else if (result.s)
-            std::fprintf(vlog, "%d:Ret => \"%s\"\n", cn, result.s->c_str());
-        else
-            std::fprintf(vlog, "%d:Ret * (null)\n", cn);
-        std::fflush(vlog);
-    }
+    std::string shown;
+    if (type == 'd')
+        shown = "=> " + integer_text(result.i, radix);
+    else if (!text)
+        shown = "=> " + real_text(result.d);
+    else
+        shown = result.s ? "=> \"" + *result.s + "\"" : "* (null)";
+    if (log)
+        sv_log(log, shown);
+    if (vlog) // readers of this log know a real result by its missing line end
+        sv_log(vlog, std::to_string(cn) + ":Ret " + shown + (type == 'd' || text ? "\n" : ""));
 }
 
 void result_store(char type, pt_result &result, Variable &out) {

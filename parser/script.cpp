@@ -136,10 +136,9 @@ class scanned_lines {
 void show_line(int cn, std::string_view line, const include_options &options) {
     if (options.echo)
         sv_print(cn, "# " + sv_masked(line) + "\n");
-    if (!vlog_file)
-        return;
-    std::fprintf(vlog_file, "%d.File%d:Cmd:%s\n", cn, sv_get_include_lvl(cn), sv_masked(line).c_str());
-    std::fflush(vlog_file);
+    if (vlog_file)
+        sv_log(vlog_file, std::to_string(cn) + ".File" + std::to_string(sv_get_include_lvl(cn)) +
+                              ":Cmd:" + sv_masked(line) + "\n");
 }
 
 // Runs one line; false when the file is to stop after it.

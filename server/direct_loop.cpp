@@ -171,7 +171,8 @@ void serve_lines() {
 
 void direct_loop(const char *program) {
     use_network = 0;
-    log_file = vlog_file = nullptr; // the terminal keeps no log
+    sv_close_log(log_file); // the terminal keeps no log
+    sv_close_log(vlog_file);
     sv_fill_slot(terminal, STDIN_FILENO, STDOUT_FILENO);
     sv_print_banner(program, "Directly connected to the terminal.");
     sv_run_startup_file();

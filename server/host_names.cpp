@@ -8,10 +8,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <exception>
 #include <map>
 #include <netdb.h>
+#include <new>
 #include <set>
-#include <system_error>
 #include <thread>
 
 namespace kestrel {
@@ -59,8 +60,7 @@ std::string ask_name_server(in_addr_t address) {
     return error == 0 ? host : dotted(address);
 }
 
-void ask_for_all_wanted() {
-    name_table &table = names();
+void ask_for_all_wanted(name_table &table) {
     std::unique_lock lock(table.mutex);
     while (!table.wanted.empty()) {
         const in_addr_t address = *table.wanted.begin();
@@ -74,6 +74,19 @@ void ask_for_all_wanted() {
     table.asking = false;
 }
 
+// The thread's own: without memory the names that are still wanted stay dotted addresses.
+void ask_names() {
+    name_table &table = names();
+    try {
+        ask_for_all_wanted(table);
+    } catch (const std::bad_alloc &) {
+        const std::lock_guard lock(table.mutex);
+        table.wanted.clear();
+        table.asking = false;
+        table.changed.notify_all();
+    }
+}
+
 // The table's mutex is held. The thread leaves signals to the command thread.
 void start_asking(name_table &table) {
     if (table.asking)
@@ -83,9 +96,9 @@ void start_asking(name_table &table) {
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
-        std::thread(ask_for_all_wanted).detach();
+        std::thread(ask_names).detach();
         table.asking = true;
-    } catch (const std::system_error &) {
+    } catch (const std::exception &) {
         table.wanted.clear(); // no thread to be had: dotted addresses it is
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -27,6 +28,12 @@ constexpr std::size_t kept_capacity = 4096; // of a receive buffer that is used 
 constexpr int control_c = 3;                // a telnet user's interrupt
 constexpr int look_around_ms = 1000;        // how soon a session that broke meanwhile is noticed
 constexpr std::chrono::seconds cursor_report_wait{2};
+
+// Without memory for what was read nobody knows where the next line begins.
+read_status lost_in_input(int cn) {
+    sv_printf(cn, "! Out of memory, this session is closed\n");
+    return read_status::gone;
+}
 
 // Waits for one more block of the session's input.
 read_status wait_block(int cn) {
@@ -50,6 +57,8 @@ read_status wait_block(int cn) {
             return read_status::gone;
         if (errno == EAGAIN || errno == EINTR)
             continue;
+        if (errno == ENOMEM)
+            return lost_in_input(cn);
         const int error = errno;
         std::fprintf(stderr, "Read failed when polling client=%d, path=%d, sock_errno=%d in '_getline'\n", cn,
                      fd, error);
@@ -99,10 +108,8 @@ char *_getline(int cn, char *buffer, std::size_t len, bool use_top) {
         end_of_reading(cn, status);
         return nullptr;
     }
-    if (log_file) {
-        std::fprintf(log_file, "%d: %s\n", cn, sv_masked(line).c_str());
-        std::fflush(log_file);
-    }
+    if (log_file)
+        sv_log(log_file, std::to_string(cn) + ": " + sv_masked(line) + "\n");
     line.resize(std::min(line.size(), len - 1));
     std::memcpy(buffer, line.c_str(), line.size() + 1);
     return buffer;
@@ -144,6 +151,8 @@ std::optional<int> ask_cursor_column(int cn) {
         if (left <= 0 || sv_wait_fd(sv_input_fd(c), POLLIN, static_cast<int>(left)) != wait_result::ready)
             return std::nullopt;
         const ssize_t n = sv_receive(c);
+        if (n < 0 && errno == ENOMEM)
+            end_of_reading(cn, lost_in_input(cn));
         if (n == 0 || (n < 0 && errno != EAGAIN))
             return std::nullopt; // whoever reads next meets the same end
     }
@@ -216,8 +225,14 @@ ssize_t sv_receive(client_descriptor &c) {
     do {
         n = ::read(sv_input_fd(c), block, sizeof block);
     } while (n < 0 && errno == EINTR && sv_quit == 0);
-    if (n > 0)
+    if (n <= 0)
+        return n;
+    try {
         c.received.append(block, static_cast<std::size_t>(n));
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -1;
+    }
     return n;
 }
 
@@ -228,7 +243,7 @@ bool sv_peer_is_gone(int error) {
     return std::find(std::begin(gone), std::end(gone), error) != std::end(gone);
 }
 
-read_status sv_read_line(int cn, std::string &line) {
+read_status sv_read_line(int cn, std::string &line) try {
     client_descriptor &c = client[cn];
     for (;;) {
         if (sv_received(c).empty()) {
@@ -248,6 +263,8 @@ read_status sv_read_line(int cn, std::string &line) {
         if (event == input_event::pause)
             return read_status::interrupted;
     }
+} catch (const std::bad_alloc &) {
+    return lost_in_input(cn);
 }
 
 char *sv_getline(int cn, char *buffer, std::size_t len) {

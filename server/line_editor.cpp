@@ -126,7 +126,7 @@ void sv_ln_finish(client_descriptor &c, std::string &out) {
     c.history.back() = text(c);
     c.history_open = false;
     if (c.history_len > c.history_max_len)
-        c.history.pop_front();
+        c.history.erase(c.history.begin());
     c.history_len = static_cast<int>(c.history.size());
 }
 

@@ -1,7 +1,13 @@
 // server: the command logs, and what they may show.
 #include "server/output.h"
 
+#include "server/interrupt.h"
+
+#include <atomic>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
 
 namespace kestrel {
 
@@ -9,6 +15,35 @@ std::FILE *log_file = nullptr;
 std::FILE *vlog_file = nullptr;
 
 namespace {
+
+// What became of a log's text. Worker threads log, too.
+struct log_state {
+    const char *name;
+    std::atomic<int> error = 0; // of the last write, 0 when it was written
+    std::atomic<bool> untold = false;
+};
+log_state command_log{"command log"};
+log_state verbose_log{"verbose log"};
+
+// The errno value of a write that failed, else 0. A pipe that nobody empties is left to ^C.
+int write_whole(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t n = ::write(fd, text.data(), text.size());
+        if (n >= 0)
+            text.remove_prefix(static_cast<std::size_t>(n));
+        else if (errno != EINTR || sv_quit > 0)
+            return errno;
+    }
+    return 0;
+}
+
+void tell_lost(int cn, log_state &log) {
+    if (!log.untold.exchange(false))
+        return;
+    const char *const why = std::strerror(log.error);
+    std::fprintf(stderr, "server: Cannot write the %s: %s\n", log.name, why);
+    sv_printf(cn, "! Cannot write the %s, what happens is not logged: %s\n", log.name, why);
+}
 
 constexpr std::string_view secret_word = "password";
 
@@ -53,6 +88,29 @@ std::size_t mask_argument(std::string &line, std::size_t at) {
 }
 
 } // namespace
+
+void sv_log(std::FILE *log, std::string_view text) {
+    std::fflush(log); // standard output has text of its own
+    sv_log_lost(log, write_whole(::fileno(log), text));
+}
+
+void sv_log_lost(std::FILE *log, int error) {
+    log_state &state = log == log_file ? command_log : verbose_log;
+    if (error != 0 && state.error == 0)
+        state.untold = true;
+    state.error = error;
+}
+
+void sv_tell_lost_logs(int cn) {
+    tell_lost(cn, command_log);
+    tell_lost(cn, verbose_log);
+}
+
+void sv_close_log(std::FILE *&log) {
+    if (log && log != stdout)
+        std::fclose(log);
+    log = nullptr;
+}
 
 std::string sv_masked(std::string_view line) {
     std::string shown(line);

@@ -24,6 +24,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
+#include <new>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <vector>
@@ -108,6 +109,12 @@ int lowest_free_slot() {
     return cn;
 }
 
+void refuse_without_memory(int cn, int fd) {
+    static constexpr std::string_view line = "! Out of memory, no session can be opened\r\n";
+    [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    std::fprintf(stderr, "server: Out of memory, connection %d refused\n", cn);
+}
+
 void accept_session() {
     const int cn = lowest_free_slot();
     sockaddr_in peer{};
@@ -132,7 +139,12 @@ void accept_session() {
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
     std::printf("%d: New connection established to %s\n", cn, dotted);
     set_no_delay(cn, fd.get());
-    sv_fill_slot(cn, fd.get(), fd.get());
+    try {
+        sv_fill_slot(cn, fd.get(), fd.get());
+    } catch (const std::bad_alloc &) {
+        refuse_without_memory(cn, fd.get());
+        return;
+    }
     fd.release(); // the slot's now
     client[cn].addr = peer;
     ++nr_conns;
@@ -144,18 +156,21 @@ void accept_session() {
 
 // ---- one line
 
+// What was received is lost or half taken: the session could no longer tell where a line begins.
+void close_without_memory(int cn) {
+    std::fprintf(stderr, "server: Out of memory, session %d is closed\n", cn);
+    sv_printf(cn, "! Out of memory, this session is closed\n");
+    sv_disconnect_client(cn);
+}
+
 void log_line(int cn, const char *line) {
     if (!log_file && !vlog_file)
         return;
-    const std::string shown = sv_masked(line);
-    if (log_file) {
-        std::fprintf(log_file, "%d: %s ", cn, shown.c_str());
-        std::fflush(log_file);
-    }
-    if (vlog_file) {
-        std::fprintf(vlog_file, "%d: %s\n", cn, shown.c_str());
-        std::fflush(vlog_file);
-    }
+    const std::string shown = std::to_string(cn) + ": " + sv_masked(line);
+    if (log_file)
+        sv_log(log_file, shown + " ");
+    if (vlog_file)
+        sv_log(vlog_file, shown + "\n");
 }
 
 // Runs the line in c.input. The session may be gone afterwards; returns what is unsent.
@@ -164,14 +179,19 @@ std::size_t service_line_of(int cn) {
     char line[sv_line_max + 1];
     std::memcpy(line, c.input, c.len + 1);
     sv_ln_start(c);
-    log_line(cn, line);
     sv_quit = 0;
-    sv_hooks.service(cn, line, 1, log_file, vlog_file);
-    if (log_file) {
-        std::fputc('\n', log_file);
-        std::fflush(log_file);
+    try {
+        log_line(cn, line);
+        sv_hooks.service(cn, line, 1, log_file, vlog_file);
+    } catch (const std::bad_alloc &) {
+        sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
-    return sv_is_valid(cn) ? user_prompt(cn) : 0;
+    if (log_file)
+        sv_log(log_file, "\n");
+    if (!sv_is_valid(cn))
+        return 0;
+    sv_tell_lost_logs(cn);
+    return user_prompt(cn);
 }
 
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
@@ -209,6 +229,10 @@ void receive(int cn) {
     const int error = errno;
     if (n < 0 && (error == EAGAIN || error == EINTR))
         return;
+    if (n < 0 && error == ENOMEM) {
+        close_without_memory(cn);
+        return;
+    }
     if (n == 0)
         std::printf("Infered disconnect because of EOF\n");
     else if (sv_peer_is_gone(error))
@@ -277,12 +301,22 @@ void set_watches(socket_sets &sets) {
         sets.highest = user_select_add(&sets.read, sets.highest);
 }
 
+// serve_one_line, where running out of memory ends this session only.
+bool serve_one_line_or_close(int cn, std::size_t &unsent) {
+    try {
+        return serve_one_line(cn, unsent);
+    } catch (const std::bad_alloc &) {
+        close_without_memory(cn);
+        return false;
+    }
+}
+
 // True when the session is to have another line in this turn.
 bool serve_session(int cn) {
     if (!sv_is_valid(cn))
         return false;
     std::size_t unsent = 0;
-    const bool more = serve_one_line(cn, unsent);
+    const bool more = serve_one_line_or_close(cn, unsent);
     if (!sv_is_valid(cn) || (more && unsent < gathered_between_lines))
         return more;
     return outbox_try(cn) == outbox_status::empty && more;
@@ -322,8 +356,7 @@ void receive_from_ready(socket_sets &sets) {
     std::sort(sets.sessions.begin(), sets.sessions.end());
 }
 
-void turn() {
-    static socket_sets sets;
+void turn(socket_sets &sets) {
     set_watches(sets);
     timeval timeout{sets.sessions.empty() ? select_seconds : 0, 0};
     if (::select(sets.highest + 1, &sets.read, &sets.write, nullptr, &timeout) < 0) {
@@ -349,12 +382,6 @@ void shut_down() {
     }
 }
 
-void close_log(std::FILE *&file) {
-    if (file && file != stdout)
-        std::fclose(file);
-    file = nullptr;
-}
-
 } // namespace
 
 void network_loop(const char *program, int port) {
@@ -365,15 +392,17 @@ void network_loop(const char *program, int port) {
     std::snprintf(mode, sizeof mode, "Listening for connections on port %d.", port);
     sv_print_banner(program, mode);
     run_startup();
+    socket_sets sets;
+    sets.sessions.reserve(sv_max_clients); // a turn adds each session once
     while (!close_server)
-        turn();
+        turn(sets);
     shut_down();
     listening.reset();
     listen_socket = -1;
     if (sv_hooks.user_exit)
         sv_hooks.user_exit();
-    close_log(log_file);
-    close_log(vlog_file);
+    sv_close_log(log_file);
+    sv_close_log(vlog_file);
 }
 
 } // namespace kestrel

@@ -20,20 +20,6 @@ const char *const sv_credit = "Data acquisition server for X-ray detector system
 
 namespace {
 
-[[noreturn]] void usage() {
-    std::fprintf(stderr, "%s\n", sv_credit);
-    std::fprintf(stderr, "The following arguments are understood by the server directly, and not passed\n"
-                         "to the main program:\n");
-    std::fprintf(stderr, "  -port[=<nn>]      Start up in server mode on port nn (default: %d)\n",
-                 user_default_port);
-    std::fprintf(stderr, "  -startup[=<name>] Execute given start-up file (default: %s)\n",
-                 user_default_startup_file);
-    std::fprintf(stderr, "  -log[=<name>]     Log commands to stdout or to the given file\n"
-                         "  -vlog[=<name>]    Verbose Log commands to stdout or to the given file\n"
-                         "  -detach           Detach from the terminal (only in server mode)\n");
-    std::exit(1);
-}
-
 std::FILE *open_log(std::string_view name) {
     std::FILE *file = std::fopen(std::string(name).c_str(), "we");
     if (file)
@@ -52,51 +38,85 @@ bool same_file(std::FILE *a, std::FILE *b) {
            sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
-std::optional<std::string_view> value_of(std::string_view argument, std::string_view prefix) {
-    if (!argument.starts_with(prefix))
-        return std::nullopt;
-    return argument.substr(prefix.size());
-}
+using given_value = std::optional<std::string_view>; // what stands behind "=", nothing without one
 
-bool take_port(std::string_view digits) {
-    int port = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
-    if (error != std::errc() || end != digits.data() + digits.size() || port < 0 || port > 65535)
-        return false;
+bool take_port(given_value digits) {
+    int port = user_default_port;
+    if (digits) {
+        const char *const last = digits->data() + digits->size();
+        const auto [end, error] = std::from_chars(digits->data(), last, port);
+        if (error != std::errc() || end != last || port < 0 || port > 65535)
+            return false;
+    }
     sv_options.port = port;
     return true;
 }
 
-void set_startup(std::string_view name) {
+bool take_startup(given_value name) {
     sv_options.startup = true;
-    sv_options.startup_file = name;
+    sv_options.startup_file = name.value_or(user_default_startup_file);
+    return true;
+}
+
+// The last of several options for one log holds; the files of the others are closed.
+bool take_log(std::FILE *&log, given_value name) {
+    sv_close_log(log);
+    log = name ? open_log(*name) : stdout;
+    return true;
+}
+
+bool take_detach(given_value) {
+    sv_options.detach = 1;
+    return true;
+}
+
+[[noreturn]] bool usage(given_value);
+
+struct option {
+    std::string_view word;
+    const char *value; // as the usage shows it, null for an option that takes none
+    const char *help;
+    std::string (*fallback)(); // the value of the bare option, for the usage; may be null
+    bool (*take)(given_value);
+};
+
+// In the order of the usage, which leaves out those without help.
+const option options[] = {
+    {"-port", "nn", "Start up in server mode on port nn", [] { return std::to_string(user_default_port); },
+     take_port},
+    {"-startup", "name", "Execute given start-up file", [] { return std::string(user_default_startup_file); },
+     take_startup},
+    {"-log", "name", "Log commands to stdout or to the given file", nullptr,
+     [](given_value name) { return take_log(log_file, name); }},
+    {"-vlog", "name", "Verbose Log commands to stdout or to the given file", nullptr,
+     [](given_value name) { return take_log(vlog_file, name); }},
+    {"-detach", nullptr, "Detach from the terminal (only in server mode)", nullptr, take_detach},
+    {"-server?", nullptr, nullptr, nullptr, usage},
+};
+
+bool usage(given_value) {
+    std::fprintf(stderr, "%s\n", sv_credit);
+    std::fprintf(stderr, "The following arguments are understood by the server directly, and not passed\n"
+                         "to the main program:\n");
+    for (const option &o : options) {
+        if (!o.help)
+            continue;
+        const std::string form = std::string(o.word) + (o.value ? std::string("[=<") + o.value + ">]" : "");
+        const std::string bare = o.fallback ? " (default: " + o.fallback() + ")" : "";
+        std::fprintf(stderr, "  %-17s %s%s\n", form.c_str(), o.help, bare.c_str());
+    }
+    std::exit(1);
 }
 
 // True when the server understands the argument.
 bool take_option(std::string_view argument) {
-    if (argument == "-server?")
-        usage();
-    if (const auto digits = value_of(argument, "-port="))
-        return take_port(*digits);
-    if (argument == "-port")
-        sv_options.port = user_default_port;
-    else if (const auto startup = value_of(argument, "-startup="))
-        set_startup(*startup);
-    else if (argument == "-startup")
-        set_startup(user_default_startup_file);
-    else if (const auto log = value_of(argument, "-log="))
-        log_file = open_log(*log);
-    else if (argument == "-log")
-        log_file = stdout;
-    else if (const auto vlog = value_of(argument, "-vlog="))
-        vlog_file = open_log(*vlog);
-    else if (argument == "-vlog")
-        vlog_file = stdout;
-    else if (argument == "-detach")
-        sv_options.detach = 1;
-    else
-        return false;
-    return true;
+    for (const option &o : options) {
+        if (argument == o.word)
+            return o.take(std::nullopt);
+        if (o.value && argument.starts_with(o.word) && argument[o.word.size()] == '=')
+            return o.take(argument.substr(o.word.size() + 1));
+    }
+    return false;
 }
 
 } // namespace
@@ -113,9 +133,10 @@ void sv_parse_options(int &argc, char **argv) {
     if (!log_file || !vlog_file || !same_file(log_file, vlog_file))
         return;
     std::fprintf(stderr, "Cannot log anbd verbose log to same file, so doing verbose log\n");
-    if (log_file != stdout && log_file != vlog_file)
-        std::fclose(log_file);
-    log_file = nullptr;
+    if (log_file == vlog_file)
+        log_file = nullptr;
+    else
+        sv_close_log(log_file);
 }
 
 } // namespace kestrel

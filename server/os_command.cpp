@@ -7,9 +7,12 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
 #include <string>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace kestrel {
 
@@ -46,10 +49,21 @@ class spawn_settings {
     posix_spawnattr_t attributes_;
 };
 
-// The child's exit status, 128 more than the signal that ended it. An interrupt is passed on to the child.
-int wait_for_child(pid_t child) {
+// Passes each interrupt on to the child until it has ended. Without a descriptor for it (an old kernel)
+// waitpid alone waits, and misses an interrupt that falls between two of its calls.
+void wait_passing_interrupts_on(pid_t child, int &passed_on) {
+    const unique_fd ended(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))); // close-on-exec by itself
+    while (ended && sv_wait_fd_again(ended.get(), POLLIN, passed_on) == wait_result::interrupted) {
+        passed_on = sv_quit;
+        ::kill(child, SIGINT);
+    }
+}
+
+// The child's exit status, 128 more than the signal that ended it. It has been told of `passed_on`
+// interrupts.
+int wait_for_child(pid_t child, int passed_on) {
+    wait_passing_interrupts_on(child, passed_on);
     int status = 0;
-    int passed_on = sv_quit;
     while (::waitpid(child, &status, 0) < 0) {
         if (errno != EINTR)
             return -1;
@@ -67,10 +81,11 @@ int run_shell(int cn, const std::string &command) {
     char *arguments[] = {shell, flag, text.data(), nullptr};
     const spawn_settings settings;
     pid_t child = -1;
+    const int interrupts = sv_quit; // one that comes while the child is made is its own
     const int error =
         ::posix_spawn(&child, "/bin/sh", settings.files(), settings.attributes(), arguments, environ);
     if (error == 0)
-        return wait_for_child(child);
+        return wait_for_child(child, interrupts);
     sv_printf(cn, "! Cannot start a shell: %s\n", std::strerror(error));
     return -1;
 }

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <new>
 #include <span>
 
 namespace kestrel {
@@ -22,8 +23,11 @@ constexpr std::size_t label_max = 1000; // leaves room for the rest of a progres
 void log_reply(int cn, std::string_view text) {
     if (!vlog_file)
         return;
-    std::fprintf(vlog_file, "%d:Print:%s", cn, sv_masked(text).c_str());
-    std::fflush(vlog_file);
+    try {
+        sv_log(vlog_file, std::to_string(cn) + ":Print:" + sv_masked(text));
+    } catch (const std::bad_alloc &) {
+        sv_log_lost(vlog_file, ENOMEM); // the session gets its reply all the same
+    }
 }
 
 // The server's own output, one call one piece.

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
@@ -89,7 +88,7 @@ struct session_fields {
     int history_index = 0;
     int history_max_len = sv_history_max;
     int history_len = 0;
-    std::deque<std::string> history; // oldest first; while history_open, the last is the line being edited
+    std::vector<std::string> history; // oldest first; while history_open, the last is the line being edited
     bool history_open = false;
     char seq[3] = {};
     unsigned new_width = 0; // 16 bits each, from the client's window size report

@@ -42,11 +42,13 @@ timespec time_left(steady::time_point end) {
     return left > 0 ? timespec{left / 1'000'000'000, left % 1'000'000'000} : timespec{};
 }
 
-// Until one of `count` descriptors is ready or the time has come; without an end, for ever.
-wait_result wait_until(pollfd *descriptors, nfds_t count, std::optional<steady::time_point> end) {
+// Until one of `count` descriptors is ready, the time has come (without an end, never), or there are more
+// than `seen` interrupts.
+wait_result wait_until(pollfd *descriptors, nfds_t count, std::optional<steady::time_point> end,
+                       int seen = 0) {
     const interrupts_blocked guard;
     for (;;) {
-        if (sv_quit > 0)
+        if (sv_quit > seen)
             return wait_result::interrupted;
         const timespec left = end ? time_left(*end) : timespec{};
         const int n = ::ppoll(descriptors, count, end ? &left : nullptr, guard.before());
@@ -64,6 +66,11 @@ wait_result sv_wait_fd(int fd, short events, int timeout_ms) {
     if (timeout_ms < 0)
         return wait_until(&descriptor, 1, std::nullopt);
     return wait_until(&descriptor, 1, steady::now() + std::chrono::milliseconds(timeout_ms));
+}
+
+wait_result sv_wait_fd_again(int fd, short events, int seen) {
+    pollfd descriptor{fd, events, 0};
+    return wait_until(&descriptor, 1, std::nullopt, seen);
 }
 
 int sv_sleep(int cn, double seconds) {

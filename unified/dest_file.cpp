@@ -1,12 +1,17 @@
 // Destination: a file on the server.
 #include "server/output.h"
+#include "server/wait.h"
 #include "unified/form.h"
 #include "unified/output.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <poll.h>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,23 +19,93 @@ namespace kestrel {
 
 namespace {
 
-constexpr mode_t file_mode = 0666;            // less the process's mask
+constexpr mode_t file_mode = 0666; // less the process's mask
+constexpr int pipe_patience_ms = 30'000;
 constexpr std::size_t write_max = 0x40000000; // one system call takes no more than 2 GiB
+
+// What is written aside and takes the old file's place once all of it is there. Empty: written directly.
+struct file_state {
+    std::string target; // the old file, links followed
+    std::string aside;
+};
+
+file_state &state_of(UnifOutput &output) {
+    return *static_cast<file_state *>(output.specific.get());
+}
+
+struct free_memory {
+    void operator()(char *p) const { std::free(p); }
+};
+
+// These leave the way to write into the old file itself.
+bool folder_is_closed(int error) {
+    return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
+}
+
+// A new file beside the old one, with its permissions. 0, or -1 with errno.
+int open_aside(UnifOutput &output, const struct stat &old) {
+    file_state &state = state_of(output);
+    const std::unique_ptr<char, free_memory> target(::realpath(output.filename.c_str(), nullptr));
+    if (!target)
+        return -1;
+    state.target = target.get();
+    std::string aside = state.target + ".XXXXXX";
+    output.fd.reset(::mkostemp(aside.data(), O_CLOEXEC));
+    if (!output.fd)
+        return -1;
+    state.aside = std::move(aside);
+    [[maybe_unused]] const int owned = ::fchown(output.fd.get(), old.st_uid, old.st_gid); // where we may
+    ::fchmod(output.fd.get(), old.st_mode & 07777);
+    return 0;
+}
+
+// The old file stays as it is until the new one is whole. One with several names keeps them all, so it is
+// written directly.
+int replace_file(UnifOutput &output, const struct stat &old) {
+    const char *name = output.filename.c_str();
+    if (::faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0)
+        return -1;
+    if (old.st_nlink == 1) {
+        if (open_aside(output, old) == 0)
+            return 0;
+        if (!folder_is_closed(errno))
+            return -1;
+    }
+    output.fd.reset(::open(name, O_WRONLY | O_TRUNC | O_CLOEXEC));
+    return output.fd ? 0 : -1;
+}
 
 int file_init(UnifOutput &output, const _unif_format &) {
     const char *name = output.filename.c_str();
+    output.specific = std::make_shared<file_state>();
     output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file_mode));
     output.created = static_cast<bool>(output.fd);
-    if (!output.fd && errno == EEXIST)
-        output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, file_mode));
+    if (output.created || errno != EEXIST)
+        return output.fd ? 0 : -1;
+    struct stat old {};
+    if (::stat(name, &old) == 0 && S_ISREG(old.st_mode))
+        return replace_file(output, old);
+    // A device or a pipe; without a reader at its other end a pipe is refused, not waited for.
+    output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, file_mode));
     return output.fd ? 0 : -1;
+}
+
+// After a write that was not taken: true to try again. ^C ends the wait for a pipe's reader.
+bool goes_on(const UnifOutput &output) {
+    if (errno == EINTR)
+        return true;
+    if (errno != EAGAIN)
+        return false;
+    const wait_result wait = sv_wait_fd(output.fd.get(), POLLOUT, pipe_patience_ms);
+    errno = wait == wait_result::interrupted ? EINTR : ETIMEDOUT;
+    return wait == wait_result::ready;
 }
 
 int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
     const auto *at = static_cast<const std::byte *>(bytes);
     while (count > 0) {
         const ssize_t done = ::write(output.fd.get(), at, std::min(count, write_max));
-        if (done < 0 && errno == EINTR)
+        if (done < 0 && goes_on(output))
             continue;
         if (done <= 0) {
             sv_printf(output.cn, "! Cannot write file '%s': %s\n", output.filename.c_str(),
@@ -43,17 +118,25 @@ int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
     return 0;
 }
 
-// A failed transfer removes the file if this read made it.
+// A failed transfer removes the file if this read made it, and leaves an old one as it was.
 int file_term(UnifOutput &output, bool failed) {
+    const file_state &state = state_of(output);
     int result = 0;
     if (!failed && output.do_fsync && ::fsync(output.fd.get()) != 0)
         result = -1;
     if (::close(output.fd.release()) != 0)
         result = -1;
-    if (result != 0 && !failed)
+    failed = failed || result != 0;
+    if (!failed && !state.aside.empty() && ::rename(state.aside.c_str(), state.target.c_str()) != 0) {
+        failed = true;
+        result = -1;
+    }
+    if (result != 0)
         sv_printf(output.cn, "! Cannot finish file '%s': %s\n", output.filename.c_str(),
                   std::strerror(errno));
-    if ((failed || result != 0) && output.created)
+    if (failed && !state.aside.empty())
+        ::unlink(state.aside.c_str());
+    if (failed && output.created)
         ::unlink(output.filename.c_str());
     return result;
 }

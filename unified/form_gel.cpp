@@ -1,6 +1,7 @@
 // GEL: a 16-bit TIFF image with the tags that gel scanners write, made as a temporary file and then sent.
 #include "server/output.h"
 #include "support/fd.h"
+#include "support/file_io.h"
 #include "unified/form.h"
 #include "unified/line_assembler.h"
 
@@ -146,7 +147,7 @@ int send_file(UnifOutput &output, const char *name, const char *reread_error, co
     std::byte block[block_size];
     ssize_t got = fd ? 1 : -1;
     while (got > 0) {
-        got = ::read(fd.get(), block, sizeof block);
+        got = read_some(fd.get(), block, sizeof block);
         if (got > 0 && output.write(output, block, static_cast<std::size_t>(got)) != 0) {
             sv_print(output.cn, write_error);
             return -1;

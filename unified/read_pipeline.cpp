@@ -1,5 +1,6 @@
 #include "unified/read_pipeline.h"
 
+#include "modules/store/cut_guard.h"
 #include "server/interrupt.h"
 #include "server/output.h"
 #include "support/byte_order.h"
@@ -127,7 +128,8 @@ class reading {
     bool use_readgel_ = false;
     bool unchanged_ = false; // elements leave as they are
     bool in_place_ = false;  // and are taken where they lie
-    long long done_ = 0;     // elements that have left
+    int cuts_ = cut_guard_count();
+    long long done_ = 0; // elements that have left
     std::chrono::steady_clock::time_point shown_ = std::chrono::steady_clock::now();
 };
 
@@ -223,6 +225,8 @@ int reading::read_piece(const unified_box &piece) {
     sv_printf(cn_, "# Calling Write\n");
     if (emit(piece) != 0)
         return -1;
+    if (cut_guard_count() != cuts_)
+        return source_gone();
     show_progress(true);
     sv_printf(cn_, "# Finished write\n");
     return 0;

@@ -4,6 +4,7 @@
 #include "server/interrupt.h"
 #include "server/output.h"
 #include "support/fd.h"
+#include "support/file_io.h"
 #include "support/ftp.h"
 
 #include <arpa/inet.h>
@@ -99,7 +100,7 @@ int send_file(int cn, int quals, const char *local, const std::string &remote) {
     ftp_result result = upload.begin(account, remote, options_of(quals));
     std::array<std::byte, block_size> block;
     while (result) {
-        const ssize_t n = ::read(file.get(), block.data(), block.size());
+        const ssize_t n = read_some(file.get(), block.data(), block.size());
         if (n < 0)
             return file_error(cn, local);
         if (n == 0)

@@ -8,6 +8,9 @@ namespace kestrel::links {
 void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t);
 void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t);
 
+// Says that for want of memory the display was not told. The module is there all the same.
+void imgd_not_told(int cn, const char *name);
+
 // True when `display1d` and `display2d` of commands are to be passed on.
 bool imgd_display_enabled();
 

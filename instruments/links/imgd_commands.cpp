@@ -4,7 +4,9 @@
 #include "instruments/links/imgd.h"
 #include "server/output.h"
 
+#include <new>
 #include <string>
+#include <string_view>
 
 namespace kestrel::links {
 
@@ -41,7 +43,7 @@ int enable(int quals, int cn) {
 
 // The frame-time table is announced only when asked for: it is remade with every set of frames.
 bool announces(int kind, const char *name) {
-    if (std::string(name) == kairo_times_module && !(enabled & imgd_kairo))
+    if (std::string_view(name) == kairo_times_module && !(enabled & imgd_kairo))
         return false;
     return enabled & kind;
 }
@@ -56,11 +58,15 @@ std::string quoted(const char *name) {
 
 } // namespace
 
+void imgd_not_told(int cn, const char *name) {
+    sv_printf(cn, "# Warning: out of memory, the image display is not told of module '%s'\n", name);
+}
+
 bool imgd_display_enabled() {
     return enabled & imgd_display;
 }
 
-void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t) {
+void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t) try {
     if (announces(imgd_config, name))
         send_wait(cn, link_imgd, "module config " + quoted(name));
     if (announces(imgd_auto_display, name))
@@ -68,11 +74,15 @@ void imgd_module_new(int cn, const char *name, int num_x, int num_y, int num_t) 
                   "module open " + quoted(name) + (num_y == 1 && num_t == 1 ? " display1d" : " display2d"));
     if (announces(imgd_set_shape, name))
         send_wait(cn, link_imgd, "module set-shape " + quoted(name) + " " + shape(num_x, num_y, num_t));
+} catch (const std::bad_alloc &) {
+    imgd_not_told(cn, name);
 }
 
-void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t) {
+void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t) try {
     if (announces(imgd_set_shape, name))
         send_wait(cn, link_imgd, "module set-shape " + quoted(name) + " " + shape(num_x, num_y, num_t));
+} catch (const std::bad_alloc &) {
+    imgd_not_told(cn, name);
 }
 
 const PARSE_TREE imgd_tree[] = {

@@ -51,7 +51,7 @@ int connect_to(const sockaddr *address, socklen_t length, unique_fd &out) {
     if (!fd)
         return errno;
     if (::connect(fd.get(), address, length) != 0) {
-        if (errno != EINPROGRESS)
+        if (errno != EINPROGRESS && errno != EINTR) // an interrupted one goes on by itself
             return errno;
         switch (sv_wait_fd(fd.get(), POLLOUT, cln_patience_ms)) {
         case wait_result::timeout:
@@ -82,7 +82,11 @@ cln_status fail(const cln_link &link, const char *why) {
 cln_status answer_question(cln_link &link) {
     const int answer = link.handlers->question ? link.handlers->question(link.number, link.reader.text()) : 0;
     const char letter = answer == 1 ? 'Y' : 'N';
-    if (::send(link.socket.get(), &letter, 1, MSG_NOSIGNAL) != 1)
+    ssize_t sent = -1;
+    do
+        sent = ::send(link.socket.get(), &letter, 1, MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    if (sent != 1)
         return fail(link, std::strerror(errno));
     return cln_status::ok;
 }
@@ -268,8 +272,11 @@ unique_fd cln_listen(const cln_link &link, int &port) {
 unique_fd cln_accept(const cln_link &link, int listener) {
     sockaddr_in from{};
     socklen_t size = sizeof from;
-    unique_fd fd(
-        ::accept4(listener, reinterpret_cast<sockaddr *>(&from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    unique_fd fd;
+    do
+        fd.reset(
+            ::accept4(listener, reinterpret_cast<sockaddr *>(&from), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    while (!fd && errno == EINTR);
     if (fd && !same_host(link, from))
         fd.reset();
     return fd;

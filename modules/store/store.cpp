@@ -1,5 +1,6 @@
 #include "modules/store/store.h"
 
+#include "modules/store/cut_guard.h"
 #include "support/fd.h"
 #include "support/mapping.h"
 
@@ -81,6 +82,11 @@ int add_record(const char *name, unique_fd fd, std::size_t size, const struct st
     fresh->links = 1;
     fresh->next = mapped;
     fresh->address = mapping.address();
+    fresh->guard = cut_guard_add(mapping.address(), size);
+    if (fresh->guard < 0) {
+        errno = EMFILE;
+        return cannot_map(name);
+    }
     fresh->fd = fd.release();
     *head = mapping.release();
     *record = mapped = fresh.release();
@@ -95,6 +101,24 @@ int reserve(int fd, std::size_t size) {
     errno = error;
     return error == 0 ? 0 : -1;
 }
+
+// A new object that vanishes again, errno kept, unless it becomes a module.
+class new_object {
+  public:
+    explicit new_object(const std::string &name) : name_(&name) {}
+    ~new_object() {
+        const int cause = errno;
+        if (name_)
+            ::shm_unlink(name_->c_str());
+        errno = cause;
+    }
+    new_object(const new_object &) = delete;
+    new_object &operator=(const new_object &) = delete;
+    void keep() { name_ = nullptr; }
+
+  private:
+    const std::string *name_;
+};
 
 int size_and_map(const char *name, unique_fd fd, std::size_t size, datamod_record **record, void **head) {
     if (size == 0 || size > static_cast<std::size_t>(PTRDIFF_MAX)) {
@@ -128,13 +152,11 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     errno = error;
     if (!fd)
         return complain("Cannot create share memory file '%s', errno= %d\n", name);
-    const int result = size_and_map(name, std::move(fd), size, record, head);
-    if (result != 0) {
-        const int cause = errno;
-        ::shm_unlink(object.c_str());
-        errno = cause;
-    }
-    return result;
+    new_object made(object);
+    if (size_and_map(name, std::move(fd), size, record, head) != 0)
+        return -1;
+    made.keep();
+    return 0;
 } catch (const std::bad_alloc &) {
     std::fprintf(stderr, "Out of memory\n");
     errno = ENOMEM;
@@ -179,6 +201,7 @@ int munlink(void *head) {
     if (--record->links > 0)
         return 0;
     *place = record->next;
+    cut_guard_remove(record->guard);
     ::munmap(record->address, static_cast<std::size_t>(record->size));
     ::close(record->fd);
     delete record;
@@ -209,7 +232,7 @@ bool datamod_is_whole(const void *head) {
     if (record == nullptr || ::fstat(record->fd, &status) != 0)
         return false;
     errno = ENXIO;
-    return status.st_size >= record->size;
+    return status.st_size >= record->size && !cut_guard_was_cut(record->guard);
 }
 
 datamod_counts datamod_count() {

@@ -18,7 +18,8 @@ struct datamod_record {
     off_t size = 0;          // mapped bytes: the module's capacity
     void *address = nullptr; // the header
     int links = 0;
-    int fd = -1; // the object, kept to notice that it was cut short
+    int fd = -1;    // the object, kept to notice that it was cut short
+    int guard = -1; // the mapping's number with cut_guard
     datamod_record *next = nullptr;
 };
 
@@ -42,8 +43,8 @@ off_t datamod_mod_size(const void *head);
 // How often a module is linked; 0 for what is not mapped.
 int datamod_links(const void *head);
 
-// The object's present size is still the mapped one or more (errno ENXIO when it was cut short, EINVAL when
-// `head` is not mapped).
+// The object's present size is still the mapped one or more, and it has not been less while somebody looked
+// (errno ENXIO when it was cut short, EINVAL when `head` is not mapped).
 bool datamod_is_whole(const void *head);
 
 // How many mappings and links are held; for the tests that look for leaks.

@@ -1,5 +1,6 @@
 """Fixtures: each server of a test ends with it, and a crash or a sanitizer's report then fails the test."""
 import os
+import subprocess
 
 import kestrel_session
 import pytest
@@ -59,3 +60,14 @@ def names():
     names = kestrel_data.Names()
     yield names
     names.remove()
+
+
+@pytest.fixture
+def small_disk(tmp_path):
+    """A folder on a file system of 256 KiB."""
+    folder = tmp_path / "small"
+    folder.mkdir()
+    if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", folder], capture_output=True).returncode:
+        pytest.skip("cannot mount a small file system here")
+    yield folder
+    subprocess.run(["umount", "-l", folder], check=True)

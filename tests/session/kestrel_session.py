@@ -410,10 +410,11 @@ class Screen:
 class Terminal(Stream, Process):
     """The server in direct mode on a terminal of its own."""
 
-    def __init__(self, scratch, *options, cols=80, env=None):
+    def __init__(self, scratch, *options, cols=80, env=None, program=None):
         self.master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, cols, 0, 0))
-        Process.__init__(self, scratch, *options, env={"TERM": "vt100", **(env or {})}, stdin=slave, stdout=slave)
+        Process.__init__(self, scratch, *options, env={"TERM": "vt100", **(env or {})}, stdin=slave,
+                         stdout=slave, program=program)
         os.close(slave)
 
     def fileno(self):

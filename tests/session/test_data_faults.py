@@ -1,8 +1,11 @@
 """Things that go wrong with data: each gives its line, leaves nothing behind, and the next command works."""
 import os
+import signal
 import socket
+import stat
 import subprocess
 import threading
+import time
 
 import kestrel_data
 import kestrel_session
@@ -23,17 +26,6 @@ def still(server, client):
     do(client, "close-all")
     assert client.lines("1+1") == ["* 2"]
     wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 5)
-
-
-@pytest.fixture
-def small_disk(tmp_path):
-    """A folder on a file system of 256 KiB."""
-    folder = tmp_path / "small"
-    folder.mkdir()
-    if subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k", "tmpfs", folder], capture_output=True).returncode:
-        pytest.skip("cannot mount a small file system here")
-    yield folder
-    subprocess.run(["umount", "-l", folder], check=True)
 
 
 def test_a_full_disk(server, client, small_disk, still):
@@ -158,3 +150,132 @@ def test_no_file_is_left_where_a_read_fails(server, client, still, names):
         "! A headed module holds long, float or double data, not int64",
         "! Error when opening a file or a module (errno 22)."]
     assert not os.path.exists("/dev/shm/" + names("m"))
+
+
+def test_a_module_that_is_cut_while_a_command_uses_it(server, client, names, still, tmp_path):
+    """Another process cuts the module and makes it whole again, over and over; the server answers every command."""
+    n, target = names("m"), names("t")
+    do(client, f"module create '{n}' 2000 2000 header")
+    path = "/dev/shm/" + n
+    size = os.path.getsize(path)
+    program = f"import os\nwhile True:\n    os.truncate({path!r}, 4096)\n    os.truncate({path!r}, {size})\n"
+    racer = subprocess.Popen(["/usr/bin/python3", "-c", program])
+    header = open(path, "rb").read(400)
+    lines = ["read 0 0 0 2000 2000 1 from {} float to-local-file 'out'", "read 0 0 0 2000 2000 1 from {} raw to-local-file 'out'",
+             "maths accumulate {} 0 0 0 1999 1999 0", "maths integrate {} 0 0 0 1999 1999 0 x to-module 'T'",
+             "module copy 'M' 'T' quiet", "clear {}", "module set-point 'M' 1999 1999 5"]
+    cut = 0
+    try:
+        end = time.monotonic() + 4 * kestrel_session.SCALE
+        while time.monotonic() < end:
+            handle, _ = result(client, f"module open '{n}' header")
+            for line in lines:
+                reply = client.lines(line.format(max(handle, 0)).replace("'M'", f"'{n}'").replace("'T'", f"'{target}'"))
+                met = [text for text in reply if "was cut short by another process while" in text]
+                cut += len(met)
+                assert not met or reply[-1] in ("* -1", "* $ffffffff"), reply
+            client.lines("close-all")
+            if os.path.exists("/dev/shm/" + target):
+                os.unlink("/dev/shm/" + target)
+    finally:
+        racer.kill()
+        racer.wait()
+    assert cut > 0, "no access met the end of the module"
+    os.truncate(path, size)
+    with open(path, "r+b") as module:
+        module.write(header)
+    handle = do(client, f"module open '{n}' header")
+    do(client, f"read 0 0 0 2000 2000 1 from {handle} raw to-local-file 'out'")
+
+
+def test_any_other_bus_error_ends_the_server(start, names):
+    server = start()
+    do(server.client(), f"module create '{names('m')}' 10 10 header")  # modules are watched from now on
+    server.process.send_signal(signal.SIGBUS)
+    assert server.wait_exit() == -signal.SIGBUS
+    server.process.returncode = 0  # as it should be
+
+
+def file_kinds(folder):
+    """Old files in their kinds: (name, what makes it)."""
+    return {"plain": lambda path: None, "closed to others": lambda path: path.chmod(0o640),
+            "a link": lambda path: (path.rename(path.with_name("behind")), path.symlink_to("behind")),
+            "two names": lambda path: os.link(path, path.with_name("second"))}
+
+
+@pytest.mark.parametrize("kind", file_kinds(None))
+def test_a_failing_read_leaves_the_old_file_as_it_was(server, client, small_disk, still, kind):
+    old = small_disk / "out"
+    old.write_text("what was there")
+    old.chmod(0o604)
+    file_kinds(None)[kind](old)
+    mode, files = old.stat().st_mode, sorted(os.listdir(small_disk))
+    handle = do(client, "test open 1000 100 1 long")
+    read = f"read 0 0 0 1000 {{}} 1 from {handle} to-local-file '{old}' raw"
+    assert refused(client, read.format(100)) == [
+        f"! Cannot write file '{old}': No space left on device", "! Error during write"]
+    if kind != "two names":  # which would no longer be names of one file
+        assert old.read_text() == "what was there"
+    assert sorted(os.listdir(small_disk)) == files and old.is_symlink() == (kind == "a link")
+    do(client, read.format(1))
+    assert np.fromfile(old, "u4").tolist() == list(range(1000))
+    assert sorted(os.listdir(small_disk)) == files and old.is_symlink() == (kind == "a link")
+    assert old.stat().st_mode == mode
+    if kind == "two names":
+        assert old.samefile(small_disk / "second")
+
+
+def test_devices_and_pipes_are_written_directly(server, client, still):
+    handle = do(client, "test open 1000 100 1 long")
+    read = f"read 0 0 0 1000 100 1 from {handle} raw to-local-file "
+    do(client, read + "'/dev/null'")
+    assert refused(client, read + "'/dev/full'")[0] == "! Cannot write file '/dev/full': No space left on device"
+    assert stat.S_ISCHR(os.stat("/dev/full").st_mode) and stat.S_ISCHR(os.stat("/dev/null").st_mode)
+    os.mkfifo(server.cwd / "pipe")
+    assert refused(client, read + "'pipe'") == ["! Error when opening a file or a module (errno 6)."]
+    assert stat.S_ISFIFO(os.stat(server.cwd / "pipe").st_mode)
+    data = []
+    reader = threading.Thread(target=lambda: data.append((server.cwd / "pipe").read_bytes()))
+    reader.start()
+    wait_until(lambda: result(client, read + "'pipe'")[0] == 0, "reader")
+    reader.join()
+    assert len(data[0]) == 400000 and np.frombuffer(data[0], "u4")[:1000].tolist() == list(range(1000))
+
+
+def test_a_pipe_that_nobody_empties_is_left_by_an_interrupt(server, client, still):
+    handle = do(client, "test open 1000 1000 1 long")
+    os.mkfifo(server.cwd / "pipe")
+    end = os.open(server.cwd / "pipe", os.O_RDONLY | os.O_NONBLOCK)
+    client.send(f"read 0 0 0 1000 1000 1 from {handle} raw to-local-file 'pipe'\n")
+    client.recv_until("# Calling Write\r\n")
+    client.expect_silence()
+    server.interrupt()
+    client.recv_until("! Cannot write file 'pipe': Interrupted system call\r\n! Error during write\r\n* -1\r\n> ")
+    os.close(end)
+
+
+def test_free_handles_and_sizes_of_zero_are_refused(server, client, names):
+    (server.cwd / "rows").write_text("1 2 3\n4 5 6\n")
+    assert refused(client, "module close 7")
+    assert refused(client, "module close 99")
+    line = f"module load 'rows' '{names('m')}' open-quals 'ascii' num-t"
+    for size in "0", "-1":
+        assert refused(client, f"{line} {size}") == [f"! ERROR: Specified num-t ({size}) is less than file num-t (1)"]
+    assert not os.path.exists("/dev/shm/" + names("m"))
+    do(client, line + " 1")
+
+
+def test_text_files_on_a_full_disk_and_pipes_without_a_reader(server, client, still):
+    os.mkfifo(server.cwd / "pipe")
+    for mode in "", " append":
+        assert client.lines(f"printf 'a' file '/dev/full'{mode}") == ["! Error on write", '* "a"']
+        assert client.lines(f"printf 'a' file 'pipe'{mode}") == [
+            f"! Cannont open File pipe in mode {'a' if mode else 'w'}", '* "ERROR"']
+    client.send("ascii write file '/dev/full'\nabc\n:EOF\n")
+    assert client.recv_prompt() == b"! Error on write\r\n* -1\r\n"
+    assert refused(client, "ascii write file 'pipe'") == ["! Cannont open File pipe in mode w"]
+    client.lines("printf 'one' file 'text'")
+    client.lines("printf 'two' file 'text' append")
+    assert (server.cwd / "text").read_text() == "one\ntwo\n"
+    client.lines("printf 'three' file 'text'")
+    assert (server.cwd / "text").read_text() == "three\n"

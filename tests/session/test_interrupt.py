@@ -1,6 +1,8 @@
 """^C, which reaches the server as SIGINT: what it ends, and what goes on."""
 import time
 
+from kestrel_session import wait_until
+
 LOOP = ["echo 'go'", "do", "while 1", "echo 'never'"]
 TIDIED = b"# Note tidying incomplete loop type 2\r\n"
 
@@ -76,3 +78,15 @@ def test_an_os_command_leaves_the_server_running(server, client):
     server.interrupt()
     client.recv_prompt()
     assert client.cmd("7") == b"* 7\r\n"
+
+
+def test_an_interrupt_reaches_a_command_of_the_system_whenever_it_comes(server, client):
+    """The child sees it also between two steps of waiting: it never has to be sent twice."""
+    started = server.cwd / "started"
+    for i in range(40):
+        client.send("system 'echo > started; exec sleep 600'\n")
+        wait_until(started.exists, "start of the command")
+        time.sleep(i % 4 * 0.0005)
+        server.interrupt()
+        assert client.recv_prompt() == b"* 130\r\n"
+        started.unlink()

@@ -1,5 +1,6 @@
 """The process: options, banners, usages, start-up files, environment, logs."""
 import errno
+import os
 import re
 import socket
 
@@ -180,6 +181,44 @@ def test_two_logs_go_to_two_files(start):
     assert (server.cwd / "c.log").read_text() == "0: echo 'hi' => 0\n"
     assert "0:Print:hi\n" in (server.cwd / "v.log").read_text()
     assert server.stderr == ""
+
+
+def test_the_last_of_two_files_for_one_log_holds_and_the_others_are_closed(start):
+    server = start("-log=a.log", "-vlog=v.log", "-log=b.log", "-vlog=w.log", "-log=c.log")
+    server.client().cmd("echo 'hi'")
+    assert [(server.cwd / f"{n}.log").read_text() for n in "abv"] == ["", "", ""]
+    assert (server.cwd / "c.log").read_text() == "0: echo 'hi' => 0\n"
+    open_files = [os.readlink(f"/proc/{server.process.pid}/fd/{fd}") for fd in os.listdir(f"/proc/{server.process.pid}/fd")]
+    assert sorted(os.path.basename(name) for name in open_files if name.endswith(".log")) == ["c.log", "w.log"]
+
+
+@pytest.mark.parametrize("option, log", [("-log", "command log"), ("-vlog", "verbose log")])
+def test_a_log_on_a_full_disk_is_told_once(start, option, log):
+    server = start(f"{option}=/dev/full")
+    client = server.client()
+    lost = f"Cannot write the {log}, what happens is not logged: No space left on device"
+    assert client.lines("1+1") == ["* 2", "! " + lost]
+    assert client.lines("1+2") == ["* 3"]
+    assert server.client().lines("echo 'hi'") == ["hi", "* 0"]
+    assert server.stderr == f"server: Cannot write the {log}: No space left on device\n"
+
+
+def test_a_log_is_told_again_after_it_could_be_written(start, small_disk):
+    server = start(f"-log={small_disk}/c.log")
+    client = server.client()
+    line = "rem '" + 1000 * "x" + "'"
+
+    def fill():
+        room = os.statvfs(small_disk)
+        (small_disk / "fill").write_bytes(bytes(room.f_bavail * room.f_frsize))
+        replies = [client.lines(line) for _ in range(10)]  # more than the log's last page holds
+        assert sorted(map(len, replies)) == 9 * [1] + [2], replies
+
+    fill()
+    os.unlink(small_disk / "fill")
+    assert client.lines("1+1") == ["* 2"]
+    fill()
+    assert (small_disk / "c.log").read_text().count("0: 1+1 => 2\n") == 1
 
 
 @pytest.mark.parametrize("line", ["rem password 'sesame'", 'rem PASSWORD  "sesame"', "rem 'x' password 'sesame' 5"])

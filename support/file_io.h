@@ -1,0 +1,47 @@
+// support: reading and writing descriptors that a signal may interrupt and that may take or give less at a
+// time.
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+#include <string_view>
+#include <unistd.h>
+
+namespace kestrel {
+
+// read() that goes on after an interrupt: the count, 0 at the end, -1 with errno.
+inline ssize_t read_some(int fd, void *bytes, std::size_t size) {
+    ssize_t got = -1;
+    do
+        got = ::read(fd, bytes, size);
+    while (got < 0 && errno == EINTR);
+    return got;
+}
+
+// Reads up to `size` bytes, fewer only at the end: the count, or -1 with errno.
+inline ssize_t read_full(int fd, void *bytes, std::size_t size) {
+    std::size_t have = 0;
+    while (have < size) {
+        const ssize_t got = read_some(fd, static_cast<char *>(bytes) + have, size - have);
+        if (got < 0)
+            return -1;
+        if (got == 0)
+            break;
+        have += static_cast<std::size_t>(got);
+    }
+    return static_cast<ssize_t>(have);
+}
+
+// Writes everything; false with errno.
+inline bool write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t done = ::write(fd, bytes.data(), bytes.size());
+        if (done >= 0)
+            bytes.remove_prefix(static_cast<std::size_t>(done));
+        else if (errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
+} // namespace kestrel

@@ -1,0 +1,87 @@
+"""What `cmake --install` puts where, and that man page and completion know the program's options."""
+import os
+import re
+import subprocess
+
+import pytest
+from kestrel_session import KESTREL, ROOT
+
+BUILD = os.environ.get("KESTREL_BUILD", str(ROOT / "build"))
+
+
+def run(*command, **how):
+    return subprocess.run(command, capture_output=True, text=True, timeout=60, **how)
+
+
+@pytest.fixture(scope="module")
+def prefix(tmp_path_factory):
+    folder = tmp_path_factory.mktemp("prefix")
+    installed = run("cmake", "--install", BUILD, "--prefix", folder)
+    assert installed.returncode == 0, installed.stderr
+    return folder
+
+
+@pytest.fixture(scope="module")
+def options():
+    """(word, name of its value or None) as the program lists them."""
+    found = re.findall(r"^  (-[a-z]+)(?:\[=<([a-z]+)>\])? ", run(KESTREL, "-server?").stderr, re.M)
+    assert len(found) >= 5
+    return [*found, ("-server?", "")]
+
+
+def test_what_is_installed(prefix):
+    files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
+    assert files == ["bin/kestrel", "include/kestrel/kestrel_module.h",
+                     "share/bash-completion/completions/kestrel", "share/man/man1/kestrel.1"]
+    assert run(prefix / "bin/kestrel", "-server?").returncode == 1
+    source = f'#include "{prefix}/include/kestrel/kestrel_module.h"\n'
+    assert run("cc", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-xc", "-", input=source).stderr == ""
+
+
+def test_the_man_page(prefix, options):
+    page = prefix / "share/man/man1/kestrel.1"
+    shown = run("groff", "-man", "-ww", "-Tascii", "-P-c", "-P-b", "-P-u", page)
+    assert shown.stderr == "" and shown.returncode == 0
+    described = re.search(r"^OPTIONS$(.*)^EXIT STATUS$", shown.stdout, re.M | re.S)[1]
+    heads = re.findall(r"^ {7}(-\S+)$", described, re.M)
+    assert heads == [word + (f"[={value}]" if value else "") for word, value in options]
+    for fact in "DATA_DIR", "KESTRELPATH", "kestrel.clients.ini", ".kestrel.inc", "SIGINT", "1972":
+        assert fact in shown.stdout
+
+
+def complete(prefix, folder, *words):
+    """What a real bash offers for the last word, as it splits them."""
+    script = (f"source {prefix}/share/bash-completion/completions/kestrel; COMP_WORDS=(\"$@\"); "
+              "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _kestrel; printf '%s\\n' \"${COMPREPLY[@]}\"")
+    # Outside an interactive completion compopt has nothing to change; its complaint is of no interest.
+    return run("bash", "-c", script, "bash", "kestrel", *words, cwd=folder).stdout.split()
+
+
+def test_completion_offers_every_option(prefix, options, tmp_path):
+    wanted = [word + end for word, value in options for end in (["", "="] if value else [""])]
+    assert complete(prefix, tmp_path, "-") == wanted
+    assert complete(prefix, tmp_path, "-v") == ["-vlog", "-vlog="]
+    (tmp_path / "night.log").touch()
+    assert complete(prefix, tmp_path, "-log", "=", "ni") == ["night.log"]
+    assert complete(prefix, tmp_path, "-port", "=") == []
+
+
+def test_completion_in_an_interactive_shell(prefix, tmp_path):
+    """TAB in a bash on a terminal completes an option and a log's file name."""
+    from kestrel_session import Terminal
+    (tmp_path / "cwd").mkdir()
+    (tmp_path / "cwd" / "night.log").touch()
+    (tmp_path / "rc").write_text(f"PS1='$ '\nkestrel() {{ printf '<%s>\\n' \"$@\"; }}\n"
+                                 f"source {prefix}/share/bash-completion/completions/kestrel\n")
+    program = tmp_path / "shell"
+    program.write_text(f"#!/bin/sh\nexec bash --noprofile --rcfile {tmp_path}/rc -i 2>&1\n")
+    program.chmod(0o755)
+    shell = Terminal(tmp_path, program=str(program))
+    shell.recv_until("$ ")
+    shell.send("kestrel -det\t -log=ni\t\n")
+    shell.recv_until("<-detach>\r\n")
+    shell.recv_until("<-log=night.log>\r\n")
+    shell.send("exit\n")
+    shell.expect_closed()
+    assert shell.wait_exit() == 0
+    os.close(shell.master)

@@ -1,0 +1,20 @@
+# Completes the options of kestrel in bash.
+
+_kestrel() {
+    local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} option=
+    if [[ $word == = ]]; then
+        option=$before word=
+    elif [[ $before == = ]]; then
+        option=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+    case $option in
+    -log | -vlog | -startup)
+        compopt -o filenames
+        mapfile -t COMPREPLY < <(compgen -f -- "$word")
+        ;;
+    '')
+        mapfile -t COMPREPLY < <(compgen -W '-port -port= -startup -startup= -log -log= -vlog -vlog= -detach -server?' -- "$word")
+        [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
+        ;;
+    esac
+} && complete -F _kestrel kestrel
