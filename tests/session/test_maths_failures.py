@@ -169,9 +169,14 @@ def ramp(nx, ny, nt):
     return values, values.sum()
 
 
+def large(client, line):
+    """The reply's lines without those that show how far a slow machine is."""
+    return [text for text in client.lines(line) if not text.startswith("@")]
+
+
 def test_planes_that_fill_the_buffer_more_than_once(client):
     handle = do(client, "test open 4096 4096 5 float")
-    lines = client.lines(f"maths accumulate {handle} 0 0 0 4095 4095 4")
+    lines = large(client, f"maths accumulate {handle} 0 0 0 4095 4095 4")
     assert lines[:-1] == ["# umaths_start gives num_lines = 0, num_planes = 4",
                           f"# Reading 4 planes from handle {handle} ", f"# Reading 1 planes from handle {handle} "]
     assert float(lines[-1][2:]) == pytest.approx(ramp(4096, 4096, 5)[1], rel=1e-5)
@@ -183,14 +188,14 @@ def test_planes_larger_than_the_buffer_are_read_in_runs_of_lines(client, names):
     region = f"{handle} 0 0 0 {nx - 1} {ny - 1}"
     reading = ["# Reading 3355 lines ", "# Reading 45 lines "]
     by_x, total = ramp(nx, ny, 1)
-    lines = client.lines(f"maths accumulate {region} 0")
+    lines = large(client, f"maths accumulate {region} 0")
     assert lines[:-1] == ["# umaths_start gives num_lines = 3355, num_planes = 0", *reading]
     assert float(lines[-1][2:]) == pytest.approx(total, rel=1e-5)
     do(client, f"maths integrate {region} 0 x module '{names('x')}'")
     assert np.allclose(np.squeeze(mapped(names("x"))), by_x, rtol=1e-7)
-    lines = client.lines(f"maths integrate {region} 1 y average min-last 1e9 module '{names('y')}'")
+    lines = large(client, f"maths integrate {region} 1 y average min-last 1e9 module '{names('y')}'")
     assert [text for text in lines if "Reading" in text] == 2 * reading, "the last row is in the buffer already"
     by_y = 2.0 * (np.arange(nx).sum() + 2.0 * nx * np.arange(ny)) + 3.0 * nx
     assert np.allclose(np.squeeze(mapped(names("y"))), by_y, rtol=1e-6)
-    lines = client.lines(f"maths measure-flood {handle} 0 0 0 {nx - 1} {ny - 1} 0 quiet")
+    lines = large(client, f"maths measure-flood {handle} 0 0 0 {nx - 1} {ny - 1} 0 quiet")
     assert lines == [f"* {total / nx / ny:g}"]
