@@ -37,7 +37,7 @@ double umaths_accumulate(int, int cn, int handle, int x1, int y1, int t1, int x2
     const bool read = reader.utype == el_long    ? sum_rows<std::uint32_t>(cn, reader, sum)
                       : reader.utype == el_float ? sum_rows<float>(cn, reader, sum)
                                                  : sum_rows<double>(cn, reader, sum);
-    return read ? sum : umaths_read_error(cn);
+    return read ? sum : umaths_read_error(cn, reader);
 }
 
 } // namespace kestrel

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <limits>
 
 namespace kestrel {
 
@@ -73,7 +74,7 @@ int resolve(int cn, std::span<const pt_value> v, const umaths_region &size_a, co
         out.b = size_b;
         return 0;
     case 1:
-        out.a = part_of(size_a, 0, v[0].i - 1);
+        out.a = part_of(size_a, 0, std::max(v[0].i, -std::numeric_limits<int>::max()) - 1);
         out.b = matching(size_b, out.a);
         return 0;
     case 2:
@@ -99,11 +100,13 @@ int resolve(int cn, std::span<const pt_value> v, const umaths_region &size_a, co
     }
 }
 
+// The regions are not known to lie in the images yet: their ends may be beyond an int.
 void announce(int cn, const umaths_region &a, const umaths_region &b) {
-    sv_printf(cn, "# Processing Image A (%d, %d, %d) to (%d, %d, %d)\n", a.x, a.y, a.t, a.x + (a.dx - 1),
-              a.y + (a.dy - 1), a.t + (a.dt - 1));
-    sv_printf(cn, "# With       Image B (%d, %d, %d) to (%d, %d, %d)\n", b.x, b.y, b.t, b.x + (b.dx - 1),
-              b.y + (b.dy - 1), b.t + (b.dt - 1));
+    const auto last = [](int first, int count) { return static_cast<long long>(first) + count - 1; };
+    sv_printf(cn, "# Processing Image A (%d, %d, %d) to (%lld, %lld, %lld)\n", a.x, a.y, a.t, last(a.x, a.dx),
+              last(a.y, a.dy), last(a.t, a.dt));
+    sv_printf(cn, "# With       Image B (%d, %d, %d) to (%lld, %lld, %lld)\n", b.x, b.y, b.t, last(b.x, b.dx),
+              last(b.y, b.dy), last(b.t, b.dt));
 }
 
 int check_shapes(int cn, const umaths_region &a, const umaths_region &b) {
@@ -225,7 +228,7 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
             const std::byte *from_b =
                 from_a ? umaths_get_line(cn, b.dy == 1 ? 0 : row, b.dt == 1 ? 0 : plane, b) : nullptr;
             if (!from_b)
-                return umaths_read_error(cn);
+                return umaths_read_error(cn, from_a ? b : a);
             std::byte *to = umaths_get_output(cn, row, plane, out);
             if (!to)
                 return -1;

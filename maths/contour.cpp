@@ -59,7 +59,7 @@ long long draw_row(const row_flags (&reached)[3], const contour_pen &pen, const 
 // A frame is read one row ahead of the row that is drawn: both may be the same module. The number of points,
 // or -1 when ^C came.
 long long draw_frame(int cn, const module_view &from, int t, double level, const contour_pen &pen,
-                     const module_view &to, umaths_progress &progress) {
+                     linked_module &to, umaths_progress &progress) {
     std::vector<double> values(static_cast<std::size_t>(from.num_x));
     const row_flags none(values.size() + 2, 0);
     row_flags reached[3] = {none, none, none}; // of the rows above, at and below y
@@ -72,7 +72,8 @@ long long draw_frame(int cn, const module_view &from, int t, double level, const
         reached[0].swap(reached[1]);
         reached[1].swap(reached[2]);
         find_reached(from, y + 1, t, level, values, reached[2]);
-        points += draw_row(reached, pen, to, y, t);
+        to.made.keep();
+        points += draw_row(reached, pen, to.view, y, t);
     }
     return points;
 }
@@ -89,7 +90,7 @@ int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to
     umaths_progress progress;
     long long points = 0;
     for (int t = 0; t < from.view.num_t; ++t) {
-        const long long drawn = draw_frame(cn, from.view, t, level, pen, to.view, progress);
+        const long long drawn = draw_frame(cn, from.view, t, level, pen, to, progress);
         if (drawn < 0)
             return -1;
         points += drawn;

@@ -109,6 +109,7 @@ int link_destination(int cn, const char *name, request &q, linked_module &to) {
         sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", name);
         app_mkmod_head(cn, name, x, y, "X", "Y", 0, &head);
         to.link = module_link::adopt(head);
+        to.made = unwritten_module(name, head);
         if (!to.link)
             return -1;
     }
@@ -182,6 +183,7 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
                                       static_cast<std::size_t>(q.y.count));
     if (!fill(cn, q, x, y, counts))
         return -1;
+    to.made.keep();
     write_counts(counts, q, to.view);
     return 0;
 }

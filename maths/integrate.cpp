@@ -199,7 +199,7 @@ int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, b
         const int count = std::min(at_once, p.ny - top);
         sums.assign(static_cast<std::size_t>(count) * width_of(p), {});
         if (!sum_frames<T>(cn, r, top, count, sums))
-            return umaths_read_error(cn);
+            return umaths_read_error(cn, r);
         if (write_rows<T>(cn, p, top, sums, by, add, out) != 0)
             return -1;
     }
@@ -220,7 +220,7 @@ int integrate(int cn, int quals, UMaths &r, const projection &p, double least, c
     std::uint64_t by = 0;
     std::vector<sum_of<T>> sums(width_of(p) * static_cast<std::size_t>(p.ny));
     if (!sum_region<T>(cn, r, p, sums) || (quals & average && !divisor<T>(cn, r, p, quals, least, by)))
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, r);
     return write_rows<T>(cn, p, 0, sums, by, add, out);
 }
 

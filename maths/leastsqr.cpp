@@ -5,6 +5,7 @@
 #include "parser/call.h"
 #include "server/output.h"
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -29,6 +30,13 @@ struct LinLeastSqrFit {
     int error = 0; // the points do not fix a line
 };
 
+// One x does not fix a line, nor does x = 0 one through the origin; rounding would hide it from the sums
+// below.
+bool fixes_line(const std::vector<double> &x, bool through_zero) {
+    const auto [least, most] = std::minmax_element(x.begin(), x.end());
+    return through_zero ? *least != 0.0 || *most != 0.0 : x.size() > 1 && *least != *most;
+}
+
 // The straight line of least squares: Press et al., Numerical Recipes, section 15.2, with equal weights. The
 // slope is written through the sample variance of x.
 void leastsqr_fit(const std::vector<double> &x, const std::vector<double> &y, bool through_zero,
@@ -48,7 +56,7 @@ void leastsqr_fit(const std::vector<double> &x, const std::vector<double> &y, bo
         fit.m = (n * sxy - sx * sy) / (n * (n - 1) * ((sxx - sx * sx / n) / (n - 1)));
         fit.c = sy / n - sx * fit.m / n;
     }
-    fit.error = x.size() < 2 || !std::isfinite(fit.m) || !std::isfinite(fit.c);
+    fit.error = !fixes_line(x, through_zero) || !std::isfinite(fit.m) || !std::isfinite(fit.c);
 }
 
 struct fit_request {

@@ -118,7 +118,7 @@ int umaths_measure_mask(int quals, int cn, int handle) {
                       : r.utype == el_float ? project<float>(cn, r, axis, profile)
                                             : project<double>(cn, r, axis, profile);
     if (!read)
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, r);
     if (!std::all_of(profile.begin(), profile.end(), [](double sum) { return std::isfinite(sum); })) {
         sv_printf(cn, "! The image holds values that are not numbers\n");
         return -1;

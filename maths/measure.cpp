@@ -110,7 +110,7 @@ double umaths_measure_peak(int quals, int cn, int handle, int x1, int y1, int t1
     }
     peak_sums sums;
     if (!sum_peak(cn, reader, threshold, sums))
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, reader);
     const double average =
         sums.total / (static_cast<double>(reader.dx) * static_cast<double>(reader.dy) * reader.dt);
     sv_printf(cn, "# Total    = %g\n", sums.total);
@@ -190,7 +190,7 @@ double umaths_measure_flood(int quals, int cn, int handle, int x1, int y1, int t
     with_element_type(reader.utype,
                       [&](auto kind) { read = sum_flood<decltype(kind)>(cn, reader, mask, sums); });
     if (!read)
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, reader);
     const double count = static_cast<double>(reader.dx) * static_cast<double>(reader.dy) * reader.dt;
     const double mean = sums.total / count;
     const double variance = sums.squares / count - mean * mean;
@@ -251,8 +251,7 @@ struct outlier_search {
 
 bool search(UMaths &reader, outlier_search &s) {
     if (reader.utype == el_long) {
-        const std::uint32_t low = narrow<std::uint32_t>(s.below_value),
-                            high = narrow<std::uint32_t>(s.above_value);
+        const double low = std::trunc(s.below_value), high = std::trunc(s.above_value);
         return each_element<std::uint32_t>(s.cn, reader, [&](std::uint32_t element, int x, int y, int t) {
             const std::uint32_t value = element & s.mask;
             if ((s.below && value < low) || (s.above && value > high))
@@ -277,17 +276,16 @@ int umaths_search_outliers(int quals, int cn, int handle, int x1, int y1, int t1
     UMaths reader;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet) != 0)
         return -1;
-    const std::unique_ptr<std::FILE, close_file> file(std::fopen(name, quals & out_append ? "ae" : "we"));
+    std::unique_ptr<std::FILE, close_file> file(std::fopen(name, quals & out_append ? "ae" : "we"));
     if (!file) {
         sv_print(cn, std::string("! Cannot open file '") + name + "'\n");
         return -1;
     }
-    if (!below && !above)
-        return 0;
     outlier_search s{cn, quiet, below, above, low, high, mask, file.get()};
-    if (!search(reader, s))
-        return umaths_read_error(cn);
-    if (std::fflush(file.get()) != 0) {
+    if ((below || above) && !search(reader, s))
+        return umaths_read_error(cn, reader);
+    const bool failed = std::ferror(file.get()) != 0;
+    if (std::fclose(file.release()) != 0 || failed) {
         sv_print(cn, std::string("! Error on write to file '") + name + "'\n");
         return -1;
     }

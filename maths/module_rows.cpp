@@ -45,6 +45,7 @@ int umaths_module_like(int cn, const char *name, const module_view &like, int da
         else
             app_mkmod_head(cn, name, like.num_x, like.num_y, "X", "Y", data_float, &head);
         out.link = module_link::adopt(head);
+        out.made = unwritten_module(name, head);
         if (!out.link)
             return -1;
     }

@@ -11,6 +11,7 @@ namespace kestrel {
 // A module that is linked as long as this lives, looked at once.
 struct linked_module {
     module_link link;
+    unwritten_module made; // where the module is new: kept once something is written
     module_view view;
 
     int rows() const; // frames below each other; at most INT_MAX

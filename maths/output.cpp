@@ -77,12 +77,12 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
                         "Y", "T", nullptr, out.data_float, &head);
         }
     } else {
-        errno = EFBIG;
+        sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", to.name, EFBIG);
     }
     out.mod_head = module_link::adopt(head);
+    out.made = unwritten_module(to.name, head);
     if (head && mod_look(cn, to.name, head, out.mod) == 0)
         return 0;
-    sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", to.name, errno);
     umaths_stop_output(out);
     return -1;
 }
@@ -172,10 +172,12 @@ std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
         sv_printf(cn, "! Tried to write past end of image\n");
         return nullptr;
     }
+    out.made.keep();
     return out.mod.at(out.start_x, y, t);
 }
 
 void umaths_stop_output(UMathsOutput &out) {
+    out.made.reset();
     out.mod_head.reset();
     out.type = UMOutputType::none;
 }

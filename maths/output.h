@@ -28,7 +28,8 @@ struct UMathsOutput {
     int full_x = 0, full_y = 0, full_t = 0;
     int data_float = 0; // 0 integer result, 1 float, 2 double
     RWMode rw_mode = RWMode::write;
-    module_link mod_head; // linked until the output stops
+    module_link mod_head;  // linked until the output stops
+    unwritten_module made; // where the module is new
     module_view mod;
 };
 
@@ -36,10 +37,12 @@ struct UMathsOutput {
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
                         RWMode rw_mode, int data_float);
 
-// Where result row `row` of plane `plane` goes; null after a line when it does not fit.
+// Where result row `row` of plane `plane` goes, to be written at once; null after a line when it does not
+// fit.
 std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out);
 
-// Unlinks the destination. The destructor does so, too.
+// Unlinks the destination, and removes it when it is new and nothing was written. The destructor does so,
+// too.
 void umaths_stop_output(UMathsOutput &out);
 
 } // namespace kestrel

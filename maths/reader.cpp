@@ -149,6 +149,7 @@ int umaths_check_region(int cn, const umaths_region &region, int handle, int any
 
 int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r, int quiet, int any_type) {
     umaths_quiet = quiet;
+    r.interrupted = false;
     if (umaths_check_region(cn, region, handle, any_type) != 0)
         return -1;
     const _unif_open_tbl *entry = unified_entry(handle);
@@ -181,8 +182,10 @@ const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &r) {
         sv_printf(cn, "! Attempt to read illegal row %d, plane %d\n", row, plane);
         return nullptr;
     }
-    if (row == 0 && !r.progress.go_on(cn, plane, r.dt))
+    if (row == 0 && !r.progress.go_on(cn, plane, r.dt)) {
+        r.interrupted = true;
         return nullptr;
+    }
     return r.num_planes > 0 ? plane_mode_line(cn, row, plane, r) : line_mode_line(cn, row, plane, r);
 }
 
@@ -201,6 +204,10 @@ int umaths_stay_clear_of(int cn, const void *owner, UMaths &r) {
 int umaths_read_error(int cn) {
     sv_printf(cn, "! Read returned error\n");
     return -1;
+}
+
+int umaths_read_error(int cn, const UMaths &r) {
+    return r.interrupted ? -1 : umaths_read_error(cn);
 }
 
 } // namespace kestrel

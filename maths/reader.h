@@ -35,6 +35,7 @@ struct UMaths {
     int current_line = -1;
     int current_plane = -1;
     int handle = -1;
+    bool interrupted = false; // ^C ended the reading
     std::optional<unified_look> look;
     umaths_progress progress;
 };
@@ -63,7 +64,7 @@ inline bool umaths_plane_held(const UMaths &reader) {
 // 0, or -1 after a line when there is no memory for them.
 int umaths_stay_clear_of(int cn, const void *owner, UMaths &reader);
 
-// A row of elements of type T; empty on failure, after "! Read returned error".
+// A row of elements of type T; empty on failure.
 template <class T> std::span<const T> umaths_row(int cn, int row, int plane, UMaths &reader) {
     const std::byte *first = umaths_get_line(cn, row, plane, reader);
     if (!first)
@@ -71,7 +72,10 @@ template <class T> std::span<const T> umaths_row(int cn, int row, int plane, UMa
     return {reinterpret_cast<const T *>(first), static_cast<std::size_t>(reader.dx)};
 }
 
-// "! Read returned error", and -1.
+// "! Read returned error" unless ^C ended the reading, which has its own line; -1.
+int umaths_read_error(int cn, const UMaths &reader);
+
+// The same where the elements were read by other means.
 int umaths_read_error(int cn);
 
 } // namespace kestrel

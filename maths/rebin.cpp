@@ -62,7 +62,7 @@ template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_
     for (int plane = 0; plane < nt; ++plane) {
         sums.assign(sums.size(), {});
         if (!sum_plane<T>(cn, r, by, plane, nx, ny, sums))
-            return umaths_read_error(cn);
+            return umaths_read_error(cn, r);
         for (int row = 0; row < ny; ++row) {
             T *line = reinterpret_cast<T *>(umaths_get_output(cn, row, plane, out));
             if (!line)

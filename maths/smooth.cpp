@@ -150,6 +150,7 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         if (!smooth_rows(cn, view, frame, plane, width / 2, progress) ||
             !smooth_columns(cn, view, frame, plane, width / 2, progress))
             return -1;
+        to.made.keep();
         for (int y = 0; y < view.num_y; ++y)
             umaths_put_elements(to.view, 0, y, frame,
                                 std::span(plane).subspan(static_cast<std::size_t>(y) * nx, nx));

@@ -138,7 +138,7 @@ int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int 
         return -1;
     series s(a);
     if (!take_region(cn, r, a.axis, skip, quals & stability_signed, s))
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, r);
     s.finish(umaths_axis_length(r, a) - skip);
     return write_result(cn, a, s, out);
 }

@@ -12,15 +12,16 @@ const PARSE_TREE maths_table[] = {
         "measure-peak", "%d %d %d %d %d %d %d + %s x y t threshold %g = %g", "Measure Peak positionin volume",
         "Unified handle/x1/y1/t1/x2/y2/t2/Optional variable to save results/Measure X position/Measure Y "
         "position/Measure T position/Threshold"),
-    pt_command<umaths_measure_flood>("measure-flood", "%d %d %d %d %d %d %d + %s mask %d quiet = %g",
-                                     "Measure flood DNL in volume",
-                                     "Unified handle/x1/y1/t1/x2/y2/t2/Optional variable to save "
-                                     "results/Mask to AND with integer data/No messages"),
-    pt_command<umaths_search_outliers>(
-        "search-outliers", "%d %d %d %d %d %d %d %s mask %d quiet append below %g above %g = %d",
-        "Search for outlieing values in volume",
-        "Unified handle/x1/y1/t1/x2/y2/t2/File name/Mask to AND with integer data/No messages/Append to "
-        "file/List values below this/List values above this"),
+    pt_command<umaths_measure_flood>(
+        "measure-flood", "%d %d %d %d %d %d %d + %s mask %d quiet = %g", "Measure flood DNL in volume",
+        "Unified handle/x1/y1/t1/x2/y2/t2/Optional variable to save "
+        "results/Mask to AND with integer data, particualrly scope mode data/No messages"),
+    pt_command<umaths_search_outliers>("search-outliers",
+                                       "%d %d %d %d %d %d %d %s mask %d quiet append below %g above %g = %d",
+                                       "Search for outlieing values in volume",
+                                       "Unified handle/x1/y1/t1/x2/y2/t2/File name/Mask to AND with integer "
+                                       "data, particualrly scope mode data/No messages/Append to "
+                                       "file/List values below this/List values above this"),
     pt_command<umaths_integrate>(
         "integrate",
         "%d %d %d %d %d %d %d x y t xy xt yt no-clear average min-last %g module %s tessera %s carafe mem0 "

@@ -174,7 +174,7 @@ int weigh_frames(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOut
         const int rows = std::min(at_once, r.dy - top);
         moments m(static_cast<std::size_t>(rows) * static_cast<std::size_t>(r.dx));
         if (!sum_frames<T>(cn, r, top, rows, m))
-            return umaths_read_error(cn);
+            return umaths_read_error(cn, r);
         if (write_rows(cn, a, top, m, value_of, out) != 0)
             return -1;
     }
@@ -187,7 +187,7 @@ int weigh(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &ou
         return weigh_frames<T>(cn, r, a, value_of, out);
     moments m(a);
     if (!sum_moments<T>(cn, r, a, m))
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, r);
     return write_rows(cn, a, 0, m, value_of, out);
 }
 
@@ -252,7 +252,7 @@ int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x
     moments m(a);
     if (!(counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
                  : sum_moments_above<float>(cn, r, a, fraction, m)))
-        return umaths_read_error(cn);
+        return umaths_read_error(cn, r);
     return write_rows(cn, a, 0, m, mean, out);
 }
 

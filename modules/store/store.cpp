@@ -235,6 +235,25 @@ bool datamod_is_whole(const void *head) {
     return status.st_size >= record->size && !cut_guard_was_cut(record->guard);
 }
 
+int datamod_remove(const char *name, const void *head) {
+    const std::string object = object_name(name);
+    if (object.empty())
+        return -1;
+    const std::lock_guard lock(img_mod_mutex);
+    const datamod_record *record = head == nullptr ? nullptr : find(head);
+    errno = EBUSY;
+    if (record == nullptr || record->links != 1)
+        return -1;
+    struct stat status {};
+    const unique_fd fd(::shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0));
+    if (!fd || ::fstat(fd.get(), &status) != 0)
+        return -1;
+    errno = ESTALE;
+    if (status.st_dev != record->device || status.st_ino != record->inode)
+        return -1;
+    return ::shm_unlink(object.c_str());
+}
+
 datamod_counts datamod_count() {
     const std::lock_guard lock(img_mod_mutex);
     datamod_counts counts;
@@ -274,6 +293,26 @@ void *module_link::release() {
 void module_link::reset() {
     if (head_ != nullptr)
         munlink(head_);
+    head_ = nullptr;
+}
+
+unwritten_module::unwritten_module(const char *name, const void *head) : name_(name), head_(head) {}
+
+unwritten_module::unwritten_module(unwritten_module &&other) noexcept
+    : name_(std::move(other.name_)), head_(std::exchange(other.head_, nullptr)) {}
+
+unwritten_module &unwritten_module::operator=(unwritten_module &&other) noexcept {
+    if (this != &other) {
+        reset();
+        name_ = std::move(other.name_);
+        head_ = std::exchange(other.head_, nullptr);
+    }
+    return *this;
+}
+
+void unwritten_module::reset() {
+    if (head_ != nullptr)
+        datamod_remove(name_.c_str(), head_);
     head_ = nullptr;
 }
 

@@ -2,11 +2,12 @@
 //
 // Uses server/ for messages only (none here: store-level failures go to standard error). Every operation
 // takes img_mod_mutex and may be called from any thread; what lies in the mappings is locked by nobody.
-// Nothing here removes an object that was completely made.
+// Only a result that was never written into its new object is removed again (unwritten_module).
 #pragma once
 
 #include <cstddef>
 #include <mutex>
+#include <string>
 #include <sys/types.h>
 
 namespace kestrel {
@@ -47,6 +48,11 @@ int datamod_links(const void *head);
 // (errno ENXIO when it was cut short, EINVAL when `head` is not mapped).
 bool datamod_is_whole(const void *head);
 
+// Removes the object called `name` where it is the one that is mapped at `head` and linked once, so that
+// nobody else uses it; the mapping and its link stay. 0, or -1 with errno set (EBUSY, or ESTALE when the name
+// belongs to another object by now).
+int datamod_remove(const char *name, const void *head);
+
 // How many mappings and links are held; for the tests that look for leaks.
 struct datamod_counts {
     int mappings = 0;
@@ -73,6 +79,26 @@ class module_link {
 
   private:
     void *head_ = nullptr;
+};
+
+// A new module that goes again unless something is written into it. Ends before the link to it does, so it
+// stands below that where both are members.
+class unwritten_module {
+  public:
+    unwritten_module() = default;
+    unwritten_module(const char *name, const void *head); // no head: nothing was made
+    unwritten_module(unwritten_module &&other) noexcept;
+    unwritten_module &operator=(unwritten_module &&other) noexcept;
+    unwritten_module(const unwritten_module &) = delete;
+    unwritten_module &operator=(const unwritten_module &) = delete;
+    ~unwritten_module() { reset(); }
+
+    void keep() { head_ = nullptr; } // before the first write
+    void reset();                    // removes the module if nothing was written
+
+  private:
+    std::string name_;
+    const void *head_ = nullptr;
 };
 
 } // namespace kestrel

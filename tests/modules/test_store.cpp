@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 using namespace kestrel;
@@ -97,6 +98,50 @@ TEST_F(store, sizes_that_cannot_be_leave_no_object) {
     }
     EXPECT_EQ(mkmod_nohead(cn, name("none"), -1), -1);
     EXPECT_NE(session_.replies().find("! Cannot create data module \""), std::string::npos);
+}
+
+TEST_F(store, a_new_module_goes_again_unless_something_was_written) {
+    const char *n = name("unwritten");
+    const auto made = [n] {
+        void *head = nullptr;
+        app_mkmod_head(cn, n, 2, 2, nullptr, nullptr, 1, &head);
+        return module_link::adopt(head);
+    };
+    {
+        const module_link link = made();
+        unwritten_module guard(n, link.head()), moved = std::move(guard);
+        guard.reset();
+        EXPECT_TRUE(module_link(n)) << "the one that was moved from removes nothing";
+        moved = unwritten_module();
+        EXPECT_FALSE(module_link(n));
+    }
+    {
+        const module_link link = made();
+        unwritten_module guard(n, link.head());
+        guard.keep();
+    }
+    EXPECT_TRUE(module_link(n)) << "it was written";
+    const module_link link = made(), second(n);
+    EXPECT_EQ(datamod_remove(n, link.head()), -1) << "linked twice";
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(datamod_remove("a/b", link.head()), -1);
+    EXPECT_EQ(datamod_remove(n, nullptr), -1);
+}
+
+TEST_F(store, only_the_object_that_is_mapped_is_removed) {
+    const char *n = name("taken");
+    void *head = nullptr, *other_head = nullptr;
+    datamod_record *record = nullptr;
+    ASSERT_EQ(_os_datmod(n, 100, &head, &record), 0);
+    const module_link link = module_link::adopt(head);
+    ::shm_unlink((std::string("/") + n).c_str());
+    ASSERT_EQ(_os_datmod(n, 100, &other_head, &record), 0);
+    const module_link other = module_link::adopt(other_head);
+    EXPECT_EQ(datamod_remove(n, head), -1);
+    EXPECT_EQ(errno, ESTALE);
+    EXPECT_TRUE(module_link(n)) << "somebody else's by now";
+    EXPECT_EQ(datamod_remove(n, other_head), 0);
+    EXPECT_EQ(datamod_remove(n, other_head), -1) << "gone already";
 }
 
 TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {

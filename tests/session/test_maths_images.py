@@ -272,6 +272,7 @@ def test_an_interrupt_ends_a_long_command(server, client, names):
     reply = client.recv_prompt()
     assert b"! Terminated by ^C\r\n" in reply and b"never" not in reply
     assert client.lines("7") == ["* 7"] and held(server) == before
+    assert not pathlib.Path("/dev/shm", names("b")).exists(), "nothing was written into it"
 
 
 # ---------------------------------------------------------------- what holds for all reductions
