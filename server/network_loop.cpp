@@ -393,7 +393,8 @@ void network_loop(const char *program, int port) {
     sv_print_banner(program, mode);
     run_startup();
     socket_sets sets;
-    sets.sessions.reserve(sv_max_clients); // a turn adds each session once
+    sets.sockets.reserve(sv_max_clients); // a turn adds each session once
+    sets.sessions.reserve(sv_max_clients);
     while (!close_server)
         turn(sets);
     shut_down();

@@ -66,7 +66,7 @@ LINES = {
     "for-each": ["include 'each.cmd'"],
     "include": ["include 'arguments.cmd' 1 2.5 'a longer text that needs memory of its own' show-returns echo"],
     "short include": ["~arguments 'a' 'b'"],
-    "if": ["if N 'echo \"the text of a line within a line\"'"],
+    "if": ["if N+1 'echo \"the text of a line within a line\"'"],
     "printf": ["printf '%d %s %g and more of what makes a text long' N 'a longer text than others' 2.5 direct"],
     "printf to a file": ["printf 'a longer text that needs memory of its own %d' N file 'printed' append"],
     "password": ["enc-password 'a longer text that needs memory'"],
