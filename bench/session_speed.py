@@ -10,8 +10,11 @@
   300 idle    one line at a time again, beside 300 sessions that say nothing; and what a session takes of memory
 
 tools/install_packages bench/packages.txt and tools/build release --target bench_programs come first.
-KESTREL names the server, whose folder has the other programs.
+Client and servers stay on one processor, and for `one line` then on two: left to itself the scheduler puts some pairs
+on one and some on two, tenfold apart in rate, and the ratio is its doing. KESTREL names the server, whose folder has the
+other programs.
 """
+import os
 import pathlib
 import socket
 import statistics
@@ -75,10 +78,29 @@ def report(name, ours, against, theirs, ratio, goal=None):
     print(f"{name:10} {ours:12,.0f}/s   {against:16} {theirs:12,.0f}/s   ratio {ratio:6.2f}{verdict}", flush=True)
 
 
-def lines(server, redis, echo):
-    ours, pings, echoes = measure(150, 2000, 1, (server.port, KESTREL), (redis.port, REDIS), (echo.port, ECHO))
+def place(servers, processor):
+    """Keeps every thread of these on one processor; this process, and so its clients, are on the first one."""
+    for server in servers:
+        for thread in os.listdir(f"/proc/{server.process.pid}/task"):
+            os.sched_setaffinity(int(thread), {processor})
+
+
+def one_line(server, redis, echo, rounds):
+    ours, pings, echoes = measure(rounds, 2000, 1, (server.port, KESTREL), (redis.port, REDIS), (echo.port, ECHO))
     report("one line", ours[0], "redis PING", pings[0], 1 / pings[1], 1.0)
     report("one line", ours[0], "echo", echoes[0], 1 / echoes[1], 0.85)
+
+
+def lines(server, redis, echo):
+    first, *others = sorted(os.sched_getaffinity(0))
+    os.sched_setaffinity(0, {first})
+    if others:
+        print("on two processors:")
+        place((server, redis, echo), others[0])
+        one_line(server, redis, echo, 30)
+    print("on one processor:")
+    place((server, redis, echo), first)
+    one_line(server, redis, echo, 150)
     ours, pings = measure(150, 20_000, 1000, (server.port, KESTREL), (redis.port, REDIS))
     report("1000 lines", ours[0], "redis PING", pings[0], 1 / pings[1], 1.0)
     ours, pings = measure(150, 20_000, 1000, (server.port, DIFFERENT), (redis.port, REDIS))
@@ -126,6 +148,7 @@ def idle(alone, scratch):
         for client in clients:
             client.lines("eval int 1+2")
         used = (resident(crowded) - before) / IDLE
+        place((crowded, crowded_echo), min(os.sched_getaffinity(0)))
         silent = [socket.create_connection(("127.0.0.1", crowded_echo.port)) for _ in range(IDLE)]
         ours, quiet, echoes = measure(60, 1000, 1, (crowded.port, KESTREL), (alone.port, KESTREL),
                                       (crowded_echo.port, ECHO))
