@@ -53,11 +53,14 @@ void user_disconnect(int cn) {
 void user_exit() {}
 
 // Where another process cuts a module short, zeros stand in for its elements until the command ends.
-bool module_was_cut(int cn) {
+// What was cut before a typed line began is not that line's.
+bool module_was_cut(int cn, bool begins) {
     static int told = 0;
     const int count = cut_guard_count();
-    if (count == told)
+    if (begins || count == told) {
+        told = count;
         return false;
+    }
     told = count;
     sv_printf(cn, "! ERROR: a data module was cut short by another process while the command used it\n");
     return true;

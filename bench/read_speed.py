@@ -7,12 +7,13 @@
   rows    ASCII rows of long and of float elements, against numpy.savetxt of the same array (bytes compared);
           processor time of both, which other programs on the machine disturb less
 
-Each pair is measured in turn, several times; the best of each counts. KESTREL names the program.
+Each pair is measured in turn, several times; medians are shown, the ratio is that of the pairs. KESTREL names the program.
 """
 import json
 import os
 import pathlib
 import socket
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -29,10 +30,10 @@ ROUNDS = 10
 LONG = 600  # seconds before a reply is missed
 
 
-def best(measure, other):
-    """Both in turn; the least seconds of each."""
+def both(measure, other):
+    """Both in turn; the median seconds of each, and the median of the ratios."""
     times = [(measure(), other()) for _ in range(ROUNDS)]
-    return min(t[0] for t in times), min(t[1] for t in times)
+    return (*(statistics.median(side) for side in zip(*times)), statistics.median(b / a for a, b in times))
 
 
 def processor_seconds(server):
@@ -54,8 +55,8 @@ def command(client, line):
     assert client.lines(line, LONG)[-1] == "* 0", line
 
 
-def report(name, ours, theirs, size, unit, against, goal):
-    print(f"{name:12} {size / ours:9.1f} {unit}   {against:16} {size / theirs:9.1f} {unit}   ratio {theirs / ours:6.2f}"
+def report(name, ours, theirs, ratio, size, unit, against, goal):
+    print(f"{name:12} {size / ours:9.1f} {unit}   {against:16} {size / theirs:9.1f} {unit}   ratio {ratio:6.2f}"
           f"   (goal {goal})", flush=True)
 
 
@@ -78,9 +79,9 @@ def to_file(client, module, mib):
         fresh()
         return seconds(action)
 
-    ours, theirs = best(lambda: timed(lambda: command(client, read)), lambda: timed(bare))
+    ours, theirs, ratio = both(lambda: timed(lambda: command(client, read)), lambda: timed(bare))
     fresh()
-    report("raw to file", ours, theirs, mib, "MiB/s", "write()", 0.9)
+    report("raw to file", ours, theirs, ratio, mib, "MiB/s", "write()", 0.9)
 
 
 def to_socket(client, module, mib):
@@ -108,8 +109,8 @@ def to_socket(client, module, mib):
             for at in range(0, len(view), 1 << 20):
                 connection.sendall(view[at:at + (1 << 20)])
 
-    mine, theirs = best(ours, lambda: received(bare))
-    report("raw to socket", mine, theirs, mib, "MiB/s", "send()", 0.9)
+    mine, theirs, ratio = both(ours, lambda: received(bare))
+    report("raw to socket", mine, theirs, ratio, mib, "MiB/s", "send()", 0.9)
 
     port = str(kestrel_session.free_port())
     server = subprocess.Popen(["iperf3", "-s", "-p", port], stdout=subprocess.DEVNULL,
@@ -121,10 +122,10 @@ def to_socket(client, module, mib):
                              capture_output=True, check=True).stdout
         return json.loads(out)["end"]["sum_received"]["seconds"]
 
-    mine, theirs = best(ours, iperf)
+    mine, theirs, ratio = both(ours, iperf)
     server.terminate()
     server.wait()
-    report("raw to socket", mine, theirs, mib, "MiB/s", "iperf3", 0.9)
+    report("raw to socket", mine, theirs, ratio, mib, "MiB/s", "iperf3", 0.9)
 
 
 def rows(server, client, kind, word, fmt, goal):
@@ -140,10 +141,10 @@ def rows(server, client, kind, word, fmt, goal):
     handle = kestrel_data.do(client, f"module open '{name}' header")
     read = f"read 0 0 0 {nx} {ny} 1 from {handle} to-local-file '/dev/shm/kt_bench_rows'"
     separator = "\t" if kind == "u4" else " "
-    ours, theirs = best(lambda: used(lambda: processor_seconds(server), lambda: command(client, read)),
+    ours, theirs, ratio = both(lambda: used(lambda: processor_seconds(server), lambda: command(client, read)),
                         lambda: used(time.process_time, lambda: np.savetxt(folder / "kt_bench_numpy", values, fmt, separator, separator + "\n")))
     assert (folder / "kt_bench_rows").read_bytes() == (folder / "kt_bench_numpy").read_bytes(), "not the bytes of printf"
-    report(f"rows {kind}", ours, theirs, nx * ny / 1e6, "M/s  ", "numpy.savetxt", goal)
+    report(f"rows {kind}", ours, theirs, ratio, nx * ny / 1e6, "M/s  ", "numpy.savetxt", goal)
 
 
 def main():

@@ -24,7 +24,7 @@ int TotalArgumentCount = 0;
 int OptionalArgumentCount = 0;
 char ArgumentType[call_arguments_max];
 int ResultRadix = 0;
-bool (*user_command_spoiled)(int cn) = nullptr;
+bool (*user_command_spoiled)(int cn, bool begins) = nullptr;
 
 namespace {
 
@@ -356,8 +356,10 @@ int run_command(line_state &state, const delivery &to) {
     point_at_strings(state);
     state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
+    if (user_command_spoiled && nesting == 1)
+        user_command_spoiled(state.cn, true);
     command.fn.call(state.quals, state.cn, state.values, result);
-    if (user_command_spoiled && user_command_spoiled(state.cn))
+    if (user_command_spoiled && user_command_spoiled(state.cn, false))
         result = {-1, -1.0, {}};
     const int radix = ResultRadix ? ResultRadix : sv_get_radix(state.cn);
     ResultRadix = 0; // an outer command does not inherit it

@@ -13,8 +13,9 @@ namespace kestrel {
 inline constexpr int line_nesting_max = 100;
 
 // Asked after each command: true when what it did is worth nothing after all; the hook has said why. The
-// command's result then is that of a failure. May be null.
-extern bool (*user_command_spoiled)(int cn);
+// command's result then is that of a failure. Called with `begins` before a line's own command: what came
+// earlier is not its doing. May be null.
+extern bool (*user_command_spoiled)(int cn, bool begins);
 
 // Interprets one line and returns its integer result (-1 for every error).
 //   result_out    when given, takes the typed result, which is then not printed; its type stays as it was

@@ -87,7 +87,7 @@ void result_log(int cn, char type, const pt_result &result, int radix, std::FILE
     else if (!text)
         shown = "=> " + real_text(result.d);
     else
-        shown = result.s ? "=> \"" + *result.s + "\"" : "* (null)";
+        shown = result.s ? "=> \"" + sv_masked(*result.s) + "\"" : "* (null)";
     if (log)
         sv_log(log, shown);
     if (vlog) // readers of this log know a real result by its missing line end

@@ -161,8 +161,8 @@ include_end run_lines(int cn, script_file &file, const include_options &options)
     for (;;) {
         const off_t offset = file.tell();
         std::string_view line; // good until the file's next read, so nothing uses it once the line runs
-        if (!file.read_line(line, sv_line_max))
-            break;
+        if (!file.read_line(line, sv_line_max)) // the end, or ^C during the read
+            return interrupted(cn, options) ? include_end::interrupted : include_end::finished;
         if (is_comment(line))
             continue;
         const bool go_on = run_line(cn, line, kept.find(cn, offset, line), options);

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <unistd.h>
 
 namespace kestrel {
@@ -19,15 +20,23 @@ namespace {
 // What became of a log's text. Worker threads log, too.
 struct log_state {
     const char *name;
-    std::atomic<int> error = 0; // of the last write, 0 when it was written
-    std::atomic<bool> untold = false;
+    std::atomic<int> error = 0;  // of the last write, 0 when it was written
+    std::atomic<int> untold = 0; // the errno value with which a loss began, until it is told
 };
 log_state command_log{"command log"};
 log_state verbose_log{"verbose log"};
 
-// The errno value of a write that failed, else 0. A pipe that nobody empties is left to ^C.
-int write_whole(int fd, std::string_view text) {
+bool takes_more(int fd) {
+    pollfd descriptor{fd, POLLOUT, 0};
+    return ::poll(&descriptor, 1, 0) > 0;
+}
+
+// The errno value of a write that failed, else 0. A pipe that nobody empties is left to ^C, and not waited
+// for again until somebody does.
+int write_whole(int fd, std::string_view text, bool failed_before) {
     while (!text.empty()) {
+        if ((failed_before || sv_quit > 0) && !takes_more(fd))
+            return EAGAIN;
         const ssize_t n = ::write(fd, text.data(), text.size());
         if (n >= 0)
             text.remove_prefix(static_cast<std::size_t>(n));
@@ -38,9 +47,10 @@ int write_whole(int fd, std::string_view text) {
 }
 
 void tell_lost(int cn, log_state &log) {
-    if (!log.untold.exchange(false))
+    const int error = log.untold.exchange(0);
+    if (error == 0)
         return;
-    const char *const why = std::strerror(log.error);
+    const char *const why = std::strerror(error);
     std::fprintf(stderr, "server: Cannot write the %s: %s\n", log.name, why);
     sv_printf(cn, "! Cannot write the %s, what happens is not logged: %s\n", log.name, why);
 }
@@ -91,13 +101,14 @@ std::size_t mask_argument(std::string &line, std::size_t at) {
 
 void sv_log(std::FILE *log, std::string_view text) {
     std::fflush(log); // standard output has text of its own
-    sv_log_lost(log, write_whole(::fileno(log), text));
+    const log_state &state = log == log_file ? command_log : verbose_log;
+    sv_log_lost(log, write_whole(::fileno(log), text, state.error != 0));
 }
 
 void sv_log_lost(std::FILE *log, int error) {
     log_state &state = log == log_file ? command_log : verbose_log;
     if (error != 0 && state.error == 0)
-        state.untold = true;
+        state.untold = error;
     state.error = error;
 }
 

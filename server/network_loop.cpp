@@ -182,16 +182,14 @@ std::size_t service_line_of(int cn) {
     sv_quit = 0;
     try {
         log_line(cn, line);
+        sv_tell_lost_logs(cn); // before the line's own reply, which ends with its result
         sv_hooks.service(cn, line, 1, log_file, vlog_file);
     } catch (const std::bad_alloc &) {
         sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
     if (log_file)
         sv_log(log_file, "\n");
-    if (!sv_is_valid(cn))
-        return 0;
-    sv_tell_lost_logs(cn);
-    return user_prompt(cn);
+    return sv_is_valid(cn) ? user_prompt(cn) : 0;
 }
 
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True

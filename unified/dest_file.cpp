@@ -1,6 +1,7 @@
 // Destination: a file on the server.
 #include "server/output.h"
 #include "server/wait.h"
+#include "support/fd.h"
 #include "unified/form.h"
 #include "unified/output.h"
 
@@ -12,6 +13,7 @@
 #include <memory>
 #include <poll.h>
 #include <string>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -42,31 +44,51 @@ bool folder_is_closed(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
 }
 
-// A new file beside the old one, with its permissions. 0, or -1 with errno.
-int open_aside(UnifOutput &output, const struct stat &old) {
-    file_state &state = state_of(output);
-    const std::unique_ptr<char, free_memory> target(::realpath(output.filename.c_str(), nullptr));
-    if (!target)
-        return -1;
-    state.target = target.get();
-    std::string aside = state.target + ".XXXXXX";
+bool same_file(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Another file may take the place of this one: it has one name, in a folder of its own file system, is ours
+// to give away, and is not what the server's standard streams write to.
+bool may_be_replaced(const std::string &target, const struct stat &old) {
+    struct stat status {};
+    if (old.st_nlink != 1 || (old.st_uid != ::geteuid() && ::geteuid() != 0))
+        return false;
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd)
+        if (::fstat(fd, &status) == 0 && same_file(status, old))
+            return false;
+    const std::string folder = target.substr(0, target.rfind('/') + 1);
+    return ::stat(target.c_str(), &status) == 0 && same_file(status, old) &&
+           ::stat(folder.c_str(), &status) == 0 && status.st_dev == old.st_dev;
+}
+
+// A new file beside the old one, with its owner and permissions. 0, or -1 with errno.
+int open_aside(UnifOutput &output, const std::string &target, const struct stat &old) {
+    std::string aside = target + ".XXXXXX";
     output.fd.reset(::mkostemp(aside.data(), O_CLOEXEC));
     if (!output.fd)
         return -1;
-    state.aside = std::move(aside);
-    [[maybe_unused]] const int owned = ::fchown(output.fd.get(), old.st_uid, old.st_gid); // where we may
-    ::fchmod(output.fd.get(), old.st_mode & 07777);
+    const bool ours = ::fchown(output.fd.get(), old.st_uid, old.st_gid) == 0 &&
+                      ::fchmod(output.fd.get(), old.st_mode & 07777) == 0;
+    if (!ours) {
+        output.fd.reset();
+        ::unlink(aside.c_str());
+        errno = EPERM;
+        return -1;
+    }
+    state_of(output) = {target, std::move(aside)};
     return 0;
 }
 
-// The old file stays as it is until the new one is whole. One with several names keeps them all, so it is
-// written directly.
+// The old file stays as it is until the new one is whole; where no other may take its place it is written
+// directly.
 int replace_file(UnifOutput &output, const struct stat &old) {
     const char *name = output.filename.c_str();
     if (::faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0)
         return -1;
-    if (old.st_nlink == 1) {
-        if (open_aside(output, old) == 0)
+    const std::unique_ptr<char, free_memory> target(::realpath(name, nullptr));
+    if (target && may_be_replaced(target.get(), old)) {
+        if (open_aside(output, target.get(), old) == 0)
             return 0;
         if (!folder_is_closed(errno))
             return -1;
@@ -118,6 +140,27 @@ int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
     return 0;
 }
 
+// What was written aside goes into the old file: there are mounts that a rename cannot replace.
+bool copy_back(const file_state &state) {
+    const unique_fd from(::open(state.aside.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd to(::open(state.target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (!from || !to)
+        return false;
+    for (;;) {
+        const ssize_t done = ::sendfile(to.get(), from.get(), nullptr, write_max);
+        if (done == 0)
+            return ::unlink(state.aside.c_str()) == 0;
+        if (done < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+bool take_place(const file_state &state) {
+    if (::rename(state.aside.c_str(), state.target.c_str()) == 0)
+        return true;
+    return (errno == EBUSY || errno == EXDEV || errno == EPERM) && copy_back(state);
+}
+
 // A failed transfer removes the file if this read made it, and leaves an old one as it was.
 int file_term(UnifOutput &output, bool failed) {
     const file_state &state = state_of(output);
@@ -127,7 +170,7 @@ int file_term(UnifOutput &output, bool failed) {
     if (::close(output.fd.release()) != 0)
         result = -1;
     failed = failed || result != 0;
-    if (!failed && !state.aside.empty() && ::rename(state.aside.c_str(), state.target.c_str()) != 0) {
+    if (!failed && !state.aside.empty() && !take_place(state)) {
         failed = true;
         result = -1;
     }

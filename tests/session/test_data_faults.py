@@ -159,18 +159,27 @@ def test_a_module_that_is_cut_while_a_command_uses_it(server, client, names, sti
     path = "/dev/shm/" + n
     size = os.path.getsize(path)
     program = f"import os\nwhile True:\n    os.truncate({path!r}, 4096)\n    os.truncate({path!r}, {size})\n"
-    racer = subprocess.Popen(["/usr/bin/python3", "-c", program])
     header = open(path, "rb").read(400)
     lines = ["read 0 0 0 2000 2000 1 from {} float to-local-file 'out'", "read 0 0 0 2000 2000 1 from {} raw to-local-file 'out'",
-             "maths accumulate {} 0 0 0 1999 1999 0", "maths integrate {} 0 0 0 1999 1999 0 x to-module 'T'",
+             "maths accumulate {} 0 0 0 1999 1999 0", "maths integrate {} 0 0 0 1999 1999 0 x module 'T'",
              "module copy 'M' 'T' quiet", "clear {}", "module set-point 'M' 1999 1999 5"]
+    def line_for(line, handle):
+        return line.format(handle).replace("'M'", f"'{n}'").replace("'T'", f"'{target}'")
+
+    handle = do(client, f"module open '{n}' header")
+    for line in lines:  # all of them work on a whole module
+        assert not client.lines(line_for(line, handle))[-1].startswith("* -"), line
+        if os.path.exists("/dev/shm/" + target):
+            os.unlink("/dev/shm/" + target)
+    client.lines("close-all")
+    racer = subprocess.Popen(["/usr/bin/python3", "-c", program])
     cut = 0
     try:
         end = time.monotonic() + 4 * kestrel_session.SCALE
         while time.monotonic() < end:
             handle, _ = result(client, f"module open '{n}' header")
             for line in lines:
-                reply = client.lines(line.format(max(handle, 0)).replace("'M'", f"'{n}'").replace("'T'", f"'{target}'"))
+                reply = client.lines(line_for(line, max(handle, 0)))
                 met = [text for text in reply if "was cut short by another process while" in text]
                 cut += len(met)
                 assert not met or reply[-1] in ("* -1", "* $ffffffff"), reply
@@ -223,6 +232,26 @@ def test_a_failing_read_leaves_the_old_file_as_it_was(server, client, small_disk
     assert old.stat().st_mode == mode
     if kind == "two names":
         assert old.samefile(small_disk / "second")
+
+
+def test_a_file_that_no_other_may_replace_is_written_itself(server, client, tmp_path, still):
+    handle = do(client, "test open 1000 100 1 long")
+    read = f"read 0 0 0 1000 1 1 from {handle} raw to-local-file "
+    # The server's own standard output: it goes on to be that.
+    do(client, read + "'/dev/stdout'")
+    assert not os.readlink(f"/proc/{server.process.pid}/fd/1").endswith("(deleted)")
+    # A file mounted over another, as containers have them.
+    below, above = tmp_path / "below", tmp_path / "above"
+    below.write_text("below")
+    above.write_text("above")
+    if subprocess.run(["mount", "--bind", above, below], capture_output=True).returncode:
+        pytest.skip("cannot mount here")
+    try:
+        do(client, read + f"'{below}'")
+        assert np.fromfile(above, "u4").tolist() == list(range(1000))
+        assert sorted(os.listdir(tmp_path)) == sorted(["0", "above", "below"])
+    finally:
+        subprocess.run(["umount", "-l", below], check=True)
 
 
 def test_devices_and_pipes_are_written_directly(server, client, still):

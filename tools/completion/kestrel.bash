@@ -7,6 +7,7 @@ _kestrel() {
     elif [[ $before == = ]]; then
         option=${COMP_WORDS[COMP_CWORD - 2]}
     fi
+    [[ $word == "~"* ]] && return # bash leaves it as it is, and no file is called so
     case $option in
     -log | -vlog | -startup)
         compopt -o filenames
