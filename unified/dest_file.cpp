@@ -140,8 +140,9 @@ int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
     return 0;
 }
 
-// What was written aside goes into the old file: there are mounts that a rename cannot replace.
-bool copy_back(const file_state &state) {
+// What was written aside goes into the old file: there are mounts that a rename cannot replace. When this
+// fails the old contents are gone, so the file aside, which is whole, stays.
+bool copy_back(const UnifOutput &output, const file_state &state) {
     const unique_fd from(::open(state.aside.c_str(), O_RDONLY | O_CLOEXEC));
     const unique_fd to(::open(state.target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!from || !to)
@@ -149,16 +150,25 @@ bool copy_back(const file_state &state) {
     for (;;) {
         const ssize_t done = ::sendfile(to.get(), from.get(), nullptr, write_max);
         if (done == 0)
-            return ::unlink(state.aside.c_str()) == 0;
+            return (!output.do_fsync || ::fsync(to.get()) == 0) && ::unlink(state.aside.c_str()) == 0;
         if (done < 0 && errno != EINTR)
             return false;
     }
 }
 
-bool take_place(const file_state &state) {
+// 0, or -1 after a line.
+int take_place(const UnifOutput &output, const file_state &state) {
     if (::rename(state.aside.c_str(), state.target.c_str()) == 0)
-        return true;
-    return (errno == EBUSY || errno == EXDEV || errno == EPERM) && copy_back(state);
+        return 0;
+    const bool copied = errno == EBUSY || errno == EXDEV;
+    if (copied && copy_back(output, state))
+        return 0;
+    sv_printf(output.cn, "! Cannot finish file '%s': %s\n", output.filename.c_str(), std::strerror(errno));
+    if (copied)
+        sv_printf(output.cn, "! The data are in '%s'\n", state.aside.c_str());
+    else
+        ::unlink(state.aside.c_str());
+    return -1;
 }
 
 // A failed transfer removes the file if this read made it, and leaves an old one as it was.
@@ -169,16 +179,16 @@ int file_term(UnifOutput &output, bool failed) {
         result = -1;
     if (::close(output.fd.release()) != 0)
         result = -1;
-    failed = failed || result != 0;
-    if (!failed && !state.aside.empty() && !take_place(state)) {
-        failed = true;
-        result = -1;
-    }
     if (result != 0)
         sv_printf(output.cn, "! Cannot finish file '%s': %s\n", output.filename.c_str(),
                   std::strerror(errno));
-    if (failed && !state.aside.empty())
-        ::unlink(state.aside.c_str());
+    failed = failed || result != 0;
+    if (!state.aside.empty()) {
+        if (failed)
+            ::unlink(state.aside.c_str());
+        else
+            result = take_place(output, state);
+    }
     if (failed && output.created)
         ::unlink(output.filename.c_str());
     return result;
