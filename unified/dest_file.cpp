@@ -25,10 +25,11 @@ constexpr mode_t file_mode = 0666; // less the process's mask
 constexpr int pipe_patience_ms = 30'000;
 constexpr std::size_t write_max = 0x40000000; // one system call takes no more than 2 GiB
 
-// What is written aside and takes the old file's place once all of it is there. Empty: written directly.
 struct file_state {
+    // What is written aside and takes the old file's place once all of it is there. Empty: written directly.
     std::string target; // the old file, links followed
     std::string aside;
+    std::string made; // the file that this read made, to be removed if it fails
 };
 
 file_state &state_of(UnifOutput &output) {
@@ -38,6 +39,7 @@ file_state &state_of(UnifOutput &output) {
 struct free_memory {
     void operator()(char *p) const { std::free(p); }
 };
+using malloced = std::unique_ptr<char, free_memory>;
 
 // These leave the way to write into the old file itself.
 bool folder_is_closed(int error) {
@@ -76,7 +78,7 @@ int open_aside(UnifOutput &output, const std::string &target, const struct stat 
         errno = EPERM;
         return -1;
     }
-    state_of(output) = {target, std::move(aside)};
+    state_of(output) = {target, std::move(aside), {}};
     return 0;
 }
 
@@ -86,7 +88,7 @@ int replace_file(UnifOutput &output, const struct stat &old) {
     const char *name = output.filename.c_str();
     if (::faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0)
         return -1;
-    const std::unique_ptr<char, free_memory> target(::realpath(name, nullptr));
+    const malloced target(::realpath(name, nullptr));
     if (target && may_be_replaced(target.get(), old)) {
         if (open_aside(output, target.get(), old) == 0)
             return 0;
@@ -101,15 +103,22 @@ int file_init(UnifOutput &output, const _unif_format &) {
     const char *name = output.filename.c_str();
     output.specific = std::make_shared<file_state>();
     output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file_mode));
-    output.created = static_cast<bool>(output.fd);
-    if (output.created || errno != EEXIST)
+    if (output.fd)
+        state_of(output).made = name;
+    if (output.fd || errno != EEXIST)
         return output.fd ? 0 : -1;
     struct stat old {};
-    if (::stat(name, &old) == 0 && S_ISREG(old.st_mode))
+    const bool leads_nowhere = ::stat(name, &old) != 0; // a link without a file behind it
+    if (!leads_nowhere && S_ISREG(old.st_mode))
         return replace_file(output, old);
     // A device or a pipe; without a reader at its other end a pipe is refused, not waited for.
     output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, file_mode));
-    return output.fd ? 0 : -1;
+    if (!output.fd)
+        return -1;
+    const malloced target(leads_nowhere ? ::realpath(name, nullptr) : nullptr);
+    if (target)
+        state_of(output).made = target.get();
+    return 0;
 }
 
 // After a write that was not taken: true to try again. ^C ends the wait for a pipe's reader.
@@ -189,8 +198,8 @@ int file_term(UnifOutput &output, bool failed) {
         else
             result = take_place(output, state);
     }
-    if (failed && output.created)
-        ::unlink(output.filename.c_str());
+    if (failed && !state.made.empty())
+        ::unlink(state.made.c_str());
     return result;
 }
 

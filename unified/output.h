@@ -37,7 +37,6 @@ struct UnifOutput {
     int (*write)(UnifOutput &output, const void *bytes, std::size_t count) = nullptr;
 
     unique_fd fd;
-    bool created = false;           // the file did not exist before
     std::shared_ptr<void> specific; // state of the destination
 };
 

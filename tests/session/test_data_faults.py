@@ -234,6 +234,16 @@ def test_a_failing_read_leaves_the_old_file_as_it_was(server, client, small_disk
         assert old.samefile(small_disk / "second")
 
 
+def test_a_failing_read_leaves_a_link_without_a_file(client, small_disk, still):
+    (small_disk / "out").symlink_to("behind")
+    handle = do(client, "test open 1000 100 1 long")
+    read = f"read 0 0 0 1000 {{}} 1 from {handle} to-local-file '{small_disk}/out' raw"
+    refused(client, read.format(100))
+    assert os.listdir(small_disk) == ["out"]
+    do(client, read.format(1))
+    assert (small_disk / "behind").stat().st_size == 4000
+
+
 def test_a_file_that_no_other_may_replace_is_written_itself(server, client, tmp_path, still):
     handle = do(client, "test open 1000 100 1 long")
     read = f"read 0 0 0 1000 1 1 from {handle} raw to-local-file "
@@ -250,6 +260,23 @@ def test_a_file_that_no_other_may_replace_is_written_itself(server, client, tmp_
         do(client, read + f"'{below}'")
         assert np.fromfile(above, "u4").tolist() == list(range(1000))
         assert sorted(os.listdir(tmp_path)) == sorted(["0", "above", "below"])
+    finally:
+        subprocess.run(["umount", "-l", below], check=True)
+
+
+def test_data_that_do_not_fit_into_a_mounted_file_are_kept(client, small_disk, still):
+    """Written aside they fit, but not a second time."""
+    below, above = small_disk / "below", small_disk / "above"
+    below.touch()
+    above.touch()
+    if subprocess.run(["mount", "--bind", above, below], capture_output=True).returncode:
+        pytest.skip("cannot mount here")
+    try:
+        handle = do(client, "test open 1000 40 1 long")
+        said = refused(client, f"read 0 0 0 1000 40 1 from {handle} raw to-local-file '{below}'")
+        aside = next(small_disk.glob("below.*"))
+        assert said == [f"! Cannot finish file '{below}': No space left on device", f"! The data are in '{aside}'"]
+        assert np.fromfile(aside, "u4").size == 40000
     finally:
         subprocess.run(["umount", "-l", below], check=True)
 
