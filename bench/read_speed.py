@@ -129,23 +129,28 @@ def to_socket(client, module, mib):
     server.wait()
 
 
-def rows(server, client, kind, word, fmt, goal):
+def elements(what, shape):
+    random = np.random.default_rng(1)
+    if what == "32 bit":  # any value: nine or ten digits nearly all
+        return random.integers(0, 1 << 32, shape, "u4")
+    counts = (10 ** random.uniform(0, 7, shape)).astype("u4")  # over seven decades
+    return counts if what == "counts" else (counts / random.integers(1, 100000, shape)).astype("f4")
+
+
+def rows(server, client, what, word, fmt, goal):
     folder = pathlib.Path("/dev/shm")
     ny, nx = 2000, 2000
-    random = np.random.default_rng(1)
-    values = (10 ** random.uniform(0, 7, (ny, nx))).astype("u4")  # counts over seven decades
-    if kind == "f4":
-        values = (values / random.integers(1, 100000, (ny, nx))).astype("f4")
-    name = f"kt_bench_{word}"
+    values = elements(what, (ny, nx))
+    name = f"kt_bench_{what.replace(' ', '_')}"
     command(client, f"module create '{name}' {nx} {ny} header {word}")
     kestrel_data.Module(name).data[:] = values
     handle = kestrel_data.do(client, f"module open '{name}' header")
     read = f"read 0 0 0 {nx} {ny} 1 from {handle} to-local-file '/dev/shm/kt_bench_rows'"
-    separator = "\t" if kind == "u4" else " "
+    separator = " " if word == "float" else "\t"
     ours, theirs, ratio = both(lambda: used(lambda: processor_seconds(server), lambda: command(client, read)),
                         lambda: used(time.process_time, lambda: np.savetxt(folder / "kt_bench_numpy", values, fmt, separator, separator + "\n")))
     assert (folder / "kt_bench_rows").read_bytes() == (folder / "kt_bench_numpy").read_bytes(), "not the bytes of printf"
-    report(f"rows {kind}", ours, theirs, ratio, nx * ny / 1e6, "M/s  ", "numpy.savetxt", goal)
+    report(f"rows {what}", ours, theirs, ratio, nx * ny / 1e6, "M/s  ", "numpy.savetxt", goal)
 
 
 def main():
@@ -160,8 +165,9 @@ def main():
             assert kestrel_data.do(client, "module open 'kt_bench' header") == 0
             to_file(client, module, mib)
             to_socket(client, module, mib)
-            rows(server, client, "u4", "", "%u", 20)
-            rows(server, client, "f4", "float", "%.8g", 10)
+            rows(server, client, "counts", "", "%u", 20)
+            rows(server, client, "32 bit", "", "%u", 20)
+            rows(server, client, "float", "float", "%.8g", 10)
         finally:
             for path in pathlib.Path("/dev/shm").glob("kt_bench*"):
                 path.unlink()

@@ -155,6 +155,7 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     new_object made(object);
     if (size_and_map(name, std::move(fd), size, record, head) != 0)
         return -1;
+    (*record)->made_here = true;
     made.keep();
     return 0;
 } catch (const std::bad_alloc &) {
@@ -242,7 +243,7 @@ int datamod_remove(const char *name, const void *head) {
     const std::lock_guard lock(img_mod_mutex);
     const datamod_record *record = head == nullptr ? nullptr : find(head);
     errno = EBUSY;
-    if (record == nullptr || record->links != 1)
+    if (record == nullptr || !record->made_here || record->links != 1)
         return -1;
     struct stat status {};
     const unique_fd fd(::shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0));

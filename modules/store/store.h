@@ -2,7 +2,7 @@
 //
 // Uses server/ for messages only (none here: store-level failures go to standard error). Every operation
 // takes img_mod_mutex and may be called from any thread; what lies in the mappings is locked by nobody.
-// Only a result that was never written into its new object is removed again (unwritten_module).
+// Only a new object that its maker could not fill is removed again (unwritten_module).
 #pragma once
 
 #include <cstddef>
@@ -19,8 +19,9 @@ struct datamod_record {
     off_t size = 0;          // mapped bytes: the module's capacity
     void *address = nullptr; // the header
     int links = 0;
-    int fd = -1;    // the object, kept to notice that it was cut short
-    int guard = -1; // the mapping's number with cut_guard
+    bool made_here = false; // the object was created with this mapping
+    int fd = -1;            // the object, kept to notice that it was cut short
+    int guard = -1;         // the mapping's number with cut_guard
     datamod_record *next = nullptr;
 };
 
@@ -48,9 +49,9 @@ int datamod_links(const void *head);
 // (errno ENXIO when it was cut short, EINVAL when `head` is not mapped).
 bool datamod_is_whole(const void *head);
 
-// Removes the object called `name` where it is the one that is mapped at `head` and linked once, so that
-// nobody else uses it; the mapping and its link stay. 0, or -1 with errno set (EBUSY, or ESTALE when the name
-// belongs to another object by now).
+// Removes the object called `name` where it is the one that is mapped at `head`, was created with this
+// mapping and is linked once, so that nobody else in the server uses it; the mapping and its link stay. 0, or
+// -1 with errno set (EBUSY, or ESTALE when the name belongs to another object by now).
 int datamod_remove(const char *name, const void *head);
 
 // How many mappings and links are held; for the tests that look for leaks.
@@ -81,8 +82,8 @@ class module_link {
     void *head_ = nullptr;
 };
 
-// A new module that goes again unless something is written into it. Ends before the link to it does, so it
-// stands below that where both are members.
+// A module that goes again unless it is kept; one that was there before it was linked here stays in any case.
+// Ends before the link to it does, so it stands below that where both are members.
 class unwritten_module {
   public:
     unwritten_module() = default;
@@ -93,8 +94,8 @@ class unwritten_module {
     unwritten_module &operator=(const unwritten_module &) = delete;
     ~unwritten_module() { reset(); }
 
-    void keep() { head_ = nullptr; } // before the first write
-    void reset();                    // removes the module if nothing was written
+    void keep() { head_ = nullptr; }
+    void reset(); // removes the module if it is not kept
 
   private:
     std::string name_;
