@@ -66,7 +66,7 @@ struct data_file {
     int nx = 0, ny = 0, nt = 1;
     int type = el_none;
     std::vector<double> values; // ASCII: all of it
-    unique_fd fd;               // raw: read where and when it is asked for
+    unique_fd fd;               // raw and image: read where and when it is asked for
     raw_layout raw;
     std::unique_ptr<tessera_reader> tessera;
 };
@@ -172,14 +172,20 @@ int image_read(int path, void *buffer, int x, int y, int t, int dx, int dy, int 
     return -1;
 }
 
+int file_descriptor(int path) {
+    const data_file *file = file_of(path);
+    return file != nullptr ? file->fd.get() : -1;
+}
+
 void file_destroy(int path, int) {
     if (file_of(path) != nullptr)
         files[count_of(path)].reset();
 }
 
 constexpr unified_source ascii_source = {.read = ascii_read, .destroy = file_destroy, .place = ascii_place};
-constexpr unified_source raw_source = {.read = raw_read, .destroy = file_destroy};
-constexpr unified_source image_source = {.read = image_read, .destroy = file_destroy};
+constexpr unified_source raw_source = {.read = raw_read, .destroy = file_destroy, .file = file_descriptor};
+constexpr unified_source image_source = {
+    .read = image_read, .destroy = file_destroy, .file = file_descriptor};
 
 // ---- opening
 
@@ -251,9 +257,8 @@ int open_raw(int cn, data_file &file, unsigned quals) {
 }
 
 int open_image(int cn, data_file &file) {
-    unique_fd fd;
     std::int64_t size = 0;
-    if (open_regular(cn, file.name, fd, size) != 0)
+    if (open_regular(cn, file.name, file.fd, size) != 0)
         return -1;
     file.tessera = std::make_unique<tessera_reader>();
     std::string error;

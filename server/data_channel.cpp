@@ -24,6 +24,14 @@ constexpr std::size_t send_most = 1 << 20;
 
 int not_connected() {
     std::fprintf(stderr, "server: Not connected to client's data port yet.\n");
+    errno = ENOTCONN;
+    return -1;
+}
+
+// A format that shows the error; callers find it in errno, too.
+int cannot_open(const char *format, int error) {
+    std::fprintf(stderr, format, error);
+    errno = error;
     return -1;
 }
 
@@ -56,11 +64,26 @@ int connect_to(int fd, sockaddr_in address, int port) {
     return errno == EINPROGRESS || errno == EINTR ? finish_connecting(fd) : errno;
 }
 
-// Until the socket is ready again after a call that would have blocked; false when it is not to be.
+// Until the socket is ready again after a call that would have blocked; false, with errno, when it is not to
+// be.
 bool wait_for_progress(int cn, short events) {
-    return errno == EINTR ||
-           ((errno == EAGAIN || errno == EWOULDBLOCK) &&
-            sv_wait_fd(client[cn].data, events, static_cast<int>(sv_patience.count())) == wait_result::ready);
+    if (errno == EINTR)
+        return true;
+    if (errno != EAGAIN && errno != EWOULDBLOCK)
+        return false;
+    const auto wait = sv_wait_fd(client[cn].data, events, static_cast<int>(sv_patience.count()));
+    errno = wait == wait_result::interrupted ? EINTR : ETIMEDOUT;
+    return wait == wait_result::ready;
+}
+
+// The client has not closed its end: bytes that went to a closed one would vanish without an error.
+bool peer_listens(int fd) {
+    pollfd p{fd, POLLRDHUP, 0};
+    int told = 0;
+    do
+        told = ::poll(&p, 1, 0);
+    while (told < 0 && errno == EINTR);
+    return told == 0;
 }
 
 void close_channel(int cn, bool report) {
@@ -86,19 +109,15 @@ int sv_data_open(int cn) {
     if (!sv_is_valid(cn) || client[cn].data_port < 0)
         return not_connected();
     client_descriptor &c = client[cn];
-    if (c.data >= 0)
+    if (c.data >= 0 && peer_listens(c.data))
         return c.data;
+    close_channel(cn, false);
     sv_flush_all(cn);
     unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd) {
-        std::fprintf(stderr, "server: sv_data: Failed when creating a socket. (sock_errno=%d)\n", errno);
-        return -1;
-    }
-    const int error = connect_to(fd.get(), c.addr, c.data_port);
-    if (error != 0) {
-        std::fprintf(stderr, "server: sv_data: Failed to connect to data socket (sock_errno=%d).\n", error);
-        return -1;
-    }
+    if (!fd)
+        return cannot_open("server: sv_data: Failed when creating a socket. (sock_errno=%d)\n", errno);
+    if (const int error = connect_to(fd.get(), c.addr, c.data_port))
+        return cannot_open("server: sv_data: Failed to connect to data socket (sock_errno=%d).\n", error);
     c.data = fd.release();
     return c.data;
 }

@@ -8,8 +8,11 @@
 namespace kestrel {
 
 void sv_data_setport(int cn, int port);
-int sv_data_open(int cn); // the connected socket, or negative
-// Sends all of it / receives up to len bytes: the count, or -1. Without progress for 30 s they give up.
+// The connected socket, or negative with errno set. One that was kept is used again unless the client has
+// closed its end (or half of it); then a new one is connected.
+int sv_data_open(int cn);
+// Sends all of it / receives up to len bytes: the count, or -1 with errno set. Without progress for 30 s they
+// give up (ETIMEDOUT), ^C ends them (EINTR).
 ssize_t sv_data_write(int cn, const void *buffer, std::size_t len);
 ssize_t sv_data_read(int cn, void *buffer, std::size_t len);
 void sv_data_close(int cn);

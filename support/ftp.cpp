@@ -12,6 +12,7 @@ namespace {
 
 constexpr long connect_seconds = 10;
 constexpr long idle_seconds = 30;
+constexpr long removal_seconds = 5; // of a file that is only half there
 
 struct easy_deleter {
     void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
@@ -26,6 +27,13 @@ bool start_library() {
 bool printable(std::string_view text) {
     return std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' ' || c == 127; });
 }
+
+// What the callbacks of one transfer look at.
+struct dialogue {
+    ftp_options options;
+    bool stored = false; // the server was asked to store a file, and has not refused
+    char error[CURL_ERROR_SIZE] = "";
+};
 
 // "ftp://machine/path" with the path's bytes escaped, or nothing for names that cannot be sent in an FTP
 // line.
@@ -82,13 +90,12 @@ ftp_result refused(const char *text) {
 }
 
 int on_progress(void *user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    const auto *options = static_cast<const ftp_options *>(user);
-    return options->stop && options->stop() ? 1 : 0;
+    const auto &stop = static_cast<const dialogue *>(user)->options.stop;
+    return stop && stop() ? 1 : 0;
 }
 
-// The dialogue without the line that carries the password.
-int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *user) {
-    const ftp_trace &trace = *static_cast<const ftp_trace *>(user);
+// Writes the dialogue without the line that carries the password.
+void print_dialogue(const ftp_trace &trace, curl_infotype kind, const char *data, std::size_t size) {
     const std::string_view text(data, size);
     const int length = static_cast<int>(size);
     if (kind == CURLINFO_HEADER_OUT && text.starts_with("PASS"))
@@ -102,11 +109,23 @@ int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *use
     else if (trace.level > 2 && (kind == CURLINFO_DATA_IN || kind == CURLINFO_DATA_OUT))
         std::fprintf(trace.to, "ftp: %zu bytes %s\n", size, kind == CURLINFO_DATA_IN ? "received" : "sent");
     std::fflush(trace.to);
+}
+
+// Follows the dialogue: only what was stored may be taken back.
+int on_debug(CURL *, curl_infotype kind, char *data, std::size_t size, void *user) {
+    auto &talk = *static_cast<dialogue *>(user);
+    const std::string_view text(data, size);
+    if (kind == CURLINFO_HEADER_OUT && (text.starts_with("STOR ") || text.starts_with("APPE ")))
+        talk.stored = true;
+    else if (kind == CURLINFO_HEADER_IN && (text.starts_with('4') || text.starts_with('5')))
+        talk.stored = false;
+    if (talk.options.trace != nullptr && talk.options.trace->level > 0)
+        print_dialogue(*talk.options.trace, kind, data, size);
     return 0;
 }
 
-void set_common(CURL *easy, const ftp_account &account, const std::string &url, const ftp_options &options,
-                char *error) {
+void set_common(CURL *easy, const ftp_account &account, const std::string &url, dialogue &talk) {
+    const ftp_options &options = talk.options;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "ftp");
     curl_easy_setopt(easy, CURLOPT_PROXY, "");
@@ -120,15 +139,13 @@ void set_common(CURL *easy, const ftp_account &account, const std::string &url, 
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, idle_seconds);
     curl_easy_setopt(easy, CURLOPT_TRANSFERTEXT, options.ascii ? 1L : 0L);
     curl_easy_setopt(easy, CURLOPT_APPEND, options.append ? 1L : 0L);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, talk.error);
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, on_progress);
-    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &options);
-    if (options.trace && options.trace->level > 0) {
-        curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
-        curl_easy_setopt(easy, CURLOPT_DEBUGDATA, options.trace);
-        curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, on_debug);
-    }
+    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &talk);
+    curl_easy_setopt(easy, CURLOPT_VERBOSE, 1L);
+    curl_easy_setopt(easy, CURLOPT_DEBUGDATA, &talk);
+    curl_easy_setopt(easy, CURLOPT_DEBUGFUNCTION, on_debug);
 }
 
 } // namespace
@@ -160,15 +177,15 @@ ftp_result ftp_get(const ftp_account &account, std::string_view path,
     const easy_handle easy(start_library() ? curl_easy_init() : nullptr);
     if (!easy)
         return refused("Cannot start an FTP client");
-    char error[CURL_ERROR_SIZE] = "";
+    dialogue talk{options};
     get_context context{&sink};
-    set_common(easy.get(), account, url, options, error);
+    set_common(easy.get(), account, url, talk);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, on_received);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &context);
     const CURLcode code = curl_easy_perform(easy.get());
     if (context.refused)
         return {ftp_stage::data, "Cannot store what was received"};
-    return failure(code, error);
+    return failure(code, talk.error);
 }
 
 // ---- put
@@ -177,14 +194,14 @@ struct ftp_upload::state {
     ftp_account account;
     std::string path;
     std::string url;
-    ftp_options options;
-    char error[CURL_ERROR_SIZE] = "";
+    dialogue talk;
     CURLM *multi = nullptr;
     CURL *easy = nullptr;
     std::span<const std::byte> rest; // of the write that runs
     bool last = false;               // nothing follows what is left
     bool paused = false;             // the library waits for more
-    bool stored = false;             // bytes were taken: there may be a remote file
+    bool given = false;              // the server takes bytes: there is a remote file
+    bool started = false;            // the upload itself, after the log-in
     bool running = false;
     ftp_result result;
 
@@ -200,6 +217,7 @@ struct ftp_upload::state {
     // The library asks for bytes; without any, and more to come, it is put on hold.
     static std::size_t on_give(char *to, std::size_t size, std::size_t items, void *user) {
         auto *s = static_cast<state *>(user);
+        s->given = true;
         const std::size_t count = std::min(size * items, s->rest.size());
         if (count == 0 && !s->last) {
             s->paused = true;
@@ -208,13 +226,46 @@ struct ftp_upload::state {
         if (count > 0)
             std::memcpy(to, s->rest.data(), count);
         s->rest = s->rest.subspan(count);
-        s->stored = s->stored || count > 0;
         return count;
     }
 
+    ftp_result log_in();
+    ftp_result start();
+    ftp_result launch();
     ftp_result pump();
     void remove_remote();
 };
+
+ftp_result ftp_upload::state::launch() {
+    if (curl_multi_add_handle(multi, easy) != CURLM_OK)
+        return result = refused("Cannot start an FTP client");
+    running = true;
+    return pump();
+}
+
+// Into the file's folder, and no further: nothing is touched there before there are data.
+ftp_result ftp_upload::state::log_in() {
+    set_common(easy, account, url.substr(0, url.rfind('/') + 1), talk);
+    curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    last = true;
+    const ftp_result done = launch();
+    last = false;
+    return done;
+}
+
+// The upload itself, over the same connection, until the library asks for bytes and is without any.
+ftp_result ftp_upload::state::start() {
+    if (started || !result)
+        return result;
+    started = true;
+    curl_multi_remove_handle(multi, easy);
+    curl_easy_reset(easy);
+    set_common(easy, account, url, talk);
+    curl_easy_setopt(easy, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, on_give);
+    curl_easy_setopt(easy, CURLOPT_READDATA, this);
+    return launch();
+}
 
 // Runs the transfer until the bytes at hand are taken (or, at the last, until it is over).
 ftp_result ftp_upload::state::pump() {
@@ -231,7 +282,7 @@ ftp_result ftp_upload::state::pump() {
             if (message->msg != CURLMSG_DONE)
                 continue;
             running = false;
-            result = failure(message->data.result, error);
+            result = failure(message->data.result, talk.error);
             if (result && (!last || !rest.empty()))
                 result = {ftp_stage::data, "The server ended the transfer"};
         }
@@ -242,18 +293,21 @@ ftp_result ftp_upload::state::pump() {
     return result;
 }
 
-// Best effort: a file that is only half there would be taken for a whole one.
+// Best effort: a file that is only half there would be taken for a whole one. What stopped the upload does
+// not stop this, so its time is short.
 void ftp_upload::state::remove_remote() {
-    if (!stored || options.append)
+    if ((!given && !talk.stored) || talk.options.append)
         return;
     const easy_handle cleaner(curl_easy_init());
     const std::size_t slash = url.find('/', sizeof "ftp://");
     if (!cleaner || slash == std::string::npos)
         return;
-    char ignored[CURL_ERROR_SIZE] = "";
+    dialogue removal;
+    removal.options.trace = talk.options.trace;
     const std::string root = url.substr(0, slash + 1);
     curl_slist *commands = curl_slist_append(nullptr, ("DELE " + path).c_str());
-    set_common(cleaner.get(), account, root, options, ignored);
+    set_common(cleaner.get(), account, root, removal);
+    curl_easy_setopt(cleaner.get(), CURLOPT_TIMEOUT, removal_seconds);
     curl_easy_setopt(cleaner.get(), CURLOPT_NOBODY, 1L);
     curl_easy_setopt(cleaner.get(), CURLOPT_QUOTE, commands);
     curl_easy_perform(cleaner.get());
@@ -279,22 +333,15 @@ ftp_result ftp_upload::begin(const ftp_account &account, std::string_view path, 
     auto s = std::make_unique<state>();
     s->account = account;
     s->path = path;
-    s->options = options;
+    s->talk.options = options;
     s->url = make_url(account, path);
     if (s->url.empty())
         return refused("Bad machine or file name");
     if (!start_library() || (s->multi = curl_multi_init()) == nullptr ||
         (s->easy = curl_easy_init()) == nullptr)
         return refused("Cannot start an FTP client");
-    set_common(s->easy, s->account, s->url, s->options, s->error);
-    curl_easy_setopt(s->easy, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(s->easy, CURLOPT_READFUNCTION, state::on_give);
-    curl_easy_setopt(s->easy, CURLOPT_READDATA, s.get());
-    if (curl_multi_add_handle(s->multi, s->easy) != CURLM_OK)
-        return refused("Cannot start an FTP client");
-    s->running = true;
     state_ = std::move(s);
-    return state_->pump(); // until the library asks for the first byte
+    return state_->log_in();
 }
 
 ftp_result ftp_upload::write(std::span<const std::byte> bytes) {
@@ -302,6 +349,8 @@ ftp_result ftp_upload::write(std::span<const std::byte> bytes) {
         return refused("No transfer is open");
     if (bytes.empty())
         return state_->result;
+    if (ftp_result r = state_->start(); !r)
+        return r;
     state_->rest = bytes;
     return state_->pump();
 }
@@ -309,6 +358,8 @@ ftp_result ftp_upload::write(std::span<const std::byte> bytes) {
 ftp_result ftp_upload::finish() {
     if (!state_)
         return refused("No transfer is open");
+    if (ftp_result r = state_->start(); !r)
+        return r;
     state_->last = true;
     return state_->pump();
 }

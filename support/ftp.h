@@ -52,8 +52,10 @@ ftp_result ftp_get(const ftp_account &account, std::string_view path,
                    const std::function<bool(std::span<const std::byte>)> &sink,
                    const ftp_options &options = {});
 
-// A put whose bytes come one after the other: begin, write ..., finish. What is dropped unfinished, or has
-// failed, is removed from the server if it can still be reached.
+// A put whose bytes come one after the other: begin, write ..., finish. `begin` logs in and finds the folder;
+// the file is touched by the first write, or by the end of an empty one. What is dropped unfinished after
+// that, or has failed, is removed from the server if it can still be reached, within 5 s and whatever `stop`
+// says; what was appended to is not.
 class ftp_upload {
   public:
     ftp_upload();

@@ -82,8 +82,13 @@ int open_aside(UnifOutput &output, const std::string &target, const struct stat 
     return 0;
 }
 
+bool is_source(const UnifOutput &output, const struct stat &old) {
+    struct stat status {};
+    return output.source_fd >= 0 && ::fstat(output.source_fd, &status) == 0 && same_file(status, old);
+}
+
 // The old file stays as it is until the new one is whole; where no other may take its place it is written
-// directly.
+// directly, unless the data are still to be read from it.
 int replace_file(UnifOutput &output, const struct stat &old) {
     const char *name = output.filename.c_str();
     if (::faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0)
@@ -94,6 +99,11 @@ int replace_file(UnifOutput &output, const struct stat &old) {
             return 0;
         if (!folder_is_closed(errno))
             return -1;
+    }
+    if (is_source(output, old)) {
+        sv_printf(output.cn, "! File '%s' holds the data that are read and cannot be replaced\n", name);
+        errno = EBUSY;
+        return -1;
     }
     output.fd.reset(::open(name, O_WRONLY | O_TRUNC | O_CLOEXEC));
     return output.fd ? 0 : -1;
@@ -149,6 +159,15 @@ int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
     return 0;
 }
 
+// 0 once the disk has it, and where there is no disk to wait for (a device, a pipe).
+int sync_file(int fd) {
+    int result = 0;
+    do
+        result = ::fsync(fd);
+    while (result != 0 && errno == EINTR);
+    return result == 0 || errno == EINVAL || errno == EROFS || errno == ENOTSUP ? 0 : -1;
+}
+
 // What was written aside goes into the old file: there are mounts that a rename cannot replace. When this
 // fails the old contents are gone, so the file aside, which is whole, stays.
 bool copy_back(const UnifOutput &output, const file_state &state) {
@@ -159,7 +178,7 @@ bool copy_back(const UnifOutput &output, const file_state &state) {
     for (;;) {
         const ssize_t done = ::sendfile(to.get(), from.get(), nullptr, write_max);
         if (done == 0)
-            return (!output.do_fsync || ::fsync(to.get()) == 0) && ::unlink(state.aside.c_str()) == 0;
+            return (!output.do_fsync || sync_file(to.get()) == 0) && ::unlink(state.aside.c_str()) == 0;
         if (done < 0 && errno != EINTR)
             return false;
     }
@@ -184,7 +203,7 @@ int take_place(const UnifOutput &output, const file_state &state) {
 int file_term(UnifOutput &output, bool failed) {
     const file_state &state = state_of(output);
     int result = 0;
-    if (!failed && output.do_fsync && ::fsync(output.fd.get()) != 0)
+    if (!failed && output.do_fsync && sync_file(output.fd.get()) != 0)
         result = -1;
     if (::close(output.fd.release()) != 0)
         result = -1;

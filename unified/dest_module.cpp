@@ -1,5 +1,5 @@
-// Destination: a data module. The box is placed at (start_x, start_y, start_t) of a headed module, which is
-// made if there is none, or goes as it is into a module without a header.
+// Destination: a data module. The box is placed at (start_x, start_y, start_t) of a headed module, or goes as
+// it is into a module without a header. A module is made if there is none, and goes again if the read fails.
 #include "modules/store/headed.h"
 #include "server/output.h"
 #include "unified/form.h"
@@ -17,7 +17,8 @@ namespace {
 
 struct module_state {
     module_link link;
-    unified_box box; // where it goes, in the module
+    unwritten_module made; // by this read
+    unified_box box;       // where it goes, in the module
     std::size_t element = 0;
     std::uint64_t position = 0; // bytes of the box that have come
     bool cleared = false;
@@ -44,22 +45,28 @@ bool box_fits(const module_view &view, const unified_box &b, int data_type) {
            b.t + b.dt <= view.num_t;
 }
 
+// After the line that says why.
+int refuse(int error) {
+    errno = error;
+    return -1;
+}
+
 int check_existing(const UnifOutput &output, void *head, const unified_box &b, int data_type) {
     const char *name = output.modulename.c_str();
     module_view view;
     if (mod_look(output.cn, name, head, view) != 0)
-        return -1;
+        return refuse(datamod_is_whole(head) ? EINVAL : ENXIO);
     if (view.data_type != data_type) {
         sv_printf(output.cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", name,
                   view.data_type, data_type);
-        return -1;
+        return refuse(EINVAL);
     }
     if (!box_fits(view, b, data_type)) {
         sv_printf(
             output.cn,
             "! Error, module '%s' exists but (%d, %d, %d) is too small for (%d, %d, %d) at (%d, %d, %d)\n",
             name, view.num_x, view.num_y, view.num_t, b.dx, b.dy, b.dt, b.x, b.y, b.t);
-        return -1;
+        return refuse(ENOSPC);
     }
     return 0;
 }
@@ -75,7 +82,9 @@ int make_headed(UnifOutput &output, const unified_box &b, int data_type) {
         app_mkmod_head(output.cn, name, x, y, "X", "Y", data_float, &head);
     else
         app_mkmod3d(output.cn, name, x, y, b.t + b.dt, "X", "Y", "T", nullptr, data_float, &head);
-    state_of(output).link = module_link::adopt(head);
+    module_state &state = state_of(output);
+    state.link = module_link::adopt(head);
+    state.made = unwritten_module(name, head);
     return head != nullptr ? 0 : -1;
 }
 
@@ -84,8 +93,7 @@ int init_headed(UnifOutput &output, const _unif_format &format) {
     if (data_type == 0) {
         sv_printf(output.cn, "! A headed module holds long, float or double data, not %s\n",
                   element_names[format.data_type]);
-        errno = EINVAL;
-        return -1;
+        return refuse(EINVAL);
     }
     module_state &state = state_of(output);
     int end = 0;
@@ -93,15 +101,39 @@ int init_headed(UnifOutput &output, const _unif_format &format) {
         !end_of(output.start_t, format.nt, end)) {
         sv_printf(output.cn, "! ERROR: start (%d, %d, %d) in module '%s' is out of range\n", output.start_x,
                   output.start_y, output.start_t, output.modulename.c_str());
-        errno = EINVAL;
-        return -1;
+        return refuse(EINVAL);
     }
     state.box = {output.start_x, output.start_y, output.start_t, format.nx, format.ny, format.nt};
-    errno = EINVAL;
     state.link = module_link(output.modulename.c_str());
     if (state.link)
         return check_existing(output, state.link.head(), state.box, data_type);
     return make_headed(output, state.box, data_type);
+}
+
+// A header as the server makes them: plain numbers hardly ever look like one.
+bool has_header(void *head) {
+    module_view view;
+    if (mod_look(head, view) != nullptr)
+        return false;
+    mod_header copy;
+    std::memcpy(&copy, head, sizeof copy);
+    return (copy.disp_type & 0xFFFF) == MOD_DISP_2D && view.elements() > 0;
+}
+
+// Another program that has the module mapped would lose its header, or meet data beyond the end.
+int check_headless(const UnifOutput &output, void *head, std::uint64_t bytes) {
+    const char *name = output.modulename.c_str();
+    if (has_header(head)) {
+        sv_printf(output.cn, "! ERROR: module '%s' has a header\n", name);
+        return refuse(EINVAL);
+    }
+    const off_t capacity = datamod_mod_size(head);
+    if (static_cast<std::uint64_t>(capacity) < bytes) {
+        sv_printf(output.cn, "! Error, module '%s' exists but has %zd bytes, %zd are needed\n", name,
+                  static_cast<ssize_t>(capacity), static_cast<ssize_t>(bytes));
+        return refuse(ENOSPC);
+    }
+    return 0;
 }
 
 int init_headless(UnifOutput &output, const _unif_format &format) {
@@ -114,23 +146,15 @@ int init_headless(UnifOutput &output, const _unif_format &format) {
             &bytes) ||
         bytes > std::uint64_t{4} * INT_MAX) {
         sv_printf(output.cn, "! ERROR: module '%s' would be too large\n", name);
-        errno = EFBIG;
-        return -1;
+        return refuse(EFBIG);
     }
     module_state &state = state_of(output);
     state.link = module_link(name);
-    if (!state.link && mkmod_nohead(output.cn, name, static_cast<int>((bytes + 3) / 4)) == 0)
-        state.link = module_link(name);
-    if (!state.link)
-        return -1;
-    const off_t capacity = datamod_mod_size(state.link.head());
-    if (static_cast<std::uint64_t>(capacity) < bytes) {
-        sv_printf(output.cn, "! Error, module '%s' exists but has %zd bytes, %zd are needed\n", name,
-                  static_cast<ssize_t>(capacity), static_cast<ssize_t>(bytes));
-        errno = ENOSPC;
-        return -1;
+    if (!state.link) {
+        state.link = module_link::adopt(app_mkmod_nohead(output.cn, name, static_cast<int>((bytes + 3) / 4)));
+        state.made = unwritten_module(name, state.link.head());
     }
-    return 0;
+    return state.link ? check_headless(output, state.link.head(), bytes) : -1;
 }
 
 int module_init(UnifOutput &output, const _unif_format &format) {
@@ -214,7 +238,10 @@ int module_write(UnifOutput &output, const void *bytes, std::size_t count) {
     return output.mod_header ? put_in_box(output, at, count) : put_plain(output, at, count);
 }
 
-int module_term(UnifOutput &output, bool) {
+// One that this read made stays with all of the data in it only.
+int module_term(UnifOutput &output, bool failed) {
+    if (!failed)
+        state_of(output).made.keep();
     output.specific.reset();
     return 0;
 }

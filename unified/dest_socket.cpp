@@ -5,6 +5,7 @@
 #include "unified/output.h"
 
 #include <cerrno>
+#include <cstring>
 
 namespace kestrel {
 
@@ -16,7 +17,10 @@ int socket_init(UnifOutput &output, const _unif_format &) {
 }
 
 int socket_write(UnifOutput &output, const void *bytes, std::size_t count) {
-    return sv_data_write(output.cn, bytes, count) == static_cast<ssize_t>(count) ? 0 : -1;
+    if (sv_data_write(output.cn, bytes, count) == static_cast<ssize_t>(count))
+        return 0;
+    sv_printf(output.cn, "! Cannot send data: %s\n", std::strerror(errno));
+    return -1;
 }
 
 // A failed transfer always closes: the client must not take what comes next for the rest of this one.

@@ -28,6 +28,7 @@ struct UnifOutput {
     bool clear_first = false;
     bool preserve_socket = false;
     bool do_fsync = false;
+    int source_fd = -1; // the file that the data come from, where they come from one
 
     // Opens the destination for data as the form hands them out: 0, or -1 with errno set.
     int (*init)(UnifOutput &output, const _unif_format &format) = nullptr;

@@ -57,18 +57,24 @@ unified_box part_of(unified_box box, std::size_t limit, bool columns) {
     return box;
 }
 
+// Calls f(start, count) for one stretch of `count` after the other, each of `step` or what is left, until one
+// fails.
+template <class F> int for_each_stretch(int count, int step, F &&f) {
+    int result = 0;
+    for (int done = 0; done < count && result == 0; done += std::min(step, count - done))
+        result = f(done, std::min(step, count - done));
+    return result;
+}
+
 // Calls f with one part after the other, in the box's order, until one fails.
 template <class F> int for_each_part(const unified_box &box, const unified_box &part, F &&f) {
-    for (int t = 0; t < box.dt; t += part.dt)
-        for (int y = 0; y < box.dy; y += part.dy)
-            for (int x = 0; x < box.dx; x += part.dx) {
-                const int result =
-                    f(unified_box{box.x + x, box.y + y, box.t + t, std::min(part.dx, box.dx - x),
-                                  std::min(part.dy, box.dy - y), std::min(part.dt, box.dt - t)});
-                if (result != 0)
-                    return result;
-            }
-    return 0;
+    return for_each_stretch(box.dt, part.dt, [&](int t, int dt) {
+        return for_each_stretch(box.dy, part.dy, [&](int y, int dy) {
+            return for_each_stretch(box.dx, part.dx, [&](int x, int dx) {
+                return f(unified_box{box.x + x, box.y + y, box.t + t, dx, dy, dt});
+            });
+        });
+    });
 }
 
 // Elements of a box where they lie: in the source itself, or in the copy of a piece.
@@ -150,6 +156,8 @@ int reading::prepare() {
         sv_printf(cn_, "! Failed when calling the initialization function for this output format.\n");
         return -1;
     }
+    if (entry_.source.file != nullptr)
+        output_.source_fd = entry_.source.file(entry_.path);
     if (output_.init(output_, format_) < 0) {
         const int error = errno;
         format_.stopfn(format_, true);
@@ -312,9 +320,10 @@ void reading::show_progress(bool always) {
     if (!always && now - shown_ < progress_interval)
         return;
     shown_ = now;
-    // Counted in lines, in so many at a time that the numbers fit.
+    // Counted in lines, elements where there is but one, in so many at a time that the numbers fit.
     const auto total = static_cast<long long>(elements_of(request_.box));
-    const long long unit = std::max<long long>(request_.box.dx, total / INT_MAX + 1);
+    const long long line = total == request_.box.dx ? 1 : request_.box.dx;
+    const long long unit = std::max(line, (total - 1) / INT_MAX + 1);
     sv_timebar(cn_, static_cast<int>(done_ / unit), static_cast<int>(total / unit), "Outputing Data");
 }
 

@@ -273,10 +273,10 @@ int mkmod_head3d(int cn, const char *name, int num_x, int num_y, int num_t, cons
     return munlink(head);
 }
 
-int mkmod_nohead(int cn, const char *name, int n) {
-    if (module_link(name)) {
+void *app_mkmod_nohead(int cn, const char *name, int n) {
+    if (module_link link(name); link) {
         sv_printf(cn, "# Warning: module \"%s\" already exists.\n", name);
-        return 0;
+        return link.release();
     }
     void *head = nullptr;
     datamod_record *record = nullptr;
@@ -284,9 +284,14 @@ int mkmod_nohead(int cn, const char *name, int n) {
         errno = EINVAL;
     if (n <= 0 || _os_datmod(name, 4 * static_cast<std::size_t>(n), &head, &record) != 0) {
         sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", name, errno);
-        return -1;
+        return nullptr;
     }
-    return munlink(head);
+    return head;
+}
+
+int mkmod_nohead(int cn, const char *name, int n) {
+    void *head = app_mkmod_nohead(cn, name, n);
+    return head != nullptr ? munlink(head) : -1;
 }
 
 namespace {

@@ -37,7 +37,10 @@ int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab
 int mkmod_head3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
                  const char *y_lab, const char *t_lab, int data_float);
 
-// A module of 4 x n bytes without a header; 0 (also where it exists), or -1.
+// A module of 4 x n bytes without a header, or the one that exists, whatever its size. Linked: the caller
+// unlinks it. Null after a message.
+void *app_mkmod_nohead(int cn, const char *name, int n);
+// The same, unlinked at once: 0 or -1.
 int mkmod_nohead(int cn, const char *name, int n);
 
 // New dimensions for a linked module, within its capacity; num_t 0 counts as 1. The data stay where they are.

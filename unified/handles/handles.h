@@ -50,6 +50,8 @@ struct unified_source {
     int (*disable)(int path) = nullptr;
     // Where the elements lie, checked now. Handle's mutex held, and until the reader has done with them.
     int (*place)(int path, unified_place *place) = nullptr;
+    // The descriptor of the file whose contents the elements are, which must not be written meanwhile.
+    int (*file)(int path) = nullptr;
 };
 
 // Run on every row of doubles before (after = 0) and after (1) the correction.
