@@ -1,19 +1,24 @@
-"""A real FTP server on loopback for the tests, which can be told to die."""
+"""A real FTP server on loopback for the tests, which can be told to be slow, to refuse and to die."""
 import threading
 
 import pytest
 from pyftpdlib.authorizers import DummyAuthorizer
-from pyftpdlib.handlers import DTPHandler, FTPHandler
+from pyftpdlib.handlers import FTPHandler, ThrottledDTPHandler
 from pyftpdlib.servers import FTPServer
 
 
 class FtpServer(threading.Thread):
-    """A server with the user `probe` and the password `s3cret word`; `die_after` bytes it cuts the connections."""
+    """A server with the user `probe` and the password `s3cret word`; `die_after` bytes it cuts the connections.
 
-    def __init__(self, folder, die_after=None):
+    It takes at most `rate` bytes a second (0: as they come) and allows what `perm` says.
+    """
+
+    def __init__(self, folder, die_after=None, rate=0, perm="elradfmw"):
         super().__init__(daemon=True)
 
-        class Dtp(DTPHandler):
+        class Dtp(ThrottledDTPHandler):
+            read_limit = rate
+
             def handle_read(self):
                 super().handle_read()
                 if die_after is not None and self.tot_bytes_received > die_after:
@@ -25,7 +30,7 @@ class FtpServer(threading.Thread):
             authorizer = DummyAuthorizer()
             dtp_handler = Dtp
 
-        Handler.authorizer.add_user("probe", "s3cret word", str(folder), perm="elradfmw")
+        Handler.authorizer.add_user("probe", "s3cret word", str(folder), perm=perm)
         self.server = FTPServer(("127.0.0.1", 0), Handler)
         self.address = "127.0.0.1:%d" % self.server.socket.getsockname()[1]
 

@@ -1,4 +1,5 @@
 """Things that go wrong with data: each gives its line, leaves nothing behind, and the next command works."""
+import errno
 import os
 import signal
 import socket
@@ -94,7 +95,9 @@ def test_a_client_that_closes_its_data_connection_half_way(client, still):
     for form in ("raw", ""):
         thread = threading.Thread(target=take_some)
         thread.start()
-        assert refused(client, f"read 0 0 0 4000 1000 1 from {handle} {form}")[0] == "! Error during write"
+        said = refused(client, f"read 0 0 0 4000 1000 1 from {handle} {form}")
+        assert said[0] in ("! Cannot send data: Connection reset by peer", "! Cannot send data: Broken pipe")
+        assert said[1] == "! Error during write"
         thread.join()
     data, reply = port.take(client, f"read 0 0 0 3 1 1 from {handle} raw")
     assert np.frombuffer(data).tolist() == [0, 1, 2]
@@ -335,3 +338,113 @@ def test_text_files_on_a_full_disk_and_pipes_without_a_reader(server, client, st
     assert (server.cwd / "text").read_text() == "one\ntwo\n"
     client.lines("printf 'three' file 'text'")
     assert (server.cwd / "text").read_text() == "three\n"
+
+
+def test_a_client_that_takes_no_data_is_left_by_an_interrupt(server, client, still):
+    handle = do(client, "test open 4000 1000 1 double")
+    port = DataPort(client)
+    client.send(f"read 0 0 0 4000 1000 1 from {handle} raw\n")
+    with port.listener.accept()[0]:
+        client.recv_until("# Calling Write\r\n")
+        client.expect_silence()
+        server.interrupt()
+        client.recv_until("! Cannot send data: Interrupted system call\r\n! Error during write\r\n* -1\r\n> ")
+    port.close()
+
+
+@pytest.mark.parametrize("leave", [socket.socket.close, lambda s: s.shutdown(socket.SHUT_WR)], ids=["closed", "half closed"])
+def test_a_kept_data_connection_that_the_client_has_left_is_not_used_again(client, still, leave):
+    handle = do(client, "test open 3 1 1 double")
+    port = DataPort(client)
+    line = f"read 0 0 0 3 1 1 from {handle} raw preserve-socket"
+    do(client, line)
+    with port.listener.accept()[0] as connection:
+        do(client, line)
+        received = b""
+        while len(received) < 48:  # both, over the connection that was kept
+            received += connection.recv(48)
+        leave(connection)
+        data, _ = port.take(client, line.replace(" preserve-socket", ""))
+    assert np.frombuffer(data).tolist() == [0, 1, 2]
+    port.close()
+
+
+def test_the_number_of_the_error_is_its_cause(client, names, still):
+    handle = do(client, "test open 100 10 1 float")
+    read = f"read 0 0 0 100 10 1 from {handle}"
+    last = "! Error when opening a file or a module (errno {})."
+    assert refused(client, read) == [last.format(errno.ENOTCONN)]
+    with socket.socket() as nobody:
+        nobody.bind(("127.0.0.1", 0))
+        do(client, f"port {nobody.getsockname()[1]}")
+        assert refused(client, read) == [last.format(errno.ECONNREFUSED)]
+    for name, size, error in (("type", "100 10 header", errno.EINVAL), ("small", "99 10 header float", errno.ENOSPC),
+                              ("plain", "0 0 size 999", errno.EINVAL), ("cut", "100 10 header float", errno.ENXIO)):
+        do(client, f"module create '{names(name)}' {size}")
+        held_open = do(client, f"module open '{names(name)}' header") if name == "cut" else -1
+        if held_open >= 0:
+            os.truncate("/dev/shm/" + names(name), 1000)
+        assert refused(client, f"{read} to-module '{names(name)}'")[1:] == [last.format(error)], name
+    assert refused(client, f"{read} to-module '{names('plain')}' no-header")[1:] == [last.format(errno.ENOSPC)]
+
+
+@pytest.mark.parametrize("words", ["", "start-t 1", "no-header raw"])
+def test_a_module_that_a_failing_read_made_goes_again(server, client, names, still, words):
+    n, source = names("made"), names("source")
+    do(client, f"module create '{source}' 100 100 header")
+    cut = do(client, f"module open '{source}' header")
+    os.truncate("/dev/shm/" + source, 400)
+    egg = do(client, "test open 2000 2000 1 long egg")
+    read = f"read 0 0 0 2000 2000 1 from {egg} to-module '{n}' {words}"
+
+    def fail_both():
+        assert refused(client, f"read 0 0 0 100 100 1 from {cut} to-module '{n}' {words}")[-1] == "! Error during read"
+        client.send(read + "\n")
+        client.recv_until("# Calling read")
+        server.interrupt()
+        assert b"! Read interrupted\r\n! Error during write\r\n* -1" in client.recv_prompt()
+
+    fail_both()
+    assert not os.path.exists("/dev/shm/" + n)
+    do(client, read)  # and is kept this time
+    inode = os.stat("/dev/shm/" + n).st_ino
+    fail_both()
+    assert os.stat("/dev/shm/" + n).st_ino == inode
+
+
+def test_plain_bytes_do_not_overwrite_a_header(client, names, still):
+    headed, plain = names("headed"), names("plain")
+    do(client, f"module create '{headed}' 20 10 header num-t 1")
+    before = open("/dev/shm/" + headed, "rb").read()
+    handle = do(client, "test open 300 1 1 long")
+    read = f"read 1 0 0 100 1 1 from {handle} raw to-module '{{}}' no-header"
+    assert refused(client, read.format(headed)) == [
+        f"! ERROR: module '{headed}' has a header", "! Error when opening a file or a module (errno 22)."]
+    assert open("/dev/shm/" + headed, "rb").read() == before
+    for _ in range(2):
+        do(client, read.format(plain))
+    assert np.fromfile("/dev/shm/" + plain, "u4").tolist() == list(range(1, 101))
+
+
+@pytest.mark.parametrize("form", ["raw", "det"])
+def test_a_file_is_not_overwritten_while_it_is_read(server, client, still, form):
+    """With two names it can only be written in place."""
+    old = server.cwd / "old"
+    pattern = do(client, "test open 100 10 1 float")
+    do(client, f"read 0 0 0 100 10 1 from {pattern} {form} to-local-file 'old'")
+    handle = do(client, "file open 'old' " + ("raw nx 100 ny 10 float" if form == "raw" else "tessera"))
+    os.link(old, server.cwd / "second")
+    before = old.read_bytes()
+    for name in "old", "second":
+        assert refused(client, f"read 0 0 0 50 10 1 from {handle} raw to-local-file '{name}'") == [
+            f"! File '{name}' holds the data that are read and cannot be replaced",
+            "! Error when opening a file or a module (errno 16)."]
+    assert old.read_bytes() == before
+    os.unlink(server.cwd / "second")
+    do(client, f"read 50 0 0 50 10 1 from {handle} raw to-local-file 'old'")
+    assert (np.fromfile(old, "f4").reshape(10, 50) == np.add.outer(2 * np.arange(10), np.arange(50, 100))).all()
+
+
+def test_there_is_nothing_to_sync_on_a_device(client, still):
+    handle = do(client, "test open 10 10 1 long")
+    do(client, f"read 0 0 0 10 10 1 from {handle} raw to-local-file '/dev/null' fsync")

@@ -1,4 +1,5 @@
 """Reads that leave by FTP, against a real FTP server on loopback that can be told to refuse and to die."""
+import os
 import socket
 
 import numpy as np
@@ -52,3 +53,33 @@ def test_a_server_that_dies_costs_the_read_only(server, client, ftp):
     assert not (folder / "big").exists(), "half a file is taken back"
     do(client, f"read 0 0 0 10 1 1 from {handle} raw to-remote-file 'small' on '{address}' {LOGIN}")
     assert (folder / "small").stat().st_size == 80
+
+
+def test_an_upload_that_does_not_begin_touches_nothing(client, ftp, names):
+    address, folder = ftp()
+    (folder / "old").write_text("what was there")
+    do(client, f"module create '{names('m')}' 100 100 header")
+    handle = do(client, f"module open '{names('m')}' header")
+    os.truncate("/dev/shm/" + names("m"), 400)
+    for name in "old", "new":
+        line = f"read 0 0 0 100 100 1 from {handle} raw to-remote-file '{name}'"
+        assert refused(client, f"{line} on '{address}' {LOGIN}")[-1] == "! Error during read"
+    assert os.listdir(folder) == ["old"]
+    # Files may be removed there, but not written.
+    address, _ = ftp(perm="elrd")
+    pattern = do(client, "test open 10 10 1 long")
+    line = f"read 0 0 0 10 10 1 from {pattern} raw to-remote-file 'old' on '{address}' {LOGIN}"
+    assert refused(client, line)[0].startswith("! FTP put of 'old' failed: ")
+    assert (folder / "old").read_text() == "what was there"
+
+
+def test_an_interrupted_upload_is_taken_back(server, client, ftp):
+    address, folder = ftp(rate=100000)
+    handle = do(client, "test open 4000 1000 1 double")
+    for form in "raw", "":
+        client.send(f"read 0 0 0 4000 1000 1 from {handle} {form} to-remote-file 'big' on '{address}' {LOGIN}\n")
+        wait_until(lambda: os.listdir(folder) == ["big"], "upload")
+        server.interrupt()
+        reply = client.recv_prompt()
+        assert b"Interrupted\r\n! Error during write\r\n* -1\r\n" in reply or b"! Read interrupted" in reply
+        assert os.listdir(folder) == [], "half a file is taken back"

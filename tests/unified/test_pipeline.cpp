@@ -3,6 +3,7 @@
 #include "unified/convert.h"
 #include "unified/read_pipeline.h"
 
+#include <climits>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -156,4 +157,31 @@ TEST_F(pipeline, a_failing_destination_ends_the_read_and_the_next_works) {
     EXPECT_NE(replies_.find("! Error during write\n"), std::string::npos);
     fail_at = SIZE_MAX;
     EXPECT_EQ(read(true, boxes[0], raw_setup_format, 4096), 0);
+}
+
+TEST_F(pipeline, a_line_of_the_largest_width_is_read_to_its_end) {
+    constexpr std::size_t piece = 256 * 1024 * 1024;
+    static long long taken;
+    taken = 0;
+    const unified_source source = {.read = [](int, void *, int, int, int, int, int, int) { return 0; }};
+    read_request request;
+    request.handle = unified_open(cn, 0, INT_MAX, 1, 1, el_byte, "line", source);
+    request.box = {0, 0, 0, INT_MAX, 1, 1};
+    _unif_format format;
+    raw_setup_format(format);
+    UnifOutput output;
+    output.cn = cn;
+    output.init = keep_init;
+    output.write = [](UnifOutput &, const void *, std::size_t count) {
+        taken += static_cast<long long>(count);
+        return 0;
+    };
+    output.term = keep_term;
+    EXPECT_EQ(run_read(cn, request, format, output, piece), 0);
+    EXPECT_EQ(taken, INT_MAX);
+    const std::string replies = session_.replies();
+    EXPECT_NE(replies.find("@ 268435456 2147483647 'Outputing Data'\n"), std::string::npos)
+        << "elements of a single line are counted\n"
+        << replies;
+    EXPECT_NE(replies.find("@ 2147483647 2147483647 'Outputing Data'\n"), std::string::npos);
 }
