@@ -4,6 +4,7 @@ import threading
 import pytest
 from pyftpdlib.authorizers import DummyAuthorizer
 from pyftpdlib.handlers import FTPHandler, ThrottledDTPHandler
+from pyftpdlib.ioloop import IOLoop
 from pyftpdlib.servers import FTPServer
 
 
@@ -31,7 +32,7 @@ class FtpServer(threading.Thread):
             dtp_handler = Dtp
 
         Handler.authorizer.add_user("probe", "s3cret word", str(folder), perm=perm)
-        self.server = FTPServer(("127.0.0.1", 0), Handler)
+        self.server = FTPServer(("127.0.0.1", 0), Handler, ioloop=IOLoop())  # two may run at once
         self.address = "127.0.0.1:%d" % self.server.socket.getsockname()[1]
 
     def run(self):
