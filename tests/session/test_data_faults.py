@@ -15,19 +15,6 @@ from kestrel_data import DataPort, Module, do, refused, result
 from kestrel_session import wait_until
 
 
-@pytest.fixture
-def still(server, client):
-    """After the test the server holds no more descriptors and mappings than before it, and answers."""
-    do(client, "test open 2 2 1 byte")  # libraries keep what they open once
-    do(client, "read 0 0 0 2 2 1 from 0 to-local-file 'warm' det")
-    do(client, "close-all")
-    before = kestrel_data.held(server)
-    yield
-    do(client, "close-all")
-    assert client.lines("1+1") == ["* 2"]
-    wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 5)
-
-
 def test_a_full_disk(server, client, small_disk, still):
     handle = do(client, "test open 1000 100 1 long")
     box = f"read 0 0 0 1000 100 1 from {handle} to-local-file '{small_disk}/out'"
