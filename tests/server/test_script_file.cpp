@@ -42,20 +42,6 @@ std::vector<std::string> rest(script_file &file, std::size_t max = 1024) {
     return lines;
 }
 
-TEST_F(script, gives_lines_with_every_line_end) {
-    write("one\ntwo\r\n\n  \r\nlast");
-    script_file file = open();
-    EXPECT_EQ(rest(file), (std::vector<std::string>{"one", "two", "", "  ", "last"}));
-    EXPECT_EQ(next(file), std::nullopt);
-}
-
-TEST_F(script, cuts_long_lines_and_loses_nothing) {
-    write(std::string(10, 'a') + "\n" + std::string(25, 'b') + "\nc\n");
-    script_file file = open();
-    EXPECT_EQ(rest(file, 10), (std::vector<std::string>{std::string(10, 'a'), std::string(10, 'b'),
-                                                        std::string(10, 'b'), "bbbbb", "c"}));
-}
-
 TEST_F(script, crosses_its_blocks) {
     std::string text;
     std::vector<std::string> expected;
@@ -138,13 +124,6 @@ TEST_F(script, can_be_a_pipe_that_cannot_seek) {
     EXPECT_EQ(rest(file), (std::vector<std::string>{"one", "two", "three"}));
     EXPECT_FALSE(file.seek(0));
     writer.join();
-}
-
-TEST_F(script, of_a_directory_or_of_nothing_is_empty) {
-    script_file directory{unique_fd(::open("/", O_RDONLY))};
-    EXPECT_EQ(next(directory), std::nullopt);
-    script_file nothing{unique_fd()};
-    EXPECT_EQ(next(nothing), std::nullopt);
 }
 
 } // namespace

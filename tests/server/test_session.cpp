@@ -262,27 +262,6 @@ TEST_F(session, measures_the_terminal_among_typed_bytes) {
     EXPECT_EQ(line(), "ahead and behind");
 }
 
-TEST_F(session, runs_shell_commands) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"echo one", "# one\r\n"},
-        {"printf 'a\\n\\nb'", "# a\r\n# \r\n# b\r\n"},
-        {"true", ""},
-        {"seq -s ' ' 300 | head -c 1000", nullptr},
-    };
-    for (const auto &[command, output] : cases) {
-        EXPECT_EQ(sv_fork_command(cn, command), 0);
-        sv_flush(cn);
-        const std::string text = heard();
-        if (output)
-            EXPECT_EQ(text, output);
-        else
-            EXPECT_EQ(text.size(), 1000U + 4U);
-    }
-    EXPECT_EQ(sv_fork_command(cn, "exit 3"), 3);
-    EXPECT_EQ(sv_fork_command(cn, "echo gone >&2; kill -TERM $$"), 128 + SIGTERM);
-    EXPECT_NE(::access(".fork_temp", F_OK), 0);
-}
-
 TEST_F(session, has_no_data_channel_before_a_port_is_set) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(sv_data_write(cn, "x", 1), -1);

@@ -85,6 +85,7 @@ def test_listings(server, client):
 
 @pytest.mark.parametrize("command, reply", [
     ("echo hi", ["# hi", "* 0"]), ("true", ["* 0"]), ("false", ["* 1"]), ('sh -c "exit 3"', ["* 3"]),
+    ("kill -TERM $$", ["* 143"]),
     ('sh -c "echo out; echo err 1>&2"', ["# out", "# err", "* 0"]), ('printf "a\\n\\nb\\n"', ["# a", "# ", "# b", "* 0"]),
     ("seq 500", [f"# {n}" for n in range(1, 501)] + ["* 0"]),
     ('head -c 2000 /dev/zero | tr "\\0" x', None), ("printf a", None), ("no-such-program", None),

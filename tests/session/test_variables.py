@@ -101,7 +101,7 @@ def test_set_func_in_itself_is_bounded(client):
 @pytest.mark.parametrize("how, typed, shown", [
     ("", "some text", '"some text"'), ("string", "5", '"5"'), ("int", "42", "42"), ("int", "-7", "-7"),
     ("double", "2.5", "2.5"), ("double", "3", "3"), ("qualifier", "add", None), ("", "", '""'),
-    ("", "  it's \"so\" ", '"  it\'s "so" "'),
+    ("", "  it's \"so\" ", '"  it\'s "so" "'), ("", 3000 * "x", '"' + 1024 * "x" + '"'),
 ])
 @pytest.mark.parametrize("end", ["\n", "\r\n"])
 def test_input(shared, how, typed, shown, end):

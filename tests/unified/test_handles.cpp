@@ -10,7 +10,6 @@ using namespace kestrel;
 namespace {
 
 constexpr int cn = session_capture::cn;
-int destroyed = 0;
 int cleared = 0;
 bool fail = false;
 
@@ -20,9 +19,6 @@ int fake_read(int path, void *buffer, int x, int, int, int, int, int) {
         unified_explain("the cable of path %d is out", path);
     return fail ? -1 : 0;
 }
-void fake_destroy(int, int) {
-    ++destroyed;
-}
 int fake_clear(int, int, int, int, int, int, int) {
     return fail ? -1 : 0;
 }
@@ -30,7 +26,7 @@ void on_clear() {
     ++cleared;
 }
 
-constexpr unified_source fake = {.read = fake_read, .destroy = fake_destroy, .clear = fake_clear};
+constexpr unified_source fake = {.read = fake_read, .clear = fake_clear};
 
 int open_fake(int session = cn, int nt = 2) {
     return unified_open(session, 40, 8, 4, nt, el_long, "fake", fake);
@@ -46,28 +42,6 @@ class handles : public testing::Test {
 };
 
 } // namespace
-
-TEST_F(handles, the_lowest_free_handle_is_taken_and_twenty_are_all) {
-    for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(open_fake(), i);
-    EXPECT_EQ(open_fake(), -1);
-    EXPECT_EQ(unified_close_and_destroy(cn, 5), 0);
-    EXPECT_EQ(open_fake(), 5);
-    EXPECT_EQ(unified_close_and_destroy(cn, 20), -1);
-    EXPECT_EQ(unified_close_and_destroy(cn, -1), -1);
-}
-
-TEST_F(handles, a_lost_session_takes_exactly_its_handles_along) {
-    open_fake(1);
-    open_fake(2);
-    open_fake(1);
-    destroyed = 0;
-    unif_connection_lost(1);
-    EXPECT_EQ(destroyed, 2);
-    EXPECT_EQ(unified_get_nx(0, cn, 0), -1);
-    EXPECT_EQ(unified_get_nx(0, cn, 1), 8);
-    EXPECT_EQ(unified_get_bsize(0, cn, 1), 4);
-}
 
 TEST_F(handles, boxes_are_checked_to_the_last_element) {
     const int h = open_fake();
