@@ -169,33 +169,6 @@ TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {
     EXPECT_EQ(second, 500U);
 }
 
-TEST_F(store, finding_goes_by_exact_least_and_any_sizes_and_changes_nothing) {
-    const char *n = name("find");
-    ASSERT_EQ(mkmod_head(cn, n, 10, 4, "energy", nullptr, 0), 0);
-    session_.replies();
-    const struct {
-        int x, y, data_float;
-        const char *reply;
-    } cases[] = {
-        {10, 4, 0, "# Warning: module \"%s\" already exists\n"},
-        {0, 0, 0, "# Warning: module \"%s\" already exists\n"},
-        {-10, -1, 0, "# Warning: module \"%s\" already exists\n"},
-        {-11, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-11, 0)\n"},
-        {9, 4, 0, "! Error, module '%s' exists but is wrong size (10,4) not (9, 4)\n"},
-        {10, 4, 2, "! Error, module '%s' exists but is wrong data type 1 not 4\n"},
-        {INT_MIN, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-2147483648, 0)\n"},
-    };
-    for (const auto &c : cases) {
-        char reply[200];
-        std::snprintf(reply, sizeof reply, c.reply, n);
-        mkmod_head(cn, n, c.x, c.y, "other", nullptr, c.data_float);
-        EXPECT_EQ(session_.replies(), reply);
-    }
-    EXPECT_EQ(mkmod_head3d(cn, n, 10, 4, 1, nullptr, nullptr, nullptr, 0), -1);
-    EXPECT_EQ(session_.replies(),
-              "! ERROR: Module '" + std::string(n) + "' exists but is not a 3D module, cannot change type\n");
-}
-
 TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
     const char *n = name("lies");
     void *head = nullptr;

@@ -56,23 +56,6 @@ TEST_F(script, crosses_its_blocks) {
     EXPECT_EQ(next(file), "line 0");
 }
 
-TEST_F(script, seeks_to_where_a_line_began) {
-    write("head\nbody\nnext\nend\n");
-    script_file file = open();
-    next(file);
-    const off_t body = file.tell();
-    for (int pass = 0; pass < 3; ++pass) {
-        EXPECT_EQ(next(file), "body");
-        EXPECT_EQ(next(file), "next");
-        ASSERT_TRUE(file.seek(body));
-    }
-    EXPECT_FALSE(file.seek(-1));
-    ASSERT_TRUE(file.seek(1000));
-    EXPECT_EQ(next(file), std::nullopt);
-    ASSERT_TRUE(file.seek(body));
-    EXPECT_EQ(next(file), "body");
-}
-
 TEST_F(script, is_read_anew_when_it_changes_under_a_loop) {
     write("head\nbody 1\nnext\n");
     age();

@@ -1,4 +1,5 @@
 """Links to other servers: real ones in processes of their own, and peers that misbehave at every byte."""
+import contextlib
 import pathlib
 import socket
 import threading
@@ -40,34 +41,16 @@ class Peer:
         for script in scripts:
             connection, _ = self.listener.accept()
             self.connections += 1
-            with connection:
+            with connection, connection.makefile("rb") as received, contextlib.suppress(OSError):
                 for step in script:
                     if step is None:
                         break
-                    if isinstance(step, int):
-                        self.lines.append(connection.recv(step))
-                    elif isinstance(step, list):
-                        self.lines.append(self.read_line(connection))
+                    if isinstance(step, bytes):
+                        connection.sendall(step)
                     else:
-                        try:
-                            connection.sendall(step)
-                        except OSError:
-                            break
+                        self.lines.append(received.read(step) if step else received.readline())
                 else:
-                    self.read_line(connection)  # stays until the other side leaves
-
-    @staticmethod
-    def read_line(connection):
-        line = b""
-        while not line.endswith(b"\n"):
-            try:
-                byte = connection.recv(1)
-            except OSError:
-                break
-            if not byte:
-                break
-            line += byte
-        return line
+                    received.readline()  # stays until the other side leaves
 
 
 def test_results_of_every_type_come_back(station):

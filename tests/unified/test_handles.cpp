@@ -2,7 +2,6 @@
 #include "tests/helpers/session_capture.h"
 #include "unified/handles/handles.h"
 
-#include <climits>
 #include <gtest/gtest.h>
 
 using namespace kestrel;
@@ -42,30 +41,6 @@ class handles : public testing::Test {
 };
 
 } // namespace
-
-TEST_F(handles, boxes_are_checked_to_the_last_element) {
-    const int h = open_fake();
-    const unified_box inside[] = {{0, 0, 0, 8, 4, 2}, {7, 3, 1, 1, 1, 1}};
-    const unified_box outside[] = {{0, 0, 0, 9, 4, 2},      {8, 0, 0, 1, 1, 1},  {1, 0, 0, 8, 1, 1},
-                                   {0, 0, 2, 1, 1, 1},      {-1, 0, 0, 2, 1, 1}, {0, 0, 0, -1, 1, 1},
-                                   {7, 0, 0, INT_MAX, 1, 1}};
-    for (const auto &b : inside)
-        EXPECT_EQ(unified_check_box(cn, "x", h, b), 0);
-    EXPECT_EQ(session_.replies(), "");
-    for (const auto &b : outside)
-        EXPECT_EQ(unified_check_box(cn, "x", h, b), -1);
-    session_.replies();
-    unified_check_box(cn, "client read", h, {0, 0, 0, 8, 5, 1});
-    EXPECT_EQ(session_.replies(),
-              "! This client read request does not lie within the boundaries of the image, read "
-              "(0, 0, 0) for (8, 5, 1)\n# The size of the image is 8x4x2.\n");
-    unified_check_box(cn, "x", h, {0, 0, 0, 8, 0, 1});
-    EXPECT_EQ(session_.replies(), "! dx, dy and dt must all be greater than zero.");
-    const int flat = open_fake(cn, 0);
-    EXPECT_EQ(unified_check_box(cn, "x", flat, {0, 0, 77, 1, 1, 5}), 0)
-        << "without frames any frame is taken";
-    EXPECT_EQ(unified_check_box(cn, "x", flat, {0, 0, 0, 1, 1, 0}), 0);
-}
 
 TEST_F(handles, what_the_source_says_stands_before_the_failure) {
     const int h = open_fake();
