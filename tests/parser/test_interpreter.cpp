@@ -1,4 +1,4 @@
-// Lines against a small tree of their own: lookup, conversion, qualifiers, results, nesting.
+// Lines against a small tree of their own: lines that come again, lines within lines, results for a caller.
 #include "parser/call.h"
 #include "parser/interpreter.h"
 #include "parser/tree.h"
@@ -19,17 +19,6 @@ int take(int quals, int, int a, double b, const char *s, int n) {
     return a;
 }
 
-int qualifiers(int quals, int) {
-    seen = std::to_string(quals);
-    if (quals & 1)
-        seen += " " + std::to_string(Qualifier[0].IntArg);
-    if (quals & 2)
-        seen += " " + std::to_string(Qualifier[1].DoubleArg);
-    if (quals & 4)
-        seen += " " + std::to_string(std::string(Qualifier[2].StringArg).size());
-    return 0;
-}
-
 double real(int, int, double v) {
     return v;
 }
@@ -44,7 +33,6 @@ const PARSE_TREE sub_tree[] = {
     pt_command<take>("take", "%d %g + %s %d verbose = %d", "takes values", "a/b/s/n/more"), pt_end()};
 const PARSE_TREE root[] = {
     pt_subtree("sub", sub_tree, "prefix"),
-    pt_command<qualifiers>("quals", "whole %d piece %g name %s plain = %d", "takes qualifiers", ""),
     pt_command<real>("real", "%g = %g", "gives a real", "value"),
     pt_command<text>("text", "%d = %s", "gives a text", "value"),
     pt_command<again>("again", "%s = %d", "runs a line", "line"),
@@ -59,16 +47,6 @@ std::string reply(const std::string &line) {
 }
 
 } // namespace
-
-TEST(interpreter, qualifier_values) {
-    EXPECT_EQ(reply("quals piece 2.5 whole 3 whole 4 plain"), "* 0\n");
-    EXPECT_EQ(seen, "11 4 2.500000");
-    EXPECT_EQ(reply("quals name '" + std::string(300, 'x') + "'"), "* 0\n");
-    EXPECT_EQ(seen, "4 255");
-    set_string_variable(0, "word", "PLAIN", true, vt_qualifier);
-    EXPECT_EQ(reply("quals %word"), "* 0\n");
-    EXPECT_EQ(seen, "8");
-}
 
 // The line is known from its first run; what its words stand for may have changed since.
 TEST(interpreter, a_line_that_comes_again_is_run_anew) {

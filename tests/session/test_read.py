@@ -220,6 +220,7 @@ def test_qualifiers_that_do_not_go_together(server, client):
             ("-1, 0, 0", "2, 1, 1"), ("0, 0, 0", "9, 5, 1"), ("8, 0, 0", "2147483647, 1, 1"):
         assert refused(client, f"read {' '.join(box).replace(',', '')} from {handle}") == [
             "! This client read request does not lie within the boundaries of the image, read (%s) for (%s)" % box]
+    assert client.cmd(f"read 0 0 0 9 0 1 from {handle}") == b"! dx, dy and dt must all be greater than zero.* -1\r\n"
     assert refused(client, f"read 0 0 0 9 1 1 from {handle} to-local-file '/no/such/folder/a'") == [
         "! Error when opening a file or a module (errno 2)."]
     assert not (server.cwd / "a").exists()
