@@ -79,12 +79,6 @@ TEST(interpreter, a_line_may_run_itself_while_others_come_between) {
         EXPECT_EQ(reply("real " + std::to_string(other)), "* " + std::to_string(other) + "\n");
 }
 
-TEST(interpreter, bounds_lines_within_lines) {
-    set_string_variable(0, "self", "again %self", true);
-    const std::string replies = reply("again %self");
-    EXPECT_TRUE(replies.starts_with("! Commands nested deeper than 100 levels\n* -1\n")) << replies;
-}
-
 TEST(interpreter, stores_typed_results_and_marks_bare_values) {
     session_capture session;
     pt_set_root(root);

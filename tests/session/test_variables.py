@@ -89,13 +89,6 @@ def test_set_func_shows_the_command_s_output_and_errors(client):
     assert client.lines("%here") == ["* 2"]
 
 
-def test_set_func_in_itself_is_bounded(client):
-    client.cmd('set-string \'s\' "set-func \'v\' %s"')
-    lines = client.lines("set-func 'v' %s")
-    assert lines[-1] == "* -1" and any(line.startswith("! ") for line in lines)
-    assert client.lines("7") == ["* 7"]
-
-
 # ---------------------------------------------------------------- input
 
 @pytest.mark.parametrize("how, typed, shown", [
