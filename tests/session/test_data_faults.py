@@ -11,7 +11,7 @@ import kestrel_data
 import kestrel_session
 import numpy as np
 import pytest
-from kestrel_data import DataPort, Module, do, refused, result
+from kestrel_data import DataPort, do, refused, result
 from kestrel_session import wait_until
 
 

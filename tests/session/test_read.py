@@ -3,7 +3,6 @@ import re
 import subprocess
 
 import h5py
-import kestrel_data
 import numpy as np
 import pytest
 from kestrel_data import DataPort, Module, do, refused, result
