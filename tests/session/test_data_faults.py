@@ -11,7 +11,7 @@ import kestrel_data
 import kestrel_session
 import numpy as np
 import pytest
-from kestrel_data import DataPort, Module, do, refused, result
+from kestrel_data import DataPort, do, refused, result
 from kestrel_session import wait_until
 
 
@@ -106,6 +106,9 @@ def test_a_module_that_shrinks(client, names, still, size):
     handle = do(client, f"module open '{n}' header")
     do(client, f"module create '{target}' 100 100 header")
     os.truncate("/dev/shm/" + n, size)
+    if size > 360:
+        assert refused(client, f"module copy '{n}' '{target}'") == [
+            f"! ERROR: module '{n}' was cut short by another process"]
     for form in ("raw", "", "float"):
         assert refused(client, f"read 0 0 0 100 100 1 from {handle} {form} to-local-file 'out'")[-1] == "! Error during read"
     assert refused(client, f"clear {handle}")[-1] == "! Device clear failed."
