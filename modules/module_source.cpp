@@ -201,8 +201,8 @@ int module_open(int quals, int cn, const char *name) {
 // Closes any handle; a module path is given back by its destroy callback's work.
 int module_close(int, int cn, int handle) {
     const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry != nullptr && entry->source.destroy != module_destroy)
-        std::fprintf(stderr, bad_destroy_path, entry->path);
+    if (entry == nullptr || entry->source.destroy != module_destroy)
+        std::fprintf(stderr, bad_destroy_path, unif_handle2path(handle));
     return unified_close_and_destroy(cn, handle);
 }
 
