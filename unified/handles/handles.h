@@ -82,7 +82,8 @@ struct _unif_open_tbl {
     unified_details details = nullptr; // header details for the detector image form
 };
 
-// Takes the lowest free handle; -1 after a message when all are in use or the source is too large. A source without read ends the process.
+// Takes the lowest free handle; -1 after a message when all are in use or the source is too large. A source
+// without read ends the process.
 int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const char *description,
                  const unified_source &source);
 int unified_close(int handle); // without the source's destroy
