@@ -5,6 +5,7 @@
 #include "parser/variables.h"
 #include "server/output.h"
 #include "server/session.h"
+#include "server/wait.h"
 #include "support/fd.h"
 #include "support/file_io.h"
 
@@ -44,8 +45,8 @@ struct index_request {
 };
 
 int fault(const index_request &r, const std::string &path, const char *what) {
-    sv_print(r.cn,
-             "! ERROR: cannot " + std::string(what) + " '" + path + "': " + std::strerror(errno) + "\n");
+    const char *cause = errno == EINVAL ? "not a regular file" : std::strerror(errno);
+    sv_print(r.cn, "! ERROR: cannot " + std::string(what) + " '" + path + "': " + cause + "\n");
     return -1;
 }
 
@@ -54,7 +55,7 @@ int fault(const index_request &r, const std::string &path, const char *what) {
 // 0 with the number last given (-1 where none was), or -1 after a message.
 int read_index(const index_request &r, int &last) {
     const std::string path = r.folder + "/" + index_file;
-    const unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd fd = open_regular(path.c_str(), O_RDONLY);
     last = -1;
     if (!fd)
         return errno == ENOENT ? 0 : fault(r, path, "open index file");
@@ -75,7 +76,7 @@ int read_index(const index_request &r, int &last) {
 int write_index(const index_request &r, int number) {
     const std::string path = r.folder + "/" + index_file;
     const std::string aside = path + ".new";
-    unique_fd fd(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    unique_fd fd = open_regular(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     bool good = fd && write_all(fd.get(), std::to_string(number) + "\n") && ::fsync(fd.get()) == 0;
     good = good && ::close(fd.release()) == 0 && ::rename(aside.c_str(), path.c_str()) == 0;
     if (!good) {
@@ -112,10 +113,10 @@ int save_script(const index_request &r, int number) {
         return 0;
     }
     const std::string path = r.save_folder + "/" + std::to_string(number) + "_" + last_name(r.script);
-    const unique_fd from(::open(r.script.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd from = open_regular(r.script.c_str(), O_RDONLY);
     if (!from)
         return fault(r, r.script, "read script");
-    unique_fd to(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    unique_fd to = open_regular(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
     if (!to)
         return fault(r, path, "save script to");
     char block[65536];
@@ -149,7 +150,7 @@ int write_log(const index_request &r, const std::string &file) {
     std::string entry = local_time() + (r.append ? "  append to " : "  ") + file + "\n";
     for (const std::string &note : r.notes)
         entry += "    " + note + "\n";
-    const unique_fd fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    const unique_fd fd = open_regular(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
     return fd && write_all(fd.get(), entry) ? 0 : fault(r, path, "write log file");
 }
 
@@ -180,6 +181,28 @@ index_request index_asked(int quals, int cn, const char *folder, const char *com
     return r;
 }
 
+// Another server holds the lock for a few writes only; whoever holds it longer does not stop this one. 0, or
+// -1 after a message.
+int take_lock(const index_request &r, const std::string &path, int fd) {
+    constexpr double wait_s = 0.01;
+    for (int tries = 1000; tries > 0; --tries) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        if (::fcntl(fd, F_SETLK, &whole) == 0)
+            return 0;
+        const bool held = errno == EACCES || errno == EAGAIN;
+        if (!held)
+            return fault(r, path, "lock");
+        if (sv_sleep(r.cn, wait_s) != 0) {
+            errno = EINTR;
+            return fault(r, path, "lock");
+        }
+    }
+    errno = EBUSY;
+    return fault(r, path, "lock");
+}
+
 // With the lock held: the number, or -1 after a message.
 int draw(const index_request &r) {
     int number = 0;
@@ -202,16 +225,18 @@ int draw(const index_request &r) {
 } // namespace
 
 int file_get_next_index(int quals, int cn, const char *folder, const char *comment1, const char *comment2) {
+    if (pt_check_names(cn, ~0U) != 0)
+        return -1;
     const index_request r = index_asked(quals, cn, folder, comment1, comment2);
     if (r.suffix.find('/') != std::string::npos) {
         sv_printf(cn, "! ERROR: a file suffix cannot have a '/' in it\n");
         return -1;
     }
     const std::string lock_path = r.folder + "/" + index_lock;
-    const unique_fd lock(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    const unique_fd lock = open_regular(lock_path.c_str(), O_RDWR | O_CREAT, 0666);
     if (!lock)
         return fault(r, lock_path, "open lock file");
-    if (sv_signal(cn, lock.get(), 1) != 0)
+    if (take_lock(r, lock_path, lock.get()) != 0)
         return -1;
     const int number = draw(r);
     sv_release(cn, lock.get());

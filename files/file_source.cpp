@@ -189,14 +189,13 @@ constexpr unified_source image_source = {
 
 // ---- opening
 
-// A regular file; opening anything else could wait for ever.
-int open_regular(int cn, const std::string &name, unique_fd &fd, std::int64_t &size) {
-    fd.reset(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+int open_data(int cn, const std::string &name, unique_fd &fd, std::int64_t &size) {
+    fd = open_regular(name.c_str(), O_RDONLY);
     struct stat status {};
+    if (!fd && errno == EINVAL)
+        return fault(cn, name, "is not a regular file");
     if (!fd || ::fstat(fd.get(), &status) != 0)
         return fault(cn, name, std::strerror(errno));
-    if (!S_ISREG(status.st_mode))
-        return fault(cn, name, "is not a regular file");
     size = status.st_size;
     return 0;
 }
@@ -204,7 +203,7 @@ int open_regular(int cn, const std::string &name, unique_fd &fd, std::int64_t &s
 int open_ascii(int cn, data_file &file, bool id_row, int frames) {
     unique_fd fd;
     std::int64_t size = 0;
-    if (open_regular(cn, file.name, fd, size) != 0)
+    if (open_data(cn, file.name, fd, size) != 0)
         return -1;
     ascii_table table;
     std::string error;
@@ -242,7 +241,7 @@ int open_raw(int cn, data_file &file, unsigned quals) {
     if (file.nx < 1 || file.ny < 1 || file.nt < 1 || file.raw.skip < 0)
         return fault(cn, file.name, "sizes must be at least 1, and what is skipped at least 0");
     std::int64_t have = 0;
-    if (open_regular(cn, file.name, file.fd, have) != 0)
+    if (open_data(cn, file.name, file.fd, have) != 0)
         return -1;
     std::int64_t need = element_size(file.type);
     for (const int size : {file.nx, file.ny, file.nt})
@@ -258,7 +257,7 @@ int open_raw(int cn, data_file &file, unsigned quals) {
 
 int open_image(int cn, data_file &file) {
     std::int64_t size = 0;
-    if (open_regular(cn, file.name, file.fd, size) != 0)
+    if (open_data(cn, file.name, file.fd, size) != 0)
         return -1;
     file.tessera = std::make_unique<tessera_reader>();
     std::string error;
@@ -309,10 +308,8 @@ int file_open(int quals, int cn, const char *name) {
         return -1;
     file->handle = unified_open(cn, static_cast<int>(path), file->nx, file->ny, file->nt, file->type, name,
                                 source_of(*file));
-    if (file->handle < 0) {
-        sv_printf(cn, "! No free unified handle, please close some\n");
+    if (file->handle < 0)
         return -1;
-    }
     files[path] = std::move(file);
     return files[path]->handle;
 }

@@ -81,7 +81,8 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
     }
     out.mod_head = module_link::adopt(head);
     out.made = unwritten_module(to.name, head);
-    if (head && mod_look(cn, to.name, head, out.mod) == 0)
+    if (head && mod_look_made(cn, to.name, head, module_type_of(out.data_float).data_type,
+                              out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, out.mod) == 0)
         return 0;
     umaths_stop_output(out);
     return -1;
@@ -131,6 +132,8 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
         sv_printf(cn, "! Only support module mode output at the moment\n");
         return -1;
     }
+    if (pt_check_names(cn, ~0U) != 0)
+        return -1;
     if (to.start_x < 0 || to.start_y < 0 || to.start_t < 0) {
         sv_printf(cn, "! Start point of the result should be >= 0, not (%d, %d, %d)\n", to.start_x,
                   to.start_y, to.start_t);

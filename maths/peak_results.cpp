@@ -129,7 +129,7 @@ int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peak
         out.link = module_link::adopt(head);
         if (!head)
             return -1;
-        return mod_look(cn, name, head, out.mod);
+        return mod_look_made(cn, name, head, MOD_DOUBLE, nq, ns, frames, out.mod);
     }
     if (mod_look(cn, name, out.link.head(), out.mod) != 0)
         return -1;

@@ -1,6 +1,7 @@
 // Making, clearing and changing single modules.
 #include "instruments/links/imgd.h"
 #include "modules/commands.h"
+#include "modules/store/cut_guard.h"
 #include "modules/store/headed.h"
 #include "parser/call.h"
 #include "parser/variables.h"
@@ -8,6 +9,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <optional>
 
 namespace kestrel {
 
@@ -69,6 +71,10 @@ int module_clear(int, int cn, const char *name) {
 
 namespace {
 
+void unknown_type(int cn, const char *name, int type) {
+    sv_printf(cn, "! ERROR: Unknow data type %d in module '%s'\n", type, name);
+}
+
 // Element (x, y, t) of the module, linked into `link`, or null after a message.
 std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &link, module_view &view) {
     link = module_link(name);
@@ -76,9 +82,9 @@ std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &
         sv_printf(cn, cannot_link, name);
         return nullptr;
     }
-    const int type = mod_data_type(link.head());
-    if (type != MOD_U_INT32 && type != MOD_FLOAT && type != MOD_DOUBLE) {
-        sv_printf(cn, "! ERROR: Unknow data type %d in module '%s'\n", type, name);
+    const std::optional<int> type = mod_data_type(link.head());
+    if (type && kestrel_module_element_size(*type) == 0) {
+        unknown_type(cn, name, *type);
         return nullptr;
     }
     if (mod_look(cn, name, link.head(), view) != 0)
@@ -90,6 +96,10 @@ std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &
     }
     if (!view.is_3d && !view.holds(x, y, 0)) {
         sv_printf(cn, "! Offsets (%d, %d) lie outside module size  (%d, %d)\n", x, y, view.num_x, view.num_y);
+        return nullptr;
+    }
+    if (view.data_type != MOD_U_INT32 && view.data_type != MOD_FLOAT && view.data_type != MOD_DOUBLE) {
+        unknown_type(cn, name, view.data_type);
         return nullptr;
     }
     return view.at(x, y, view.is_3d ? t : 0);
@@ -116,10 +126,14 @@ int module_get_point(int quals, int cn, const char *name, int x, int y, const ch
     const std::byte *point = point_of(cn, name, x, y, t, link, view);
     if (point == nullptr)
         return -1;
-    if (view.data_type != MOD_U_INT32)
-        return set_double_variable(cn, variable, mod_get_element(point, view.data_type), !local);
+    const int cuts = cut_guard_count();
+    const double value = mod_get_element(point, view.data_type);
     int count;
     std::memcpy(&count, point, sizeof count);
+    if (cut_guard_count() != cuts)
+        return -1; // the line comes with the command's end
+    if (view.data_type != MOD_U_INT32)
+        return set_double_variable(cn, variable, value, !local);
     return set_int_variable(cn, variable, count, !local);
 }
 
@@ -139,9 +153,10 @@ int module_resize(int, int cn, const char *name, int num_x, int num_y, int num_t
         sv_printf(cn, " ERROR: Cannot link to module '%s'\n", name);
         return -1;
     }
-    if (app_mod_resize(cn, link.head(), num_x, num_y, num_t) != 0)
-        return -1;
     module_view view;
+    if (mod_look(cn, name, link.head(), view) != 0 ||
+        app_mod_resize(cn, link.head(), num_x, num_y, num_t) != 0)
+        return -1;
     if (mod_look(link.head(), view) == nullptr)
         links::imgd_module_shape(cn, name, view.num_x, view.num_y, view.num_t);
     return 0;

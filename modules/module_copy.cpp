@@ -1,9 +1,11 @@
 // Copying, adding, scaling and transposing boxes of modules.
 #include "modules/commands.h"
+#include "modules/store/cut_guard.h"
 #include "modules/store/headed.h"
 #include "parser/call.h"
 #include "server/output.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -169,12 +171,14 @@ std::vector<std::string> labels_after(const copy_request &r, void *source, void 
     bool any = false;
     for (int t = 0; t < r.num.t && !any; ++t)
         any = !id_get_label(source, r.src.t + t).empty();
-    const long long frames = static_cast<long long>(r.dst.t) + r.num.t;
+    const long long copied_end = static_cast<long long>(r.dst.t) + r.num.t;
+    const long long frames =
+        existing == nullptr ? copied_end : std::max<long long>(copied_end, id_labels_num(existing));
     std::vector<std::string> labels;
-    for (int t = 0; any && t < std::min<long long>(frames, labelled_frames_max); ++t)
-        labels.push_back(t >= r.dst.t          ? id_get_label(source, r.src.t + t - r.dst.t)
-                         : existing != nullptr ? id_get_label(existing, t)
-                                               : std::string());
+    for (int t = 0; any && t < std::min(frames, labelled_frames_max); ++t)
+        labels.push_back(t >= r.dst.t && t < copied_end ? id_get_label(source, r.src.t + t - r.dst.t)
+                         : existing != nullptr          ? id_get_label(existing, t)
+                                                        : std::string());
     return labels;
 }
 
@@ -307,13 +311,19 @@ int module_copy(int quals, int cn, const char *from, const char *to) {
     const auto labels = labels_after(r, source.head(), target.head());
     if (!existing)
         target = make_target(r, s, labels);
-    if (!target || mod_look(cn, to, target.head(), d) != 0)
+    unwritten_module made(to, existing ? nullptr : target.head());
+    if (!target ||
+        (!existing && mod_look_made(cn, to, target.head(), s.data_type, r.max.x, r.max.y, r.max.t, d) != 0))
         return -1;
-    if (existing && !labels.empty() && !mod_set_labels(target.head(), labels))
+    if (!labels.empty() && !(existing ? mod_set_labels(target.head(), labels) : d.is_3d))
         sv_printf(cn,
                   "# Warning: New module does not have sapce for labels, continuing without row labels\n");
     announce(r, s);
+    const int cuts = cut_guard_count();
     copy_frames(r, s, d);
+    if (cut_guard_count() != cuts)
+        return -1; // the line comes with the command's end
+    made.keep();
     module_announce(cn, to);
     return 0;
 }

@@ -116,13 +116,18 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
     }
     const int first = r.skip_first ? 1 : 0;
     const int rows = ny - first;
-    const int made = module_nt > 1
-                         ? mkmod_head3d(cn, name.c_str(), nx, ny, module_nt, "X", "Y", "T", r.data_float)
-                         : mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float);
-    if (made != 0)
+    void *head = nullptr;
+    if (module_nt > 1)
+        app_mkmod3d(cn, name.c_str(), nx, ny, module_nt, "X", "Y", "T", nullptr, r.data_float, &head);
+    else
+        app_mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float, &head);
+    const module_link held = module_link::adopt(head);
+    unwritten_module made(name.c_str(), head);
+    if (!held || run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows,
+                                   nt, file.get(), quoted(name).c_str(), read_words[r.data_float])) != 0)
         return -1;
-    return run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows, nt,
-                             file.get(), quoted(name).c_str(), read_words[r.data_float]));
+    made.keep();
+    return 0;
 }
 
 } // namespace
@@ -229,7 +234,7 @@ int take_indexed_name(int cn, save_request &r) {
         sv_print(cn, "! ERROR getting sequence number using command '" + command + "'\n");
         return -1;
     }
-    const Variable *variable = get_variable("module_save_fname");
+    const Variable *variable = get_global_variable("module_save_fname");
     if (variable == nullptr || variable->type != vt_string) {
         sv_printf(cn, "! ERROR : Somehow did not create file name variable\n");
         return -1;
@@ -245,6 +250,9 @@ int module_save(int quals, int cn, const char *name, const char *file) {
         sv_printf(cn, "! OS9 module save not supported on Linux\n");
         return -1;
     }
+    const unsigned names = 1U << q_next_file | 1U << q_current_file | 1U << q_save_script;
+    if (pt_check_names(cn, names) != 0)
+        return -1;
     save_request request = save_asked(quals, name, file);
     const std::string module = name;
     if (check_quotes(cn, {module, request.file}) != 0 || check_index_texts(quals, cn) != 0)

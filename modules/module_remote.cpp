@@ -89,13 +89,17 @@ int fetch(int cn, int link, int handle, const char *local) {
         return -1;
     }
     const module_link held = module_link::adopt(head);
+    unwritten_module made(local, head);
     module_view view;
     if (mod_look(held.head(), view) != nullptr || view.num_x != nx || view.num_y != ny ||
         view.element_size != kind->size) {
         sv_printf(cn, "! Cannot link to data module, but I don't know why!\n");
         return -1;
     }
-    return fetch_data(cn, link, handle, nx, ny, *kind, view.data());
+    if (fetch_data(cn, link, handle, nx, ny, *kind, view.data()) != 0)
+        return -1;
+    made.keep();
+    return 0;
 }
 
 int close_remote(int cn, int link, int handle) {

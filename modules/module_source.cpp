@@ -181,8 +181,9 @@ int module_open(int quals, int cn, const char *name) {
     }
     module_link link = module_link::adopt(head);
     module_view view;
-    if (unified_type(mod_data_type(head)) == el_none) {
-        sv_printf(cn, "# Cannot handle module data type %d\n", mod_data_type(head));
+    const std::optional<int> stored = mod_data_type(head);
+    if (stored && unified_type(*stored) == el_none) {
+        sv_printf(cn, "# Cannot handle module data type %d\n", *stored);
         return -1;
     }
     if (check_kind(cn, name, head) != 0 || mod_look(cn, name, head, view) != 0)
@@ -190,10 +191,8 @@ int module_open(int quals, int cn, const char *name) {
     const int type = unified_type(view.data_type);
     const int handle = unified_open(cn, path, view.num_x, view.num_y, view.num_t, type,
                                     mod_title(head).c_str(), view.is_3d ? source_3d : source_2d);
-    if (handle < 0) {
-        sv_printf(cn, "! No free unified handle, please close some\n");
+    if (handle < 0)
         return -1;
-    }
     unified_set_mmapped(cn, handle, view.data());
     mod_ptrs[static_cast<std::size_t>(path)] = {link.release(), record, view.data_type};
     return handle;
@@ -202,8 +201,8 @@ int module_open(int quals, int cn, const char *name) {
 // Closes any handle; a module path is given back by its destroy callback's work.
 int module_close(int, int cn, int handle) {
     const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry != nullptr && entry->source.destroy != module_destroy)
-        std::fprintf(stderr, bad_destroy_path, entry->path);
+    if (entry == nullptr || entry->source.destroy != module_destroy)
+        std::fprintf(stderr, bad_destroy_path, unif_handle2path(handle));
     return unified_close_and_destroy(cn, handle);
 }
 

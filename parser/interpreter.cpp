@@ -20,6 +20,7 @@
 namespace kestrel {
 
 _qualtype Qualifier[32];
+unsigned QualifiersCut = 0;
 int TotalArgumentCount = 0;
 int OptionalArgumentCount = 0;
 char ArgumentType[call_arguments_max];
@@ -239,7 +240,8 @@ int take_arguments(line_state &state, const PARSE_TREE &command, const _pt_args 
     return 0;
 }
 
-int take_qualifier_value(line_state &state, char type, _qualtype &out) {
+int take_qualifier_value(line_state &state, char type, int number) {
+    _qualtype &out = Qualifier[number];
     state.scan();
     const token &t = state.next;
     if (t.kind == token_kind::undefined_variable)
@@ -252,6 +254,8 @@ int take_qualifier_value(line_state &state, char type, _qualtype &out) {
         const std::size_t length = std::min(t.ScannedString.size(), qualifier_string_max - 1);
         std::memcpy(out.StringArg, t.ScannedString.data(), length);
         out.StringArg[length] = '\0';
+        if (length < t.ScannedString.size())
+            QualifiersCut |= 1U << number;
     } else {
         locate(state.cn, t.ScannerInputPosn);
         sv_printf(state.cn, "! This qualifier takes an argument of type '%%%c'\n", type);
@@ -268,6 +272,7 @@ int find_qualifier(const _pt_args &args, std::string_view word) {
 }
 
 int take_qualifiers(line_state &state, const PARSE_TREE &command, const _pt_args &args) {
+    QualifiersCut = 0;
     for (;;) {
         state.scan();
         switch (state.next.kind) {
@@ -292,7 +297,7 @@ int take_qualifiers(line_state &state, const PARSE_TREE &command, const _pt_args
         }
         state.quals |= static_cast<int>(1U << i);
         const char type = args.qtype[static_cast<std::size_t>(i)];
-        if (type && take_qualifier_value(state, type, Qualifier[i]) != 0)
+        if (type && take_qualifier_value(state, type, i) != 0)
             return -1;
     }
 }
@@ -434,6 +439,14 @@ int service(int cn, scanned_line *scanned, const char *typed, const delivery &to
 }
 
 } // namespace
+
+int pt_check_names(int cn, unsigned qualifiers) {
+    if ((QualifiersCut & qualifiers) == 0)
+        return 0;
+    sv_printf(cn, "! ERROR: a name can have %d characters here at most\n",
+              static_cast<int>(qualifier_string_max) - 1);
+    return -1;
+}
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {

@@ -81,6 +81,10 @@ Variable *get_variable(std::string_view name) {
     return globals.find(name);
 }
 
+Variable *get_global_variable(std::string_view name) {
+    return globals.find(name);
+}
+
 Variable *make_variable(int cn, std::string_view name, bool global) {
     try {
         return (global ? globals : variables[current]).make(name);

@@ -21,6 +21,9 @@ struct Variable {
 // until its scope ends.
 Variable *get_variable(std::string_view name);
 
+// The same among the globals only.
+Variable *get_global_variable(std::string_view name);
+
 // The variable of that name in the chosen scope, made if missing; null after
 // "! Cannot malloc space for Variable".
 Variable *make_variable(int cn, std::string_view name, bool global);

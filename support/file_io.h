@@ -2,12 +2,28 @@
 // time.
 #pragma once
 
+#include "support/fd.h"
+
 #include <cerrno>
 #include <cstddef>
+#include <fcntl.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace kestrel {
+
+// Opens a regular file, closed in child processes; anything else (a pipe could be waited at for ever) is
+// refused with errno EINVAL.
+inline unique_fd open_regular(const char *name, int flags, mode_t mode = 0) {
+    unique_fd fd(::open(name, flags | O_CLOEXEC | O_NONBLOCK, mode));
+    struct stat status {};
+    if (fd && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        fd.reset();
+        errno = EINVAL;
+    }
+    return fd;
+}
 
 // read() that goes on after an interrupt: the count, 0 at the end, -1 with errno.
 inline ssize_t read_some(int fd, void *bytes, std::size_t size) {

@@ -278,6 +278,13 @@ std::string title_of(hid_t file) {
 } // namespace
 
 bool tessera_reader::take_dataset(std::string &error) {
+    // Data in other files: any file of the machine, a pipe to wait at, or a missing one that would read as
+    // zeros.
+    const auto made = own<H5Pclose>(H5Dget_create_plist(data_.get()));
+    if (H5Pget_external_count(made.get()) != 0 || H5Pget_layout(made.get()) == H5D_VIRTUAL) {
+        error = "dataset " + dataset_ + " keeps its data in other files";
+        return false;
+    }
     const auto space = own<H5Sclose>(H5Dget_space(data_.get()));
     const auto type = own<H5Tclose>(H5Dget_type(data_.get()));
     rank_ = H5Sget_simple_extent_ndims(space.get());

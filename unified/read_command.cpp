@@ -115,6 +115,8 @@ int check_forms(int cn, const asked &a) {
 }
 
 int check_destination(int cn, const asked &a, bool swap) {
+    if (pt_check_names(cn, ~0U) != 0)
+        return -1;
     if (!destinations_agree(a))
         return refuse(cn, "Incorrect combination of output qualifiers.");
     if (a.has(q_preserve_socket) && a.any(destination_bits)) {

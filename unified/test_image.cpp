@@ -199,8 +199,6 @@ int test_open(int quals, int cn, int nx, int ny, int nt) {
                                             "Image of Made-up Test Data", test_source);
             if (handle >= 0)
                 image = {true, handle, row.type, nx, ny, row.shape, image_state::fresh, {}, 0.0};
-            else
-                sv_printf(cn, "! No free unified handle, please close some\n");
             return handle;
         }
         sv_printf(cn, "! ERROR, run out of test images\n");

@@ -132,10 +132,8 @@ int open_local(int cn, int link, int handle, const std::string &command) {
     *source = {true, link, handle, client_generation(link), cn, static_cast<std::size_t>(element_size(type))};
     const std::string description = std::string(clientconfig[link].name) + ": " + command;
     const int local = unified_open(cn, path, nx, ny, nt, type, description.c_str(), callbacks);
-    if (local < 0) {
+    if (local < 0)
         source->used = false;
-        sv_printf(cn, "! All %d unified handles are open\n", unified_max_handles);
-    }
     return local;
 }
 

@@ -2,6 +2,7 @@
 
 #include "server/output.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -58,10 +59,21 @@ int mod_look(int cn, const char *name, void *head, module_view &view) {
     return -1;
 }
 
-int mod_data_type(const void *head) {
+int mod_look_made(int cn, const char *name, void *head, int data_type, int x, int y, int t,
+                  module_view &view) {
+    if (mod_look(cn, name, head, view) != 0)
+        return -1;
+    if (view.data_type == data_type && view.holds(x - 1, y - 1, t - 1))
+        return 0;
+    sv_printf(cn, "! ERROR: module '%s' was changed by another process\n", name);
+    return -1;
+}
+
+std::optional<int> mod_data_type(const void *head) {
+    if (datamod_mod_size(head) < static_cast<off_t>(sizeof(mod_header)) || !datamod_is_whole(head))
+        return std::nullopt;
     std::int32_t type = 0;
-    if (datamod_mod_size(head) >= static_cast<off_t>(sizeof(mod_header)) && datamod_is_whole(head))
-        std::memcpy(&type, head, sizeof type);
+    std::memcpy(&type, head, sizeof type);
     return type;
 }
 
@@ -82,6 +94,16 @@ void *id_get_ptr(void *head, int x, int y, int t) {
         row += static_cast<std::ptrdiff_t>(t) * copy.num_y;
     }
     return static_cast<std::byte *>(head) + offset + (row * copy.num_x + x) * size;
+}
+
+int id_labels_num(void *head) {
+    module_view view;
+    if (mod_look(head, view) != nullptr || !view.is_3d)
+        return 0;
+    std::int32_t num = 0;
+    std::memcpy(&num, view.head + offsetof(mod_header3d, labels_num), sizeof num);
+    const std::size_t room = (view.data_offset - sizeof(mod_header3d)) / sizeof(std::int32_t);
+    return static_cast<int>(std::min<std::size_t>(room, static_cast<std::size_t>(std::max(num, 0))));
 }
 
 std::string id_get_label(void *head, int i) {
@@ -165,7 +187,10 @@ std::string mod_title(void *head) {
     char title[MOD_LABEL_SIZE];
     std::memcpy(title, view.head + (view.is_3d ? offsetof(mod_header3d, title) : offsetof(mod_header, title)),
                 sizeof title);
-    return {title, ::strnlen(title, sizeof title)};
+    std::string shown(title, ::strnlen(title, sizeof title));
+    std::replace_if(
+        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return shown;
 }
 
 } // namespace kestrel

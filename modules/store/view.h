@@ -6,6 +6,7 @@
 #include "modules/store/store.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace kestrel {
@@ -52,12 +53,21 @@ const char *mod_look(void *head, module_view &view);
 // The same; prints "! ERROR: module '%s' %s" to the session and returns -1 when it cannot be used.
 int mod_look(int cn, const char *name, void *head, module_view &view);
 
-// The element type in the header, whatever it is; 0 where there is no header.
-int mod_data_type(const void *head);
+// The same for a module that this command has just made, of `data_type` and (x, y, t) elements: it must still
+// be one that holds them.
+int mod_look_made(int cn, const char *name, void *head, int data_type, int x, int y, int t,
+                  module_view &view);
+
+// The element type in the header, whatever it is; nothing where there is no header or no longer all of the
+// module.
+std::optional<int> mod_data_type(const void *head);
 
 // Element (x, y, t) as the header stands, without any check; null after a message on standard output for an
 // unknown data type.
 void *id_get_ptr(void *head, int x, int y, int t);
+
+// How many labels the header of a 3-D module tells of, and the table has room for.
+int id_labels_num(void *head);
 
 // Label of a frame; empty for a 2-D module, for an i that has none, and for one outside the label table.
 std::string id_get_label(void *head, int i);
@@ -67,7 +77,8 @@ std::string id_get_label(void *head, int i);
 double mod_get_element(const std::byte *at, int data_type);
 void mod_put_element(std::byte *at, int data_type, double value);
 
-// The title, bounded: it may be without its end.
+// The title, bounded: it may be without its end. Others may have written it: control characters, which would
+// make lines of their own in a reply, are shown as "?".
 std::string mod_title(void *head);
 
 } // namespace kestrel

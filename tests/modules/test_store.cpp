@@ -1,21 +1,16 @@
 // The module store: what is made and found again, what other processes may do to it, and that nothing leaks.
 #include "modules/store/headed.h"
-#include "support/fd.h"
 #include "tests/helpers/session_capture.h"
 
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <cmath>
 #include <cstring>
 #include <deque>
-#include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -174,33 +169,6 @@ TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {
     EXPECT_EQ(second, 500U);
 }
 
-TEST_F(store, finding_goes_by_exact_least_and_any_sizes_and_changes_nothing) {
-    const char *n = name("find");
-    ASSERT_EQ(mkmod_head(cn, n, 10, 4, "energy", nullptr, 0), 0);
-    session_.replies();
-    const struct {
-        int x, y, data_float;
-        const char *reply;
-    } cases[] = {
-        {10, 4, 0, "# Warning: module \"%s\" already exists\n"},
-        {0, 0, 0, "# Warning: module \"%s\" already exists\n"},
-        {-10, -1, 0, "# Warning: module \"%s\" already exists\n"},
-        {-11, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-11, 0)\n"},
-        {9, 4, 0, "! Error, module '%s' exists but is wrong size (10,4) not (9, 4)\n"},
-        {10, 4, 2, "! Error, module '%s' exists but is wrong data type 1 not 4\n"},
-        {INT_MIN, 0, 0, "! Error, module '%s' exists but is wrong size (10,4) not (-2147483648, 0)\n"},
-    };
-    for (const auto &c : cases) {
-        char reply[200];
-        std::snprintf(reply, sizeof reply, c.reply, n);
-        mkmod_head(cn, n, c.x, c.y, "other", nullptr, c.data_float);
-        EXPECT_EQ(session_.replies(), reply);
-    }
-    EXPECT_EQ(mkmod_head3d(cn, n, 10, 4, 1, nullptr, nullptr, nullptr, 0), -1);
-    EXPECT_EQ(session_.replies(),
-              "! ERROR: Module '" + std::string(n) + "' exists but is not a 3D module, cannot change type\n");
-}
-
 TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
     const char *n = name("lies");
     void *head = nullptr;
@@ -234,46 +202,6 @@ TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
     EXPECT_EQ(mod_look(head, view), nullptr);
 }
 
-TEST_F(store, an_object_cut_short_by_another_process_is_noticed) {
-    const char *n = name("cut");
-    void *head = nullptr;
-    ASSERT_NE(app_mkmod_head(cn, n, 100, 100, nullptr, nullptr, 0, &head), nullptr);
-    const module_link link = module_link::adopt(head);
-    if (::fork() == 0) {
-        const unique_fd fd(::shm_open(("/" + std::string(n)).c_str(), O_RDWR, 0));
-        ::_exit(::ftruncate(fd.get(), 400) == 0 ? 0 : 1);
-    }
-    int status = 1;
-    ::wait(&status);
-    ASSERT_EQ(status, 0);
-    EXPECT_EQ(mod_look(cn, n, head, *std::make_unique<module_view>()), -1);
-    EXPECT_EQ(session_.replies(),
-              "! ERROR: module '" + std::string(n) + "' was cut short by another process\n");
-    EXPECT_EQ(app_mod_resize(cn, head, 1, 1, 1), -1);
-}
-
-TEST_F(store, resizing_goes_to_the_capacity_and_back_and_keeps_the_data) {
-    const char *n = name("resize");
-    void *head = nullptr;
-    ASSERT_NE(app_mkmod_head(cn, n, 6, 2, nullptr, nullptr, 0, &head), nullptr);
-    const module_link link = module_link::adopt(head);
-    module_view view;
-    ASSERT_EQ(mod_look(head, view), nullptr);
-    mod_put_element(view.at(5, 1, 0), MOD_U_INT32, 77);
-    EXPECT_EQ(app_mod_resize(cn, head, 3, 3, 0), 0);
-    EXPECT_EQ(app_mod_resize(cn, head, 13, 1, 1), -1);
-    EXPECT_EQ(app_mod_resize(cn, head, 3, 2, 2), -1);
-    EXPECT_EQ(app_mod_resize(cn, head, -1, 2, 1), -1);
-    EXPECT_EQ(app_mod_resize(cn, head, 12, 1, 1), 0);
-    EXPECT_EQ(mod_look(head, view), nullptr);
-    EXPECT_EQ(mod_get_element(view.at(11, 0, 0), MOD_U_INT32), 77);
-    EXPECT_EQ(session_.replies(), "ERROR: Data module '" + std::string(n) +
-                                      "' size (3, 3) size 408 too small to resize to (13, 1) requires 412\n"
-                                      "! ERROR: Cannot resize a 2-d data module to 3-d (num_t > 1)\n"
-                                      "! ERROR: Data module '" +
-                                      std::string(n) + "' cannot have the size (-1, 2, 1)\n");
-}
-
 TEST_F(store, threads_may_make_link_and_unlink_at_once) {
     const char *shared[] = {name("t0"), name("t1"), name("t2")};
     std::atomic<int> made{0};
@@ -295,15 +223,4 @@ TEST_F(store, threads_may_make_link_and_unlink_at_once) {
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(made, 3);
-}
-
-TEST_F(store, points_are_cut_toward_zero_and_keep_their_low_32_bits) {
-    const std::pair<double, std::uint32_t> cases[] = {
-        {2.9, 2},        {-1.5, 0xFFFFFFFF},  {4294967296.0 + 5, 5},
-        {0.99999999, 0}, {1e300, 0xFFFFFFFF}, {std::nan(""), 0}};
-    for (const auto &[value, stored] : cases) {
-        std::uint32_t element = 1;
-        mod_put_element(reinterpret_cast<std::byte *>(&element), MOD_U_INT32, value);
-        EXPECT_EQ(element, stored) << value;
-    }
 }

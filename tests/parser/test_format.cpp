@@ -27,30 +27,6 @@ pt_string any_value(int, int, const pt_value &) {
 
 } // namespace
 
-TEST(format, compiles_sections) {
-    const auto args = compile("%s %d +%g%f %v local depth %d name %s = %q");
-    ASSERT_TRUE(args);
-    EXPECT_EQ(args->type, "sdgfv");
-    EXPECT_EQ(args->nr_args, 5);
-    EXPECT_EQ(args->opt_start, 2);
-    EXPECT_EQ(args->nr_strings, 1);
-    EXPECT_EQ(args->name, (std::vector<std::string>{"local", "depth", "name"}));
-    EXPECT_EQ(args->qtype, std::string("\0ds", 3));
-    EXPECT_EQ(args->return_type, 'q');
-}
-
-TEST(format, without_plus_nothing_is_optional_and_without_equals_nothing_is_returned) {
-    const auto args = compile("on off");
-    ASSERT_TRUE(args);
-    EXPECT_EQ(args->opt_start, 0);
-    EXPECT_EQ(args->nr_args, 0);
-    EXPECT_EQ(args->nr_quals, 2);
-    EXPECT_EQ(args->return_type, 0);
-    EXPECT_EQ(compile("%d %d = %d")->opt_start, 2);
-    EXPECT_TRUE(compile("")) << "a command may take nothing";
-    EXPECT_EQ(compile(" + %s = %d ")->opt_start, 0);
-}
-
 TEST(format, names_the_place_of_a_fault) {
     const std::pair<const char *, std::size_t> cases[] = {
         {"%d + %d + %d", 8}, // a second plus

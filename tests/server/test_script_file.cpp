@@ -42,20 +42,6 @@ std::vector<std::string> rest(script_file &file, std::size_t max = 1024) {
     return lines;
 }
 
-TEST_F(script, gives_lines_with_every_line_end) {
-    write("one\ntwo\r\n\n  \r\nlast");
-    script_file file = open();
-    EXPECT_EQ(rest(file), (std::vector<std::string>{"one", "two", "", "  ", "last"}));
-    EXPECT_EQ(next(file), std::nullopt);
-}
-
-TEST_F(script, cuts_long_lines_and_loses_nothing) {
-    write(std::string(10, 'a') + "\n" + std::string(25, 'b') + "\nc\n");
-    script_file file = open();
-    EXPECT_EQ(rest(file, 10), (std::vector<std::string>{std::string(10, 'a'), std::string(10, 'b'),
-                                                        std::string(10, 'b'), "bbbbb", "c"}));
-}
-
 TEST_F(script, crosses_its_blocks) {
     std::string text;
     std::vector<std::string> expected;
@@ -68,23 +54,6 @@ TEST_F(script, crosses_its_blocks) {
     EXPECT_EQ(rest(file), expected);
     ASSERT_TRUE(file.seek(0));
     EXPECT_EQ(next(file), "line 0");
-}
-
-TEST_F(script, seeks_to_where_a_line_began) {
-    write("head\nbody\nnext\nend\n");
-    script_file file = open();
-    next(file);
-    const off_t body = file.tell();
-    for (int pass = 0; pass < 3; ++pass) {
-        EXPECT_EQ(next(file), "body");
-        EXPECT_EQ(next(file), "next");
-        ASSERT_TRUE(file.seek(body));
-    }
-    EXPECT_FALSE(file.seek(-1));
-    ASSERT_TRUE(file.seek(1000));
-    EXPECT_EQ(next(file), std::nullopt);
-    ASSERT_TRUE(file.seek(body));
-    EXPECT_EQ(next(file), "body");
 }
 
 TEST_F(script, is_read_anew_when_it_changes_under_a_loop) {
@@ -138,13 +107,6 @@ TEST_F(script, can_be_a_pipe_that_cannot_seek) {
     EXPECT_EQ(rest(file), (std::vector<std::string>{"one", "two", "three"}));
     EXPECT_FALSE(file.seek(0));
     writer.join();
-}
-
-TEST_F(script, of_a_directory_or_of_nothing_is_empty) {
-    script_file directory{unique_fd(::open("/", O_RDONLY))};
-    EXPECT_EQ(next(directory), std::nullopt);
-    script_file nothing{unique_fd()};
-    EXPECT_EQ(next(nothing), std::nullopt);
 }
 
 } // namespace

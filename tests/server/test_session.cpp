@@ -95,16 +95,6 @@ TEST_F(session, cuts_long_formatted_texts_and_keeps_their_line_end) {
                            text + "\r\n");
 }
 
-TEST_F(session, takes_the_three_radixes_only) {
-    for (const int radix : {16, 8, 0, -1, 36})
-        sv_set_radix(cn, radix);
-    EXPECT_EQ(sv_get_radix(cn), 16);
-    sv_set_radix(-1, 2);
-    sv_set_radix(sv_max_clients, 2);
-    sv_set_radix(cn + 1, 2); // a free slot
-    EXPECT_EQ(sv_get_radix(cn + 1), 10);
-}
-
 TEST_F(session, shows_progress_at_once) {
     sv_timebar(cn, 3, 10, nullptr);
     sv_timebar(cn, 4, 10, "scan");
@@ -199,26 +189,6 @@ TEST_F(session, survives_a_peer_that_vanished) {
     EXPECT_EQ(sv_wait_retry(cn), -1);
 }
 
-TEST_F(session, reads_lines_with_the_pairing_of_the_loop) {
-    client[cn].inp_state = input_state::PrevCR; // the command itself ended in CR
-    type("\none\r\ntwo\n\rthree\n");
-    EXPECT_EQ(line(), "one");
-    EXPECT_EQ(line(4), "two");
-    EXPECT_EQ(line(4), "thr");
-}
-
-TEST_F(session, sends_what_is_known_before_it_waits_for_a_line) {
-    sv_printf(cn, "value? ");
-    std::thread user([&] {
-        pollfd p{peer_.get(), POLLIN, 0};
-        EXPECT_EQ(::poll(&p, 1, 5000), 1);
-        type("7\n");
-    });
-    EXPECT_EQ(line(), "7");
-    user.join();
-    EXPECT_EQ(heard(), "value? ");
-}
-
 TEST_F(session, ends_with_its_input) {
     type("unfinished");
     ::shutdown(peer_.get(), SHUT_WR);
@@ -260,27 +230,6 @@ TEST_F(session, measures_the_terminal_among_typed_bytes) {
     EXPECT_EQ(heard(), "\x1b[6n\x1b[999C\x1b[6n\x1b[132D");
     sv_set_echo(cn, 0);
     EXPECT_EQ(line(), "ahead and behind");
-}
-
-TEST_F(session, runs_shell_commands) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"echo one", "# one\r\n"},
-        {"printf 'a\\n\\nb'", "# a\r\n# \r\n# b\r\n"},
-        {"true", ""},
-        {"seq -s ' ' 300 | head -c 1000", nullptr},
-    };
-    for (const auto &[command, output] : cases) {
-        EXPECT_EQ(sv_fork_command(cn, command), 0);
-        sv_flush(cn);
-        const std::string text = heard();
-        if (output)
-            EXPECT_EQ(text, output);
-        else
-            EXPECT_EQ(text.size(), 1000U + 4U);
-    }
-    EXPECT_EQ(sv_fork_command(cn, "exit 3"), 3);
-    EXPECT_EQ(sv_fork_command(cn, "echo gone >&2; kill -TERM $$"), 128 + SIGTERM);
-    EXPECT_NE(::access(".fork_temp", F_OK), 0);
 }
 
 TEST_F(session, has_no_data_channel_before_a_port_is_set) {

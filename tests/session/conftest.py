@@ -2,6 +2,7 @@
 import os
 import subprocess
 
+import kestrel_data
 import kestrel_session
 import pytest
 
@@ -71,3 +72,16 @@ def small_disk(tmp_path):
         pytest.skip("cannot mount a small file system here")
     yield folder
     subprocess.run(["umount", "-l", folder], check=True)
+
+
+@pytest.fixture
+def still(server, client):
+    """After the test the server holds no more descriptors and mappings than before it, and answers."""
+    kestrel_data.do(client, "test open 2 2 1 byte")  # libraries keep what they open once
+    kestrel_data.do(client, "read 0 0 0 2 2 1 from 0 to-local-file 'warm' det")
+    kestrel_data.do(client, "close-all")
+    before = kestrel_data.held(server)
+    yield
+    kestrel_data.do(client, "close-all")
+    assert client.lines("1+1") == ["* 2"]
+    kestrel_session.wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 5)

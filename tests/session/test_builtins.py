@@ -85,6 +85,7 @@ def test_listings(server, client):
 
 @pytest.mark.parametrize("command, reply", [
     ("echo hi", ["# hi", "* 0"]), ("true", ["* 0"]), ("false", ["* 1"]), ('sh -c "exit 3"', ["* 3"]),
+    ("kill -TERM $$", ["* 143"]),
     ('sh -c "echo out; echo err 1>&2"', ["# out", "# err", "* 0"]), ('printf "a\\n\\nb\\n"', ["# a", "# ", "# b", "* 0"]),
     ("seq 500", [f"# {n}" for n in range(1, 501)] + ["* 0"]),
     ('head -c 2000 /dev/zero | tr "\\0" x', None), ("printf a", None), ("no-such-program", None),
@@ -113,6 +114,7 @@ def test_system_leaves_no_file_behind(server, client):
     ("'%x %X %o %u %i %c' 255 255 8 7 9 65", ['* "ff FF 10 7 9 A"']), ("'%e' 12345.678", ['* "1.234568e+04"']),
     ("'%g' 3", ['* "3"']), ("'%d' 3.9", ['* "3"']), ("'%+d % d' 5 5", ['* "+5  5"']), ("'%#x' 255", ['* "0xff"']),
     ("'[%s] [%5s] [%-5s] [%.2s]' 'a' 'b' 'c' 'defg'", ['* "[a] [    b] [c    ] [de]"']),
+    ("'%s|%.1s' 'ab' 'ab'", ['* "ab|a"']), ("'%d %ld' 7 8 9", ['* "7 8"']),  # a value more than it takes
     ("'%d' 1<<31", ['* "-2147483648"']), (r"'a\n%d' 1", [r'* "a\n1"']), ("'%f' 1.0/0", ['* "inf"']),
 ])
 def test_printf(shared, arguments, reply):
@@ -120,7 +122,8 @@ def test_printf(shared, arguments, reply):
 
 
 @pytest.mark.parametrize("arguments", ["'%s' 5", "'%d' 'x'", "'%g' 'x'", "'%n' 5", "'%*d' 5 5", "'%d'", "'%d %d' 1", "'%'",
-                                       "'%k' 5", "'%5'", "'%.*f' 2 2.5", "'%s'", "'%hhn' 1", "'%1$d' 1", "'%lld' 1"])
+                                       "'%k' 5", "'%5'", "'%.*f' 2 2.5", "'%s'", "'%hhn' 1", "'%p' 1", "'%1234d' 1",
+                                       "'%.1234f' 1", "'%d' 3e9", "'%1$d' 1", "'%lld' 1"])
 def test_printf_is_checked_against_its_values(shared, arguments):
     lines = shared.lines("printf " + arguments)
     if arguments in ("'%lld' 1", "'%1$d' 1"):

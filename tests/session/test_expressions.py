@@ -31,7 +31,7 @@ import pytest
     ("~~7", "7"), ("-~0", "1"),
     # 32 bits
     ("2147483647+1", "-2147483648"), ("65536*65536", "0"), ("(1<<31)-1", "2147483647"), ("-(1<<31)", "-2147483648"),
-    ("46341*46341", "-2147479015"), ("$7FFFFFFF<<1", "-2"),
+    ("46341*46341", "-2147479015"), ("$7FFFFFFF<<1", "-2"), ("1<<31", "-2147483648"), ("(0-8)>>1", "-4"),
     ("1.0/0", "inf"), ("0-1/0.0", "-inf"), ("1e308*10", "inf"),
     # casts
     ("(int)'1234'", "1234"), ("(int)3.7", "3"), ("(int)(0-3.7)", "-3"), ("(int)3.7+0.5", "3.5"), ("(int)5", "5"),
@@ -41,7 +41,7 @@ import pytest
     ("(string'%5.2f')3.14159", '" 3.14"'), ("(string'%05d')42", '"00042"'),
     ("(string'%x')255", '"ff"'), ("(string'%X')255", '"FF"'), ("(string'%d')2.9", '"2"'), ("(string'%g')3", '"3"'),
     ("(string'%-6s')'x'", '"x     "'), ("(string'no %d')5", '"no 5"'), ("(string'%%%d')5", '"%5"'),
-    ("(int)(string)42", "42"), ("(int)'12'+3", "15"),
+    ("(int)(string)42", "42"), ("(int)'12'+3", "15"), ("(string)(qualifier)'long'", '"long"'),
     # functions
     ("sin(0)", "0"), ("cos(0)", "1"), ("cos(0.0)", "1"), ("tan(0)", "0"), ("exp(0)", "1"), ("log(1)", "0"),
     ("log(exp(2))", "2"), ("log10(1000)", "3"), ("2*sin(0)+1", "1"), ("sin(1)*sin(1)+cos(1)*cos(1)", "1"),
@@ -72,6 +72,12 @@ ERRORS = [
     ("foo(1)", "Cannot find function foo"), ("1+foo(1)", "Cannot find function foo"),
     ("sin('a')", "Illegal Function argument type 4 passed to function 'sin'"),
     ("1+(2*(3-'a'))", "Cannot sub type 1 and 4"),
+    ("log2(0)", "Illegal Function argument 0 passed to function 'log2'"),
+    ("(int)'abc'", "Cannot convert type 4 to int"), ("(int)'12abc'", "Cannot convert type 4 to int"),
+    ("(int)1e10", "Cannot convert type 2 to int"), ("(double)'x'", "Cannot convert type 4 to double"),
+    ("(qualifier)1", "Cannot convert type 1 to qualifier"),
+    ("5/0", "Integer division by zero"), ("$80000000/(-1)", "Integer quotient does not fit in 32 bits"),
+    ("1<<32", "Shift count should be 0..31 not 32"), ("1>>(0-1)", "Shift count should be 0..31 not -1"),
 ]
 
 
@@ -83,7 +89,7 @@ def test_errors(shared, text, error):
 
 
 @pytest.mark.parametrize("text", [
-    "1/0", "(1<<31)/(-1)", "1<<32", "1<<(-1)", "1>>32", "2147483648", "99999999999999999999", "$100000000",
+    "1<<(-1)", "1>>32", "2147483648", "99999999999999999999", "$100000000",
     "#" + 33 * "1", "0&&(1/0)", "1||(1/0)",  # both sides are worked out
     "1+", "*2", "(1", "1)", "1?2", "1?2:", "1:2", "'open", '"open', "''x", "1..2", "1e", "$", "$G", "#2", "#", "%", "()",
     "1++", "1 +", "sin(", "sin()", "sin(1", "sin(1,2)", "(string'%n')5", "(string'%*d')5", "(string'%d%d')5",
@@ -116,11 +122,20 @@ def test_variables_in_expressions(client):
 
 def test_assignment(client):
     for text, result in [("n=5", "5"), ("n=%n+1", "6"), ("n=n*2", "12"), ("%n", "12"), ("n='text'", '"text"'),
-                         ("%n+'s'", '"texts"'), ("n=2.5", "2.5"), ("n=-1", "-1"), ("%n", "-1"), ("n=1==1", "1")]:
+                         ("%n+'s'", '"texts"'), ("n=2.5", "2.5"), ("n=-1", "-1"), ("%n", "-1"), ("n=1==1", "1"),
+                         ("1+(v=4)*2+v", "13")]:
         assert client.lines(text) == ["* " + result], text
     assert client.lines("eval int k=4 %k+1 add") == ["* 9"]  # items are worked out from the left
     assert client.lines("eval int j=8 'x'")[-1] == "* -1"
     assert client.lines("%j") == ["* 8"]  # an error later in the line leaves it
+
+
+def test_a_string_cannot_grow_without_end(client):
+    client.cmd("s='0123456789'")
+    replies = [client.errors("set-string 's' %s+%s") for _ in range(20)]
+    assert replies[15] == ["* 0"]
+    assert replies[16] == ["! String longer than 1048576 characters",
+                           "! Unknown character found in the arguments", "* -1"]
 
 
 def test_time_is_the_time_of_day(shared):

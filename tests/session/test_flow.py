@@ -130,10 +130,11 @@ def test_if_of_a_bad_line_fails(shared):
     assert errors[0] == "! Unexpected identifier, or non-existent command" and errors[-1] == "* -1"
 
 
-def test_if_in_itself_is_bounded(client):
-    client.cmd("set-string 's' 'if 1 %s'")
-    lines = client.lines("if 1 %s")
-    assert lines[-1] == "* -1" and any(line.startswith("! ") for line in lines)
+@pytest.mark.parametrize("line", ["if 1 %s", "set-func 'v' %s"])
+def test_a_line_that_runs_itself_is_bounded(client, line):
+    client.cmd(f'set-string "s" "{line}"')
+    lines = client.lines(line)
+    assert lines[-1] == "* -1" and "! Commands nested deeper than 100 levels" in lines
     assert client.lines("7") == ["* 7"]
 
 

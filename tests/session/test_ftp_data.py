@@ -3,7 +3,6 @@ import os
 import socket
 
 import numpy as np
-import pytest
 from ftp_server import LOGIN, ftp  # noqa: F401 (a fixture)
 from kestrel_data import do, held, refused
 from kestrel_session import wait_until

@@ -1,30 +1,30 @@
 """Links to other servers: real ones in processes of their own, and peers that misbehave at every byte."""
-import os
+import contextlib
 import pathlib
 import socket
 import threading
 
 import pytest
-from kestrel_session import KESTREL, Server, free_port, wait_until
+from kestrel_data import held
+from kestrel_session import KESTREL, Process, free_port
 
 MOTOR_SERVER = str(pathlib.Path(KESTREL).parent / "motor_server")
 
 
-def configure(folder, **links):
-    (folder / "cwd").mkdir(parents=True, exist_ok=True)
-    (folder / "cwd" / "kestrel.clients.ini").write_text(
-        "# links of a test\n\n" + "".join(f"{key} 127.0.0.1 {port}\n" for key, port in links.items()))
+@pytest.fixture
+def linked(start):
+    """linked(user1=port, ...) -> a server with these links."""
+    def begin(**links):
+        text = "# links of a test\n\n" + "".join(f"{key} 127.0.0.1 {port}\n" for key, port in links.items())
+        return start(prepare=lambda cwd: (cwd / "kestrel.clients.ini").write_text(text))
+    return begin
 
 
 @pytest.fixture
-def station(tmp_path):
+def station(start, linked):
     """Two servers, the first linked to the second as user1; gives (client of the first, the second)."""
-    other = Server(tmp_path / "other")
-    configure(tmp_path / "main", user1=other.port, user2=free_port())
-    main = Server(tmp_path / "main")
-    yield main.client(), other
-    main.close()
-    other.close()
+    other = start()
+    return linked(user1=other.port, user2=free_port()).client(), other
 
 
 class Peer:
@@ -41,34 +41,16 @@ class Peer:
         for script in scripts:
             connection, _ = self.listener.accept()
             self.connections += 1
-            with connection:
+            with connection, connection.makefile("rb") as received, contextlib.suppress(OSError):
                 for step in script:
                     if step is None:
                         break
-                    if isinstance(step, int):
-                        self.lines.append(connection.recv(step))
-                    elif isinstance(step, list):
-                        self.lines.append(self.read_line(connection))
+                    if isinstance(step, bytes):
+                        connection.sendall(step)
                     else:
-                        try:
-                            connection.sendall(step)
-                        except OSError:
-                            break
+                        self.lines.append(received.read(step) if step else received.readline())
                 else:
-                    self.read_line(connection)  # stays until the other side leaves
-
-    @staticmethod
-    def read_line(connection):
-        line = b""
-        while not line.endswith(b"\n"):
-            try:
-                byte = connection.recv(1)
-            except OSError:
-                break
-            if not byte:
-                break
-            line += byte
-        return line
+                    received.readline()  # stays until the other side leaves
 
 
 def test_results_of_every_type_come_back(station):
@@ -95,7 +77,7 @@ def test_what_the_remote_prints_is_shown(station):
     assert client.lines("""send user1 "echo 'plain words'" """) == ["# - plain words", "* 0"]
 
 
-def test_a_remote_that_left_is_asked_again_once(station, tmp_path):
+def test_a_remote_that_left_is_asked_again_once(station, start):
     client, other = station
     assert client.lines("send user1 '1'")[-1] == "* 1"
     port = other.port
@@ -104,10 +86,9 @@ def test_a_remote_that_left_is_asked_again_once(station, tmp_path):
     assert "# Trying to resend command '2' to client 'User 1'" in reply and "# Disconnected from User 1." in reply
     assert reply[-3:-1] == [f"! Can't connect to User 1 on 127.0.0.1 port {port}.", "! OS-9 error code: 111."]
     assert reply[-1] == "* -1"
-    again = Server(tmp_path / "again", port=port)
+    start(port=port)
     assert client.lines("send user1 '3'")[-1] == "* 3"
     client.cmd("client disconnect")
-    again.close()
 
 
 def test_unconfigured_links_fail_at_once(station):
@@ -120,7 +101,7 @@ def test_unconfigured_links_fail_at_once(station):
     assert client.lines("client up lux")[-1] == "* -1"
 
 
-def test_define_and_status(station, tmp_path):
+def test_define_and_status(station):
     client, other = station
     assert client.lines(f"client define '127.0.0.1' {other.port} user2") == ["* 0"]
     assert client.lines("send user2 '5'")[-1] == "* 5"
@@ -131,17 +112,14 @@ def test_define_and_status(station, tmp_path):
     assert client.lines("client define 'nowhere' 70000 user2")[-1] == "* -1"
 
 
-def test_connect_tells_an_out_of_step_remote_from_a_broken_one(tmp_path):
+def test_connect_tells_an_out_of_step_remote_from_a_broken_one(linked):
     peer = Peer([b"> ", [], b"* 99\r\n> ", None], [b"> ", [], b"* 1235\r\n> "])
-    configure(tmp_path, lux=peer.port)
-    server = Server(tmp_path)
-    client = server.client()
+    client = linked(lux=peer.port).client()
     assert client.lines("client up lux")[-1] == "* 1"
     reply = client.lines("client connect 5 lux")
     assert "# Connection to client 'Look-Up Board for X' seems out of step, disconnecting" in reply
     assert reply[-1] == "* 0"
     assert peer.lines[0] == b"1234\n"
-    server.close()
 
 
 def test_connect_gives_up_in_time(station):
@@ -151,24 +129,18 @@ def test_connect_gives_up_in_time(station):
     assert any(line.startswith("@ ") and line.endswith("'Connecting'") for line in reply)
 
 
-def test_a_module_comes_over_bit_for_bit(station):
+def test_a_module_comes_over_bit_for_bit(station, names):
     client, _ = station
-    name = f"lk_{os.getpid()}"
-    try:
-        for kind, value in ("", 4000000000), ("float", 0.1), ("double", 1e-300):
-            remote, local = f"{name}{kind}", f"{name}{kind}_c"
-            client.cmd(f"""send user1 "module create '{remote}' 7 3 header {kind}" """)
-            client.cmd(f"""send user1 "module set-point '{remote}' 6 2 {value:g}" """)
-            assert client.lines(f"module get-remote '{remote}' '{local}' user1")[-1] == "* 0"
-            def data(module):
-                return pathlib.Path("/dev/shm", module).read_bytes()[360:]
-            assert data(local) == data(remote) and any(data(local))
-        assert client.lines(f"module get-remote '{name}'")[0] == (
-            "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2")
-        assert "! Cannot open handle to module" in client.lines("module get-remote 'none_such' user1")
-    finally:
-        for path in pathlib.Path("/dev/shm").glob(f"{name}*"):
-            path.unlink()
+    for kind, value in ("", 4000000000), ("float", 0.1), ("double", 1e-300):
+        remote, local = names("remote" + kind), names("local" + kind)
+        client.cmd(f"""send user1 "module create '{remote}' 7 3 header {kind}" """)
+        client.cmd(f"""send user1 "module set-point '{remote}' 6 2 {value:g}" """)
+        assert client.lines(f"module get-remote '{remote}' '{local}' user1")[-1] == "* 0"
+        got, sent = (pathlib.Path("/dev/shm", name).read_bytes()[360:] for name in (local, remote))
+        assert got == sent and any(got)
+    assert client.lines(f"module get-remote '{remote}'")[0] == (
+        "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2")
+    assert "! Cannot open handle to module" in client.lines("module get-remote 'none_such' user1")
 
 
 def test_remote_data_behind_a_handle(station):
@@ -197,16 +169,13 @@ def test_a_remote_handle_dies_with_its_connection(station):
 
 
 @pytest.fixture
-def motors(tmp_path):
-    server = Server(tmp_path / "motors", program=MOTOR_SERVER)
-    configure(tmp_path / "main", motors=server.port)
-    main = Server(tmp_path / "main")
-    yield main.client(), server
-    main.close()
+def motors(start, linked):
+    server = start(program=MOTOR_SERVER)
+    return linked(motors=server.port).client(), server
 
 
 def test_motors_move(motors):
-    client, server = motors
+    client, _ = motors
     assert client.lines("motor move-to 3 100+20")[1:] == ["# - Motor 3 moves from 0 to 120", "* 0"]
     assert client.lines("motor move-by 3 0-20") == ["# - Motor 3 moves from 120 to 100", "* 0"]
     assert client.lines("motor get-posn 3") == ["* 100"]
@@ -218,7 +187,6 @@ def test_motors_move(motors):
     client.cmd("motor config remote 'motor config fail 1'")
     assert client.lines("motor move-to 1 9") == ["! - Motor 1 does not move", "* -1"]
     assert client.lines("motor get-posn 1") == ["* 5"]
-    server.close()
 
 
 def test_a_motor_server_that_dies_costs_the_command_only(motors):
@@ -243,79 +211,58 @@ HOSTILE = {
 
 
 @pytest.mark.parametrize("script", HOSTILE.values(), ids=HOSTILE.keys())
-def test_a_hostile_remote_costs_the_command_only(tmp_path, script):
+def test_a_hostile_remote_costs_the_command_only(linked, script):
     peer = Peer(script, script)
-    configure(tmp_path, user1=peer.port)
-    server = Server(tmp_path)
+    server = linked(user1=peer.port)
     client = server.client()
-    descriptors = lambda: len(os.listdir(f"/proc/{server.process.pid}/fd"))
-    before = descriptors()
+    before = held(server)
     reply = client.lines("send user1 '1'")
     assert reply[-1] == "* -1" and any(line.startswith("!") for line in reply)
     assert client.lines("eval int 2") == ["* 2"]
-    assert descriptors() == before
-    server.close()
+    assert held(server) == before
 
 
-def test_a_question_goes_to_the_session(tmp_path):
+def test_a_question_goes_to_the_session(linked):
     peer = Peer([b"> ", [], b"~ Retry (Y/N)\r\n", 1, b"* 7\r\n> ", [], b"~ Retry (Y/N)\r\n", 1, b"* 8\r\n> "])
-    configure(tmp_path, user1=peer.port)
-    server = Server(tmp_path)
-    client = server.client()
+    client = linked(user1=peer.port).client()
     for key, answer, result in (b"y", b"Y", b"* 7\r\n"), (b"xn", b"N", b"* 8\r\n"):
         client.send(b"send user1 'risky'\n")
         client.recv_until(b"~ Retry (Y/N)\r\n")
         client.send(key)
         assert client.recv_until(b"> ") == result + b"> "
         assert peer.lines[-1] == answer
-    server.close()
 
 
-def test_interrupt_ends_the_wait_and_the_link(tmp_path):
+def test_interrupt_ends_the_wait_and_the_link(linked):
     peer = Peer([b"> ", [], b"# working\r\n"])
-    configure(tmp_path, user1=peer.port)
-    server = Server(tmp_path)
+    server = linked(user1=peer.port)
     client = server.client()
     client.send("send user1 'long'\n")
     client.recv_until(b"# - working\r\n")
     server.interrupt()
     assert client.recv_until(b"> ").endswith(b"# Disconnected from User 1.\r\n* -1\r\n> ")
     assert peer.connections == 1
-    server.close()
 
 
 @pytest.mark.parametrize("text", ["user1 host\n", "nobody host 1\n", "user1 host 1 more\n", "user1 host x\n",
                                   "user1 host 70000\n", "lux " + "h" * 300 + " 1\n"])
-def test_a_malformed_configuration_ends_the_server(start, tmp_path, text):
-    (tmp_path / "bad" / "cwd").mkdir(parents=True)
-    (tmp_path / "bad" / "cwd" / "kestrel.clients.ini").write_text("# fine\nuser2=host 5\n" + text)
-    from kestrel_session import Process
-    process = Process(tmp_path / "bad")
+def test_a_malformed_configuration_ends_the_server(start, text):
+    process = start(kind=Process, prepare=lambda cwd: (cwd / "kestrel.clients.ini").write_text(
+        "# fine\nuser2=host 5\n" + text))
     assert process.wait_exit() == 1
     assert process.stdout.endswith("Error in ini-file kestrel.clients.ini at line 3.\n")
 
 
-def test_the_display_is_told_what_was_enabled(tmp_path):
-    answers = []
-    for _ in range(4):
-        answers += [[], b"* 0\r\n> "]
-    peer = Peer([b"> ", *answers])
-    configure(tmp_path, imgd=peer.port)
-    server = Server(tmp_path)
-    client = server.client()
-    name = f"im_{os.getpid()}"
-    try:
-        client.cmd(f"module create '{name}' 4 4 header")
-        assert peer.connections == 0, "nothing is sent unasked"
-        client.cmd("imgd enable config set-shape")
-        client.cmd(f"module create '{name}b' 5 1 header")
-        client.cmd(f"module resize '{name}b' 4 1")
-        client.cmd("imgd enable reset auto-display")
-        client.cmd(f"module create '{name}c' 5 1 header")
-        assert peer.lines == [f"module config '{name}b'\n".encode(), f"module set-shape '{name}b' 5 1 1\n".encode(),
-                              f"module set-shape '{name}b' 4 1 1\n".encode(),
-                              f"module open '{name}c' display1d\n".encode()]
-    finally:
-        for path in pathlib.Path("/dev/shm").glob(f"{name}*"):
-            path.unlink()
-    server.close()
+def test_the_display_is_told_what_was_enabled(linked, names):
+    peer = Peer([b"> ", *4 * ([], b"* 0\r\n> ")])
+    client = linked(imgd=peer.port).client()
+    a, b, c = (names(letter) for letter in "abc")
+    client.cmd(f"module create '{a}' 4 4 header")
+    assert peer.connections == 0, "nothing is sent unasked"
+    client.cmd("imgd enable config set-shape")
+    client.cmd(f"module create '{b}' 5 1 header")
+    client.cmd(f"module resize '{b}' 4 1")
+    client.cmd("imgd enable reset auto-display")
+    client.cmd(f"module create '{c}' 5 1 header")
+    assert peer.lines == [f"module {words}\n".encode() for words in (
+        f"config '{b}'", f"set-shape '{b}' 5 1 1", f"set-shape '{b}' 4 1 1", f"open '{c}' display1d")]

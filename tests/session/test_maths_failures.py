@@ -5,7 +5,7 @@ import pathlib
 import numpy as np
 import pytest
 from kestrel_data import do, held, refused, result
-from test_maths import answer, mapped, random_volume, volume  # noqa: F401 (a fixture)
+from test_maths import mapped, random_volume, volume  # noqa: F401 (a fixture)
 
 READ_ERROR = "! Read returned error"
 

@@ -30,11 +30,14 @@ def test_a_module_that_exists_keeps_its_contents(client, names):
     n = names("m")
     do(client, f"module create '{n}' 4 2 header")
     Module(n).data[:] = 9
-    assert client.lines(f"module create '{n}' 4 2 header") == [f'# Warning: module "{n}" already exists', "* 0"]
+    for size in "4 2", "0 0", "-4 -1":  # exactly, any, at least
+        assert client.lines(f"module create '{n}' {size} header") == [
+            f'# Warning: module "{n}" already exists', "* 0"]
     assert client.lines(f"module create '{n}' size 4") == [f'# Warning: module "{n}" already exists.', "* 0"]
     assert (Module(n).data == 9).all()
-    assert refused(client, f"module create '{n}' 4 3 header") == [
-        f"! Error, module '{n}' exists but is wrong size (4,2) not (4, 3)"]
+    for words, size in ("4 3", "4, 3"), ("-5 0", "-5, 0"), ("3 2", "3, 2"), ("$80000000 0", "-2147483648, 0"):
+        assert refused(client, f"module create '{n}' {words} header") == [
+            f"! Error, module '{n}' exists but is wrong size (4,2) not ({size})"]
     assert refused(client, f"module create '{n}' 4 2 header double") == [
         f"! Error, module '{n}' exists but is wrong data type 1 not 4"]
     assert refused(client, f"module create '{n}' 4 2 header num-t 2") == [
@@ -51,7 +54,8 @@ def test_points(client, names):
     two, three = names("two"), names("three")
     do(client, f"module create '{two}' 4 2 header")
     do(client, f"module create '{three}' 4 2 header num-t 3 double")
-    for value, stored in (("2.9", 2), ("-1.5", 0xFFFFFFFF), ("4294967298", 2), ("5", 5)):
+    for value, stored in (("2.9", 2), ("-1.5", 0xFFFFFFFF), ("0.99999999", 0), ("4294967298", 2),
+                          ("1.0e300", 0xFFFFFFFF), ("5", 5)):
         do(client, f"module set-point '{two}' 3 1 {value if '.' in value else value + '.0'}")
         assert Module(two).data[1, 3] == stored
     do(client, f"module get-point '{two}' 3 1 'count'")
@@ -84,6 +88,10 @@ def test_clear_aspect_and_resize(client, names):
     value, lines = result(client, f"module resize '{n}' 13 1")
     assert value == -1 and lines == [
         f"ERROR: Data module '{n}' size (2, 5) size 456 too small to resize to (13, 1) requires 464"]
+    assert refused(client, f"module resize '{n}' 4 3 2") == [
+        "! ERROR: Cannot resize a 2-d data module to 3-d (num_t > 1)"]
+    assert refused(client, f"module resize '{n}' -1 2") == [
+        f"! ERROR: Data module '{n}' cannot have the size (-1, 2, 1)"]
     do(client, f"module resize '{n}' 4 3 1")
     assert (Module(n).data == np.arange(12).reshape(3, 4)).all()
     assert client.lines("module resize 'no such' 1 1") == [" ERROR: Cannot link to module 'no such'", "* -1"]
@@ -115,6 +123,7 @@ def test_a_session_takes_its_handles_along(server, names):
     server.wait_stdout("Disconnected")
     states = second.lines("ustatus")[:3]
     assert ["Unused" in line for line in states] == [True, False, True]
+    assert result(second, "unif-get-nx 0")[0] == -1 and do(second, "unif-get-nx 1") == 4
 
 
 @pytest.mark.parametrize("kind,word", [("u4", ""), ("f4", "float"), ("f8", "double")])
@@ -236,6 +245,10 @@ def test_handles_run_out_before_paths(client, names):
     for handle in range(20):
         assert do(client, f"module open '{n}' header") == handle
     assert refused(client, f"module open '{n}' header") == ["! No free unified handle, please close some"]
+    do(client, "close 5")
+    assert do(client, f"module open '{n}' header") == 5, "the lowest that is free"
+    for handle in "20", "-1":
+        assert refused(client, f"close {handle}")
     do(client, "close-all")
     assert do(client, f"module open '{n}' header") == 0
     assert not [line for line in client.lines("ustatus")[1:-1] if not re.search("Unused$", line)]

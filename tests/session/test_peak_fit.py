@@ -86,29 +86,21 @@ def test_any_axis_may_be_energy(client, names, make, kind):
         assert np.array_equal(data, expected)
 
 
-def test_threads_change_nothing(client, names, make):
-    name = make(noisy(65, 3000))
-    handle = do(client, f"module open '{name}' header")
-    results = []
-    for threads in 1, 8, 64:
-        assert result(client, f"peak-fit max-threads {threads}")[0] == 0
-        value, lines = result(client, f"peak-fit unified {handle} 0 0 0 1023 64 0 '{names(f'r{threads}')}' x fe55")
-        results.append((value, Module(names(f"r{threads}")).data.tobytes()))
-    assert results[0] == results[1] == results[2]
-    for bad in 0, 65, -1:
-        assert refused(client, f"peak-fit max-threads {bad}") == ["! ERROR: Please set max threads in range 1..64"]
-
-
-def test_a_file_gives_what_a_module_gives(server, client, names, make):
+def test_threads_and_where_spectra_come_from_change_nothing(server, client, names, make):
     spectra = noisy(70, 3000, seed=5).astype("u4")
     spectra.tofile(server.cwd / "s.raw")
     name = make(spectra)
-    handle = do(client, "file open 's.raw' raw nx 1024 ny 70 long")
-    assert result(client, "peak-fit max-threads 8")[0] == 0
-    outcomes = [result(client, f"peak-fit unified {handle} 0 0 0 1023 69 0 '{names('f')}' x fe55 by-top-sum")[0],
-                result(client, f"peak-fit module '{name}' '{names('m')}' 0 69 fe55 by-top-sum")[0]]
-    assert outcomes[0] == outcomes[1] >= 0
-    assert np.array_equal(Module(names("f")).data, Module(names("m")).data)
+    module = do(client, f"module open '{name}' header")
+    file = do(client, "file open 's.raw' raw nx 1024 ny 70 long")
+    outcomes = []
+    for threads, source in (1, module), (8, module), (64, module), (8, file), (8, None):
+        do(client, f"peak-fit max-threads {threads}")
+        line = f"unified {source} 0 0 0 1023 69 0" if source is not None else f"module '{name}'"
+        rows, r = "" if source is not None else "0 69", names(f"r{len(outcomes)}")
+        outcomes.append((do(client, f"peak-fit {line} '{r}' {rows} fe55 by-top-sum"), Module(r).data.tobytes()))
+    assert len(set(outcomes)) == 1
+    for bad in 0, 65, -1:
+        assert refused(client, f"peak-fit max-threads {bad}") == ["! ERROR: Please set max threads in range 1..64"]
 
 
 def test_bias_and_pulls_of_many_noisy_spectra(client, names, make):

@@ -1,8 +1,8 @@
 """The read command: every form, type, order and destination, byte for byte against numpy and other readers."""
+import re
 import subprocess
 
 import h5py
-import kestrel_data
 import numpy as np
 import pytest
 from kestrel_data import DataPort, Module, do, refused, result
@@ -79,34 +79,18 @@ def test_columns(server, client):
 def test_gel_is_a_tiff_that_other_readers_open(server, client, box, shape):
     handle = do(client, "test open 9 4 3 float")
     saved(server, client, handle, "gel", box)
-    info = subprocess.run(["tiffinfo", "-d", "out"], cwd=server.cwd, capture_output=True, text=True).stdout
+    info = subprocess.run(["tiffinfo", "-s", "out"], cwd=server.cwd, capture_output=True, text=True).stdout
     for line in (f"Image Width: {shape[1]} Image Length: {shape[0]}", "Bits/Sample: 16", "Resolution: 114, 114",
                  "Software: Unified read system", "HostComputer: OS9-680x0 system", "Tag 33448: Varnholm LAB",
                  "Tag 33449: Sample info goes here", "Tag 33450: Prep date ...", "Tag 33451: Prep time",
                  "Tag 33452: Counts", "Tag 33446: 1.0"):
         assert line in info, info
-    image = read_tiff(server.cwd / "out")
-    assert (image == ramp("short", *box).reshape(shape)).all()
-    assert (server.cwd / ".utemp.gel").read_bytes() == (server.cwd / "out").read_bytes()
-
-
-def read_tiff(path):
-    """A reader of plain 16-bit TIFF strips, by the TIFF 6.0 layout."""
-    data = path.read_bytes()
+    data = (server.cwd / "out").read_bytes()
+    strips = re.findall(r"^ +\d+: \[ *(\d+), +(\d+)\]", info, re.M)
+    pixels = b"".join(data[int(start):int(start) + int(size)] for start, size in strips)
     order = {b"II": "<", b"MM": ">"}[data[:2]]
-    at = int(np.frombuffer(data, order + "u4", 1, 4)[0])
-    tags = {}
-    for i in range(int(np.frombuffer(data, order + "u2", 1, at)[0])):
-        entry = at + 2 + 12 * i
-        tag, kind = np.frombuffer(data, order + "u2", 2, entry)
-        count = int(np.frombuffer(data, order + "u4", 1, entry + 4)[0])
-        size = {1: "u1", 2: "u1", 3: "u2", 4: "u4"}.get(int(kind))
-        if size:
-            length = count * np.dtype(size).itemsize
-            where = entry + 8 if length <= 4 else int(np.frombuffer(data, order + "u4", 1, entry + 8)[0])
-            tags[int(tag)] = np.frombuffer(data, order + size, count, where)
-    strips = b"".join(data[o:o + n] for o, n in zip(tags[273].tolist(), tags[279].tolist()))
-    return np.frombuffer(strips, order + "u2").reshape(int(tags[257][0]), int(tags[256][0]))
+    assert (np.frombuffer(pixels, order + "u2").reshape(shape) == ramp("short", *box).reshape(shape)).all()
+    assert (server.cwd / ".utemp.gel").read_bytes() == data
 
 
 @pytest.mark.parametrize("source,data_type,kind", [("short", 4, "u2"), ("double", 3, "f8"), ("float", 1, "f4"),
@@ -231,8 +215,11 @@ def test_qualifiers_that_do_not_go_together(server, client):
              "from 0 gel to-local-file 'a'": "! This file format does not allow files with this many dimensions."}
     for words, line in cases.items():
         assert refused(client, f"read 0 0 0 9 4 3 {words}") == [line], words
-    assert refused(client, f"read 0 0 0 10 1 1 from {handle}") == [
-        "! This client read request does not lie within the boundaries of the image, read (0, 0, 0) for (10, 1, 1)"]
+    for box in ("0, 0, 0", "10, 1, 1"), ("9, 0, 0", "1, 1, 1"), ("1, 0, 0", "9, 1, 1"), ("0, 0, 3", "1, 1, 1"), \
+            ("-1, 0, 0", "2, 1, 1"), ("0, 0, 0", "9, 5, 1"), ("8, 0, 0", "2147483647, 1, 1"):
+        assert refused(client, f"read {' '.join(box).replace(',', '')} from {handle}") == [
+            "! This client read request does not lie within the boundaries of the image, read (%s) for (%s)" % box]
+    assert client.cmd(f"read 0 0 0 9 0 1 from {handle}") == b"! dx, dy and dt must all be greater than zero.* -1\r\n"
     assert refused(client, f"read 0 0 0 9 1 1 from {handle} to-local-file '/no/such/folder/a'") == [
         "! Error when opening a file or a module (errno 2)."]
     assert not (server.cwd / "a").exists()

@@ -1,9 +1,9 @@
 """The session table: many at once, how they end, what each has for itself, peers that misbehave."""
-import os
 import socket
 import time
 
 import pytest
+from kestrel_data import held
 from kestrel_session import WAIT, wait_until
 
 SLOTS = 339
@@ -134,15 +134,12 @@ def test_a_peer_that_only_stops_sending_still_gets_its_replies(server):
 
 
 def test_connections_that_come_and_go_leave_no_descriptors(server):
-    def descriptors():
-        return len(os.listdir(f"/proc/{server.process.pid}/fd"))
-
     keeper = server.client()
     keeper.cmd("system 'true'")
-    before = descriptors()
+    before = held(server)
     for _ in range(50):
         client = server.client()
         client.cmd("echo 'x'")
         client.close()
     server.client().reset()
-    wait_until(lambda: descriptors() == before, "return to the descriptors open before")
+    wait_until(lambda: held(server) == before, "return to the descriptors open before")

@@ -2,13 +2,16 @@
 import fcntl
 import os
 import pty
+import random
+import re
 import select
 import struct
 import subprocess
 import termios
+import time
 
 import pytest
-from kestrel_session import DO, DONT, IAC, SB, SE, WAIT, WILL, WONT, Telnet
+from kestrel_session import DO, DONT, IAC, NAWS, SB, SE, WAIT, WILL, WONT, Telnet
 
 UP, DOWN, RIGHT, LEFT = "\x1b[A", "\x1b[B", "\x1b[C", "\x1b[D"
 HOME, END, DELETE = "\x1b[H", "\x1b[F", "\x1b[3~"
@@ -37,13 +40,15 @@ def enter(telnet, keys):
     return telnet.recv_prompt().decode("latin-1").split("\r\n")[:-1]
 
 
-def test_the_server_asks_for_its_four_options_once(telnet):
+def test_the_server_asks_for_its_four_options_once(server, telnet):
     wanted = [(DONT, 34), (WILL, 1), (WILL, 3), (DO, 31)]
     assert enter(telnet, "7") == ["* 7"]
     assert telnet.options == wanted
     telnet.send(bytes([IAC, DO, 1, IAC, DO, 3, IAC, WONT, 34, IAC, DONT, 5, IAC, WILL, 24, IAC, 241]))
     assert enter(telnet, "8") == ["* 8"]
     assert telnet.options == wanted
+    server.wait_stdout("Sending don't line mode, will echo, will supress-go-ahead, do_naws\n"
+                       "Rcv: DO 01\nRcv: DO 03\nRcv: WONT 22\nRcv: DONT 05\n")
 
 
 def test_negotiation_may_come_in_pieces_and_inside_a_line(telnet):
@@ -61,12 +66,15 @@ def test_the_session_before_negotiation_is_a_plain_one(server):
     client.recv_until("\r\n* 7\r\n> ")
 
 
-def test_window_size_is_reported(server, telnet):
-    telnet.window(132, 50)
-    server.wait_stdout(r"NAWS \(132, 50\)\n")
-    telnet.window(300, 256, screen=False)
-    server.wait_stdout(r"NAWS \(300, 256\)\n")
+@pytest.mark.parametrize("report, shown", [
+    (b"\0\x50\0\x18", "(80, 24)"), (b"\x01\x02\x03\x04", "(258, 772)"), (b"\0\xff\xff\0\x10", "(255, 16)"),
+    (b"\xff\xff\xff\xff\0\x10", "(65535, 16)"), (b"\0\x50\0\xf0", "(80, 240)"),  # 240 as a height is no end
+    (b"\0\x50", None),  # cut short
+])
+def test_window_size_is_reported(server, telnet, report, shown):
+    telnet.send(bytes([IAC, SB, NAWS]) + report + bytes([IAC, SE]))
     assert enter(telnet, "7") == ["* 7"]
+    assert re.findall(r"^NAWS (.*)$", server.stdout, re.M) == ([shown] if shown else [])
 
 
 def test_the_telnet_program_edits_in_the_server(server):
@@ -85,6 +93,7 @@ def test_the_telnet_program_edits_in_the_server(server):
     os.close(master)
 
 
+@pytest.mark.parametrize("piece", [100, 1])
 @pytest.mark.parametrize("keys, result", [
     ("23" + ctrl("A") + "1", 123),
     ("23" + HOME + "1", 123),
@@ -109,22 +118,33 @@ def test_the_telnet_program_edits_in_the_server(server):
     ("99" + LEFT + ctrl("U") + "123", 123),
     ("zz" + ctrl("W") + "123", 123),
     ("zz  zz " + 2 * ctrl("W") + "123", 123),
+    ("123" + ctrl("A") + ctrl("W"), 123),
     ("132" + LEFT + ctrl("T"), 123),
     ("1324" + 2 * LEFT + ctrl("T") + "\x7f\x7f23", 1234),  # it has moved right
     ("123" + ctrl("T"), 123),  # not at the end of the line
     ("123" + ctrl("A") + ctrl("T"), 123),
     ("123" + ctrl("L"), 123),
-    ("12\x1b[Z\x1bOZ\x1b[9~3", 123),  # sequences of no meaning here
+    ("12\x1b[Z\x1bOZ\x1b[9~\x1b[1;5C\x1b[15~3", 123),  # sequences of no meaning here
+    ("1\x1b3\x1b" + LEFT + "2", 123),  # a lone escape
+    ("1\x07\x16\x1d2" + ctrl("C") + "3", 123),  # control bytes that are no text
+    ("'\xc3\xa4'", '"\xc3\xa4"'), ("1\xff\xff\x7f23", 123),  # high bytes are; 255 comes twice
+    ("1\xff\xf12\xff\xfa\x18\x1fxterm\x1f\xff\xf0\xff\xfc\x223", 123),  # telnet commands in between
     ("", None),
+    # completion
+    ("EVAL i\t 7", 7), ("eval \t\t 7", 7), ("radi\t", 10),
+    ("ev\t int 7", 7), ("ev\t\t\t int 7", 7),  # a single candidate, the line as typed, the candidate again
+    ("eval i\t\x1bnt 7", 7), ("eval i\t" + LEFT + RIGHT + "nt 7", 7),  # the line as typed
+    ("eval i\t\x7ft 7", 7), ("eval i 7" + 2 * LEFT + "\t", 7), ("eval i\t\xff\xf1 7", 7),
 ])
-def test_editing_keys(typing, keys, result):
-    assert enter(typing, keys) == ([f"* {result}"] if result is not None else [])
+def test_editing_keys(typing, keys, result, piece):
+    for at in range(0, len(keys), piece):
+        typing.send(keys[at:at + piece])
+        time.sleep(0 if piece > 1 else 0.001)
+    assert enter(typing, "") == ([f"* {result}"] if result is not None else [])
 
 
-def test_control_c_leaves_the_line(telnet):
-    telnet.send("12" + ctrl("C"))
-    telnet.expect_screen(["> 12"], (0, 4))
-    assert enter(telnet, "3") == ["* 123"]
+def test_a_candidate_that_would_not_fit_is_not_offered(telnet):
+    assert enter(telnet, "rad" + 1021 * " " + HOME + 3 * RIGHT + "\t")[-1] == "* -1"
 
 
 def test_control_d_on_an_empty_line_disconnects(server, telnet):
@@ -133,7 +153,7 @@ def test_control_d_on_an_empty_line_disconnects(server, telnet):
     assert server.client().cmd("7") == b"* 7\r\n"
 
 
-@pytest.mark.parametrize("end", ["\r\n", "\r\0", "\n", "\r"])
+@pytest.mark.parametrize("end", ["\r\n", "\r\0", "\n", "\r", "\n\r"])
 def test_each_kind_of_enter_is_one(telnet, end):
     for n in range(3):
         telnet.send(f"{n}{end}")
@@ -141,7 +161,7 @@ def test_each_kind_of_enter_is_one(telnet, end):
     telnet.expect_silence()
 
 
-def test_history(telnet):
+def test_history(server, telnet):
     for n in "1", "2", "3":
         enter(telnet, n)
     enter(telnet, "")
@@ -151,6 +171,7 @@ def test_history(telnet):
     assert enter(telnet, "5" + ctrl("P") + ctrl("N") + "6") == ["* 56"]  # the line being typed comes back
     assert enter(telnet, 500 * UP + 500 * DOWN + "7") == ["* 7"]
     assert enter(telnet, 500 * ctrl("P")) == ["* 1"]
+    assert enter(server.client(Telnet), UP) == [], "another session has its own"
 
 
 def test_history_keeps_a_hundred_lines(telnet):
@@ -159,55 +180,87 @@ def test_history_keeps_a_hundred_lines(telnet):
     assert enter(telnet, 500 * UP) in (["* 51"], ["* 52"])
 
 
-def test_history_is_the_session_s_own(server):
-    first, second = server.client(Telnet), server.client(Telnet)
-    enter(first, "111")
-    assert enter(second, UP) == []
+def test_the_line_before_negotiation_and_its_history_are_kept(server):
+    client = server.client()
+    assert client.lines("7") == ["* 7"]
+    client.send("8\xff\xf19\r")
+    client.recv_until("\r\n* 89\r\n> ")
+    client.send(UP + "\r")
+    client.recv_until("\r\n* 89\r\n> ")
 
 
 # ---------------------------------------------------------------- the screen
 
-def test_the_line_is_drawn_as_it_is_edited(telnet):
-    telnet.send("echo 'abd'")
-    telnet.expect_screen(["> echo 'abd'"], (0, 12))
-    telnet.send(2 * LEFT + "c")
-    telnet.expect_screen(["> echo 'abcd'"], (0, 11))
-    telnet.send(ctrl("A") + ctrl("K"))
-    telnet.expect_screen([">"], (0, 2))
-    telnet.send("7\r")
-    telnet.expect_screen(["> 7", "* 7", ">"], (2, 2))
+class Line:
+    """What keys make of a line and its cursor, with the lines before it."""
+
+    def __init__(self):
+        self.text, self.at, self.history, self.back, self.typed = "", 0, [], 0, ""
+
+    def go_back(self, steps):
+        if not 0 <= self.back + steps <= len(self.history):
+            return
+        if self.back == 0:
+            self.typed = self.text
+        self.back += steps
+        self.text = self.history[-self.back] if self.back else self.typed
+        self.at = len(self.text)
+
+    def press(self, key):
+        text, at = self.text, self.at
+        left, right = max(at - 1, 0), min(at + 1, len(text))
+        word = text.rfind(" ", 0, len(text[:at].rstrip())) + 1
+        swapped = text[:left] + text[at:right] + text[left:at] + text[right:]
+        if key in (UP, ctrl("P")):
+            self.go_back(1)
+        elif key in (DOWN, ctrl("N")):
+            self.go_back(-1)
+        elif key == "\r":
+            self.history = [*self.history, text][-100:]
+            self.text, self.at, self.back = "", 0, 0
+        else:
+            self.text, self.at = {
+                ctrl("A"): (text, 0), ctrl("E"): (text, len(text)), ctrl("L"): (text, at),
+                ctrl("B"): (text, left), LEFT: (text, left), ctrl("F"): (text, right), RIGHT: (text, right),
+                ctrl("H"): (text[:left] + text[at:], left), DELETE: (text[:at] + text[right:], at),
+                ctrl("K"): (text[:at], at), ctrl("U"): ("", 0), ctrl("W"): (text[:word] + text[at:], word),
+                ctrl("T"): (swapped, right) if 0 < at < len(text) else (text, at),
+            }.get(key, (text[:at] + key + text[at:], at + 1))
 
 
-def test_control_l_clears_the_screen(telnet):
-    enter(telnet, "7")
-    telnet.send("12" + LEFT + ctrl("L"))
-    telnet.expect_screen(["> 12"], (0, 3))
-    assert telnet.screen.row == 0
+KEYS = [*"ab ", *map(ctrl, "ABEFHLPNTWUK"), UP, DOWN, LEFT, RIGHT, DELETE, "\r"]
 
 
-@pytest.mark.parametrize("cols", [40, 80, 23, 300])
-def test_a_long_line_is_drawn_over_several_rows(telnet, cols):
+@pytest.mark.parametrize("cols", [3, 5, 10, 40, 80, 300])
+def test_the_screen_stays_true_under_random_keys(server, telnet, cols):
+    chance, line, top = random.Random(cols), Line(), 0
+    telnet.screen.cols = cols
     if cols != 40:  # the width until the client tells its own
         telnet.window(cols)
-    telnet.screen.cols = cols
-    text = "'" + "".join(chr(97 + n % 26) for n in range(cols + cols // 2)) + "'"
+    for i in range(3000):
+        # First a line of several rows; then letters are likelier, that lines grow again.
+        key = chance.choice(KEYS[:3] if i < 2 * cols or chance.random() < 0.6 else KEYS)
+        telnet.buffer = b""
+        telnet.send(key)
+        line.press(key)
+        if key == "\r":
+            telnet.recv_prompt()
+            top = telnet.screen.row
+        elif key == ctrl("L"):
+            telnet.recv_until("\x1b[2J")
+            top = 0
+        shown, cursor = "> " + line.text, divmod(2 + line.at, cols)
+        rows = [shown[i:i + cols].rstrip() for i in range(0, len(shown) + 1, cols)]
+        while len(rows) > cursor[0] + 1 and not rows[-1]:
+            rows.pop()
+        telnet.expect_screen(rows, cursor)
+        assert telnet.screen.row - cursor[0] == top
 
-    def rows(text):
-        shown = "> " + text
-        return [shown[i:i + cols] for i in range(0, len(shown), cols)] + ([""] if len(shown) % cols == 0 else [])
 
-    telnet.send(text)
-    telnet.expect_screen(rows(text), divmod(2 + len(text), cols))
-    telnet.send(HOME + 3 * RIGHT + "XYZ")  # the rest moves on
-    text = text[:3] + "XYZ" + text[3:]
-    telnet.expect_screen(rows(text), (0, 8))
-    telnet.send(END + (len(text) - cols) * "\x7f")  # the lower rows go
-    text = text[:cols]
-    telnet.expect_screen(rows(text), divmod(2 + cols, cols))
-    telnet.send("\x7f\x7f")
-    telnet.expect_screen(rows(text[:-2]), (1, 0))
-    telnet.send(ctrl("U") + "7\r")
-    telnet.expect_screen(["> 7", "* 7", ">"], (2, 2))
+def test_a_typed_password_shows_as_stars(telnet):
+    telnet.send("ftp password 'secrex\bt' x" + ctrl("A") + RIGHT)
+    telnet.expect_screen(["> ftp password '******' x"], (0, 3))
+    assert b"sec" not in telnet.buffer
 
 
 def test_a_line_that_is_executed_from_its_first_row_keeps_its_rows(telnet):
@@ -246,13 +299,7 @@ def test_tab_offers_each_candidate_in_turn(telnet):
     telnet.expect_screen(["> SET-"], (0, 6))
 
 
-def test_another_key_takes_the_candidate(telnet):
-    telnet.send("set-\t\t 'n' 5\r")
-    telnet.expect_screen(["> set-int 'n' 5", "* 0", ">"], (2, 2))
-
-
 def test_completion_walks_the_tree(telnet):
-    assert enter(telnet, "EVAL i\t 7") == ["* 7"]
     telnet.send("eval \t")
     telnet.expect_screen(["> eval int"])
     telnet.send(ctrl("U") + "eval int \t")  # a command has been reached
@@ -291,6 +338,8 @@ def test_echo_on_gives_up_on_a_terminal_that_does_not_answer(server):
 def test_input_echoes_what_a_telnet_user_types(telnet):
     telnet.send("input 'name? ' 'v'\r")
     telnet.recv_until("\r\nname? ")
-    telnet.send("abd\x7fc\r")
+    telnet.send("\x7f\x7fab\xff\xf1d\x7f")
+    telnet.recv_until("abd\b \b")
+    telnet.send("c\r")
     telnet.recv_until("> ")
     assert enter(telnet, "echo %v") == ["abc", "* 0"]

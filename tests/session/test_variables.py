@@ -89,19 +89,12 @@ def test_set_func_shows_the_command_s_output_and_errors(client):
     assert client.lines("%here") == ["* 2"]
 
 
-def test_set_func_in_itself_is_bounded(client):
-    client.cmd('set-string \'s\' "set-func \'v\' %s"')
-    lines = client.lines("set-func 'v' %s")
-    assert lines[-1] == "* -1" and any(line.startswith("! ") for line in lines)
-    assert client.lines("7") == ["* 7"]
-
-
 # ---------------------------------------------------------------- input
 
 @pytest.mark.parametrize("how, typed, shown", [
     ("", "some text", '"some text"'), ("string", "5", '"5"'), ("int", "42", "42"), ("int", "-7", "-7"),
     ("double", "2.5", "2.5"), ("double", "3", "3"), ("qualifier", "add", None), ("", "", '""'),
-    ("", "  it's \"so\" ", '"  it\'s "so" "'),
+    ("", "  it's \"so\" ", '"  it\'s "so" "'), ("", 3000 * "x", '"' + 1024 * "x" + '"'),
 ])
 @pytest.mark.parametrize("end", ["\n", "\r\n"])
 def test_input(shared, how, typed, shown, end):

@@ -37,38 +37,19 @@ std::string digits(std::uint32_t value, int bits, int width = 1) {
 } // namespace
 
 TEST(number_text, floats_read_as_printf_writes_them_at_every_edge) {
-    const double cases[] = {0.0,
-                            -0.0,
-                            1,
-                            -1,
-                            0.1,
-                            100,
-                            12345678,
-                            123456789,
-                            99999999.5,
-                            99999998.5,
-                            999999995,
-                            9999999.95,
-                            0.0001,
-                            0.00001,
-                            0.000099999999999,
-                            1.5,
-                            2.5e-7,
-                            1e15,
-                            1e22,
-                            1e23,
-                            1e-20,
-                            1.00000005,
-                            1.00000015,
-                            16777216,
-                            4294967295.0,
-                            5e-324,
-                            1.7976931348623157e308,
-                            1e100,
-                            std::numeric_limits<double>::infinity(),
-                            -std::numeric_limits<double>::infinity(),
-                            std::nan(""),
-                            -std::nan("")};
+    constexpr double inf = std::numeric_limits<double>::infinity();
+    const double nan = std::nan("");
+    const double cases[] = {0.0,          -0.0,       1,
+                            -1,           0.1,        100,
+                            12345678,     123456789,  99999999.5,
+                            99999998.5,   999999995,  9999999.95,
+                            0.0001,       0.00001,    0.000099999999999,
+                            1.5,          2.5e-7,     1e15,
+                            1e22,         1e23,       1e-20,
+                            1.00000005,   1.00000015, 16777216,
+                            4294967295.0, 5e-324,     1.7976931348623157e308,
+                            1e100,        inf,        -inf,
+                            nan,          -nan};
     for (const double value : cases)
         EXPECT_EQ(g8(value), printed(value));
 }

@@ -2,7 +2,6 @@
 #include "support/tessera.h"
 
 #include <cstdint>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <vector>
@@ -40,15 +39,4 @@ TEST(tessera, what_is_written_in_uneven_pieces_reads_back_by_the_box) {
     std::vector<float> box(2 * 2 * 2);
     ASSERT_TRUE(reader.read(box.data(), 3, 1, 1, 2, 2, 2));
     EXPECT_EQ(box, (std::vector<float>{28.5, 29.5, 33.5, 34.5, 48.5, 49.5, 53.5, 54.5}));
-}
-
-TEST(tessera, a_file_that_is_none_is_an_error_with_a_cause) {
-    const std::string name = scratch("none.h5");
-    std::ofstream(name) << "no HDF5 here";
-    tessera_reader reader;
-    std::string error;
-    EXPECT_FALSE(reader.open(name, error));
-    EXPECT_EQ(error, "cannot be opened as an HDF5 file");
-    tessera_writer writer;
-    EXPECT_FALSE(writer.open("/nonexistent/folder/x.h5", tessera_type::uint16, {1, 1, 1}, ""));
 }

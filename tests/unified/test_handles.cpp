@@ -2,7 +2,6 @@
 #include "tests/helpers/session_capture.h"
 #include "unified/handles/handles.h"
 
-#include <climits>
 #include <gtest/gtest.h>
 
 using namespace kestrel;
@@ -10,18 +9,11 @@ using namespace kestrel;
 namespace {
 
 constexpr int cn = session_capture::cn;
-int destroyed = 0;
 int cleared = 0;
 bool fail = false;
 
-int fake_read(int path, void *buffer, int x, int, int, int, int, int) {
-    static_cast<int *>(buffer)[0] = path + x;
-    if (fail)
-        unified_explain("the cable of path %d is out", path);
-    return fail ? -1 : 0;
-}
-void fake_destroy(int, int) {
-    ++destroyed;
+int fake_read(int, void *, int, int, int, int, int, int) {
+    return -1;
 }
 int fake_clear(int, int, int, int, int, int, int) {
     return fail ? -1 : 0;
@@ -30,11 +22,7 @@ void on_clear() {
     ++cleared;
 }
 
-constexpr unified_source fake = {.read = fake_read, .destroy = fake_destroy, .clear = fake_clear};
-
-int open_fake(int session = cn, int nt = 2) {
-    return unified_open(session, 40, 8, 4, nt, el_long, "fake", fake);
-}
+constexpr unified_source fake = {.read = fake_read, .clear = fake_clear};
 
 class handles : public testing::Test {
   protected:
@@ -47,67 +35,8 @@ class handles : public testing::Test {
 
 } // namespace
 
-TEST_F(handles, the_lowest_free_handle_is_taken_and_twenty_are_all) {
-    for (int i = 0; i < 20; ++i)
-        EXPECT_EQ(open_fake(), i);
-    EXPECT_EQ(open_fake(), -1);
-    EXPECT_EQ(unified_close_and_destroy(cn, 5), 0);
-    EXPECT_EQ(open_fake(), 5);
-    EXPECT_EQ(unified_close_and_destroy(cn, 20), -1);
-    EXPECT_EQ(unified_close_and_destroy(cn, -1), -1);
-}
-
-TEST_F(handles, a_lost_session_takes_exactly_its_handles_along) {
-    open_fake(1);
-    open_fake(2);
-    open_fake(1);
-    destroyed = 0;
-    unif_connection_lost(1);
-    EXPECT_EQ(destroyed, 2);
-    EXPECT_EQ(unified_get_nx(0, cn, 0), -1);
-    EXPECT_EQ(unified_get_nx(0, cn, 1), 8);
-    EXPECT_EQ(unified_get_bsize(0, cn, 1), 4);
-}
-
-TEST_F(handles, boxes_are_checked_to_the_last_element) {
-    const int h = open_fake();
-    const unified_box inside[] = {{0, 0, 0, 8, 4, 2}, {7, 3, 1, 1, 1, 1}};
-    const unified_box outside[] = {{0, 0, 0, 9, 4, 2},      {8, 0, 0, 1, 1, 1},  {1, 0, 0, 8, 1, 1},
-                                   {0, 0, 2, 1, 1, 1},      {-1, 0, 0, 2, 1, 1}, {0, 0, 0, -1, 1, 1},
-                                   {7, 0, 0, INT_MAX, 1, 1}};
-    for (const auto &b : inside)
-        EXPECT_EQ(unified_check_box(cn, "x", h, b), 0);
-    EXPECT_EQ(session_.replies(), "");
-    for (const auto &b : outside)
-        EXPECT_EQ(unified_check_box(cn, "x", h, b), -1);
-    session_.replies();
-    unified_check_box(cn, "client read", h, {0, 0, 0, 8, 5, 1});
-    EXPECT_EQ(session_.replies(),
-              "! This client read request does not lie within the boundaries of the image, read "
-              "(0, 0, 0) for (8, 5, 1)\n# The size of the image is 8x4x2.\n");
-    unified_check_box(cn, "x", h, {0, 0, 0, 8, 0, 1});
-    EXPECT_EQ(session_.replies(), "! dx, dy and dt must all be greater than zero.");
-    const int flat = open_fake(cn, 0);
-    EXPECT_EQ(unified_check_box(cn, "x", flat, {0, 0, 77, 1, 1, 5}), 0)
-        << "without frames any frame is taken";
-    EXPECT_EQ(unified_check_box(cn, "x", flat, {0, 0, 0, 1, 1, 0}), 0);
-}
-
-TEST_F(handles, what_the_source_says_stands_before_the_failure) {
-    const int h = open_fake();
-    int value = 0;
-    EXPECT_EQ(app_unified_read(cn, h, &value, 3, 0, 0, 1, 1, 1), 0);
-    EXPECT_EQ(value, 43);
-    fail = true;
-    EXPECT_EQ(app_unified_read(cn, h, &value, 3, 0, 0, 1, 1, 1), -1);
-    EXPECT_EQ(session_.replies(), "! the cable of path 40 is out\n! Device read failed.\n");
-    fail = false;
-    EXPECT_EQ(app_unified_enable(cn, h), -1);
-    EXPECT_EQ(session_.replies(), "! No enable function is defined for handle 0.\n");
-}
-
 TEST_F(handles, clear_callbacks_run_after_good_clears_only) {
-    const int h = open_fake();
+    const int h = unified_open(cn, 40, 8, 4, 2, el_long, "fake", fake);
     cleared = 0;
     EXPECT_EQ(unified_set_clear_callback(cn, on_clear), 0);
     EXPECT_EQ(unified_set_clear_callback(cn, on_clear), 0) << "once is enough";

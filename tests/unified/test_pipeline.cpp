@@ -16,7 +16,6 @@ constexpr int cn = session_capture::cn;
 constexpr int nx = 7, ny = 5, nt = 4;
 std::vector<std::uint32_t> image;
 std::string sent;
-std::size_t fail_at = SIZE_MAX; // bytes after which the destination fails
 
 int image_read(int, void *buffer, int x, int y, int t, int dx, int dy, int dt) {
     auto *out = static_cast<std::uint32_t *>(buffer);
@@ -38,7 +37,7 @@ int keep_init(UnifOutput &, const _unif_format &) {
 }
 int keep_write(UnifOutput &, const void *bytes, std::size_t count) {
     sent.append(static_cast<const char *>(bytes), count);
-    return sent.size() > fail_at ? -1 : 0;
+    return 0;
 }
 int keep_term(UnifOutput &, bool) {
     return 0;
@@ -125,16 +124,6 @@ TEST_F(pipeline, columns_are_the_rows_turned) {
         }
 }
 
-TEST_F(pipeline, radices_print_their_digits) {
-    sv_set_radix(cn, 16);
-    ASSERT_EQ(read(true, {0, 0, 0, 5, 1, 1}, ascii_setup_format, 4096), 0);
-    EXPECT_EQ(sent, "0\t1\t4\t9\t10\t\n");
-    sv_set_radix(cn, 2);
-    ASSERT_EQ(read(true, {0, 0, 0, 4, 1, 1}, ascii_setup_format, 4096), 0);
-    EXPECT_EQ(sent, "0\t1\t100\t1001\t\n");
-    sv_set_radix(cn, 10);
-}
-
 TEST_F(pipeline, scaling_conversion_and_byte_order_work_together) {
     ASSERT_EQ(read(true, {2, 0, 0, 2, 1, 1}, float32_setup_format, 4096, {true, 0.5, 1.0}, 1), 0);
     EXPECT_EQ(sent, std::string("\x40\x40\0\0\x40\xb0\0\0", 8)); // 3.0, 5.5, high byte first
@@ -149,14 +138,6 @@ TEST_F(pipeline, pieces_are_announced) {
               std::string::npos)
         << replies;
     EXPECT_NE(replies.find("@ 20 20 'Outputing Data'\n"), std::string::npos);
-}
-
-TEST_F(pipeline, a_failing_destination_ends_the_read_and_the_next_works) {
-    fail_at = 100;
-    EXPECT_EQ(read(true, boxes[0], ascii_setup_format, 4096), -1);
-    EXPECT_NE(replies_.find("! Error during write\n"), std::string::npos);
-    fail_at = SIZE_MAX;
-    EXPECT_EQ(read(true, boxes[0], raw_setup_format, 4096), 0);
 }
 
 TEST_F(pipeline, a_line_of_the_largest_width_is_read_to_its_end) {

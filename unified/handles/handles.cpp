@@ -1,6 +1,7 @@
 #include "unified/handles/handles.h"
 
 #include "modules/store/store.h"
+#include "modules/store/view.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -95,8 +96,10 @@ int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const 
     }
     const auto entry =
         std::find_if(table.begin(), table.end(), [](const _unif_open_tbl &e) { return e.valid == 0; });
-    if (entry == table.end())
+    if (entry == table.end()) {
+        sv_printf(cn, "! No free unified handle, please close some\n");
         return -1;
+    }
     entry->cn = cn;
     entry->path = path;
     entry->nx = nx;
@@ -241,6 +244,7 @@ int unified_set_corr_module(int cn, int handle, int type, void *head, int frame,
     entry->corr_type = type;
     entry->corr_from_module = 1;
     entry->corr_head = link.release();
+    entry->corr_title = mod_title(entry->corr_head);
     entry->corr_frame = frame;
     entry->corr_order = order;
     entry->corr_scaling = scaling;

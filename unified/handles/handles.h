@@ -75,6 +75,7 @@ struct _unif_open_tbl {
     int corr_from_module = 0;
     int corr_frame = 0;        // frame of the correction module
     void *corr_head = nullptr; // that module, linked while set
+    std::string corr_title;    // its title then
     int dtc_type = 0;
     int corr_order = 0;
     unified_scale_hook corr_pre_post_scal = nullptr;
@@ -83,7 +84,8 @@ struct _unif_open_tbl {
     unified_details details = nullptr; // header details for the detector image form
 };
 
-// Takes the lowest free handle; -1 when all are in use. A source without read ends the process.
+// Takes the lowest free handle; -1 after a message when all are in use or the source is too large. A source
+// without read ends the process.
 int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const char *description,
                  const unified_source &source);
 int unified_close(int handle); // without the source's destroy
