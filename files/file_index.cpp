@@ -45,8 +45,8 @@ struct index_request {
 };
 
 int fault(const index_request &r, const std::string &path, const char *what) {
-    const char *cause = errno == EINVAL ? "not a regular file" : std::strerror(errno);
-    sv_print(r.cn, "! ERROR: cannot " + std::string(what) + " '" + path + "': " + cause + "\n");
+    sv_print(r.cn,
+             "! ERROR: cannot " + std::string(what) + " '" + path + "': " + std::strerror(errno) + "\n");
     return -1;
 }
 
@@ -150,7 +150,7 @@ int write_log(const index_request &r, const std::string &file) {
     std::string entry = local_time() + (r.append ? "  append to " : "  ") + file + "\n";
     for (const std::string &note : r.notes)
         entry += "    " + note + "\n";
-    const unique_fd fd = open_regular(path.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0666);
+    const unique_fd fd(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666));
     return fd && write_all(fd.get(), entry) ? 0 : fault(r, path, "write log file");
 }
 

@@ -192,7 +192,7 @@ constexpr unified_source image_source = {
 int open_data(int cn, const std::string &name, unique_fd &fd, std::int64_t &size) {
     fd = open_regular(name.c_str(), O_RDONLY);
     struct stat status {};
-    if (!fd && errno == EINVAL)
+    if (!fd && errno == ENOTSUP)
         return fault(cn, name, "is not a regular file");
     if (!fd || ::fstat(fd.get(), &status) != 0)
         return fault(cn, name, std::strerror(errno));

@@ -5,6 +5,7 @@
 #include "parser/call.h"
 #include "server/output.h"
 #include "support/element.h"
+#include "support/file_io.h"
 #include "unified/convert.h"
 
 #include <algorithm>
@@ -222,10 +223,6 @@ namespace {
 
 enum outlier_keyword : int { out_mask = 1, out_quiet = 2, out_append = 4, out_below = 8, out_above = 16 };
 
-struct close_file {
-    void operator()(std::FILE *file) const { std::fclose(file); }
-};
-
 struct outlier_search {
     int cn;
     bool quiet;
@@ -276,7 +273,7 @@ int umaths_search_outliers(int quals, int cn, int handle, int x1, int y1, int t1
     UMaths reader;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet) != 0)
         return -1;
-    std::unique_ptr<std::FILE, close_file> file(std::fopen(name, quals & out_append ? "ae" : "we"));
+    unique_file file = open_stream(name, quals & out_append ? "a" : "w");
     if (!file) {
         sv_print(cn, std::string("! Cannot open file '") + name + "'\n");
         return -1;

@@ -4,7 +4,7 @@
 #include "parser/text_format.h"
 #include "server/output.h"
 #include "support/base64.h"
-#include "support/fd.h"
+#include "support/file_io.h"
 
 #include <cstdio>
 #include <cstring>
@@ -17,24 +17,6 @@
 namespace kestrel {
 
 namespace {
-
-struct close_file {
-    void operator()(std::FILE *file) const { std::fclose(file); }
-};
-using unique_file = std::unique_ptr<std::FILE, close_file>;
-
-// Opened without waiting: a pipe without a reader is refused. Close-on-exec keeps the descriptor from
-// commands of the operating system.
-unique_file open_stream(const char *name, const char *mode) {
-    const int how = *mode == 'a' ? O_APPEND : O_TRUNC;
-    unique_fd fd(::open(name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | how, 0666));
-    if (!fd || ::fcntl(fd.get(), F_SETFL, how & O_APPEND) != 0)
-        return {};
-    unique_file file(::fdopen(fd.get(), mode));
-    if (file)
-        fd.release();
-    return file;
-}
 
 unique_file open_text_file(int cn, const char *name, const char *mode) {
     unique_file file = open_stream(name, mode);

@@ -76,9 +76,10 @@ bool wait_for_progress(int cn, short events) {
     return wait == wait_result::ready;
 }
 
-// The client has not closed its end: bytes that went to a closed one would vanish without an error.
-bool peer_listens(int fd) {
-    pollfd p{fd, POLLRDHUP, 0};
+// Not broken, as far as can be seen: a client that has closed its end looks like one that only has no more to
+// send, until bytes are sent to it.
+bool is_good(int fd) {
+    pollfd p{fd, 0, 0};
     int told = 0;
     do
         told = ::poll(&p, 1, 0);
@@ -109,7 +110,7 @@ int sv_data_open(int cn) {
     if (!sv_is_valid(cn) || client[cn].data_port < 0)
         return not_connected();
     client_descriptor &c = client[cn];
-    if (c.data >= 0 && peer_listens(c.data))
+    if (c.data >= 0 && is_good(c.data))
         return c.data;
     close_channel(cn, false);
     sv_flush_all(cn);

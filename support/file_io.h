@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <fcntl.h>
+#include <memory>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,15 +16,34 @@
 namespace kestrel {
 
 // Opens a regular file, closed in child processes; anything else (a pipe could be waited at for ever) is
-// refused with errno EINVAL.
+// refused with errno ENOTSUP.
 inline unique_fd open_regular(const char *name, int flags, mode_t mode = 0) {
     unique_fd fd(::open(name, flags | O_CLOEXEC | O_NONBLOCK, mode));
     struct stat status {};
-    if (fd && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    const bool pipe = !fd && errno == ENXIO; // which nobody reads
+    if (pipe || (fd && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)))) {
         fd.reset();
-        errno = EINVAL;
+        errno = ENOTSUP;
     }
     return fd;
+}
+
+struct close_file {
+    void operator()(std::FILE *file) const { std::fclose(file); }
+};
+using unique_file = std::unique_ptr<std::FILE, close_file>;
+
+// Opens a file for writing ("w") or to add to it ("a") without waiting: a pipe without a reader is refused.
+// Close-on-exec keeps the descriptor from commands of the operating system. Empty with errno.
+inline unique_file open_stream(const char *name, const char *mode) {
+    const int how = *mode == 'a' ? O_APPEND : O_TRUNC;
+    unique_fd fd(::open(name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | how, 0666));
+    if (!fd || ::fcntl(fd.get(), F_SETFL, how & O_APPEND) != 0)
+        return {};
+    unique_file file(::fdopen(fd.get(), mode));
+    if (file)
+        fd.release();
+    return file;
 }
 
 // read() that goes on after an interrupt: the count, 0 at the end, -1 with errno.

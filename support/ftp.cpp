@@ -335,7 +335,7 @@ ftp_result ftp_upload::begin(const ftp_account &account, std::string_view path, 
     s->path = path;
     s->talk.options = options;
     s->url = make_url(account, path);
-    if (s->url.empty())
+    if (s->url.empty() || path.ends_with('/'))
         return refused("Bad machine or file name");
     if (!start_library() || (s->multi = curl_multi_init()) == nullptr ||
         (s->easy = curl_easy_init()) == nullptr)

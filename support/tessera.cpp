@@ -257,24 +257,6 @@ herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user)
     return 1;
 }
 
-// The title as our own files have it; others' are left aside.
-std::string title_of(hid_t file) {
-    const auto set = own<H5Dclose>(H5Dopen2(file, "/entry/title", H5P_DEFAULT));
-    if (!set.ok())
-        return {};
-    const auto type = own<H5Tclose>(H5Dget_type(set.get()));
-    const auto space = own<H5Sclose>(H5Dget_space(set.get()));
-    if (H5Tis_variable_str(type.get()) <= 0 || H5Sget_simple_extent_npoints(space.get()) != 1)
-        return {};
-    char *text = nullptr;
-    const auto memory = text_type();
-    if (H5Dread(set.get(), memory.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &text) < 0 || text == nullptr)
-        return {};
-    const std::string title = text;
-    H5free_memory(text);
-    return title;
-}
-
 } // namespace
 
 bool tessera_reader::take_dataset(std::string &error) {
@@ -319,7 +301,6 @@ bool tessera_reader::open(const std::string &name, std::string &error) {
     }
     dataset_ = "/" + s.found;
     data_ = own<H5Dclose>(H5Dopen2(file_.get(), s.found.c_str(), H5P_DEFAULT));
-    title_ = title_of(file_.get());
     return take_dataset(error);
 }
 

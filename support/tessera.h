@@ -86,7 +86,6 @@ class tessera_reader {
     tessera_shape shape() const { return shape_; }
     element_type type() const { return type_; } // the type that read() hands out
     const std::string &dataset() const { return dataset_; }
-    const std::string &title() const { return title_; }
     // Fills the buffer with a box, x fastest, then y, then t. The box must lie within the shape.
     bool read(void *buffer, int x, int y, int t, int dx, int dy, int dt) const;
 
@@ -99,7 +98,6 @@ class tessera_reader {
     element_type type_ = el_none;
     int rank_ = 0;
     std::string dataset_;
-    std::string title_;
 };
 
 } // namespace kestrel

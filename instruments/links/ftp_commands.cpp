@@ -26,12 +26,8 @@ enum ftp_keyword : int { ftp_host = 1, ftp_user = 2, ftp_password = 4, ftp_ascii
 constexpr std::size_t block_size = 65536;
 constexpr int debug_max = 3;
 
-struct close_file {
-    void operator()(std::FILE *file) const { std::fclose(file); }
-};
-
 ftp_trace trace;
-std::unique_ptr<std::FILE, close_file> trace_file;
+unique_file trace_file;
 
 std::string client_address(int cn) {
     char text[INET_ADDRSTRLEN] = "";
@@ -121,7 +117,7 @@ struct partial_file {
 
 int receive_file(int cn, int quals, const char *remote, const std::string &local) {
     partial_file part{local + ".part"};
-    std::unique_ptr<std::FILE, close_file> file(std::fopen(part.name.c_str(), "we"));
+    unique_file file(std::fopen(part.name.c_str(), "we"));
     if (!file) {
         part.name.clear();
         return file_error(cn, local);
@@ -154,9 +150,9 @@ int set_debug(int, int cn, int level, const char *log) {
         sv_printf(cn, "! FTP debug level should be 0..%d not %d\n", debug_max, level);
         return -1;
     }
-    std::unique_ptr<std::FILE, close_file> file;
+    unique_file file;
     if (log) {
-        file.reset(std::fopen(log, "ae"));
+        file = open_stream(log, "a");
         if (!file)
             return file_error(cn, log);
     }

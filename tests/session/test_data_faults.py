@@ -4,6 +4,7 @@ import os
 import signal
 import socket
 import stat
+import struct
 import subprocess
 import threading
 import time
@@ -342,8 +343,9 @@ def test_a_client_that_takes_no_data_is_left_by_an_interrupt(server, client, sti
     port.close()
 
 
-@pytest.mark.parametrize("leave", [socket.socket.close, lambda s: s.shutdown(socket.SHUT_WR)], ids=["closed", "half closed"])
-def test_a_kept_data_connection_that_the_client_has_left_is_not_used_again(client, still, leave):
+@pytest.mark.parametrize("broken", [True, False])
+def test_a_kept_data_connection_is_used_again_unless_it_is_broken(client, still, broken):
+    """A client that only has no more to send itself still gets its data there."""
     handle = do(client, "test open 3 1 1 double")
     port = DataPort(client)
     line = f"read 0 0 0 3 1 1 from {handle} raw preserve-socket"
@@ -353,8 +355,15 @@ def test_a_kept_data_connection_that_the_client_has_left_is_not_used_again(clien
         received = b""
         while len(received) < 48:  # both, over the connection that was kept
             received += connection.recv(48)
-        leave(connection)
-        data, _ = port.take(client, line.replace(" preserve-socket", ""))
+        last = line.replace(" preserve-socket", "")
+        if broken:
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            connection.close()
+            data, _ = port.take(client, last)
+        else:
+            connection.shutdown(socket.SHUT_WR)
+            do(client, last)
+            data = b"".join(iter(lambda: connection.recv(48), b""))
     assert np.frombuffer(data).tolist() == [0, 1, 2]
     port.close()
 

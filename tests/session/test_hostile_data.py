@@ -47,6 +47,14 @@ def test_pipes_in_place_of_index_files_are_refused(server, client):
         said = refused(client, f"file get-next-index '{folder}'")
         path = folder / ("kestrel.index" if file.endswith(".new") else file)
         assert said[0].startswith(f"! ERROR: cannot {line} '{path}': "), said
+    os.mkfifo(server.cwd / "pipe")
+    do(client, "test open 4 4 1 long")
+    assert refused(client, "maths search-outliers 0 0 0 0 3 3 0 'pipe' above 1.0") == ["! Cannot open file 'pipe'"]
+    assert refused(client, "ftp set-debug 1 'pipe'")
+    with h5py.File(server.cwd / "titled.h5", "w") as f:
+        f["data"] = np.zeros((8, 8), "u1")
+        f["entry/title"] = h5py.ExternalLink("pipe", "x")
+    do(client, "file open 'titled.h5' tessera")
 
 
 def test_an_index_that_somebody_keeps_locked(server, client):

@@ -35,7 +35,6 @@ TEST(tessera, what_is_written_in_uneven_pieces_reads_back_by_the_box) {
     EXPECT_EQ(reader.shape().ny, 4);
     EXPECT_EQ(reader.shape().nt, 3);
     EXPECT_EQ(reader.type(), el_float);
-    EXPECT_EQ(reader.title(), "A title");
     std::vector<float> box(2 * 2 * 2);
     ASSERT_TRUE(reader.read(box.data(), 3, 1, 1, 2, 2, 2));
     EXPECT_EQ(box, (std::vector<float>{28.5, 29.5, 33.5, 34.5, 48.5, 49.5, 53.5, 54.5}));
