@@ -16,7 +16,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <sys/stat.h>
 
 namespace kestrel::links {
 
@@ -83,14 +82,9 @@ int file_error(int cn, const std::string &name) {
 
 // The file goes out in blocks; what the far end has of a failed one is taken back by the upload.
 int send_file(int cn, int quals, const char *local, const std::string &remote) {
-    const unique_fd file(::open(local, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0)
+    const unique_fd file = open_regular(local, O_RDONLY);
+    if (!file)
         return file_error(cn, local);
-    if (!S_ISREG(status.st_mode)) {
-        errno = EINVAL;
-        return file_error(cn, local);
-    }
     const ftp_account account = account_of(quals, cn);
     ftp_upload upload;
     ftp_result result = upload.begin(account, remote, options_of(quals));
@@ -117,7 +111,7 @@ struct partial_file {
 
 int receive_file(int cn, int quals, const char *remote, const std::string &local) {
     partial_file part{local + ".part"};
-    unique_file file(std::fopen(part.name.c_str(), "we"));
+    unique_file file = open_stream(part.name.c_str(), "w");
     if (!file) {
         part.name.clear();
         return file_error(cn, local);
@@ -137,11 +131,15 @@ int receive_file(int cn, int quals, const char *remote, const std::string &local
 
 int put(int quals, int cn, const char *local, const char *remote) {
     sv_flush_all(cn);
+    if (pt_check_names(cn, ftp_host | ftp_user | ftp_password) != 0)
+        return -1;
     return send_file(cn, quals, local, remote ? remote : last_part(local));
 }
 
 int get(int quals, int cn, const char *remote, const char *local) {
     sv_flush_all(cn);
+    if (pt_check_names(cn, ftp_host | ftp_user | ftp_password) != 0)
+        return -1;
     return receive_file(cn, quals, remote, local ? local : last_part(remote));
 }
 

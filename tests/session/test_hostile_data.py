@@ -51,6 +51,10 @@ def test_pipes_in_place_of_index_files_are_refused(server, client):
     do(client, "test open 4 4 1 long")
     assert refused(client, "maths search-outliers 0 0 0 0 3 3 0 'pipe' above 1.0") == ["! Cannot open file 'pipe'"]
     assert refused(client, "ftp set-debug 1 'pipe'")
+    os.mkfifo(server.cwd / "got.part")
+    assert refused(client, "ftp get 'far' 'got' host '127.0.0.1'") and refused(client, "ftp put 'pipe' 'far'")
+    assert refused(client, f"ftp put 'titled.h5' 'far' host '{'h' * 256}'") == [
+        "! ERROR: a name can have 255 characters here at most"]
     with h5py.File(server.cwd / "titled.h5", "w") as f:
         f["data"] = np.zeros((8, 8), "u1")
         f["entry/title"] = h5py.ExternalLink("pipe", "x")
