@@ -1,6 +1,7 @@
 #include "parser/format.h"
 
-#include <cctype>
+#include "parser/format_words.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,38 +11,6 @@
 namespace kestrel {
 
 namespace {
-
-struct reader {
-    std::string_view format;
-    std::size_t at = 0;
-
-    void skip_blanks() {
-        while (at < format.size() && format[at] == ' ')
-            ++at;
-    }
-    bool ended() const { return at == format.size(); }
-    char peek() const { return ended() ? '\0' : format[at]; }
-
-    // "%x" with x one of the letters; 0, with nothing taken, when something else stands here.
-    char take_type(std::string_view letters) {
-        if (peek() != '%' || at + 1 >= format.size())
-            return 0;
-        const char letter = format[at + 1];
-        if (letters.find(letter) == std::string_view::npos) {
-            ++at;
-            return 0;
-        }
-        at += 2;
-        return letter;
-    }
-};
-
-bool is_word_start(char c) {
-    return std::isalpha(static_cast<unsigned char>(c));
-}
-bool is_word_char(char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_';
-}
 
 int size_of(char type) {
     switch (type) {
@@ -54,58 +23,22 @@ int size_of(char type) {
     }
 }
 
-bool read_arguments(reader &r, _pt_args &out) {
+void take_arguments(std::string_view arguments, _pt_args &out) {
     bool optional = false;
-    for (r.skip_blanks(); r.peek() == '%' || r.peek() == '+'; r.skip_blanks()) {
-        if (r.peek() == '+') {
-            if (optional)
-                return false;
+    for (const char c : arguments) {
+        if (c == '+') {
             optional = true;
             out.opt_start = out.nr_args;
-            ++r.at;
-            continue;
         }
-        const char type = r.take_type("dgfsv");
-        if (!type)
-            return false;
-        out.type += type;
-        out.stack_size += size_of(type);
-        out.nr_strings += type == 's';
+        if (c == '+' || c == '%' || c == ' ')
+            continue;
+        out.type += c;
+        out.stack_size += size_of(c);
+        out.nr_strings += c == 's';
         ++out.nr_args;
     }
     if (!optional)
         out.opt_start = out.nr_args;
-    return true;
-}
-
-bool read_qualifiers(reader &r, _pt_args &out) {
-    for (r.skip_blanks(); is_word_start(r.peek()); r.skip_blanks()) {
-        const std::size_t start = r.at;
-        while (is_word_char(r.peek()))
-            ++r.at;
-        if (out.nr_quals == pt_max_qualifiers)
-            return false;
-        out.name.emplace_back(r.format.substr(start, r.at - start));
-        ++out.nr_quals;
-        r.skip_blanks();
-        char type = 0;
-        if (r.peek() == '%' && !(type = r.take_type("dgfs")))
-            return false;
-        out.qtype += type;
-    }
-    return true;
-}
-
-bool read_return(reader &r, _pt_args &out) {
-    if (r.ended())
-        return true;
-    if (r.peek() != '=')
-        return false;
-    ++r.at;
-    r.skip_blanks();
-    out.return_type = r.take_type("dgfsq");
-    r.skip_blanks();
-    return out.return_type && r.ended();
 }
 
 // The handler's letter takes an argument of this type.
@@ -116,12 +49,20 @@ bool letter_takes(char letter, char type) {
 } // namespace
 
 std::unique_ptr<_pt_args> format_compile(std::string_view format, format_error &error) {
+    const format_parts parts = format_reader(format).read();
+    if (parts.faulty) {
+        error.position = parts.fault;
+        return nullptr;
+    }
     auto out = std::make_unique<_pt_args>();
-    reader r{format};
-    if (read_arguments(r, *out) && read_qualifiers(r, *out) && read_return(r, *out))
-        return out;
-    error.position = r.at;
-    return nullptr;
+    take_arguments(parts.arguments, *out);
+    out->nr_quals = parts.nr_words;
+    for (int i = 0; i < parts.nr_words; ++i) {
+        out->name.emplace_back(parts.words[static_cast<std::size_t>(i)].name);
+        out->qtype += parts.words[static_cast<std::size_t>(i)].type;
+    }
+    out->return_type = parts.return_type;
+    return out;
 }
 
 bool format_fits(const _pt_args &args, const pt_handler &handler) {

@@ -28,7 +28,7 @@ bool log2_of_int(int argument, int &result) {
 
 double time_of_day(double) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count() * 1e-6;
+    return std::chrono::duration<double>(std::chrono::floor<std::chrono::microseconds>(now)).count();
 }
 
 constexpr function functions[] = {

@@ -12,8 +12,6 @@ namespace kestrel {
 
 enum _pt_t : int { PT_TYPE_COMMAND, PT_TYPE_SUBTREE, PT_TYPE_END };
 
-inline constexpr int pt_max_qualifiers = 32;
-
 // A compiled argument format.
 struct _pt_args {
     int nr_args = 0;

@@ -111,7 +111,7 @@ char *put_g8_exact(char *out, double value) {
 } // namespace
 
 char *put_digits(char *out, std::uint32_t value, int bits_a_digit, int width) {
-    const int used = (std::bit_width(value) + bits_a_digit - 1) / bits_a_digit;
+    const int used = (static_cast<int>(std::bit_width(value)) + bits_a_digit - 1) / bits_a_digit;
     const int length = std::max({used, width, 1});
     for (int i = length - 1; i >= 0; --i) {
         out[i] = "0123456789ABCDEF"[value & ((1U << bits_a_digit) - 1)];

@@ -1,5 +1,7 @@
 // Argument formats: what compiles to what, where a bad one is refused, and which handlers fit.
 #include "parser/format.h"
+#include "parser/interpreter.h"
+#include "parser/qualifiers.h"
 
 #include <gtest/gtest.h>
 
@@ -57,4 +59,36 @@ TEST(format, fits_the_handlers_own_signature) {
     EXPECT_TRUE(format_fits(*compile("%s + %v %v %v = %d"), pt_bind<rest_of_line>()));
     EXPECT_TRUE(format_fits(*compile("%v = %s"), pt_bind<any_value>()));
     EXPECT_FALSE(format_fits(*compile("%v = %d"), pt_bind<any_value>()));
+}
+
+namespace {
+
+constexpr pt_format view_format("%s + %d fit %d wrapped over %g to %s = %d");
+
+std::string seen;
+
+int show(int quals, int, const char *, int) {
+    const pt_qualifiers<view_format> q(quals);
+    seen = std::to_string(q.number("fit", -1)) + " " + std::to_string(q.given("wrapped")) + " " +
+           std::to_string(q.real("over", 2.0)) + " " + q.text("to", "nowhere") + " " +
+           std::to_string(q.count({"fit", "to"})) + " " + std::to_string(q.which({"to", "wrapped", "fit"}));
+    return 0;
+}
+
+std::string seen_by_view(const char *line) {
+    static const PARSE_TREE table[] = {pt_command<show>("view", view_format, "", ""), pt_end()};
+    const PARSE_TREE *before = pt_root();
+    pt_set_root(table);
+    seen.clear();
+    user_service(-1, line, 0, nullptr, nullptr);
+    pt_set_root(before);
+    return seen;
+}
+
+} // namespace
+
+TEST(qualifiers, are_found_by_their_names) {
+    EXPECT_EQ(seen_by_view("view 'a' to 'b' fit 3"), "3 0 2.000000 b 2 0");
+    EXPECT_EQ(seen_by_view("view 'a' 1 wrapped over 0.5"), "-1 1 0.500000 nowhere 0 1");
+    EXPECT_EQ(seen_by_view("view 'a'"), "-1 0 2.000000 nowhere 0 -1");
 }
