@@ -30,9 +30,11 @@ std::vector<std::string> user_sv_ln_completion(std::string_view line) {
     const std::string_view partial = line.substr(start);
     std::vector<std::string> candidates;
     const PARSE_TREE *table = walk_words(line.substr(0, start));
-    for (const PARSE_TREE *row = table; row && row->type != PT_TYPE_END; ++row)
-        if (begins_with_word(row->name, partial))
-            candidates.push_back(std::string(line.substr(0, start)) + row->name);
+    if (!table)
+        return candidates;
+    for (const PARSE_TREE &row : pt_rows(table))
+        if (begins_with_word(row.name, partial))
+            candidates.push_back(std::string(line.substr(0, start)) + row.name);
     return candidates;
 }
 

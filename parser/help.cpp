@@ -73,8 +73,8 @@ void locate(int cn, std::size_t position) {
 
 void list_names(int cn, const PARSE_TREE *table) {
     std::string names;
-    for (const PARSE_TREE *row = table; row->type != PT_TYPE_END; ++row)
-        names += std::string(row->name) + " ";
+    for (const PARSE_TREE &row : pt_rows(table))
+        names += std::string(row.name) + " ";
     sv_printf(cn, "# Choices at this point are:\n");
     sv_print(cn, "#  " + names + "\n");
     sv_printf(cn, "# Type partial command followed by '?' for more help\n");
@@ -82,8 +82,8 @@ void list_names(int cn, const PARSE_TREE *table) {
 
 void list_choices(int cn, const PARSE_TREE *table) {
     sv_printf(cn, "# Choices at this point are:\n");
-    for (const PARSE_TREE *row = table; row->type != PT_TYPE_END; ++row)
-        sv_printf(cn, "#%16s %s\n", row->name, row->help);
+    for (const PARSE_TREE &row : pt_rows(table))
+        sv_printf(cn, "#%16s %s\n", row.name, row.help);
     sv_printf(cn, "# Type partial command and '?' for more help\n");
 }
 

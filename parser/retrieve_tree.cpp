@@ -35,14 +35,14 @@ void stuff_command(int cn, const PARSE_TREE &entry) {
 
 void stuff(int cn, const PARSE_TREE *table) {
     item(cn, "SIZE", std::to_string(pt_size(table)));
-    for (const PARSE_TREE *row = table; row->type != PT_TYPE_END; ++row) {
-        if (row->type == PT_TYPE_COMMAND) {
-            stuff_command(cn, *row);
+    for (const PARSE_TREE &row : pt_rows(table)) {
+        if (row.type == PT_TYPE_COMMAND) {
+            stuff_command(cn, row);
             continue;
         }
-        item(cn, "SUBT", row->name);
-        item(cn, "HELP", row->help);
-        stuff(cn, row->subtree);
+        item(cn, "SUBT", row.name);
+        item(cn, "HELP", row.help);
+        stuff(cn, row.subtree);
     }
 }
 

@@ -8,7 +8,7 @@
 namespace kestrel {
 
 namespace {
-const PARSE_TREE empty_tree[] = {pt_end()};
+constinit const PARSE_TREE empty_tree[] = {pt_end()};
 const PARSE_TREE *main_parse_tree = empty_tree;
 
 // As same_word, without looking for the name's end first.
@@ -37,7 +37,7 @@ found &place_of(const PARSE_TREE *table, std::string_view word) {
 
 std::size_t pt_size(const PARSE_TREE *table) {
     std::size_t size = 0;
-    while (table[size].type != PT_TYPE_END)
+    for ([[maybe_unused]] const PARSE_TREE &row : pt_rows(table))
         ++size;
     return size;
 }
@@ -46,10 +46,10 @@ const PARSE_TREE *pt_find(const PARSE_TREE *table, std::string_view word) {
     found &known = place_of(table, word);
     if (known.table == table && is_named(*known.row, word))
         return known.row;
-    for (const PARSE_TREE *row = table; row->type != PT_TYPE_END; ++row) {
-        if (is_named(*row, word)) {
-            known = {table, row};
-            return row;
+    for (const PARSE_TREE &row : pt_rows(table)) {
+        if (is_named(row, word)) {
+            known = {table, &row};
+            return &row;
         }
     }
     return nullptr;

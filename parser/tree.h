@@ -10,7 +10,7 @@
 
 namespace kestrel {
 
-enum _pt_t : int { PT_TYPE_COMMAND, PT_TYPE_SUBTREE, PT_TYPE_END };
+enum _pt_t : int { PT_TYPE_COMMAND, PT_TYPE_SUBTREE, PT_TYPE_END, PT_TYPE_ROW };
 
 // A compiled argument format.
 struct _pt_args {
@@ -27,7 +27,7 @@ struct _pt_args {
 
 struct PARSE_TREE {
     _pt_t type = PT_TYPE_END;
-    const PARSE_TREE *subtree = nullptr;
+    const PARSE_TREE *subtree = nullptr; // the table of a subtree; the row itself where it is another file's
     const char *name = "";
     const char *help = "";
     const char *arghelp = "";
@@ -39,9 +39,10 @@ struct PARSE_TREE {
     int line = 0;
 };
 
-// Rows of a table:
-//   static const PARSE_TREE table[] = {
+// Rows of a table. A row may stand beside its handler in another file, as a constinit object of its own:
+//   constinit const PARSE_TREE table[] = {
 //       pt_command<do_create>("create", "%s + %d = %d", "create a thing", "name/size"),
+//       pt_row(row_remove),
 //       pt_subtree("sub", sub_table, "prefix for sub functions"),
 //       pt_end(),
 //   };
@@ -58,9 +59,39 @@ constexpr PARSE_TREE pt_subtree(const char *name, const PARSE_TREE *table, const
     return {PT_TYPE_SUBTREE, table, name, help, "", "", 0, nullptr, {}, file, line};
 }
 
+constexpr PARSE_TREE pt_row(const PARSE_TREE &row) {
+    return {PT_TYPE_ROW, &row};
+}
+
 constexpr PARSE_TREE pt_end() {
     return {};
 }
+
+// The commands and subtrees of a table, wherever their rows stand:  for (const PARSE_TREE &row : pt_rows(table))
+class pt_rows {
+  public:
+    struct end_row {};
+    class iterator {
+      public:
+        explicit iterator(const PARSE_TREE *at) : at_(at) {}
+        const PARSE_TREE &operator*() const { return at_->type == PT_TYPE_ROW ? *at_->subtree : *at_; }
+        iterator &operator++() {
+            ++at_;
+            return *this;
+        }
+        bool operator!=(end_row) const { return at_->type != PT_TYPE_END; }
+
+      private:
+        const PARSE_TREE *at_;
+    };
+
+    explicit pt_rows(const PARSE_TREE *table) : table_(table) {}
+    iterator begin() const { return iterator(table_); }
+    end_row end() const { return {}; }
+
+  private:
+    const PARSE_TREE *table_;
+};
 
 // Rows up to the end row.
 std::size_t pt_size(const PARSE_TREE *table);

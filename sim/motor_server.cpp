@@ -90,7 +90,7 @@ int config_die(int, int, int commands) {
     return 0;
 }
 
-const PARSE_TREE config_tree[] = {
+constinit const PARSE_TREE config_tree[] = {
     pt_command<config_slow>("slow", "%g = %d", "let every move take a time", "Seconds"),
     pt_command<config_fail>("fail", "%d = %d", "let the next commands fail", "Number of commands"),
     pt_command<config_die>("die", "%d = %d", "end the server in the middle of a command",
@@ -98,7 +98,7 @@ const PARSE_TREE config_tree[] = {
     pt_end(),
 };
 
-const PARSE_TREE motor_tree[] = {
+constinit const PARSE_TREE motor_tree[] = {
     pt_command<move_by>("move-by", "%d %d = %d", "move a stepper motor by a number of steps",
                         "Motor number/Number of steps"),
     pt_command<move_to>("move-to", "%d %d = %d", "move a stepper motor to a position",
@@ -110,8 +110,10 @@ const PARSE_TREE motor_tree[] = {
     pt_end(),
 };
 
-const PARSE_TREE root[] = {
-    row_help, row_echo, row_quit, row_shutdown, row_status, pt_subtree("motor", motor_tree, "stepper motors"),
+constinit const PARSE_TREE root[] = {
+    pt_row(row_help),   pt_row(row_echo),
+    pt_row(row_quit),   pt_row(row_shutdown),
+    pt_row(row_status), pt_subtree("motor", motor_tree, "stepper motors"),
     pt_end(),
 };
 
