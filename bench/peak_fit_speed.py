@@ -19,7 +19,7 @@ import numpy as np
 from scipy.optimize import leastsq
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "tests" / "session"))
+sys.path.insert(0, str(ROOT / "tools" / "session"))
 import kestrel_data
 import kestrel_session
 

@@ -22,7 +22,7 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "tests" / "session"))
+sys.path.insert(0, str(ROOT / "tools" / "session"))
 import kestrel_data
 import kestrel_session
 import numpy as np

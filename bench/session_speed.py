@@ -23,7 +23,7 @@ import sys
 import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "tests" / "session"))
+sys.path.insert(0, str(ROOT / "tools" / "session"))
 import kestrel_session
 
 PROGRAMS = pathlib.Path(kestrel_session.KESTREL).resolve().parent

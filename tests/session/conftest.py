@@ -1,10 +1,14 @@
 """Fixtures: each server of a test ends with it, and a crash or a sanitizer's report then fails the test."""
 import os
+import pathlib
 import subprocess
+import sys
 
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "session"))
 import kestrel_data
 import kestrel_session
-import pytest
 
 
 def pytest_sessionstart():
