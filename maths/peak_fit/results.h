@@ -1,7 +1,7 @@
-// maths: what a peak fit leaves in its result module: which quantities, and where each goes.
+// maths/peak_fit: what a peak fit leaves in its result module: which quantities, and where each goes.
 #pragma once
 
-#include "maths/peak_solver.h"
+#include "maths/peak_fit/solver.h"
 #include "modules/store/view.h"
 
 #include <span>

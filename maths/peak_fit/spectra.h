@@ -1,4 +1,4 @@
-// maths: spectra that lie in memory, whatever axis of their source is energy.
+// maths/peak_fit: spectra that lie in memory, whatever axis of their source is energy.
 #pragma once
 
 #include "support/element.h"

@@ -1,7 +1,7 @@
-// maths: which lines a spectrum is fitted with: the element keywords and peaks that the user gives.
+// maths/peak_fit: which lines a spectrum is fitted with: the element keywords and peaks that the user gives.
 #pragma once
 
-#include "maths/peak_model.h"
+#include "maths/peak_fit/model.h"
 
 #include <span>
 #include <string_view>

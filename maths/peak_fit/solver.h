@@ -1,9 +1,9 @@
-// maths: fitting one spectrum with MINPACK's Levenberg-Marquardt solver. May print to the session; knows no
-// handle and no module. A solver object belongs to one thread.
+// maths/peak_fit: fitting one spectrum with MINPACK's Levenberg-Marquardt solver. May print to the session;
+// knows no handle and no module. A solver object belongs to one thread.
 #pragma once
 
-#include "maths/peak_lines.h"
-#include "maths/peak_model.h"
+#include "maths/peak_fit/lines.h"
+#include "maths/peak_fit/model.h"
 
 #include <array>
 #include <memory>

@@ -1,6 +1,6 @@
-#include "maths/peak_job.h"
+#include "maths/peak_fit/job.h"
 
-#include "maths/peak_debug.h"
+#include "maths/peak_fit/recorder.h"
 #include "server/interrupt.h"
 #include "server/output.h"
 

@@ -1,8 +1,8 @@
-// maths: the residuals of a peak fit as MINPACK asks for them, and the parameters that it varies. Numbers
-// only: no session, no handle.
+// maths/peak_fit: the residuals of a peak fit as MINPACK asks for them, and the parameters that it varies.
+// Numbers only: no session, no handle.
 #pragma once
 
-#include "maths/peak_model.h"
+#include "maths/peak_fit/model.h"
 
 #include <array>
 #include <span>

@@ -1,8 +1,8 @@
-#include "maths/peak_solver.h"
+#include "maths/peak_fit/solver.h"
 
-#include "maths/peak_errors.h"
-#include "maths/peak_residuals.h"
-#include "maths/peak_search.h"
+#include "maths/peak_fit/errors.h"
+#include "maths/peak_fit/residuals.h"
+#include "maths/peak_fit/search.h"
 #include "server/output.h"
 
 #include <algorithm>

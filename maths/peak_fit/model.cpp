@@ -1,4 +1,4 @@
-#include "maths/peak_model.h"
+#include "maths/peak_fit/model.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "maths/peak_spectra.h"
+#include "maths/peak_fit/spectra.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "maths/peak_lines.h"
+#include "maths/peak_fit/lines.h"
 
 namespace kestrel {
 

@@ -1,5 +1,5 @@
 // The line shape and the figures of merit, with numbers worked by hand.
-#include "maths/peak_model.h"
+#include "maths/peak_fit/model.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "maths/peak_scan.h"
+#include "maths/peak_fit_handle.h"
 
 #include "maths/reader.h"
 #include "server/output.h"
@@ -11,21 +11,6 @@ namespace kestrel {
 namespace {
 
 constexpr std::size_t read_most = 0x10000000; // bytes of spectra read at once
-
-bool same_module(int cn, const char *result, const void *owner) {
-    const module_link link(result);
-    if (!link || link.head() != owner)
-        return false;
-    sv_printf(cn, "! The result module must not be the source\n");
-    return true;
-}
-
-int start_output(const peak_fit_request &request, const char *result, int nq, int ns, peak_fit_output &out) {
-    if (peak_fit_start_output(request.cn, result, nq, ns, request.lines.num_peaks, out) != 0)
-        return -1;
-    peak_fit_clear(out, nq, ns, request.lines.num_peaks);
-    return 0;
-}
 
 peak_spectra layout(const peak_fit_scan &sc, const std::byte *first, int type,
                     std::array<std::size_t, 3> steps) {
@@ -80,7 +65,7 @@ int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const c
     for (int q0 = 0, s0 = 0; s0 < sc.ns() && !counts.stopped;) {
         const piece p = piece_at(sc, q0, s0, most, neighbours);
         if (read_piece(request.cn, sc, p, buffer, spectra) != 0 ||
-            (done == 0 && start_output(request, result, sc.nq(), sc.ns(), output) != 0))
+            (done == 0 && peak_fit_open_results(request, result, sc.nq(), sc.ns(), output) != 0))
             return -1;
         const peak_fit_part part{&spectra, p.before, p.before + p.nq - 1, p.q0, p.s0, sc.nq(), 0};
         counts += peak_fit_fit_part(request, part, output, done, total);
@@ -95,16 +80,6 @@ int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const c
 }
 
 } // namespace
-
-int peak_fit_fit_rows(const peak_fit_request &request, const peak_spectra &spectra, int q1, int q2,
-                      const void *owner, const char *result) {
-    const int nq = q2 - q1 + 1, total = nq * spectra.ns;
-    peak_fit_output output;
-    if (same_module(request.cn, result, owner) || start_output(request, result, nq, spectra.ns, output) != 0)
-        return -1;
-    const peak_fit_part part{&spectra, q1, q2, 0, 0, nq, q1};
-    return peak_fit_close(request.cn, peak_fit_fit_part(request, part, output, 0, total), total);
-}
 
 int peak_fit_fit_scan(const peak_fit_request &request, const peak_fit_scan &sc, const char *result) {
     const unified_box box{sc.origin[0], sc.origin[1], sc.origin[2], sc.size[0], sc.size[1], sc.size[2]};

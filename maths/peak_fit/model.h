@@ -1,5 +1,5 @@
-// maths: the line shape of peak fitting, start patterns, and figures of merit of a fitted spectrum. Numbers
-// only: no session, no handle.
+// maths/peak_fit: the line shape of peak fitting, start patterns, and figures of merit of a fitted spectrum.
+// Numbers only: no session, no handle.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-#include "maths/peak_debug.h"
+#include "maths/peak_fit/recorder.h"
 
 #include "modules/store/headed.h"
 #include "modules/store/view.h"

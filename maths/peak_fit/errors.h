@@ -1,7 +1,7 @@
-// maths: error bars of a peak fit. Numbers only: no session, no handle.
+// maths/peak_fit: error bars of a peak fit. Numbers only: no session, no handle.
 #pragma once
 
-#include "maths/peak_solver.h"
+#include "maths/peak_fit/solver.h"
 
 #include <span>
 #include <vector>

@@ -1,10 +1,10 @@
-// maths: fitting many spectra, on several threads at once. Workers read the spectra, write their own points
-// of the result module and print; the calling thread waits for them and listens for ^C.
+// maths/peak_fit: fitting many spectra, on several threads at once. Workers read the spectra, write their own
+// points of the result module and print; the calling thread waits for them and listens for ^C.
 #pragma once
 
-#include "maths/peak_results.h"
-#include "maths/peak_solver.h"
-#include "maths/peak_spectra.h"
+#include "maths/peak_fit/results.h"
+#include "maths/peak_fit/solver.h"
+#include "maths/peak_fit/spectra.h"
 
 namespace kestrel {
 

@@ -1,4 +1,4 @@
-// maths: finding the main peak of a spectrum, before any fit. Numbers only: no session, no handle.
+// maths/peak_fit: finding the main peak of a spectrum, before any fit. Numbers only: no session, no handle.
 #pragma once
 
 #include <span>

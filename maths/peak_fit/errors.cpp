@@ -1,6 +1,6 @@
-#include "maths/peak_errors.h"
+#include "maths/peak_fit/errors.h"
 
-#include "maths/peak_residuals.h"
+#include "maths/peak_fit/residuals.h"
 
 #include <Eigen/Dense>
 

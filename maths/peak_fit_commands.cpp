@@ -1,7 +1,7 @@
 // The `peak-fit` commands: which spectra, which lines, where the results go.
 #include "maths/commands.h"
 #include "maths/module_rows.h"
-#include "maths/peak_scan.h"
+#include "maths/peak_fit_handle.h"
 #include "maths/reader.h"
 #include "parser/call.h"
 #include "server/output.h"

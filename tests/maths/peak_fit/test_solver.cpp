@@ -1,6 +1,6 @@
 // Fits of spectra whose truth is known.
-#include "maths/peak_job.h"
-#include "maths/peak_solver.h"
+#include "maths/peak_fit/job.h"
+#include "maths/peak_fit/solver.h"
 
 #include <gtest/gtest.h>
 

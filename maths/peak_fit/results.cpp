@@ -1,4 +1,4 @@
-#include "maths/peak_results.h"
+#include "maths/peak_fit/results.h"
 
 #include "modules/store/headed.h"
 #include "server/output.h"

@@ -1,5 +1,5 @@
 // The line table against an independent library of X-ray data.
-#include "maths/peak_lines.h"
+#include "maths/peak_fit/lines.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "maths/peak_search.h"
+#include "maths/peak_fit/search.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "maths/peak_residuals.h"
+#include "maths/peak_fit/residuals.h"
 
 #include <algorithm>
 #include <cmath>

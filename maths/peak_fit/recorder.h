@@ -1,7 +1,7 @@
-// maths: keeps the trials of peak fits for whoever looks for the reason of a bad one.
+// maths/peak_fit: keeps the trials of peak fits for whoever looks for the reason of a bad one.
 #pragma once
 
-#include "maths/peak_solver.h"
+#include "maths/peak_fit/solver.h"
 
 #include <vector>
 
