@@ -1,33 +1,27 @@
 // `maths binary-op`: two volumes combined element by element, in single precision.
-#include "maths/commands.h"
 #include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
-#include "parser/call.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
 #include <algorithm>
-#include <bit>
 #include <limits>
+#include <span>
 
 namespace kestrel {
 
 namespace {
 
-enum binary_keyword : int {
-    bin_add = 1,
-    bin_sub = 2,
-    bin_mult = 4,
-    bin_div = 8,
-    bin_threshold = 16,
-    bin_scale = 32
-};
-constexpr int operators = bin_add | bin_sub | bin_mult | bin_div;
-constexpr int threshold_keyword = 4, scale_keyword = 5, first_output_keyword = 6;
+constexpr pt_format binary_format(
+    text_join<"%d %d + %d %d %d %d %d %d %d %d %d %d %d %d add sub mult div threshold %g scale %g ",
+              umaths_output_words>);
+
+enum binary_operator : int { bin_add, bin_sub, bin_mult, bin_div };
 
 struct operation {
-    int code = 0;
+    binary_operator code = bin_add;
     float threshold = 1.0F; // a divisor up to this gives 0; at most 0: no test
     float scale = 0.0F;     // 0: no scaling
 };
@@ -251,20 +245,15 @@ umaths_region size_of_handle(int cn, int handle) {
             std::max(1, unified_get_nt(0, cn, handle))};
 }
 
-} // namespace
-
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
-    operation o;
-    o.code = quals & operators;
-    if (!std::has_single_bit(static_cast<unsigned>(o.code))) {
+    const pt_qualifiers<binary_format> q(quals);
+    if (q.count({"add", "sub", "mult", "div"}) != 1) {
         sv_printf(cn, "! ERROR: Must specify one of add, sub, mult, div\n");
         return -1;
     }
-    if (quals & bin_threshold)
-        o.threshold = static_cast<float>(Qualifier[threshold_keyword].DoubleArg);
-    if (quals & bin_scale)
-        o.scale = static_cast<float>(Qualifier[scale_keyword].DoubleArg);
-    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
+    const operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
+                      static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
+    const umaths_destination to = umaths_destination_of(q);
     const umaths_region size_a = size_of_handle(cn, handle_a), size_b = size_of_handle(cn, handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {
         sv_printf(cn, "! Something wrong with unified handles\n");
@@ -285,5 +274,14 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
         return -1;
     return combine_volumes(cn, a, b, out, o);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_binary_op = pt_command<umaths_bin_op>(
+    "binary-op", binary_format, "Perform binary operation (add/sub/mult div)",
+    text_join<"Unified handle A/Unified handle B/x1 or nt [ny] or t1 [y1]/y1 or         t2 [y2]/t1/x2/y2/t2/"
+              "x1_b/y1_b/t1_b/x2_b/y2_b/t2_b/Calculate A+B/Calculate A-B/Calculate A*B/Calculate A div B/"
+              "Threshold for division/Scaling factor/",
+              umaths_output_help>);
 
 } // namespace kestrel

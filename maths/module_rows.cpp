@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 
 namespace kestrel {
@@ -59,12 +58,10 @@ int umaths_module_like(int cn, const char *name, const module_view &like, int da
     return 0;
 }
 
-int umaths_check_row(int cn, const char *format, const linked_module &module, int row) {
+int umaths_check_row(int cn, const char *what, const linked_module &module, int row) {
     if (row >= 0 && row < module.rows())
         return 0;
-    char text[80];
-    std::snprintf(text, sizeof text, format, module.rows() - 1, row);
-    sv_print(cn, text);
+    sv_printf(cn, "! %s should be 0..%d not %d\n", what, module.rows() - 1, row);
     return -1;
 }
 

@@ -24,8 +24,8 @@ int umaths_link_module(int cn, const char *name, linked_module &out);
 // does not exist; one that exists keeps its type. 0, or -1 after a line.
 int umaths_module_like(int cn, const char *name, const module_view &like, int data_float, linked_module &out);
 
-// 0, or -1 after the line that `format` makes of the last row and the row.
-int umaths_check_row(int cn, const char *format, const linked_module &module, int row);
+// A row of the module: 0, or -1 after a line that calls it `what`, as in "X Row".
+int umaths_check_row(int cn, const char *what, const linked_module &module, int row);
 
 // Elements of row y of frame t from x on; all of them must lie in it. In frame 0, y may be a row of a later
 // one.

@@ -16,8 +16,6 @@ namespace {
 
 constexpr std::size_t worth_touching = 1 << 20; // bytes
 
-enum destination_keyword { to_module, to_tessera, to_carafe, to_mem0, at_x, at_y, at_t };
-
 int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
     const auto refuse = [&out] {
         umaths_stop_output(out);
@@ -111,20 +109,6 @@ void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 }
 
 } // namespace
-
-umaths_destination umaths_destination_of(int quals, int first) {
-    const auto has = [quals, first](int keyword) { return (quals >> (first + keyword) & 1) != 0; };
-    const auto number = [&](int keyword) { return has(keyword) ? Qualifier[first + keyword].IntArg : 0; };
-    umaths_destination to;
-    to.module = has(to_module);
-    to.other = has(to_tessera) || has(to_carafe) || has(to_mem0);
-    to.name = Qualifier[first + to_module].StringArg;
-    to.has_start_t = has(at_t);
-    to.start_x = number(at_x);
-    to.start_y = number(at_y);
-    to.start_t = number(at_t);
-    return to;
-}
 
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
                         RWMode rw_mode, int data_float) {

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "modules/store/view.h"
+#include "parser/qualifiers.h"
+#include "support/text_join.h"
 
 #include <cstddef>
 
@@ -10,7 +12,13 @@ namespace kestrel {
 enum class UMOutputType : int { none = 0, module = 1 };
 enum class RWMode : int { write, read_then_write };
 
-// Where the output keywords of a command say that its result goes.
+// How the formats and the help of commands that write an image end.
+inline constexpr fixed_text
+    umaths_output_words("module %s tessera %s carafe mem0 start-x %d start-y %d start-t %d  = %d");
+inline constexpr fixed_text umaths_output_help("To Module <name>/To Tessera <name>/To carafe/To mem0/"
+                                               "start point for x/start point for y/start point for t");
+
+// Where these keywords say that the result goes.
 struct umaths_destination {
     bool module = false;
     bool other = false; // a kind that is not provided
@@ -18,8 +26,12 @@ struct umaths_destination {
     bool has_start_t = false;
     int start_x = 0, start_y = 0, start_t = 0;
 };
-// The keywords "module %s tessera %s carafe mem0 start-x %d start-y %d start-t %d" from bit `first` on.
-umaths_destination umaths_destination_of(int quals, int first);
+template <const pt_format &Format> umaths_destination umaths_destination_of(const pt_qualifiers<Format> &q) {
+    return {q.given("module"),   q.count({"tessera", "carafe", "mem0"}) > 0,
+            q.text("module"),    q.given("start-t"),
+            q.number("start-x"), q.number("start-y"),
+            q.number("start-t")};
+}
 
 struct UMathsOutput {
     UMOutputType type = UMOutputType::none;

@@ -55,7 +55,7 @@ int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const c
     const std::size_t bytes = static_cast<std::size_t>(sc.channels()) *
                               static_cast<std::size_t>(unified_entry(sc.handle)->elem_size);
     const int most = static_cast<int>(std::clamp<std::size_t>(read_most / bytes, 1, 1 << 24));
-    const int neighbours = peak_fit_constraint & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
+    const int neighbours = request.constraints & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
     const int total = sc.nq() * sc.ns();
     peak_fit_output output;
     std::vector<std::byte> buffer;

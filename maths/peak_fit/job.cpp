@@ -18,8 +18,6 @@
 
 namespace kestrel {
 
-int peak_fit_max_threads = 1;
-
 namespace {
 
 constexpr int fewest_for_threads = 65; // spectra along the scan axis
@@ -102,7 +100,7 @@ struct worker {
             return failed;
         }
         peak_fit_fitted fitted = solver.peak_fit_run_solver(request, point(q, s), spectrum);
-        if (!(peak_fit_constraint & peak_fit_by_top_sum))
+        if (!(request.constraints & peak_fit_by_top_sum))
             return fitted;
         for (int n = 1, added = 0;
              fitted.status == peak_fit_status::insufficient && n <= peak_fit_most_neighbours; n *= 2) {
@@ -147,7 +145,7 @@ struct worker {
         if (job.together->stop)
             return false;
         if (recorder)
-            recorder->begin(job.request.cn, solver, point(q, s));
+            recorder->begin(job.request, solver, point(q, s));
         const peak_fit_fitted fitted = fit(q, s);
         if (recorder)
             recorder->store();
@@ -177,7 +175,7 @@ void peak_fit_unified_do(peak_fit_job &job) {
     int left = points_of(job);
     try {
         worker w{job, {}, {}, {}};
-        if (job.calling_thread && peak_fit_debug > 1 && job.total < fewest_for_threads)
+        if (job.calling_thread && job.request.debug > 1 && job.total < fewest_for_threads)
             w.recorder.emplace();
         for (int s = 0; s < job.part.spectra->ns; ++s)
             for (int q = job.first; q <= job.last; ++q, --left)
@@ -247,14 +245,15 @@ int join(std::vector<std::jthread> &threads, int cn) {
 }
 
 peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
-    const std::vector<peak_fit_block> blocks = peak_fit_blocks(whole.first, whole.last, peak_fit_max_threads);
+    const int most = whole.request.max_threads;
+    const std::vector<peak_fit_block> blocks = peak_fit_blocks(whole.first, whole.last, most);
     const int nthreads = static_cast<int>(blocks.size());
     peak_fit_counts counts;
-    if (nthreads < 1 || nthreads > peak_fit_max_threads) {
+    if (nthreads < 1 || nthreads > most) {
         sv_printf(whole.request.cn,
                   "! Coding error at %s:%d nq=%d, dq=%d nthreads=%d, peak_fit_max_threads=%d\n", __FILE__,
                   __LINE__, whole.last - whole.first + 1,
-                  blocks.empty() ? 0 : blocks[0].last - blocks[0].first + 1, nthreads, peak_fit_max_threads);
+                  blocks.empty() ? 0 : blocks[0].last - blocks[0].first + 1, nthreads, most);
         ++counts.errors;
         return counts;
     }
@@ -314,7 +313,7 @@ peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fi
     job.calling_thread = true;
     job.done = done;
     job.total = total;
-    if (peak_fit_max_threads > 1 && part.q2 - part.q1 + 1 >= fewest_for_threads)
+    if (request.max_threads > 1 && part.q2 - part.q1 + 1 >= fewest_for_threads)
         return fit_on_threads(job);
     peak_fit_unified_do(job);
     return job.counts;

@@ -8,8 +8,6 @@
 
 namespace kestrel {
 
-extern int peak_fit_max_threads; // 1..64
-
 struct peak_fit_counts {
     int errors = 0;       // points that are left unfitted
     int insufficient = 0; // too few counts to fit

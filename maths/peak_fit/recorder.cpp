@@ -39,8 +39,9 @@ bool in_use(const char *name) {
 
 } // namespace
 
-void peak_fit_recorder::begin(int cn, peak_fit_solver &solver, int point) {
-    cn_ = cn;
+void peak_fit_recorder::begin(const peak_fit_request &request, peak_fit_solver &solver, int point) {
+    cn_ = request.cn;
+    files_ = request.debug >= level_of_files;
     solver.trial_hook = take;
     solver.trial_user = this;
     point_ = point;
@@ -59,7 +60,7 @@ void peak_fit_recorder::take(void *self, const peak_fit_trial &trial) {
         if (static_cast<int>(i) >= trial.x1 && static_cast<int>(i) <= trial.x2)
             pass[i] = trial.pass;
     }
-    if (peak_fit_debug >= level_of_files)
+    if (recorder.files_)
         recorder.write_file(trial, function);
     recorder.rows_.emplace_back(trial.spectrum.begin(), trial.spectrum.end());
     recorder.rows_.push_back(model(trial.seed, channels));

@@ -13,7 +13,7 @@ namespace kestrel {
 // channel was fitted). From debug level 3 on each trial is a file, too.
 class peak_fit_recorder {
   public:
-    void begin(int cn, peak_fit_solver &solver, int point);
+    void begin(const peak_fit_request &request, peak_fit_solver &solver, int point);
     void store(); // after the point is fitted
 
   private:
@@ -22,6 +22,7 @@ class peak_fit_recorder {
     void write_file(const peak_fit_trial &trial, const std::vector<double> &function);
 
     int cn_ = 0;
+    bool files_ = false; // each trial is a file, too
     int point_ = 0;
     bool file_failed_ = false; // and the user knows
     std::size_t channels_ = 0, trials_ = 0;

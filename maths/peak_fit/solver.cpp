@@ -12,10 +12,6 @@
 
 namespace kestrel {
 
-int peak_fit_debug = 0;
-int peak_fit_single_pass = -1;
-int peak_fit_constraint = 0;
-
 namespace {
 
 // A pass is a start pattern: how wide the peaks begin, by the width that was found, with which Lorentzian
@@ -198,7 +194,7 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
             continue;
         vector.tie[i] = request->lines.height[i] / request->lines.height[i - 1];
         seeds[i].height = seeds[i - 1].height * vector.tie[i];
-        if (peak_fit_debug >= 1)
+        if (request->debug >= 1)
             sv_printf(request->cn, "#  .. Scaling peak %d combined with previous hgt by %g, new hgt=%g\n",
                       static_cast<int>(i), vector.tie[i], seeds[i].height);
     }
@@ -208,9 +204,9 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
 
 bool peak_fit_solver::state::applies(int pass) const {
     const pass_variant &variant = passes[pass];
-    if (peak_fit_single_pass >= 0)
-        return pass == peak_fit_single_pass && variant.main < request->lines.num_peaks;
-    if (variant.lor_frac > 0.0 && (peak_fit_constraint & peak_fit_no_lor || !shows_tails()))
+    if (request->single_pass >= 0)
+        return pass == request->single_pass && variant.main < request->lines.num_peaks;
+    if (variant.lor_frac > 0.0 && (request->constraints & peak_fit_no_lor || !shows_tails()))
         return false;
     return variant.main == 0 || (variant.main < request->lines.num_peaks && request->lines.height[0] == 0.0);
 }
@@ -234,7 +230,7 @@ void peak_fit_solver::state::keep_trial(peak_fit_solver &solver, int pass, peak_
 // False when the solver was stopped.
 bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome &best) {
     const pass_variant &variant = passes[pass];
-    const bool lorentzian = !(peak_fit_constraint & peak_fit_no_lor);
+    const bool lorentzian = !(request->constraints & peak_fit_no_lor);
     peak_fit_start_t start =
         peak_fit_pattern(request->lines, variant.main, lorentzian ? variant.lor_frac : 0.0);
     if (request->lines.height[0] == 0.0)
@@ -253,10 +249,10 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     tried.x = x;
     tried.vector.unpack(x.data(), tried.peaks);
     tried.residual = norm(residual);
-    if (peak_fit_debug >= 1)
+    if (request->debug >= 1)
         sv_printf(request->cn, "# Pass %d, Solver returns %d after %d calls, tol =%g, residual=%g\n", pass,
                   info, residuals.calls, tolerance, tried.residual);
-    if (peak_fit_debug >= 2)
+    if (request->debug >= 2)
         tell_odd_values(request->cn, used(tried.peaks));
     keep_trial(solver, pass, seeds, tried.peaks);
     if (info > 0 && tried.residual < best.residual && all_finite(used(tried.peaks)))
@@ -274,7 +270,7 @@ void peak_fit_solver::state::refine(peak_fit_solver &solver, outcome &best, peak
     std::vector<double> x;
     const int info = solve(best, final_tolerance, x);
     const double reached = norm(residual);
-    if (peak_fit_debug >= 1)
+    if (request->debug >= 1)
         sv_printf(request->cn,
                   "# Refining best pass=%d, Solver returns %d after %d calls, tol =%g, residual=%g\n",
                   best.pass, info, residuals.calls, final_tolerance, reached);
@@ -335,10 +331,10 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
     s.request = &request;
     s.spectrum = spectrum;
     s.found = peak_fit_search(spectrum, request.first, request.last, request.width);
-    if (peak_fit_debug >= 1)
+    if (request.debug >= 1)
         sv_printf(request.cn, "# Searching Using smoothed data found posn=%d, height=%g, FWHM=%d\n",
                   s.found.posn, s.found.height, s.found.fwhm_smoothed);
-    if (peak_fit_debug >= 2 && s.first_of_all)
+    if (request.debug >= 2 && s.first_of_all)
         sv_printf(request.cn, "# Note machine precission = %g, sqrt(machine prec) = %g\n",
                   peak_fit_machine_precision(), std::sqrt(peak_fit_machine_precision()));
     s.first_of_all = false;
@@ -370,8 +366,8 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
         }
     }
     if (best.pass < 0) {
-        if (peak_fit_single_pass >= 0)
-            sv_printf(request.cn, "# Pass %d gives no fit of %d peaks\n", peak_fit_single_pass,
+        if (request.single_pass >= 0)
+            sv_printf(request.cn, "# Pass %d gives no fit of %d peaks\n", request.single_pass,
                       request.lines.num_peaks);
         return result;
     }

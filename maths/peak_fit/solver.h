@@ -12,17 +12,17 @@
 
 namespace kestrel {
 
-extern int peak_fit_debug; // 0 little is said, 1 every pass, 2 trials are kept in modules, 3 in files, too
-extern int peak_fit_single_pass; // the only pass to try, -1 for all
-extern int peak_fit_constraint;  // peak_fit_constraints of the command that runs
-
-enum peak_fit_constraints : int { peak_fit_no_lor = 1, peak_fit_by_top_sum = 2 };
-
 int peak_fit_passes(); // how many there are
 
-// What is looked for, and where.
+enum peak_fit_constraint : unsigned { peak_fit_no_lor = 1, peak_fit_by_top_sum = 2 };
+
+// What is looked for, where, and by which settings: all that a fit knows of the command that asked for it.
 struct peak_fit_request {
     int cn = 0;
+    int debug = 0;            // 0 little is said, 1 every pass, 2 trials are kept in modules, 3 in files, too
+    int single_pass = -1;     // the only pass to try, -1 for all
+    int max_threads = 1;      // 1..64
+    unsigned constraints = 0; // of peak_fit_constraint
     peak_fit_lines lines;
     int first = 0, last = 0; // channels that are searched for the main peak
     double width = 0.0;      // typical FWHM, channels; 0 unknown

@@ -29,8 +29,6 @@ std::vector<double> poisson(std::span<const double> mean, std::mt19937 &random) 
 
 class PeakSolver : public testing::Test {
   protected:
-    PeakSolver() { peak_fit_constraint = 0; }
-    ~PeakSolver() override { peak_fit_constraint = 0; }
     peak_fit_fitted fit(std::span<const double> spectrum, std::string_view element) {
         request_.cn = -1;
         request_.tell = false;
