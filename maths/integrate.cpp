@@ -211,7 +211,7 @@ int integrate(int cn, int quals, UMaths &r, const projection &p, double least, c
     UMathsOutput out;
     const bool add = quals & no_clear;
     if (umaths_start_output(cn, to, p.nx, p.ny, 1, out, add ? RWMode::read_then_write : RWMode::write,
-                            std::is_floating_point_v<T>) != 0)
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0)
         return -1;
     if (umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
