@@ -268,7 +268,7 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
     UMaths a, b;
     UMathsOutput out;
     if (umaths_start(cn, v.a, handle_a, a, 0) != 0 || umaths_start(cn, v.b, handle_b, b, 0) != 0 ||
-        umaths_start_output(cn, to, v.a.dx, v.a.dy, v.a.dt, out, RWMode::write, 1) != 0 ||
+        umaths_start_output(cn, to, v.a.dx, v.a.dy, v.a.dt, out, RWMode::write, mod_element::float32) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), a) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), b) != 0)
         return -1;

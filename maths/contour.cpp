@@ -73,7 +73,7 @@ long long draw_frame(int cn, const module_view &from, int t, double level, const
         reached[0].swap(reached[1]);
         reached[1].swap(reached[2]);
         find_reached(from, y + 1, t, level, values, reached[2]);
-        to.made.keep();
+        to.link.keep();
         points += draw_row(reached, pen, to.view, y, t);
     }
     return points;
@@ -83,7 +83,7 @@ int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to
     const pt_qualifiers<contour_format> q(quals);
     linked_module from, to;
     if (umaths_link_module(cn, from_name, from) != 0 ||
-        umaths_module_like(cn, to_name, from.view, 0, to) != 0)
+        umaths_module_like(cn, to_name, from.view, mod_element::u_int32, to) != 0)
         return -1;
     const contour_pen pen{static_cast<double>(value), q.given("clear"), q.given("cumulative")};
     umaths_progress progress;

@@ -1,7 +1,6 @@
 // `maths histogram`: how often pairs of values from two rows of a module occur, as an image.
 #include "maths/module_rows.h"
 #include "maths/progress.h"
-#include "modules/store/headed.h"
 #include "parser/qualifiers.h"
 #include "parser/tree.h"
 #include "server/output.h"
@@ -90,17 +89,12 @@ int check_bins(int cn, int x, int y) {
 
 // Links the destination, made as counts of hist_x by hist_y where it does not exist, and settles the sizes.
 int link_destination(int cn, const char *name, request &q, linked_module &to) {
-    to.link = module_link(name);
-    if (!to.link) {
+    if (!to.link.find(name)) {
         const int x = q.hist_x.value_or(usual_bins), y = q.hist_y.value_or(usual_bins);
         if (check_bins(cn, x, y) != 0)
             return -1;
-        void *head = nullptr;
         sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", name);
-        app_mkmod_head(cn, name, x, y, "X", "Y", 0, &head);
-        to.link = module_link::adopt(head);
-        to.made = unwritten_module(name, head);
-        if (!to.link)
+        if (to.link.make(cn, name, {mod_element::u_int32, x, y}) != 0)
             return -1;
     }
     if (mod_look(cn, name, to.link.head(), to.view) != 0)
@@ -174,7 +168,7 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
                                       static_cast<std::size_t>(q.y.count));
     if (!fill(cn, q, x, y, counts))
         return -1;
-    to.made.keep();
+    to.link.keep();
     write_counts(counts, q, to.view);
     return 0;
 }

@@ -200,7 +200,7 @@ int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, U
 template <class T> int integrate(int cn, UMaths &r, const projection &p, const umaths_destination &to) {
     UMathsOutput out;
     if (umaths_start_output(cn, to, p.nx, p.ny, 1, out, p.add ? RWMode::read_then_write : RWMode::write,
-                            std::is_floating_point_v<T>) != 0)
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0)
         return -1;
     if (umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;

@@ -1,6 +1,5 @@
 #include "maths/module_rows.h"
 
-#include "modules/store/headed.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -24,28 +23,18 @@ int linked_module::rows() const {
 }
 
 int umaths_link_module(int cn, const char *name, linked_module &out) {
-    out.link = module_link(name);
-    if (!out.link) {
+    if (!out.link.find(name)) {
         sv_printf(cn, "! Cannot link to module '%s', errno = %d\n", name, errno);
         return -1;
     }
     return mod_look(cn, name, out.link.head(), out.view);
 }
 
-int umaths_module_like(int cn, const char *name, const module_view &like, int data_float,
+int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
                        linked_module &out) {
-    out.link = module_link(name);
-    if (!out.link) {
-        void *head = nullptr;
+    if (!out.link.find(name)) {
         sv_printf(cn, "# Module '%s' not found, making it as %s module\n", name, like.is_3d ? "3D" : "2D");
-        if (like.is_3d)
-            app_mkmod3d(cn, name, like.num_x, like.num_y, like.num_t, "X", "Y", "T", nullptr, data_float,
-                        &head);
-        else
-            app_mkmod_head(cn, name, like.num_x, like.num_y, "X", "Y", data_float, &head);
-        out.link = module_link::adopt(head);
-        out.made = unwritten_module(name, head);
-        if (!out.link)
+        if (out.link.make(cn, name, {element, like.num_x, like.num_y, like.num_t, like.is_3d}) != 0)
             return -1;
     }
     if (mod_look(cn, name, out.link.head(), out.view) != 0)

@@ -2,7 +2,7 @@
 // number (frames lie below each other) and its elements as doubles.
 #pragma once
 
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
 
 #include <span>
 
@@ -10,8 +10,7 @@ namespace kestrel {
 
 // A module that is linked as long as this lives, looked at once.
 struct linked_module {
-    module_link link;
-    unwritten_module made; // where the module is new: kept once something is written
+    result_module link; // one that is new is kept once something is written
     module_view view;
 
     int rows() const; // frames below each other; at most INT_MAX
@@ -20,9 +19,10 @@ struct linked_module {
 // 0, or -1 after a line.
 int umaths_link_module(int cn, const char *name, linked_module &out);
 
-// A module of the same size as `like`, made with that element type (as app_mkmod_head numbers them) where it
-// does not exist; one that exists keeps its type. 0, or -1 after a line.
-int umaths_module_like(int cn, const char *name, const module_view &like, int data_float, linked_module &out);
+// A module of the same size as `like`, made with that element type where it does not exist; one that exists
+// keeps its type. 0, or -1 after a line.
+int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
+                       linked_module &out);
 
 // A row of the module: 0, or -1 after a line that calls it `what`, as in "X Row".
 int umaths_check_row(int cn, const char *what, const linked_module &module, int row);

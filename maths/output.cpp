@@ -1,6 +1,5 @@
 #include "maths/output.h"
 
-#include "modules/store/headed.h"
 #include "parser/call.h"
 #include "server/output.h"
 
@@ -49,7 +48,7 @@ int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
             return refuse();
         }
     }
-    const int wanted = module_type_of(out.data_float).data_type;
+    const int wanted = mod_code_of(out.data_float);
     if (mod.data_type != wanted) {
         sv_printf(cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", to.name,
                   mod.data_type, wanted);
@@ -63,25 +62,20 @@ bool fits(long long a, long long b) {
 }
 
 int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
-    void *head = nullptr;
-    if (fits(out.start_x, out.nx) && fits(out.start_y, out.ny) && fits(out.start_t, out.nt)) {
-        if (!to.has_start_t && out.nt < 2) {
-            sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", to.name);
-            app_mkmod_head(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, "X", "Y", out.data_float,
-                           &head);
-        } else {
-            sv_printf(cn, "# Module '%s' not found, making it as 3D module\n", to.name);
-            app_mkmod3d(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, "X",
-                        "Y", "T", nullptr, out.data_float, &head);
-        }
-    } else {
+    if (!fits(out.start_x, out.nx) || !fits(out.start_y, out.ny) || !fits(out.start_t, out.nt)) {
         sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", to.name, EFBIG);
+        umaths_stop_output(out);
+        return -1;
     }
-    out.mod_head = module_link::adopt(head);
-    out.made = unwritten_module(to.name, head);
-    if (head && mod_look_made(cn, to.name, head, module_type_of(out.data_float).data_type,
-                              out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, out.mod) == 0)
+    module_plan plan{out.data_float, out.start_x + out.nx, out.start_y + out.ny};
+    plan.is_3d = to.has_start_t || out.nt >= 2;
+    if (plan.is_3d)
+        plan.num_t = out.start_t + out.nt;
+    sv_printf(cn, "# Module '%s' not found, making it as %s module\n", to.name, plan.is_3d ? "3D" : "2D");
+    if (out.mod_head.make(cn, to.name, plan) == 0) {
+        out.mod = out.mod_head.view();
         return 0;
+    }
     umaths_stop_output(out);
     return -1;
 }
@@ -111,7 +105,7 @@ void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 } // namespace
 
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
-                        RWMode rw_mode, int data_float) {
+                        RWMode rw_mode, mod_element data_float) {
     if (!to.module || to.other) {
         sv_printf(cn, "! Only support module mode output at the moment\n");
         return -1;
@@ -131,13 +125,13 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     out.start_t = to.start_t;
     out.data_float = data_float;
     out.rw_mode = rw_mode;
-    out.mod_head = module_link(to.name);
-    if (!out.mod_head && rw_mode == RWMode::read_then_write) {
+    const bool found = out.mod_head.find(to.name);
+    if (!found && rw_mode == RWMode::read_then_write) {
         sv_printf(cn, "! UMATHS OUTPUT, specified Read then write, but cannot link to module '%s'\n",
                   to.name);
         return -1;
     }
-    if ((out.mod_head ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
+    if ((found ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
         return -1;
     out.type = UMOutputType::module;
     out.full_x = out.mod.num_x;
@@ -159,12 +153,11 @@ std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
         sv_printf(cn, "! Tried to write past end of image\n");
         return nullptr;
     }
-    out.made.keep();
+    out.mod_head.keep();
     return out.mod.at(out.start_x, y, t);
 }
 
 void umaths_stop_output(UMathsOutput &out) {
-    out.made.reset();
     out.mod_head.reset();
     out.type = UMOutputType::none;
 }

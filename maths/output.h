@@ -1,7 +1,7 @@
 // maths: writing an image result into a data module, made or found.
 #pragma once
 
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
 #include "parser/qualifiers.h"
 #include "support/text_join.h"
 
@@ -38,16 +38,15 @@ struct UMathsOutput {
     int nx = 0, ny = 0, nt = 0;
     int start_x = 0, start_y = 0, start_t = 0;
     int full_x = 0, full_y = 0, full_t = 0;
-    int data_float = 0; // 0 integer result, 1 float, 2 double
+    mod_element data_float = mod_element::u_int32;
     RWMode rw_mode = RWMode::write;
-    module_link mod_head;  // linked until the output stops
-    unwritten_module made; // where the module is new
+    result_module mod_head; // linked until the output stops
     module_view mod;
 };
 
 // Links or makes the destination of an nx x ny x nt result: 0, or -1 after a line.
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
-                        RWMode rw_mode, int data_float);
+                        RWMode rw_mode, mod_element data_float);
 
 // Where result row `row` of plane `plane` goes, to be written at once; null after a line when it does not
 // fit.

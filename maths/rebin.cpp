@@ -52,7 +52,8 @@ bool sum_plane(int cn, UMaths &r, const factors &by, int plane, int nx, int ny,
 template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_destination &to) {
     const int nx = r.dx / by.x, ny = r.dy / by.y, nt = r.dt / by.t;
     UMathsOutput out;
-    if (umaths_start_output(cn, to, nx, ny, nt, out, RWMode::write, std::is_floating_point_v<T>) != 0 ||
+    if (umaths_start_output(cn, to, nx, ny, nt, out, RWMode::write,
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
     std::vector<sum_of<T>> sums(static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny));

@@ -142,7 +142,9 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         return -1;
     const module_view &view = from.view;
     if (check_width(cn, width, std::max(view.num_x, view.num_y)) != 0 ||
-        umaths_module_like(cn, to_name, view, view.data_type == MOD_DOUBLE ? 2 : 1, to) != 0)
+        umaths_module_like(cn, to_name, view,
+                           view.data_type == MOD_DOUBLE ? mod_element::float64 : mod_element::float32,
+                           to) != 0)
         return -1;
     const std::size_t nx = static_cast<std::size_t>(view.num_x), ny = static_cast<std::size_t>(view.num_y);
     std::vector<double> plane(nx * ny);
@@ -151,7 +153,7 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         if (!smooth_rows(cn, view, frame, plane, width / 2, progress) ||
             !smooth_columns(cn, view, frame, plane, width / 2, progress))
             return -1;
-        to.made.keep();
+        to.link.keep();
         for (int y = 0; y < view.num_y; ++y)
             umaths_put_elements(to.view, 0, y, frame,
                                 std::span(plane).subspan(static_cast<std::size_t>(y) * nx, nx));

@@ -132,7 +132,8 @@ int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int 
         return -1;
     umaths_size_rest(r, a);
     const bool plane = a.ny > 1;
-    if (umaths_start_output(cn, to, a.nx, plane ? a.ny : 4, plane ? 4 : 1, out, RWMode::write, 2) != 0 ||
+    if (umaths_start_output(cn, to, a.nx, plane ? a.ny : 4, plane ? 4 : 1, out, RWMode::write,
+                            mod_element::float64) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
     series s(a);

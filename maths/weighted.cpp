@@ -196,7 +196,7 @@ int start(int cn, int handle, const umaths_region &region, const char *refuse_do
 }
 
 int start_output(int cn, const umaths_destination &to, const reduced_axis &a, UMaths &r, UMathsOutput &out) {
-    if (umaths_start_output(cn, to, a.nx, a.ny, 1, out, RWMode::write, 1) != 0)
+    if (umaths_start_output(cn, to, a.nx, a.ny, 1, out, RWMode::write, mod_element::float32) != 0)
         return -1;
     return umaths_stay_clear_of(cn, out.mod_head.head(), r);
 }

@@ -40,7 +40,7 @@ int corrector::prepare(int cn, int handle, const unified_box &box, bool dead_tim
 int corrector::take_module(int cn, const _unif_open_tbl &entry, const unified_box &box) {
     module_view view;
     const std::string &name = entry.corr_title;
-    if (mod_look(cn, name.c_str(), entry.corr_head, view) != 0)
+    if (mod_look(cn, name.c_str(), entry.corr_head.head(), view) != 0)
         return -1;
     if (!view.holds(box.x + box.dx - 1, order_, entry.corr_frame)) {
         sv_printf(

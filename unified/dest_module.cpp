@@ -1,6 +1,7 @@
 // Destination: a data module. The box is placed at (start_x, start_y, start_t) of a headed module, or goes as
 // it is into a module without a header. A module is made if there is none, and goes again if the read fails.
 #include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "server/output.h"
 #include "unified/form.h"
 #include "unified/output.h"
@@ -16,9 +17,8 @@ namespace kestrel {
 namespace {
 
 struct module_state {
-    module_link link;
-    unwritten_module made; // by this read
-    unified_box box;       // where it goes, in the module
+    result_module module;
+    unified_box box; // where it goes, in the module
     std::size_t element = 0;
     std::uint64_t position = 0; // bytes of the box that have come
     bool cleared = false;
@@ -26,13 +26,6 @@ struct module_state {
 
 module_state &state_of(UnifOutput &output) {
     return *static_cast<module_state *>(output.specific.get());
-}
-
-int module_type_for(int data_type) {
-    return data_type == el_long     ? MOD_U_INT32
-           : data_type == el_float  ? MOD_FLOAT
-           : data_type == el_double ? MOD_DOUBLE
-                                    : 0;
 }
 
 // The end of the box along one axis, or nothing that fits an int.
@@ -51,11 +44,11 @@ int refuse(int error) {
     return -1;
 }
 
-int check_existing(const UnifOutput &output, void *head, const unified_box &b, int data_type) {
+int check_existing(const UnifOutput &output, result_module &module, const unified_box &b, int data_type) {
     const char *name = output.modulename.c_str();
-    module_view view;
-    if (mod_look(output.cn, name, head, view) != 0)
-        return refuse(datamod_is_whole(head) ? EINVAL : ENXIO);
+    if (module.look(output.cn) != 0)
+        return refuse(datamod_is_whole(module.head()) ? EINVAL : ENXIO);
+    const module_view &view = module.view();
     if (view.data_type != data_type) {
         sv_printf(output.cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", name,
                   view.data_type, data_type);
@@ -71,26 +64,15 @@ int check_existing(const UnifOutput &output, void *head, const unified_box &b, i
     return 0;
 }
 
-int make_headed(UnifOutput &output, const unified_box &b, int data_type) {
-    const char *name = output.modulename.c_str();
-    const int data_float = data_type == MOD_DOUBLE ? 2 : data_type == MOD_FLOAT ? 1 : 0;
-    void *head = nullptr;
-    const int x = b.x + b.dx;
-    const int y = b.y + b.dy;
+int make_headed(UnifOutput &output, const unified_box &b, mod_element element) {
     const bool flat = b.dt == 1 && !output.start_t_given;
-    if (flat)
-        app_mkmod_head(output.cn, name, x, y, "X", "Y", data_float, &head);
-    else
-        app_mkmod3d(output.cn, name, x, y, b.t + b.dt, "X", "Y", "T", nullptr, data_float, &head);
-    module_state &state = state_of(output);
-    state.link = module_link::adopt(head);
-    state.made = unwritten_module(name, head);
-    return head != nullptr ? 0 : -1;
+    const module_plan plan{element, b.x + b.dx, b.y + b.dy, flat ? 1 : b.t + b.dt, !flat};
+    return state_of(output).module.make(output.cn, output.modulename.c_str(), plan);
 }
 
 int init_headed(UnifOutput &output, const _unif_format &format) {
-    const int data_type = module_type_for(format.data_type);
-    if (data_type == 0) {
+    const auto element = mod_element_of_handle_type(format.data_type);
+    if (!element) {
         sv_printf(output.cn, "! A headed module holds long, float or double data, not %s\n",
                   element_names[format.data_type]);
         return refuse(EINVAL);
@@ -104,10 +86,9 @@ int init_headed(UnifOutput &output, const _unif_format &format) {
         return refuse(EINVAL);
     }
     state.box = {output.start_x, output.start_y, output.start_t, format.nx, format.ny, format.nt};
-    state.link = module_link(output.modulename.c_str());
-    if (state.link)
-        return check_existing(output, state.link.head(), state.box, data_type);
-    return make_headed(output, state.box, data_type);
+    if (state.module.find(output.modulename.c_str()))
+        return check_existing(output, state.module, state.box, mod_code_of(*element));
+    return make_headed(output, state.box, *element);
 }
 
 // A header as the server makes them: plain numbers hardly ever look like one.
@@ -148,13 +129,10 @@ int init_headless(UnifOutput &output, const _unif_format &format) {
         sv_printf(output.cn, "! ERROR: module '%s' would be too large\n", name);
         return refuse(EFBIG);
     }
-    module_state &state = state_of(output);
-    state.link = module_link(name);
-    if (!state.link) {
-        state.link = module_link::adopt(app_mkmod_nohead(output.cn, name, static_cast<int>((bytes + 3) / 4)));
-        state.made = unwritten_module(name, state.link.head());
-    }
-    return state.link ? check_headless(output, state.link.head(), bytes) : -1;
+    result_module &module = state_of(output).module;
+    if (!module.find(name) && module.make_plain(output.cn, name, static_cast<int>((bytes + 3) / 4)) != 0)
+        return -1;
+    return check_headless(output, module.head(), bytes);
 }
 
 int module_init(UnifOutput &output, const _unif_format &format) {
@@ -183,7 +161,7 @@ int put_in_box(UnifOutput &output, const std::byte *bytes, std::size_t count) {
     module_state &state = state_of(output);
     const unified_box &b = state.box;
     module_view view;
-    if (mod_look(output.cn, output.modulename.c_str(), state.link.head(), view) != 0)
+    if (mod_look(output.cn, output.modulename.c_str(), state.module.head(), view) != 0)
         return -1;
     if (view.element_size != state.element || !box_fits(view, b, view.data_type)) {
         sv_printf(output.cn, "! ERROR: module '%s' was changed by another process\n",
@@ -209,7 +187,7 @@ int put_in_box(UnifOutput &output, const std::byte *bytes, std::size_t count) {
 
 int put_plain(UnifOutput &output, const std::byte *bytes, std::size_t count) {
     module_state &state = state_of(output);
-    void *head = state.link.head();
+    void *head = state.module.head();
     const auto capacity = static_cast<std::uint64_t>(datamod_mod_size(head));
     if (whole_or_complain(output, head) != 0 || count > capacity - std::min(capacity, state.position))
         return -1;
@@ -219,7 +197,7 @@ int put_plain(UnifOutput &output, const std::byte *bytes, std::size_t count) {
 }
 
 int clear_all(UnifOutput &output) {
-    void *head = state_of(output).link.head();
+    void *head = state_of(output).module.head();
     if (whole_or_complain(output, head) != 0)
         return -1;
     if (output.mod_header)
@@ -241,7 +219,7 @@ int module_write(UnifOutput &output, const void *bytes, std::size_t count) {
 // One that this read made stays with all of the data in it only.
 int module_term(UnifOutput &output, bool failed) {
     if (!failed)
-        state_of(output).made.keep();
+        state_of(output).module.keep();
     output.specific.reset();
     return 0;
 }
@@ -251,7 +229,7 @@ int module_term(UnifOutput &output, bool failed) {
 const void *output_owner(const UnifOutput &output) {
     if (output.to != output_to::module || !output.specific)
         return nullptr;
-    return static_cast<const module_state *>(output.specific.get())->link.head();
+    return static_cast<const module_state *>(output.specific.get())->module.head();
 }
 
 void module_setup_output(UnifOutput &output) {

@@ -93,7 +93,7 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
     }
     const auto kinds = static_cast<unsigned>(quals) & 0xF;
     if (name == nullptr && kinds == 0)
-        return unified_set_corr_module(cn, handle, corr_none, nullptr, 0, 0, 1.0);
+        return unified_set_corr_module(cn, handle, corr_none, {}, 0, 0, 1.0);
     if (name == nullptr || std::popcount(kinds) != 1) {
         sv_printf(cn, "! A correction needs a module and one of mult1d, div1d, poly1d, chebyshev1d\n");
         return -1;
@@ -110,7 +110,7 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
     const int type = corr_mult1d + kind;
     const int order = kind == q_poly1d || kind == q_chebyshev1d ? view.num_y - 1 : 0;
     const double scale = kind == q_chebyshev1d ? Qualifier[q_chebyshev1d].DoubleArg : 1.0;
-    return unified_set_corr_module(cn, handle, type, link.release(), frame, order, scale);
+    return unified_set_corr_module(cn, handle, type, std::move(link), frame, order, scale);
 }
 
 int cli_unif_set_dtc_mod(int, int cn, const char *name) {

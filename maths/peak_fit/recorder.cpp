@@ -97,14 +97,13 @@ void peak_fit_recorder::store() {
         return;
     }
     const int nx = static_cast<int>(channels_), ny = static_cast<int>(trials_);
-    void *head = nullptr;
-    app_mkmod3d(cn_, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels, 2,
-                &head);
-    const module_link link = module_link::adopt(head);
+    module_link link;
+    app_mkmod3d(cn_, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels,
+                mod_element::float64, link);
     module_view mod;
-    if (!head || mod_look(cn_, name, head, mod) != 0)
+    if (!link || mod_look(cn_, name, link.head(), mod) != 0)
         return;
-    clear_mod(head);
+    clear_mod(link.head());
     for (std::size_t i = 0; i < rows_.size(); ++i) {
         const int y = static_cast<int>(i / rows_of_trial), t = static_cast<int>(i % rows_of_trial);
         for (int x = 0; x < nx && mod.holds(x, y, t); ++x)

@@ -118,18 +118,14 @@ std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fi
 int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, peak_fit_output &out) {
     const std::vector<std::string> labels = peak_fit_labels(num_peaks);
     const int frames = static_cast<int>(labels.size());
-    out.link = module_link(name);
-    if (!out.link) {
-        std::vector<const char *> texts;
-        for (const std::string &label : labels)
-            texts.push_back(label.c_str());
-        texts.push_back(nullptr);
-        void *head = nullptr;
-        app_mkmod3d(cn, name, nq, ns, frames, "Point", "Scan", "Quantity", texts.data(), 2, &head);
-        out.link = module_link::adopt(head);
-        if (!head)
+    if (!out.link.find(name)) {
+        if (out.link.make(
+                cn, name,
+                {mod_element::float64, nq, ns, frames, true, "Point", "Scan", "Quantity", labels}) != 0)
             return -1;
-        return mod_look_made(cn, name, head, MOD_DOUBLE, nq, ns, frames, out.mod);
+        out.link.keep();
+        out.mod = out.link.view();
+        return 0;
     }
     if (mod_look(cn, name, out.link.head(), out.mod) != 0)
         return -1;

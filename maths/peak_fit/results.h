@@ -2,7 +2,7 @@
 #pragma once
 
 #include "maths/peak_fit/solver.h"
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
 
 #include <span>
 #include <string>
@@ -24,7 +24,7 @@ double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines 
 
 // The result module: point along x, second scan axis along y, one frame a quantity.
 struct peak_fit_output {
-    module_link link;
+    result_module link;
     module_view mod;
 };
 

@@ -1,6 +1,5 @@
 #include "unified/handles/handles.h"
 
-#include "modules/store/store.h"
 #include "modules/store/view.h"
 #include "server/output.h"
 
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
 namespace kestrel {
 
@@ -28,10 +28,8 @@ _unif_open_tbl *entry_or_complain(int cn, int handle) {
 }
 
 void drop_correction(_unif_open_tbl &entry) {
-    if (entry.corr_from_module != 0)
-        munlink(entry.corr_head);
     entry.corr_from_module = 0;
-    entry.corr_head = nullptr;
+    entry.corr_head.reset();
     entry.corr_data = nullptr;
     entry.corr_type = corr_none;
     entry.corr_frame = 0;
@@ -233,18 +231,18 @@ int unified_set_corr_pre_post(int cn, int handle, unified_scale_hook hook) {
     return 0;
 }
 
-int unified_set_corr_module(int cn, int handle, int type, void *head, int frame, int order, double scaling) {
-    module_link link = module_link::adopt(head);
+int unified_set_corr_module(int cn, int handle, int type, module_link head, int frame, int order,
+                            double scaling) {
     _unif_open_tbl *entry = entry_or_complain(cn, handle);
     if (entry == nullptr)
         return -1;
     drop_correction(*entry);
-    if (!link)
+    if (!head)
         return 0;
     entry->corr_type = type;
     entry->corr_from_module = 1;
-    entry->corr_head = link.release();
-    entry->corr_title = mod_title(entry->corr_head);
+    entry->corr_head = std::move(head);
+    entry->corr_title = mod_title(entry->corr_head.head());
     entry->corr_frame = frame;
     entry->corr_order = order;
     entry->corr_scaling = scaling;

@@ -5,6 +5,7 @@
 // reads). May use parser/ and modules/store/, and what those may use.
 #pragma once
 
+#include "modules/store/store.h"
 #include "support/element.h"
 #include "support/tessera.h"
 
@@ -73,9 +74,9 @@ struct _unif_open_tbl {
     const float *corr_data = nullptr; // set by a source: corr_order + 1 rows of nx
     double corr_scaling = 1.0;
     int corr_from_module = 0;
-    int corr_frame = 0;        // frame of the correction module
-    void *corr_head = nullptr; // that module, linked while set
-    std::string corr_title;    // its title then
+    int corr_frame = 0;     // frame of the correction module
+    module_link corr_head;  // that module
+    std::string corr_title; // its title then
     int dtc_type = 0;
     int corr_order = 0;
     unified_scale_hook corr_pre_post_scal = nullptr;
@@ -112,8 +113,9 @@ int unified_set_tessera_details_callback(int cn, int handle, unified_details det
 // Corrections; they act in the read command only. -1 and "! Invalid handle %d" for a bad handle.
 int unified_set_corr_ptr(int cn, int handle, int type, const float *data, int order, double scaling);
 int unified_set_corr_pre_post(int cn, int handle, unified_scale_hook hook);
-// Takes over the caller's link of `head`; null removes the correction.
-int unified_set_corr_module(int cn, int handle, int type, void *head, int frame, int order, double scaling);
+// An empty link removes the correction.
+int unified_set_corr_module(int cn, int handle, int type, module_link head, int frame, int order,
+                            double scaling);
 // The module that dead time correction takes its live times from.
 int unified_set_dtc_module(int cn, const char *name);
 const std::string &unified_dtc_module();
