@@ -60,7 +60,7 @@ long long draw_row(const row_flags (&reached)[3], const contour_pen &pen, const 
 // A frame is read one row ahead of the row that is drawn: both may be the same module. The number of points,
 // or -1 when ^C came.
 long long draw_frame(int cn, const module_view &from, int t, double level, const contour_pen &pen,
-                     linked_module &to, umaths_progress &progress) {
+                     result_module &to, umaths_progress &progress) {
     std::vector<double> values(static_cast<std::size_t>(from.num_x));
     const row_flags none(values.size() + 2, 0);
     row_flags reached[3] = {none, none, none}; // of the rows above, at and below y
@@ -73,15 +73,16 @@ long long draw_frame(int cn, const module_view &from, int t, double level, const
         reached[0].swap(reached[1]);
         reached[1].swap(reached[2]);
         find_reached(from, y + 1, t, level, values, reached[2]);
-        to.link.keep();
-        points += draw_row(reached, pen, to.view, y, t);
+        to.keep();
+        points += draw_row(reached, pen, to.view(), y, t);
     }
     return points;
 }
 
 int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to_name, int level, int value) {
     const pt_qualifiers<contour_format> q(quals);
-    linked_module from, to;
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0 ||
         umaths_module_like(cn, to_name, from.view, mod_element::u_int32, to) != 0)
         return -1;

@@ -88,25 +88,27 @@ int check_bins(int cn, int x, int y) {
 }
 
 // Links the destination, made as counts of hist_x by hist_y where it does not exist, and settles the sizes.
-int link_destination(int cn, const char *name, request &q, linked_module &to) {
-    if (!to.link.find(name)) {
+int link_destination(int cn, const char *name, request &q, result_module &to) {
+    if (to.find(name)) {
+        if (to.look(cn) != 0)
+            return -1;
+    } else {
         const int x = q.hist_x.value_or(usual_bins), y = q.hist_y.value_or(usual_bins);
         if (check_bins(cn, x, y) != 0)
             return -1;
         sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", name);
-        if (to.link.make(cn, name, {mod_element::u_int32, x, y}) != 0)
+        if (to.make(cn, name, {mod_element::u_int32, x, y}) != 0)
             return -1;
     }
-    if (mod_look(cn, name, to.link.head(), to.view) != 0)
-        return -1;
-    q.x.count = q.hist_x.value_or(to.view.num_x);
-    q.y.count = q.hist_y.value_or(to.view.num_y);
+    const module_view &mod = to.view();
+    q.x.count = q.hist_x.value_or(mod.num_x);
+    q.y.count = q.hist_y.value_or(mod.num_y);
     if (check_bins(cn, q.x.count, q.y.count) != 0)
         return -1;
-    if (q.x.count <= to.view.num_x && q.y.count <= to.view.num_y)
+    if (q.x.count <= mod.num_x && q.y.count <= mod.num_y)
         return 0;
     sv_printf(cn, "! Error, module '%s' exists but is too small (%d,%d), require at least (%d,%d)\n", name,
-              to.view.num_x, to.view.num_y, q.x.count, q.y.count);
+              mod.num_x, mod.num_y, q.x.count, q.y.count);
     return -1;
 }
 
@@ -146,7 +148,8 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
     const pt_qualifiers<histogram_format> given(quals);
     const given_range range_x{given.real_if_given("min-x"), given.real_if_given("max-x")};
     const given_range range_y{given.real_if_given("min-y"), given.real_if_given("max-y")};
-    linked_module from, to;
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0)
         return -1;
     request q{given.number("x-row", 0),
@@ -168,8 +171,8 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
                                       static_cast<std::size_t>(q.y.count));
     if (!fill(cn, q, x, y, counts))
         return -1;
-    to.link.keep();
-    write_counts(counts, q, to.view);
+    to.keep();
+    write_counts(counts, q, to.view());
     return 0;
 }
 

@@ -23,7 +23,8 @@ int linked_module::rows() const {
 }
 
 int umaths_link_module(int cn, const char *name, linked_module &out) {
-    if (!out.link.find(name)) {
+    out.link = module_link(name);
+    if (!out.link) {
         sv_printf(cn, "! Cannot link to module '%s', errno = %d\n", name, errno);
         return -1;
     }
@@ -31,20 +32,21 @@ int umaths_link_module(int cn, const char *name, linked_module &out) {
 }
 
 int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
-                       linked_module &out) {
-    if (!out.link.find(name)) {
+                       result_module &out) {
+    if (out.find(name)) {
+        if (out.look(cn) != 0)
+            return -1;
+    } else {
         sv_printf(cn, "# Module '%s' not found, making it as %s module\n", name, like.is_3d ? "3D" : "2D");
-        if (out.link.make(cn, name, {element, like.num_x, like.num_y, like.num_t, like.is_3d}) != 0)
+        if (out.make(cn, name, {element, like.num_x, like.num_y, like.num_t, like.is_3d}) != 0)
             return -1;
     }
-    if (mod_look(cn, name, out.link.head(), out.view) != 0)
-        return -1;
-    if (!same_size(out.view, like)) {
-        sv_printf(cn, "! Error, module '%s' exists but is wrong size (%d,%d,%d) not (%d,%d,%d)\n", name,
-                  out.view.num_x, out.view.num_y, out.view.num_t, like.num_x, like.num_y, like.num_t);
-        return -1;
-    }
-    return 0;
+    const module_view &mod = out.view();
+    if (same_size(mod, like))
+        return 0;
+    sv_printf(cn, "! Error, module '%s' exists but is wrong size (%d,%d,%d) not (%d,%d,%d)\n", name,
+              mod.num_x, mod.num_y, mod.num_t, like.num_x, like.num_y, like.num_t);
+    return -1;
 }
 
 int umaths_check_row(int cn, const char *what, const linked_module &module, int row) {

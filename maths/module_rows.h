@@ -8,9 +8,9 @@
 
 namespace kestrel {
 
-// A module that is linked as long as this lives, looked at once.
+// A module that exists, linked as long as this lives and looked at once.
 struct linked_module {
-    result_module link; // one that is new is kept once something is written
+    module_link link;
     module_view view;
 
     int rows() const; // frames below each other; at most INT_MAX
@@ -19,10 +19,10 @@ struct linked_module {
 // 0, or -1 after a line.
 int umaths_link_module(int cn, const char *name, linked_module &out);
 
-// A module of the same size as `like`, made with that element type where it does not exist; one that exists
-// keeps its type. 0, or -1 after a line.
+// A module for a result of the same size as `like`, made with that element type where it does not exist; one
+// that exists keeps its type. 0, or -1 after a line.
 int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
-                       linked_module &out);
+                       result_module &out);
 
 // A row of the module: 0, or -1 after a line that calls it `what`, as in "X Row".
 int umaths_check_row(int cn, const char *what, const linked_module &module, int row);

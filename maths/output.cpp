@@ -20,9 +20,9 @@ int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
         umaths_stop_output(out);
         return -1;
     };
-    if (mod_look(cn, to.name, out.mod_head.head(), out.mod) != 0)
+    if (out.mod_head.look(cn) != 0)
         return refuse();
-    const module_view &mod = out.mod;
+    const module_view &mod = out.mod_head.view();
     const long long x = static_cast<long long>(out.start_x) + out.nx;
     if (!mod.is_3d) {
         if (to.has_start_t) {
@@ -72,10 +72,8 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
     if (plan.is_3d)
         plan.num_t = out.start_t + out.nt;
     sv_printf(cn, "# Module '%s' not found, making it as %s module\n", to.name, plan.is_3d ? "3D" : "2D");
-    if (out.mod_head.make(cn, to.name, plan) == 0) {
-        out.mod = out.mod_head.view();
+    if (out.mod_head.make(cn, to.name, plan) == 0)
         return 0;
-    }
     umaths_stop_output(out);
     return -1;
 }
@@ -85,14 +83,15 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
 // lost.
 void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 #ifdef MADV_POPULATE_READ
-    const bool flat = !out.mod.is_3d;
+    const module_view &mod = out.mod_head.view();
+    const bool flat = !mod.is_3d;
     const int last_row = out.start_y + (flat ? out.ny * out.nt : out.ny) - 1;
     const int last_plane = flat ? 0 : out.start_t + out.nt - 1;
-    const std::byte *first = out.mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
-    const std::byte *last = out.mod.at(out.start_x + out.nx - 1, last_row, last_plane);
+    const std::byte *first = mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
+    const std::byte *last = mod.at(out.start_x + out.nx - 1, last_row, last_plane);
     const std::size_t spanned = static_cast<std::size_t>(last - first);
     const std::size_t taken = static_cast<std::size_t>(out.nx) * static_cast<std::size_t>(out.ny) *
-                              static_cast<std::size_t>(out.nt) * out.mod.element_size;
+                              static_cast<std::size_t>(out.nt) * mod.element_size;
     if (taken < worth_touching || taken < spanned / 2 || datamod_links(out.mod_head.head()) > 1)
         return;
     const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
@@ -134,9 +133,9 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     if ((found ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
         return -1;
     out.type = UMOutputType::module;
-    out.full_x = out.mod.num_x;
-    out.full_y = out.mod.num_y;
-    out.full_t = out.mod.num_t;
+    out.full_x = out.mod_head.view().num_x;
+    out.full_y = out.mod_head.view().num_y;
+    out.full_t = out.mod_head.view().num_t;
     touch_pages(out);
     return 0;
 }
@@ -146,15 +145,16 @@ std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
         sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
         return nullptr;
     }
-    const bool flat = !out.mod.is_3d; // planes lie below each other
+    const module_view &mod = out.mod_head.view();
+    const bool flat = !mod.is_3d; // planes lie below each other
     const int y = out.start_y + row + (flat ? plane * out.ny : 0);
     const int t = flat ? 0 : out.start_t + plane;
-    if (row < 0 || plane < 0 || !out.mod.holds(out.start_x, y, t)) {
+    if (row < 0 || plane < 0 || !mod.holds(out.start_x, y, t)) {
         sv_printf(cn, "! Tried to write past end of image\n");
         return nullptr;
     }
     out.mod_head.keep();
-    return out.mod.at(out.start_x, y, t);
+    return mod.at(out.start_x, y, t);
 }
 
 void umaths_stop_output(UMathsOutput &out) {

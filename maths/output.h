@@ -41,7 +41,6 @@ struct UMathsOutput {
     mod_element data_float = mod_element::u_int32;
     RWMode rw_mode = RWMode::write;
     result_module mod_head; // linked until the output stops
-    module_view mod;
 };
 
 // Links or makes the destination of an nx x ny x nt result: 0, or -1 after a line.

@@ -166,13 +166,6 @@ int limits_error(int cn, const char *end, int value, int channels) {
     return -1;
 }
 
-int element_of(int module_type) {
-    return module_type == MOD_U_INT32  ? el_long
-           : module_type == MOD_FLOAT  ? el_float
-           : module_type == MOD_DOUBLE ? el_double
-                                       : el_none;
-}
-
 int energy_limits(const pt_qualifiers<module_format> &q, int channels, peak_fit_request &request) {
     request.first = q.number("first-eng", 0);
     request.last = q.number("last-eng", channels - 1);
@@ -193,17 +186,17 @@ int peak_fit_module(int quals, int cn, const char *source, const char *result, i
     if (umaths_link_module(cn, source, from) != 0 || umaths_check_row(cn, "Row", from, first) != 0 ||
         umaths_check_row(cn, "Row", from, other) != 0 || energy_limits(q, from.view.num_x, request) != 0)
         return -1;
-    const int type = element_of(from.view.data_type);
-    if (type == el_none) {
+    const std::optional<mod_element> element = mod_element_of_code(from.view.data_type);
+    if (!element) {
         sv_printf(cn, "! Can only handle float or long and some double data for umaths\n");
         return -1;
     }
     const std::size_t step = from.view.element_size;
+    const std::size_t row = step * static_cast<std::size_t>(from.view.num_x);
     const peak_spectra spectra{
-        from.view.data(), type,        step, step * static_cast<std::size_t>(from.view.num_x), 0,
-        from.view.num_x,  from.rows(), 1};
+        from.view.data(), mod_handle_type_of(*element), step, row, 0, from.view.num_x, from.rows(), 1};
     const auto [q1, q2] = std::minmax(first, other);
-    request.tell = peak_fit_debug >= 1 || q2 - q1 < told_most;
+    request.tell = request.debug >= 1 || q2 - q1 < told_most;
     return guarded(cn, [&, q1 = q1, q2 = q2] {
         return peak_fit_fit_rows(request, spectra, q1, q2, from.link.head(), result);
     });
@@ -247,7 +240,7 @@ int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int 
         return -1;
     }
     request.last = sc.channels() - 1;
-    request.tell = peak_fit_debug >= 1 || sc.nq() * sc.ns() <= told_most;
+    request.tell = request.debug >= 1 || sc.nq() * sc.ns() <= told_most;
     return guarded(cn, [&] { return peak_fit_fit_scan(request, sc, result); });
 }
 

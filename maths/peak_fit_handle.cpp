@@ -57,7 +57,7 @@ int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const c
     const int most = static_cast<int>(std::clamp<std::size_t>(read_most / bytes, 1, 1 << 24));
     const int neighbours = request.constraints & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
     const int total = sc.nq() * sc.ns();
-    peak_fit_output output;
+    result_module output;
     std::vector<std::byte> buffer;
     peak_spectra spectra;
     peak_fit_counts counts;

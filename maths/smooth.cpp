@@ -137,7 +137,8 @@ int umaths_smooth(int quals, int cn, const char *name, int first, int last, int 
 }
 
 int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int width) {
-    linked_module from, to;
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0)
         return -1;
     const module_view &view = from.view;
@@ -153,9 +154,9 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         if (!smooth_rows(cn, view, frame, plane, width / 2, progress) ||
             !smooth_columns(cn, view, frame, plane, width / 2, progress))
             return -1;
-        to.link.keep();
+        to.keep();
         for (int y = 0; y < view.num_y; ++y)
-            umaths_put_elements(to.view, 0, y, frame,
+            umaths_put_elements(to.view(), 0, y, frame,
                                 std::span(plane).subspan(static_cast<std::size_t>(y) * nx, nx));
     }
     return 0;

@@ -1,5 +1,5 @@
-// The `maths` commands, in the order of their list. Each row stands below its handler: a new command is a file
-// with both, and its name in these two lists.
+// The `maths` commands, in the order of their list. Each row stands below its handler: a new command is a
+// file with both, and its name twice in here.
 #include "maths/commands.h"
 
 namespace kestrel {

@@ -41,7 +41,7 @@ struct peak_fit_job {
     int first = 0, last = 0;
     peak_fit_request request;
     peak_fit_part part;
-    const peak_fit_output *output = nullptr;
+    const result_module *output = nullptr;
     crew *together = nullptr;
     bool calling_thread = false;
     int done = 0, total = 0;
@@ -299,7 +299,7 @@ std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads
 }
 
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
-                                  const peak_fit_output &output, int done, int total) {
+                                  const result_module &output, int done, int total) {
     crew together;
     peak_fit_job job;
     job.first = part.q1;

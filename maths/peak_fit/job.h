@@ -35,7 +35,7 @@ std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads
 
 // Fits a part; `done` of `total` points were fitted before, for the progress line.
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
-                                  const peak_fit_output &output, int done, int total);
+                                  const result_module &output, int done, int total);
 
 // The closing line and the command's result: -1 with errors, else the number of warnings.
 int peak_fit_close(int cn, const peak_fit_counts &counts, int total);

@@ -1,17 +1,17 @@
 #include "maths/peak_fit/recorder.h"
 
 #include "modules/store/headed.h"
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
 #include "server/output.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 
 namespace kestrel {
 
 namespace {
 
-constexpr const char *labels[] = {"Attempt", "Seed", "Residuals", "Function", "Energy", "pass", nullptr};
 constexpr int level_of_files = 3;
 
 std::vector<double> model(std::span<const peak_fit_peak_t> peaks, std::size_t channels) {
@@ -97,13 +97,22 @@ void peak_fit_recorder::store() {
         return;
     }
     const int nx = static_cast<int>(channels_), ny = static_cast<int>(trials_);
-    module_link link;
-    app_mkmod3d(cn_, name, -nx, -ny, static_cast<int>(rows_of_trial), "Channel", "Trial", "", labels,
-                mod_element::float64, link);
-    module_view mod;
-    if (!link || mod_look(cn_, name, link.head(), mod) != 0)
+    const std::string labels[rows_of_trial] = {"Attempt", "Seed", "Residuals", "Function", "Energy", "pass"};
+    const module_plan plan{.element = mod_element::float64,
+                           .num_x = -nx,
+                           .num_y = -ny,
+                           .num_t = static_cast<int>(rows_of_trial),
+                           .is_3d = true,
+                           .x_label = "Channel",
+                           .y_label = "Trial",
+                           .t_label = "",
+                           .labels = labels};
+    result_module to;
+    if (to.make(cn_, name, plan) != 0)
         return;
-    clear_mod(link.head());
+    to.keep();
+    clear_mod(to.head());
+    const module_view &mod = to.view();
     for (std::size_t i = 0; i < rows_.size(); ++i) {
         const int y = static_cast<int>(i / rows_of_trial), t = static_cast<int>(i % rows_of_trial);
         for (int x = 0; x < nx && mod.holds(x, y, t); ++x)

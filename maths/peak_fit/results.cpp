@@ -3,8 +3,6 @@
 #include "modules/store/headed.h"
 #include "server/output.h"
 
-#include <cerrno>
-
 namespace kestrel {
 
 namespace {
@@ -115,29 +113,36 @@ std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fi
     return v.values;
 }
 
-int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, peak_fit_output &out) {
+int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, result_module &out) {
     const std::vector<std::string> labels = peak_fit_labels(num_peaks);
     const int frames = static_cast<int>(labels.size());
-    if (!out.link.find(name)) {
-        if (out.link.make(
-                cn, name,
-                {mod_element::float64, nq, ns, frames, true, "Point", "Scan", "Quantity", labels}) != 0)
+    if (!out.find(name)) {
+        const module_plan plan{.element = mod_element::float64,
+                               .num_x = nq,
+                               .num_y = ns,
+                               .num_t = frames,
+                               .is_3d = true,
+                               .x_label = "Point",
+                               .y_label = "Scan",
+                               .t_label = "Quantity",
+                               .labels = labels};
+        if (out.make(cn, name, plan) != 0)
             return -1;
-        out.link.keep();
-        out.mod = out.link.view();
+        out.keep();
         return 0;
     }
-    if (mod_look(cn, name, out.link.head(), out.mod) != 0)
+    if (out.look(cn) != 0)
         return -1;
-    if (out.mod.num_x < nq || out.mod.num_y < ns || out.mod.num_t < frames)
+    const module_view &mod = out.view();
+    if (mod.num_x < nq || mod.num_y < ns || mod.num_t < frames)
         return refuse(cn, "! Out of space in result mod\n");
-    if (out.mod.data_type != MOD_DOUBLE && out.mod.data_type != MOD_FLOAT)
+    if (mod.data_type != MOD_DOUBLE && mod.data_type != MOD_FLOAT)
         return refuse(cn, "! The result module must hold float or double elements\n");
-    mod_set_labels(out.link.head(), labels); // as far as it has room for them
+    mod_set_labels(out.head(), labels); // as far as it has room for them
     return 0;
 }
 
-void peak_fit_clear(const peak_fit_output &out, int nq, int ns, int num_peaks) {
+void peak_fit_clear(const result_module &out, int nq, int ns, int num_peaks) {
     peak_fit_fitted nothing;
     nothing.num_peaks = num_peaks;
     const std::vector<double> values = peak_fit_values(nothing, {}, {});
@@ -146,9 +151,10 @@ void peak_fit_clear(const peak_fit_output &out, int nq, int ns, int num_peaks) {
             peak_fit_put(out, q, s, values);
 }
 
-void peak_fit_put(const peak_fit_output &out, int q, int s, std::span<const double> values) {
+void peak_fit_put(const result_module &out, int q, int s, std::span<const double> values) {
+    const module_view &mod = out.view();
     for (std::size_t frame = 0; frame < values.size(); ++frame)
-        mod_put_element(out.mod.at(q, s, static_cast<int>(frame)), out.mod.data_type, values[frame]);
+        mod_put_element(mod.at(q, s, static_cast<int>(frame)), mod.data_type, values[frame]);
 }
 
 } // namespace kestrel

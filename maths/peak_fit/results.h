@@ -22,16 +22,11 @@ std::vector<double> peak_fit_values(const peak_fit_fitted &fitted, const peak_fi
 // known.
 double peak_fit_calibration(const peak_fit_fitted &fitted, const peak_fit_lines &lines);
 
-// The result module: point along x, second scan axis along y, one frame a quantity.
-struct peak_fit_output {
-    result_module link;
-    module_view mod;
-};
-
-// Links or makes it for nq x ns points: 0, or -1 after a line.
-int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, peak_fit_output &out);
+// Links or makes the result module for nq x ns points: point along x, second scan axis along y, one frame a
+// quantity. 0, or -1 after a line.
+int peak_fit_start_output(int cn, const char *name, int nq, int ns, int num_peaks, result_module &out);
 // Every point as one that was not fitted: what a fit that ends early leaves.
-void peak_fit_clear(const peak_fit_output &out, int nq, int ns, int num_peaks);
-void peak_fit_put(const peak_fit_output &out, int q, int s, std::span<const double> values);
+void peak_fit_clear(const result_module &out, int nq, int ns, int num_peaks);
+void peak_fit_put(const result_module &out, int q, int s, std::span<const double> values);
 
 } // namespace kestrel

@@ -17,7 +17,7 @@ bool same_module(int cn, const char *result, const void *owner) {
 } // namespace
 
 int peak_fit_open_results(const peak_fit_request &request, const char *result, int nq, int ns,
-                          peak_fit_output &out) {
+                          result_module &out) {
     if (peak_fit_start_output(request.cn, result, nq, ns, request.lines.num_peaks, out) != 0)
         return -1;
     peak_fit_clear(out, nq, ns, request.lines.num_peaks);
@@ -27,7 +27,7 @@ int peak_fit_open_results(const peak_fit_request &request, const char *result, i
 int peak_fit_fit_rows(const peak_fit_request &request, const peak_spectra &spectra, int q1, int q2,
                       const void *owner, const char *result) {
     const int nq = q2 - q1 + 1, total = nq * spectra.ns;
-    peak_fit_output output;
+    result_module output;
     if (same_module(request.cn, result, owner) ||
         peak_fit_open_results(request, result, nq, spectra.ns, output) != 0)
         return -1;

@@ -8,7 +8,7 @@ namespace kestrel {
 
 // Links or makes the result module for nq x ns points, none of them fitted yet: 0, or -1 after a line.
 int peak_fit_open_results(const peak_fit_request &request, const char *result, int nq, int ns,
-                          peak_fit_output &out);
+                          result_module &out);
 
 // Points q1..q2 of spectra in memory, which lie in the mapping that starts at `owner`. The command's result:
 // -1 after a line, else the number of warnings.
