@@ -152,20 +152,20 @@ int reading::prepare() {
                   "! int48 data can only be scaled or corrected when they become long, float or double\n");
         return -1;
     }
-    if (format_.startfn(format_, request_.box, to_type, output_) < 0) {
+    if (format_.startfn(request_.box, to_type, output_) < 0) {
         sv_printf(cn_, "! Failed when calling the initialization function for this output format.\n");
         return -1;
     }
     output_.source_fd = unified_source_file(request_.handle);
-    if (output_.init(output_, format_) < 0) {
+    if (output_.init(format_) < 0) {
         const int error = errno;
-        format_.stopfn(format_, true);
+        format_.stopfn(true);
         sv_printf(cn_, "! Error when opening a file or a module (errno %d).\n", error);
         return -1;
     }
     unchanged_ = source_type_ == to_type && !computed && (request_.swap_bytes == 0 || source_size_ == 1);
     const auto look = use_readgel_ ? std::nullopt : unified_look_at(request_.handle, request_.box);
-    in_place_ = look && (output_owner(output_) == nullptr || look->owner != output_owner(output_));
+    in_place_ = look && (output_.owner() == nullptr || look->owner != output_.owner());
     return 0;
 }
 
@@ -177,7 +177,7 @@ unified_box reading::choose_piece(std::size_t piece_bytes) {
     const unified_box &box = request_.box;
     const bool columns = format_.transpose_read != 0;
     // Source and destination may be one module: then all is read before anything is written.
-    if (!in_place_ && output_owner(output_) != nullptr && source_.shows_elements)
+    if (!in_place_ && output_.owner() != nullptr && source_.shows_elements)
         piece_bytes = SIZE_MAX;
     for (std::size_t limit = piece_bytes / source_size_;; limit /= 2) {
         const unified_box piece = part_of(box, limit, columns);
@@ -306,7 +306,7 @@ int reading::write(const std::byte *elements, const unified_box &block) {
         sv_printf(cn_, "! Read interrupted\n");
         return failed("write");
     }
-    if (format_.writefn(format_, elements, block.dx, block.dy, block.dt) != 0)
+    if (format_.writefn(elements, block.dx, block.dy, block.dt) != 0)
         return failed("write");
     done_ += static_cast<long long>(elements_of(block));
     show_progress(false);
@@ -346,12 +346,12 @@ int run_read(int cn, const read_request &request, _unif_format &format, UnifOutp
     try {
         ok = now.run(piece_bytes) == 0;
     } catch (const std::bad_alloc &) { // ends the command above; nothing half made stays
-        format.stopfn(format, true);
-        output.term(output, true);
+        format.stopfn(true);
+        output.term(true);
         throw;
     }
-    ok = format.stopfn(format, !ok) == 0 && ok;
-    ok = output.term(output, !ok) == 0 && ok;
+    ok = format.stopfn(!ok) == 0 && ok;
+    ok = output.term(!ok) == 0 && ok;
     return ok ? 0 : -1;
 }
 
