@@ -236,13 +236,8 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
     return 0;
 }
 
-umaths_region size_of_handle(int cn, int handle) {
-    return {0,
-            0,
-            0,
-            unified_get_nx(0, cn, handle),
-            unified_get_ny(0, cn, handle),
-            std::max(1, unified_get_nt(0, cn, handle))};
+umaths_region size_of_handle(int handle) {
+    return {0, 0, 0, unified_get_nx(handle), unified_get_ny(handle), std::max(1, unified_get_nt(handle))};
 }
 
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
@@ -254,7 +249,7 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
     const operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
                       static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
     const umaths_destination to = umaths_destination_of(q);
-    const umaths_region size_a = size_of_handle(cn, handle_a), size_b = size_of_handle(cn, handle_b);
+    const umaths_region size_a = size_of_handle(handle_a), size_b = size_of_handle(handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {
         sv_printf(cn, "! Something wrong with unified handles\n");
         return -1;

@@ -103,12 +103,8 @@ int umaths_measure_mask(int quals, int cn, int handle) {
         sv_printf(cn, "! Must specify exactly one of X, Y\n");
         return -1;
     }
-    const umaths_region all{0,
-                            0,
-                            0,
-                            unified_get_nx(0, cn, handle),
-                            unified_get_ny(0, cn, handle),
-                            std::max(1, unified_get_nt(0, cn, handle))};
+    const umaths_region all{
+        0, 0, 0, unified_get_nx(handle), unified_get_ny(handle), std::max(1, unified_get_nt(handle))};
     UMaths r;
     if (umaths_start(cn, all, handle, r, 0) != 0)
         return -1;

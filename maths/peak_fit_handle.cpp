@@ -38,7 +38,7 @@ int read_piece(int cn, const peak_fit_scan &whole, const piece &p, std::vector<s
     sc.size[sc.q] = p.before + p.nq + p.after;
     sc.origin[sc.s] += p.s0;
     sc.size[sc.s] = p.ns;
-    const _unif_open_tbl &entry = *unified_entry(sc.handle);
+    const unified_info entry = *unified_info_of(sc.handle);
     const std::size_t step = static_cast<std::size_t>(entry.elem_size);
     const std::size_t row = step * static_cast<std::size_t>(sc.size[0]);
     const std::size_t frame = row * static_cast<std::size_t>(sc.size[1]);
@@ -52,8 +52,8 @@ int read_piece(int cn, const peak_fit_scan &whole, const piece &p, std::vector<s
 
 // Reads and fits piece by piece, whole planes of the scan where they fit.
 int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const char *result) {
-    const std::size_t bytes = static_cast<std::size_t>(sc.channels()) *
-                              static_cast<std::size_t>(unified_entry(sc.handle)->elem_size);
+    const std::size_t bytes =
+        static_cast<std::size_t>(sc.channels()) * static_cast<std::size_t>(unified_get_bsize(sc.handle));
     const int most = static_cast<int>(std::clamp<std::size_t>(read_most / bytes, 1, 1 << 24));
     const int neighbours = request.constraints & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
     const int total = sc.nq() * sc.ns();
@@ -86,7 +86,7 @@ int peak_fit_fit_scan(const peak_fit_request &request, const peak_fit_scan &sc, 
     const std::optional<unified_look> look = unified_look_at(sc.handle, box);
     if (!look)
         return fit_copies(request, sc, result);
-    const _unif_open_tbl &entry = *unified_entry(sc.handle);
+    const unified_info entry = *unified_info_of(sc.handle);
     const auto step = static_cast<std::size_t>(entry.elem_size);
     const peak_spectra spectra =
         layout(sc, look->first, entry.data_type, {step, look->row_stride, look->frame_stride});

@@ -353,7 +353,7 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
         return -1;
     const opened_module fx(cn, name.c_str(), "_fx"), f(cn, name.c_str(), "_f");
     divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
-               unified_get_nx(0, cn, fx.handle()) - 1, unified_get_ny(0, cn, fx.handle()) - 1, name.c_str());
+               unified_get_nx(fx.handle()) - 1, unified_get_ny(fx.handle()) - 1, name.c_str());
     if (q.given("start-x"))
         divide.add(" start-x %d", to.start_x);
     if (q.given("start-y"))

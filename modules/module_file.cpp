@@ -57,7 +57,7 @@ class open_handle {
     open_handle(const open_handle &) = delete;
     open_handle &operator=(const open_handle &) = delete;
     ~open_handle() {
-        if (unified_entry(handle_) != nullptr)
+        if (unified_info_of(handle_))
             unified_close_and_destroy(cn_, handle_);
     }
     int get() const { return handle_; }
@@ -97,7 +97,7 @@ load_request load_asked(int quals) {
 }
 
 int load_from(int cn, const open_handle &file, const std::string &name, load_request r) {
-    const _unif_open_tbl &entry = *unified_entry(file.get());
+    const unified_info entry = *unified_info_of(file.get());
     const int nx = entry.nx;
     const int ny = entry.ny;
     const int nt = entry.nt;
@@ -136,7 +136,7 @@ int module_load(int quals, int cn, const char *file, const char *name) {
     const std::string command =
         formatted("file open %s %s", quoted(file).c_str(), request.open_quals.c_str());
     const int handle = run(cn, command);
-    if (handle < 0 || unified_entry(handle) == nullptr) {
+    if (handle < 0 || !unified_info_of(handle)) {
         sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
         return -1;
     }
@@ -259,8 +259,8 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     const open_handle opened(cn, handle);
     if (request.indexed && take_indexed_name(cn, request) != 0)
         return -1;
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr)
+    const auto entry = unified_info_of(handle);
+    if (!entry)
         return -1;
     if (check_quotes(cn, {request.file}) != 0)
         return -1;

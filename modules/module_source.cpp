@@ -5,6 +5,7 @@
 #include "server/output.h"
 #include "unified/handles/handles.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -22,6 +23,7 @@ constexpr int module_paths = 31; // numbered from 1
 struct module_path {
     module_link link;
     int data_type = 0; // when it was opened
+    int handle = -1;
 };
 
 std::array<module_path, module_paths + 1> mod_ptrs;
@@ -130,6 +132,11 @@ constexpr unified_source source_2d = {
 constexpr unified_source source_3d = {
     .read = module_read3d, .destroy = module_destroy, .clear = mod_clear3d, .place = module_place};
 
+bool is_module_handle(int handle) {
+    return std::any_of(mod_ptrs.begin(), mod_ptrs.end(),
+                       [handle](const module_path &path) { return path.link && path.handle == handle; });
+}
+
 // The header's kind, before the header is trusted with more.
 int check_kind(int cn, const char *name, const void *head) {
     std::int32_t disp_type = 0;
@@ -178,14 +185,13 @@ int module_open(int quals, int cn, const char *name) {
     if (handle < 0)
         return -1;
     unified_set_mmapped(cn, handle, view.data());
-    mod_ptrs[static_cast<std::size_t>(path)] = {std::move(link), view.data_type};
+    mod_ptrs[static_cast<std::size_t>(path)] = {std::move(link), view.data_type, handle};
     return handle;
 }
 
 // Closes any handle; a module path is given back by its destroy callback's work.
 int module_close(int, int cn, int handle) {
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr || entry->source.destroy != module_destroy)
+    if (!is_module_handle(handle))
         std::fprintf(stderr, bad_destroy_path, unif_handle2path(handle));
     return unified_close_and_destroy(cn, handle);
 }
