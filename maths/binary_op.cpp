@@ -44,7 +44,8 @@ void list_forms(int cn) {
         sv_printf(cn, "%s", line);
 }
 
-// B for a part of A: from its origin, of A's size, but where it has only one line or frame that one.
+// The part of B that goes with a part of A: from B's origin and as large as A's, but a B of one line or one
+// frame gives that one to all.
 umaths_region matching(const umaths_region &size_b, const umaths_region &a) {
     return {0, 0, 0, std::min(size_b.dx, a.dx), size_b.dy == 1 ? 1 : a.dy, size_b.dt == 1 ? 1 : a.dt};
 }
@@ -196,7 +197,8 @@ std::size_t type_code(int utype) {
     return utype == el_long ? 0 : utype == el_float ? 1 : 2;
 }
 
-// A line of a result that does not stay in the cache, through a piece of it that does.
+// A line of a large result: worked out piece by piece in a buffer that stays in the cache, and stored from
+// there without going through it.
 void line_past_cache(line_function line, const std::byte *a, std::size_t size_a, const std::byte *b,
                      std::size_t size_b, float *out, int count, const operation &o) {
     constexpr int piece_max = 2048;
@@ -209,7 +211,7 @@ void line_past_cache(line_function line, const std::byte *a, std::size_t size_a,
     }
 }
 
-constexpr std::size_t cached_result = 0x1000000; // elements: above, nobody finds the result in the cache
+constexpr std::size_t cached_result = 0x1000000; // elements; a larger result would not stay in the cache
 
 int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const operation &o) {
     const line_function line = line_functions[type_code(a.utype) + 3 * type_code(b.utype)];
@@ -236,10 +238,6 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
     return 0;
 }
 
-umaths_region size_of_handle(int handle) {
-    return {0, 0, 0, unified_get_nx(handle), unified_get_ny(handle), std::max(1, unified_get_nt(handle))};
-}
-
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
     const pt_qualifiers<binary_format> q(quals);
     if (q.count({"add", "sub", "mult", "div"}) != 1) {
@@ -249,7 +247,7 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
     const operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
                       static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
     const umaths_destination to = umaths_destination_of(q);
-    const umaths_region size_a = size_of_handle(handle_a), size_b = size_of_handle(handle_b);
+    const umaths_region size_a = umaths_whole(handle_a), size_b = umaths_whole(handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {
         sv_printf(cn, "! Something wrong with unified handles\n");
         return -1;

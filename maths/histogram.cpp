@@ -55,8 +55,8 @@ int check_source(int cn, const linked_module &from, const request &q) {
     return 0;
 }
 
-// The range of an axis: as given, and where it was not, of the row's finite values (one value: half to each
-// side of it).
+// The range of an axis. An end that was not given is that of the row's finite values; where they are all one
+// value, half a unit to its side.
 int find_range(int cn, const given_range &given, const char *axis, std::span<const double> row, bins &b) {
     double least = std::numeric_limits<double>::max(), most = -least;
     for (const double value : row)

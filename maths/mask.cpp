@@ -103,10 +103,8 @@ int umaths_measure_mask(int quals, int cn, int handle) {
         sv_printf(cn, "! Must specify exactly one of X, Y\n");
         return -1;
     }
-    const umaths_region all{
-        0, 0, 0, unified_get_nx(handle), unified_get_ny(handle), std::max(1, unified_get_nt(handle))};
     UMaths r;
-    if (umaths_start(cn, all, handle, r, 0) != 0)
+    if (umaths_start(cn, umaths_whole(handle), handle, r, 0) != 0)
         return -1;
     std::vector<double> profile(static_cast<std::size_t>(along_x ? r.dx : r.dy));
     const bool read = r.utype == el_long    ? project<std::uint32_t>(cn, r, along_x, profile)

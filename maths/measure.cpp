@@ -147,7 +147,7 @@ struct flood_sums {
     double maximum = 0.0;
 };
 
-// Integers are tracked from these, so that values above the first show in the minimum as it.
+// The minimum of integers begins here: where every element is larger, this is what is told.
 constexpr std::int64_t integer_minimum_start = 0x7fffffff;
 
 template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, flood_sums &sums) {

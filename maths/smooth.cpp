@@ -89,7 +89,7 @@ bool smooth_rows(int cn, const module_view &from, int frame, std::vector<double>
     return true;
 }
 
-// Columns are taken a few at a time, so that what memory gives with each row is used.
+// Columns are taken eight at a time: a line of the cache that is loaded for one holds its neighbours, too.
 bool smooth_columns(int cn, const module_view &from, int frame, std::vector<double> &plane, int half,
                     umaths_progress &progress) {
     constexpr std::size_t at_once = 8;

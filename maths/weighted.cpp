@@ -59,12 +59,12 @@ struct moments {
         : moments(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)) {}
 };
 
-// Where a row's sums begin, when the axis is y or t: its own line of x.
+// Where the line of sums begins that a row adds to: its plane's when the axis is y, its own when it is t.
 std::size_t line_of(const UMaths &r, const reduced_axis &a, int row, int plane) {
     return static_cast<std::size_t>(a.axis == axis_y ? plane : row) * static_cast<std::size_t>(r.dx);
 }
 
-// Where a row's single sum stands, when the axis is x.
+// Where the one sum of a row stands when the axis is x.
 std::size_t place_of(const UMaths &r, int row, int plane) {
     return static_cast<std::size_t>(plane) * static_cast<std::size_t>(r.dy) + static_cast<std::size_t>(row);
 }
@@ -119,7 +119,7 @@ bool sum_moments_above(int cn, UMaths &r, const reduced_axis &a, double fraction
            });
 }
 
-// What is written of the two sums.
+// What each command writes of the two sums.
 double weighted_sum(double, double fc) {
     return fc;
 }

@@ -51,9 +51,6 @@ template <const pt_format &Format, char... Types> struct word {
         if (index < 0)
             throw "the format has no such keyword, or one whose value is of another type";
     }
-    template <char... Other>
-    requires(sizeof...(Types) == 0) constexpr word(const word<Format, Other...> &typed)
-        : index(typed.index) {}
 };
 
 } // namespace qualifier_detail

@@ -10,7 +10,7 @@ namespace kestrel {
 
 namespace {
 
-constexpr double step = 1e-6; // of a parameter, for differences in the middle
+constexpr double step = 1e-6; // of a parameter, up and down, for its derivative
 
 double step_of(double value) {
     return step * std::max(std::fabs(value), 1e-3);
@@ -50,7 +50,8 @@ Eigen::MatrixXd inverse(const Eigen::MatrixXd &matrix) {
     return solver.eigenvectors() * values.asDiagonal() * solver.eigenvectors().transpose();
 }
 
-// A channel's variance is its count; the mean of data and model knows it also where nothing was counted.
+// A channel's variance is its expected count, taken as the mean of data and model: data alone would give an
+// empty channel no variance.
 Eigen::VectorXd variances(peak_residuals &residuals, const std::vector<double> &x) {
     std::vector<double> residual(residuals.count());
     residuals.evaluate(x.data(), residual.data());

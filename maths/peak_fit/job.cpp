@@ -28,7 +28,7 @@ constexpr auto show_every = std::chrono::milliseconds(500);
 // What the threads of a part share.
 struct crew {
     std::atomic<bool> stop = false;
-    std::atomic<bool> out_of_memory = false; // and the user knows
+    std::atomic<bool> out_of_memory = false; // and its line is printed
     std::atomic<int> fitted = 0;
     std::mutex mutex;
     std::condition_variable finished;
@@ -61,7 +61,7 @@ bool stopped_together(const void *together) {
     return static_cast<const crew *>(together)->stop.load(std::memory_order_relaxed);
 }
 
-// The same on the thread that the interrupt comes to.
+// The same on the command thread, which is where ^C arrives.
 bool interrupted(const void *together) {
     return sv_quit > 0 || stopped_together(together);
 }

@@ -31,7 +31,7 @@ std::vector<double> energies(const peak_fit_trial &trial) {
     return values;
 }
 
-// Somebody in this server uses the module of that name: it is not for us to clear.
+// A module of that name that something else in this server has linked must not be cleared.
 bool in_use(const char *name) {
     const module_link link(name);
     return link && datamod_links(link.head()) > 1;

@@ -24,7 +24,7 @@ class peak_fit_recorder {
     int cn_ = 0;
     bool files_ = false; // each trial is a file, too
     int point_ = 0;
-    bool file_failed_ = false; // and the user knows
+    bool file_failed_ = false; // and its line is printed
     std::size_t channels_ = 0, trials_ = 0;
     std::vector<std::vector<double>> rows_; // rows_of_trial of each trial
 };

@@ -17,7 +17,7 @@ constexpr double ratio_least = 1.174, ratio_most = 20.0;
 constexpr double wall_strength = 10.0;
 constexpr double too_close = 0.8; // FWHM
 
-// MINPACK's callback gets no pointer of ours, so the fit that a thread is in hangs on the thread.
+// MINPACK hands no pointer of the caller's to its callback, so each thread keeps here which fit it runs.
 thread_local peak_residuals *fit_of_thread = nullptr;
 
 void peak_fit_residuals(int *, int *, double *x, double *fvec, int *iflag) noexcept {
@@ -194,7 +194,7 @@ double peak_vector::outside(const double *x, std::size_t index) const {
         return far + beyond(value - other - gap[i], -gap_reach[i], gap_reach[i]) / gap_reach[i];
     }
     case kind::height:
-        return 0.0; // seen to below: its size is the data's
+        return 0.0; // evaluate() drives a negative height back itself
     case kind::sigma: {
         if (p.peak == main)
             return beyond(value, sigma_least, sigma_most) / sigma_least;
@@ -212,7 +212,7 @@ double peak_vector::outside(const double *x, std::size_t index) const {
 
 void peak_profile::prepare(std::size_t count) {
     for (values &v : slot_) {
-        v.width = 0.0; // of no profile
+        v.width = 0.0; // no profile has it, so the next one is worked out
         v.at.resize(count);
     }
 }
@@ -257,7 +257,7 @@ void peak_residuals::evaluate(const double *x, double *residual) noexcept {
     std::copy(data.begin(), data.end(), channels.begin());
     for (std::size_t i = 0; i < vector->num_peaks; ++i) {
         const peak_fit_peak_t &p = peaks[i];
-        // Outside the ranges the walls count, not the model; it must only stay finite.
+        // Outside its range a parameter is driven back by outside(); the model need only stay finite.
         const double sigma = std::max(std::fabs(p.sigma), 0.1 * sigma_least);
         subtract(channels, gauss[i].get(peak_profile::shape::gauss, p.posn, sigma, x1, data.size()),
                  p.height * (1.0 - p.lor_frac));

@@ -20,7 +20,7 @@ constexpr quantity quantities[] = {
     {"height_err", true},   {"sigma_err", true},   {"area_err", true},
 };
 
-// Takes the place of the list above in the same order.
+// The values of the quantities, appended in the order of that list.
 struct value_list {
     std::vector<double> values;
     std::size_t peaks;

@@ -84,8 +84,8 @@ void tell_odd_values(int cn, std::span<const peak_fit_peak_t> peaks) {
     }
 }
 
-// The walls of the ranges give way a little: what is stored lies inside. A line outside the spectrum is not
-// seen.
+// The solver may end a little outside the parameters' ranges: what is stored lies inside. A line outside the
+// spectrum has the height 0.
 void put_in_range(std::span<peak_fit_peak_t> peaks, std::size_t channels) {
     for (peak_fit_peak_t &p : peaks) {
         const bool seen = p.posn >= 0.0 && p.posn < static_cast<double>(channels);
@@ -292,7 +292,7 @@ void peak_fit_solver::state::refine(peak_fit_solver &solver, outcome &best, peak
     result.status = peak_fit_status::fitted;
 }
 
-// Peaks that reach out of what is fitted, and what reaches in.
+// Warns of peaks that are cut off by the ends of the fitted channels, and of counts that come in there.
 void peak_fit_solver::state::check_ends(int point, channel_range region, peak_list &seeds,
                                         peak_fit_fitted &result) const {
     const int cn = request->cn;
