@@ -2,7 +2,7 @@
 // Writes the spectra and where each fit begins to FILE (doubles: first channel, channels, then for each
 // spectrum 6 start values and the region), fits each by one solver call with tolerance 1e-6 on this thread,
 // and prints seconds, and the sums of the fitted parameters.
-#include "maths/peak_residuals.h"
+#include "maths/peak_fit/residuals.h"
 
 #include <chrono>
 #include <cmath>

@@ -1,6 +1,6 @@
 // `maths accumulate`: the sum of a region.
-#include "maths/commands.h"
 #include "maths/row_groups.h"
+#include "parser/tree.h"
 #include "support/element.h"
 
 namespace kestrel {
@@ -27,8 +27,6 @@ template <class T> bool sum_rows(int cn, UMaths &reader, double &sum) {
     return true;
 }
 
-} // namespace
-
 double umaths_accumulate(int, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
     UMaths reader;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, 0) != 0)
@@ -39,5 +37,11 @@ double umaths_accumulate(int, int cn, int handle, int x1, int y1, int t1, int x2
                                                  : sum_rows<double>(cn, reader, sum);
     return read ? sum : umaths_read_error(cn, reader);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_accumulate =
+    pt_command<umaths_accumulate>("accumulate", "%d %d %d %d %d %d %d = %g",
+                                  "integrate all (counts) in volume", "Unified handle/x1/y1/t1/x2/y2/t2");
 
 } // namespace kestrel

@@ -2,18 +2,28 @@
 #pragma once
 
 #include "maths/reader.h"
+#include "parser/qualifiers.h"
+#include "server/output.h"
 
 namespace kestrel {
 
-enum axis_keyword : int { axis_x = 1, axis_y = 2, axis_t = 4 };
+enum region_axis : int { axis_x, axis_y, axis_t };
 
 struct reduced_axis {
-    int axis = 0;
+    region_axis axis = axis_x;
     int nx = 1, ny = 1; // of what remains
 };
 
-// Takes exactly one of the keywords x, y, t (bits 0 to 2): 0, or -1 after a line.
-int umaths_choose_axis(int cn, int quals, reduced_axis &out);
+// Takes exactly one of the keywords x, y, t: 0, or -1 after a line.
+template <const pt_format &Format>
+int umaths_choose_axis(int cn, const pt_qualifiers<Format> &q, reduced_axis &out) {
+    if (q.count({"x", "y", "t"}) != 1) {
+        sv_printf(cn, "! Must specify exactly one of X, Y, T\n");
+        return -1;
+    }
+    out.axis = static_cast<region_axis>(q.which({"x", "y", "t"}));
+    return 0;
+}
 
 int umaths_axis_length(const UMaths &reader, const reduced_axis &a);
 

@@ -1,33 +1,27 @@
 // `maths binary-op`: two volumes combined element by element, in single precision.
-#include "maths/commands.h"
 #include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
-#include "parser/call.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
 #include <algorithm>
-#include <bit>
 #include <limits>
+#include <span>
 
 namespace kestrel {
 
 namespace {
 
-enum binary_keyword : int {
-    bin_add = 1,
-    bin_sub = 2,
-    bin_mult = 4,
-    bin_div = 8,
-    bin_threshold = 16,
-    bin_scale = 32
-};
-constexpr int operators = bin_add | bin_sub | bin_mult | bin_div;
-constexpr int threshold_keyword = 4, scale_keyword = 5, first_output_keyword = 6;
+constexpr pt_format binary_format(
+    text_join<"%d %d + %d %d %d %d %d %d %d %d %d %d %d %d add sub mult div threshold %g scale %g ",
+              umaths_output_words>);
+
+enum binary_operator : int { bin_add, bin_sub, bin_mult, bin_div };
 
 struct operation {
-    int code = 0;
+    binary_operator code = bin_add;
     float threshold = 1.0F; // a divisor up to this gives 0; at most 0: no test
     float scale = 0.0F;     // 0: no scaling
 };
@@ -50,7 +44,8 @@ void list_forms(int cn) {
         sv_printf(cn, "%s", line);
 }
 
-// B for a part of A: from its origin, of A's size, but where it has only one line or frame that one.
+// The part of B that goes with a part of A: from B's origin and as large as A's, but a B of one line or one
+// frame gives that one to all.
 umaths_region matching(const umaths_region &size_b, const umaths_region &a) {
     return {0, 0, 0, std::min(size_b.dx, a.dx), size_b.dy == 1 ? 1 : a.dy, size_b.dt == 1 ? 1 : a.dt};
 }
@@ -202,7 +197,8 @@ std::size_t type_code(int utype) {
     return utype == el_long ? 0 : utype == el_float ? 1 : 2;
 }
 
-// A line of a result that does not stay in the cache, through a piece of it that does.
+// A line of a large result: worked out piece by piece in a buffer that stays in the cache, and stored from
+// there without going through it.
 void line_past_cache(line_function line, const std::byte *a, std::size_t size_a, const std::byte *b,
                      std::size_t size_b, float *out, int count, const operation &o) {
     constexpr int piece_max = 2048;
@@ -215,7 +211,7 @@ void line_past_cache(line_function line, const std::byte *a, std::size_t size_a,
     }
 }
 
-constexpr std::size_t cached_result = 0x1000000; // elements: above, nobody finds the result in the cache
+constexpr std::size_t cached_result = 0x1000000; // elements; a larger result would not stay in the cache
 
 int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const operation &o) {
     const line_function line = line_functions[type_code(a.utype) + 3 * type_code(b.utype)];
@@ -242,30 +238,16 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
     return 0;
 }
 
-umaths_region size_of_handle(int cn, int handle) {
-    return {0,
-            0,
-            0,
-            unified_get_nx(0, cn, handle),
-            unified_get_ny(0, cn, handle),
-            std::max(1, unified_get_nt(0, cn, handle))};
-}
-
-} // namespace
-
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
-    operation o;
-    o.code = quals & operators;
-    if (!std::has_single_bit(static_cast<unsigned>(o.code))) {
+    const pt_qualifiers<binary_format> q(quals);
+    if (q.count({"add", "sub", "mult", "div"}) != 1) {
         sv_printf(cn, "! ERROR: Must specify one of add, sub, mult, div\n");
         return -1;
     }
-    if (quals & bin_threshold)
-        o.threshold = static_cast<float>(Qualifier[threshold_keyword].DoubleArg);
-    if (quals & bin_scale)
-        o.scale = static_cast<float>(Qualifier[scale_keyword].DoubleArg);
-    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
-    const umaths_region size_a = size_of_handle(cn, handle_a), size_b = size_of_handle(cn, handle_b);
+    const operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
+                      static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
+    const umaths_destination to = umaths_destination_of(q);
+    const umaths_region size_a = umaths_whole(handle_a), size_b = umaths_whole(handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {
         sv_printf(cn, "! Something wrong with unified handles\n");
         return -1;
@@ -279,11 +261,20 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
     UMaths a, b;
     UMathsOutput out;
     if (umaths_start(cn, v.a, handle_a, a, 0) != 0 || umaths_start(cn, v.b, handle_b, b, 0) != 0 ||
-        umaths_start_output(cn, to, v.a.dx, v.a.dy, v.a.dt, out, RWMode::write, 1) != 0 ||
+        umaths_start_output(cn, to, v.a.dx, v.a.dy, v.a.dt, out, RWMode::write, mod_element::float32) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), a) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), b) != 0)
         return -1;
     return combine_volumes(cn, a, b, out, o);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_binary_op = pt_command<umaths_bin_op>(
+    "binary-op", binary_format, "Perform binary operation (add/sub/mult div)",
+    text_join<"Unified handle A/Unified handle B/x1 or nt [ny] or t1 [y1]/y1 or         t2 [y2]/t1/x2/y2/t2/"
+              "x1_b/y1_b/t1_b/x2_b/y2_b/t2_b/Calculate A+B/Calculate A-B/Calculate A*B/Calculate A div B/"
+              "Threshold for division/Scaling factor/",
+              umaths_output_help>);
 
 } // namespace kestrel

@@ -1,7 +1,8 @@
 // `maths mark-contour`: outlines of what reaches a level.
-#include "maths/commands.h"
 #include "maths/module_rows.h"
 #include "maths/progress.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 
 #include <vector>
@@ -10,7 +11,7 @@ namespace kestrel {
 
 namespace {
 
-constexpr int contour_clear = 1, contour_cumulative = 2;
+constexpr pt_format contour_format("%s %s %d %d clear cumulative = %d");
 
 // Whether each element of a row reaches the level; one more on either side, which does not.
 using row_flags = std::vector<char>;
@@ -59,7 +60,7 @@ long long draw_row(const row_flags (&reached)[3], const contour_pen &pen, const 
 // A frame is read one row ahead of the row that is drawn: both may be the same module. The number of points,
 // or -1 when ^C came.
 long long draw_frame(int cn, const module_view &from, int t, double level, const contour_pen &pen,
-                     linked_module &to, umaths_progress &progress) {
+                     result_module &to, umaths_progress &progress) {
     std::vector<double> values(static_cast<std::size_t>(from.num_x));
     const row_flags none(values.size() + 2, 0);
     row_flags reached[3] = {none, none, none}; // of the rows above, at and below y
@@ -72,21 +73,20 @@ long long draw_frame(int cn, const module_view &from, int t, double level, const
         reached[0].swap(reached[1]);
         reached[1].swap(reached[2]);
         find_reached(from, y + 1, t, level, values, reached[2]);
-        to.made.keep();
-        points += draw_row(reached, pen, to.view, y, t);
+        to.keep();
+        points += draw_row(reached, pen, to.view(), y, t);
     }
     return points;
 }
 
-} // namespace
-
 int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to_name, int level, int value) {
-    linked_module from, to;
+    const pt_qualifiers<contour_format> q(quals);
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0 ||
-        umaths_module_like(cn, to_name, from.view, 0, to) != 0)
+        umaths_module_like(cn, to_name, from.view, mod_element::u_int32, to) != 0)
         return -1;
-    const contour_pen pen{static_cast<double>(value), (quals & contour_clear) != 0,
-                          (quals & contour_cumulative) != 0};
+    const contour_pen pen{static_cast<double>(value), q.given("clear"), q.given("cumulative")};
     umaths_progress progress;
     long long points = 0;
     for (int t = 0; t < from.view.num_t; ++t) {
@@ -98,5 +98,12 @@ int umaths_mark_contour(int quals, int cn, const char *from_name, const char *to
     sv_printf(cn, "# Contour has %lld points\n", points);
     return 0;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_mark_contour = pt_command<umaths_mark_contour>(
+    "mark-contour", contour_format, "Find contour on source module and draw it onto a destination module",
+    "Source module/Destination module/Level/Value to draw/Clear destination module/"
+    "Add value to destination module");
 
 } // namespace kestrel

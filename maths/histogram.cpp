@@ -1,9 +1,8 @@
 // `maths histogram`: how often pairs of values from two rows of a module occur, as an image.
-#include "maths/commands.h"
 #include "maths/module_rows.h"
 #include "maths/progress.h"
-#include "modules/store/headed.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -16,25 +15,11 @@ namespace kestrel {
 
 namespace {
 
-// The keywords, in the order of their bits.
-enum histogram_keyword {
-    key_x_row,
-    key_y_row,
-    key_num,
-    key_hist_x,
-    key_hist_y,
-    key_min_x,
-    key_max_x,
-    key_min_y,
-    key_max_y
-};
+constexpr pt_format histogram_format(" %s %s x-row %d y-row %d num %d hist-x %d hist-y %d min-x %g max-x %g "
+                                     "min-y %g max-y %g = %d");
 
 constexpr int usual_bins = 256;
 constexpr long long most_bins = 0x4000000; // more is a mistake, and would cost the machine its memory
-
-std::optional<int> number(int quals, int keyword) {
-    return quals >> keyword & 1 ? std::optional(Qualifier[keyword].IntArg) : std::nullopt;
-}
 
 // One axis of the histogram. The last bin includes its upper end.
 struct bins {
@@ -48,6 +33,11 @@ struct bins {
     }
 };
 
+// The ends of an axis that the user gave.
+struct given_range {
+    std::optional<double> least, most;
+};
+
 struct request {
     int x_row, y_row, points;
     std::optional<int> hist_x, hist_y; // where not given, as large as the module is
@@ -55,8 +45,8 @@ struct request {
 };
 
 int check_source(int cn, const linked_module &from, const request &q) {
-    if (umaths_check_row(cn, "! X Row should be 0..%d not %d\n", from, q.x_row) != 0 ||
-        umaths_check_row(cn, "! Y Row should be 0..%d not %d\n", from, q.y_row) != 0)
+    if (umaths_check_row(cn, "X Row", from, q.x_row) != 0 ||
+        umaths_check_row(cn, "Y Row", from, q.y_row) != 0)
         return -1;
     if (q.points < 1 || q.points > from.view.num_x) {
         sv_printf(cn, "! Number of points should be in range 1 to %d, not %d\n", from.view.num_x, q.points);
@@ -65,17 +55,16 @@ int check_source(int cn, const linked_module &from, const request &q) {
     return 0;
 }
 
-// The range of an axis: as given, and where it was not, of the row's finite values (one value: half to each
-// side of it).
-int find_range(int cn, int quals, int min_keyword, const char *axis, std::span<const double> row, bins &b) {
+// The range of an axis. An end that was not given is that of the row's finite values; where they are all one
+// value, half a unit to its side.
+int find_range(int cn, const given_range &given, const char *axis, std::span<const double> row, bins &b) {
     double least = std::numeric_limits<double>::max(), most = -least;
     for (const double value : row)
         if (std::isfinite(value)) {
             least = std::min(least, value);
             most = std::max(most, value);
         }
-    const bool whole = (quals >> min_keyword & 3) == 3;
-    if (least > most && !whole) {
+    if (least > most && !(given.least && given.most)) {
         sv_printf(cn, "! No range for %s, its row holds no numbers\n", axis);
         return -1;
     }
@@ -83,8 +72,8 @@ int find_range(int cn, int quals, int min_keyword, const char *axis, std::span<c
         least -= 0.5;
         most += 0.5;
     }
-    b.least = quals >> min_keyword & 1 ? Qualifier[min_keyword].DoubleArg : least;
-    b.most = quals >> (min_keyword + 1) & 1 ? Qualifier[min_keyword + 1].DoubleArg : most;
+    b.least = given.least.value_or(least);
+    b.most = given.most.value_or(most);
     if (b.least < b.most && std::isfinite(b.most - b.least))
         return 0;
     sv_printf(cn, "! Histogram of %s needs a range from less to more, not %g to %g\n", axis, b.least, b.most);
@@ -99,30 +88,27 @@ int check_bins(int cn, int x, int y) {
 }
 
 // Links the destination, made as counts of hist_x by hist_y where it does not exist, and settles the sizes.
-int link_destination(int cn, const char *name, request &q, linked_module &to) {
-    to.link = module_link(name);
-    if (!to.link) {
+int link_destination(int cn, const char *name, request &q, result_module &to) {
+    if (to.find(name)) {
+        if (to.look(cn) != 0)
+            return -1;
+    } else {
         const int x = q.hist_x.value_or(usual_bins), y = q.hist_y.value_or(usual_bins);
         if (check_bins(cn, x, y) != 0)
             return -1;
-        void *head = nullptr;
         sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", name);
-        app_mkmod_head(cn, name, x, y, "X", "Y", 0, &head);
-        to.link = module_link::adopt(head);
-        to.made = unwritten_module(name, head);
-        if (!to.link)
+        if (to.make(cn, name, {mod_element::u_int32, x, y}) != 0)
             return -1;
     }
-    if (mod_look(cn, name, to.link.head(), to.view) != 0)
-        return -1;
-    q.x.count = q.hist_x.value_or(to.view.num_x);
-    q.y.count = q.hist_y.value_or(to.view.num_y);
+    const module_view &mod = to.view();
+    q.x.count = q.hist_x.value_or(mod.num_x);
+    q.y.count = q.hist_y.value_or(mod.num_y);
     if (check_bins(cn, q.x.count, q.y.count) != 0)
         return -1;
-    if (q.x.count <= to.view.num_x && q.y.count <= to.view.num_y)
+    if (q.x.count <= mod.num_x && q.y.count <= mod.num_y)
         return 0;
     sv_printf(cn, "! Error, module '%s' exists but is too small (%d,%d), require at least (%d,%d)\n", name,
-              to.view.num_x, to.view.num_y, q.x.count, q.y.count);
+              mod.num_x, mod.num_y, q.x.count, q.y.count);
     return -1;
 }
 
@@ -158,17 +144,19 @@ void write_counts(std::span<const std::uint32_t> counts, const request &q, const
     }
 }
 
-} // namespace
-
 int umaths_histogram(int quals, int cn, const char *from_name, const char *to_name) {
-    linked_module from, to;
+    const pt_qualifiers<histogram_format> given(quals);
+    const given_range range_x{given.real_if_given("min-x"), given.real_if_given("max-x")};
+    const given_range range_y{given.real_if_given("min-y"), given.real_if_given("max-y")};
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0)
         return -1;
-    request q{number(quals, key_x_row).value_or(0),
-              number(quals, key_y_row).value_or(1),
-              number(quals, key_num).value_or(from.view.num_x),
-              number(quals, key_hist_x),
-              number(quals, key_hist_y),
+    request q{given.number("x-row", 0),
+              given.number("y-row", 1),
+              given.number("num", from.view.num_x),
+              given.number_if_given("hist-x"),
+              given.number_if_given("hist-y"),
               {},
               {}};
     if (check_source(cn, from, q) != 0)
@@ -176,16 +164,23 @@ int umaths_histogram(int quals, int cn, const char *from_name, const char *to_na
     std::vector<double> x(static_cast<std::size_t>(q.points)), y(x.size());
     umaths_get_elements(from.view, 0, q.x_row, 0, x);
     umaths_get_elements(from.view, 0, q.y_row, 0, y);
-    if (find_range(cn, quals, key_min_x, "X", x, q.x) != 0 ||
-        find_range(cn, quals, key_min_y, "Y", y, q.y) != 0 || link_destination(cn, to_name, q, to) != 0)
+    if (find_range(cn, range_x, "X", x, q.x) != 0 || find_range(cn, range_y, "Y", y, q.y) != 0 ||
+        link_destination(cn, to_name, q, to) != 0)
         return -1;
     std::vector<std::uint32_t> counts(static_cast<std::size_t>(q.x.count) *
                                       static_cast<std::size_t>(q.y.count));
     if (!fill(cn, q, x, y, counts))
         return -1;
-    to.made.keep();
-    write_counts(counts, q, to.view);
+    to.keep();
+    write_counts(counts, q, to.view());
     return 0;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_histogram = pt_command<umaths_histogram>(
+    "histogram", histogram_format, "Histogram list of X-Y values from data mod to data mod",
+    "Source module/Destination module/Row with X values/Row with Y values/Number of points/"
+    "Number of bins in X/Number of bins in Y/Lower end of X/Upper end of X/Lower end of Y/Upper end of Y");
 
 } // namespace kestrel

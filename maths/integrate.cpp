@@ -1,62 +1,52 @@
 // `maths integrate`: a region projected onto an axis or a plane by summation.
-#include "maths/commands.h"
 #include "maths/output.h"
 #include "maths/row_groups.h"
-#include "parser/call.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
 #include <algorithm>
-#include <bit>
+#include <optional>
 #include <vector>
 
 namespace kestrel {
 
 namespace {
 
-enum integrate_keyword : int {
-    to_x = 1,
-    to_y = 2,
-    to_t = 4,
-    to_xy = 8,
-    to_xt = 16,
-    to_yt = 32,
-    no_clear = 64,
-    average = 128,
-    min_last = 256,
-};
-constexpr int targets = to_x | to_y | to_t | to_xy | to_xt | to_yt;
-constexpr int first_output_keyword = 9;
-constexpr int min_last_keyword = 8;
+constexpr pt_format integrate_format(
+    text_join<"%d %d %d %d %d %d %d x y t xy xt yt no-clear average min-last %g ", umaths_output_words>);
 
-// What is kept: a result of nx by ny (one plane).
+enum projection_target : int { to_x, to_y, to_t, to_xy, to_xt, to_yt };
+
+// What is kept: a result of nx by ny (one plane), and how each of its elements comes about.
 struct projection {
-    int target = 0;
+    projection_target target = to_x;
     int nx = 1, ny = 1;
+    bool add = false;               // to what stands there
+    bool average = false;           // by the number of elements summed,
+    std::optional<double> min_last; // or of those of the last row that are above this
 };
 
 int check_target(int cn, const UMaths &r, projection &p) {
+    // By target: the axes that it keeps.
     static constexpr struct {
-        int target;
-        const char *message;
-    } refusals[] = {
-        {to_x, "! Cannot project on to X AXIS as it is 1 long\n"},
-        {to_y, "! Cannot project on to Y AXIS as it is 1 long\n"},
-        {to_t, "! Cannot project on to T AXIS as it is 1 long\n"},
-        {to_xy, "! Cannot project on to XY PLANE as it is not 2D\n"},
-        {to_xt, "! Cannot project on to XT PLANE as it is not 2D\n"},
-        {to_yt, "! Cannot project on to YT PLANE as it is not 2D\n"},
+        bool x, y, t;
+        const char *refusal;
+    } targets[] = {
+        {true, false, false, "! Cannot project on to X AXIS as it is 1 long\n"},
+        {false, true, false, "! Cannot project on to Y AXIS as it is 1 long\n"},
+        {false, false, true, "! Cannot project on to T AXIS as it is 1 long\n"},
+        {true, true, false, "! Cannot project on to XY PLANE as it is not 2D\n"},
+        {true, false, true, "! Cannot project on to XT PLANE as it is not 2D\n"},
+        {false, true, true, "! Cannot project on to YT PLANE as it is not 2D\n"},
     };
-    const bool has_x = p.target & (to_x | to_xy | to_xt), has_t = p.target & (to_t | to_xt | to_yt);
-    const bool has_y = p.target & (to_y | to_xy | to_yt);
-    if ((has_x && r.dx == 1) || (has_y && r.dy == 1) || (has_t && r.dt == 1)) {
-        for (const auto &refusal : refusals)
-            if (refusal.target == p.target)
-                sv_printf(cn, "%s", refusal.message);
+    const auto &keeps = targets[p.target];
+    if ((keeps.x && r.dx == 1) || (keeps.y && r.dy == 1) || (keeps.t && r.dt == 1)) {
+        sv_printf(cn, "%s", keeps.refusal);
         return -1;
     }
-    p.nx = has_x ? r.dx : has_y ? r.dy : r.dt;
-    p.ny = has_x && has_y ? r.dy : has_t && (has_x || has_y) ? r.dt : 1;
+    p.nx = keeps.x ? r.dx : keeps.y ? r.dy : r.dt;
+    p.ny = keeps.x && keeps.y ? r.dy : keeps.t && (keeps.x || keeps.y) ? r.dt : 1;
     return 0;
 }
 
@@ -133,14 +123,14 @@ std::uint64_t summed(const UMaths &r, const projection &p) {
 }
 
 // The number by which each result is divided.
-template <class T>
-bool divisor(int cn, UMaths &r, const projection &p, int quals, double least, std::uint64_t &out) {
+template <class T> bool divisor(int cn, UMaths &r, const projection &p, std::uint64_t &out) {
     out = summed(r, p);
-    if (!(quals & min_last) || p.target != to_y)
+    if (!p.min_last || p.target != to_y)
         return true;
     const std::span<const T> line = umaths_row<T>(cn, r.dy - 1, r.dt - 1, r);
     if (line.empty())
         return false;
+    const double least = *p.min_last;
     const auto above = std::count_if(line.begin(), line.end(), [least](T value) { return value > least; });
     out = above > 0 ? static_cast<std::uint64_t>(above) * static_cast<std::uint64_t>(r.dt) : 1;
     return true;
@@ -167,7 +157,8 @@ float result_of(double sum, std::uint64_t by, const float *before) {
 // Writes result rows from `top` on, as many as there are sums.
 template <class T>
 int write_rows(int cn, const projection &p, int top, std::span<const sum_of<T>> sums, std::uint64_t by,
-               bool add, UMathsOutput &out) {
+               UMathsOutput &out) {
+    const bool add = p.add;
     for (int row = top; !sums.empty(); ++row, sums = sums.subspan(width_of(p))) {
         T *line = reinterpret_cast<T *>(umaths_get_output(cn, row, 0, out));
         if (!line)
@@ -192,7 +183,7 @@ template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, std::ve
 }
 
 template <class T>
-int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, bool add, UMathsOutput &out) {
+int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, UMathsOutput &out) {
     const int at_once = std::clamp(static_cast<int>(cached_sums / width_of(p)), 1, p.ny);
     std::vector<sum_of<T>> sums;
     for (int top = 0; top < p.ny; top += at_once) {
@@ -200,41 +191,40 @@ int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, b
         sums.assign(static_cast<std::size_t>(count) * width_of(p), {});
         if (!sum_frames<T>(cn, r, top, count, sums))
             return umaths_read_error(cn, r);
-        if (write_rows<T>(cn, p, top, sums, by, add, out) != 0)
+        if (write_rows<T>(cn, p, top, sums, by, out) != 0)
             return -1;
     }
     return 0;
 }
 
-template <class T>
-int integrate(int cn, int quals, UMaths &r, const projection &p, double least, const umaths_destination &to) {
+template <class T> int integrate(int cn, UMaths &r, const projection &p, const umaths_destination &to) {
     UMathsOutput out;
-    const bool add = quals & no_clear;
-    if (umaths_start_output(cn, to, p.nx, p.ny, 1, out, add ? RWMode::read_then_write : RWMode::write,
-                            std::is_floating_point_v<T>) != 0)
+    if (umaths_start_output(cn, to, p.nx, p.ny, 1, out, p.add ? RWMode::read_then_write : RWMode::write,
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0)
         return -1;
     if (umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
     if (p.target == to_xy && umaths_all_held(r))
-        return integrate_frames<T>(cn, r, p, quals & average ? summed(r, p) : 0, add, out);
+        return integrate_frames<T>(cn, r, p, p.average ? summed(r, p) : 0, out);
     std::uint64_t by = 0;
     std::vector<sum_of<T>> sums(width_of(p) * static_cast<std::size_t>(p.ny));
-    if (!sum_region<T>(cn, r, p, sums) || (quals & average && !divisor<T>(cn, r, p, quals, least, by)))
+    if (!sum_region<T>(cn, r, p, sums) || (p.average && !divisor<T>(cn, r, p, by)))
         return umaths_read_error(cn, r);
-    return write_rows<T>(cn, p, 0, sums, by, add, out);
+    return write_rows<T>(cn, p, 0, sums, by, out);
 }
 
-} // namespace
-
 int umaths_integrate(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
-    projection p;
-    p.target = quals & targets;
-    if (!std::has_single_bit(static_cast<unsigned>(p.target))) {
+    const pt_qualifiers<integrate_format> q(quals);
+    if (q.count({"x", "y", "t", "xy", "xt", "yt"}) != 1) {
         sv_printf(cn, "! Must specify exactly one of X, Y, T ,XY, XT, YT\n");
         return -1;
     }
-    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
-    const double least = quals & min_last ? Qualifier[min_last_keyword].DoubleArg : 0.0;
+    projection p;
+    p.target = static_cast<projection_target>(q.which({"x", "y", "t", "xy", "xt", "yt"}));
+    p.add = q.given("no-clear");
+    p.average = q.given("average");
+    p.min_last = q.real_if_given("min-last");
+    const umaths_destination to = umaths_destination_of(q);
     UMaths reader;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, 0) != 0)
         return -1;
@@ -244,8 +234,18 @@ int umaths_integrate(int quals, int cn, int handle, int x1, int y1, int t1, int 
     }
     if (check_target(cn, reader, p) != 0)
         return -1;
-    return reader.utype == el_long ? integrate<std::uint32_t>(cn, quals, reader, p, least, to)
-                                   : integrate<float>(cn, quals, reader, p, least, to);
+    return reader.utype == el_long ? integrate<std::uint32_t>(cn, reader, p, to)
+                                   : integrate<float>(cn, reader, p, to);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_integrate = pt_command<umaths_integrate>(
+    "integrate", integrate_format, "Integrate counts from volume to plane or line",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Project on to X axis/Project on to Y axis/"
+              "Project on to T axis/Project on to XY plane/Project on to XT plane/Project on to YT plane/"
+              "Accumulate data over current contents/Divide by number of elements summed/"
+              "With y and average, count elements of the last row above this/",
+              umaths_output_help>);
 
 } // namespace kestrel

@@ -14,7 +14,7 @@ namespace kestrel {
 // What sums of elements are kept in: exact for integers (64 bits), double for floating point.
 template <class T> using sum_of = std::conditional_t<std::is_integral_v<T>, std::uint64_t, double>;
 
-// Four rows of one length. Memory gives more when it is read in several places at once, so the loops over
+// Four rows of one length. Reading in several places at once gets more out of the memory, so the loops over
 // large regions take rows by fours; each result is the one that the rows taken singly give.
 template <class T> using four_rows = std::array<const T *, 4>;
 
@@ -22,8 +22,8 @@ double row_total(std::span<const float> row);
 double row_total(std::span<const double> row);
 std::uint64_t row_total(std::span<const std::uint32_t> row);
 
-// For loops over more than the cache holds: the processor fetches ahead within a page of memory, this reaches
-// into the next one. No address is wrong here.
+// For loops over more than the cache holds. The processor fetches ahead by itself, but only within a page of
+// memory: this asks for the next one. An address outside the data does no harm, it is not fetched.
 template <class T> void fetch_ahead(const T *at) {
     constexpr std::uintptr_t distance = 4096;
     __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + distance));

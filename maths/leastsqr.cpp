@@ -1,26 +1,21 @@
 // `maths leastsqr-fit`: a straight line through points of a module's row.
-#include "maths/commands.h"
 #include "maths/module_rows.h"
 #include "maths/results.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <vector>
 
 namespace kestrel {
 
 namespace {
 
-enum fit_keyword : int {
-    fit_errors = 1,
-    fit_line = 2,
-    fit_extrapolate = 4,
-    fit_x_row = 8,
-    fit_const_zero = 16,
-    fit_cross_x0 = 32,
-};
+constexpr pt_format
+    leastsqr_format("%s %d %d %d + %s errors %d fit %d extrapolate x-row %d const-zero cross-x0 %g = %d");
 
 struct LinLeastSqrFit {
     double m = 0.0; // slope
@@ -61,21 +56,21 @@ void leastsqr_fit(const std::vector<double> &x, const std::vector<double> &y, bo
 
 struct fit_request {
     int cn;
-    int quals;
     int first, last, row;
-    int errors_row, fit_row, x_row;
-    double x0;
+    std::optional<int> errors_row, fit_row, x_row;
+    bool extrapolate;         // the results fill the whole row
+    bool const_zero;          // the intercept is 0
+    std::optional<double> x0; // where the line is 0
+
+    bool through_zero() const { return const_zero || x0; }
 };
 
 int check(const fit_request &q, const linked_module &module) {
     const module_view &mod = module.view;
-    if (umaths_check_row(q.cn, "! Row should be 0..%d not %d\n", module, q.row) != 0 ||
-        (q.quals & fit_x_row &&
-         umaths_check_row(q.cn, "! X Row should be 0..%d not %d\n", module, q.x_row) != 0) ||
-        (q.quals & fit_errors &&
-         umaths_check_row(q.cn, "! Error Row should be 0..%d not %d\n", module, q.errors_row) != 0) ||
-        (q.quals & fit_line &&
-         umaths_check_row(q.cn, "! Fit Row should be 0..%d not %d\n", module, q.fit_row) != 0))
+    if (umaths_check_row(q.cn, "Row", module, q.row) != 0 ||
+        (q.x_row && umaths_check_row(q.cn, "X Row", module, *q.x_row) != 0) ||
+        (q.errors_row && umaths_check_row(q.cn, "Error Row", module, *q.errors_row) != 0) ||
+        (q.fit_row && umaths_check_row(q.cn, "Fit Row", module, *q.fit_row) != 0))
         return -1;
     if (q.first < 0 || q.first >= mod.num_x || q.last < 0 || q.last >= mod.num_x) {
         sv_printf(q.cn, "! First and last should be in range 0 to %d, not %d, %d\n", mod.num_x - 1, q.first,
@@ -94,8 +89,8 @@ double element(const module_view &mod, int point, int row) {
 }
 
 double x_of(const fit_request &q, const module_view &mod, int point) {
-    const double x = q.quals & fit_x_row ? element(mod, point, q.x_row) : point;
-    return q.quals & fit_cross_x0 ? x - q.x0 : x;
+    const double x = q.x_row ? element(mod, point, *q.x_row) : point;
+    return q.x0 ? x - *q.x0 : x;
 }
 
 double fitted(const fit_request &q, const module_view &mod, const LinLeastSqrFit &fit, int point) {
@@ -115,32 +110,30 @@ void find_worst(const fit_request &q, const module_view &mod, LinLeastSqrFit &fi
 
 // The rows may be the ones that were fitted, so both values are worked out before either is stored.
 void store_rows(const fit_request &q, const module_view &mod, const LinLeastSqrFit &fit) {
-    const bool all = q.quals & fit_extrapolate;
-    const int from = all ? 0 : q.first, to = all ? mod.num_x - 1 : q.last;
+    const int from = q.extrapolate ? 0 : q.first, to = q.extrapolate ? mod.num_x - 1 : q.last;
     for (int point = from; point <= to; ++point) {
         const double value = fitted(q, mod, fit, point);
         const double residual = element(mod, point, q.row) - value;
-        if (q.quals & fit_errors)
-            mod_put_element(mod.at(point, q.errors_row, 0), mod.data_type, residual);
-        if (q.quals & fit_line)
-            mod_put_element(mod.at(point, q.fit_row, 0), mod.data_type, value);
+        if (q.errors_row)
+            mod_put_element(mod.at(point, *q.errors_row, 0), mod.data_type, residual);
+        if (q.fit_row)
+            mod_put_element(mod.at(point, *q.fit_row, 0), mod.data_type, value);
     }
 }
 
-} // namespace
-
 int leastsqr_fit_command(int quals, int cn, const char *module, int first, int last, int row,
                          const char *variable) {
-    const auto number = [quals](int bit, int keyword) { return quals & bit ? Qualifier[keyword].IntArg : 0; };
+    const pt_qualifiers<leastsqr_format> given(quals);
     const fit_request q{cn,
-                        quals,
                         first,
                         last,
                         row,
-                        number(fit_errors, 0),
-                        number(fit_line, 1),
-                        number(fit_x_row, 3),
-                        quals & fit_cross_x0 ? Qualifier[5].DoubleArg : 0.0};
+                        given.number_if_given("errors"),
+                        given.number_if_given("fit"),
+                        given.number_if_given("x-row"),
+                        given.given("extrapolate"),
+                        given.given("const-zero"),
+                        given.real_if_given("cross-x0")};
     linked_module linked;
     if (umaths_link_module(cn, module, linked) != 0 || check(q, linked) != 0)
         return -1;
@@ -151,7 +144,7 @@ int leastsqr_fit_command(int quals, int cn, const char *module, int first, int l
         y.push_back(element(mod, point, row));
     }
     LinLeastSqrFit fit;
-    leastsqr_fit(x, y, quals & (fit_const_zero | fit_cross_x0), fit);
+    leastsqr_fit(x, y, q.through_zero(), fit);
     if (fit.error) {
         sv_printf(cn, "! The points %d to %d do not fix a straight line\n", first, last);
         return -1;
@@ -164,5 +157,14 @@ int leastsqr_fit_command(int quals, int cn, const char *module, int first, int l
     store_rows(q, mod, fit);
     return 0;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_leastsqr_fit = pt_command<leastsqr_fit_command>(
+    "leastsqr-fit", leastsqr_format, "Perform a least squares fit of points in data module",
+    "Module name/First point/Last point/Row number/Optional variable to save results/"
+    "Module row to store residuals/Module row to store the fitted line/"
+    "Fill whole row with the fit and its error/Take x from this row/Force the intercept to 0/"
+    "Force the line through (x0, 0)");
 
 } // namespace kestrel

@@ -1,11 +1,11 @@
 // `maths measure-mask`: integral non-linearity from the image of a mask with evenly spaced holes or slits.
-#include "maths/commands.h"
 #include "maths/reader.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <vector>
 
@@ -13,17 +13,17 @@ namespace kestrel {
 
 namespace {
 
-enum mask_keyword : int { mask_x = 1, mask_y = 2 };
+constexpr pt_format mask_format("%d x y = %d");
 
 // The image's sums over the other axes.
-template <class T> bool project(int cn, UMaths &r, int axis, std::vector<double> &profile) {
+template <class T> bool project(int cn, UMaths &r, bool along_x, std::vector<double> &profile) {
     for (int plane = 0; plane < r.dt; ++plane)
         for (int row = 0; row < r.dy; ++row) {
             const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
             if (line.empty())
                 return false;
             for (std::size_t i = 0; i < line.size(); ++i)
-                profile[axis == mask_x ? i : static_cast<std::size_t>(row)] += static_cast<double>(line[i]);
+                profile[along_x ? i : static_cast<std::size_t>(row)] += static_cast<double>(line[i]);
         }
     return true;
 }
@@ -96,27 +96,20 @@ void report(int cn, std::span<const double> centres) {
     sv_printf(cn, "# Max residual = %g at spot %zu\n", largest, worst);
 }
 
-} // namespace
-
 int umaths_measure_mask(int quals, int cn, int handle) {
-    const int axis = quals & (mask_x | mask_y);
-    if (!std::has_single_bit(static_cast<unsigned>(axis))) {
+    const pt_qualifiers<mask_format> q(quals);
+    const bool along_x = q.given("x");
+    if (along_x == q.given("y")) {
         sv_printf(cn, "! Must specify exactly one of X, Y\n");
         return -1;
     }
-    const umaths_region all{0,
-                            0,
-                            0,
-                            unified_get_nx(0, cn, handle),
-                            unified_get_ny(0, cn, handle),
-                            std::max(1, unified_get_nt(0, cn, handle))};
     UMaths r;
-    if (umaths_start(cn, all, handle, r, 0) != 0)
+    if (umaths_start(cn, umaths_whole(handle), handle, r, 0) != 0)
         return -1;
-    std::vector<double> profile(static_cast<std::size_t>(axis == mask_x ? r.dx : r.dy));
-    const bool read = r.utype == el_long    ? project<std::uint32_t>(cn, r, axis, profile)
-                      : r.utype == el_float ? project<float>(cn, r, axis, profile)
-                                            : project<double>(cn, r, axis, profile);
+    std::vector<double> profile(static_cast<std::size_t>(along_x ? r.dx : r.dy));
+    const bool read = r.utype == el_long    ? project<std::uint32_t>(cn, r, along_x, profile)
+                      : r.utype == el_float ? project<float>(cn, r, along_x, profile)
+                                            : project<double>(cn, r, along_x, profile);
     if (!read)
         return umaths_read_error(cn, r);
     if (!std::all_of(profile.begin(), profile.end(), [](double sum) { return std::isfinite(sum); })) {
@@ -131,5 +124,11 @@ int umaths_measure_mask(int quals, int cn, int handle) {
     report(cn, centres);
     return static_cast<int>(centres.size());
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_measure_mask = pt_command<umaths_measure_mask>(
+    "measure-mask", mask_format, "Measure integral non-linearity from mask image",
+    "Unified handle/Along X axis/Along Y axis");
 
 } // namespace kestrel

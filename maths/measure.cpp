@@ -1,8 +1,8 @@
 // `maths measure-peak`, `measure-flood` and `search-outliers`: numbers about the elements of a region.
-#include "maths/commands.h"
 #include "maths/reader.h"
 #include "maths/results.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 #include "support/file_io.h"
@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 
@@ -44,7 +45,7 @@ template <class T> double as_double(T value) {
 
 // ---------------------------------------------------------------- measure-peak
 
-enum peak_keyword : int { peak_x = 1, peak_y = 2, peak_t = 4, peak_threshold = 8 };
+constexpr pt_format peak_format("%d %d %d %d %d %d %d + %s x y t threshold %g = %g");
 
 struct axis_sums {
     double c = 0.0;
@@ -94,18 +95,18 @@ double report_axis(int cn, const char *variable, const char *letter, const char 
     return mean;
 }
 
-} // namespace
-
 double umaths_measure_peak(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
                            const char *variable) {
-    const double threshold = quals & peak_threshold ? Qualifier[3].DoubleArg : 0.0;
+    const pt_qualifiers<peak_format> q(quals);
+    const double threshold = q.real("threshold");
     UMaths reader;
     if (umaths_start_any(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, 0, 1) != 0)
         return -1.0;
-    int axes = quals & (peak_x | peak_y | peak_t);
-    if (!axes)
-        axes = (reader.dx > 1 ? peak_x : 0) | (reader.dy > 1 ? peak_y : 0) | (reader.dt > 1 ? peak_t : 0);
-    if (!axes) {
+    const bool chosen = q.count({"x", "y", "t"}) > 0;
+    const bool x = chosen ? q.given("x") : reader.dx > 1;
+    const bool y = chosen ? q.given("y") : reader.dy > 1;
+    const bool t = chosen ? q.given("t") : reader.dt > 1;
+    if (!x && !y && !t) {
         sv_printf(cn, "! Nothing to do ?\n");
         return 0.0;
     }
@@ -118,19 +119,26 @@ double umaths_measure_peak(int quals, int cn, int handle, int x1, int y1, int t1
     sv_printf(cn, "# Average  = %g\n", average);
     set_var(cn, variable, ".total", sums.total);
     set_var(cn, variable, ".average", average);
-    const double mean = axes & peak_x ? report_axis(cn, variable, "X", "x", sums.x, sums.total) : 0.0;
-    if (axes & peak_y)
+    const double mean = x ? report_axis(cn, variable, "X", "x", sums.x, sums.total) : 0.0;
+    if (y)
         report_axis(cn, variable, "Y", "y", sums.y, sums.total);
-    if (axes & peak_t)
+    if (t)
         report_axis(cn, variable, "T", "t", sums.t, sums.total);
     return mean;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_measure_peak = pt_command<umaths_measure_peak>(
+    "measure-peak", peak_format, "Measure Peak positionin volume",
+    "Unified handle/x1/y1/t1/x2/y2/t2/Optional variable to save results/Measure X position/"
+    "Measure Y position/Measure T position/Threshold");
 
 // ---------------------------------------------------------------- measure-flood
 
 namespace {
 
-enum flood_keyword : int { flood_mask = 1, flood_quiet = 2 };
+constexpr pt_format flood_format("%d %d %d %d %d %d %d + %s mask %d quiet = %g");
 
 struct flood_sums {
     double total = 0.0;
@@ -139,7 +147,7 @@ struct flood_sums {
     double maximum = 0.0;
 };
 
-// Integers are tracked from these, so that values above the first show in the minimum as it.
+// The minimum of integers begins here: where every element is larger, this is what is told.
 constexpr std::int64_t integer_minimum_start = 0x7fffffff;
 
 template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, flood_sums &sums) {
@@ -177,12 +185,11 @@ template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, fl
     }
 }
 
-} // namespace
-
 double umaths_measure_flood(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
                             const char *variable) {
-    const bool quiet = quals & flood_quiet;
-    const std::uint32_t mask = quals & flood_mask ? static_cast<std::uint32_t>(Qualifier[0].IntArg) : ~0U;
+    const pt_qualifiers<flood_format> q(quals);
+    const bool quiet = q.given("quiet");
+    const auto mask = static_cast<std::uint32_t>(q.number("mask", -1));
     UMaths reader;
     if (umaths_start_any(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet, 1) != 0)
         return -1.0;
@@ -217,17 +224,23 @@ double umaths_measure_flood(int quals, int cn, int handle, int x1, int y1, int t
     return mean;
 }
 
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_measure_flood = pt_command<umaths_measure_flood>(
+    "measure-flood", flood_format, "Measure flood DNL in volume",
+    "Unified handle/x1/y1/t1/x2/y2/t2/Optional variable to save results/"
+    "Mask to AND with integer data, particualrly scope mode data/No messages");
+
 // ---------------------------------------------------------------- search-outliers
 
 namespace {
 
-enum outlier_keyword : int { out_mask = 1, out_quiet = 2, out_append = 4, out_below = 8, out_above = 16 };
+constexpr pt_format outliers_format("%d %d %d %d %d %d %d %s mask %d quiet append below %g above %g = %d");
 
 struct outlier_search {
     int cn;
     bool quiet;
-    bool below, above;
-    double below_value, above_value;
+    std::optional<double> below, above;
     std::uint32_t mask;
     std::FILE *file;
     int found = 0;
@@ -248,7 +261,7 @@ struct outlier_search {
 
 bool search(UMaths &reader, outlier_search &s) {
     if (reader.utype == el_long) {
-        const double low = std::trunc(s.below_value), high = std::trunc(s.above_value);
+        const double low = std::trunc(s.below.value_or(0.0)), high = std::trunc(s.above.value_or(0.0));
         return each_element<std::uint32_t>(s.cn, reader, [&](std::uint32_t element, int x, int y, int t) {
             const std::uint32_t value = element & s.mask;
             if ((s.below && value < low) || (s.above && value > high))
@@ -256,30 +269,32 @@ bool search(UMaths &reader, outlier_search &s) {
         });
     }
     const auto compare = [&](double value, int x, int y, int t) {
-        if ((s.below && value < s.below_value) || (s.above && value > s.above_value))
+        if ((s.below && value < *s.below) || (s.above && value > *s.above))
             s.list(value, x, y, t);
     };
     return reader.utype == el_float ? each_element<float>(s.cn, reader, compare)
                                     : each_element<double>(s.cn, reader, compare);
 }
 
-} // namespace
-
 int umaths_search_outliers(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
                            const char *name) {
-    const bool quiet = quals & out_quiet, below = quals & out_below, above = quals & out_above;
-    const std::uint32_t mask = quals & out_mask ? static_cast<std::uint32_t>(Qualifier[0].IntArg) : ~0U;
-    const double low = below ? Qualifier[3].DoubleArg : 0.0, high = above ? Qualifier[4].DoubleArg : 0.0;
+    const pt_qualifiers<outliers_format> q(quals);
+    outlier_search s{cn,
+                     q.given("quiet"),
+                     q.real_if_given("below"),
+                     q.real_if_given("above"),
+                     static_cast<std::uint32_t>(q.number("mask", -1)),
+                     nullptr};
     UMaths reader;
-    if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet) != 0)
+    if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, s.quiet) != 0)
         return -1;
-    unique_file file = open_stream(name, quals & out_append ? "a" : "w");
+    unique_file file = open_stream(name, q.given("append") ? "a" : "w");
     if (!file) {
         sv_print(cn, std::string("! Cannot open file '") + name + "'\n");
         return -1;
     }
-    outlier_search s{cn, quiet, below, above, low, high, mask, file.get()};
-    if ((below || above) && !search(reader, s))
+    s.file = file.get();
+    if ((s.below || s.above) && !search(reader, s))
         return umaths_read_error(cn, reader);
     const bool failed = std::ferror(file.get()) != 0;
     if (std::fclose(file.release()) != 0 || failed) {
@@ -288,5 +303,12 @@ int umaths_search_outliers(int quals, int cn, int handle, int x1, int y1, int t1
     }
     return s.found;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_search_outliers = pt_command<umaths_search_outliers>(
+    "search-outliers", outliers_format, "Search for outlieing values in volume",
+    "Unified handle/x1/y1/t1/x2/y2/t2/File name/Mask to AND with integer data, particualrly scope mode data/"
+    "No messages/Append to file/List values below this/List values above this");
 
 } // namespace kestrel

@@ -1,12 +1,10 @@
 #include "maths/module_rows.h"
 
-#include "modules/store/headed.h"
 #include "server/output.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 
 namespace kestrel {
@@ -33,38 +31,28 @@ int umaths_link_module(int cn, const char *name, linked_module &out) {
     return mod_look(cn, name, out.link.head(), out.view);
 }
 
-int umaths_module_like(int cn, const char *name, const module_view &like, int data_float,
-                       linked_module &out) {
-    out.link = module_link(name);
-    if (!out.link) {
-        void *head = nullptr;
+int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
+                       result_module &out) {
+    if (out.find(name)) {
+        if (out.look(cn) != 0)
+            return -1;
+    } else {
         sv_printf(cn, "# Module '%s' not found, making it as %s module\n", name, like.is_3d ? "3D" : "2D");
-        if (like.is_3d)
-            app_mkmod3d(cn, name, like.num_x, like.num_y, like.num_t, "X", "Y", "T", nullptr, data_float,
-                        &head);
-        else
-            app_mkmod_head(cn, name, like.num_x, like.num_y, "X", "Y", data_float, &head);
-        out.link = module_link::adopt(head);
-        out.made = unwritten_module(name, head);
-        if (!out.link)
+        if (out.make(cn, name, {element, like.num_x, like.num_y, like.num_t, like.is_3d}) != 0)
             return -1;
     }
-    if (mod_look(cn, name, out.link.head(), out.view) != 0)
-        return -1;
-    if (!same_size(out.view, like)) {
-        sv_printf(cn, "! Error, module '%s' exists but is wrong size (%d,%d,%d) not (%d,%d,%d)\n", name,
-                  out.view.num_x, out.view.num_y, out.view.num_t, like.num_x, like.num_y, like.num_t);
-        return -1;
-    }
-    return 0;
+    const module_view &mod = out.view();
+    if (same_size(mod, like))
+        return 0;
+    sv_printf(cn, "! Error, module '%s' exists but is wrong size (%d,%d,%d) not (%d,%d,%d)\n", name,
+              mod.num_x, mod.num_y, mod.num_t, like.num_x, like.num_y, like.num_t);
+    return -1;
 }
 
-int umaths_check_row(int cn, const char *format, const linked_module &module, int row) {
+int umaths_check_row(int cn, const char *what, const linked_module &module, int row) {
     if (row >= 0 && row < module.rows())
         return 0;
-    char text[80];
-    std::snprintf(text, sizeof text, format, module.rows() - 1, row);
-    sv_print(cn, text);
+    sv_printf(cn, "! %s should be 0..%d not %d\n", what, module.rows() - 1, row);
     return -1;
 }
 

@@ -2,16 +2,15 @@
 // number (frames lie below each other) and its elements as doubles.
 #pragma once
 
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
 
 #include <span>
 
 namespace kestrel {
 
-// A module that is linked as long as this lives, looked at once.
+// A module that exists, linked as long as this lives and looked at once.
 struct linked_module {
     module_link link;
-    unwritten_module made; // where the module is new: kept once something is written
     module_view view;
 
     int rows() const; // frames below each other; at most INT_MAX
@@ -20,12 +19,13 @@ struct linked_module {
 // 0, or -1 after a line.
 int umaths_link_module(int cn, const char *name, linked_module &out);
 
-// A module of the same size as `like`, made with that element type (as app_mkmod_head numbers them) where it
-// does not exist; one that exists keeps its type. 0, or -1 after a line.
-int umaths_module_like(int cn, const char *name, const module_view &like, int data_float, linked_module &out);
+// A module for a result of the same size as `like`, made with that element type where it does not exist; one
+// that exists keeps its type. 0, or -1 after a line.
+int umaths_module_like(int cn, const char *name, const module_view &like, mod_element element,
+                       result_module &out);
 
-// 0, or -1 after the line that `format` makes of the last row and the row.
-int umaths_check_row(int cn, const char *format, const linked_module &module, int row);
+// A row of the module: 0, or -1 after a line that calls it `what`, as in "X Row".
+int umaths_check_row(int cn, const char *what, const linked_module &module, int row);
 
 // Elements of row y of frame t from x on; all of them must lie in it. In frame 0, y may be a row of a later
 // one.

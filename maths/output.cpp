@@ -1,6 +1,5 @@
 #include "maths/output.h"
 
-#include "modules/store/headed.h"
 #include "parser/call.h"
 #include "server/output.h"
 
@@ -16,16 +15,14 @@ namespace {
 
 constexpr std::size_t worth_touching = 1 << 20; // bytes
 
-enum destination_keyword { to_module, to_tessera, to_carafe, to_mem0, at_x, at_y, at_t };
-
 int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
     const auto refuse = [&out] {
         umaths_stop_output(out);
         return -1;
     };
-    if (mod_look(cn, to.name, out.mod_head.head(), out.mod) != 0)
+    if (out.mod_head.look(cn) != 0)
         return refuse();
-    const module_view &mod = out.mod;
+    const module_view &mod = out.mod_head.view();
     const long long x = static_cast<long long>(out.start_x) + out.nx;
     if (!mod.is_3d) {
         if (to.has_start_t) {
@@ -51,7 +48,7 @@ int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
             return refuse();
         }
     }
-    const int wanted = module_type_of(out.data_float).data_type;
+    const int wanted = mod_code_of(out.data_float);
     if (mod.data_type != wanted) {
         sv_printf(cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", to.name,
                   mod.data_type, wanted);
@@ -65,24 +62,17 @@ bool fits(long long a, long long b) {
 }
 
 int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
-    void *head = nullptr;
-    if (fits(out.start_x, out.nx) && fits(out.start_y, out.ny) && fits(out.start_t, out.nt)) {
-        if (!to.has_start_t && out.nt < 2) {
-            sv_printf(cn, "# Module '%s' not found, making it as 2D module\n", to.name);
-            app_mkmod_head(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, "X", "Y", out.data_float,
-                           &head);
-        } else {
-            sv_printf(cn, "# Module '%s' not found, making it as 3D module\n", to.name);
-            app_mkmod3d(cn, to.name, out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, "X",
-                        "Y", "T", nullptr, out.data_float, &head);
-        }
-    } else {
+    if (!fits(out.start_x, out.nx) || !fits(out.start_y, out.ny) || !fits(out.start_t, out.nt)) {
         sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", to.name, EFBIG);
+        umaths_stop_output(out);
+        return -1;
     }
-    out.mod_head = module_link::adopt(head);
-    out.made = unwritten_module(to.name, head);
-    if (head && mod_look_made(cn, to.name, head, module_type_of(out.data_float).data_type,
-                              out.start_x + out.nx, out.start_y + out.ny, out.start_t + out.nt, out.mod) == 0)
+    module_plan plan{out.data_float, out.start_x + out.nx, out.start_y + out.ny};
+    plan.is_3d = to.has_start_t || out.nt >= 2;
+    if (plan.is_3d)
+        plan.num_t = out.start_t + out.nt;
+    sv_printf(cn, "# Module '%s' not found, making it as %s module\n", to.name, plan.is_3d ? "3D" : "2D");
+    if (out.mod_head.make(cn, to.name, plan) == 0)
         return 0;
     umaths_stop_output(out);
     return -1;
@@ -93,14 +83,15 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
 // lost.
 void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 #ifdef MADV_POPULATE_READ
-    const bool flat = !out.mod.is_3d;
+    const module_view &mod = out.mod_head.view();
+    const bool flat = !mod.is_3d;
     const int last_row = out.start_y + (flat ? out.ny * out.nt : out.ny) - 1;
     const int last_plane = flat ? 0 : out.start_t + out.nt - 1;
-    const std::byte *first = out.mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
-    const std::byte *last = out.mod.at(out.start_x + out.nx - 1, last_row, last_plane);
+    const std::byte *first = mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
+    const std::byte *last = mod.at(out.start_x + out.nx - 1, last_row, last_plane);
     const std::size_t spanned = static_cast<std::size_t>(last - first);
     const std::size_t taken = static_cast<std::size_t>(out.nx) * static_cast<std::size_t>(out.ny) *
-                              static_cast<std::size_t>(out.nt) * out.mod.element_size;
+                              static_cast<std::size_t>(out.nt) * mod.element_size;
     if (taken < worth_touching || taken < spanned / 2 || datamod_links(out.mod_head.head()) > 1)
         return;
     const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
@@ -112,22 +103,8 @@ void touch_pages([[maybe_unused]] const UMathsOutput &out) {
 
 } // namespace
 
-umaths_destination umaths_destination_of(int quals, int first) {
-    const auto has = [quals, first](int keyword) { return (quals >> (first + keyword) & 1) != 0; };
-    const auto number = [&](int keyword) { return has(keyword) ? Qualifier[first + keyword].IntArg : 0; };
-    umaths_destination to;
-    to.module = has(to_module);
-    to.other = has(to_tessera) || has(to_carafe) || has(to_mem0);
-    to.name = Qualifier[first + to_module].StringArg;
-    to.has_start_t = has(at_t);
-    to.start_x = number(at_x);
-    to.start_y = number(at_y);
-    to.start_t = number(at_t);
-    return to;
-}
-
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
-                        RWMode rw_mode, int data_float) {
+                        RWMode rw_mode, mod_element data_float) {
     if (!to.module || to.other) {
         sv_printf(cn, "! Only support module mode output at the moment\n");
         return -1;
@@ -147,18 +124,18 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     out.start_t = to.start_t;
     out.data_float = data_float;
     out.rw_mode = rw_mode;
-    out.mod_head = module_link(to.name);
-    if (!out.mod_head && rw_mode == RWMode::read_then_write) {
+    const bool found = out.mod_head.find(to.name);
+    if (!found && rw_mode == RWMode::read_then_write) {
         sv_printf(cn, "! UMATHS OUTPUT, specified Read then write, but cannot link to module '%s'\n",
                   to.name);
         return -1;
     }
-    if ((out.mod_head ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
+    if ((found ? link_existing(cn, to, out) : make_new(cn, to, out)) != 0)
         return -1;
     out.type = UMOutputType::module;
-    out.full_x = out.mod.num_x;
-    out.full_y = out.mod.num_y;
-    out.full_t = out.mod.num_t;
+    out.full_x = out.mod_head.view().num_x;
+    out.full_y = out.mod_head.view().num_y;
+    out.full_t = out.mod_head.view().num_t;
     touch_pages(out);
     return 0;
 }
@@ -168,19 +145,19 @@ std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
         sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
         return nullptr;
     }
-    const bool flat = !out.mod.is_3d; // planes lie below each other
+    const module_view &mod = out.mod_head.view();
+    const bool flat = !mod.is_3d; // planes lie below each other
     const int y = out.start_y + row + (flat ? plane * out.ny : 0);
     const int t = flat ? 0 : out.start_t + plane;
-    if (row < 0 || plane < 0 || !out.mod.holds(out.start_x, y, t)) {
+    if (row < 0 || plane < 0 || !mod.holds(out.start_x, y, t)) {
         sv_printf(cn, "! Tried to write past end of image\n");
         return nullptr;
     }
-    out.made.keep();
-    return out.mod.at(out.start_x, y, t);
+    out.mod_head.keep();
+    return mod.at(out.start_x, y, t);
 }
 
 void umaths_stop_output(UMathsOutput &out) {
-    out.made.reset();
     out.mod_head.reset();
     out.type = UMOutputType::none;
 }

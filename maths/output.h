@@ -1,7 +1,9 @@
 // maths: writing an image result into a data module, made or found.
 #pragma once
 
-#include "modules/store/view.h"
+#include "modules/store/result_module.h"
+#include "parser/qualifiers.h"
+#include "support/text_join.h"
 
 #include <cstddef>
 
@@ -10,7 +12,13 @@ namespace kestrel {
 enum class UMOutputType : int { none = 0, module = 1 };
 enum class RWMode : int { write, read_then_write };
 
-// Where the output keywords of a command say that its result goes.
+// How the formats and the help of commands that write an image end.
+inline constexpr fixed_text
+    umaths_output_words("module %s tessera %s carafe mem0 start-x %d start-y %d start-t %d  = %d");
+inline constexpr fixed_text umaths_output_help("To Module <name>/To Tessera <name>/To carafe/To mem0/"
+                                               "start point for x/start point for y/start point for t");
+
+// Where these keywords say that the result goes.
 struct umaths_destination {
     bool module = false;
     bool other = false; // a kind that is not provided
@@ -18,24 +26,26 @@ struct umaths_destination {
     bool has_start_t = false;
     int start_x = 0, start_y = 0, start_t = 0;
 };
-// The keywords "module %s tessera %s carafe mem0 start-x %d start-y %d start-t %d" from bit `first` on.
-umaths_destination umaths_destination_of(int quals, int first);
+template <const pt_format &Format> umaths_destination umaths_destination_of(const pt_qualifiers<Format> &q) {
+    return {q.given("module"),   q.count({"tessera", "carafe", "mem0"}) > 0,
+            q.text("module"),    q.given("start-t"),
+            q.number("start-x"), q.number("start-y"),
+            q.number("start-t")};
+}
 
 struct UMathsOutput {
     UMOutputType type = UMOutputType::none;
     int nx = 0, ny = 0, nt = 0;
     int start_x = 0, start_y = 0, start_t = 0;
     int full_x = 0, full_y = 0, full_t = 0;
-    int data_float = 0; // 0 integer result, 1 float, 2 double
+    mod_element data_float = mod_element::u_int32;
     RWMode rw_mode = RWMode::write;
-    module_link mod_head;  // linked until the output stops
-    unwritten_module made; // where the module is new
-    module_view mod;
+    result_module mod_head; // linked until the output stops
 };
 
 // Links or makes the destination of an nx x ny x nt result: 0, or -1 after a line.
 int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, int nt, UMathsOutput &out,
-                        RWMode rw_mode, int data_float);
+                        RWMode rw_mode, mod_element data_float);
 
 // Where result row `row` of plane `plane` goes, to be written at once; null after a line when it does not
 // fit.

@@ -124,8 +124,12 @@ umaths_region umaths_make_region(int x1, int y1, int t1, int x2, int y2, int t2)
     return {x1, y1, t1, extent(x1, x2), extent(y1, y2), extent(t1, t2)};
 }
 
+umaths_region umaths_whole(int handle) {
+    return {0, 0, 0, unified_get_nx(handle), unified_get_ny(handle), std::max(1, unified_get_nt(handle))};
+}
+
 int umaths_check_region(int cn, const umaths_region &region, int handle, int any_type) {
-    const _unif_open_tbl *entry = unified_entry(handle);
+    const auto entry = unified_info_of(handle);
     if (!entry) {
         sv_printf(cn, "! Invalid unified handle\n");
         return -1;
@@ -152,7 +156,7 @@ int umaths_start_any(int cn, const umaths_region &region, int handle, UMaths &r,
     r.interrupted = false;
     if (umaths_check_region(cn, region, handle, any_type) != 0)
         return -1;
-    const _unif_open_tbl *entry = unified_entry(handle);
+    const auto entry = unified_info_of(handle);
     r.utype = entry->data_type;
     r.elem_size = entry->elem_size;
     r.handle = handle;

@@ -17,12 +17,17 @@ namespace kestrel {
 // Silences the reader's "# Reading" lines for the duration of a command.
 extern int umaths_quiet;
 
-// Inclusive corners, put in order.
+// A box of elements: where it begins, and how many.
 struct umaths_region {
     int x = 0, y = 0, t = 0;
     int dx = 0, dy = 0, dt = 0;
 };
+
+// The box between two corners, both in it, in any order.
 umaths_region umaths_make_region(int x1, int y1, int t1, int x2, int y2, int t2);
+
+// All that a handle has, a source without frames being one; sizes below 1 where there is no such handle.
+umaths_region umaths_whole(int handle);
 
 struct UMaths {
     int utype = 0;

@@ -1,9 +1,8 @@
 // `maths re-bin`: a region at a lower resolution.
-#include "maths/commands.h"
 #include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
-#include "parser/call.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
@@ -13,26 +12,24 @@ namespace kestrel {
 
 namespace {
 
-constexpr int first_output_keyword = 3;
+constexpr pt_format rebin_format(text_join<"%d %d %d %d %d %d %d x %d y %d t %d ", umaths_output_words>);
+using rebin_qualifiers = pt_qualifiers<rebin_format>;
 
 struct factors {
     int x = 1, y = 1, t = 1;
 };
 
-int check_factor(int cn, const char *complaint, int factor, int length) {
+int check_factor(int cn, char axis, int factor, int length) {
     if (factor >= 2 && factor <= length / 2)
         return 0;
-    sv_printf(cn, complaint, length / 2, factor);
+    sv_printf(cn, "! EROR Expected rebin %c to be in range 2 to %d not %d\n", axis, length / 2, factor);
     return -1;
 }
 
-int check_factors(int cn, int quals, const factors &by, const UMaths &r) {
-    if ((quals & 1 &&
-         check_factor(cn, "! EROR Expected rebin X to be in range 2 to %d not %d\n", by.x, r.dx) != 0) ||
-        (quals & 2 &&
-         check_factor(cn, "! EROR Expected rebin Y to be in range 2 to %d not %d\n", by.y, r.dy) != 0) ||
-        (quals & 4 &&
-         check_factor(cn, "! EROR Expected rebin T to be in range 2 to %d not %d\n", by.t, r.dt) != 0))
+int check_factors(int cn, const rebin_qualifiers &q, const factors &by, const UMaths &r) {
+    if ((q.given("x") && check_factor(cn, 'X', by.x, r.dx) != 0) ||
+        (q.given("y") && check_factor(cn, 'Y', by.y, r.dy) != 0) ||
+        (q.given("t") && check_factor(cn, 'T', by.t, r.dt) != 0))
         return -1;
     return 0;
 }
@@ -55,7 +52,8 @@ bool sum_plane(int cn, UMaths &r, const factors &by, int plane, int nx, int ny,
 template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_destination &to) {
     const int nx = r.dx / by.x, ny = r.dy / by.y, nt = r.dt / by.t;
     UMathsOutput out;
-    if (umaths_start_output(cn, to, nx, ny, nt, out, RWMode::write, std::is_floating_point_v<T>) != 0 ||
+    if (umaths_start_output(cn, to, nx, ny, nt, out, RWMode::write,
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
     std::vector<sum_of<T>> sums(static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny));
@@ -75,12 +73,10 @@ template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_
     return 0;
 }
 
-} // namespace
-
 int umaths_rebin(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
-    const factors by{quals & 1 ? Qualifier[0].IntArg : 1, quals & 2 ? Qualifier[1].IntArg : 1,
-                     quals & 4 ? Qualifier[2].IntArg : 1};
-    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
+    const rebin_qualifiers q(quals);
+    const factors by{q.number("x", 1), q.number("y", 1), q.number("t", 1)};
+    const umaths_destination to = umaths_destination_of(q);
     UMaths r;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, r, 0) != 0)
         return -1;
@@ -88,9 +84,16 @@ int umaths_rebin(int quals, int cn, int handle, int x1, int y1, int t1, int x2, 
         sv_printf(cn, "! Umaths rebin cannot handle double data yet\n");
         return -1;
     }
-    if (check_factors(cn, quals, by, r) != 0)
+    if (check_factors(cn, q, by, r) != 0)
         return -1;
     return r.utype == el_long ? rebin<std::uint32_t>(cn, r, by, to) : rebin<float>(cn, r, by, to);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_rebin = pt_command<umaths_rebin>(
+    "re-bin", rebin_format, "Rebin counts to lower resolution",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Factor for X/Factor for Y/Factor for T/",
+              umaths_output_help>);
 
 } // namespace kestrel

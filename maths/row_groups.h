@@ -47,7 +47,7 @@ bool umaths_over_frames(int cn, UMaths &r, int top, int rows, Four four, One one
 
 // The total of every row of a plane, each as row_total gives it. False when a read failed.
 template <class T> bool umaths_plane_totals(int cn, int plane, UMaths &r, std::vector<sum_of<T>> &totals) {
-    constexpr int far = 64; // rows: a distance at which the memory sees four places
+    constexpr int far = 64; // rows: so far apart, the four are fetched from memory side by side
     totals.resize(static_cast<std::size_t>(r.dy));
     const int apart = umaths_plane_held(r) ? std::min(far, r.dy / 4) : 0;
     int top = 0;

@@ -1,7 +1,8 @@
 // `maths smooth` and `smooth2d`: running means of a row, and of every frame of a module.
-#include "maths/commands.h"
 #include "maths/module_rows.h"
 #include "maths/progress.h"
+#include "parser/qualifiers.h"
+#include "parser/tree.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -88,7 +89,7 @@ bool smooth_rows(int cn, const module_view &from, int frame, std::vector<double>
     return true;
 }
 
-// Columns are taken a few at a time, so that what memory gives with each row is used.
+// Columns are taken eight at a time: a line of the cache that is loaded for one holds its neighbours, too.
 bool smooth_columns(int cn, const module_view &from, int frame, std::vector<double> &plane, int half,
                     umaths_progress &progress) {
     constexpr std::size_t at_once = 8;
@@ -111,14 +112,14 @@ bool smooth_columns(int cn, const module_view &from, int frame, std::vector<doub
     return true;
 }
 
-} // namespace
+constexpr pt_format smooth_format("%s %d %d %d %d %d wrapped = %d");
 
-int umaths_smooth(int wrapped, int cn, const char *name, int first, int last, int row, int to_row,
-                  int width) {
+// Points first to last of a row, averaged over `width` points, into another row.
+int umaths_smooth(int quals, int cn, const char *name, int first, int last, int row, int to_row, int width) {
+    const pt_qualifiers<smooth_format> q(quals);
     linked_module module;
-    if (umaths_link_module(cn, name, module) != 0 ||
-        umaths_check_row(cn, "! Row should be 0..%d not %d\n", module, row) != 0 ||
-        umaths_check_row(cn, "! Destination Row should be 0..%d not %d\n", module, to_row) != 0)
+    if (umaths_link_module(cn, name, module) != 0 || umaths_check_row(cn, "Row", module, row) != 0 ||
+        umaths_check_row(cn, "Destination Row", module, to_row) != 0)
         return -1;
     const int nx = module.view.num_x;
     if (first < 0 || last >= nx || first > last) {
@@ -130,18 +131,21 @@ int umaths_smooth(int wrapped, int cn, const char *name, int first, int last, in
         return -1;
     std::vector<double> values(static_cast<std::size_t>(count));
     umaths_get_elements(module.view, first, row, 0, values);
-    line_smoother(values.size(), static_cast<std::size_t>(width / 2), wrapped != 0).smooth(values);
+    line_smoother(values.size(), static_cast<std::size_t>(width / 2), q.given("wrapped")).smooth(values);
     umaths_put_elements(module.view, first, to_row, 0, values);
     return 0;
 }
 
 int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int width) {
-    linked_module from, to;
+    linked_module from;
+    result_module to;
     if (umaths_link_module(cn, from_name, from) != 0)
         return -1;
     const module_view &view = from.view;
     if (check_width(cn, width, std::max(view.num_x, view.num_y)) != 0 ||
-        umaths_module_like(cn, to_name, view, view.data_type == MOD_DOUBLE ? 2 : 1, to) != 0)
+        umaths_module_like(cn, to_name, view,
+                           view.data_type == MOD_DOUBLE ? mod_element::float64 : mod_element::float32,
+                           to) != 0)
         return -1;
     const std::size_t nx = static_cast<std::size_t>(view.num_x), ny = static_cast<std::size_t>(view.num_y);
     std::vector<double> plane(nx * ny);
@@ -150,12 +154,23 @@ int umaths_smooth2d(int, int cn, const char *from_name, const char *to_name, int
         if (!smooth_rows(cn, view, frame, plane, width / 2, progress) ||
             !smooth_columns(cn, view, frame, plane, width / 2, progress))
             return -1;
-        to.made.keep();
+        to.keep();
         for (int y = 0; y < view.num_y; ++y)
-            umaths_put_elements(to.view, 0, y, frame,
+            umaths_put_elements(to.view(), 0, y, frame,
                                 std::span(plane).subspan(static_cast<std::size_t>(y) * nx, nx));
     }
     return 0;
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_smooth = pt_command<umaths_smooth>(
+    "smooth", smooth_format, "Smooth 1 row data in data module",
+    "Module name/First point/Last point/Row number/Destination row/Width in points (odd)/"
+    "Treat first to last as a circle");
+
+extern constinit const PARSE_TREE row_maths_smooth2d =
+    pt_command<umaths_smooth2d>("smooth2d", "%s %s %d = %d", "Smooth Entire 2D data module",
+                                "Source module/Destination module/Width in points (odd)");
 
 } // namespace kestrel

@@ -1,8 +1,7 @@
 // `maths stability`: how steady each element is as one axis varies.
 #include "maths/axis.h"
-#include "maths/commands.h"
 #include "maths/output.h"
-#include "parser/call.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
@@ -15,8 +14,8 @@ namespace kestrel {
 
 namespace {
 
-constexpr int stability_signed = 8, stability_skip = 16;
-constexpr int skip_keyword = 4, first_output_keyword = 5;
+constexpr pt_format
+    stability_format(text_join<"%d %d %d %d %d %d %d x y t signed skip %d ", umaths_output_words>);
 
 // For each element of what remains: its first value, the mean of the distances from that and the sum of
 // squares about it so far (Welford, Technometrics 4, 1962), smallest and largest. With the first value taken
@@ -54,7 +53,8 @@ std::size_t size_of(int count) {
 
 // A row's place in the series and its values. `skip` values of the axis are left out in front.
 template <class T>
-void take_row(const UMaths &r, int axis, std::span<const T> line, int row, int plane, int skip, series &s) {
+void take_row(const UMaths &r, region_axis axis, std::span<const T> line, int row, int plane, int skip,
+              series &s) {
     if (axis == axis_x) {
         const std::size_t at = size_of(plane) * size_of(r.dy) + size_of(row);
         for (std::size_t i = size_of(skip); i < line.size(); ++i)
@@ -67,7 +67,7 @@ void take_row(const UMaths &r, int axis, std::span<const T> line, int row, int p
         s.take(at + i, step + 1.0, static_cast<double>(line[i]));
 }
 
-template <class T> bool take_region(int cn, UMaths &r, int axis, int skip, series &s) {
+template <class T> bool take_region(int cn, UMaths &r, region_axis axis, int skip, series &s) {
     for (int plane = axis == axis_t ? skip : 0; plane < r.dt; ++plane)
         for (int row = 0; row < r.dy; ++row) {
             const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
@@ -78,7 +78,7 @@ template <class T> bool take_region(int cn, UMaths &r, int axis, int skip, serie
     return true;
 }
 
-bool take_region(int cn, UMaths &r, int axis, int skip, bool with_sign, series &s) {
+bool take_region(int cn, UMaths &r, region_axis axis, int skip, bool with_sign, series &s) {
     if (r.utype == el_float)
         return take_region<float>(cn, r, axis, skip, s);
     if (r.utype == el_double)
@@ -118,14 +118,13 @@ int check_length(int cn, const UMaths &r, const reduced_axis &a, int skip) {
     return 0;
 }
 
-} // namespace
-
 int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    const pt_qualifiers<stability_format> q(quals);
     reduced_axis a;
-    if (umaths_choose_axis(cn, quals, a) != 0)
+    if (umaths_choose_axis(cn, q, a) != 0)
         return -1;
-    const int skip = quals & stability_skip ? Qualifier[skip_keyword].IntArg : 0;
-    const umaths_destination to = umaths_destination_of(quals, first_output_keyword);
+    const int skip = q.number("skip");
+    const umaths_destination to = umaths_destination_of(q);
     UMaths r;
     UMathsOutput out;
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, r, 0) != 0 ||
@@ -133,14 +132,23 @@ int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int 
         return -1;
     umaths_size_rest(r, a);
     const bool plane = a.ny > 1;
-    if (umaths_start_output(cn, to, a.nx, plane ? a.ny : 4, plane ? 4 : 1, out, RWMode::write, 2) != 0 ||
+    if (umaths_start_output(cn, to, a.nx, plane ? a.ny : 4, plane ? 4 : 1, out, RWMode::write,
+                            mod_element::float64) != 0 ||
         umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
         return -1;
     series s(a);
-    if (!take_region(cn, r, a.axis, skip, quals & stability_signed, s))
+    if (!take_region(cn, r, a.axis, skip, q.given("signed"), s))
         return umaths_read_error(cn, r);
     s.finish(umaths_axis_length(r, a) - skip);
     return write_result(cn, a, s, out);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_stability = pt_command<umaths_stability>(
+    "stability", stability_format, "Measure 'DC' signal aver, Stdev, min and max as 1 dimension varies",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/As X varies/As Y varies/As T varies/Long data are signed/"
+              "Leave out this many elements at the start/",
+              umaths_output_help>);
 
 } // namespace kestrel

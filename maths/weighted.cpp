@@ -1,30 +1,22 @@
 // `maths weighted-sum`, `centroid` and `centroid-old`: first moments along one axis. The weighting coordinate
 // is the element's absolute index plus 0.5, the centre of the pixel, as in measure-peak.
 #include "maths/axis.h"
-#include "maths/commands.h"
 #include "maths/output.h"
 #include "maths/row_groups.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
+#include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstdarg>
 #include <cstdio>
 #include <limits>
+#include <string>
 #include <vector>
 
 namespace kestrel {
-
-int umaths_choose_axis(int cn, int quals, reduced_axis &out) {
-    out.axis = quals & (axis_x | axis_y | axis_t);
-    if (std::has_single_bit(static_cast<unsigned>(out.axis)))
-        return 0;
-    sv_printf(cn, "! Must specify exactly one of X, Y, T\n");
-    return -1;
-}
 
 int umaths_axis_length(const UMaths &r, const reduced_axis &a) {
     return a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
@@ -39,7 +31,7 @@ void umaths_size_rest(const UMaths &r, reduced_axis &a) {
 
 namespace {
 
-int refuse_short_axis(int cn, int axis) {
+int refuse_short_axis(int cn, region_axis axis) {
     sv_printf(cn, "%s",
               axis == axis_x   ? "! Why form SUM FX when dx == 1\n"
               : axis == axis_y ? "! Why form SUM FX when dy == 1\n"
@@ -67,12 +59,12 @@ struct moments {
         : moments(static_cast<std::size_t>(a.nx) * static_cast<std::size_t>(a.ny)) {}
 };
 
-// Where a row's sums begin, when the axis is y or t: its own line of x.
+// Where the line of sums begins that a row adds to: its plane's when the axis is y, its own when it is t.
 std::size_t line_of(const UMaths &r, const reduced_axis &a, int row, int plane) {
     return static_cast<std::size_t>(a.axis == axis_y ? plane : row) * static_cast<std::size_t>(r.dx);
 }
 
-// Where a row's single sum stands, when the axis is x.
+// Where the one sum of a row stands when the axis is x.
 std::size_t place_of(const UMaths &r, int row, int plane) {
     return static_cast<std::size_t>(plane) * static_cast<std::size_t>(r.dy) + static_cast<std::size_t>(row);
 }
@@ -127,7 +119,7 @@ bool sum_moments_above(int cn, UMaths &r, const reduced_axis &a, double fraction
            });
 }
 
-// What is written of the two sums.
+// What each command writes of the two sums.
 double weighted_sum(double, double fc) {
     return fc;
 }
@@ -204,21 +196,21 @@ int start(int cn, int handle, const umaths_region &region, const char *refuse_do
 }
 
 int start_output(int cn, const umaths_destination &to, const reduced_axis &a, UMaths &r, UMathsOutput &out) {
-    if (umaths_start_output(cn, to, a.nx, a.ny, 1, out, RWMode::write, 1) != 0)
+    if (umaths_start_output(cn, to, a.nx, a.ny, 1, out, RWMode::write, mod_element::float32) != 0)
         return -1;
     return umaths_stay_clear_of(cn, out.mod_head.head(), r);
 }
 
-constexpr int weighted_output_keyword = 3;
-constexpr int centroid_threshold = 8, centroid_threshold_keyword = 3, centroid_output_keyword = 4;
-
-} // namespace
+constexpr pt_format weighted_format(text_join<"%d %d %d %d %d %d %d x y t ", umaths_output_words>);
+constexpr pt_format
+    centroid_format(text_join<"%d %d %d %d %d %d %d x y t threshold %g ", umaths_output_words>);
 
 int umaths_weighted_sum(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    const pt_qualifiers<weighted_format> q(quals);
     reduced_axis a;
-    if (umaths_choose_axis(cn, quals, a) != 0)
+    if (umaths_choose_axis(cn, q, a) != 0)
         return -1;
-    const umaths_destination to = umaths_destination_of(quals, weighted_output_keyword);
+    const umaths_destination to = umaths_destination_of(q);
     UMaths r;
     UMathsOutput out;
     if (start(cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2),
@@ -230,16 +222,17 @@ int umaths_weighted_sum(int quals, int cn, int handle, int x1, int y1, int t1, i
 }
 
 int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    const pt_qualifiers<centroid_format> q(quals);
     reduced_axis a;
-    if (umaths_choose_axis(cn, quals, a) != 0)
+    if (umaths_choose_axis(cn, q, a) != 0)
         return -1;
-    const bool above = quals & centroid_threshold;
-    const double fraction = above ? Qualifier[centroid_threshold_keyword].DoubleArg : 0.0;
+    const bool above = q.given("threshold");
+    const double fraction = q.real("threshold");
     if (!(fraction >= 0.0 && fraction <= 1.0)) {
         sv_printf(cn, "! Relative threshold should be 0..1.0, not %g\n", fraction);
         return -1;
     }
-    const umaths_destination to = umaths_destination_of(quals, centroid_output_keyword);
+    const umaths_destination to = umaths_destination_of(q);
     UMaths r;
     UMathsOutput out;
     if (start(cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2),
@@ -255,6 +248,19 @@ int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x
         return umaths_read_error(cn, r);
     return write_rows(cn, a, 0, m, mean, out);
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_weighted_sum = pt_command<umaths_weighted_sum>(
+    "weighted-sum", weighted_format, "Weighted sum counts from volume to plane or line",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Weight along X axis/Weight along Y axis/Weight along T axis/",
+              umaths_output_help>);
+
+extern constinit const PARSE_TREE row_maths_centroid = pt_command<umaths_centroid>(
+    "centroid", centroid_format, "Form Centroid from volume/plane to plane/line",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Centroid along X axis/Centroid along Y axis/"
+              "Centroid along T axis/Threshold as fraction of max/",
+              umaths_output_help>);
 
 // ---------------------------------------------------------------- centroid-old: three commands, as if typed
 
@@ -278,16 +284,16 @@ int run(int cn, const char *command) {
     return user_service(cn, command, 0, nullptr, nullptr);
 }
 
-// Runs the command; a failing one is shown with `complaint`.
+// Runs the command; a failing one is shown below `complaint`.
 int run_step(int cn, const command_text &command, const char *complaint) {
     if (run(cn, command.text) >= 0)
         return 0;
-    sv_printf(cn, complaint, command.text);
+    sv_printf(cn, "%s\n! '%s'\n", complaint, command.text);
     return -1;
 }
 
 // The projection that keeps the other axes.
-const char *kept_axes(int axis, const umaths_region &r) {
+const char *kept_axes(region_axis axis, const umaths_region &r) {
     switch (axis) {
     case axis_x:
         return r.dy < 2 ? "t" : r.dt < 2 ? "y" : "yt";
@@ -319,20 +325,19 @@ class opened_module {
     int handle_ = -1;
 };
 
-} // namespace
+constexpr pt_format old_format(text_join<"%d %d %d %d %d %d %d x y t ", umaths_output_words>);
 
 int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
+    const pt_qualifiers<old_format> q(quals);
     reduced_axis a;
-    if (umaths_choose_axis(cn, quals, a) != 0)
+    if (umaths_choose_axis(cn, q, a) != 0)
         return -1;
-    const umaths_destination to = umaths_destination_of(quals, weighted_output_keyword);
-    constexpr int at_x = 1 << 7, at_y = 1 << 8;
+    const umaths_destination to = umaths_destination_of(q);
     if (!to.module || to.other) {
         sv_printf(cn, "! Only support module mode output at the moment\n");
         return -1;
     }
-    char name[qualifier_string_max]; // the commands below overwrite the keywords' values
-    std::snprintf(name, sizeof name, "%s", to.name);
+    const std::string name = to.name; // the commands below overwrite the keywords' values
     const umaths_region r = umaths_make_region(x1, y1, t1, x2, y2, t2);
     const int length = a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
     const char *letter = a.axis == axis_x ? "x" : a.axis == axis_y ? "y" : "t";
@@ -340,20 +345,28 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
         return refuse_short_axis(cn, a.axis);
     command_text weigh, sum, divide;
     weigh.add("maths weighted-sum %d %d %d %d %d %d %d %s module '%s_fx'", handle, x1, y1, t1, x2, y2, t2,
-              letter, name);
+              letter, name.c_str());
     sum.add("maths integrate %d %d %d %d %d %d %d %s module '%s_f'", handle, x1, y1, t1, x2, y2, t2,
-            kept_axes(a.axis, r), name);
-    if (run_step(cn, weigh, "! ERROR Forming SUMFX from\n! '%s'\n") != 0 ||
-        run_step(cn, sum, "! ERROR Forming SUMF from\n! '%s'\n") != 0)
+            kept_axes(a.axis, r), name.c_str());
+    if (run_step(cn, weigh, "! ERROR Forming SUMFX from") != 0 ||
+        run_step(cn, sum, "! ERROR Forming SUMF from") != 0)
         return -1;
-    const opened_module fx(cn, name, "_fx"), f(cn, name, "_f");
+    const opened_module fx(cn, name.c_str(), "_fx"), f(cn, name.c_str(), "_f");
     divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
-               unified_get_nx(0, cn, fx.handle()) - 1, unified_get_ny(0, cn, fx.handle()) - 1, name);
-    if (quals & at_x)
+               unified_get_nx(fx.handle()) - 1, unified_get_ny(fx.handle()) - 1, name.c_str());
+    if (q.given("start-x"))
         divide.add(" start-x %d", to.start_x);
-    if (quals & at_y)
+    if (q.given("start-y"))
         divide.add(" start-y %d", to.start_y);
-    return run_step(cn, divide, "! ERROR: Performing divide using\n! '%s'\n");
+    return run_step(cn, divide, "! ERROR: Performing divide using");
 }
+
+} // namespace
+
+extern constinit const PARSE_TREE row_maths_centroid_old = pt_command<umaths_centroid_old>(
+    "centroid-old", old_format, "Form Centroid from volume/plane to plane/line",
+    text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Centroid along X axis/Centroid along Y axis/"
+              "Centroid along T axis/",
+              umaths_output_help>);
 
 } // namespace kestrel

@@ -44,7 +44,9 @@ int module_create(int quals, int cn, const char *name, int width, int height, co
     }
     if (has(q_size))
         return mkmod_nohead(cn, name, Qualifier[q_size].IntArg);
-    const int data_float = has(q_double) ? 2 : has(q_float) ? 1 : 0;
+    const mod_element data_float = has(q_double)  ? mod_element::float64
+                                   : has(q_float) ? mod_element::float32
+                                                  : mod_element::u_int32;
     const int made = has(q_num_t) ? mkmod_head3d(cn, name, width, height, Qualifier[q_num_t].IntArg, x_label,
                                                  y_label, t_label, data_float)
                                   : mkmod_head(cn, name, width, height, x_label, y_label, data_float);
@@ -55,7 +57,7 @@ int module_create(int quals, int cn, const char *name, int width, int height, co
 
 int module_headed(int, int cn, const char *name, int width, int height, const char *x_label,
                   const char *y_label) {
-    const int made = mkmod_head(cn, name, width, height, x_label, y_label, 0);
+    const int made = mkmod_head(cn, name, width, height, x_label, y_label, mod_element::u_int32);
     if (made == 0)
         module_announce(cn, name);
     return made;

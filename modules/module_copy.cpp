@@ -2,6 +2,7 @@
 #include "modules/commands.h"
 #include "modules/store/cut_guard.h"
 #include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "parser/call.h"
 #include "server/output.h"
 
@@ -95,7 +96,7 @@ int check_source(const copy_request &r, const module_view &s) {
                   r.src.t, r.num.t, s.num_x, s.num_y, s.num_t);
         return -1;
     }
-    if (s.data_type != MOD_U_INT32 && s.data_type != MOD_FLOAT && s.data_type != MOD_DOUBLE) {
+    if (!mod_element_of_code(s.data_type)) {
         sv_printf(r.cn, "! ERROR: Unknow data type %d in module '%s'\n", s.data_type, r.from.c_str());
         return -1;
     }
@@ -182,28 +183,23 @@ std::vector<std::string> labels_after(const copy_request &r, void *source, void 
     return labels;
 }
 
-module_link make_target(const copy_request &r, const module_view &source,
-                        const std::vector<std::string> &labels) {
-    const int data_float = source.data_type == MOD_DOUBLE ? 2 : source.data_type == MOD_FLOAT ? 1 : 0;
+int make_target(const copy_request &r, const module_view &source, const std::vector<std::string> &labels,
+                result_module &target) {
     const int size = static_cast<int>(source.element_size);
-    void *head = nullptr;
-    if (r.max.t == 1 && (!source.is_3d || r.frame_given)) {
-        if (!r.quiet)
-            sv_printf(r.cn, "# Creating 2-d module '%s' : (%d, %d), data_type=%d, elem_size=%d\n",
-                      r.to.c_str(), r.max.x, r.max.y, source.data_type, size);
-        app_mkmod_head(r.cn, r.to.c_str(), r.max.x, r.max.y, nullptr, nullptr, data_float, &head);
-        return module_link::adopt(head);
-    }
-    if (!r.quiet)
+    module_plan plan;
+    plan.element = *mod_element_of_code(source.data_type); // as check_source has seen
+    plan.num_x = r.max.x;
+    plan.num_y = r.max.y;
+    plan.num_t = r.max.t;
+    plan.is_3d = r.max.t != 1 || (source.is_3d && !r.frame_given);
+    plan.labels = labels;
+    if (!r.quiet && plan.is_3d)
         sv_printf(r.cn, "# Creating 3-d module '%s' : (%d, %d, %d), data_type=%d, elem_size=%d\n",
                   r.to.c_str(), r.max.x, r.max.y, r.max.t, source.data_type, size);
-    std::vector<const char *> texts;
-    for (const std::string &label : labels)
-        texts.push_back(label.c_str());
-    texts.push_back(nullptr);
-    app_mkmod3d(r.cn, r.to.c_str(), r.max.x, r.max.y, r.max.t, nullptr, nullptr, nullptr,
-                labels.empty() ? nullptr : texts.data(), data_float, &head);
-    return module_link::adopt(head);
+    else if (!r.quiet)
+        sv_printf(r.cn, "# Creating 2-d module '%s' : (%d, %d), data_type=%d, elem_size=%d\n", r.to.c_str(),
+                  r.max.x, r.max.y, source.data_type, size);
+    return target.make(r.cn, r.to.c_str(), plan);
 }
 
 // ---- elements
@@ -303,18 +299,14 @@ int module_copy(int quals, int cn, const char *from, const char *to) {
     copy_request r = copy_asked(quals, cn, from, to, s);
     if (check_source(r, s) != 0 || check_targets(r) != 0)
         return -1;
-    module_view d;
-    module_link target(to);
-    const bool existing = static_cast<bool>(target);
-    if (existing && (mod_look(cn, to, target.head(), d) != 0 || check_existing(r, s, d) != 0))
+    result_module target;
+    const bool existing = target.find(to);
+    if (existing && (target.look(cn) != 0 || check_existing(r, s, target.view()) != 0))
         return -1;
     const auto labels = labels_after(r, source.head(), target.head());
-    if (!existing)
-        target = make_target(r, s, labels);
-    unwritten_module made(to, existing ? nullptr : target.head());
-    if (!target ||
-        (!existing && mod_look_made(cn, to, target.head(), s.data_type, r.max.x, r.max.y, r.max.t, d) != 0))
+    if (!existing && make_target(r, s, labels, target) != 0)
         return -1;
+    const module_view &d = target.view();
     if (!labels.empty() && !(existing ? mod_set_labels(target.head(), labels) : d.is_3d))
         sv_printf(cn,
                   "# Warning: New module does not have sapce for labels, continuing without row labels\n");
@@ -323,7 +315,7 @@ int module_copy(int quals, int cn, const char *from, const char *to) {
     copy_frames(r, s, d);
     if (cut_guard_count() != cuts)
         return -1; // the line comes with the command's end
-    made.keep();
+    target.keep();
     module_announce(cn, to);
     return 0;
 }

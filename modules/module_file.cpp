@@ -1,7 +1,7 @@
 // Modules from and to files. Both run command lines of the same session: `file open`, `read`, `module open`
 // and `file get-next-index` do the work.
 #include "modules/commands.h"
-#include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
 #include "parser/variables.h"
@@ -57,7 +57,7 @@ class open_handle {
     open_handle(const open_handle &) = delete;
     open_handle &operator=(const open_handle &) = delete;
     ~open_handle() {
-        if (unified_entry(handle_) != nullptr)
+        if (unified_info_of(handle_))
             unified_close_and_destroy(cn_, handle_);
     }
     int get() const { return handle_; }
@@ -71,7 +71,7 @@ class open_handle {
 
 struct load_request {
     std::string open_quals = "ascii-id";
-    int data_float = 1;
+    mod_element element = mod_element::float32;
     std::optional<int> num_t; // the file's, unless it is given
     bool skip_first = true;   // the file's first row is an identification row
     bool type_from_file = false;
@@ -86,28 +86,25 @@ load_request load_asked(int quals) {
     else if (has(q_open_quals))
         r.open_quals = Qualifier[q_open_quals].StringArg;
     r.skip_first = !has(q_tessera) && !has(q_open_quals);
-    r.data_float = has(q_double) ? 2 : has(q_long) ? 0 : 1;
+    if (has(q_double))
+        r.element = mod_element::float64;
+    else if (has(q_long))
+        r.element = mod_element::u_int32;
     r.type_from_file = has(q_tessera) && !has(q_double) && !has(q_long);
     if (has(q_num_t))
         r.num_t = Qualifier[q_num_t].IntArg;
     return r;
 }
 
-int data_float_of(int utype) {
-    return utype == el_long ? 0 : utype == el_double ? 2 : 1;
-}
-
-constexpr const char *read_words[] = {"long", "float", "double"};
-
 int load_from(int cn, const open_handle &file, const std::string &name, load_request r) {
-    const _unif_open_tbl &entry = *unified_entry(file.get());
+    const unified_info entry = *unified_info_of(file.get());
     const int nx = entry.nx;
     const int ny = entry.ny;
     const int nt = entry.nt;
     sv_printf(cn, "# Determined file size = (%d, %d, %d)\n", nx, ny, nt);
     if (r.type_from_file) {
         sv_printf(cn, "# Determined utype=%d from tessera header\n", entry.data_type);
-        r.data_float = data_float_of(entry.data_type);
+        r.element = mod_element_of_handle_type(entry.data_type).value_or(mod_element::float32);
     }
     const int module_nt = r.num_t.value_or(nt);
     if (module_nt < nt) {
@@ -116,17 +113,16 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
     }
     const int first = r.skip_first ? 1 : 0;
     const int rows = ny - first;
-    void *head = nullptr;
+    module_plan plan{r.element, nx, rows};
     if (module_nt > 1)
-        app_mkmod3d(cn, name.c_str(), nx, ny, module_nt, "X", "Y", "T", nullptr, r.data_float, &head);
-    else
-        app_mkmod_head(cn, name.c_str(), nx, rows, "X", "Y", r.data_float, &head);
-    const module_link held = module_link::adopt(head);
-    unwritten_module made(name.c_str(), head);
-    if (!held || run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows,
-                                   nt, file.get(), quoted(name).c_str(), read_words[r.data_float])) != 0)
+        plan = {r.element, nx, ny, module_nt, true};
+    result_module module;
+    if (module.make(cn, name.c_str(), plan) != 0 ||
+        run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows, nt,
+                          file.get(), quoted(name).c_str(), element_names[mod_handle_type_of(r.element)])) !=
+            0)
         return -1;
-    made.keep();
+    module.keep();
     return 0;
 }
 
@@ -140,7 +136,7 @@ int module_load(int quals, int cn, const char *file, const char *name) {
     const std::string command =
         formatted("file open %s %s", quoted(file).c_str(), request.open_quals.c_str());
     const int handle = run(cn, command);
-    if (handle < 0 || unified_entry(handle) == nullptr) {
+    if (handle < 0 || !unified_info_of(handle)) {
         sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
         return -1;
     }
@@ -263,8 +259,8 @@ int module_save(int quals, int cn, const char *name, const char *file) {
     const open_handle opened(cn, handle);
     if (request.indexed && take_indexed_name(cn, request) != 0)
         return -1;
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr)
+    const auto entry = unified_info_of(handle);
+    if (!entry)
         return -1;
     if (check_quotes(cn, {request.file}) != 0)
         return -1;

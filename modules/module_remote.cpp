@@ -2,7 +2,7 @@
 #include "instruments/links/clients.h"
 #include "instruments/links/imgd.h"
 #include "modules/commands.h"
-#include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "server/output.h"
 
 #include <bit>
@@ -30,23 +30,6 @@ std::optional<int> chosen_link(int quals) {
     return link_keywords[std::countr_zero(chosen)];
 }
 
-// What a unified type becomes here, and how it is asked for.
-struct remote_kind {
-    int unified_type;
-    int data_float;
-    std::size_t size;
-    const char *read_format;
-};
-constexpr remote_kind kinds[] = {
-    {3, 0, 4, "long intel"}, {4, 1, 4, "float intel"}, {6, 2, 8, "double intel"}};
-
-const remote_kind *find_kind(int unified_type) {
-    for (const remote_kind &kind : kinds)
-        if (kind.unified_type == unified_type)
-            return &kind;
-    return nullptr;
-}
-
 // About a handle over there, on the connection that it was opened on.
 int ask(int cn, int link, const char *question, int handle) {
     return send_same_connection(cn, link, client_generation(link),
@@ -58,10 +41,12 @@ int no_info(int cn) {
     return -1;
 }
 
-int fetch_data(int cn, int link, int handle, int nx, int ny, const remote_kind &kind, std::byte *data) {
+int fetch_data(int cn, int link, int handle, int nx, int ny, mod_element element, std::byte *data) {
     const std::string command = "read 0 0 0 " + std::to_string(nx) + " " + std::to_string(ny) + " 1 from " +
-                                std::to_string(handle) + " " + kind.read_format;
-    const std::size_t bytes = static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * kind.size;
+                                std::to_string(handle) + " " + element_names[mod_handle_type_of(element)] +
+                                " intel";
+    const std::size_t bytes =
+        static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * mod_element_size(element);
     if (clients_get_data(cn, link, client_generation(link), command, data, bytes) >= 0)
         return 0;
     if (connected_to(link))
@@ -78,27 +63,24 @@ int fetch(int cn, int link, int handle, const char *local) {
     const int type = ny < 0 ? -1 : ask(cn, link, "unif-get-type", handle);
     if (type < 0)
         return no_info(cn);
-    const remote_kind *kind = find_kind(type);
-    if (!kind) {
+    const auto element = mod_element_of_handle_type(type);
+    if (!element) {
         sv_printf(cn, "! ERROR: Unknow remote data module type %d\n", type);
         return -1;
     }
-    void *head = nullptr;
-    if (!app_mkmod_head(cn, local, nx, ny, "X", "Y", kind->data_float, &head)) {
+    result_module module;
+    if (module.make(cn, local, {*element, nx, ny}) != 0) {
         sv_printf(cn, "! Cannot make local module\n");
         return -1;
     }
-    const module_link held = module_link::adopt(head);
-    unwritten_module made(local, head);
-    module_view view;
-    if (mod_look(held.head(), view) != nullptr || view.num_x != nx || view.num_y != ny ||
-        view.element_size != kind->size) {
+    const module_view &view = module.view();
+    if (view.num_x != nx || view.num_y != ny || view.element_size != mod_element_size(*element)) {
         sv_printf(cn, "! Cannot link to data module, but I don't know why!\n");
         return -1;
     }
-    if (fetch_data(cn, link, handle, nx, ny, *kind, view.data()) != 0)
+    if (fetch_data(cn, link, handle, nx, ny, *element, view.data()) != 0)
         return -1;
-    made.keep();
+    module.keep();
     return 0;
 }
 

@@ -1,9 +1,11 @@
 // Modules as sources of unified handles: the module paths, and opening and closing them.
 #include "modules/commands.h"
+#include "modules/store/element.h"
 #include "modules/store/view.h"
 #include "server/output.h"
 #include "unified/handles/handles.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -19,9 +21,9 @@ constexpr int module_paths = 31; // numbered from 1
 
 // What a path stands for while it is open; the module stays linked.
 struct module_path {
-    void *head = nullptr;
-    datamod_record *record = nullptr;
+    module_link link;
     int data_type = 0; // when it was opened
+    int handle = -1;
 };
 
 std::array<module_path, module_paths + 1> mod_ptrs;
@@ -31,8 +33,8 @@ constexpr const char *bad_clear_path = "Invalid path sent to mod_clear value %d\
 constexpr const char *bad_destroy_path = "Invalid path sent to module_destroy value %d\n";
 
 void *head_of(int path, const char *bad_path) {
-    if (path >= 1 && path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].head != nullptr)
-        return mod_ptrs[static_cast<std::size_t>(path)].head;
+    if (path >= 1 && path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].link)
+        return mod_ptrs[static_cast<std::size_t>(path)].link.head();
     std::fprintf(stderr, bad_path, path);
     return nullptr;
 }
@@ -46,7 +48,7 @@ bool look_at_box(int path, const char *bad_path, const unified_box &b, module_vi
         unified_explain("Module of path %d %s", path, fault);
         return false;
     }
-    if (view.data_type != MOD_U_INT32 && view.data_type != MOD_FLOAT && view.data_type != MOD_DOUBLE) {
+    if (!mod_element_of_code(view.data_type)) {
         std::fprintf(stderr, "Invalid data type in module_read, type %d\n", view.data_type);
         unified_explain("Module of path %d has data type %d now", path, view.data_type);
         return false;
@@ -121,11 +123,8 @@ int module_place(int path, unified_place *place) {
 }
 
 void module_destroy(int path, int) {
-    void *head = head_of(path, bad_destroy_path);
-    if (head == nullptr)
-        return;
-    munlink(head);
-    mod_ptrs[static_cast<std::size_t>(path)] = {};
+    if (head_of(path, bad_destroy_path) != nullptr)
+        mod_ptrs[static_cast<std::size_t>(path)] = {};
 }
 
 constexpr unified_source source_2d = {
@@ -133,17 +132,9 @@ constexpr unified_source source_2d = {
 constexpr unified_source source_3d = {
     .read = module_read3d, .destroy = module_destroy, .clear = mod_clear3d, .place = module_place};
 
-int unified_type(int data_type) {
-    switch (data_type) {
-    case MOD_U_INT32:
-        return el_long;
-    case MOD_FLOAT:
-        return el_float;
-    case MOD_DOUBLE:
-        return el_double;
-    default:
-        return el_none;
-    }
+bool is_module_handle(int handle) {
+    return std::any_of(mod_ptrs.begin(), mod_ptrs.end(),
+                       [handle](const module_path &path) { return path.link && path.handle == handle; });
 }
 
 // The header's kind, before the header is trusted with more.
@@ -167,41 +158,40 @@ int module_open(int quals, int cn, const char *name) {
         return -1;
     }
     int path = 1;
-    while (path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].head != nullptr)
+    while (path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].link)
         ++path;
     if (path > module_paths) {
         sv_printf(cn, "# ERROR: no free module paths, please close some \n");
         return -1;
     }
-    datamod_record *record = nullptr;
-    void *head = nullptr;
-    if (_os_link(name, &record, &head) != 0) {
+    module_link link(name);
+    if (!link) {
         sv_printf(cn, "# Cannot open path to module %s\n", name);
         return -1;
     }
-    module_link link = module_link::adopt(head);
+    void *const head = link.head();
     module_view view;
     const std::optional<int> stored = mod_data_type(head);
-    if (stored && unified_type(*stored) == el_none) {
+    if (stored && !mod_element_of_code(*stored)) {
         sv_printf(cn, "# Cannot handle module data type %d\n", *stored);
         return -1;
     }
     if (check_kind(cn, name, head) != 0 || mod_look(cn, name, head, view) != 0)
         return -1;
-    const int type = unified_type(view.data_type);
+    const auto element = mod_element_of_code(view.data_type);
+    const int type = element ? mod_handle_type_of(*element) : el_none;
     const int handle = unified_open(cn, path, view.num_x, view.num_y, view.num_t, type,
                                     mod_title(head).c_str(), view.is_3d ? source_3d : source_2d);
     if (handle < 0)
         return -1;
     unified_set_mmapped(cn, handle, view.data());
-    mod_ptrs[static_cast<std::size_t>(path)] = {link.release(), record, view.data_type};
+    mod_ptrs[static_cast<std::size_t>(path)] = {std::move(link), view.data_type, handle};
     return handle;
 }
 
 // Closes any handle; a module path is given back by its destroy callback's work.
 int module_close(int, int cn, int handle) {
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr || entry->source.destroy != module_destroy)
+    if (!is_module_handle(handle))
         std::fprintf(stderr, bad_destroy_path, unif_handle2path(handle));
     return unified_close_and_destroy(cn, handle);
 }

@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <optional>
 
 namespace kestrel {
 
@@ -55,12 +56,13 @@ template <const pt_format &Format, char... Types> struct word {
 } // namespace qualifier_detail
 
 template <const pt_format &Format> class pt_qualifiers {
+  public:
+    // For lists of words:  static constexpr pt_qualifiers<f>::real_word limits[] = {"least", "most"};
     using any_word = qualifier_detail::word<Format>;
     using int_word = qualifier_detail::word<Format, 'd'>;
     using real_word = qualifier_detail::word<Format, 'g', 'f'>;
     using text_word = qualifier_detail::word<Format, 's'>;
 
-  public:
     explicit pt_qualifiers(int quals) : mask_(static_cast<unsigned>(quals)) {}
 
     bool given(any_word word) const { return has(word.index); }
@@ -92,6 +94,14 @@ template <const pt_format &Format> class pt_qualifiers {
     }
     const char *text(text_word word, const char *otherwise = "") const {
         return has(word.index) ? Qualifier[word.index].StringArg : otherwise;
+    }
+
+    // The same where no other value stands for "not given".
+    std::optional<int> number_if_given(int_word word) const {
+        return has(word.index) ? std::optional(Qualifier[word.index].IntArg) : std::nullopt;
+    }
+    std::optional<double> real_if_given(real_word word) const {
+        return has(word.index) ? std::optional(Qualifier[word.index].DoubleArg) : std::nullopt;
     }
 
   private:

@@ -18,39 +18,40 @@ std::size_t count_of(int n) {
 } // namespace
 
 int corrector::prepare(int cn, int handle, const unified_box &box, bool dead_time) {
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr)
+    const auto info = unified_info_of(handle);
+    const auto correction = unified_correction_of(handle);
+    if (!info || !correction)
         return -1;
     box_ = box;
-    path_ = entry->path;
-    type_ = entry->corr_type;
-    order_ = entry->corr_order;
-    scale_ = entry->corr_scaling;
-    hook_ = entry->corr_pre_post_scal;
-    if (type_ != corr_none && entry->corr_from_module != 0 && take_module(cn, *entry, box) != 0)
+    path_ = info->path;
+    type_ = correction->type;
+    order_ = correction->order;
+    scale_ = correction->scaling;
+    hook_ = correction->pre_post;
+    if (type_ != corr_none && correction->module != nullptr && take_module(cn, *correction, box) != 0)
         return -1;
-    if (type_ != corr_none && entry->corr_from_module == 0)
+    if (type_ != corr_none && correction->module == nullptr)
         for (int k = 0; k <= order_; ++k) {
-            const float *row = entry->corr_data + count_of(k) * count_of(entry->nx) + box.x;
+            const float *row = correction->data + count_of(k) * count_of(info->nx) + box.x;
             coefficients_.insert(coefficients_.end(), row, row + box.dx);
         }
     return dead_time ? take_live_times(cn, box) : 0;
 }
 
-int corrector::take_module(int cn, const _unif_open_tbl &entry, const unified_box &box) {
+int corrector::take_module(int cn, const unified_correction &correction, const unified_box &box) {
     module_view view;
-    const std::string &name = entry.corr_title;
-    if (mod_look(cn, name.c_str(), entry.corr_head, view) != 0)
+    const std::string &name = correction.title;
+    if (mod_look(cn, name.c_str(), correction.module, view) != 0)
         return -1;
-    if (!view.holds(box.x + box.dx - 1, order_, entry.corr_frame)) {
+    if (!view.holds(box.x + box.dx - 1, order_, correction.frame)) {
         sv_printf(
             cn, "! ERROR: correction module '%s' is (%d, %d, %d) and has no point %d of row %d, frame %d\n",
-            name.c_str(), view.num_x, view.num_y, view.num_t, box.x + box.dx - 1, order_, entry.corr_frame);
+            name.c_str(), view.num_x, view.num_y, view.num_t, box.x + box.dx - 1, order_, correction.frame);
         return -1;
     }
     for (int k = 0; k <= order_; ++k)
         for (int x = box.x; x < box.x + box.dx; ++x)
-            coefficients_.push_back(mod_get_element(view.at(x, k, entry.corr_frame), view.data_type));
+            coefficients_.push_back(mod_get_element(view.at(x, k, correction.frame), view.data_type));
     return 0;
 }
 

@@ -21,7 +21,7 @@ class corrector {
     void apply(std::span<double> row, int x, int y, int t) const;
 
   private:
-    int take_module(int cn, const _unif_open_tbl &entry, const unified_box &box);
+    int take_module(int cn, const unified_correction &correction, const unified_box &box);
     int take_live_times(int cn, const unified_box &box);
     std::span<const double> coefficients(int order, int x, std::size_t count) const;
     void correct(std::span<double> row, int x) const;

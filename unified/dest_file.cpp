@@ -2,7 +2,6 @@
 #include "server/output.h"
 #include "server/wait.h"
 #include "support/fd.h"
-#include "unified/form.h"
 #include "unified/output.h"
 
 #include <algorithm>
@@ -25,16 +24,23 @@ constexpr mode_t file_mode = 0666; // less the process's mask
 constexpr int pipe_patience_ms = 30'000;
 constexpr std::size_t write_max = 0x40000000; // one system call takes no more than 2 GiB
 
-struct file_state {
-    // What is written aside and takes the old file's place once all of it is there. Empty: written directly.
-    std::string target; // the old file, links followed
-    std::string aside;
-    std::string made; // the file that this read made, to be removed if it fails
-};
+class file_destination final : public output_destination {
+  public:
+    int init(UnifOutput &output, const _unif_format &format) override;
+    int write(UnifOutput &output, const std::byte *bytes, std::size_t count) override;
+    int term(UnifOutput &output, bool failed) override;
 
-file_state &state_of(UnifOutput &output) {
-    return *static_cast<file_state *>(output.specific.get());
-}
+  private:
+    int open_aside(UnifOutput &output, const std::string &target, const struct stat &old);
+    int replace_file(UnifOutput &output, const struct stat &old);
+    bool copy_back(const UnifOutput &output) const;
+    int take_place(const UnifOutput &output) const;
+
+    // What is written aside and takes the old file's place once all of it is there. Empty: written directly.
+    std::string target_; // the old file, links followed
+    std::string aside_;
+    std::string made_; // the file that this read made, to be removed if it fails
+};
 
 struct free_memory {
     void operator()(char *p) const { std::free(p); }
@@ -65,7 +71,7 @@ bool may_be_replaced(const std::string &target, const struct stat &old) {
 }
 
 // A new file beside the old one, with its owner and permissions. 0, or -1 with errno.
-int open_aside(UnifOutput &output, const std::string &target, const struct stat &old) {
+int file_destination::open_aside(UnifOutput &output, const std::string &target, const struct stat &old) {
     std::string aside = target + ".XXXXXX";
     output.fd.reset(::mkostemp(aside.data(), O_CLOEXEC));
     if (!output.fd)
@@ -78,7 +84,8 @@ int open_aside(UnifOutput &output, const std::string &target, const struct stat 
         errno = EPERM;
         return -1;
     }
-    state_of(output) = {target, std::move(aside), {}};
+    target_ = target;
+    aside_ = std::move(aside);
     return 0;
 }
 
@@ -89,7 +96,7 @@ bool is_source(const UnifOutput &output, const struct stat &old) {
 
 // The old file stays as it is until the new one is whole; where no other may take its place it is written
 // directly, unless the data are still to be read from it.
-int replace_file(UnifOutput &output, const struct stat &old) {
+int file_destination::replace_file(UnifOutput &output, const struct stat &old) {
     const char *name = output.filename.c_str();
     if (::faccessat(AT_FDCWD, name, W_OK, AT_EACCESS) != 0)
         return -1;
@@ -109,12 +116,11 @@ int replace_file(UnifOutput &output, const struct stat &old) {
     return output.fd ? 0 : -1;
 }
 
-int file_init(UnifOutput &output, const _unif_format &) {
+int file_destination::init(UnifOutput &output, const _unif_format &) {
     const char *name = output.filename.c_str();
-    output.specific = std::make_shared<file_state>();
     output.fd.reset(::open(name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, file_mode));
     if (output.fd)
-        state_of(output).made = name;
+        made_ = name;
     if (output.fd || errno != EEXIST)
         return output.fd ? 0 : -1;
     struct stat old {};
@@ -127,7 +133,7 @@ int file_init(UnifOutput &output, const _unif_format &) {
         return -1;
     const malloced target(leads_nowhere ? ::realpath(name, nullptr) : nullptr);
     if (target)
-        state_of(output).made = target.get();
+        made_ = target.get();
     return 0;
 }
 
@@ -142,8 +148,7 @@ bool goes_on(const UnifOutput &output) {
     return wait == wait_result::ready;
 }
 
-int file_write(UnifOutput &output, const void *bytes, std::size_t count) {
-    const auto *at = static_cast<const std::byte *>(bytes);
+int file_destination::write(UnifOutput &output, const std::byte *at, std::size_t count) {
     while (count > 0) {
         const ssize_t done = ::write(output.fd.get(), at, std::min(count, write_max));
         if (done < 0 && goes_on(output))
@@ -170,38 +175,37 @@ int sync_file(int fd) {
 
 // What was written aside goes into the old file: there are mounts that a rename cannot replace. When this
 // fails the old contents are gone, so the file aside, which is whole, stays.
-bool copy_back(const UnifOutput &output, const file_state &state) {
-    const unique_fd from(::open(state.aside.c_str(), O_RDONLY | O_CLOEXEC));
-    const unique_fd to(::open(state.target.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+bool file_destination::copy_back(const UnifOutput &output) const {
+    const unique_fd from(::open(aside_.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd to(::open(target_.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!from || !to)
         return false;
     for (;;) {
         const ssize_t done = ::sendfile(to.get(), from.get(), nullptr, write_max);
         if (done == 0)
-            return (!output.do_fsync || sync_file(to.get()) == 0) && ::unlink(state.aside.c_str()) == 0;
+            return (!output.do_fsync || sync_file(to.get()) == 0) && ::unlink(aside_.c_str()) == 0;
         if (done < 0 && errno != EINTR)
             return false;
     }
 }
 
 // 0, or -1 after a line.
-int take_place(const UnifOutput &output, const file_state &state) {
-    if (::rename(state.aside.c_str(), state.target.c_str()) == 0)
+int file_destination::take_place(const UnifOutput &output) const {
+    if (::rename(aside_.c_str(), target_.c_str()) == 0)
         return 0;
     const bool copied = errno == EBUSY || errno == EXDEV;
-    if (copied && copy_back(output, state))
+    if (copied && copy_back(output))
         return 0;
     sv_printf(output.cn, "! Cannot finish file '%s': %s\n", output.filename.c_str(), std::strerror(errno));
     if (copied)
-        sv_printf(output.cn, "! The data are in '%s'\n", state.aside.c_str());
+        sv_printf(output.cn, "! The data are in '%s'\n", aside_.c_str());
     else
-        ::unlink(state.aside.c_str());
+        ::unlink(aside_.c_str());
     return -1;
 }
 
 // A failed transfer removes the file if this read made it, and leaves an old one as it was.
-int file_term(UnifOutput &output, bool failed) {
-    const file_state &state = state_of(output);
+int file_destination::term(UnifOutput &output, bool failed) {
     int result = 0;
     if (!failed && output.do_fsync && sync_file(output.fd.get()) != 0)
         result = -1;
@@ -211,14 +215,14 @@ int file_term(UnifOutput &output, bool failed) {
         sv_printf(output.cn, "! Cannot finish file '%s': %s\n", output.filename.c_str(),
                   std::strerror(errno));
     failed = failed || result != 0;
-    if (!state.aside.empty()) {
+    if (!aside_.empty()) {
         if (failed)
-            ::unlink(state.aside.c_str());
+            ::unlink(aside_.c_str());
         else
-            result = take_place(output, state);
+            result = take_place(output);
     }
-    if (failed && !state.made.empty())
-        ::unlink(state.made.c_str());
+    if (failed && !made_.empty())
+        ::unlink(made_.c_str());
     return result;
 }
 
@@ -226,9 +230,7 @@ int file_term(UnifOutput &output, bool failed) {
 
 void local_file_setup_output(UnifOutput &output) {
     output.to = output_to::local_file;
-    output.init = file_init;
-    output.write = file_write;
-    output.term = file_term;
+    output.destination = std::make_unique<file_destination>();
 }
 
 } // namespace kestrel

@@ -2,10 +2,10 @@
 #include "server/interrupt.h"
 #include "server/output.h"
 #include "support/ftp.h"
-#include "unified/form.h"
 #include "unified/output.h"
 
 #include <cerrno>
+#include <optional>
 
 namespace kestrel {
 
@@ -31,37 +31,37 @@ int complain(const UnifOutput &output, const ftp_result &result) {
     return -1;
 }
 
-ftp_upload &upload_of(UnifOutput &output) {
-    return *static_cast<ftp_upload *>(output.specific.get());
-}
+class ftp_destination final : public output_destination {
+  public:
+    int init(UnifOutput &output, const _unif_format &) override {
+        sv_flush_all(output.cn);
+        upload_.emplace();
+        ftp_options options;
+        options.stop = [] { return sv_quit != 0; };
+        return complain(output, upload_->begin({output.machinename, output.username, output.password},
+                                               output.filename, options));
+    }
 
-int ftp_init(UnifOutput &output, const _unif_format &) {
-    sv_flush_all(output.cn);
-    output.specific = std::make_shared<ftp_upload>();
-    ftp_options options;
-    options.stop = [] { return sv_quit != 0; };
-    return complain(output, upload_of(output).begin({output.machinename, output.username, output.password},
-                                                    output.filename, options));
-}
+    int write(UnifOutput &output, const std::byte *bytes, std::size_t count) override {
+        return complain(output, upload_->write({bytes, count}));
+    }
 
-int ftp_write(UnifOutput &output, const void *bytes, std::size_t count) {
-    return complain(output, upload_of(output).write({static_cast<const std::byte *>(bytes), count}));
-}
+    // Unfinished, the upload takes back what it has sent.
+    int term(UnifOutput &output, bool failed) override {
+        const int result = failed ? 0 : complain(output, upload_->finish());
+        upload_.reset();
+        return result;
+    }
 
-// Unfinished, the upload takes back what it has sent.
-int ftp_term(UnifOutput &output, bool failed) {
-    const int result = failed ? 0 : complain(output, upload_of(output).finish());
-    output.specific.reset();
-    return result;
-}
+  private:
+    std::optional<ftp_upload> upload_;
+};
 
 } // namespace
 
 void remote_file_setup_output(UnifOutput &output) {
     output.to = output_to::remote_file;
-    output.init = ftp_init;
-    output.write = ftp_write;
-    output.term = ftp_term;
+    output.destination = std::make_unique<ftp_destination>();
 }
 
 } // namespace kestrel

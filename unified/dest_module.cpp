@@ -1,6 +1,7 @@
 // Destination: a data module. The box is placed at (start_x, start_y, start_t) of a headed module, or goes as
 // it is into a module without a header. A module is made if there is none, and goes again if the read fails.
 #include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "server/output.h"
 #include "unified/form.h"
 #include "unified/output.h"
@@ -15,25 +16,30 @@ namespace kestrel {
 
 namespace {
 
-struct module_state {
-    module_link link;
-    unwritten_module made; // by this read
-    unified_box box;       // where it goes, in the module
-    std::size_t element = 0;
-    std::uint64_t position = 0; // bytes of the box that have come
-    bool cleared = false;
+class module_destination final : public output_destination {
+  public:
+    int init(UnifOutput &output, const _unif_format &format) override;
+    int write(UnifOutput &output, const std::byte *bytes, std::size_t count) override;
+    int term(UnifOutput &output, bool failed) override;
+    const void *owner() const override { return module_.head(); }
+
+  private:
+    int check_existing(const UnifOutput &output, int data_type);
+    int make_headed(const UnifOutput &output, mod_element element);
+    int init_headed(const UnifOutput &output, const _unif_format &format);
+    int check_headless(const UnifOutput &output, std::uint64_t bytes) const;
+    int init_headless(const UnifOutput &output, const _unif_format &format);
+    int whole_or_complain(const UnifOutput &output) const;
+    int put_in_box(const UnifOutput &output, const std::byte *bytes, std::size_t count);
+    int put_plain(const UnifOutput &output, const std::byte *bytes, std::size_t count);
+    int clear_all(const UnifOutput &output);
+
+    result_module module_;
+    unified_box box_; // where it goes, in the module
+    std::size_t element_ = 0;
+    std::uint64_t position_ = 0; // bytes of the box that have come
+    bool cleared_ = false;
 };
-
-module_state &state_of(UnifOutput &output) {
-    return *static_cast<module_state *>(output.specific.get());
-}
-
-int module_type_for(int data_type) {
-    return data_type == el_long     ? MOD_U_INT32
-           : data_type == el_float  ? MOD_FLOAT
-           : data_type == el_double ? MOD_DOUBLE
-                                    : 0;
-}
 
 // The end of the box along one axis, or nothing that fits an int.
 bool end_of(int start, int count, int &end) {
@@ -51,11 +57,12 @@ int refuse(int error) {
     return -1;
 }
 
-int check_existing(const UnifOutput &output, void *head, const unified_box &b, int data_type) {
+int module_destination::check_existing(const UnifOutput &output, int data_type) {
+    const unified_box &b = box_;
     const char *name = output.modulename.c_str();
-    module_view view;
-    if (mod_look(output.cn, name, head, view) != 0)
-        return refuse(datamod_is_whole(head) ? EINVAL : ENXIO);
+    if (module_.look(output.cn) != 0)
+        return refuse(datamod_is_whole(module_.head()) ? EINVAL : ENXIO);
+    const module_view &view = module_.view();
     if (view.data_type != data_type) {
         sv_printf(output.cn, "! Error, module '%s' exists but is wrong data type %d not %d\n", name,
                   view.data_type, data_type);
@@ -71,31 +78,20 @@ int check_existing(const UnifOutput &output, void *head, const unified_box &b, i
     return 0;
 }
 
-int make_headed(UnifOutput &output, const unified_box &b, int data_type) {
-    const char *name = output.modulename.c_str();
-    const int data_float = data_type == MOD_DOUBLE ? 2 : data_type == MOD_FLOAT ? 1 : 0;
-    void *head = nullptr;
-    const int x = b.x + b.dx;
-    const int y = b.y + b.dy;
+int module_destination::make_headed(const UnifOutput &output, mod_element element) {
+    const unified_box &b = box_;
     const bool flat = b.dt == 1 && !output.start_t_given;
-    if (flat)
-        app_mkmod_head(output.cn, name, x, y, "X", "Y", data_float, &head);
-    else
-        app_mkmod3d(output.cn, name, x, y, b.t + b.dt, "X", "Y", "T", nullptr, data_float, &head);
-    module_state &state = state_of(output);
-    state.link = module_link::adopt(head);
-    state.made = unwritten_module(name, head);
-    return head != nullptr ? 0 : -1;
+    const module_plan plan{element, b.x + b.dx, b.y + b.dy, flat ? 1 : b.t + b.dt, !flat};
+    return module_.make(output.cn, output.modulename.c_str(), plan);
 }
 
-int init_headed(UnifOutput &output, const _unif_format &format) {
-    const int data_type = module_type_for(format.data_type);
-    if (data_type == 0) {
+int module_destination::init_headed(const UnifOutput &output, const _unif_format &format) {
+    const auto element = mod_element_of_handle_type(format.data_type);
+    if (!element) {
         sv_printf(output.cn, "! A headed module holds long, float or double data, not %s\n",
                   element_names[format.data_type]);
         return refuse(EINVAL);
     }
-    module_state &state = state_of(output);
     int end = 0;
     if (!end_of(output.start_x, format.nx, end) || !end_of(output.start_y, format.ny, end) ||
         !end_of(output.start_t, format.nt, end)) {
@@ -103,11 +99,10 @@ int init_headed(UnifOutput &output, const _unif_format &format) {
                   output.start_y, output.start_t, output.modulename.c_str());
         return refuse(EINVAL);
     }
-    state.box = {output.start_x, output.start_y, output.start_t, format.nx, format.ny, format.nt};
-    state.link = module_link(output.modulename.c_str());
-    if (state.link)
-        return check_existing(output, state.link.head(), state.box, data_type);
-    return make_headed(output, state.box, data_type);
+    box_ = {output.start_x, output.start_y, output.start_t, format.nx, format.ny, format.nt};
+    if (module_.find(output.modulename.c_str()))
+        return check_existing(output, mod_code_of(*element));
+    return make_headed(output, *element);
 }
 
 // A header as the server makes them: plain numbers hardly ever look like one.
@@ -121,7 +116,8 @@ bool has_header(void *head) {
 }
 
 // Another program that has the module mapped would lose its header, or meet data beyond the end.
-int check_headless(const UnifOutput &output, void *head, std::uint64_t bytes) {
+int module_destination::check_headless(const UnifOutput &output, std::uint64_t bytes) const {
+    void *const head = module_.head();
     const char *name = output.modulename.c_str();
     if (has_header(head)) {
         sv_printf(output.cn, "! ERROR: module '%s' has a header\n", name);
@@ -136,7 +132,7 @@ int check_headless(const UnifOutput &output, void *head, std::uint64_t bytes) {
     return 0;
 }
 
-int init_headless(UnifOutput &output, const _unif_format &format) {
+int module_destination::init_headless(const UnifOutput &output, const _unif_format &format) {
     const std::uint64_t elements =
         static_cast<std::uint64_t>(format.nx) * static_cast<std::uint64_t>(format.ny);
     std::uint64_t bytes = 0;
@@ -148,30 +144,24 @@ int init_headless(UnifOutput &output, const _unif_format &format) {
         sv_printf(output.cn, "! ERROR: module '%s' would be too large\n", name);
         return refuse(EFBIG);
     }
-    module_state &state = state_of(output);
-    state.link = module_link(name);
-    if (!state.link) {
-        state.link = module_link::adopt(app_mkmod_nohead(output.cn, name, static_cast<int>((bytes + 3) / 4)));
-        state.made = unwritten_module(name, state.link.head());
-    }
-    return state.link ? check_headless(output, state.link.head(), bytes) : -1;
+    if (!module_.find(name) && module_.make_plain(output.cn, name, static_cast<int>((bytes + 3) / 4)) != 0)
+        return -1;
+    return check_headless(output, bytes);
 }
 
-int module_init(UnifOutput &output, const _unif_format &format) {
-    auto state = std::make_shared<module_state>();
-    state->element = static_cast<std::size_t>(format.size);
-    output.specific = std::move(state);
+int module_destination::init(UnifOutput &output, const _unif_format &format) {
+    element_ = static_cast<std::size_t>(format.size);
     const int result = output.mod_header ? init_headed(output, format) : init_headless(output, format);
     if (result != 0) {
         const int error = errno;
-        output.specific.reset();
+        module_.reset();
         errno = error;
     }
     return result;
 }
 
-int whole_or_complain(const UnifOutput &output, const void *head) {
-    if (datamod_is_whole(head))
+int module_destination::whole_or_complain(const UnifOutput &output) const {
+    if (datamod_is_whole(module_.head()))
         return 0;
     sv_printf(output.cn, "! ERROR: module '%s' was cut short by another process\n",
               output.modulename.c_str());
@@ -179,21 +169,20 @@ int whole_or_complain(const UnifOutput &output, const void *head) {
 }
 
 // Row by row into the place of the box; a piece may begin and end anywhere in a row.
-int put_in_box(UnifOutput &output, const std::byte *bytes, std::size_t count) {
-    module_state &state = state_of(output);
-    const unified_box &b = state.box;
+int module_destination::put_in_box(const UnifOutput &output, const std::byte *bytes, std::size_t count) {
+    const unified_box &b = box_;
     module_view view;
-    if (mod_look(output.cn, output.modulename.c_str(), state.link.head(), view) != 0)
+    if (mod_look(output.cn, output.modulename.c_str(), module_.head(), view) != 0)
         return -1;
-    if (view.element_size != state.element || !box_fits(view, b, view.data_type)) {
+    if (view.element_size != element_ || !box_fits(view, b, view.data_type)) {
         sv_printf(output.cn, "! ERROR: module '%s' was changed by another process\n",
                   output.modulename.c_str());
         return -1;
     }
-    const std::uint64_t row_bytes = static_cast<std::uint64_t>(b.dx) * state.element;
+    const std::uint64_t row_bytes = static_cast<std::uint64_t>(b.dx) * element_;
     while (count > 0) {
-        const std::uint64_t row = state.position / row_bytes;
-        const std::uint64_t skip = state.position % row_bytes;
+        const std::uint64_t row = position_ / row_bytes;
+        const std::uint64_t skip = position_ % row_bytes;
         const auto take = static_cast<std::size_t>(std::min<std::uint64_t>(count, row_bytes - skip));
         const int y = static_cast<int>(row % static_cast<std::uint64_t>(b.dy));
         const int t = static_cast<int>(row / static_cast<std::uint64_t>(b.dy));
@@ -202,25 +191,24 @@ int put_in_box(UnifOutput &output, const std::byte *bytes, std::size_t count) {
         std::memcpy(view.at(b.x, b.y + y, b.t + t) + skip, bytes, take);
         bytes += take;
         count -= take;
-        state.position += take;
+        position_ += take;
     }
     return 0;
 }
 
-int put_plain(UnifOutput &output, const std::byte *bytes, std::size_t count) {
-    module_state &state = state_of(output);
-    void *head = state.link.head();
+int module_destination::put_plain(const UnifOutput &output, const std::byte *bytes, std::size_t count) {
+    void *head = module_.head();
     const auto capacity = static_cast<std::uint64_t>(datamod_mod_size(head));
-    if (whole_or_complain(output, head) != 0 || count > capacity - std::min(capacity, state.position))
+    if (whole_or_complain(output) != 0 || count > capacity - std::min(capacity, position_))
         return -1;
-    std::memcpy(static_cast<std::byte *>(head) + state.position, bytes, count);
-    state.position += count;
+    std::memcpy(static_cast<std::byte *>(head) + position_, bytes, count);
+    position_ += count;
     return 0;
 }
 
-int clear_all(UnifOutput &output) {
-    void *head = state_of(output).link.head();
-    if (whole_or_complain(output, head) != 0)
+int module_destination::clear_all(const UnifOutput &output) {
+    void *head = module_.head();
+    if (whole_or_complain(output) != 0)
         return -1;
     if (output.mod_header)
         return clear_mod(head);
@@ -229,36 +217,26 @@ int clear_all(UnifOutput &output) {
 }
 
 // Cleared only now: the data may have been read from this very module, and a failed read clears nothing.
-int module_write(UnifOutput &output, const void *bytes, std::size_t count) {
-    module_state &state = state_of(output);
-    if (output.clear_first && !state.cleared && clear_all(output) != 0)
+int module_destination::write(UnifOutput &output, const std::byte *bytes, std::size_t count) {
+    if (output.clear_first && !cleared_ && clear_all(output) != 0)
         return -1;
-    state.cleared = true;
-    const auto *at = static_cast<const std::byte *>(bytes);
-    return output.mod_header ? put_in_box(output, at, count) : put_plain(output, at, count);
+    cleared_ = true;
+    return output.mod_header ? put_in_box(output, bytes, count) : put_plain(output, bytes, count);
 }
 
 // One that this read made stays with all of the data in it only.
-int module_term(UnifOutput &output, bool failed) {
+int module_destination::term(UnifOutput &, bool failed) {
     if (!failed)
-        state_of(output).made.keep();
-    output.specific.reset();
+        module_.keep();
+    module_.reset();
     return 0;
 }
 
 } // namespace
 
-const void *output_owner(const UnifOutput &output) {
-    if (output.to != output_to::module || !output.specific)
-        return nullptr;
-    return static_cast<const module_state *>(output.specific.get())->link.head();
-}
-
 void module_setup_output(UnifOutput &output) {
     output.to = output_to::module;
-    output.init = module_init;
-    output.write = module_write;
-    output.term = module_term;
+    output.destination = std::make_unique<module_destination>();
 }
 
 } // namespace kestrel

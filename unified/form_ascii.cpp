@@ -13,54 +13,57 @@ namespace {
 
 constexpr std::size_t text_block = 64 * 1024; // handed to the destination in pieces of about this
 
-struct row_state {
-    std::size_t column = 0; // of the next element
-    std::vector<char> text;
+class ascii_form final : public form_worker {
+  public:
+    int start(const _unif_format &format, const unified_box &box) override;
+    int write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) override;
+
+  private:
+    template <int Radix, class T>
+    int write_rows(const _unif_format &format, const std::byte *buffer, std::size_t count);
+
+    std::size_t column_ = 0; // of the next element
+    std::vector<char> text_;
 };
 
-int ascii_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    form_start(format, box, data_type, output);
-    auto state = std::make_shared<row_state>();
-    state->text.resize(text_block + element_text_max + 1);
-    format.specific = std::move(state);
+int ascii_form::start(const _unif_format &, const unified_box &) {
+    text_.resize(text_block + element_text_max + 1);
     return 0;
 }
 
 template <int Radix, class T>
-int write_rows(_unif_format &format, const std::byte *buffer, std::size_t count) {
-    auto &state = *static_cast<row_state *>(format.specific.get());
+int ascii_form::write_rows(const _unif_format &format, const std::byte *buffer, std::size_t count) {
     const auto width = static_cast<std::size_t>(format.nx);
-    char *const begin = state.text.data();
+    char *const begin = text_.data();
     char *const full = begin + text_block;
     char *out = begin;
     UnifOutput &output = *format.output;
+    std::size_t column = column_;
     for (std::size_t i = 0; i < count;) {
-        const std::size_t end = std::min(count, i + width - state.column);
-        state.column += end - i;
+        const std::size_t end = std::min(count, i + width - column);
+        column += end - i;
         for (; i < end; ++i) {
             out = put_element<Radix>(out, load_element<T>(buffer, i));
             if (out >= full) {
-                if (output.write(output, begin, static_cast<std::size_t>(out - begin)) != 0)
+                if (output.write(begin, static_cast<std::size_t>(out - begin)) != 0)
                     return -1;
                 out = begin;
             }
         }
-        if (state.column == width) {
+        if (column == width) {
             *out++ = '\n';
-            state.column = 0;
+            column = 0;
         }
     }
-    return out == begin ? 0 : output.write(output, begin, static_cast<std::size_t>(out - begin));
+    column_ = column;
+    return out == begin ? 0 : output.write(begin, static_cast<std::size_t>(out - begin));
 }
 
-int ascii_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) {
-    const auto count =
-        static_cast<std::size_t>(dx) * static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
+int ascii_form::write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) {
     int result = -1;
     const bool known = with_radix(sv_get_radix(format.output->cn), [&](auto radix) {
         with_element_type(format.data_type, [&](auto element) {
-            result = write_rows<radix.value, decltype(element)>(
-                format, static_cast<const std::byte *>(buffer), count);
+            result = write_rows<radix.value, decltype(element)>(format, elements, form_elements(dx, dy, dt));
         });
     });
     if (!known)
@@ -72,11 +75,9 @@ int ascii_write(_unif_format &format, const void *buffer, int dx, int dy, int dt
 
 void ascii_setup_format(_unif_format &format) {
     format.type = form_type::ascii;
-    format.startfn = ascii_start;
-    format.stopfn = form_stop_nothing;
-    format.writefn = ascii_write;
     format.swapping = swap_never;
     format.max_dimension = 3;
+    format.worker = std::make_unique<ascii_form>();
 }
 
 } // namespace kestrel

@@ -12,59 +12,69 @@ namespace {
 
 constexpr std::size_t text_block = 64 * 1024;
 
-struct column_state {
-    column_angles angles;
-    std::uint32_t next = 0; // index along x of the next line
-    std::vector<char> text;
+class columns_form final : public form_worker {
+  public:
+    explicit columns_form(const column_angles &angles) : angles_(angles) {}
+
+    int start(const _unif_format &format, const unified_box &box) override;
+    int write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) override;
+
+  private:
+    char *put_angle(char *out) const;
+    template <int Radix, class T>
+    int write_lines(const _unif_format &format, const std::byte *buffer, std::size_t width,
+                    std::size_t columns);
+
+    column_angles angles_;
+    std::uint32_t next_ = 0; // index along x of the next line
+    std::vector<char> text_;
 };
 
-int col_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    form_start(format, box, data_type, output);
-    auto &state = *static_cast<column_state *>(format.specific.get());
-    state.next = 0;
-    state.text.resize(text_block + 2 * element_text_max);
+int columns_form::start(const _unif_format &, const unified_box &) {
+    next_ = 0;
+    text_.resize(text_block + 2 * element_text_max);
     return 0;
 }
 
-char *put_angle(char *out, const column_state &state) {
-    if (!state.angles.given) {
-        out = put_decimal(out, state.next);
+char *columns_form::put_angle(char *out) const {
+    if (!angles_.given) {
+        out = put_decimal(out, next_);
         *out++ = ' ';
         return out;
     }
-    out = put_g8(out, state.angles.start + state.next * state.angles.step);
+    out = put_g8(out, angles_.start + next_ * angles_.step);
     *out++ = ' ';
     return out;
 }
 
 template <int Radix, class T>
-int write_lines(_unif_format &format, const std::byte *buffer, std::size_t width, std::size_t columns) {
-    auto &state = *static_cast<column_state *>(format.specific.get());
-    char *const begin = state.text.data();
+int columns_form::write_lines(const _unif_format &format, const std::byte *buffer, std::size_t width,
+                              std::size_t columns) {
+    char *const begin = text_.data();
     char *out = begin;
     UnifOutput &output = *format.output;
-    for (std::size_t i = 0; i < width; ++i, ++state.next) {
-        out = put_angle(out, state);
+    for (std::size_t i = 0; i < width; ++i, ++next_) {
+        out = put_angle(out);
         for (std::size_t column = 0; column < columns; ++column) {
             out = put_element<Radix>(out, load_element<T>(buffer, column * width + i));
             if (out < begin + text_block)
                 continue;
-            if (output.write(output, begin, static_cast<std::size_t>(out - begin)) != 0)
+            if (output.write(begin, static_cast<std::size_t>(out - begin)) != 0)
                 return -1;
             out = begin;
         }
         *out++ = '\n';
     }
-    return out == begin ? 0 : output.write(output, begin, static_cast<std::size_t>(out - begin));
+    return out == begin ? 0 : output.write(begin, static_cast<std::size_t>(out - begin));
 }
 
-int col_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) {
+int columns_form::write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) {
     const auto columns = static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
     int result = -1;
     const bool known = with_radix(sv_get_radix(format.output->cn), [&](auto radix) {
         with_element_type(format.data_type, [&](auto element) {
-            result = write_lines<radix.value, decltype(element)>(
-                format, static_cast<const std::byte *>(buffer), static_cast<std::size_t>(dx), columns);
+            result = write_lines<radix.value, decltype(element)>(format, elements,
+                                                                 static_cast<std::size_t>(dx), columns);
         });
     });
     if (!known)
@@ -76,15 +86,10 @@ int col_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) 
 
 void ascii_col_setup_format(_unif_format &format, const column_angles &angles) {
     format.type = form_type::ascii_col;
-    format.startfn = col_start;
-    format.stopfn = form_stop_nothing;
-    format.writefn = col_write;
     format.swapping = swap_never;
     format.max_dimension = 3;
     format.transpose_read = 1;
-    auto state = std::make_shared<column_state>();
-    state->angles = angles;
-    format.specific = std::move(state);
+    format.worker = std::make_unique<columns_form>(angles);
 }
 
 } // namespace kestrel

@@ -3,41 +3,33 @@
 
 namespace kestrel {
 
-void form_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    format.nx = box.dx;
-    format.ny = box.dy;
-    format.nt = box.dt;
-    format.data_type = data_type;
-    format.size = element_size(data_type);
-    format.output = &output;
-}
-
-int form_stop_nothing(_unif_format &, bool) {
-    return 0;
+int _unif_format::startfn(const unified_box &box, int type_written, UnifOutput &destination) {
+    nx = box.dx;
+    ny = box.dy;
+    nt = box.dt;
+    data_type = type_written;
+    size = element_size(type_written);
+    output = &destination;
+    return worker->start(*this, box);
 }
 
 namespace {
 
-int bytes_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    form_start(format, box, data_type, output);
-    return 0;
-}
-
-int bytes_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) {
-    const auto count =
-        static_cast<std::size_t>(dx) * static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
-    return format.output->write(*format.output, buffer, count * static_cast<std::size_t>(format.size));
-}
+class bytes_form final : public form_worker {
+  public:
+    int write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) override {
+        return format.output->write(elements,
+                                    form_elements(dx, dy, dt) * static_cast<std::size_t>(format.size));
+    }
+};
 
 void bytes_setup(_unif_format &format, form_type type, int required) {
     format.type = type;
-    format.startfn = bytes_start;
-    format.stopfn = form_stop_nothing;
-    format.writefn = bytes_write;
     format.needs_conversion = required != el_none;
     format.data_type_required = required;
     format.swapping = swap_requested;
     format.max_dimension = 3;
+    format.worker = std::make_unique<bytes_form>();
 }
 
 } // namespace

@@ -13,12 +13,20 @@ namespace {
 constexpr const char *det_file = ".utemp.det";
 constexpr const char *det_title = "DET file produced by Unified read system.";
 
-struct det_state {
-    unified_details details = nullptr;
-    int path = 0;
-    tessera_writer file;
-    std::size_t line_bytes = 0;
-    line_assembler assembler{1};
+class det_form final : public form_worker {
+  public:
+    det_form(unified_details details, int path) : details_(details), path_(path) {}
+
+    int start(const _unif_format &format, const unified_box &box) override;
+    int write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) override;
+    int stop(const _unif_format &format, bool failed) override;
+
+  private:
+    unified_details details_;
+    int path_;
+    tessera_writer file_;
+    std::size_t line_bytes_ = 0;
+    line_assembler assembler_{1};
 };
 
 bool file_type_for(int data_type, tessera_type &type) {
@@ -36,76 +44,64 @@ tessera_shape shape_for(const unified_box &box) {
     return {box.dx, box.dy, box.dt};
 }
 
-int det_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    form_start(format, box, data_type, output);
-    auto &state = *static_cast<det_state *>(format.specific.get());
+int det_form::start(const _unif_format &format, const unified_box &box) {
     tessera_type type;
-    if (!file_type_for(data_type, type)) {
+    if (!file_type_for(format.data_type, type)) {
         sv_printf(
-            output.cn,
+            format.output->cn,
             "! DET files may only contain 16-bit [u]int, 32-bit or 64-bit floating point information.\n");
         return -1;
     }
     tessera_details details;
-    if (state.details != nullptr)
-        state.details(state.path, &details);
+    if (details_ != nullptr)
+        details_(path_, &details);
     const tessera_shape shape = shape_for(box);
-    state.line_bytes = static_cast<std::size_t>(shape.nx) * static_cast<std::size_t>(format.size);
-    state.assembler = line_assembler(state.line_bytes);
+    line_bytes_ = static_cast<std::size_t>(shape.nx) * static_cast<std::size_t>(format.size);
+    assembler_ = line_assembler(line_bytes_);
     ::unlink(det_file);
-    if (!state.file.open(det_file, type, shape, det_title, details)) {
-        state.file.close();
+    if (!file_.open(det_file, type, shape, det_title, details)) {
+        file_.close();
         ::unlink(det_file);
-        sv_printf(output.cn, "! Cannot open dummy DET file for output.\n");
+        sv_printf(format.output->cn, "! Cannot open dummy DET file for output.\n");
         return -1;
     }
     return 0;
 }
 
-int det_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) {
-    auto &state = *static_cast<det_state *>(format.specific.get());
-    const auto count =
-        static_cast<std::size_t>(dx) * static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
-    const auto width = state.line_bytes / static_cast<std::size_t>(format.size);
-    const bool done = state.assembler.add(
-        static_cast<const std::byte *>(buffer), count * static_cast<std::size_t>(format.size),
-        [&](const std::byte *lines, std::size_t n) { return state.file.write(lines, n * width); });
+int det_form::write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) {
+    const auto size = static_cast<std::size_t>(format.size);
+    const auto width = line_bytes_ / size;
+    const bool done =
+        assembler_.add(elements, form_elements(dx, dy, dt) * size,
+                       [&](const std::byte *lines, std::size_t n) { return file_.write(lines, n * width); });
     if (!done)
         sv_printf(format.output->cn, "! Failed when writing the temporary file %s.\n", det_file);
     return done ? 0 : -1;
 }
 
-int det_stop(_unif_format &format, bool failed) {
-    auto &state = *static_cast<det_state *>(format.specific.get());
-    const bool whole = state.file.lines_written() == state.file.lines_total();
-    const bool closed = state.file.close();
+int det_form::stop(const _unif_format &format, bool failed) {
+    const bool whole = file_.lines_written() == file_.lines_total();
+    const bool closed = file_.close();
     if (failed || !whole || !closed) {
         if (!failed)
             sv_printf(format.output->cn, "! Failed when writing the temporary file %s.\n", det_file);
         ::unlink(det_file);
         return -1;
     }
-    return send_file(*format.output, det_file, "! Failed to re-read temporary file %s.\n",
-                     "! Failed when writing DET to output.\n");
+    return send_file(*format.output, det_file, "DET");
 }
 
 } // namespace
 
 void det_setup_format(_unif_format &format, int source_type, unified_details details, int path) {
     format.type = form_type::det;
-    format.startfn = det_start;
-    format.stopfn = det_stop;
-    format.writefn = det_write;
     format.needs_conversion = 1;
     format.data_type_required = source_type == el_double  ? el_double
                                 : source_type == el_short ? el_short
                                                           : el_float;
     format.swapping = swap_own;
     format.max_dimension = 3;
-    auto state = std::make_shared<det_state>();
-    state->details = details;
-    state->path = path;
-    format.specific = std::move(state);
+    format.worker = std::make_unique<det_form>(details, path);
 }
 
 } // namespace kestrel

@@ -14,18 +14,30 @@ namespace kestrel {
 namespace {
 
 constexpr const char *gel_file = ".utemp.gel";
-constexpr const char *programming_error = "! Programming error in SERVER/unifgel.c at line %d.\n";
+
+// More scan lines than the image has, and fewer. The numbers belong to texts that users know; they name no
+// line of this file.
+constexpr const char *too_many_lines = "! Programming error in SERVER/unifgel.c at line 173.\n";
+constexpr const char *too_few_lines = "! Programming error in SERVER/unifgel.c at line 110.\n";
 
 struct tiff_closer {
     void operator()(TIFF *tiff) const { TIFFClose(tiff); }
 };
 
-struct gel_state {
-    std::unique_ptr<TIFF, tiff_closer> tiff;
-    std::uint32_t width = 0; // samples of a scan line
-    std::uint32_t lines = 0;
-    std::uint32_t written = 0;
-    line_assembler assembler{1};
+class gel_form final : public form_worker {
+  public:
+    int start(const _unif_format &format, const unified_box &box) override;
+    int write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) override;
+    int stop(const _unif_format &format, bool failed) override;
+
+  private:
+    bool write_line(int cn, const std::byte *line);
+
+    std::unique_ptr<TIFF, tiff_closer> tiff_;
+    std::uint32_t width_ = 0; // samples of a scan line
+    std::uint32_t lines_ = 0;
+    std::uint32_t written_ = 0;
+    line_assembler assembler_{1};
 };
 
 // The library does not know the scanners' own tags until it is told.
@@ -62,114 +74,103 @@ void set_tags(TIFF *tiff, std::uint32_t width, std::uint32_t lines) {
     TIFFSetField(tiff, TIFFTAG_MD_SCALEPIXEL, 1.0);
 }
 
-int gel_start(_unif_format &format, const unified_box &box, int data_type, UnifOutput &output) {
-    form_start(format, box, data_type, output);
-    if (element_size(data_type) != 2) {
+int gel_form::start(const _unif_format &format, const unified_box &box) {
+    const UnifOutput &output = *format.output;
+    if (format.size != 2) {
         sv_printf(output.cn, "! Unified library cannot supply 16-bit sized information.\n");
         return -1;
     }
-    auto state = std::make_shared<gel_state>();
-    state->width = static_cast<std::uint32_t>(box.dx == 1 ? box.dy : box.dx);
-    state->lines = static_cast<std::uint32_t>(box.dx == 1 || box.dy == 1 ? box.dt : box.dy);
-    state->assembler = line_assembler(static_cast<std::size_t>(state->width) * 2);
+    width_ = static_cast<std::uint32_t>(box.dx == 1 ? box.dy : box.dx);
+    lines_ = static_cast<std::uint32_t>(box.dx == 1 || box.dy == 1 ? box.dt : box.dy);
+    assembler_ = line_assembler(static_cast<std::size_t>(width_) * 2);
     ::unlink(gel_file);
     TIFFSetErrorHandler(nullptr); // the session gets lines of its own
     TIFFSetWarningHandler(nullptr);
-    state->tiff.reset(TIFFOpen(gel_file, "w"));
-    if (!state->tiff) {
+    tiff_.reset(TIFFOpen(gel_file, "w"));
+    if (!tiff_) {
         sv_printf(output.cn, "! Cannot open temporary TIFF file for output.\n");
         return -1;
     }
-    set_tags(state->tiff.get(), state->width, state->lines);
-    format.specific = std::move(state);
+    set_tags(tiff_.get(), width_, lines_);
     return 0;
 }
 
-bool write_line(gel_state &state, int cn, const std::byte *line) {
-    if (state.written >= state.lines) {
-        sv_printf(cn, programming_error, 173);
-        sv_printf(cn, "! Scan lines in the image: %d  Scan lines written: %d.\n",
-                  static_cast<int>(state.lines), static_cast<int>(state.written) + 1);
+bool gel_form::write_line(int cn, const std::byte *line) {
+    if (written_ >= lines_) {
+        sv_print(cn, too_many_lines);
+        sv_printf(cn, "! Scan lines in the image: %d  Scan lines written: %d.\n", static_cast<int>(lines_),
+                  static_cast<int>(written_) + 1);
         return false;
     }
     // The library may swap the bytes of what it is given only where the file's order is not the machine's,
     // which it is here: the buffer stays as it is.
-    if (TIFFWriteScanline(state.tiff.get(), const_cast<std::byte *>(line), state.written, 0) < 0) {
-        sv_printf(cn, "! TIFFWriteScanline failed on line %d.\n", static_cast<int>(state.written));
+    if (TIFFWriteScanline(tiff_.get(), const_cast<std::byte *>(line), written_, 0) < 0) {
+        sv_printf(cn, "! TIFFWriteScanline failed on line %d.\n", static_cast<int>(written_));
         return false;
     }
-    ++state.written;
+    ++written_;
     return true;
 }
 
-int gel_write(_unif_format &format, const void *buffer, int dx, int dy, int dt) {
-    auto &state = *static_cast<gel_state *>(format.specific.get());
-    const auto count =
-        static_cast<std::size_t>(dx) * static_cast<std::size_t>(dy) * static_cast<std::size_t>(dt);
-    const auto one_line = static_cast<std::size_t>(state.width) * 2;
-    const bool done = state.assembler.add(
-        static_cast<const std::byte *>(buffer), count * 2, [&](const std::byte *lines, std::size_t n) {
+int gel_form::write(const _unif_format &format, const std::byte *elements, int dx, int dy, int dt) {
+    const auto one_line = static_cast<std::size_t>(width_) * 2;
+    const bool done =
+        assembler_.add(elements, form_elements(dx, dy, dt) * 2, [&](const std::byte *lines, std::size_t n) {
             for (std::size_t i = 0; i < n; ++i)
-                if (!write_line(state, format.output->cn, lines + i * one_line))
+                if (!write_line(format.output->cn, lines + i * one_line))
                     return false;
             return true;
         });
     return done ? 0 : -1;
 }
 
-int gel_stop(_unif_format &format, bool failed) {
-    auto &state = *static_cast<gel_state *>(format.specific.get());
+int gel_form::stop(const _unif_format &format, bool failed) {
     const int cn = format.output->cn;
-    if (!failed && state.written < state.lines) {
-        sv_printf(cn, programming_error, 110);
-        sv_printf(cn, "! Total scan lines: %d  Wrote: %d.\n", static_cast<int>(state.lines),
-                  static_cast<int>(state.written));
+    if (!failed && written_ < lines_) {
+        sv_print(cn, too_few_lines);
+        sv_printf(cn, "! Total scan lines: %d  Wrote: %d.\n", static_cast<int>(lines_),
+                  static_cast<int>(written_));
         failed = true;
     }
-    if (!failed && TIFFFlush(state.tiff.get()) == 0) {
-        sv_printf(cn, "! TIFFWriteScanline failed on line %d.\n", static_cast<int>(state.written));
+    if (!failed && TIFFFlush(tiff_.get()) == 0) {
+        sv_printf(cn, "! TIFFWriteScanline failed on line %d.\n", static_cast<int>(written_));
         failed = true;
     }
-    state.tiff.reset();
+    tiff_.reset();
     if (failed) {
         ::unlink(gel_file);
         return -1;
     }
-    return send_file(*format.output, gel_file, "! Failed to re-read temporary file %s.\n",
-                     "! Failed when writing GEL to output.\n");
+    return send_file(*format.output, gel_file, "GEL");
 }
 
 } // namespace
 
-int send_file(UnifOutput &output, const char *name, const char *reread_error, const char *write_error) {
+int send_file(UnifOutput &output, const char *name, const char *kind) {
     constexpr std::size_t block_size = 4096;
     const unique_fd fd(::open(name, O_RDONLY | O_CLOEXEC));
     std::byte block[block_size];
     ssize_t got = fd ? 1 : -1;
     while (got > 0) {
         got = read_some(fd.get(), block, sizeof block);
-        if (got > 0 && output.write(output, block, static_cast<std::size_t>(got)) != 0) {
-            sv_print(output.cn, write_error);
+        if (got > 0 && output.write(block, static_cast<std::size_t>(got)) != 0) {
+            sv_printf(output.cn, "! Failed when writing %s to output.\n", kind);
             return -1;
         }
     }
     if (got == 0)
         return 0;
-    char line[256];
-    std::snprintf(line, sizeof line, reread_error, name);
-    sv_print(output.cn, line);
+    sv_printf(output.cn, "! Failed to re-read temporary file %s.\n", name);
     return -1;
 }
 
 void gel_setup_format(_unif_format &format) {
     format.type = form_type::gel;
-    format.startfn = gel_start;
-    format.stopfn = gel_stop;
-    format.writefn = gel_write;
     format.needs_conversion = 1;
     format.data_type_required = el_short;
     format.swapping = swap_never;
     format.max_dimension = 2;
+    format.worker = std::make_unique<gel_form>();
 }
 
 } // namespace kestrel

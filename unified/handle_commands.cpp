@@ -43,8 +43,8 @@ int cli_unified_close_all(int, int cn) {
 }
 
 int cli_unified_clear(int, int cn, int handle, int a, int b, int t, int dx, int dy, int dt) {
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr) {
+    const auto entry = unified_info_of(handle);
+    if (!entry) {
         sv_printf(cn, "! Invalid handle passed to unified clear\n");
         return -1;
     }
@@ -64,13 +64,31 @@ int cli_unified_clear(int, int cn, int handle, int a, int b, int t, int dx, int 
     }
 }
 
+// ---- fields
+
+int cli_unified_get_nx(int, int, int handle) {
+    return unified_get_nx(handle);
+}
+int cli_unified_get_ny(int, int, int handle) {
+    return unified_get_ny(handle);
+}
+int cli_unified_get_nt(int, int, int handle) {
+    return unified_get_nt(handle);
+}
+int cli_unified_get_type(int, int, int handle) {
+    return unified_get_type(handle);
+}
+int cli_unified_get_bsize(int, int, int handle) {
+    return unified_get_bsize(handle);
+}
+
 // ---- corrections
 
 enum correction_qualifier : int { q_mult1d, q_div1d, q_poly1d, q_chebyshev1d };
 
 // The module must have a value (or a coefficient of each order) for every point of the handle.
 int check_correction(int cn, const char *name, const module_view &view, int frame,
-                     const _unif_open_tbl &entry) {
+                     const unified_info &entry) {
     if (view.num_x < entry.nx) {
         sv_printf(cn, "! ERROR: correction module '%s' is %d wide, the handle needs %d\n", name, view.num_x,
                   entry.nx);
@@ -86,14 +104,14 @@ int check_correction(int cn, const char *name, const module_view &view, int fram
 
 // Without a module: no correction any more.
 int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int frame) {
-    const _unif_open_tbl *entry = unified_entry(handle);
-    if (entry == nullptr) {
+    const auto entry = unified_info_of(handle);
+    if (!entry) {
         sv_printf(cn, "! Invalid handle %d\n", handle);
         return -1;
     }
     const auto kinds = static_cast<unsigned>(quals) & 0xF;
     if (name == nullptr && kinds == 0)
-        return unified_set_corr_module(cn, handle, corr_none, nullptr, 0, 0, 1.0);
+        return unified_set_corr_module(cn, handle, corr_none, {}, 0, 0, 1.0);
     if (name == nullptr || std::popcount(kinds) != 1) {
         sv_printf(cn, "! A correction needs a module and one of mult1d, div1d, poly1d, chebyshev1d\n");
         return -1;
@@ -110,7 +128,7 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
     const int type = corr_mult1d + kind;
     const int order = kind == q_poly1d || kind == q_chebyshev1d ? view.num_y - 1 : 0;
     const double scale = kind == q_chebyshev1d ? Qualifier[q_chebyshev1d].DoubleArg : 1.0;
-    return unified_set_corr_module(cn, handle, type, link.release(), frame, order, scale);
+    return unified_set_corr_module(cn, handle, type, std::move(link), frame, order, scale);
 }
 
 int cli_unif_set_dtc_mod(int, int cn, const char *name) {
@@ -130,15 +148,15 @@ constinit const PARSE_TREE row_clear =
     pt_command<cli_unified_clear>("clear", "%d + %d %d %d %d %d %d = %d", "unified clear command",
                                   "handle/First tf or X/Num Tf or y/t/dx/dy/dt");
 constinit const PARSE_TREE row_unif_get_nx =
-    pt_command<unified_get_nx>("unif-get-nx", "%d = %d", "Unified get image width", "handle");
+    pt_command<cli_unified_get_nx>("unif-get-nx", "%d = %d", "Unified get image width", "handle");
 constinit const PARSE_TREE row_unif_get_ny =
-    pt_command<unified_get_ny>("unif-get-ny", "%d = %d", "Unified get image height", "handle");
+    pt_command<cli_unified_get_ny>("unif-get-ny", "%d = %d", "Unified get image height", "handle");
 constinit const PARSE_TREE row_unif_get_nt =
-    pt_command<unified_get_nt>("unif-get-nt", "%d = %d", "Unified get number of tfs", "handle");
+    pt_command<cli_unified_get_nt>("unif-get-nt", "%d = %d", "Unified get number of tfs", "handle");
 constinit const PARSE_TREE row_unif_get_type =
-    pt_command<unified_get_type>("unif-get-type", "%d = %d", "Unified get data type", "handle");
+    pt_command<cli_unified_get_type>("unif-get-type", "%d = %d", "Unified get data type", "handle");
 constinit const PARSE_TREE row_unif_get_bsize =
-    pt_command<unified_get_bsize>("unif-get-bsize", "%d = %d", "Unified get element byte size", "handle");
+    pt_command<cli_unified_get_bsize>("unif-get-bsize", "%d = %d", "Unified get element byte size", "handle");
 constinit const PARSE_TREE row_close =
     pt_command<cli_unified_close>("close", "%d = %d", "Close unified path", "handle");
 constinit const PARSE_TREE row_close_all =

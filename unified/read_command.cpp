@@ -163,7 +163,7 @@ void module_form(_unif_format &format, int source_type) {
         raw_setup_format(format);
 }
 
-void set_form(_unif_format &format, const asked &a, const _unif_open_tbl &entry) {
+void set_form(_unif_format &format, const asked &a, const unified_info &entry) {
     if (a.has(q_raw))
         return raw_setup_format(format);
     if (a.has(q_long))
@@ -226,8 +226,8 @@ int cli_unified_read(int quals, int cn, int x, int y, int t, int dx, int dy, int
         return refuse(cn, "'from device-handle' is required in the read command");
     read_request request;
     request.handle = number(q_from);
-    const _unif_open_tbl *entry = unified_entry(request.handle);
-    if (entry == nullptr)
+    const auto entry = unified_info_of(request.handle);
+    if (!entry)
         return refuse(cn, "device-handle is required invalid or stale in the read command");
     const bool other_order = machine_is_intel ? a.has(q_motorola) : a.has(q_intel);
     if (check_forms(cn, a) != 0 || check_destination(cn, a, other_order) != 0)
@@ -251,10 +251,9 @@ int cli_unified_read(int quals, int cn, int x, int y, int t, int dx, int dy, int
     request.scale = scaling_asked(a);
     request.dead_time = a.has(q_dtc);
     request.swap_bytes = format.swapping == swap_requested && other_order ? 1 : 0;
-    const bool prescan = entry->source.iminmax != nullptr || entry->source.dminmax != nullptr;
     const bool convert = format.needs_conversion != 0 && format.data_type_required != entry->data_type;
     sv_printf(cn, "# Scaling: %s. Able to prescan min/max: %s. do_convert=%d, swap_bytes=%d\n",
-              request.scale.active ? "yes" : "no", prescan ? "yes" : "no", convert ? 1 : 0,
+              request.scale.active ? "yes" : "no", entry->knows_range ? "yes" : "no", convert ? 1 : 0,
               request.swap_bytes);
     return run_read(cn, request, format, output);
 }

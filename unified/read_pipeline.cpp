@@ -101,7 +101,7 @@ class reading {
   public:
     reading(int cn, const read_request &request, _unif_format &format, UnifOutput &output)
         : cn_(cn), request_(request), format_(format), output_(output),
-          entry_(*unified_entry(request.handle)) {}
+          source_(unified_info_of(request.handle).value_or(unified_info())) {}
 
     int prepare();
     int run(std::size_t piece_bytes);
@@ -124,7 +124,7 @@ class reading {
     const read_request &request_;
     _unif_format &format_;
     UnifOutput &output_;
-    _unif_open_tbl &entry_;
+    unified_info source_;
     corrector corrector_;
     std::vector<double> row_;                        // a row on its way through the corrections
     std::vector<std::byte> scratch_;                 // a changed block
@@ -140,8 +140,8 @@ class reading {
 };
 
 int reading::prepare() {
-    use_readgel_ = format_.type == form_type::gel && entry_.source.readgel != nullptr;
-    source_type_ = use_readgel_ ? static_cast<int>(el_short) : entry_.data_type;
+    use_readgel_ = format_.type == form_type::gel && source_.reads_gel;
+    source_type_ = use_readgel_ ? static_cast<int>(el_short) : source_.data_type;
     source_size_ = count_of(element_size(source_type_));
     const int to_type = format_.needs_conversion != 0 ? format_.data_type_required : source_type_;
     if (corrector_.prepare(cn_, request_.handle, request_.box, request_.dead_time) != 0)
@@ -152,21 +152,20 @@ int reading::prepare() {
                   "! int48 data can only be scaled or corrected when they become long, float or double\n");
         return -1;
     }
-    if (format_.startfn(format_, request_.box, to_type, output_) < 0) {
+    if (format_.startfn(request_.box, to_type, output_) < 0) {
         sv_printf(cn_, "! Failed when calling the initialization function for this output format.\n");
         return -1;
     }
-    if (entry_.source.file != nullptr)
-        output_.source_fd = entry_.source.file(entry_.path);
-    if (output_.init(output_, format_) < 0) {
+    output_.source_fd = unified_source_file(request_.handle);
+    if (output_.init(format_) < 0) {
         const int error = errno;
-        format_.stopfn(format_, true);
+        format_.stopfn(true);
         sv_printf(cn_, "! Error when opening a file or a module (errno %d).\n", error);
         return -1;
     }
     unchanged_ = source_type_ == to_type && !computed && (request_.swap_bytes == 0 || source_size_ == 1);
     const auto look = use_readgel_ ? std::nullopt : unified_look_at(request_.handle, request_.box);
-    in_place_ = look && (output_owner(output_) == nullptr || look->owner != output_owner(output_));
+    in_place_ = look && (output_.owner() == nullptr || look->owner != output_.owner());
     return 0;
 }
 
@@ -178,7 +177,7 @@ unified_box reading::choose_piece(std::size_t piece_bytes) {
     const unified_box &box = request_.box;
     const bool columns = format_.transpose_read != 0;
     // Source and destination may be one module: then all is read before anything is written.
-    if (!in_place_ && output_owner(output_) != nullptr && entry_.source.place != nullptr)
+    if (!in_place_ && output_.owner() != nullptr && source_.shows_elements)
         piece_bytes = SIZE_MAX;
     for (std::size_t limit = piece_bytes / source_size_;; limit /= 2) {
         const unified_box piece = part_of(box, limit, columns);
@@ -222,7 +221,7 @@ int reading::read_piece(const unified_box &piece) {
     located where;
     if (!locate(piece, piece, where))
         return source_gone();
-    sv_printf(cn_, "# Calling read with path %d, mem 0x%X, (%d,%d,%d), (%d,%d,%d)\n", entry_.path,
+    sv_printf(cn_, "# Calling read with path %d, mem 0x%X, (%d,%d,%d), (%d,%d,%d)\n", source_.path,
               static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(where.first)), piece.x, piece.y, piece.t,
               piece.dx, piece.dy, piece.dt);
     where = {};
@@ -244,8 +243,7 @@ int reading::fill_buffer(const unified_box &b) {
     sv_flush_all(cn_);
     if (!use_readgel_)
         return app_unified_read(cn_, request_.handle, buffer_.get(), b.x, b.y, b.t, b.dx, b.dy, b.dt);
-    const std::lock_guard lock(entry_.mutex);
-    return entry_.source.readgel(entry_.path, buffer_.get(), b.x, b.y, b.t, b.dx, b.dy, b.dt) < 0 ? -1 : 0;
+    return unified_read_gel(request_.handle, buffer_.get(), b);
 }
 
 // ---- blocks
@@ -308,7 +306,7 @@ int reading::write(const std::byte *elements, const unified_box &block) {
         sv_printf(cn_, "! Read interrupted\n");
         return failed("write");
     }
-    if (format_.writefn(format_, elements, block.dx, block.dy, block.dt) != 0)
+    if (format_.writefn(elements, block.dx, block.dy, block.dt) != 0)
         return failed("write");
     done_ += static_cast<long long>(elements_of(block));
     show_progress(false);
@@ -348,12 +346,12 @@ int run_read(int cn, const read_request &request, _unif_format &format, UnifOutp
     try {
         ok = now.run(piece_bytes) == 0;
     } catch (const std::bad_alloc &) { // ends the command above; nothing half made stays
-        format.stopfn(format, true);
-        output.term(output, true);
+        format.stopfn(true);
+        output.term(true);
         throw;
     }
-    ok = format.stopfn(format, !ok) == 0 && ok;
-    ok = output.term(output, !ok) == 0 && ok;
+    ok = format.stopfn(!ok) == 0 && ok;
+    ok = output.term(!ok) == 0 && ok;
     return ok ? 0 : -1;
 }
 

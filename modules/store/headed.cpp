@@ -10,6 +10,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kestrel {
@@ -37,21 +38,16 @@ std::optional<std::size_t> total_size(std::uint64_t front, const sizes &n, std::
     return bytes;
 }
 
-// Creates and links; null with errno set. `made` tells that only the second link failed.
-void *make(const char *name, std::optional<std::size_t> size, bool &made) {
+// Creates and links; empty with errno set. `made` tells that only the second link failed.
+module_link make(const char *name, std::optional<std::size_t> size, bool &made) {
     made = false;
     if (!size) {
         errno = EINVAL;
-        return nullptr;
+        return {};
     }
-    void *created = nullptr;
-    datamod_record *record = nullptr;
-    if (_os_datmod(name, *size, &created, &record) != 0)
-        return nullptr;
-    made = true;
-    const module_link creation = module_link::adopt(created);
-    void *head = nullptr;
-    return _os_link(name, &record, &head) == 0 ? head : nullptr;
+    module_link link = module_link::make(name, *size);
+    made = static_cast<bool>(link);
+    return made && module_link(name) ? std::move(link) : module_link();
 }
 
 void put_label(char (&field)[MOD_LABEL_SIZE], std::string_view text) {
@@ -158,19 +154,19 @@ bool fits_3d(int cn, const char *name, void *head, const sizes &n, int data_type
 
 // ---- new modules
 
-void *create_2d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
-                const module_type &type) {
+module_link create_2d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
+                      mod_element type) {
     bool made = false;
-    void *head = make(name, total_size(sizeof(mod_header), n, type.size), made);
-    if (head == nullptr) {
+    module_link link = make(name, total_size(sizeof(mod_header), n, mod_element_size(type)), made);
+    if (!link) {
         if (made)
             sv_printf(cn, "! Cannot link to module I just made. Why?\n");
         else
             sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", name, errno);
-        return nullptr;
+        return {};
     }
     mod_header header{};
-    header.data_type = type.data_type;
+    header.data_type = mod_code_of(type);
     header.disp_type = MOD_DISP_2D;
     header.num_x = static_cast<std::uint32_t>(magnitude(n.x));
     header.num_y = static_cast<std::uint32_t>(magnitude(n.y));
@@ -179,25 +175,25 @@ void *create_2d(int cn, const char *name, const sizes &n, const char *x_lab, con
     put_label(header.y_label, label_or(y_lab, "Y"));
     put_label(header.z_label, "COUNTS");
     put_label(header.title, name);
-    publish(head, header);
-    return head;
+    publish(link.head(), header);
+    return link;
 }
 
-void *create_3d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
-                const char *t_lab, const label_list &labels, const module_type &type) {
+module_link create_3d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
+                      const char *t_lab, const label_list &labels, mod_element type) {
     bool made = false;
     const bool sane = labels.size <= INT_MAX - sizeof(mod_header3d);
-    void *head =
-        make(name, sane ? total_size(sizeof(mod_header3d) + labels.size, n, type.size) : std::nullopt, made);
-    if (head == nullptr) {
+    const std::size_t front = sizeof(mod_header3d) + labels.size;
+    module_link link = make(name, sane ? total_size(front, n, mod_element_size(type)) : std::nullopt, made);
+    if (!link) {
         if (made)
             sv_printf(cn, "! ERROR: Cannot link to module I just made. Why?\n");
         else
             sv_printf(cn, "! ERROR: Cannot create data module \"%s\", errno = %d.\n", name, errno);
-        return nullptr;
+        return {};
     }
     mod_header3d header{};
-    header.data_type = type.data_type;
+    header.data_type = mod_code_of(type);
     header.disp_type = MOD_DISP_3D;
     header.num_x = static_cast<std::uint32_t>(magnitude(n.x));
     header.num_y = static_cast<std::uint32_t>(magnitude(n.y));
@@ -211,87 +207,79 @@ void *create_3d(int cn, const char *name, const sizes &n, const char *x_lab, con
     header.labels_num = static_cast<std::int32_t>(labels.count);
     header.labels_size = static_cast<std::int32_t>(labels.size);
     header.data_offset = static_cast<std::int32_t>(labels.size + sizeof(mod_header3d));
-    put_labels(static_cast<std::byte *>(head), labels);
-    publish(head, header);
-    return head;
+    put_labels(static_cast<std::byte *>(link.head()), labels);
+    publish(link.head(), header);
+    return link;
 }
 
 } // namespace
 
 MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
-                          const char *y_lab, int data_float, void **mod_head) {
-    const module_type type = module_type_of(data_float);
+                          const char *y_lab, mod_element data_float, module_link &mod_head) {
     const sizes n{num_x, num_y, 1};
     module_link link(name);
     if (!link) {
-        link = module_link::adopt(create_2d(cn, name, n, x_lab, y_lab, type));
+        link = create_2d(cn, name, n, x_lab, y_lab, data_float);
         if (!link)
             return nullptr;
     } else {
-        if (!fits_2d(cn, name, link.head(), n, type.data_type))
+        if (!fits_2d(cn, name, link.head(), n, mod_code_of(data_float)))
             return nullptr;
         sv_printf(cn, "# Warning: module \"%s\" already exists\n", name);
     }
-    *mod_head = link.release();
-    return static_cast<MOD_IMAGE *>(*mod_head);
+    mod_head = std::move(link);
+    return static_cast<MOD_IMAGE *>(mod_head.head());
 }
 
 MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
-                         const char *y_lab, const char *t_lab, const char *const *labels, int data_float,
-                         void **mod_head) {
-    const module_type type = module_type_of(data_float);
+                         const char *y_lab, const char *t_lab, const char *const *labels,
+                         mod_element data_float, module_link &mod_head) {
     const sizes n{num_x, num_y, num_t};
     const label_list list = measure_labels(labels, magnitude(num_t));
     module_link link(name);
     if (!link) {
-        link = module_link::adopt(create_3d(cn, name, n, x_lab, y_lab, t_lab, list, type));
+        link = create_3d(cn, name, n, x_lab, y_lab, t_lab, list, data_float);
         if (!link)
             return nullptr;
     } else {
-        if (!fits_3d(cn, name, link.head(), n, type.data_type, list.size))
+        if (!fits_3d(cn, name, link.head(), n, mod_code_of(data_float), list.size))
             return nullptr;
         sv_printf(cn, "# Warning: module \"%s\" already exists\n", name);
     }
-    *mod_head = link.release();
-    return static_cast<MOD_IMAGE3D *>(*mod_head);
+    mod_head = std::move(link);
+    return static_cast<MOD_IMAGE3D *>(mod_head.head());
 }
 
 int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
-               int data_float) {
-    void *head = nullptr;
-    if (app_mkmod_head(cn, name, num_x, num_y, x_lab, y_lab, data_float, &head) == nullptr)
-        return -1;
-    return munlink(head);
+               mod_element data_float) {
+    module_link link;
+    return app_mkmod_head(cn, name, num_x, num_y, x_lab, y_lab, data_float, link) != nullptr ? 0 : -1;
 }
 
 int mkmod_head3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
-                 const char *y_lab, const char *t_lab, int data_float) {
-    void *head = nullptr;
-    if (app_mkmod3d(cn, name, num_x, num_y, num_t, x_lab, y_lab, t_lab, nullptr, data_float, &head) ==
-        nullptr)
-        return -1;
-    return munlink(head);
+                 const char *y_lab, const char *t_lab, mod_element data_float) {
+    module_link link;
+    return app_mkmod3d(cn, name, num_x, num_y, num_t, x_lab, y_lab, t_lab, nullptr, data_float, link) !=
+                   nullptr
+               ? 0
+               : -1;
 }
 
-void *app_mkmod_nohead(int cn, const char *name, int n) {
+module_link app_mkmod_nohead(int cn, const char *name, int n) {
     if (module_link link(name); link) {
         sv_printf(cn, "# Warning: module \"%s\" already exists.\n", name);
-        return link.release();
+        return link;
     }
-    void *head = nullptr;
-    datamod_record *record = nullptr;
     if (n <= 0)
         errno = EINVAL;
-    if (n <= 0 || _os_datmod(name, 4 * static_cast<std::size_t>(n), &head, &record) != 0) {
+    module_link link = n > 0 ? module_link::make(name, 4 * static_cast<std::size_t>(n)) : module_link();
+    if (!link)
         sv_printf(cn, "! Cannot create data module \"%s\", errno = %d.\n", name, errno);
-        return nullptr;
-    }
-    return head;
+    return link;
 }
 
 int mkmod_nohead(int cn, const char *name, int n) {
-    void *head = app_mkmod_nohead(cn, name, n);
-    return head != nullptr ? munlink(head) : -1;
+    return app_mkmod_nohead(cn, name, n) ? 0 : -1;
 }
 
 namespace {

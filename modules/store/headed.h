@@ -2,6 +2,7 @@
 // Messages go to the session.
 #pragma once
 
+#include "modules/store/element.h"
 #include "modules/store/view.h"
 
 #include <span>
@@ -9,37 +10,26 @@
 
 namespace kestrel {
 
-// Element type by the number that callers give: 0 unsigned 32-bit, 1 float, 2 double.
-struct module_type {
-    int data_type;
-    std::size_t size;
-};
-constexpr module_type module_type_of(int data_float) {
-    return data_float == 2   ? module_type{MOD_DOUBLE, 8}
-           : data_float == 1 ? module_type{MOD_FLOAT, 4}
-                             : module_type{MOD_U_INT32, 4};
-}
-
 // Make a headed module, or find one that fits. A size n > 0 is exact, -n at least n (and made n), 0 any (and
-// cannot be made). Null labels are "X", "Y", "T". The module is linked: the caller unlinks *mod_head.
-// Null after a message. An existing module is left as it is.
+// cannot be made). Null labels are "X", "Y", "T". Null after a message, mod_head as it was; else mod_head is
+// the module's link, and is_new() tells which it was. An existing module is left as it is. What writes a
+// result uses result_module, which does this and takes a module back that was not written.
 MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
-                          const char *y_lab, int data_float, void **mod_head);
+                          const char *y_lab, mod_element data_float, module_link &mod_head);
 
 // The same with frames; `labels` is a null-ended list of one label a frame, or null.
 MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
-                         const char *y_lab, const char *t_lab, const char *const *labels, int data_float,
-                         void **mod_head);
+                         const char *y_lab, const char *t_lab, const char *const *labels,
+                         mod_element data_float, module_link &mod_head);
 
 // The same, unlinked at once: 0 or -1.
 int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
-               int data_float);
+               mod_element data_float);
 int mkmod_head3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
-                 const char *y_lab, const char *t_lab, int data_float);
+                 const char *y_lab, const char *t_lab, mod_element data_float);
 
-// A module of 4 x n bytes without a header, or the one that exists, whatever its size. Linked: the caller
-// unlinks it. Null after a message.
-void *app_mkmod_nohead(int cn, const char *name, int n);
+// A module of 4 x n bytes without a header, or the one that exists, whatever its size. Empty after a message.
+module_link app_mkmod_nohead(int cn, const char *name, int n);
 // The same, unlinked at once: 0 or -1.
 int mkmod_nohead(int cn, const char *name, int n);
 

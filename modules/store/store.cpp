@@ -155,7 +155,6 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     new_object made(object);
     if (size_and_map(name, std::move(fd), size, record, head) != 0)
         return -1;
-    (*record)->made_here = true;
     made.keep();
     return 0;
 } catch (const std::bad_alloc &) {
@@ -243,7 +242,7 @@ int datamod_remove(const char *name, const void *head) {
     const std::lock_guard lock(img_mod_mutex);
     const datamod_record *record = head == nullptr ? nullptr : find(head);
     errno = EBUSY;
-    if (record == nullptr || !record->made_here || record->links != 1)
+    if (record == nullptr || record->links != 1)
         return -1;
     struct stat status {};
     const unique_fd fd(::shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0));
@@ -271,50 +270,30 @@ module_link::module_link(const char *name) {
         head_ = nullptr;
 }
 
-module_link module_link::adopt(void *head) {
+module_link module_link::make(const char *name, std::size_t size) {
     module_link link;
-    link.head_ = head;
+    datamod_record *record = nullptr;
+    link.made_ = _os_datmod(name, size, &link.head_, &record) == 0;
     return link;
 }
 
-module_link::module_link(module_link &&other) noexcept : head_(other.release()) {}
+module_link::module_link(module_link &&other) noexcept
+    : head_(std::exchange(other.head_, nullptr)), made_(std::exchange(other.made_, false)) {}
 
 module_link &module_link::operator=(module_link &&other) noexcept {
     if (this != &other) {
         reset();
-        head_ = other.release();
+        head_ = std::exchange(other.head_, nullptr);
+        made_ = std::exchange(other.made_, false);
     }
     return *this;
-}
-
-void *module_link::release() {
-    return std::exchange(head_, nullptr);
 }
 
 void module_link::reset() {
     if (head_ != nullptr)
         munlink(head_);
     head_ = nullptr;
-}
-
-unwritten_module::unwritten_module(const char *name, const void *head) : name_(name), head_(head) {}
-
-unwritten_module::unwritten_module(unwritten_module &&other) noexcept
-    : name_(std::move(other.name_)), head_(std::exchange(other.head_, nullptr)) {}
-
-unwritten_module &unwritten_module::operator=(unwritten_module &&other) noexcept {
-    if (this != &other) {
-        reset();
-        name_ = std::move(other.name_);
-        head_ = std::exchange(other.head_, nullptr);
-    }
-    return *this;
-}
-
-void unwritten_module::reset() {
-    if (head_ != nullptr)
-        datamod_remove(name_.c_str(), head_);
-    head_ = nullptr;
+    made_ = false;
 }
 
 } // namespace kestrel

@@ -2,7 +2,7 @@
 //
 // Uses server/ for messages only (none here: store-level failures go to standard error). Every operation
 // takes img_mod_mutex and may be called from any thread; what lies in the mappings is locked by nobody.
-// Only a new object that its maker could not fill is removed again (unwritten_module).
+// Only a new object that its maker could not fill is removed again (datamod_remove).
 #pragma once
 
 #include <cstddef>
@@ -19,9 +19,8 @@ struct datamod_record {
     off_t size = 0;          // mapped bytes: the module's capacity
     void *address = nullptr; // the header
     int links = 0;
-    bool made_here = false; // the object was created with this mapping
-    int fd = -1;            // the object, kept to notice that it was cut short
-    int guard = -1;         // the mapping's number with cut_guard
+    int fd = -1;    // the object, kept to notice that it was cut short
+    int guard = -1; // the mapping's number with cut_guard
     datamod_record *next = nullptr;
 };
 
@@ -49,9 +48,9 @@ int datamod_links(const void *head);
 // (errno ENXIO when it was cut short, EINVAL when `head` is not mapped).
 bool datamod_is_whole(const void *head);
 
-// Removes the object called `name` where it is the one that is mapped at `head`, was created with this
-// mapping and is linked once, so that nobody else in the server uses it; the mapping and its link stay. 0, or
-// -1 with errno set (EBUSY, or ESTALE when the name belongs to another object by now).
+// Removes the object called `name` where it is the one that is mapped at `head` and is linked once, so that
+// nobody else in the server uses it; the mapping and its link stay. 0, or -1 with errno set (EBUSY, or ESTALE
+// when the name belongs to another object by now).
 int datamod_remove(const char *name, const void *head);
 
 // How many mappings and links are held; for the tests that look for leaks.
@@ -65,8 +64,9 @@ datamod_counts datamod_count();
 class module_link {
   public:
     module_link() = default;
-    explicit module_link(const char *name); // empty when there is no such module
-    static module_link adopt(void *head);   // takes over a link that the caller holds
+    explicit module_link(const char *name); // empty, with errno set, when there is no such module
+    // The link of a new object (see _os_datmod), which stays when the link ends; empty when there is none.
+    static module_link make(const char *name, std::size_t size);
     module_link(module_link &&other) noexcept;
     module_link &operator=(module_link &&other) noexcept;
     module_link(const module_link &) = delete;
@@ -75,31 +75,12 @@ class module_link {
 
     void *head() const { return head_; }
     explicit operator bool() const { return head_ != nullptr; }
-    void *release(); // the caller unlinks
+    bool is_new() const { return made_; } // the object was created with this link
     void reset();
 
   private:
     void *head_ = nullptr;
-};
-
-// A module that goes again unless it is kept; one that was there before it was linked here stays in any case.
-// Ends before the link to it does, so it stands below that where both are members.
-class unwritten_module {
-  public:
-    unwritten_module() = default;
-    unwritten_module(const char *name, const void *head); // no head: nothing was made
-    unwritten_module(unwritten_module &&other) noexcept;
-    unwritten_module &operator=(unwritten_module &&other) noexcept;
-    unwritten_module(const unwritten_module &) = delete;
-    unwritten_module &operator=(const unwritten_module &) = delete;
-    ~unwritten_module() { reset(); }
-
-    void keep() { head_ = nullptr; }
-    void reset(); // removes the module if it is not kept
-
-  private:
-    std::string name_;
-    const void *head_ = nullptr;
+    bool made_ = false;
 };
 
 } // namespace kestrel

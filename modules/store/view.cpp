@@ -59,16 +59,6 @@ int mod_look(int cn, const char *name, void *head, module_view &view) {
     return -1;
 }
 
-int mod_look_made(int cn, const char *name, void *head, int data_type, int x, int y, int t,
-                  module_view &view) {
-    if (mod_look(cn, name, head, view) != 0)
-        return -1;
-    if (view.data_type == data_type && view.holds(x - 1, y - 1, t - 1))
-        return 0;
-    sv_printf(cn, "! ERROR: module '%s' was changed by another process\n", name);
-    return -1;
-}
-
 std::optional<int> mod_data_type(const void *head) {
     if (datamod_mod_size(head) < static_cast<off_t>(sizeof(mod_header)) || !datamod_is_whole(head))
         return std::nullopt;

@@ -53,11 +53,6 @@ const char *mod_look(void *head, module_view &view);
 // The same; prints "! ERROR: module '%s' %s" to the session and returns -1 when it cannot be used.
 int mod_look(int cn, const char *name, void *head, module_view &view);
 
-// The same for a module that this command has just made, of `data_type` and (x, y, t) elements: it must still
-// be one that holds them.
-int mod_look_made(int cn, const char *name, void *head, int data_type, int x, int y, int t,
-                  module_view &view);
-
 // The element type in the header, whatever it is; nothing where there is no header or no longer all of the
 // module.
 std::optional<int> mod_data_type(const void *head);

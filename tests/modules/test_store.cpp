@@ -1,5 +1,6 @@
 // The module store: what is made and found again, what other processes may do to it, and that nothing leaks.
 #include "modules/store/headed.h"
+#include "modules/store/result_module.h"
 #include "tests/helpers/session_capture.h"
 
 #include <atomic>
@@ -84,68 +85,87 @@ TEST_F(store, names_that_are_no_names_are_refused) {
 }
 
 TEST_F(store, sizes_that_cannot_be_leave_no_object) {
-    void *head = nullptr;
+    module_link link;
     for (const auto &[x, y, t] :
          {std::tuple{0, 5, 5}, {5, 0, 5}, {INT_MAX, INT_MAX, INT_MAX}, {INT_MIN, INT_MIN, 8}}) {
         const char *n = name("size");
-        EXPECT_EQ(app_mkmod3d(cn, n, x, y, t, nullptr, nullptr, nullptr, nullptr, 2, &head), nullptr);
+        EXPECT_EQ(app_mkmod3d(cn, n, x, y, t, nullptr, nullptr, nullptr, nullptr, mod_element::float64, link),
+                  nullptr);
         EXPECT_FALSE(module_link(n));
     }
     EXPECT_EQ(mkmod_nohead(cn, name("none"), -1), -1);
     EXPECT_NE(session_.replies().find("! Cannot create data module \""), std::string::npos);
 }
 
-TEST_F(store, a_new_module_goes_again_unless_something_was_written) {
+TEST_F(store, a_new_module_goes_again_unless_it_is_kept) {
     const char *n = name("unwritten");
-    const auto made = [n] {
-        void *head = nullptr;
-        app_mkmod_head(cn, n, 2, 2, nullptr, nullptr, 1, &head);
-        return module_link::adopt(head);
-    };
+    const module_plan plan{mod_element::float32, 2, 2};
     {
-        const module_link link = made();
-        unwritten_module guard(n, link.head()), moved = std::move(guard);
-        guard.reset();
-        EXPECT_TRUE(module_link(n)) << "the one that was moved from removes nothing";
-        moved = unwritten_module();
-        EXPECT_FALSE(module_link(n));
+        result_module made;
+        EXPECT_FALSE(made.find(n));
+        ASSERT_EQ(made.make(cn, n, plan), 0);
+        EXPECT_TRUE(made.is_new());
+        EXPECT_TRUE(made.view().holds(1, 1, 0));
+        EXPECT_TRUE(module_link(n));
     }
+    EXPECT_FALSE(module_link(n));
     {
-        const module_link link = made();
-        unwritten_module guard(n, link.head());
-        guard.keep();
+        result_module made;
+        ASSERT_EQ(made.make(cn, n, plan), 0);
+        made.keep();
+        EXPECT_EQ(made.make(cn, name("other"), {}), -1) << "no size";
     }
     EXPECT_TRUE(module_link(n)) << "it was written";
-    const module_link link = made(), second(n);
-    EXPECT_EQ(datamod_remove(n, link.head()), -1) << "linked twice";
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(datamod_remove("a/b", link.head()), -1);
-    EXPECT_EQ(datamod_remove(n, nullptr), -1);
+    {
+        result_module first, second;
+        ASSERT_EQ(first.make(cn, n, plan), 0) << "found, as it fits";
+        EXPECT_FALSE(first.is_new());
+        EXPECT_TRUE(second.find(n));
+        EXPECT_EQ(second.make(cn, n, {mod_element::float64, 2, 2}), -1);
+        EXPECT_FALSE(second);
+    }
+    EXPECT_TRUE(module_link(n)) << "it was there before";
+}
+
+TEST_F(store, a_new_module_that_somebody_else_has_linked_stays) {
+    const char *n = name("shared");
+    module_link other;
+    {
+        result_module made;
+        ASSERT_EQ(made.make_plain(cn, n, 4), 0);
+        other = module_link(n);
+        EXPECT_FALSE(other.is_new());
+        EXPECT_EQ(datamod_remove(n, made.head()), -1) << "linked twice";
+        EXPECT_EQ(errno, EBUSY);
+        EXPECT_EQ(datamod_remove("a/b", made.head()), -1);
+        EXPECT_EQ(datamod_remove(n, nullptr), -1);
+    }
+    EXPECT_TRUE(module_link(n));
 }
 
 TEST_F(store, only_the_object_that_is_mapped_is_removed) {
     const char *n = name("taken");
-    void *head = nullptr, *other_head = nullptr;
-    datamod_record *record = nullptr;
-    ASSERT_EQ(_os_datmod(n, 100, &head, &record), 0);
-    const module_link link = module_link::adopt(head);
+    const module_link link = module_link::make(n, 100);
+    ASSERT_TRUE(link);
     ::shm_unlink((std::string("/") + n).c_str());
-    ASSERT_EQ(_os_datmod(n, 100, &other_head, &record), 0);
-    const module_link other = module_link::adopt(other_head);
-    EXPECT_EQ(datamod_remove(n, head), -1);
+    const module_link other = module_link::make(n, 100);
+    ASSERT_TRUE(other);
+    EXPECT_EQ(datamod_remove(n, link.head()), -1);
     EXPECT_EQ(errno, ESTALE);
     EXPECT_TRUE(module_link(n)) << "somebody else's by now";
-    EXPECT_EQ(datamod_remove(n, other_head), 0);
-    EXPECT_EQ(datamod_remove(n, other_head), -1) << "gone already";
+    EXPECT_EQ(datamod_remove(n, other.head()), 0);
+    EXPECT_EQ(datamod_remove(n, other.head()), -1) << "gone already";
 }
 
 TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {
     const char *n = name("header");
-    void *head = nullptr;
+    module_link link;
     const std::string long_label(200, 'L');
     const char *labels[] = {"first", "second", nullptr, "never"};
-    ASSERT_NE(app_mkmod3d(cn, n, -7, 3, 4, long_label.c_str(), nullptr, "frame", labels, 1, &head), nullptr);
-    const module_link link = module_link::adopt(head);
+    ASSERT_NE(app_mkmod3d(cn, n, -7, 3, 4, long_label.c_str(), nullptr, "frame", labels, mod_element::float32,
+                          link),
+              nullptr);
+    void *const head = link.head();
     mod_header3d h;
     std::memcpy(&h, head, sizeof h);
     EXPECT_EQ(h.data_type, MOD_FLOAT);
@@ -171,9 +191,10 @@ TEST_F(store, a_made_module_has_the_header_that_viewers_expect) {
 
 TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
     const char *n = name("lies");
-    void *head = nullptr;
-    ASSERT_NE(app_mkmod3d(cn, n, 4, 4, 4, nullptr, nullptr, nullptr, nullptr, 0, &head), nullptr);
-    const module_link link = module_link::adopt(head);
+    module_link link;
+    ASSERT_NE(app_mkmod3d(cn, n, 4, 4, 4, nullptr, nullptr, nullptr, nullptr, mod_element::u_int32, link),
+              nullptr);
+    void *const head = link.head();
     auto &h = *static_cast<mod_header3d *>(head);
     const mod_header3d good = h;
     module_view view;

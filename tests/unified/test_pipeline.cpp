@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -32,16 +33,29 @@ int image_place(int, unified_place *place) {
     return 0;
 }
 
-int keep_init(UnifOutput &, const _unif_format &) {
-    return 0;
-}
-int keep_write(UnifOutput &, const void *bytes, std::size_t count) {
-    sent.append(static_cast<const char *>(bytes), count);
-    return 0;
-}
-int keep_term(UnifOutput &, bool) {
-    return 0;
-}
+class keeping_destination final : public output_destination {
+  public:
+    int init(UnifOutput &, const _unif_format &) override { return 0; }
+    int write(UnifOutput &, const std::byte *bytes, std::size_t count) override {
+        sent.append(reinterpret_cast<const char *>(bytes), count);
+        return 0;
+    }
+    int term(UnifOutput &, bool) override { return 0; }
+};
+
+class counting_destination final : public output_destination {
+  public:
+    explicit counting_destination(long long &taken) : taken_(taken) {}
+    int init(UnifOutput &, const _unif_format &) override { return 0; }
+    int write(UnifOutput &, const std::byte *, std::size_t count) override {
+        taken_ += static_cast<long long>(count);
+        return 0;
+    }
+    int term(UnifOutput &, bool) override { return 0; }
+
+  private:
+    long long &taken_;
+};
 
 class pipeline : public testing::Test {
   protected:
@@ -65,9 +79,7 @@ class pipeline : public testing::Test {
         form(format);
         UnifOutput output;
         output.cn = cn;
-        output.init = keep_init;
-        output.write = keep_write;
-        output.term = keep_term;
+        output.destination = std::make_unique<keeping_destination>();
         sent.clear();
         const int result = run_read(cn, request, format, output, piece);
         unified_close(request.handle);
@@ -142,8 +154,7 @@ TEST_F(pipeline, pieces_are_announced) {
 
 TEST_F(pipeline, a_line_of_the_largest_width_is_read_to_its_end) {
     constexpr std::size_t piece = 256 * 1024 * 1024;
-    static long long taken;
-    taken = 0;
+    long long taken = 0;
     const unified_source source = {.read = [](int, void *, int, int, int, int, int, int) { return 0; }};
     read_request request;
     request.handle = unified_open(cn, 0, INT_MAX, 1, 1, el_byte, "line", source);
@@ -152,12 +163,7 @@ TEST_F(pipeline, a_line_of_the_largest_width_is_read_to_its_end) {
     raw_setup_format(format);
     UnifOutput output;
     output.cn = cn;
-    output.init = keep_init;
-    output.write = [](UnifOutput &, const void *, std::size_t count) {
-        taken += static_cast<long long>(count);
-        return 0;
-    };
-    output.term = keep_term;
+    output.destination = std::make_unique<counting_destination>(taken);
     EXPECT_EQ(run_read(cn, request, format, output, piece), 0);
     EXPECT_EQ(taken, INT_MAX);
     const std::string replies = session_.replies();

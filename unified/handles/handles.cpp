@@ -1,6 +1,5 @@
 #include "unified/handles/handles.h"
 
-#include "modules/store/store.h"
 #include "modules/store/view.h"
 #include "server/output.h"
 
@@ -10,28 +9,60 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
 namespace kestrel {
 
 namespace {
+
+// A row of the table, of this file only.
+struct _unif_open_tbl {
+    int valid = 0;
+    int cn = 0;
+    int path = 0;
+    int nx = 0, ny = 0, nt = 0; // nt 0: any frame is taken
+    int data_type = 0;
+    int elem_size = 0;
+    std::string description;
+    unified_source source;
+    int corr_type = corr_none;
+    const float *corr_data = nullptr; // set by a source: corr_order + 1 rows of nx
+    double corr_scaling = 1.0;
+    int corr_from_module = 0;
+    int corr_frame = 0;     // frame of the correction module
+    module_link corr_head;  // that module
+    std::string corr_title; // its title then
+    int dtc_type = 0;
+    int corr_order = 0;
+    unified_scale_hook corr_pre_post_scal = nullptr;
+    void *mmapped = nullptr;
+    std::recursive_mutex mutex;        // a reader that looks in place may read as well
+    unified_details details = nullptr; // header details for the detector image form
+};
 
 std::array<_unif_open_tbl, unified_max_handles> table;
 std::array<void (*)(), unified_max_clear_callbacks> clear_callbacks{};
 std::string dtc_module = "kairo_times";
 thread_local std::string explanation;
 
+// The open row, or null for a number outside the table and a free handle.
+_unif_open_tbl *entry_of(int handle) {
+    if (handle < 0 || handle >= unified_max_handles)
+        return nullptr;
+    _unif_open_tbl &entry = table[static_cast<std::size_t>(handle)];
+    return entry.valid != 0 ? &entry : nullptr;
+}
+
 _unif_open_tbl *entry_or_complain(int cn, int handle) {
-    _unif_open_tbl *entry = unified_entry(handle);
+    _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr)
         sv_printf(cn, "! Invalid handle %d\n", handle);
     return entry;
 }
 
 void drop_correction(_unif_open_tbl &entry) {
-    if (entry.corr_from_module != 0)
-        munlink(entry.corr_head);
     entry.corr_from_module = 0;
-    entry.corr_head = nullptr;
+    entry.corr_head.reset();
     entry.corr_data = nullptr;
     entry.corr_type = corr_none;
     entry.corr_frame = 0;
@@ -63,17 +94,6 @@ int failed(int cn, const char *line) {
     sv_printf(cn, "%s", line);
     return -1;
 }
-
-} // namespace
-
-_unif_open_tbl *unified_entry(int handle) {
-    if (handle < 0 || handle >= unified_max_handles)
-        return nullptr;
-    _unif_open_tbl &entry = table[static_cast<std::size_t>(handle)];
-    return entry.valid != 0 ? &entry : nullptr;
-}
-
-namespace {
 
 // Every size in bytes that a reader works out, of any element type, stays far within 64 bits.
 bool size_fits(int nx, int ny, int nt) {
@@ -115,7 +135,7 @@ int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const 
 }
 
 int unified_close(int handle) {
-    _unif_open_tbl *entry = unified_entry(handle);
+    _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr)
         return -1;
     free_entry(*entry);
@@ -132,13 +152,13 @@ int unified_close_and_destroy(int cn, int handle) {
 
 void unified_close_all(int) {
     for (int handle = 0; handle < unified_max_handles; ++handle)
-        if (_unif_open_tbl *entry = unified_entry(handle))
+        if (_unif_open_tbl *entry = entry_of(handle))
             destroy_entry(*entry, handle);
 }
 
 void unif_connection_lost(int cn) {
     for (int handle = 0; handle < unified_max_handles; ++handle)
-        if (_unif_open_tbl *entry = unified_entry(handle); entry != nullptr && entry->cn == cn)
+        if (_unif_open_tbl *entry = entry_of(handle); entry != nullptr && entry->cn == cn)
             destroy_entry(*entry, handle);
 }
 
@@ -147,12 +167,12 @@ void unif_connection_lost(int cn) {
 namespace {
 
 int field(int handle, int _unif_open_tbl::*member) {
-    const _unif_open_tbl *entry = unified_entry(handle);
+    const _unif_open_tbl *entry = entry_of(handle);
     return entry != nullptr ? entry->*member : -1;
 }
 
 int set_field(int handle, int _unif_open_tbl::*member, int value) {
-    _unif_open_tbl *entry = unified_entry(handle);
+    _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr)
         return -1;
     entry->*member = value;
@@ -161,19 +181,50 @@ int set_field(int handle, int _unif_open_tbl::*member, int value) {
 
 } // namespace
 
-int unified_get_nx(int, int, int handle) {
+std::optional<unified_info> unified_info_of(int handle) {
+    const _unif_open_tbl *entry = entry_of(handle);
+    if (entry == nullptr)
+        return std::nullopt;
+    const unified_source &source = entry->source;
+    return unified_info{.path = entry->path,
+                        .nx = entry->nx,
+                        .ny = entry->ny,
+                        .nt = entry->nt,
+                        .data_type = entry->data_type,
+                        .elem_size = entry->elem_size,
+                        .knows_range = source.iminmax != nullptr || source.dminmax != nullptr,
+                        .shows_elements = source.place != nullptr,
+                        .reads_gel = source.readgel != nullptr,
+                        .details = entry->details};
+}
+
+std::optional<unified_correction> unified_correction_of(int handle) {
+    const _unif_open_tbl *entry = entry_of(handle);
+    if (entry == nullptr)
+        return std::nullopt;
+    return unified_correction{.type = entry->corr_type,
+                              .order = entry->corr_order,
+                              .scaling = entry->corr_scaling,
+                              .data = entry->corr_data,
+                              .module = entry->corr_head.head(),
+                              .frame = entry->corr_frame,
+                              .title = entry->corr_title,
+                              .pre_post = entry->corr_pre_post_scal};
+}
+
+int unified_get_nx(int handle) {
     return field(handle, &_unif_open_tbl::nx);
 }
-int unified_get_ny(int, int, int handle) {
+int unified_get_ny(int handle) {
     return field(handle, &_unif_open_tbl::ny);
 }
-int unified_get_nt(int, int, int handle) {
+int unified_get_nt(int handle) {
     return field(handle, &_unif_open_tbl::nt);
 }
-int unified_get_type(int, int, int handle) {
+int unified_get_type(int handle) {
     return field(handle, &_unif_open_tbl::data_type);
 }
-int unified_get_bsize(int, int, int handle) {
+int unified_get_bsize(int handle) {
     return field(handle, &_unif_open_tbl::elem_size);
 }
 int unif_handle2path(int handle) {
@@ -190,7 +241,7 @@ int unified_set_nt(int handle, int nt) {
 }
 
 int unif_set_description(int handle, const char *text) {
-    _unif_open_tbl *entry = unified_entry(handle);
+    _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr)
         return -1;
     entry->description = text;
@@ -233,18 +284,18 @@ int unified_set_corr_pre_post(int cn, int handle, unified_scale_hook hook) {
     return 0;
 }
 
-int unified_set_corr_module(int cn, int handle, int type, void *head, int frame, int order, double scaling) {
-    module_link link = module_link::adopt(head);
+int unified_set_corr_module(int cn, int handle, int type, module_link head, int frame, int order,
+                            double scaling) {
     _unif_open_tbl *entry = entry_or_complain(cn, handle);
     if (entry == nullptr)
         return -1;
     drop_correction(*entry);
-    if (!link)
+    if (!head)
         return 0;
     entry->corr_type = type;
     entry->corr_from_module = 1;
-    entry->corr_head = link.release();
-    entry->corr_title = mod_title(entry->corr_head);
+    entry->corr_head = std::move(head);
+    entry->corr_title = mod_title(entry->corr_head.head());
     entry->corr_frame = frame;
     entry->corr_order = order;
     entry->corr_scaling = scaling;
@@ -296,7 +347,7 @@ bool within(int first, int count, int size) {
 } // namespace
 
 int unified_check_box(int cn, const char *request, int handle, const unified_box &b) {
-    const _unif_open_tbl *entry = unified_entry(handle);
+    const _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr) {
         sv_printf(cn, "! Device handle is stale (passed %d).\n", handle);
         return -1;
@@ -321,7 +372,7 @@ int unified_check_box(int cn, const char *request, int handle, const unified_box
 int app_unified_read(int cn, int handle, void *buffer, int x, int y, int t, int dx, int dy, int dt) {
     if (unified_check_box(cn, "app-read", handle, {x, y, t, dx, dy, dt}) != 0)
         return -1;
-    _unif_open_tbl &entry = *unified_entry(handle);
+    _unif_open_tbl &entry = *entry_of(handle);
     std::unique_lock lock(entry.mutex, std::defer_lock);
     try {
         lock.lock();
@@ -335,10 +386,23 @@ int app_unified_read(int cn, int handle, void *buffer, int x, int y, int t, int 
     return 0;
 }
 
+int unified_read_gel(int handle, void *buffer, const unified_box &b) {
+    _unif_open_tbl *entry = entry_of(handle);
+    if (entry == nullptr || entry->source.readgel == nullptr)
+        return -1;
+    const std::lock_guard lock(entry->mutex);
+    return entry->source.readgel(entry->path, buffer, b.x, b.y, b.t, b.dx, b.dy, b.dt) < 0 ? -1 : 0;
+}
+
+int unified_source_file(int handle) {
+    const _unif_open_tbl *entry = entry_of(handle);
+    return entry != nullptr && entry->source.file != nullptr ? entry->source.file(entry->path) : -1;
+}
+
 int app_unified_clear(int cn, int handle, int x, int y, int t, int dx, int dy, int dt) {
     if (unified_check_box(cn, "app-clear", handle, {x, y, t, dx, dy, dt}) != 0)
         return -1;
-    const _unif_open_tbl &entry = *unified_entry(handle);
+    const _unif_open_tbl &entry = *entry_of(handle);
     if (entry.source.clear == nullptr) {
         sv_printf(cn, "! No clear function is defined for handle %d.\n", handle);
         return -1;
@@ -355,7 +419,7 @@ int app_unified_clear(int cn, int handle, int x, int y, int t, int dx, int dy, i
 int app_unified_enable(int cn, int handle) {
     if (unified_check_box(cn, "enable", handle, {0, 0, 0, 1, 1, 1}) != 0)
         return -1;
-    const _unif_open_tbl &entry = *unified_entry(handle);
+    const _unif_open_tbl &entry = *entry_of(handle);
     if (entry.source.enable == nullptr) {
         sv_printf(cn, "! No enable function is defined for handle %d.\n", handle);
         return -1;
@@ -367,7 +431,7 @@ int app_unified_enable(int cn, int handle) {
 int app_unified_disable(int cn, int handle) {
     if (unified_check_box(cn, "disable", handle, {0, 0, 0, 1, 1, 1}) != 0)
         return -1;
-    const _unif_open_tbl &entry = *unified_entry(handle);
+    const _unif_open_tbl &entry = *entry_of(handle);
     if (entry.source.disable == nullptr) {
         sv_printf(cn, "! No disable function is defined for handle %d.\n", handle);
         return -1;
@@ -377,7 +441,7 @@ int app_unified_disable(int cn, int handle) {
 }
 
 std::optional<unified_look> unified_look_at(int handle, const unified_box &b) {
-    _unif_open_tbl *entry = unified_entry(handle);
+    _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr || entry->source.place == nullptr)
         return std::nullopt;
     unified_look look;
@@ -405,7 +469,7 @@ void unified_explain(const char *format, ...) {
 }
 
 void unif_display_status(int cn, int handle) {
-    const _unif_open_tbl *entry = unified_entry(handle);
+    const _unif_open_tbl *entry = entry_of(handle);
     if (entry == nullptr) {
         sv_printf(cn, "# %2d Unused\n", handle);
         return;

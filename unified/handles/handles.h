@@ -5,6 +5,7 @@
 // reads). May use parser/ and modules/store/, and what those may use.
 #pragma once
 
+#include "modules/store/store.h"
 #include "support/element.h"
 #include "support/tessera.h"
 
@@ -60,28 +61,28 @@ using unified_details = void (*)(int path, tessera_details *details);
 
 enum correction_type : int { corr_none, corr_mult1d, corr_div1d, corr_poly1d, corr_chebyshev1d };
 
-struct _unif_open_tbl {
-    int valid = 0;
-    int cn = 0;
-    int path = 0;
+// What a handle says of its data. A copy: sources whose size changes set it with unified_set_nx and its like.
+struct unified_info {
+    int path = 0;               // the source's own
     int nx = 0, ny = 0, nt = 0; // nt 0: any frame is taken
-    int data_type = 0;
+    int data_type = el_none;
     int elem_size = 0;
-    std::string description;
-    unified_source source;
-    int corr_type = corr_none;
-    const float *corr_data = nullptr; // set by a source: corr_order + 1 rows of nx
-    double corr_scaling = 1.0;
-    int corr_from_module = 0;
-    int corr_frame = 0;        // frame of the correction module
-    void *corr_head = nullptr; // that module, linked while set
-    std::string corr_title;    // its title then
-    int dtc_type = 0;
-    int corr_order = 0;
-    unified_scale_hook corr_pre_post_scal = nullptr;
-    void *mmapped = nullptr;
-    std::recursive_mutex mutex;        // a reader that looks in place may read as well
-    unified_details details = nullptr; // header details for the detector image form
+    bool knows_range = false;          // the source can tell its least and greatest element
+    bool shows_elements = false;       // may let them be looked at where they lie
+    bool reads_gel = false;            // has 16-bit elements for GEL files
+    unified_details details = nullptr; // fills in header details for the detector image form, given the path
+};
+
+// What the read command does to a handle's data. The pointers are good while the handle stays as it is.
+struct unified_correction {
+    int type = corr_none;
+    int order = 0;
+    double scaling = 1.0;
+    const float *data = nullptr; // of the source: order + 1 rows of nx; or
+    void *module = nullptr;      // of a module, its header
+    int frame = 0;               // of that module
+    std::string title;           // its title when it was set
+    unified_scale_hook pre_post = nullptr;
 };
 
 // Takes the lowest free handle; -1 after a message when all are in use or the source is too large. A source
@@ -93,14 +94,16 @@ int unified_close_and_destroy(int cn, int handle);
 void unified_close_all(int cn);
 void unif_connection_lost(int cn); // destroys what that session opened
 
-// The open entry, or null for a number outside the table and a free handle.
-_unif_open_tbl *unified_entry(int handle);
+// Nothing for a number outside the table and a free handle.
+std::optional<unified_info> unified_info_of(int handle);
+std::optional<unified_correction> unified_correction_of(int handle);
 
-int unified_get_nx(int quals, int cn, int handle);
-int unified_get_ny(int quals, int cn, int handle);
-int unified_get_nt(int quals, int cn, int handle);
-int unified_get_type(int quals, int cn, int handle);
-int unified_get_bsize(int quals, int cn, int handle);
+// One field, or -1 where there is no such handle.
+int unified_get_nx(int handle);
+int unified_get_ny(int handle);
+int unified_get_nt(int handle);
+int unified_get_type(int handle);
+int unified_get_bsize(int handle);
 int unif_handle2path(int handle);
 int unif_set_description(int handle, const char *text);
 int unified_set_nx(int handle, int nx);
@@ -112,8 +115,9 @@ int unified_set_tessera_details_callback(int cn, int handle, unified_details det
 // Corrections; they act in the read command only. -1 and "! Invalid handle %d" for a bad handle.
 int unified_set_corr_ptr(int cn, int handle, int type, const float *data, int order, double scaling);
 int unified_set_corr_pre_post(int cn, int handle, unified_scale_hook hook);
-// Takes over the caller's link of `head`; null removes the correction.
-int unified_set_corr_module(int cn, int handle, int type, void *head, int frame, int order, double scaling);
+// An empty link removes the correction.
+int unified_set_corr_module(int cn, int handle, int type, module_link head, int frame, int order,
+                            double scaling);
 // The module that dead time correction takes its live times from.
 int unified_set_dtc_module(int cn, const char *name);
 const std::string &unified_dtc_module();
@@ -126,6 +130,10 @@ int unified_check_box(int cn, const char *request, int handle, const unified_box
 
 // Checked reads and actions for every room: 0, or -1 after a message.
 int app_unified_read(int cn, int handle, void *buffer, int x, int y, int t, int dx, int dy, int dt);
+// The source's 16-bit elements, of a box that has passed unified_check_box: 0, or -1 without a message.
+int unified_read_gel(int handle, void *buffer, const unified_box &box);
+// The descriptor of the file that the data are in, or -1 (see unified_source).
+int unified_source_file(int handle);
 int app_unified_clear(int cn, int handle, int x, int y, int t, int dx, int dy, int dt);
 int app_unified_enable(int cn, int handle);
 int app_unified_disable(int cn, int handle);
