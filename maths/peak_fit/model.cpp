@@ -14,7 +14,7 @@ constexpr std::size_t noise_channels = 200;
 
 // A fitted position as a channel, kept in the range of an int.
 int channel(double position) {
-    constexpr double most = std::numeric_limits<int>::max() / 2;
+    constexpr double most = std::numeric_limits<int>::max() / 2.0;
     return std::isnan(position) ? -1 : static_cast<int>(std::clamp(position, -most, most));
 }
 
