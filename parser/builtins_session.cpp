@@ -3,7 +3,10 @@
 #include "parser/call.h"
 #include "parser/help.h"
 #include "server/data_channel.h"
+#include "server/host_names.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <string>
 

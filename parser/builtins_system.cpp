@@ -1,5 +1,6 @@
 // The operating system's side: directories and commands of the host.
 #include "parser/builtins.h"
+#include "server/os_command.h"
 #include "server/output.h"
 
 #include <string>

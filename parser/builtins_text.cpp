@@ -2,7 +2,9 @@
 #include "parser/builtins.h"
 #include "parser/call.h"
 #include "parser/text_format.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/base64.h"
 #include "support/file_io.h"
 

@@ -2,7 +2,9 @@
 #include "parser/builtins.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <climits>
 #include <cmath>

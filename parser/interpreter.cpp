@@ -9,6 +9,7 @@
 #include "parser/result.h"
 #include "parser/text.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <algorithm>
 #include <array>

@@ -2,6 +2,7 @@
 
 #include "parser/call.h"
 #include "parser/variables.h"
+#include "server/include_level.h"
 #include "server/output.h"
 
 #include <cstdint>
@@ -32,7 +33,7 @@ constexpr int qual_global = 2; // second keyword of for and for-each
 
 // The running include file; null after two lines to the session when there is none.
 script_file *include_file(int cn) {
-    script_file *file = sv_get_descriptor(cn)->include;
+    script_file *file = sv_get_include(cn);
     if (file)
         return file;
     sv_printf(cn, "! Not include file, Cannot lsek\n");

@@ -5,8 +5,11 @@
 #include "parser/preprocess.h"
 #include "parser/search_path.h"
 #include "parser/variables.h"
+#include "server/include_level.h"
 #include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <cstdio>
 #include <memory>
@@ -23,34 +26,6 @@ bool sv_break_include = false; // set by `return`: the current file ends after t
 // keywords of include, in format order
 constexpr int qual_echo = 1, qual_no_exit_error = 2, qual_show_returns = 4, qual_mask_cntrl_c = 8,
               qual_cntrl_c_ret_neg = 16;
-
-// The session reads the file while this stands. What the session read before comes back, unless it has ended.
-class include_level {
-  public:
-    include_level(int cn, script_file &file)
-        : cn_(cn), session_(sv_get_descriptor(cn)), outer_(session_->include), outer_in_(session_->in) {
-        if (session_->include_lvl == 0)
-            session_->include_top_path = session_->in;
-        session_->in = file.fd();
-        session_->include = &file;
-        ++session_->include_lvl;
-    }
-    ~include_level() {
-        if (!sv_is_valid(cn_))
-            return;
-        --session_->include_lvl;
-        session_->include = outer_;
-        session_->in = outer_in_;
-    }
-    include_level(const include_level &) = delete;
-    include_level &operator=(const include_level &) = delete;
-
-  private:
-    int cn_;
-    client_descriptor *session_;
-    script_file *outer_;
-    int outer_in_;
-};
 
 // Drops the loops that a script leaves open, however it ends.
 class open_loops {

@@ -4,13 +4,11 @@
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
 // again. What a session is told leaves when its received bytes are used up, and at the latest at the end of
 // the turn. A session whose peer does not take its replies is neither read nor served until it does.
+#include "server/client_descriptor.h"
 #include "server/hooks.h"
-#include "server/input.h"
-#include "server/input_machine.h"
 #include "server/interrupt.h"
-#include "server/line_editor.h"
+#include "server/logs.h"
 #include "server/loops.h"
-#include "server/outbox.h"
 #include "server/output.h"
 #include "support/fd.h"
 
@@ -173,12 +171,12 @@ void log_line(int cn, const char *line) {
         sv_log(vlog_file, shown + "\n");
 }
 
-// Runs the line in c.input. The session may be gone afterwards; returns what is unsent.
+// Runs the line in edit.input. The session may be gone afterwards; returns what is unsent.
 std::size_t service_line_of(int cn) {
-    client_descriptor &c = client[cn];
+    line_edit &edit = client[cn].machine.edit;
     char line[sv_line_max + 1];
-    std::memcpy(line, c.input, c.len + 1);
-    sv_ln_start(c);
+    std::memcpy(line, edit.input, edit.len + 1);
+    sv_ln_start(edit);
     sv_quit = 0;
     try {
         log_line(cn, line);
@@ -199,8 +197,8 @@ bool serve_one_line(int cn, std::size_t &unsent) {
     std::string reply;
     std::string notice;
     std::size_t used = 0;
-    const input_event event = sv_input_feed(c, sv_received(c), used, {reply, notice});
-    sv_take(c, used);
+    const input_event event = sv_input_feed(c.machine, sv_received(c.received), used, {reply, notice});
+    sv_take(c.received, used);
     if (!notice.empty())
         std::fputs(notice.c_str(), stdout);
     if (!reply.empty())
@@ -214,7 +212,7 @@ bool serve_one_line(int cn, std::size_t &unsent) {
         sv_disconnect_client(cn);
     if (event == input_event::line)
         unsent = service_line_of(cn);
-    return sv_is_valid(cn) && event != input_event::pause && !sv_received(c).empty();
+    return sv_is_valid(cn) && event != input_event::pause && !sv_received(c.received).empty();
 }
 
 // ---- one turn
@@ -286,7 +284,7 @@ void set_watches(socket_sets &sets) {
         const bool waits = attention && waits_for_peer(cn);
         if (!c.valid)
             continue;
-        if (!waits && !sv_received(c).empty()) {
+        if (!waits && !sv_received(c.received).empty()) {
             sets.sessions.push_back(cn);
             continue;
         }

@@ -1,6 +1,6 @@
 #include "server/options.h"
 
-#include "server/output.h"
+#include "server/logs.h"
 
 #include <cerrno>
 #include <charconv>

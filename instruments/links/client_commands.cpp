@@ -4,6 +4,7 @@
 #include "parser/call.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/timebar.h"
 #include "server/wait.h"
 
 #include <chrono>

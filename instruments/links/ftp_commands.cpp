@@ -1,13 +1,14 @@
 // `ftp`: files between the server and the client's machine.
 #include "instruments/links/commands.h"
 #include "parser/call.h"
+#include "server/host_names.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/fd.h"
 #include "support/file_io.h"
 #include "support/ftp.h"
 
-#include <arpa/inet.h>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -29,11 +30,7 @@ ftp_trace trace;
 unique_file trace_file;
 
 std::string client_address(int cn) {
-    char text[INET_ADDRSTRLEN] = "";
-    const sockaddr_in &address = sv_get_descriptor(cn)->addr;
-    if (!use_network || !inet_ntop(AF_INET, &address.sin_addr, text, sizeof text))
-        return "127.0.0.1";
-    return text;
+    return use_network ? sv_get_address(cn) : "127.0.0.1";
 }
 
 // The client's own machine, the user "ftp", and an e-mail address as its password, unless the line says

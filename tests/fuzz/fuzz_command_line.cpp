@@ -3,7 +3,7 @@
 #include "parser/builtins.h"
 #include "parser/interpreter.h"
 #include "parser/text.h"
-#include "server/session.h"
+#include "server/client_descriptor.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,10 +1,11 @@
 // A session's output and input over a socket pair.
+#include "server/client_descriptor.h"
 #include "server/data_channel.h"
 #include "server/input.h"
 #include "server/interrupt.h"
 #include "server/outbox.h"
 #include "server/output.h"
-#include "server/session.h"
+#include "server/timebar.h"
 
 #include <atomic>
 #include <chrono>
@@ -137,7 +138,7 @@ TEST_F(session, leaves_no_memory_in_its_slot) {
     EXPECT_GT(sv_receive(client[cn]), 0);
     sv_print(cn, std::string(50'000, 'y'));
     sv_disconnect_client(cn);
-    EXPECT_LT(client[cn].received.capacity(), 100);
+    EXPECT_LT(client[cn].received.bytes.capacity(), 100);
     EXPECT_LT(client[cn].outbox.pending.capacity(), 100);
 }
 
@@ -225,7 +226,7 @@ TEST_F(session, asks_whether_to_retry) {
 TEST_F(session, measures_the_terminal_among_typed_bytes) {
     type("ahead \x1b[7;1Rand \x1b[7;133Rbehind\n");
     sv_set_echo(cn, 1);
-    EXPECT_EQ(client[cn].cols, 132U);
+    EXPECT_EQ(client[cn].machine.edit.cols, 132U);
     sv_flush(cn);
     EXPECT_EQ(heard(), "\x1b[6n\x1b[999C\x1b[6n\x1b[132D");
     sv_set_echo(cn, 0);
