@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <optional>
 
 namespace kestrel {
 
@@ -81,6 +82,38 @@ template <const pt_format &Format> class pt_qualifiers {
             ++place;
         }
         return -1;
+    }
+
+    // A keyword and what it stands for, for tables of alternatives.
+    template <class T> struct choice {
+        any_word word;
+        T means;
+    };
+
+    // How many words of the table are given; what the first of them, or the only one, stands for.
+    template <class T, std::size_t N> int count(const choice<T> (&table)[N]) const {
+        int found = 0;
+        for (const choice<T> &c : table)
+            found += given(c.word);
+        return found;
+    }
+    template <class T, std::size_t N> std::optional<T> first(const choice<T> (&table)[N]) const {
+        for (const choice<T> &c : table) {
+            if (given(c.word))
+                return c.means;
+        }
+        return std::nullopt;
+    }
+    template <class T, std::size_t N> std::optional<T> only(const choice<T> (&table)[N]) const {
+        return count(table) == 1 ? first(table) : std::nullopt;
+    }
+
+    // For words that name where data go, as pt_check_names.
+    int check_names(int cn, std::initializer_list<text_word> words) const {
+        unsigned mask = 0;
+        for (const text_word &word : words)
+            mask |= 1U << word.index;
+        return pt_check_names(cn, mask);
     }
 
     // The word's value, or `otherwise` when it is not given.

@@ -1,8 +1,10 @@
 #include "parser/script.h"
 
+#include "parser/builtins.h"
 #include "parser/interpreter.h"
 #include "parser/loops.h"
 #include "parser/preprocess.h"
+#include "parser/qualifiers.h"
 #include "parser/search_path.h"
 #include "parser/variables.h"
 #include "server/include_level.h"
@@ -22,10 +24,6 @@ namespace {
 
 int return_value = 0;
 bool sv_break_include = false; // set by `return`: the current file ends after this line
-
-// keywords of include, in format order
-constexpr int qual_echo = 1, qual_no_exit_error = 2, qual_show_returns = 4, qual_mask_cntrl_c = 8,
-              qual_cntrl_c_ret_neg = 16;
 
 // Drops the loops that a script leaves open, however it ends.
 class open_loops {
@@ -194,15 +192,29 @@ include_end sv_include_file(int cn, script_file &file, const include_options &op
     return end;
 }
 
+void include_startup(int cn, const char *, int fd) {
+    script_file file{unique_fd(fd)};
+    sv_include_file(cn, file, {});
+}
+
+namespace {
+
+constexpr pt_format include_format(
+    "%s + %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v "
+    "echo no-exit-error show-returns mask-cntrl-c cntrl-c-ret-neg = %d");
+
 int simple_do_include(int quals, int cn, const char *includefile, std::span<const pt_value> args) {
+    const pt_qualifiers<include_format> q(quals);
     unique_fd fd = search_path_open(cn, includefile);
     if (!fd) {
         sv_print(cn, std::string("! Can't open file ") + includefile + ".\n");
         return -1;
     }
-    const include_options options{(quals & qual_echo) != 0, (quals & qual_no_exit_error) == 0,
-                                  (quals & qual_show_returns) != 0, (quals & qual_mask_cntrl_c) != 0,
-                                  (quals & qual_cntrl_c_ret_neg) != 0};
+    const include_options options{.echo = q.given("echo"),
+                                  .exit_on_error = !q.given("no-exit-error"),
+                                  .show_returns = q.given("show-returns"),
+                                  .mask_interrupt = q.given("mask-cntrl-c"),
+                                  .negative_interrupt = q.given("cntrl-c-ret-neg")};
     script_file file(std::move(fd));
     const script_level level(cn);
     if (level.raised())
@@ -219,9 +231,14 @@ int simple_return_command(int, int, int value) {
     return 0;
 }
 
-void include_startup(int cn, const char *, int fd) {
-    script_file file{unique_fd(fd)};
-    sv_include_file(cn, file, {});
-}
+} // namespace
+
+constinit const PARSE_TREE row_include = pt_command<simple_do_include>(
+    "include", include_format, "include a command file at this point",
+    "File name/Arguments///////////////////////////////"
+    "/Show each line/Go on after errors/Show the result of each command/^C does not end the script/"
+    "Return -1 when ended by ^C");
+constinit const PARSE_TREE row_return =
+    pt_command<simple_return_command>("return", "+%d = %d", "Return integer value from script", "Value");
 
 } // namespace kestrel

@@ -13,7 +13,7 @@ using namespace kestrel;
 
 namespace {
 
-const PARSE_TREE root[] = {
+constinit const PARSE_TREE root[] = {
     row_chx,      row_echo,     row_echo_on,    row_echo_off,     row_help,          row_port,
     row_quit,     row_radix,    row_rem,        row_status,       row_macro,         row_macro_list,
     row_set_func, row_set_int,  row_set_double, row_set_string,   row_set_qualifier, row_input,

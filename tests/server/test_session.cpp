@@ -11,6 +11,7 @@
 #include <chrono>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <regex>
 #include <sys/socket.h>
 #include <thread>
 
@@ -100,6 +101,23 @@ TEST_F(session, shows_progress_at_once) {
     sv_timebar(cn, 3, 10, nullptr);
     sv_timebar(cn, 4, 10, "scan");
     EXPECT_EQ(heard(), "@ 3 10 ''\r\n@ 4 10 'scan'\r\n");
+}
+
+TEST_F(session, draws_progress_over_itself_and_what_follows_below) {
+    use_network = 0; // as on the terminal
+    sv_timebar(cn, 1, 4, nullptr);
+    sv_timebar(cn, 2, 4, "scan");
+    sv_write(cn, "raw", 3);
+    EXPECT_EQ(timebar_on, 1);
+    sv_printf(cn, "done\n");
+    sv_printf(cn, "next\n");
+    EXPECT_EQ(timebar_on, 0);
+    sv_flush(cn);
+    const std::regex shown("@ [-|/\\\\]   1/4   =  25\\.0%  \r"
+                           "@ 'scan' [-|/\\\\]   2/4   =  50\\.0%  \r"
+                           "raw\ndone\r\nnext\r\n");
+    EXPECT_TRUE(std::regex_match(heard(), shown));
+    use_network = 1;
 }
 
 TEST_F(session, keeps_the_lines_of_threads_apart) {
