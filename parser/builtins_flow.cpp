@@ -7,7 +7,7 @@ namespace kestrel {
 
 namespace {
 
-// Runs `function` as a command line; a bare value there is no result.
+// Runs `function` as a command line; a line that is only a value (not a command) gives 0.
 int if_command(int, int cn, int value, const char *function) {
     if (value == 0)
         return 0;

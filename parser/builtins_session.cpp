@@ -79,7 +79,7 @@ int simple_do_quit(int, int cn) {
     return 0;
 }
 
-// Without a value the reply is the radix itself, in decimal whatever it is.
+// Without a value the reply is the radix itself, printed in decimal: in its own radix it would always be "10".
 int simple_do_radix(int, int cn, int radix) {
     if (radix < 1) {
         ResultRadix = 10;

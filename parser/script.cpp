@@ -39,7 +39,8 @@ class open_loops {
     int depth_;
 };
 
-// A script's level of variables; its outer script's return value and flag are its own again afterwards.
+// A script's level of local variables. What `return` sets is cleared at its start and at its end, so that neither
+// script of a nested pair sees the other's.
 class script_level {
   public:
     explicit script_level(int cn) : raised_(variables_enter_level()) {
