@@ -128,9 +128,10 @@ constexpr pt_format eval_double_format("%g + %g add sub mult div = %g");
 constexpr pt_qualifiers<eval_double_format>::choice<eval_op> double_operations[] = {
     {"add", eval_op::add}, {"sub", eval_op::sub}, {"mult", eval_op::mult}, {"div", eval_op::div}};
 
-// True when so many operations can be worked out with what is given; false after a line to the session.
-bool can_evaluate(int cn, int operations) {
-    if (operations > 1)
+// True when the operation can be worked out with what is given; false after a line to the session. Nothing stands
+// for several operations.
+bool can_evaluate(int cn, std::optional<eval_op> op) {
+    if (!op)
         sv_printf(cn, "! Can only do one off add/sub/mult/div/equal\n");
     else if (OptionalArgumentCount < 1)
         sv_printf(cn, "! Need Optional Argument for basic maths\n");
@@ -153,10 +154,10 @@ int eval_division(int cn, eval_op op, int a, int b) {
 
 int eval_int(int quals, int cn, int a, int b) {
     const pt_qualifiers<eval_int_format> q(quals);
-    const std::optional<eval_op> op = q.first(int_operations);
-    if (!op)
+    if (q.none())
         return a;
-    if (!can_evaluate(cn, q.count(int_operations)))
+    const std::optional<eval_op> op = q.only(int_operations);
+    if (!can_evaluate(cn, op))
         return -1;
     const unsigned x = static_cast<unsigned>(a), y = static_cast<unsigned>(b);
     switch (*op) {
@@ -177,10 +178,10 @@ int eval_int(int quals, int cn, int a, int b) {
 
 double eval_double(int quals, int cn, double a, double b) {
     const pt_qualifiers<eval_double_format> q(quals);
-    const std::optional<eval_op> op = q.first(double_operations);
-    if (!op)
+    if (q.none())
         return a;
-    if (!can_evaluate(cn, q.count(double_operations)))
+    const std::optional<eval_op> op = q.only(double_operations);
+    if (!can_evaluate(cn, op))
         return -1.0;
     switch (*op) {
     case eval_op::add:

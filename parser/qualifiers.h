@@ -90,13 +90,8 @@ template <const pt_format &Format> class pt_qualifiers {
         T means;
     };
 
-    // How many words of the table are given; what the first of them, or the only one, stands for.
-    template <class T, std::size_t N> int count(const choice<T> (&table)[N]) const {
-        int found = 0;
-        for (const choice<T> &c : table)
-            found += given(c.word);
-        return found;
-    }
+    // What the first of the table's words that is given stands for; what the only one stands for, and nothing
+    // when there are several.
     template <class T, std::size_t N> std::optional<T> first(const choice<T> (&table)[N]) const {
         for (const choice<T> &c : table) {
             if (given(c.word))
@@ -105,7 +100,15 @@ template <const pt_format &Format> class pt_qualifiers {
         return std::nullopt;
     }
     template <class T, std::size_t N> std::optional<T> only(const choice<T> (&table)[N]) const {
-        return count(table) == 1 ? first(table) : std::nullopt;
+        std::optional<T> found;
+        for (const choice<T> &c : table) {
+            if (!given(c.word))
+                continue;
+            if (found)
+                return std::nullopt;
+            found = c.means;
+        }
+        return found;
     }
 
     // For words that name where data go, as pt_check_names.

@@ -187,7 +187,7 @@ std::size_t service_line_of(int cn) {
     }
     if (log_file)
         sv_log(log_file, "\n");
-    return sv_is_valid(cn) ? user_prompt(cn) : 0;
+    return client[cn].valid ? user_prompt(cn) : 0;
 }
 
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
@@ -212,7 +212,7 @@ bool serve_one_line(int cn, std::size_t &unsent) {
         sv_disconnect_client(cn);
     if (event == input_event::line)
         unsent = service_line_of(cn);
-    return sv_is_valid(cn) && event != input_event::pause && !sv_received(c.received).empty();
+    return c.valid && event != input_event::pause && !sv_received(c.received).empty();
 }
 
 // ---- one turn
@@ -309,11 +309,11 @@ bool serve_one_line_or_close(int cn, std::size_t &unsent) {
 
 // True when the session is to have another line in this turn.
 bool serve_session(int cn) {
-    if (!sv_is_valid(cn))
+    if (!client[cn].valid)
         return false;
     std::size_t unsent = 0;
     const bool more = serve_one_line_or_close(cn, unsent);
-    if (!sv_is_valid(cn) || (more && unsent < gathered_between_lines))
+    if (!client[cn].valid || (more && unsent < gathered_between_lines))
         return more;
     return outbox_try(cn) == outbox_status::empty && more;
 }
@@ -344,7 +344,7 @@ void receive_from_ready(socket_sets &sets) {
     for (const auto &[cn, fd] : sets.sockets) {
         if (FD_ISSET(fd, &sets.write))
             outbox_try(cn);
-        if (!FD_ISSET(fd, &sets.read) || !sv_is_valid(cn))
+        if (!FD_ISSET(fd, &sets.read) || !client[cn].valid)
             continue;
         receive(cn);
         sets.sessions.push_back(cn);
