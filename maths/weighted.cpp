@@ -7,6 +7,7 @@
 #include "parser/interpreter.h"
 #include "parser/tree.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/element.h"
 
 #include <algorithm>
