@@ -53,16 +53,16 @@ void user_disconnect(int cn) {
 }
 void user_exit() {}
 
-// Where another process cuts a module short, zeros stand in for its elements until the command ends.
-// What was cut before a typed line began is not that line's.
+// The interpreter's user_command_spoiled. When another process cuts a module short, a command that reads it
+// gets zeros in place of the missing elements, and cut_guard counts. A count that has grown since the last call
+// means that this command got such zeros, but for the call with `begins`: then nothing has run yet on this line,
+// and the count is only taken over.
 bool module_was_cut(int cn, bool begins) {
-    static int told = 0;
-    const int count = cut_guard_count();
-    if (begins || count == told) {
-        told = count;
+    static int last_count = 0;
+    const bool was_cut = cut_guard_count() != last_count;
+    last_count = cut_guard_count();
+    if (begins || !was_cut)
         return false;
-    }
-    told = count;
     sv_printf(cn, "! ERROR: a data module was cut short by another process while the command used it\n");
     return true;
 }

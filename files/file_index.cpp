@@ -3,8 +3,9 @@
 #include "files/commands.h"
 #include "parser/qualifiers.h"
 #include "parser/variables.h"
+#include "server/file_lock.h"
+#include "server/include_level.h"
 #include "server/output.h"
-#include "server/session.h"
 #include "server/wait.h"
 #include "support/fd.h"
 #include "support/file_io.h"
@@ -94,10 +95,10 @@ int write_index(const index_request &r, int number) {
 
 // The path of the script that the session's line comes from; empty outside scripts.
 std::string calling_script(int cn) {
-    const client_descriptor *session = sv_get_descriptor(cn);
-    if (session == nullptr || session->include == nullptr)
+    const script_file *const script = sv_get_include(cn);
+    if (!script)
         return {};
-    const std::string link = "/proc/self/fd/" + std::to_string(session->include->fd());
+    const std::string link = "/proc/self/fd/" + std::to_string(script->fd());
     char path[4096];
     const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : std::string();

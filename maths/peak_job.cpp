@@ -3,6 +3,7 @@
 #include "maths/peak_debug.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/timebar.h"
 
 #include <algorithm>
 #include <atomic>

@@ -2,6 +2,7 @@
 
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/timebar.h"
 
 #include <limits>
 

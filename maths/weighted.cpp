@@ -7,6 +7,7 @@
 #include "parser/call.h"
 #include "parser/interpreter.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/element.h"
 
 #include <algorithm>

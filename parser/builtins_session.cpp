@@ -1,9 +1,12 @@
 // The session's own settings, and what ends it.
 #include "parser/builtins.h"
 #include "parser/call.h"
-#include "parser/help.h"
+#include "parser/qualifiers.h"
 #include "server/data_channel.h"
+#include "server/host_names.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <string>
 
@@ -76,7 +79,7 @@ int simple_do_quit(int, int cn) {
     return 0;
 }
 
-// Without a value the reply is the radix itself, in decimal whatever it is.
+// Without a value the reply is the radix itself, printed in decimal: in its own radix it would always be "10".
 int simple_do_radix(int, int cn, int radix) {
     if (radix < 1) {
         ResultRadix = 10;
@@ -100,41 +103,44 @@ int simple_do_status(int, int cn) {
     return 0;
 }
 
+constexpr pt_format debug_format("on off");
+
 int do_debug(int quals, int cn) {
-    constexpr int on = 1, off = 2;
-    if (quals == (on | off)) {
+    const pt_qualifiers<debug_format> q(quals);
+    if (q.given("on") && q.given("off")) {
         sv_printf(cn, "! Debugging cannot be both on and off.\n");
         return -1;
     }
-    if (quals == 0)
+    if (q.none())
         sv_printf(cn, "# Debugging is currently %s.\n", server_debug ? "on" : "off");
     else
-        server_debug = quals == on;
+        server_debug = q.given("on");
     return 0;
 }
 
 } // namespace
 
-const PARSE_TREE row_echo =
+constinit const PARSE_TREE row_echo =
     pt_command<simple_do_echo>("echo", "%s = %d", "echo the given string on the screen", "string");
-const PARSE_TREE row_echo_on = pt_command<simple_do_echo_on>("echo-on", "= %d", "switch server echo on", "");
-const PARSE_TREE row_echo_off =
+constinit const PARSE_TREE row_echo_on =
+    pt_command<simple_do_echo_on>("echo-on", "= %d", "switch server echo on", "");
+constinit const PARSE_TREE row_echo_off =
     pt_command<simple_do_echo_off>("echo-off", "= %d", "switch server echo off", "");
-const PARSE_TREE row_help =
+constinit const PARSE_TREE row_help =
     pt_command<simple_do_help>("help", "= %d", "provide help with the user interface", "");
-const PARSE_TREE row_port =
+constinit const PARSE_TREE row_port =
     pt_command<simple_do_port>("port", "%d = %d", "set the client's data port", "port number");
-const PARSE_TREE row_quit = pt_command<simple_do_quit>("quit", "", "quit this session (can also use ^D)", "");
-const PARSE_TREE row_radix =
+constinit const PARSE_TREE row_quit =
+    pt_command<simple_do_quit>("quit", "", "quit this session (can also use ^D)", "");
+constinit const PARSE_TREE row_radix =
     pt_command<simple_do_radix>("radix", "+%d = %d", "get/set the output radix for blocks of ASCII", "radix");
-const PARSE_TREE row_rem = pt_command<simple_do_rem>("rem", "+%s = %d", "ignored, does nothing", "comment");
-const PARSE_TREE row_retrieve_tree = pt_command<simple_do_retrieve_tree>(
-    "retrieve-tree", "%d = %d", "retrieve the command tree (used only by 'orb' program)", "code");
-const PARSE_TREE row_shutdown =
+constinit const PARSE_TREE row_rem =
+    pt_command<simple_do_rem>("rem", "+%s = %d", "ignored, does nothing", "comment");
+constinit const PARSE_TREE row_shutdown =
     pt_command<simple_do_shutdown>("shutdown", "", "shutdown all sessions and exit the server", "");
-const PARSE_TREE row_status =
+constinit const PARSE_TREE row_status =
     pt_command<simple_do_status>("status", "= %d", "display the status of the server", "");
-const PARSE_TREE row_debug =
-    pt_command<do_debug>("debug", "on off", "set debugging on or off", "switch on/switch off");
+constinit const PARSE_TREE row_debug =
+    pt_command<do_debug>("debug", debug_format, "set debugging on or off", "switch on/switch off");
 
 } // namespace kestrel

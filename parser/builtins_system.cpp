@@ -1,5 +1,6 @@
 // The operating system's side: directories and commands of the host.
 #include "parser/builtins.h"
+#include "server/os_command.h"
 #include "server/output.h"
 
 #include <string>
@@ -36,17 +37,17 @@ int simple_do_system(int, int cn, const char *command) {
 
 } // namespace
 
-const PARSE_TREE row_chd =
+constinit const PARSE_TREE row_chd =
     pt_command<simple_do_chd>("chd", "%s = %d", "change current working directory", "directory");
-const PARSE_TREE row_cd =
+constinit const PARSE_TREE row_cd =
     pt_command<simple_do_chd>("cd", "%s = %d", "change current working directory", "directory");
-const PARSE_TREE row_chx =
+constinit const PARSE_TREE row_chx =
     pt_command<simple_do_chx>("chx", "%s = %d", "change current execution directory", "directory");
-const PARSE_TREE row_dir =
+constinit const PARSE_TREE row_dir =
     pt_command<simple_do_dir>("dir", "+%s = %d", "list current working directory", "directory");
-const PARSE_TREE row_ls =
+constinit const PARSE_TREE row_ls =
     pt_command<simple_do_ls>("ls", "+%s = %d", "list current working directory", "directory");
-const PARSE_TREE row_system = pt_command<simple_do_system>(
+constinit const PARSE_TREE row_system = pt_command<simple_do_system>(
     "system", "%s = %d", "execute an OS command on the local machine", "full OS-9 command and arguments");
 
 } // namespace kestrel

@@ -1,8 +1,10 @@
 // Texts: formatted printing, text files, encoded passwords.
 #include "parser/builtins.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "parser/text_format.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/base64.h"
 #include "support/file_io.h"
 
@@ -35,7 +37,10 @@ bool close_text_file(int cn, unique_file file) {
 }
 
 constexpr std::size_t printf_result_max = 1000;
-constexpr int printf_direct = 1, printf_file = 2, printf_append = 4;
+constexpr pt_format printf_format(
+    "%s +%v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v%v %v %v %v %v %v %v %v %v %v %v %v %v "
+    "%v %v %v %v %v %v %v %v %v direct file %s append = %s");
+using printf_quals = pt_qualifiers<printf_format>;
 
 std::vector<PE_Value> given_values(std::span<const pt_value> args) {
     std::vector<PE_Value> values;
@@ -52,17 +57,17 @@ std::vector<PE_Value> given_values(std::span<const pt_value> args) {
     return values;
 }
 
-pt_string print_text(int quals, int cn, const char *format, std::span<const pt_value> args) {
+pt_string print_text(const printf_quals &q, int cn, const char *format, std::span<const pt_value> args) {
     std::string error;
     std::optional<std::string> text = format_text(format, given_values(args), printf_result_max, error);
     if (!text) {
         sv_printf(cn, "! %s\n", error.c_str());
         return std::nullopt;
     }
-    if (quals & printf_direct)
+    if (q.given("direct"))
         sv_print(cn, "# " + *text + "\n");
-    if (quals & printf_file) {
-        unique_file file = open_text_file(cn, Qualifier[1].StringArg, quals & printf_append ? "a" : "w");
+    if (q.given("file")) {
+        unique_file file = open_text_file(cn, q.text("file"), q.given("append") ? "a" : "w");
         if (!file)
             return "ERROR";
         std::fputs((*text + "\n").c_str(), file.get());
@@ -72,8 +77,9 @@ pt_string print_text(int quals, int cn, const char *format, std::span<const pt_v
 }
 
 pt_string printf_command(int quals, int cn, const char *format, std::span<const pt_value> args) {
+    const printf_quals q(quals);
     try {
-        return print_text(quals, cn, format, args);
+        return print_text(q, cn, format, args);
     } catch (const std::bad_alloc &) {
         sv_printf(cn, "! Cannot malloc space for printf command\n");
         return std::nullopt;
@@ -111,29 +117,25 @@ int ascii_write_file(int, int cn, const char *name) {
     return -1;
 }
 
-const PARSE_TREE ascii_write_tree[] = {
+constinit const PARSE_TREE ascii_write_tree[] = {
     pt_command<ascii_write_file>(
         "file", "%s = %d", "write subsequent lines into an ASCII file, terminate with ':EOF'", "file name"),
     pt_end(),
 };
 
-const PARSE_TREE ascii_tree[] = {
+constinit const PARSE_TREE ascii_tree[] = {
     pt_subtree("write", ascii_write_tree, "prefix for ASCII write functions"),
     pt_end(),
 };
 
 } // namespace
 
-const PARSE_TREE row_printf = pt_command<printf_command>(
-    "printf",
-    "%s +%v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v%v %v %v %v %v %v %v %v %v %v %v %v %v "
-    "%v %v "
-    "%v %v %v %v %v %v %v direct file %s append = %s",
-    "C printf function",
+constinit const PARSE_TREE row_printf = pt_command<printf_command>(
+    "printf", printf_format, "C printf function",
     "Format string/Variable args/////////////////////////////////////////"
     "/Print output directly aswell as returning string/Print output to file <name>/Append it");
-const PARSE_TREE row_enc_password =
+constinit const PARSE_TREE row_enc_password =
     pt_command<enc_password>("enc-password", "%s = %s", "BaSe64 encode password", "password");
-const PARSE_TREE row_ascii = pt_subtree("ascii", ascii_tree, "prefix for ASCII-specific functions");
+constinit const PARSE_TREE row_ascii = pt_subtree("ascii", ascii_tree, "prefix for ASCII-specific functions");
 
 } // namespace kestrel

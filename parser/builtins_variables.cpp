@@ -2,7 +2,10 @@
 #include "parser/builtins.h"
 #include "parser/call.h"
 #include "parser/interpreter.h"
+#include "parser/qualifiers.h"
+#include "server/input.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <climits>
 #include <cmath>
@@ -15,31 +18,39 @@ namespace kestrel {
 
 namespace {
 
-constexpr int qual_local = 1; // first keyword of the variable commands
+constexpr pt_format set_int_format("%s %d local = %d");
+constexpr pt_format set_double_format("%s %g local = %d");
+constexpr pt_format set_string_format("%s %s local = %d");
+constexpr pt_format set_func_format("+ %s %s local hide = %d");
+constexpr pt_format input_format("%s %s local int double string qualifier");
 
-bool is_global(int quals) {
-    return !(quals & qual_local);
+template <const pt_format &Format> bool is_global(const pt_qualifiers<Format> &q) {
+    return !q.given("local");
 }
 
 int set_int(int quals, int cn, const char *name, int value) {
-    return set_int_variable(cn, name, value, is_global(quals));
+    const pt_qualifiers<set_int_format> q(quals);
+    return set_int_variable(cn, name, value, is_global(q));
 }
 
 int set_double(int quals, int cn, const char *name, double value) {
-    return set_double_variable(cn, name, value, is_global(quals));
+    const pt_qualifiers<set_double_format> q(quals);
+    return set_double_variable(cn, name, value, is_global(q));
 }
 
 int set_string(int quals, int cn, const char *name, const char *value) {
-    return set_string_variable(cn, name, value, is_global(quals));
+    const pt_qualifiers<set_string_format> q(quals);
+    return set_string_variable(cn, name, value, is_global(q));
 }
 
 int set_qualifier(int quals, int cn, const char *name, const char *value) {
-    return set_string_variable(cn, name, value, is_global(quals), vt_qualifier);
+    const pt_qualifiers<set_string_format> q(quals);
+    return set_string_variable(cn, name, value, is_global(q), vt_qualifier);
 }
 
 // Runs `function` as a command line and keeps its typed result.
 int set_func(int quals, int cn, const char *name, const char *function) {
-    constexpr int qual_hide = 2;
+    const pt_qualifiers<set_func_format> q(quals);
     if (!name) {
         list_variables(cn);
         return 0;
@@ -53,9 +64,9 @@ int set_func(int quals, int cn, const char *name, const char *function) {
     const int value = user_service_result(cn, function, &result, nullptr);
     if (result.type == vt_none || !sv_is_valid(cn))
         return value;
-    if (set_variable(cn, name, result, is_global(quals)) != 0)
+    if (set_variable(cn, name, result, is_global(q)) != 0)
         return -1;
-    return quals & qual_hide ? 0 : value;
+    return q.given("hide") ? 0 : value;
 }
 
 // The value of an expression as the user typed it for `input`: a number, or nothing with a line to the
@@ -71,17 +82,16 @@ std::optional<double> typed_number(int cn, const char *line) {
     return std::nullopt;
 }
 
-int store_typed(int quals, int cn, const char *name, const char *line) {
-    constexpr int as_int = 2, as_double = 4, as_qualifier = 16;
-    const bool global = is_global(quals);
-    if (quals & as_qualifier)
+int store_typed(const pt_qualifiers<input_format> &q, int cn, const char *name, const char *line) {
+    const bool global = is_global(q);
+    if (q.given("qualifier"))
         return set_string_variable(cn, name, line, global, vt_qualifier);
-    if (!(quals & (as_int | as_double)))
+    if (!q.given("int") && !q.given("double"))
         return set_string_variable(cn, name, line, global);
     const std::optional<double> value = typed_number(cn, line);
     if (!value)
         return -1;
-    if (quals & as_double)
+    if (q.given("double"))
         return set_double_variable(cn, name, *value, global);
     if (!(*value > INT_MIN - 1.0 && *value < INT_MAX + 1.0)) {
         sv_print(cn, std::string("! '") + line + "' does not fit an integer\n");
@@ -91,41 +101,46 @@ int store_typed(int quals, int cn, const char *name, const char *line) {
 }
 
 int input(int quals, int cn, const char *prompt, const char *name) {
+    const pt_qualifiers<input_format> q(quals);
     sv_print(cn, prompt);
     char line[sv_line_max + 1];
     if (!sv_getline_top(cn, line, sizeof line))
         return -1;
-    return store_typed(quals, cn, name, line);
+    return store_typed(q, cn, name, line);
 }
 
 // ---------------------------------------------------------------- eval
 
-enum eval_keyword : int {
-    eval_add = 1,
-    eval_sub = 2,
-    eval_mult = 4,
-    eval_div = 8,
-    eval_mod = 16,
-    eval_equal = 32,
-    eval_not_equal = 64
+enum class eval_op { add, sub, mult, div, mod, equal, not_equal };
+
+constexpr pt_format eval_int_format("%d + %d add sub mult div mod equal not-equal = %d");
+constexpr pt_qualifiers<eval_int_format>::choice<eval_op> int_operations[] = {
+    {"add", eval_op::add},
+    {"sub", eval_op::sub},
+    {"mult", eval_op::mult},
+    {"div", eval_op::div},
+    {"mod", eval_op::mod},
+    {"equal", eval_op::equal},
+    {"not-equal", eval_op::not_equal},
 };
 
-// True when there is something to work out; false with `failed` when the line is wrong.
-bool eval_operation(int quals, int cn, bool &failed) {
-    failed = false;
-    if (quals == 0)
-        return false;
-    if ((quals & (quals - 1)) != 0) {
+constexpr pt_format eval_double_format("%g + %g add sub mult div = %g");
+constexpr pt_qualifiers<eval_double_format>::choice<eval_op> double_operations[] = {
+    {"add", eval_op::add}, {"sub", eval_op::sub}, {"mult", eval_op::mult}, {"div", eval_op::div}};
+
+// True when the operation can be worked out with what is given; false after a line to the session. Nothing stands
+// for several operations.
+bool can_evaluate(int cn, std::optional<eval_op> op) {
+    if (!op)
         sv_printf(cn, "! Can only do one off add/sub/mult/div/equal\n");
-        failed = true;
-    } else if (OptionalArgumentCount < 1) {
+    else if (OptionalArgumentCount < 1)
         sv_printf(cn, "! Need Optional Argument for basic maths\n");
-        failed = true;
-    }
-    return !failed;
+    else
+        return true;
+    return false;
 }
 
-int eval_division(int quals, int cn, int a, int b) {
+int eval_division(int cn, eval_op op, int a, int b) {
     if (b == 0) {
         sv_printf(cn, "! Integer division by zero\n");
         return -1;
@@ -134,40 +149,46 @@ int eval_division(int quals, int cn, int a, int b) {
         sv_printf(cn, "! Integer quotient does not fit in 32 bits\n");
         return -1;
     }
-    return quals == eval_div ? a / b : a % b;
+    return op == eval_op::div ? a / b : a % b;
 }
 
 int eval_int(int quals, int cn, int a, int b) {
-    bool failed = false;
-    if (!eval_operation(quals, cn, failed))
-        return failed ? -1 : a;
+    const pt_qualifiers<eval_int_format> q(quals);
+    if (q.none())
+        return a;
+    const std::optional<eval_op> op = q.only(int_operations);
+    if (!can_evaluate(cn, op))
+        return -1;
     const unsigned x = static_cast<unsigned>(a), y = static_cast<unsigned>(b);
-    switch (quals) {
-    case eval_add:
+    switch (*op) {
+    case eval_op::add:
         return static_cast<int>(x + y);
-    case eval_sub:
+    case eval_op::sub:
         return static_cast<int>(x - y);
-    case eval_mult:
+    case eval_op::mult:
         return static_cast<int>(x * y);
-    case eval_equal:
+    case eval_op::equal:
         return a == b;
-    case eval_not_equal:
+    case eval_op::not_equal:
         return a != b;
     default:
-        return eval_division(quals, cn, a, b);
+        return eval_division(cn, *op, a, b);
     }
 }
 
 double eval_double(int quals, int cn, double a, double b) {
-    bool failed = false;
-    if (!eval_operation(quals, cn, failed))
-        return failed ? -1.0 : a;
-    switch (quals) {
-    case eval_add:
+    const pt_qualifiers<eval_double_format> q(quals);
+    if (q.none())
+        return a;
+    const std::optional<eval_op> op = q.only(double_operations);
+    if (!can_evaluate(cn, op))
+        return -1.0;
+    switch (*op) {
+    case eval_op::add:
         return a + b;
-    case eval_sub:
+    case eval_op::sub:
         return a - b;
-    case eval_mult:
+    case eval_op::mult:
         return a * b;
     default:
         return a / b;
@@ -198,11 +219,11 @@ pt_string eval_qualifier(int, int, const char *text) {
     return text;
 }
 
-const PARSE_TREE eval_tree[] = {
-    pt_command<eval_int>("int", "%d + %d add sub mult div mod equal not-equal = %d", "Evaluate an integer",
+constinit const PARSE_TREE eval_tree[] = {
+    pt_command<eval_int>("int", eval_int_format, "Evaluate an integer",
                          "First integer/Second integer/Add/Subtract/Multiply/Divide/Remainder/1 if equal/"
                          "1 if not equal"),
-    pt_command<eval_double>("double", "%g + %g add sub mult div = %g", "Evaluate a double",
+    pt_command<eval_double>("double", eval_double_format, "Evaluate a double",
                             "First number/Second number/Add/Subtract/Multiply/Divide"),
     pt_command<eval_string>("string", "%s + %s %s %s %s %s %s %s = %s", "Join strings",
                             "First string/Next string/Next string/Next string/Next string/Next string/"
@@ -213,21 +234,22 @@ const PARSE_TREE eval_tree[] = {
 
 } // namespace
 
-const PARSE_TREE row_set_func = pt_command<set_func>(
-    "set-func", "+ %s %s local hide = %d", "Set Variable 'name' from return code of 'function'",
-    "Variable name/Command line/Set local variable/Return 0 unless it failed");
-const PARSE_TREE row_set_int = pt_command<set_int>(
-    "set-int", "%s %d local = %d", "Set variable to an integer", "Variable name/Value/Set local variable");
-const PARSE_TREE row_set_double = pt_command<set_double>(
-    "set-double", "%s %g local = %d", "Set variable to an Double", "Variable name/Value/Set local variable");
-const PARSE_TREE row_set_string = pt_command<set_string>(
-    "set-string", "%s %s local = %d", "Set variable to an string", "Variable name/Value/Set local variable");
-const PARSE_TREE row_set_qualifier =
-    pt_command<set_qualifier>("set-qualifier", "%s %s local = %d", "Set variable to a Qualifier",
+constinit const PARSE_TREE row_set_func =
+    pt_command<set_func>("set-func", set_func_format, "Set Variable 'name' from return code of 'function'",
+                         "Variable name/Command line/Set local variable/Return 0 unless it failed");
+constinit const PARSE_TREE row_set_int = pt_command<set_int>(
+    "set-int", set_int_format, "Set variable to an integer", "Variable name/Value/Set local variable");
+constinit const PARSE_TREE row_set_double = pt_command<set_double>(
+    "set-double", set_double_format, "Set variable to an Double", "Variable name/Value/Set local variable");
+constinit const PARSE_TREE row_set_string = pt_command<set_string>(
+    "set-string", set_string_format, "Set variable to an string", "Variable name/Value/Set local variable");
+constinit const PARSE_TREE row_set_qualifier =
+    pt_command<set_qualifier>("set-qualifier", set_string_format, "Set variable to a Qualifier",
                               "Variable name/Value/Set local variable");
-const PARSE_TREE row_input =
-    pt_command<input>("input", "%s %s local int double string qualifier", "Promt user to input a value",
+constinit const PARSE_TREE row_input =
+    pt_command<input>("input", input_format, "Promt user to input a value",
                       "Prompt/Variable name/Set local variable/As integer/As double/As string/As qualifier");
-const PARSE_TREE row_eval = pt_subtree("eval", eval_tree, "Evaluate various types, for set command");
+constinit const PARSE_TREE row_eval =
+    pt_subtree("eval", eval_tree, "Evaluate various types, for set command");
 
 } // namespace kestrel

@@ -11,7 +11,7 @@ namespace kestrel {
 
 namespace {
 
-// A function has the forms that are not null.
+// A null form is one that the function does not have: an integer argument is then converted to double.
 struct function {
     std::string_view name;
     bool (*int_to_int)(int argument, int &result); // false for an argument outside the function's domain

@@ -14,7 +14,6 @@ void help(int cn, const PARSE_TREE &entry);         // for "?" in place of an ar
 
 // The dump of one table and, recursively, its sub-tables.
 void stuff(int cn, const PARSE_TREE *table);
-int simple_do_retrieve_tree(int quals, int cn, int code);
 
 // Completion: whole lines made of what is typed and each name that may follow, in table order.
 std::vector<std::string> user_sv_ln_completion(std::string_view line);

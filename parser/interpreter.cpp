@@ -9,6 +9,7 @@
 #include "parser/result.h"
 #include "parser/text.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <algorithm>
 #include <array>
@@ -34,7 +35,7 @@ int nesting = 0; // lines being interpreted, one inside the other
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    std::array<scanned_line, 8> typed; // who polls sends the same few lines; a script keeps its own
+    std::array<scanned_line, 8> typed; // a polling client repeats a few lines; scripts keep their own
     token next;
     std::vector<pt_value> values;
     std::vector<std::string> strings; // of the values of type 's', in their order
@@ -53,7 +54,7 @@ class nested_scratch {
     nested_scratch() : level_(nesting) {
         if (level_ < line_nesting_max && !kept_[level_])
             kept_[level_] = std::make_unique<scratch>();
-        ++nesting; // last: without memory there is no level to leave
+        ++nesting; // last: when the allocation above throws, the destructor does not run
     }
     ~nested_scratch() {
         --nesting;

@@ -14,15 +14,16 @@ namespace kestrel {
 // Lines within lines (`if`, `set-func`, macros that run themselves) may go this deep.
 inline constexpr int line_nesting_max = 100;
 
-// Asked after each command: true when what it did is worth nothing after all; the hook has said why. The
-// command's result then is that of a failure. Called with `begins` before a line's own command: what came
-// earlier is not its doing. May be null.
+// The program's check that nothing from outside spoiled a command's work, as when another process cuts short a
+// data module that the command reads. Called with `begins` before the command of each typed line, so that what
+// was spoiled between two lines is not held against the next; and without it after every command. Then true
+// means spoiled: the check has told the session why, and the command's result becomes that of a failure. May
+// be null.
 extern bool (*user_command_spoiled)(int cn, bool begins);
 
 // Interprets one line and returns its integer result (-1 for every error).
-//   result_out    when given, takes the typed result, which is then not printed; its type stays as it was
-//   when
-//                 the line gave none
+//   result_out    when given, takes the typed result, which is then not printed; when the line gave none,
+//                 its type stays as it was
 //   print_result  1 prints the "* " result line
 //   log, vlog     command logs, or null
 //   status_out    when given: 1 if the line was a bare value, else 0

@@ -1,7 +1,10 @@
 #include "parser/loops.h"
 
+#include "parser/builtins.h"
 #include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "parser/variables.h"
+#include "server/include_level.h"
 #include "server/output.h"
 
 #include <cstdint>
@@ -28,11 +31,9 @@ struct loop {
 
 std::vector<loop> stack;
 
-constexpr int qual_global = 2; // second keyword of for and for-each
-
 // The running include file; null after two lines to the session when there is none.
 script_file *include_file(int cn) {
-    script_file *file = sv_get_descriptor(cn)->include;
+    script_file *file = sv_get_include(cn);
     if (file)
         return file;
     sv_printf(cn, "! Not include file, Cannot lsek\n");
@@ -110,15 +111,18 @@ bool step_foreach(loop &l) {
     return true;
 }
 
-} // namespace
+// ---- the commands
+
+constexpr pt_format for_format("%s %d %d + %d local global");
 
 int for_command(int quals, int cn, const char *name, int first, int last, int step) {
+    const pt_qualifiers<for_format> q(quals);
     if (OptionalArgumentCount == 0)
         step = last > first ? 1 : -1;
     loop *l = open_loop(cn, loop_type::for_loop);
     if (!l)
         return -1;
-    l->variable = make_variable(cn, name, quals & qual_global);
+    l->variable = make_variable(cn, name, q.given("global"));
     if (!l->variable)
         return drop_loop();
     l->variable->type = vt_int;
@@ -128,7 +132,12 @@ int for_command(int quals, int cn, const char *name, int first, int last, int st
     return 0;
 }
 
+constexpr pt_format foreach_format(
+    "%s %s + %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s %s "
+    "%s %s %s %s %s %s local global = %d");
+
 int foreach_command(int quals, int cn, const char *name, std::span<const pt_value> strings) {
+    const pt_qualifiers<foreach_format> q(quals);
     std::vector<std::string> values; // all there before the loop opens: it never stands half made
     for (const pt_value &s : strings)
         if (s.type)
@@ -136,7 +145,7 @@ int foreach_command(int quals, int cn, const char *name, std::span<const pt_valu
     loop *l = open_loop(cn, loop_type::for_each);
     if (!l)
         return -1;
-    l->variable = make_variable(cn, name, quals & qual_global);
+    l->variable = make_variable(cn, name, q.given("global"));
     if (!l->variable)
         return drop_loop();
     l->variable->type = vt_string;
@@ -173,6 +182,8 @@ int while_command(int, int cn, int value) {
     return 0;
 }
 
+} // namespace
+
 bool loops_are_open() {
     return !stack.empty();
 }
@@ -183,5 +194,18 @@ void loopstack_finish_script(int cn, int level) {
         stack.pop_back();
     }
 }
+
+constinit const PARSE_TREE row_for =
+    pt_command<for_command>("for", for_format, "Start loop FOR name = first TO last STEP step",
+                            "Variable name/First/Last/Step/Set local variable (default)/Set global variable");
+constinit const PARSE_TREE row_for_each = pt_command<foreach_command>(
+    "for-each", foreach_format, "Start loop FOR name = each string in turn",
+    "Variable name/First string/Next strings//////////////////////////////////////"
+    "/Set local variable (default)/Set global variable");
+constinit const PARSE_TREE row_next =
+    pt_command<next_command>("next", "", "Termination of both for command loops", "");
+constinit const PARSE_TREE row_do = pt_command<do_command>("do", "= %d", "Start do ... while loop", "");
+constinit const PARSE_TREE row_while =
+    pt_command<while_command>("while", "%d = %d", "Complete do ... while loop", "Value");
 
 } // namespace kestrel

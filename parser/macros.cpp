@@ -1,5 +1,6 @@
 #include "parser/macros.h"
 
+#include "parser/builtins.h"
 #include "server/output.h"
 
 #include <new>
@@ -30,6 +31,8 @@ const std::string *macro_text(std::string_view name) {
     return m ? &m->text : nullptr;
 }
 
+namespace {
+
 int simple_macro_command(int, int cn, const char *name, const char *text) {
     macro *m = find(name);
     try {
@@ -56,5 +59,12 @@ int simple_macro_list(int, int cn) {
         sv_print(cn, "# '" + m.name + "'\t'" + m.text + "'\n");
     return 0;
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_macro = pt_command<simple_macro_command>(
+    "macro", "%s %s = %d", "define a macro to be inserted using @macro_name", "Macro name/Text");
+constinit const PARSE_TREE row_macro_list =
+    pt_command<simple_macro_list>("macro-list", "= %d", "list macros", "");
 
 } // namespace kestrel

@@ -1,4 +1,5 @@
-// parser: macros, short names for command texts. One list for the whole server.
+// parser: macros, short names for command texts. One list for the whole server. The rows of `macro` and
+// `macro-list` are in parser/builtins.h.
 #pragma once
 
 #include <string>
@@ -8,8 +9,5 @@ namespace kestrel {
 
 // The macro's text; null when there is none of that name.
 const std::string *macro_text(std::string_view name);
-
-int simple_macro_command(int quals, int cn, const char *name, const char *text);
-int simple_macro_list(int quals, int cn);
 
 } // namespace kestrel

@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <initializer_list>
+#include <optional>
 
 namespace kestrel {
 
@@ -83,10 +84,37 @@ template <const pt_format &Format> class pt_qualifiers {
         return -1;
     }
 
-    // pt_check_names of these words.
-    int check_names(int cn, std::initializer_list<any_word> words) const {
+    // A keyword and what it stands for, for tables of alternatives.
+    template <class T> struct choice {
+        any_word word;
+        T means;
+    };
+
+    // What the first of the table's words that is given stands for; what the only one stands for, and nothing
+    // when there are several.
+    template <class T, std::size_t N> std::optional<T> first(const choice<T> (&table)[N]) const {
+        for (const choice<T> &c : table) {
+            if (given(c.word))
+                return c.means;
+        }
+        return std::nullopt;
+    }
+    template <class T, std::size_t N> std::optional<T> only(const choice<T> (&table)[N]) const {
+        std::optional<T> found;
+        for (const choice<T> &c : table) {
+            if (!given(c.word))
+                continue;
+            if (found)
+                return std::nullopt;
+            found = c.means;
+        }
+        return found;
+    }
+
+    // For words that name where data go, as pt_check_names.
+    int check_names(int cn, std::initializer_list<text_word> words) const {
         unsigned mask = 0;
-        for (const any_word &word : words)
+        for (const text_word &word : words)
             mask |= 1U << word.index;
         return pt_check_names(cn, mask);
     }

@@ -1,5 +1,6 @@
 #include "parser/result.h"
 
+#include "server/logs.h"
 #include "server/output.h"
 
 #include <charconv>

@@ -1,3 +1,4 @@
+#include "parser/builtins.h"
 #include "parser/format.h"
 #include "parser/help.h"
 #include "server/output.h"
@@ -46,10 +47,17 @@ void stuff(int cn, const PARSE_TREE *table) {
     }
 }
 
+namespace {
+
 int simple_do_retrieve_tree(int, int cn, int code) {
     if (code == retrieve_code)
         stuff(cn, pt_root());
     return 0;
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_retrieve_tree = pt_command<simple_do_retrieve_tree>(
+    "retrieve-tree", "%d = %d", "retrieve the command tree (used only by 'orb' program)", "code");
 
 } // namespace kestrel

@@ -1,12 +1,17 @@
 #include "parser/script.h"
 
+#include "parser/builtins.h"
 #include "parser/interpreter.h"
 #include "parser/loops.h"
 #include "parser/preprocess.h"
+#include "parser/qualifiers.h"
 #include "parser/search_path.h"
 #include "parser/variables.h"
+#include "server/include_level.h"
 #include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/output.h"
+#include "server/session.h"
 
 #include <cstdio>
 #include <memory>
@@ -19,38 +24,6 @@ namespace {
 
 int return_value = 0;
 bool sv_break_include = false; // set by `return`: the current file ends after this line
-
-// keywords of include, in format order
-constexpr int qual_echo = 1, qual_no_exit_error = 2, qual_show_returns = 4, qual_mask_cntrl_c = 8,
-              qual_cntrl_c_ret_neg = 16;
-
-// The session reads the file while this stands. What the session read before comes back, unless it has ended.
-class include_level {
-  public:
-    include_level(int cn, script_file &file)
-        : cn_(cn), session_(sv_get_descriptor(cn)), outer_(session_->include), outer_in_(session_->in) {
-        if (session_->include_lvl == 0)
-            session_->include_top_path = session_->in;
-        session_->in = file.fd();
-        session_->include = &file;
-        ++session_->include_lvl;
-    }
-    ~include_level() {
-        if (!sv_is_valid(cn_))
-            return;
-        --session_->include_lvl;
-        session_->include = outer_;
-        session_->in = outer_in_;
-    }
-    include_level(const include_level &) = delete;
-    include_level &operator=(const include_level &) = delete;
-
-  private:
-    int cn_;
-    client_descriptor *session_;
-    script_file *outer_;
-    int outer_in_;
-};
 
 // Drops the loops that a script leaves open, however it ends.
 class open_loops {
@@ -66,7 +39,8 @@ class open_loops {
     int depth_;
 };
 
-// A script's level of variables; its outer script's return value and flag are its own again afterwards.
+// A script's level of local variables. What `return` sets is cleared at its start and at its end, so that neither
+// script of a nested pair sees the other's.
 class script_level {
   public:
     explicit script_level(int cn) : raised_(variables_enter_level()) {
@@ -219,15 +193,29 @@ include_end sv_include_file(int cn, script_file &file, const include_options &op
     return end;
 }
 
+void include_startup(int cn, const char *, int fd) {
+    script_file file{unique_fd(fd)};
+    sv_include_file(cn, file, {});
+}
+
+namespace {
+
+constexpr pt_format include_format(
+    "%s + %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v %v "
+    "echo no-exit-error show-returns mask-cntrl-c cntrl-c-ret-neg = %d");
+
 int simple_do_include(int quals, int cn, const char *includefile, std::span<const pt_value> args) {
+    const pt_qualifiers<include_format> q(quals);
     unique_fd fd = search_path_open(cn, includefile);
     if (!fd) {
         sv_print(cn, std::string("! Can't open file ") + includefile + ".\n");
         return -1;
     }
-    const include_options options{(quals & qual_echo) != 0, (quals & qual_no_exit_error) == 0,
-                                  (quals & qual_show_returns) != 0, (quals & qual_mask_cntrl_c) != 0,
-                                  (quals & qual_cntrl_c_ret_neg) != 0};
+    const include_options options{.echo = q.given("echo"),
+                                  .exit_on_error = !q.given("no-exit-error"),
+                                  .show_returns = q.given("show-returns"),
+                                  .mask_interrupt = q.given("mask-cntrl-c"),
+                                  .negative_interrupt = q.given("cntrl-c-ret-neg")};
     script_file file(std::move(fd));
     const script_level level(cn);
     if (level.raised())
@@ -244,9 +232,14 @@ int simple_return_command(int, int, int value) {
     return 0;
 }
 
-void include_startup(int cn, const char *, int fd) {
-    script_file file{unique_fd(fd)};
-    sv_include_file(cn, file, {});
-}
+} // namespace
+
+constinit const PARSE_TREE row_include = pt_command<simple_do_include>(
+    "include", include_format, "include a command file at this point",
+    "File name/Arguments///////////////////////////////"
+    "/Show each line/Go on after errors/Show the result of each command/^C does not end the script/"
+    "Return -1 when ended by ^C");
+constinit const PARSE_TREE row_return =
+    pt_command<simple_return_command>("return", "+%d = %d", "Return integer value from script", "Value");
 
 } // namespace kestrel

@@ -1,10 +1,8 @@
-// parser: scripts (include files): running one, their levels of local variables, and how they end.
+// parser: scripts (include files): running one, their levels of local variables, and how they end. The rows
+// of `include` and `return` are in parser/builtins.h.
 #pragma once
 
-#include "parser/handler.h"
 #include "server/script_file.h"
-
-#include <span>
 
 namespace kestrel {
 
@@ -23,9 +21,6 @@ enum class include_end { refused, finished, interrupted };
 
 // Runs the lines of an opened file on the session.
 include_end sv_include_file(int cn, script_file &file, const include_options &options);
-
-int simple_do_include(int quals, int cn, const char *includefile, std::span<const pt_value> args);
-int simple_return_command(int quals, int cn, int value);
 
 // The start-up file, already opened, on session `cn`.
 void include_startup(int cn, const char *name, int fd);

@@ -56,9 +56,12 @@ std::optional<conversion> take_conversion(std::string_view format, std::size_t &
     return c;
 }
 
+// The one place with formats that the compiler cannot check: a user wrote them. take_conversion has put each
+// together from checked pieces, one conversion with a field of at most 999 characters, and print_value calls
+// with a value of the conversion's type.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <class T> std::string print(const std::string &spec, T value) {
-    // The conversion was put together above from checked pieces: one conversion, a field of at most 999
-    // characters.
     const int length = std::snprintf(nullptr, 0, spec.c_str(), value);
     if (length < 0)
         return {};
@@ -66,6 +69,7 @@ template <class T> std::string print(const std::string &spec, T value) {
     std::snprintf(text.data(), text.size() + 1, spec.c_str(), value);
     return text;
 }
+#pragma GCC diagnostic pop
 
 std::optional<std::string> print_value(const conversion &c, const PE_Value &value, std::string &error) {
     if (c.letter == 's') {

@@ -66,7 +66,7 @@ std::string shown(const Variable &v) {
     }
 }
 
-// In one piece, so that a log can see a password's name beside its value.
+// Printed in one call: a log masks the value after the word `password`, and must see both at once.
 void print_variable(int cn, const Variable &v) {
     std::string line = "# " + v.name;
     line.resize(std::max(line.size(), std::size_t{17}), ' ');

@@ -1,7 +1,6 @@
 #include "server/data_channel.h"
 
-#include "server/interrupt.h"
-#include "server/outbox.h"
+#include "server/client_descriptor.h"
 #include "server/output.h"
 #include "server/wait.h"
 #include "support/fd.h"
@@ -22,21 +21,19 @@ constexpr int connect_wait_ms = 10'000;
 // (on loopback 8 MiB a call are a quarter slower).
 constexpr std::size_t send_most = 1 << 20;
 
-int not_connected() {
-    std::fprintf(stderr, "server: Not connected to client's data port yet.\n");
-    errno = ENOTCONN;
-    return -1;
-}
-
-// A format that shows the error; callers find it in errno, too.
-int cannot_open(const char *format, int error) {
-    std::fprintf(stderr, format, error);
+// For callers, which find the error in errno.
+int failed_with(int error) {
     errno = error;
     return -1;
 }
 
+int not_connected() {
+    std::fprintf(stderr, "server: Not connected to client's data port yet.\n");
+    return failed_with(ENOTCONN);
+}
+
 bool has_channel(int cn) {
-    return sv_is_valid(cn) && client[cn].data_port >= 0 && client[cn].data >= 0;
+    return sv_is_valid(cn) && client[cn].channel.data_port >= 0 && client[cn].channel.data >= 0;
 }
 
 // 0, or the error that ended the wait for a connection under way.
@@ -71,7 +68,7 @@ bool wait_for_progress(int cn, short events) {
         return true;
     if (errno != EAGAIN && errno != EWOULDBLOCK)
         return false;
-    const auto wait = sv_wait_fd(client[cn].data, events, static_cast<int>(sv_patience.count()));
+    const auto wait = sv_wait_fd(client[cn].channel.data, events, static_cast<int>(sv_patience.count()));
     errno = wait == wait_result::interrupted ? EINTR : ETIMEDOUT;
     return wait == wait_result::ready;
 }
@@ -87,40 +84,51 @@ bool is_good(int fd) {
     return told == 0;
 }
 
-void close_channel(int cn, bool report) {
-    if (!sv_is_valid(cn) || client[cn].data < 0)
-        return;
-    client_descriptor &c = client[cn];
-    if (::shutdown(c.data, SHUT_RDWR) != 0 && report)
+void close_and_report(int cn) {
+    if (sv_is_valid(cn) && !sv_channel_close(client[cn].channel))
         sv_printf(cn, "! Error on shutdown, sock_errno = %d\n", errno);
-    ::close(c.data);
-    c.data = -1;
 }
 
 } // namespace
 
+bool sv_channel_close(session_channel &channel) {
+    if (channel.data < 0)
+        return true;
+    const int error = ::shutdown(channel.data, SHUT_RDWR) == 0 ? 0 : errno;
+    ::close(channel.data);
+    channel.data = -1;
+    errno = error;
+    return error == 0;
+}
+
 void sv_data_setport(int cn, int port) {
     if (!sv_is_valid(cn))
         return;
-    close_channel(cn, false);
-    client[cn].data_port = port;
+    session_channel &channel = client[cn].channel;
+    sv_channel_close(channel);
+    channel.data_port = port;
 }
 
 int sv_data_open(int cn) {
-    if (!sv_is_valid(cn) || client[cn].data_port < 0)
+    if (!sv_is_valid(cn) || client[cn].channel.data_port < 0)
         return not_connected();
-    client_descriptor &c = client[cn];
-    if (c.data >= 0 && is_good(c.data))
-        return c.data;
-    close_channel(cn, false);
+    session_channel &channel = client[cn].channel;
+    if (channel.data >= 0 && is_good(channel.data))
+        return channel.data;
+    sv_channel_close(channel);
     sv_flush_all(cn);
     unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd)
-        return cannot_open("server: sv_data: Failed when creating a socket. (sock_errno=%d)\n", errno);
-    if (const int error = connect_to(fd.get(), c.addr, c.data_port))
-        return cannot_open("server: sv_data: Failed to connect to data socket (sock_errno=%d).\n", error);
-    c.data = fd.release();
-    return c.data;
+    if (!fd) {
+        const int error = errno;
+        std::fprintf(stderr, "server: sv_data: Failed when creating a socket. (sock_errno=%d)\n", error);
+        return failed_with(error);
+    }
+    if (const int error = connect_to(fd.get(), client[cn].addr, channel.data_port)) {
+        std::fprintf(stderr, "server: sv_data: Failed to connect to data socket (sock_errno=%d).\n", error);
+        return failed_with(error);
+    }
+    channel.data = fd.release();
+    return channel.data;
 }
 
 ssize_t sv_data_write(int cn, const void *buffer, std::size_t len) {
@@ -131,7 +139,7 @@ ssize_t sv_data_write(int cn, const void *buffer, std::size_t len) {
     std::size_t sent = 0;
     while (sent < len) {
         const ssize_t n =
-            ::send(client[cn].data, bytes + sent, std::min(len - sent, send_most), MSG_NOSIGNAL);
+            ::send(client[cn].channel.data, bytes + sent, std::min(len - sent, send_most), MSG_NOSIGNAL);
         if (n >= 0)
             sent += static_cast<std::size_t>(n);
         else if (!wait_for_progress(cn, POLLOUT))
@@ -145,7 +153,7 @@ ssize_t sv_data_read(int cn, void *buffer, std::size_t len) {
         return not_connected();
     sv_flush_all(cn);
     for (;;) {
-        const ssize_t n = ::recv(client[cn].data, buffer, len, 0);
+        const ssize_t n = ::recv(client[cn].channel.data, buffer, len, 0);
         if (n >= 0)
             return n;
         if (!wait_for_progress(cn, POLLIN))
@@ -154,13 +162,13 @@ ssize_t sv_data_read(int cn, void *buffer, std::size_t len) {
 }
 
 void sv_data_close(int cn) {
-    close_channel(cn, true);
+    close_and_report(cn);
 }
 void sv_data_abort(int cn) {
-    close_channel(cn, true);
+    close_and_report(cn);
 }
 int sv_get_data_sock(int cn) {
-    return sv_is_valid(cn) ? client[cn].data : -1;
+    return sv_is_valid(cn) ? client[cn].channel.data : -1;
 }
 
 } // namespace kestrel

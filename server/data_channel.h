@@ -7,6 +7,14 @@
 
 namespace kestrel {
 
+struct session_channel {
+    int data_port = -1; // the client's, -1 before it has announced one
+    int data = -1;      // the socket, -1 while none is connected
+};
+
+// Shuts the socket down and closes it, if there is one: false, with errno, when the shutting down failed.
+bool sv_channel_close(session_channel &channel);
+
 void sv_data_setport(int cn, int port);
 // The connected socket, or negative with errno set. One that was kept is used again unless the client has
 // closed its end (or half of it); then a new one is connected.

@@ -1,11 +1,13 @@
 // server: direct mode. The terminal is session 0; the line-editing library reads it. A pipe instead of a
 // terminal is read like any session, so that a command's `input` and the loop take from one buffer.
+#include "server/client_descriptor.h"
 #include "server/hooks.h"
 #include "server/input.h"
 #include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/loops.h"
-#include "server/outbox.h"
 #include "server/output.h"
+#include "server/timebar.h"
 #include "server/wait.h"
 
 #include <cstdio>
@@ -118,8 +120,8 @@ struct free_memory {
 
 // One line of the terminal; false at the end of its input.
 bool edit_line(std::string &line) {
-    client[terminal].received.clear(); // the rest of an answer typed ahead of its question
-    client[terminal].taken = 0;
+    receive_buffer &received = client[terminal].received;
+    sv_take(received, sv_received(received).size()); // the rest of an answer typed ahead of its question
     line_interrupted = false;
     const std::unique_ptr<char, free_memory> text(::readline("> "));
     if (!text) {
@@ -157,7 +159,7 @@ void serve_lines() {
     std::string line;
     while (!close_server) {
         sv_quit = 0;
-        outbox_append(terminal, "", {.below_timebar = true}); // the prompt starts on a line of its own
+        outbox_append(terminal, "", {.open_line = timebar_line()}); // the prompt starts on a line of its own
         if (editing)
             sv_flush_all(terminal);
         if (!(editing ? edit_line(line) : read_line(line)))

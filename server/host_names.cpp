@@ -1,6 +1,8 @@
 // server: names of peers. A name server may take its time or never answer, so a thread of its own asks it and
 // the command thread waits for a bounded time only; an answer that comes later is kept for the next question.
-#include "server/outbox.h"
+#include "server/host_names.h"
+
+#include "server/client_descriptor.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <csignal>
 #include <exception>
 #include <map>
+#include <mutex>
 #include <netdb.h>
 #include <new>
 #include <set>
@@ -129,6 +132,10 @@ std::map<in_addr_t, std::string> host_names(const std::set<in_addr_t> &addresses
 }
 
 } // namespace
+
+std::string sv_get_address(int cn) {
+    return sv_is_valid(cn) ? dotted(client[cn].addr.sin_addr.s_addr) : std::string();
+}
 
 std::string sv_get_hostname(int cn) {
     if (!sv_is_valid(cn))

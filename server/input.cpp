@@ -1,8 +1,7 @@
 #include "server/input.h"
 
-#include "server/input_machine.h"
-#include "server/interrupt.h"
-#include "server/outbox.h"
+#include "server/client_descriptor.h"
+#include "server/logs.h"
 #include "server/output.h"
 #include "server/wait.h"
 
@@ -23,10 +22,8 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t block_size = 64 * 1024;
-constexpr std::size_t kept_capacity = 4096; // of a receive buffer that is used up
-constexpr int control_c = 3;                // a telnet user's interrupt
-constexpr int look_around_ms = 1000;        // how soon a session that broke meanwhile is noticed
+constexpr int control_c = 3;         // a telnet user's interrupt
+constexpr int look_around_ms = 1000; // how soon a session that broke meanwhile is noticed
 constexpr std::chrono::seconds cursor_report_wait{2};
 
 // Without memory for what was read nobody knows where the next line begins.
@@ -83,12 +80,12 @@ void deliver(int cn, const std::string &reply, const std::string &notice) {
 
 // Where the session's terminal echoes by itself, the server does not.
 bool echoes(const client_descriptor &c) {
-    return c.echo_mode != 0 && (c.is_socket || ::isatty(sv_input_fd(c)) == 0);
+    return c.machine.echo_mode != 0 && (c.is_socket || ::isatty(sv_input_fd(c)) == 0);
 }
 
-bool read_script_line(client_descriptor &c, std::string &line) {
+bool read_script_line(script_file *file, std::string &line) {
     std::string_view text;
-    if (!c.include || !c.include->read_line(text, sv_line_max))
+    if (!file || !file->read_line(text, sv_line_max))
         return false;
     line = text;
     return true;
@@ -97,11 +94,11 @@ bool read_script_line(client_descriptor &c, std::string &line) {
 char *_getline(int cn, char *buffer, std::size_t len, bool use_top) {
     if (!sv_is_valid(cn) || len == 0)
         return nullptr;
-    client_descriptor &c = client[cn];
+    const session_script &script = client[cn].script;
     std::string line;
     read_status status = read_status::done;
-    if (c.include_lvl > 0 && !use_top)
-        status = read_script_line(c, line) ? read_status::done : read_status::end;
+    if (script.include_lvl > 0 && !use_top)
+        status = read_script_line(script.include, line) ? read_status::done : read_status::end;
     else
         status = sv_read_line(cn, line);
     if (status != read_status::done) {
@@ -116,9 +113,9 @@ char *_getline(int cn, char *buffer, std::size_t len, bool use_top) {
 }
 
 // Takes "ESC [ row ; column R" out of what is received; the rest stays in order.
-std::optional<int> take_cursor_report(client_descriptor &c) {
-    std::string &bytes = c.received;
-    for (std::size_t at = bytes.find("\x1b[", c.taken); at != std::string::npos;
+std::optional<int> take_cursor_report(receive_buffer &buffer) {
+    std::string &bytes = buffer.bytes;
+    for (std::size_t at = bytes.find("\x1b[", buffer.taken); at != std::string::npos;
          at = bytes.find("\x1b[", at + 1)) {
         const char *p = bytes.data() + at + 2;
         const char *end = bytes.data() + bytes.size();
@@ -144,7 +141,7 @@ std::optional<int> ask_cursor_column(int cn) {
     sv_write(cn, "\x1b[6n", 4);
     sv_flush_all(cn);
     for (;;) {
-        const std::optional<int> column = take_cursor_report(c);
+        const std::optional<int> column = take_cursor_report(c.received);
         if (column)
             return column;
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - steady_clock::now()).count();
@@ -170,29 +167,29 @@ void measure_client(int cn) {
     const int width = *right - *start;
     const std::string back = "\x1b[" + std::to_string(width) + "D";
     sv_write(cn, back.data(), back.size());
-    client[cn].cols = static_cast<std::size_t>(width);
+    client[cn].machine.edit.cols = static_cast<std::size_t>(width);
 }
 
 void measure_terminal(client_descriptor &c) {
     winsize size{};
     if (::ioctl(c.out, TIOCGWINSZ, &size) == 0 && size.ws_col > 0)
-        c.cols = size.ws_col;
+        c.machine.edit.cols = size.ws_col;
 }
 
 // One byte of the session's own, telnet commands and second halves of line ends left out.
 read_status read_byte(int cn, unsigned char &byte) {
     client_descriptor &c = client[cn];
     for (;;) {
-        if (sv_received(c).empty()) {
+        if (sv_received(c.received).empty()) {
             const read_status status = wait_block(cn);
             if (status != read_status::done)
                 return status;
         }
-        byte = static_cast<unsigned char>(sv_received(c).front());
-        sv_take(c, 1);
+        byte = static_cast<unsigned char>(sv_received(c.received).front());
+        sv_take(c.received, 1);
         std::string reply;
         std::string notice;
-        const bool skipped = c.is_socket && sv_input_skips(c, byte, {reply, notice});
+        const bool skipped = c.is_socket && sv_input_skips(c.machine, byte, {reply, notice});
         deliver(cn, reply, notice);
         if (!skipped)
             return read_status::done;
@@ -201,52 +198,10 @@ read_status read_byte(int cn, unsigned char &byte) {
 
 } // namespace
 
-int sv_input_fd(const client_descriptor &c) {
-    return c.include_lvl > 0 ? c.include_top_path : c.in;
-}
-
-std::string_view sv_received(const client_descriptor &c) {
-    return std::string_view(c.received).substr(c.taken);
-}
-
-void sv_take(client_descriptor &c, std::size_t count) {
-    c.taken += count;
-    if (c.taken < c.received.size())
-        return;
-    c.taken = 0;
-    c.received.clear();
-    if (c.received.capacity() > kept_capacity)
-        c.received.shrink_to_fit();
-}
-
-ssize_t sv_receive(client_descriptor &c) {
-    static char block[block_size];
-    ssize_t n = -1;
-    do {
-        n = ::read(sv_input_fd(c), block, sizeof block);
-    } while (n < 0 && errno == EINTR && sv_quit == 0);
-    if (n <= 0)
-        return n;
-    try {
-        c.received.append(block, static_cast<std::size_t>(n));
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return -1;
-    }
-    return n;
-}
-
-bool sv_peer_is_gone(int error) {
-    static constexpr int gone[] = {EINVAL,       EBADF,       ECONNABORTED, ECONNRESET,   ENOTCONN,
-                                   ECONNREFUSED, EPIPE,       ETIMEDOUT,    EHOSTUNREACH, EHOSTDOWN,
-                                   ENETDOWN,     ENETUNREACH, ENETRESET};
-    return std::find(std::begin(gone), std::end(gone), error) != std::end(gone);
-}
-
 read_status sv_read_line(int cn, std::string &line) try {
     client_descriptor &c = client[cn];
     for (;;) {
-        if (sv_received(c).empty()) {
+        if (sv_received(c.received).empty()) {
             const read_status status = wait_block(cn);
             if (status != read_status::done)
                 return status;
@@ -255,8 +210,9 @@ read_status sv_read_line(int cn, std::string &line) try {
         std::string notice;
         std::size_t used = 0;
         const answer_form form{.telnet = c.is_socket, .echo = echoes(c)};
-        const input_event event = sv_input_answer(c, sv_received(c), used, line, form, {reply, notice});
-        sv_take(c, used);
+        const input_event event =
+            sv_input_answer(c.machine, sv_received(c.received), used, line, form, {reply, notice});
+        sv_take(c.received, used);
         deliver(cn, reply, notice);
         if (event == input_event::line)
             return read_status::done;
@@ -289,7 +245,7 @@ int sv_wait_retry(int cn) {
     sv_printf(cn, "~ Retry (Y/N)\n");
     for (;;) {
         const int byte = sv_getc(cn);
-        if (byte < 0 || (byte == control_c && client[cn].echo_mode))
+        if (byte < 0 || (byte == control_c && client[cn].machine.echo_mode))
             return -1;
         const int key = std::toupper(byte);
         if (key == 'Y' || key == 'N')
@@ -301,7 +257,7 @@ void sv_set_echo(int cn, int on) {
     if (!sv_is_valid(cn))
         return;
     client_descriptor &c = client[cn];
-    c.echo_mode = on ? 1 : 0;
+    c.machine.echo_mode = on ? 1 : 0;
     if (on && c.is_socket)
         measure_client(cn);
     else if (on)

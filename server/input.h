@@ -1,31 +1,28 @@
-// server: reading from a session's top-level input, for the loops and for commands that ask for a line. Every
-// byte goes through the session's one receive buffer, whoever reads it.
+// server: a line or a byte from a session, for the commands that ask for one and for direct mode. Waits; ^C
+// ends every wait.
 #pragma once
 
-#include "server/session.h"
-
+#include <cstddef>
 #include <string>
-#include <string_view>
-#include <sys/types.h>
 
 namespace kestrel {
 
-// The descriptor of the session's top-level input, also inside include files.
-int sv_input_fd(const client_descriptor &c);
+// Reads one line into buffer, cut to len - 1 characters. Null when the session ended or ^C came.
+// sv_getline_top reads the top-level input even inside include files.
+char *sv_getline(int cn, char *buffer, std::size_t len);
+char *sv_getline_top(int cn, char *buffer, std::size_t len);
+int sv_getc(int cn); // one byte, -1 at the end
 
-// Appends one block to c.received: the count, 0 at the end, -1 with errno.
-ssize_t sv_receive(client_descriptor &c);
+// Asks "~ Retry (Y/N)" and waits: 1 yes, 0 no, -1 when reading failed or ^C came.
+int sv_wait_retry(int cn);
 
-// What is received and not yet taken.
-std::string_view sv_received(const client_descriptor &c);
-void sv_take(client_descriptor &c, std::size_t count);
-
-// The errors that mean that the peer is gone; any other is a fault of the server.
-bool sv_peer_is_gone(int error);
+// Switches the session's echo and editing; switching on measures the width of its terminal.
+void sv_set_echo(int cn, int on);
 
 enum class read_status { done, end, interrupted, gone };
 
-// Reads one line of any length, waiting for it. At the end of the input `line` holds what had come of it.
+// Reads one line of any length from the top-level input. At the end of the input `line` holds what had come
+// of it.
 read_status sv_read_line(int cn, std::string &line);
 
 } // namespace kestrel

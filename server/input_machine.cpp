@@ -1,11 +1,6 @@
 #include "server/input_machine.h"
 
-#include "server/line_editor.h"
-
 #include <algorithm>
-#include <array>
-#include <cstdio>
-#include <cstring>
 
 namespace kestrel {
 
@@ -34,27 +29,9 @@ enum KEY_ACTION : unsigned char {
     BACKSPACE = 127,
 };
 
-// Telnet commands and options (RFC 854, 857, 858, 1073, 1184).
-enum telnet : unsigned char {
-    SE = 240,
-    SB = 250,
-    WILL = 251,
-    WONT = 252,
-    DO = 253,
-    DONT = 254,
-    IAC = 255,
-    option_echo = 1,
-    option_suppress_go_ahead = 3,
-    option_naws = 31,
-    option_linemode = 34,
-};
+constexpr std::size_t answer_max = std::size_t{1} << 20; // characters of a line that a command asked for
 
-constexpr std::array<unsigned char, 12> requests = {
-    IAC, DONT, option_linemode,          IAC, WILL, option_echo,
-    IAC, WILL, option_suppress_go_ahead, IAC, DO,   option_naws,
-};
-
-using edit_function = void (*)(client_descriptor &, std::string &);
+using edit_function = void (*)(line_edit &, std::string &);
 
 struct key_binding {
     unsigned char key;
@@ -88,351 +65,227 @@ bool between_lines(input_state state) {
     return state == input_state::First || state == input_state::PrevCR || state == input_state::PrevLF;
 }
 
-void leave_line_end(client_descriptor &c) {
-    switch (c.inp_state) {
+void leave_line_end(telnet_state &t) {
+    switch (t.inp_state) {
     case input_state::PrevCR:
-        c.inp_state = input_state::IgnoreLF;
+        t.inp_state = input_state::IgnoreLF;
         break;
     case input_state::PrevLF:
-        c.inp_state = input_state::IgnoreCR;
+        t.inp_state = input_state::IgnoreCR;
         break;
     default:
-        c.inp_state = input_state::Normal;
+        t.inp_state = input_state::Normal;
         break;
     }
 }
 
 // The second half of a line end (CR LF, LF CR) is no line of its own. Any byte but NUL ends the wait for it.
-bool is_second_half(client_descriptor &c, unsigned char byte) {
-    const input_state state = c.inp_state;
+bool is_second_half(telnet_state &t, unsigned char byte) {
+    const input_state state = t.inp_state;
     if (state != input_state::IgnoreLF && state != input_state::IgnoreCR)
         return false;
-    c.inp_state = input_state::Normal;
+    t.inp_state = input_state::Normal;
     return byte == (state == input_state::IgnoreLF ? LINE_FEED : ENTER);
 }
 
-void end_line(client_descriptor &c, unsigned char byte) {
-    c.inp_state = byte == ENTER ? input_state::PrevCR : input_state::PrevLF;
+void end_line(telnet_state &t, unsigned char byte) {
+    t.inp_state = byte == ENTER ? input_state::PrevCR : input_state::PrevLF;
 }
 
 bool ends_line(unsigned char byte) {
     return byte == ENTER || byte == LINE_FEED;
 }
 
-// ---- telnet commands
-
-template <class... A> void note(input_texts &texts, const char *format, A... values) {
-    char line[64];
-    std::snprintf(line, sizeof line, format, values...);
-    texts.notice += line;
-}
-
-void send_requests(client_descriptor &c, input_texts &texts) {
-    if (c.neg_state != negotiation_state::None)
-        return;
-    c.neg_state = negotiation_state::SentRequests;
-    texts.notice += "Sending don't line mode, will echo, will supress-go-ahead, do_naws\n";
-    texts.reply.append(requests.begin(), requests.end());
-}
-
-// The state after IAC and this byte.
-input_state after_iac(client_descriptor &c, unsigned char byte) {
-    switch (byte) {
-    case DO:
-        return input_state::GotDO;
-    case DONT:
-        return input_state::GotDONT;
-    case WILL:
-        return input_state::GotWILL;
-    case WONT:
-        return input_state::GotWONT;
-    case SB:
-        c.seq[0] = c.seq[1] = 0; // no option read yet, no IAC pending
-        return input_state::GotSB;
-    default:
-        return input_state::Normal;
-    }
-}
-
-void window_size_complete(client_descriptor &c, input_texts &texts) {
-    if (c.new_width > 0)
-        c.cols = c.new_width;
-    note(texts, "NAWS (%d, %d)\n", static_cast<int>(c.new_width), static_cast<int>(c.new_height));
-}
-
-// One byte of the window size, network order. IAC within it stands doubled.
-void window_size_byte(client_descriptor &c, unsigned char byte, input_texts &texts) {
-    if (c.seq[1] == 0 && byte == IAC) {
-        c.seq[1] = 1;
-        return;
-    }
-    if (c.seq[1] != 0 && byte != IAC) { // the report was cut short
-        c.inp_state = after_iac(c, byte);
-        return;
-    }
-    c.seq[1] = 0;
-    switch (c.inp_state) {
-    case input_state::NAWS_W1:
-        c.new_width = byte;
-        c.inp_state = input_state::NAWS_W2;
-        break;
-    case input_state::NAWS_W2:
-        c.new_width = c.new_width << 8 | byte;
-        c.inp_state = input_state::NAWS_H1;
-        break;
-    case input_state::NAWS_H1:
-        c.new_height = byte;
-        c.inp_state = input_state::NAWS_H2;
-        break;
-    default:
-        c.new_height = c.new_height << 8 | byte;
-        c.inp_state = input_state::GotSB;
-        window_size_complete(c, texts);
-        break;
-    }
-}
-
-// Inside IAC SB: the option, then its contents up to SE. Only the window size is read.
-void subnegotiation_byte(client_descriptor &c, unsigned char byte) {
-    const bool first = c.seq[0] == 0;
-    c.seq[0] = 1;
-    if (byte == SE)
-        c.inp_state = input_state::Normal;
-    else if (first && byte == option_naws)
-        c.inp_state = input_state::NAWS_W1;
-}
-
-// True when the byte is a part of a telnet command. A doubled IAC is not: it goes on as a literal byte.
-bool telnet_byte(client_descriptor &c, unsigned char byte, input_texts &texts) {
-    switch (c.inp_state) {
-    case input_state::IACFromSimple:
-    case input_state::GotIAC:
-        send_requests(c, texts);
-        c.inp_state = after_iac(c, byte);
-        return byte != IAC;
-    case input_state::GotDO:
-        note(texts, "Rcv: DO %02x\n", static_cast<unsigned>(byte));
-        break;
-    case input_state::GotDONT:
-        note(texts, "Rcv: DONT %02x\n", static_cast<unsigned>(byte));
-        break;
-    case input_state::GotWONT:
-        note(texts, "Rcv: WONT %02x\n", static_cast<unsigned>(byte));
-        break;
-    case input_state::GotWILL:
-        break;
-    case input_state::GotSB:
-        subnegotiation_byte(c, byte);
-        return true;
-    case input_state::NAWS_W1:
-    case input_state::NAWS_W2:
-    case input_state::NAWS_H1:
-    case input_state::NAWS_H2:
-        window_size_byte(c, byte, texts);
-        return true;
-    default:
-        return false;
-    }
-    c.inp_state = input_state::Normal;
-    return true;
-}
-
-bool in_telnet_command(input_state state) {
-    return state == input_state::IACFromSimple || state >= input_state::GotIAC;
-}
-
 // ---- plain mode
 
-input_event plain_byte(client_descriptor &c, unsigned char byte) {
-    if (byte == KEY_NULL || is_second_half(c, byte))
+input_event plain_byte(input_machine &m, unsigned char byte) {
+    if (byte == KEY_NULL || is_second_half(m.telnet, byte))
         return input_event::more;
     if (ends_line(byte)) {
-        end_line(c, byte);
+        end_line(m.telnet, byte);
         return input_event::line;
     }
-    if (byte == IAC) {
-        c.inp_state = input_state::IACFromSimple;
-        c.echo_mode = 1;
-        c.pos = c.len;
+    if (byte == telnet_iac) {
+        m.telnet.inp_state = input_state::IACFromSimple;
+        m.echo_mode = 1;
+        m.edit.pos = m.edit.len;
         return input_event::more;
     }
     if (byte == BACKSPACE || byte == CTRL_H) {
-        c.len -= c.len > 0 ? 1 : 0;
+        m.edit.len -= m.edit.len > 0 ? 1 : 0;
     } else {
-        if (c.len >= sv_line_max)
+        if (m.edit.len >= sv_line_max)
             return input_event::overlong;
-        c.input[c.len++] = static_cast<char>(byte);
+        m.edit.input[m.edit.len++] = static_cast<char>(byte);
     }
-    c.input[c.len] = '\0';
+    m.edit.input[m.edit.len] = '\0';
     return input_event::more;
 }
 
 // Stores the ordinary characters that `bytes` begins with, as far as the line has room; inside a plain line.
-std::size_t take_ordinary(client_descriptor &c, std::string_view bytes) {
-    const std::size_t most = std::min(bytes.size(), sv_line_max - c.len);
+std::size_t take_ordinary(input_machine &m, std::string_view bytes) {
+    const std::size_t most = std::min(bytes.size(), sv_line_max - m.edit.len);
     std::size_t n = 0;
     for (; n < most; ++n) {
         const unsigned char byte = static_cast<unsigned char>(bytes[n]);
-        if (byte < ' ' || byte == BACKSPACE || byte == IAC)
+        if (byte < ' ' || byte == BACKSPACE || byte == telnet_iac)
             break;
-        c.input[c.len + n] = bytes[n];
+        m.edit.input[m.edit.len + n] = bytes[n];
     }
-    c.len += n;
-    c.input[c.len] = '\0';
+    m.edit.len += n;
+    m.edit.input[m.edit.len] = '\0';
     return n;
 }
 
 // ---- character mode
 
 // The second byte after ESC, or the last of a longer sequence ("[3~", "[1;5C"): what is unknown does nothing.
-void escape_byte(client_descriptor &c, unsigned char byte, input_texts &texts) {
-    const bool second = c.inp_state == input_state::Seq2;
+void escape_byte(input_machine &m, unsigned char byte, input_texts &texts) {
+    const bool second = m.telnet.inp_state == input_state::Seq2;
     const bool number = (byte >= '0' && byte <= '9') || byte == ';';
     const std::size_t at = second ? 1 : 2;
-    c.seq[at] = static_cast<char>(byte);
-    c.inp_state = number && c.seq[0] == '[' ? input_state::Seq3 : input_state::Normal;
-    const std::string_view keys(c.seq, at + 1);
+    m.edit.seq[at] = static_cast<char>(byte);
+    m.telnet.inp_state = number && m.edit.seq[0] == '[' ? input_state::Seq3 : input_state::Normal;
+    const std::string_view keys(m.edit.seq, at + 1);
     for (const escape_binding &binding : escape_keys) {
         if (binding.keys == keys)
-            binding.edit(c, texts.reply);
+            binding.edit(m.edit, texts.reply);
     }
 }
 
-input_event key(client_descriptor &c, unsigned char byte, input_texts &texts) {
+input_event key(input_machine &m, unsigned char byte, input_texts &texts) {
     switch (byte) {
     case ENTER:
     case LINE_FEED:
-        sv_ln_finish(c, texts.reply);
-        end_line(c, byte);
+        sv_ln_finish(m.edit, texts.reply);
+        end_line(m.telnet, byte);
         return input_event::line;
     case CTRL_C:
         return input_event::pause;
     case CTRL_D:
-        if (c.len == 0)
+        if (m.edit.len == 0)
             return input_event::disconnect;
-        sv_ln_delete(c, texts.reply);
+        sv_ln_delete(m.edit, texts.reply);
         return input_event::more;
     case TAB:
-        if (sv_ln_complete(c, texts.reply))
-            c.inp_state = input_state::Completion;
+        if (sv_ln_complete(m.edit, texts.reply))
+            m.telnet.inp_state = input_state::Completion;
         return input_event::more;
     case ESC:
-        c.inp_state = input_state::Seq1;
+        m.telnet.inp_state = input_state::Seq1;
         return input_event::more;
     default:
         break;
     }
     for (const key_binding &binding : control_keys) {
         if (binding.key == byte) {
-            binding.edit(c, texts.reply);
+            binding.edit(m.edit, texts.reply);
             return input_event::more;
         }
     }
     if (byte >= ' ')
-        sv_ln_insert(c, static_cast<char>(byte), texts.reply);
+        sv_ln_insert(m.edit, static_cast<char>(byte), texts.reply);
     return input_event::more;
 }
 
 // True when the key belonged to the cycling; any other key keeps the candidate shown.
-bool completion_key(client_descriptor &c, unsigned char byte, input_texts &texts) {
-    if (byte == TAB && c.lc.size() >= 2) {
-        sv_ln_complete_next(c, texts.reply);
+bool completion_key(input_machine &m, unsigned char byte, input_texts &texts) {
+    if (byte == TAB && m.edit.lc.size() >= 2) {
+        sv_ln_complete_next(m.edit, texts.reply);
         return true;
     }
-    c.inp_state = input_state::Normal;
+    m.telnet.inp_state = input_state::Normal;
     if (byte == ESC) {
-        sv_ln_complete_cancel(c, texts.reply);
-        c.inp_state = input_state::Seq1; // it may be the head of an arrow key
+        sv_ln_complete_cancel(m.edit, texts.reply);
+        m.telnet.inp_state = input_state::Seq1; // it may be the head of an arrow key
     }
     return byte == ESC;
 }
 
-input_event character_byte(client_descriptor &c, unsigned char byte, input_texts &texts) {
-    if (in_telnet_command(c.inp_state)) {
-        if (!telnet_byte(c, byte, texts))
-            sv_ln_insert(c, static_cast<char>(byte), texts.reply);
+input_event character_byte(input_machine &m, unsigned char byte, input_texts &texts) {
+    if (sv_tn_in_command(m.telnet)) {
+        if (!sv_tn_byte(m.telnet, m.edit.cols, byte, texts))
+            sv_ln_insert(m.edit, static_cast<char>(byte), texts.reply);
         return input_event::more;
     }
-    if (byte == KEY_NULL || is_second_half(c, byte))
+    if (byte == KEY_NULL || is_second_half(m.telnet, byte))
         return input_event::more;
-    if (c.inp_state == input_state::Completion && completion_key(c, byte, texts))
+    if (m.telnet.inp_state == input_state::Completion && completion_key(m, byte, texts))
         return input_event::more;
-    if (byte == IAC) {
-        c.inp_state = input_state::GotIAC;
+    if (byte == telnet_iac) {
+        m.telnet.inp_state = input_state::GotIAC;
         return input_event::more;
     }
-    switch (c.inp_state) {
+    switch (m.telnet.inp_state) {
     case input_state::Normal:
-        return key(c, byte, texts);
+        return key(m, byte, texts);
     case input_state::Seq1:
-        c.inp_state = input_state::Normal;
+        m.telnet.inp_state = input_state::Normal;
         if (byte != '[' && byte != 'O') // a lone ESC, then a key of its own
-            return key(c, byte, texts);
-        c.seq[0] = static_cast<char>(byte);
-        c.inp_state = input_state::Seq2;
+            return key(m, byte, texts);
+        m.edit.seq[0] = static_cast<char>(byte);
+        m.telnet.inp_state = input_state::Seq2;
         return input_event::more;
     case input_state::Seq2:
     case input_state::Seq3:
-        escape_byte(c, byte, texts);
+        escape_byte(m, byte, texts);
         return input_event::more;
     default:
-        note(texts, "Unknowm client input state =%d\n", static_cast<int>(c.inp_state));
-        c.inp_state = input_state::Normal;
+        texts.notice +=
+            "Unknowm client input state =" + std::to_string(static_cast<int>(m.telnet.inp_state)) + "\n";
+        m.telnet.inp_state = input_state::Normal;
         return input_event::more;
     }
 }
 
 } // namespace
 
-input_event sv_input_feed(client_descriptor &c, std::string_view bytes, std::size_t &used,
-                          input_texts texts) {
+input_event sv_input_feed(input_machine &m, std::string_view bytes, std::size_t &used, input_texts texts) {
     input_event event = input_event::more;
     for (used = 0; used < bytes.size() && event == input_event::more;) {
-        if (between_lines(c.inp_state)) {
-            sv_ln_start(c);
-            leave_line_end(c);
+        if (between_lines(m.telnet.inp_state)) {
+            sv_ln_start(m.edit);
+            leave_line_end(m.telnet);
         }
-        if (!c.echo_mode && c.inp_state == input_state::Normal) {
-            used += take_ordinary(c, bytes.substr(used));
+        if (!m.echo_mode && m.telnet.inp_state == input_state::Normal) {
+            used += take_ordinary(m, bytes.substr(used));
             if (used == bytes.size())
                 break;
         }
         const unsigned char byte = static_cast<unsigned char>(bytes[used++]);
-        event = c.echo_mode ? character_byte(c, byte, texts) : plain_byte(c, byte);
+        event = m.echo_mode ? character_byte(m, byte, texts) : plain_byte(m, byte);
     }
     return event;
 }
 
-bool sv_input_skips(client_descriptor &c, unsigned char byte, input_texts texts) {
-    if (in_telnet_command(c.inp_state))
-        return telnet_byte(c, byte, texts);
-    if (between_lines(c.inp_state))
-        leave_line_end(c);
-    if (byte == KEY_NULL || is_second_half(c, byte))
+bool sv_input_skips(input_machine &m, unsigned char byte, input_texts texts) {
+    if (sv_tn_in_command(m.telnet))
+        return sv_tn_byte(m.telnet, m.edit.cols, byte, texts);
+    if (between_lines(m.telnet.inp_state))
+        leave_line_end(m.telnet);
+    if (byte == KEY_NULL || is_second_half(m.telnet, byte))
         return true;
-    if (byte != IAC)
+    if (byte != telnet_iac)
         return false;
-    c.inp_state = input_state::GotIAC;
-    c.echo_mode = 1;
+    m.telnet.inp_state = input_state::GotIAC;
+    m.echo_mode = 1;
     return true;
 }
 
-constexpr std::size_t answer_max = std::size_t{1} << 20; // characters of a line that a command asked for
-
-input_event sv_input_answer(client_descriptor &c, std::string_view bytes, std::size_t &used,
-                            std::string &line, answer_form form, input_texts texts) {
+input_event sv_input_answer(input_machine &m, std::string_view bytes, std::size_t &used, std::string &line,
+                            answer_form form, input_texts texts) {
     for (used = 0; used < bytes.size();) {
         const unsigned char byte = static_cast<unsigned char>(bytes[used++]);
-        if (form.telnet && sv_input_skips(c, byte, texts))
+        if (form.telnet && sv_input_skips(m, byte, texts))
             continue;
-        if (!form.telnet && between_lines(c.inp_state))
-            leave_line_end(c);
-        if (!form.telnet && (byte == KEY_NULL || is_second_half(c, byte)))
+        if (!form.telnet && between_lines(m.telnet.inp_state))
+            leave_line_end(m.telnet);
+        if (!form.telnet && (byte == KEY_NULL || is_second_half(m.telnet, byte)))
             continue;
-        if (byte == CTRL_C && form.telnet && c.echo_mode)
+        if (byte == CTRL_C && form.telnet && m.echo_mode)
             return input_event::pause;
         if (ends_line(byte)) {
-            end_line(c, byte);
+            end_line(m.telnet, byte);
             if (form.echo)
                 texts.reply += "\r\n";
             return input_event::line;

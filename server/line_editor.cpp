@@ -1,7 +1,7 @@
 #include "server/line_editor.h"
 
 #include "server/hooks.h"
-#include "server/output.h"
+#include "server/logs.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,16 +12,16 @@ namespace {
 
 constexpr char beep = '\a';
 
-std::string_view text(const client_descriptor &c) {
-    return {c.input, c.len};
+std::string_view text(const line_edit &e) {
+    return {e.input, e.len};
 }
 
 // Where a character of the line stands on the screen; the prompt stands before the line.
-std::size_t row(const client_descriptor &c, std::size_t index) {
-    return (c.plen + index) / c.cols;
+std::size_t row(const line_edit &e, std::size_t index) {
+    return (e.plen + index) / e.cols;
 }
-std::size_t column(const client_descriptor &c, std::size_t index) {
-    return (c.plen + index) % c.cols;
+std::size_t column(const line_edit &e, std::size_t index) {
+    return (e.plen + index) % e.cols;
 }
 
 void escape(std::string &out, std::size_t count, char final) {
@@ -36,221 +36,221 @@ void move_rows(std::string &out, std::size_t from, std::size_t to) {
         escape(out, to - from, 'B');
 }
 
-// From the shown cursor to c.pos.
-void place_cursor(client_descriptor &c, std::string &out) {
-    move_rows(out, row(c, c.oldpos), row(c, c.pos));
+// From the shown cursor to e.pos.
+void place_cursor(line_edit &e, std::string &out) {
+    move_rows(out, row(e, e.oldpos), row(e, e.pos));
     out += '\r';
-    escape(out, column(c, c.pos), 'C');
-    c.oldpos = c.pos;
+    escape(out, column(e, e.pos), 'C');
+    e.oldpos = e.pos;
 }
 
-void move_to(client_descriptor &c, std::size_t pos, std::string &out) {
-    if (pos == c.pos)
+void move_to(line_edit &e, std::size_t pos, std::string &out) {
+    if (pos == e.pos)
         return;
-    c.pos = pos;
-    place_cursor(c, out);
+    e.pos = pos;
+    place_cursor(e, out);
 }
 
 // Takes a text as the line, cut to what fits, the cursor at `pos`.
-void set_line(client_descriptor &c, std::string_view line, std::size_t pos) {
-    c.len = std::min(line.size(), sv_line_max);
-    std::copy_n(line.begin(), c.len, c.input);
-    c.input[c.len] = '\0';
-    c.pos = std::min(pos, c.len);
+void set_line(line_edit &e, std::string_view line, std::size_t pos) {
+    e.len = std::min(line.size(), sv_line_max);
+    std::copy_n(line.begin(), e.len, e.input);
+    e.input[e.len] = '\0';
+    e.pos = std::min(pos, e.len);
 }
 
-void erase(client_descriptor &c, std::size_t from, std::size_t to, std::string &out) {
+void erase(line_edit &e, std::size_t from, std::size_t to, std::string &out) {
     if (from == to)
         return;
-    std::memmove(c.input + from, c.input + to, c.len - to + 1);
-    c.len -= to - from;
-    c.pos = from;
-    sv_ln_refresh(c, out);
+    std::memmove(e.input + from, e.input + to, e.len - to + 1);
+    e.len -= to - from;
+    e.pos = from;
+    sv_ln_refresh(e, out);
 }
 
 // Gives the line being edited its place at the end of the history.
-void open_history(client_descriptor &c) {
-    if (c.history_open)
+void open_history(line_edit &e) {
+    if (e.history_open)
         return;
-    c.history.emplace_back(text(c));
-    c.history_len = static_cast<int>(c.history.size());
-    c.history_open = true;
+    e.history.emplace_back(text(e));
+    e.history_len = static_cast<int>(e.history.size());
+    e.history_open = true;
 }
 
-void history_show(client_descriptor &c, int index, std::string &out) {
-    const int places = static_cast<int>(c.history.size()) + (c.history_open ? 0 : 1);
+void history_show(line_edit &e, int index, std::string &out) {
+    const int places = static_cast<int>(e.history.size()) + (e.history_open ? 0 : 1);
     if (index < 0 || index >= places) {
         out += beep;
         return;
     }
-    open_history(c);
-    const std::size_t last = c.history.size() - 1;
-    if (c.history_index == 0)
-        c.history[last] = text(c); // what was typed so far waits for the way back
-    c.history_index = index;
-    const std::string &line = c.history[last - static_cast<std::size_t>(index)];
-    set_line(c, line, line.size());
-    sv_ln_refresh(c, out);
+    open_history(e);
+    const std::size_t last = e.history.size() - 1;
+    if (e.history_index == 0)
+        e.history[last] = text(e); // what was typed so far waits for the way back
+    e.history_index = index;
+    const std::string &line = e.history[last - static_cast<std::size_t>(index)];
+    set_line(e, line, line.size());
+    sv_ln_refresh(e, out);
 }
 
 // The candidate, or for the extra index the line as typed. What stood behind the cursor stays behind it.
-void show_candidate(client_descriptor &c, std::string &out) {
-    const std::string_view saved(c.saved_input, static_cast<std::size_t>(c.saved_len));
-    const std::size_t saved_pos = static_cast<std::size_t>(c.saved_pos);
-    const std::size_t index = static_cast<std::size_t>(c.completion_index);
-    if (index >= c.lc.size()) {
-        set_line(c, saved, saved_pos);
+void show_candidate(line_edit &e, std::string &out) {
+    const std::string_view saved(e.saved_input, static_cast<std::size_t>(e.saved_len));
+    const std::size_t saved_pos = static_cast<std::size_t>(e.saved_pos);
+    const std::size_t index = static_cast<std::size_t>(e.completion_index);
+    if (index >= e.lc.size()) {
+        set_line(e, saved, saved_pos);
     } else {
-        const std::string &candidate = c.lc[index];
-        set_line(c, candidate + std::string(saved.substr(saved_pos)), candidate.size());
+        const std::string &candidate = e.lc[index];
+        set_line(e, candidate + std::string(saved.substr(saved_pos)), candidate.size());
     }
-    sv_ln_refresh(c, out);
+    sv_ln_refresh(e, out);
 }
 
 } // namespace
 
-void sv_ln_start(client_descriptor &c) {
-    set_line(c, {}, 0);
-    c.oldpos = 0;
-    c.maxrows = 0;
-    c.history_index = 0;
-    c.lc.clear();
+void sv_ln_start(line_edit &e) {
+    set_line(e, {}, 0);
+    e.oldpos = 0;
+    e.maxrows = 0;
+    e.history_index = 0;
+    e.lc.clear();
 }
 
-void sv_ln_finish(client_descriptor &c, std::string &out) {
-    escape(out, row(c, c.len) - row(c, c.pos), 'B');
+void sv_ln_finish(line_edit &e, std::string &out) {
+    escape(out, row(e, e.len) - row(e, e.pos), 'B');
     out += "\r\n";
-    if (c.history_max_len <= 0)
+    if (e.history_max_len <= 0)
         return;
-    open_history(c);
-    c.history.back() = text(c);
-    c.history_open = false;
-    if (c.history_len > c.history_max_len)
-        c.history.erase(c.history.begin());
-    c.history_len = static_cast<int>(c.history.size());
+    open_history(e);
+    e.history.back() = text(e);
+    e.history_open = false;
+    if (e.history_len > e.history_max_len)
+        e.history.erase(e.history.begin());
+    e.history_len = static_cast<int>(e.history.size());
 }
 
-void sv_ln_refresh(client_descriptor &c, std::string &out) {
-    escape(out, row(c, c.oldpos), 'A');
+void sv_ln_refresh(line_edit &e, std::string &out) {
+    escape(out, row(e, e.oldpos), 'A');
     out += "\r\x1b[J";
-    out += c.prompt;
-    out += sv_masked(text(c));
-    if (c.len > 0 && column(c, c.len) == 0)
+    out += e.prompt;
+    out += sv_masked(text(e));
+    if (e.len > 0 && column(e, e.len) == 0)
         out += "\r\n"; // a terminal waits at the margin for the next character
-    c.maxrows = row(c, c.len) + 1;
-    c.oldpos = c.len;
-    if (c.pos != c.len)
-        place_cursor(c, out);
+    e.maxrows = row(e, e.len) + 1;
+    e.oldpos = e.len;
+    if (e.pos != e.len)
+        place_cursor(e, out);
 }
 
-void sv_ln_insert(client_descriptor &c, char byte, std::string &out) {
-    if (c.len >= sv_line_max) {
+void sv_ln_insert(line_edit &e, char byte, std::string &out) {
+    if (e.len >= sv_line_max) {
         out += beep;
         return;
     }
-    std::memmove(c.input + c.pos + 1, c.input + c.pos, c.len - c.pos + 1);
-    c.input[c.pos] = byte;
-    ++c.len;
-    ++c.pos;
-    if (c.pos < c.len) {
-        sv_ln_refresh(c, out);
+    std::memmove(e.input + e.pos + 1, e.input + e.pos, e.len - e.pos + 1);
+    e.input[e.pos] = byte;
+    ++e.len;
+    ++e.pos;
+    if (e.pos < e.len) {
+        sv_ln_refresh(e, out);
         return;
     }
-    out += sv_masked(text(c)).back();
-    if (column(c, c.len) == 0)
+    out += sv_masked(text(e)).back();
+    if (column(e, e.len) == 0)
         out += "\r\n";
-    c.maxrows = row(c, c.len) + 1;
-    c.oldpos = c.pos;
+    e.maxrows = row(e, e.len) + 1;
+    e.oldpos = e.pos;
 }
 
-void sv_ln_left(client_descriptor &c, std::string &out) {
-    move_to(c, c.pos - (c.pos > 0 ? 1 : 0), out);
+void sv_ln_left(line_edit &e, std::string &out) {
+    move_to(e, e.pos - (e.pos > 0 ? 1 : 0), out);
 }
-void sv_ln_right(client_descriptor &c, std::string &out) {
-    move_to(c, std::min(c.pos + 1, c.len), out);
+void sv_ln_right(line_edit &e, std::string &out) {
+    move_to(e, std::min(e.pos + 1, e.len), out);
 }
-void sv_ln_home(client_descriptor &c, std::string &out) {
-    move_to(c, 0, out);
+void sv_ln_home(line_edit &e, std::string &out) {
+    move_to(e, 0, out);
 }
-void sv_ln_end(client_descriptor &c, std::string &out) {
-    move_to(c, c.len, out);
-}
-
-void sv_ln_backspace(client_descriptor &c, std::string &out) {
-    erase(c, c.pos - (c.pos > 0 ? 1 : 0), c.pos, out);
+void sv_ln_end(line_edit &e, std::string &out) {
+    move_to(e, e.len, out);
 }
 
-void sv_ln_delete(client_descriptor &c, std::string &out) {
-    erase(c, c.pos, std::min(c.pos + 1, c.len), out);
+void sv_ln_backspace(line_edit &e, std::string &out) {
+    erase(e, e.pos - (e.pos > 0 ? 1 : 0), e.pos, out);
 }
 
-void sv_ln_delete_to_end(client_descriptor &c, std::string &out) {
-    erase(c, c.pos, c.len, out);
+void sv_ln_delete(line_edit &e, std::string &out) {
+    erase(e, e.pos, std::min(e.pos + 1, e.len), out);
 }
 
-void sv_ln_clear(client_descriptor &c, std::string &out) {
-    erase(c, 0, c.len, out);
+void sv_ln_delete_to_end(line_edit &e, std::string &out) {
+    erase(e, e.pos, e.len, out);
 }
 
-void sv_ln_delete_word(client_descriptor &c, std::string &out) {
-    std::size_t from = c.pos;
-    while (from > 0 && c.input[from - 1] == ' ')
+void sv_ln_clear(line_edit &e, std::string &out) {
+    erase(e, 0, e.len, out);
+}
+
+void sv_ln_delete_word(line_edit &e, std::string &out) {
+    std::size_t from = e.pos;
+    while (from > 0 && e.input[from - 1] == ' ')
         --from;
-    while (from > 0 && c.input[from - 1] != ' ')
+    while (from > 0 && e.input[from - 1] != ' ')
         --from;
-    erase(c, from, c.pos, out);
+    erase(e, from, e.pos, out);
 }
 
-void sv_ln_swap(client_descriptor &c, std::string &out) {
-    if (c.pos == 0 || c.pos == c.len)
+void sv_ln_swap(line_edit &e, std::string &out) {
+    if (e.pos == 0 || e.pos == e.len)
         return;
-    std::swap(c.input[c.pos - 1], c.input[c.pos]);
-    ++c.pos;
-    sv_ln_refresh(c, out);
+    std::swap(e.input[e.pos - 1], e.input[e.pos]);
+    ++e.pos;
+    sv_ln_refresh(e, out);
 }
 
-void sv_ln_clear_screen(client_descriptor &c, std::string &out) {
+void sv_ln_clear_screen(line_edit &e, std::string &out) {
     out += "\x1b[H\x1b[2J";
-    c.oldpos = 0;
-    sv_ln_refresh(c, out);
+    e.oldpos = 0;
+    sv_ln_refresh(e, out);
 }
 
-void sv_ln_history_back(client_descriptor &c, std::string &out) {
-    history_show(c, c.history_index + 1, out);
+void sv_ln_history_back(line_edit &e, std::string &out) {
+    history_show(e, e.history_index + 1, out);
 }
 
-void sv_ln_history_forward(client_descriptor &c, std::string &out) {
-    history_show(c, c.history_index - 1, out);
+void sv_ln_history_forward(line_edit &e, std::string &out) {
+    history_show(e, e.history_index - 1, out);
 }
 
-bool sv_ln_complete(client_descriptor &c, std::string &out) {
-    c.lc.clear();
+bool sv_ln_complete(line_edit &e, std::string &out) {
+    e.lc.clear();
     if (sv_hooks.complete)
-        c.lc = sv_hooks.complete(text(c).substr(0, c.pos));
-    std::erase_if(c.lc, [&](const std::string &line) { return line.size() + c.len - c.pos > sv_line_max; });
-    if (c.lc.empty()) {
+        e.lc = sv_hooks.complete(text(e).substr(0, e.pos));
+    std::erase_if(e.lc, [&](const std::string &line) { return line.size() + e.len - e.pos > sv_line_max; });
+    if (e.lc.empty()) {
         out += beep;
         return false;
     }
-    std::memcpy(c.saved_input, c.input, c.len + 1);
-    c.saved_len = static_cast<int>(c.len);
-    c.saved_pos = static_cast<int>(c.pos);
-    c.completion_index = 0;
-    show_candidate(c, out);
+    std::memcpy(e.saved_input, e.input, e.len + 1);
+    e.saved_len = static_cast<int>(e.len);
+    e.saved_pos = static_cast<int>(e.pos);
+    e.completion_index = 0;
+    show_candidate(e, out);
     return true;
 }
 
-void sv_ln_complete_next(client_descriptor &c, std::string &out) {
-    const int places = static_cast<int>(c.lc.size()) + 1;
-    c.completion_index = (c.completion_index + 1) % places;
-    if (c.completion_index == places - 1)
+void sv_ln_complete_next(line_edit &e, std::string &out) {
+    const int places = static_cast<int>(e.lc.size()) + 1;
+    e.completion_index = (e.completion_index + 1) % places;
+    if (e.completion_index == places - 1)
         out += beep;
-    show_candidate(c, out);
+    show_candidate(e, out);
 }
 
-void sv_ln_complete_cancel(client_descriptor &c, std::string &out) {
-    c.completion_index = static_cast<int>(c.lc.size());
-    show_candidate(c, out);
+void sv_ln_complete_cancel(line_edit &e, std::string &out) {
+    e.completion_index = static_cast<int>(e.lc.size());
+    show_candidate(e, out);
 }
 
 } // namespace kestrel

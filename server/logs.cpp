@@ -1,7 +1,7 @@
-// server: the command logs, and what they may show.
-#include "server/output.h"
+#include "server/logs.h"
 
 #include "server/interrupt.h"
+#include "server/output.h"
 
 #include <atomic>
 #include <cctype>

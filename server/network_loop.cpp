@@ -4,13 +4,11 @@
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
 // again. What a session is told leaves when its received bytes are used up, and at the latest at the end of
 // the turn. A session whose peer does not take its replies is neither read nor served until it does.
+#include "server/client_descriptor.h"
 #include "server/hooks.h"
-#include "server/input.h"
-#include "server/input_machine.h"
 #include "server/interrupt.h"
-#include "server/line_editor.h"
+#include "server/logs.h"
 #include "server/loops.h"
-#include "server/outbox.h"
 #include "server/output.h"
 #include "support/fd.h"
 
@@ -173,12 +171,12 @@ void log_line(int cn, const char *line) {
         sv_log(vlog_file, shown + "\n");
 }
 
-// Runs the line in c.input. The session may be gone afterwards; returns what is unsent.
+// Runs the line in edit.input. The session may be gone afterwards; returns what is unsent.
 std::size_t service_line_of(int cn) {
-    client_descriptor &c = client[cn];
+    line_edit &edit = client[cn].machine.edit;
     char line[sv_line_max + 1];
-    std::memcpy(line, c.input, c.len + 1);
-    sv_ln_start(c);
+    std::memcpy(line, edit.input, edit.len + 1);
+    sv_ln_start(edit);
     sv_quit = 0;
     try {
         log_line(cn, line);
@@ -189,7 +187,7 @@ std::size_t service_line_of(int cn) {
     }
     if (log_file)
         sv_log(log_file, "\n");
-    return sv_is_valid(cn) ? user_prompt(cn) : 0;
+    return client[cn].valid ? user_prompt(cn) : 0;
 }
 
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
@@ -199,8 +197,8 @@ bool serve_one_line(int cn, std::size_t &unsent) {
     std::string reply;
     std::string notice;
     std::size_t used = 0;
-    const input_event event = sv_input_feed(c, sv_received(c), used, {reply, notice});
-    sv_take(c, used);
+    const input_event event = sv_input_feed(c.machine, sv_received(c.received), used, {reply, notice});
+    sv_take(c.received, used);
     if (!notice.empty())
         std::fputs(notice.c_str(), stdout);
     if (!reply.empty())
@@ -214,7 +212,7 @@ bool serve_one_line(int cn, std::size_t &unsent) {
         sv_disconnect_client(cn);
     if (event == input_event::line)
         unsent = service_line_of(cn);
-    return sv_is_valid(cn) && event != input_event::pause && !sv_received(c).empty();
+    return c.valid && event != input_event::pause && !sv_received(c.received).empty();
 }
 
 // ---- one turn
@@ -286,7 +284,7 @@ void set_watches(socket_sets &sets) {
         const bool waits = attention && waits_for_peer(cn);
         if (!c.valid)
             continue;
-        if (!waits && !sv_received(c).empty()) {
+        if (!waits && !sv_received(c.received).empty()) {
             sets.sessions.push_back(cn);
             continue;
         }
@@ -311,11 +309,11 @@ bool serve_one_line_or_close(int cn, std::size_t &unsent) {
 
 // True when the session is to have another line in this turn.
 bool serve_session(int cn) {
-    if (!sv_is_valid(cn))
+    if (!client[cn].valid)
         return false;
     std::size_t unsent = 0;
     const bool more = serve_one_line_or_close(cn, unsent);
-    if (!sv_is_valid(cn) || (more && unsent < gathered_between_lines))
+    if (!client[cn].valid || (more && unsent < gathered_between_lines))
         return more;
     return outbox_try(cn) == outbox_status::empty && more;
 }
@@ -346,7 +344,7 @@ void receive_from_ready(socket_sets &sets) {
     for (const auto &[cn, fd] : sets.sockets) {
         if (FD_ISSET(fd, &sets.write))
             outbox_try(cn);
-        if (!FD_ISSET(fd, &sets.read) || !sv_is_valid(cn))
+        if (!FD_ISSET(fd, &sets.read) || !client[cn].valid)
             continue;
         receive(cn);
         sets.sessions.push_back(cn);

@@ -1,6 +1,6 @@
 #include "server/options.h"
 
-#include "server/output.h"
+#include "server/logs.h"
 
 #include <cerrno>
 #include <charconv>
@@ -81,7 +81,7 @@ struct option {
 };
 
 // In the order of the usage, which leaves out those without help.
-const option options[] = {
+constinit const option options[] = {
     {"-port", "nn", "Start up in server mode on port nn", [] { return std::to_string(user_default_port); },
      take_port},
     {"-startup", "name", "Execute given start-up file", [] { return std::string(user_default_startup_file); },

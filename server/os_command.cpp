@@ -1,4 +1,5 @@
-// server: operating-system commands run for a session. One at a time: their output goes through one file.
+#include "server/os_command.h"
+
 #include "server/interrupt.h"
 #include "server/output.h"
 #include "support/fd.h"

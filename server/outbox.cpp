@@ -1,7 +1,7 @@
 #include "server/outbox.h"
 
+#include "server/client_descriptor.h"
 #include "server/interrupt.h"
-#include "server/output.h"
 
 #include <algorithm>
 #include <atomic>
@@ -135,15 +135,14 @@ append_result append(int cn, std::string_view bytes, outbox_form form, std::size
     const std::size_t before = box.pending.size();
     append_result result = append_result::done;
     try {
-        const bool terminal = !use_network && (form.below_timebar || form.opens_timebar);
-        if (terminal && form.below_timebar && timebar_on)
+        if (form.open_line && *form.open_line && !form.redraws)
             box.pending += '\n';
         if (form.crlf)
             append_crlf(box.pending, bytes);
         else
             box.pending.append(bytes);
-        if (terminal)
-            timebar_on = form.opens_timebar ? 1 : 0;
+        if (form.open_line)
+            *form.open_line = form.redraws ? 1 : 0;
     } catch (const std::bad_alloc &) {
         box.pending.resize(before);
         result = append_result::no_memory;
@@ -238,14 +237,14 @@ outbox_view outbox_look(int cn) {
     return {unsent(c.outbox), c.outbox.broken, c.outbox.error};
 }
 
-void outbox_discard(client_descriptor &c) {
-    c.outbox.sent = c.outbox.pending.size();
-    c.outbox.broken = false;
-    settle(c.outbox);
+void outbox_discard(session_outbox &box) {
+    box.sent = box.pending.size();
+    box.broken = false;
+    settle(box);
 }
 
-void outbox_open(client_descriptor &c) {
-    c.outbox.pending.reserve(least_capacity);
+void outbox_open(session_outbox &box) {
+    box.pending.reserve(least_capacity);
 }
 
 } // namespace kestrel

@@ -1,24 +1,24 @@
 #include "server/output.h"
 
-#include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/outbox.h"
+#include "server/session.h"
+#include "server/timebar.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fcntl.h>
+#include <cstdio>
 #include <new>
 #include <span>
+#include <string>
 
 namespace kestrel {
-
-int timebar_on = 0;
 
 namespace {
 
 constexpr std::size_t printf_size = 1224; // with the terminator
 constexpr std::size_t vprintf_size = 1048;
-constexpr std::size_t label_max = 1000; // leaves room for the rest of a progress line
 
 void log_reply(int cn, std::string_view text) {
     if (!vlog_file)
@@ -65,12 +65,12 @@ bool is_slot(int cn) {
 } // namespace
 
 int sv_writeln(int cn, const char *buffer, std::size_t length) {
-    if (cn < 0 && !use_network && client[0].valid)
+    if (cn < 0 && !use_network && sv_is_valid(0))
         cn = 0; // the same terminal, in the same order
     if (cn < 0)
         print_to_server({buffer, length});
     else if (cn >= sv_max_clients ||
-             !outbox_append(cn, {buffer, length}, {.crlf = true, .below_timebar = true}))
+             !outbox_append(cn, {buffer, length}, {.crlf = true, .open_line = timebar_line()}))
         return -1;
     return static_cast<int>(length);
 }
@@ -112,62 +112,6 @@ void sv_flush_all(int cn) {
         return;
     sv_flush(cn);
     outbox_try_all();
-}
-
-void sv_set_radix(int cn, int radix) {
-    if (sv_is_valid(cn) && (radix == 2 || radix == 10 || radix == 16))
-        client[cn].radix = radix;
-}
-
-int sv_get_radix(int cn) {
-    return sv_is_valid(cn) ? client[cn].radix : 10;
-}
-
-void sv_timebar(int cn, int done, int total, const char *label) {
-    static constexpr std::string_view spinner = "-\\|/-\\|/";
-    static std::size_t step = 0;
-    const std::string name(std::string_view(label ? label : "").substr(0, label_max));
-    const double percent = total != 0 ? done * 100.0 / total : 100.0;
-    const char spin = spinner[step++ % spinner.size()];
-    std::array<char, printf_size> line;
-    int length = 0;
-    if (!is_slot(cn))
-        return;
-    if (use_network)
-        length = std::snprintf(line.data(), line.size(), "@ %d %d '%s'\r\n", done, total, name.c_str());
-    else if (label)
-        length = std::snprintf(line.data(), line.size(), "@ '%s' %c %3d/%-3d = %5.1f%%  %c", name.c_str(),
-                               spin, done, total, percent, '\r');
-    else
-        length = std::snprintf(line.data(), line.size(), "@ %c %3d/%-3d = %5.1f%%  %c", spin, done, total,
-                               percent, '\r');
-    outbox_append(cn, {line.data(), static_cast<std::size_t>(length)}, {.opens_timebar = true});
-    sv_flush_all(cn);
-}
-
-int sv_signal(int cn, int descriptor, int wait) {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (wait)
-        sv_flush_all(cn);
-    while (::fcntl(descriptor, wait ? F_SETLKW : F_SETLK, &lock) != 0) {
-        if (errno == EINTR && sv_quit == 0)
-            continue;
-        sv_printf(cn, "! Cannot perform sv_signal. Errno = %d\n", errno);
-        return -1;
-    }
-    return 0;
-}
-
-int sv_release(int cn, int descriptor) {
-    struct flock lock {};
-    lock.l_type = F_UNLCK;
-    lock.l_whence = SEEK_SET;
-    if (::fcntl(descriptor, F_SETLK, &lock) == 0)
-        return 0;
-    sv_printf(cn, "! Cannot perform sv_release. Errno = %d\n", errno);
-    return -1;
 }
 
 } // namespace kestrel

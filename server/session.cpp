@@ -1,8 +1,5 @@
-#include "server/session.h"
-
+#include "server/client_descriptor.h"
 #include "server/hooks.h"
-#include "server/outbox.h"
-#include "server/output.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -23,19 +20,11 @@ namespace {
 // The slot as it was before its first use; its buffers, history and candidates are freed.
 void clear_slot(client_descriptor &c) {
     const std::lock_guard lock(c.output_mutex);
-    outbox_discard(c);
+    outbox_discard(c.outbox);
     session_fields &fields = c;
     // Moved out first: a string that is only assigned an empty one keeps its memory.
     const session_fields gone(std::move(fields));
     fields = session_fields{};
-}
-
-void close_data_socket(client_descriptor &c) {
-    if (c.data < 0)
-        return;
-    ::shutdown(c.data, SHUT_RDWR);
-    ::close(c.data);
-    c.data = -1;
 }
 
 void disconnect_network_client(int cn) {
@@ -44,11 +33,9 @@ void disconnect_network_client(int cn) {
         outbox_try(cn); // 339 peers that do not read would hold up the shutdown
     else
         outbox_flush(cn);
-    if (c.include_lvl > 0)
-        c.in = c.include_top_path;
-    close_data_socket(c);
+    sv_channel_close(c.channel);
     const bool counted = c.is_socket; // the start-up file's session has the terminal, and keeps it
-    const int fd = c.in;
+    const int fd = sv_input_fd(c);
     clear_slot(c); // before the descriptor's number can come back with another peer
     if (counted) {
         ::shutdown(fd, SHUT_RDWR);
@@ -70,7 +57,7 @@ void sv_fill_slot(int cn, int in, int out) {
     client_descriptor &c = client[cn];
     clear_slot(c);
     const std::lock_guard lock(c.output_mutex);
-    outbox_open(c);
+    outbox_open(c.outbox);
     c.in = in;
     c.out = out;
     c.is_socket = in == out;
@@ -92,12 +79,21 @@ void sv_disconnect_client(int cn) {
     }
 }
 
+bool sv_is_valid(int cn) {
+    return cn >= 0 && cn < sv_max_clients && client[cn].valid != 0;
+}
+
 bool sv_is_ended(int cn) {
     return !sv_is_valid(cn) || client[cn].ended;
 }
 
-int sv_get_include_lvl(int cn) {
-    return sv_is_valid(cn) ? client[cn].include_lvl : 0;
+void sv_set_radix(int cn, int radix) {
+    if (sv_is_valid(cn) && (radix == 2 || radix == 10 || radix == 16))
+        client[cn].radix = radix;
+}
+
+int sv_get_radix(int cn) {
+    return sv_is_valid(cn) ? client[cn].radix : 10;
 }
 
 void sv_stop_server() {

@@ -7,6 +7,7 @@
 #include "server/hooks.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "server/timebar.h"
 #include "server/wait.h"
 
 #include <cstdio>

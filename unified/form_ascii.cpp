@@ -1,5 +1,5 @@
 // ASCII rows: every element with its separator, a line feed after each row.
-#include "server/output.h"
+#include "server/session.h"
 #include "unified/element_text.h"
 #include "unified/form.h"
 

@@ -1,5 +1,5 @@
 // ASCII columns: one line a point along x, its angle (or index) first, then one column for each (y, t).
-#include "server/output.h"
+#include "server/session.h"
 #include "unified/element_text.h"
 #include "unified/form.h"
 

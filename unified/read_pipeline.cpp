@@ -3,6 +3,7 @@
 #include "modules/store/cut_guard.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/timebar.h"
 #include "support/byte_order.h"
 #include "unified/corrections.h"
 

@@ -1,12 +1,14 @@
 // `client`: the links as connections.
 #include "instruments/links/clients.h"
 #include "instruments/links/commands.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/timebar.h"
 #include "server/wait.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace kestrel::links {
@@ -32,24 +34,28 @@ int try_connection(int cn, int link, int number) {
     return 1;
 }
 
-// The link of each keyword.
-constexpr int connect_links[] = {link_lux,  link_luy,    link_corr,    link_adcx,
-                                 link_adcy, link_motors, link_emberw0, link_emberw1};
+constexpr pt_format connect_format("%d lux luy corr adcx adcy motor emberw0 emberw1 = %d");
+using connect_quals = pt_qualifiers<connect_format>;
+constexpr connect_quals::choice<int> connect_links[] = {
+    {"lux", link_lux},   {"luy", link_luy},      {"corr", link_corr},       {"adcx", link_adcx},
+    {"adcy", link_adcy}, {"motor", link_motors}, {"emberw0", link_emberw0}, {"emberw1", link_emberw1},
+};
 
-int try_all(int cn, int quals, int number) {
+int try_all(int cn, const connect_quals &q, int number) {
     int failures = 0;
-    for (std::size_t i = 0; i < std::size(connect_links); ++i)
-        if (quals & 1 << i)
-            failures += try_connection(cn, connect_links[i], number);
+    for (const auto &[word, link] : connect_links)
+        if (q.given(word))
+            failures += try_connection(cn, link, number);
     return failures;
 }
 
 int connect_many(int quals, int cn, int seconds) {
+    const connect_quals q(quals);
     using std::chrono::steady_clock;
     const auto start = steady_clock::now();
     sv_quit = 0;
     for (int number = first_probe;; ++number) {
-        const int failures = try_all(cn, quals, number);
+        const int failures = try_all(cn, q, number);
         const double elapsed = std::chrono::duration<double>(steady_clock::now() - start).count();
         if (elapsed > seconds) {
             sv_printf(cn, "! Abbandoned\tconnection attempts due time out after %g seconds\n", elapsed);
@@ -82,45 +88,53 @@ int status(int, int cn) {
     return 0;
 }
 
+constexpr pt_format up_format("lux luy corr adcx adcy = %d");
+using up_quals = pt_qualifiers<up_format>;
+constexpr up_quals::choice<int> up_links[] = {
+    {"lux", link_lux}, {"luy", link_luy}, {"corr", link_corr}, {"adcx", link_adcx}, {"adcy", link_adcy}};
+
 int up(int quals, int cn) {
-    constexpr int up_links[] = {link_lux, link_luy, link_corr, link_adcx, link_adcy};
-    for (std::size_t i = 0; i < std::size(up_links); ++i)
-        if (quals == 1 << i)
-            return client_connect(cn, up_links[i]) == 0 ? 1 : -1;
+    const up_quals q(quals);
+    if (const std::optional<int> link = q.only(up_links))
+        return client_connect(cn, *link) == 0 ? 1 : -1;
     sv_printf(cn, "! You must specify one qualifier from lux, luy, corr, adcx or adcy.\n");
     return -1;
 }
 
+constexpr pt_format define_format("%s %d motor imgd user1 user2 kairo = %d");
+using define_quals = pt_qualifiers<define_format>;
+constexpr define_quals::choice<int> define_links[] = {{"motor", link_motors},
+                                                      {"imgd", link_imgd},
+                                                      {"user1", link_user1},
+                                                      {"user2", link_user2},
+                                                      {"kairo", link_kairo}};
+
 int define(int quals, int cn, const char *host, int port) {
-    constexpr int define_links[] = {link_motors, link_imgd, link_user1, link_user2, link_kairo};
     constexpr int port_max = 65535;
-    if (quals != 0 && (port < 1 || port > port_max)) {
+    const define_quals q(quals);
+    const std::optional<int> link = q.first(define_links);
+    if (link && (port < 1 || port > port_max)) {
         sv_printf(cn, "! Port should be 1..%d not %d\n", port_max, port);
         return -1;
     }
-    for (std::size_t i = 0; i < std::size(define_links); ++i) {
-        if (!(quals & 1 << i))
-            continue;
-        client_redefine(cn, define_links[i], host, port);
-        return 0;
-    }
-    return -1;
+    if (!link)
+        return -1;
+    client_redefine(cn, *link, host, port);
+    return 0;
 }
 
 } // namespace
 
-const PARSE_TREE client_tree[] = {
-    pt_command<connect_many>("connect", "%d lux luy corr adcx adcy motor emberw0 emberw1 = %d",
-                             "connect to other servers, retrying until all answer",
+constinit const PARSE_TREE client_tree[] = {
+    pt_command<connect_many>("connect", connect_format, "connect to other servers, retrying until all answer",
                              "Time-out in seconds/Look-up X/Look-up Y/Correlator/ADC X/ADC Y/Motor server/"
                              "EMBERW 0/EMBERW 1"),
     pt_command<disconnect_all>("disconnect", "= %d", "disconnect from all other servers (they keep running)",
                                ""),
     pt_command<status>("status", "= %d", "display the status of the connections to other servers", ""),
-    pt_command<up>("up", "lux luy corr adcx adcy = %d", "test whether a server is or can be connected",
+    pt_command<up>("up", up_format, "test whether a server is or can be connected",
                    "Look-up X/Look-up Y/Correlator/ADC X/ADC Y"),
-    pt_command<define>("define", "%s %d motor imgd user1 user2 kairo = %d",
-                       "define host and port of another server",
+    pt_command<define>("define", define_format, "define host and port of another server",
                        "Host/Port/Motor server/Image displayer/User server 1/User server 2/KAIRO"),
     pt_end(),
 };

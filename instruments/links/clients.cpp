@@ -1,7 +1,11 @@
 #include "instruments/links/clients.h"
 
+#include "server/input.h"
 #include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/output.h"
+#include "server/session.h"
+#include "server/timebar.h"
 #include "server/wait.h"
 
 #include <cerrno>

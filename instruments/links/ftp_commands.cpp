@@ -1,13 +1,14 @@
 // `ftp`: files between the server and the client's machine.
 #include "instruments/links/commands.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
+#include "server/host_names.h"
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "support/fd.h"
 #include "support/file_io.h"
 #include "support/ftp.h"
 
-#include <arpa/inet.h>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -21,7 +22,9 @@ namespace kestrel::links {
 
 namespace {
 
-enum ftp_keyword : int { ftp_host = 1, ftp_user = 2, ftp_password = 4, ftp_ascii = 8 };
+constexpr pt_format transfer_format("%s +%s host %s user %s password %s ascii = %d");
+using transfer_quals = pt_qualifiers<transfer_format>;
+
 constexpr std::size_t block_size = 65536;
 constexpr int debug_max = 3;
 
@@ -29,24 +32,19 @@ ftp_trace trace;
 unique_file trace_file;
 
 std::string client_address(int cn) {
-    char text[INET_ADDRSTRLEN] = "";
-    const sockaddr_in &address = sv_get_descriptor(cn)->addr;
-    if (!use_network || !inet_ntop(AF_INET, &address.sin_addr, text, sizeof text))
-        return "127.0.0.1";
-    return text;
+    return use_network ? sv_get_address(cn) : "127.0.0.1";
 }
 
 // The client's own machine, the user "ftp", and an e-mail address as its password, unless the line says
 // otherwise.
-ftp_account account_of(int quals, int cn) {
-    return {quals & ftp_host ? Qualifier[0].StringArg : client_address(cn),
-            quals & ftp_user ? Qualifier[1].StringArg : "ftp",
-            quals & ftp_password ? Qualifier[2].StringArg : "kestrel@localhost"};
+ftp_account account_of(const transfer_quals &q, int cn) {
+    return {q.given("host") ? q.text("host") : client_address(cn), q.text("user", "ftp"),
+            q.text("password", "kestrel@localhost")};
 }
 
-ftp_options options_of(int quals) {
+ftp_options options_of(const transfer_quals &q) {
     ftp_options options;
-    options.ascii = quals & ftp_ascii;
+    options.ascii = q.given("ascii");
     options.stop = [] { return sv_quit != 0; };
     options.trace = &trace;
     return options;
@@ -81,13 +79,13 @@ int file_error(int cn, const std::string &name) {
 }
 
 // The file goes out in blocks; what the far end has of a failed one is taken back by the upload.
-int send_file(int cn, int quals, const char *local, const std::string &remote) {
+int send_file(int cn, const transfer_quals &q, const char *local, const std::string &remote) {
     const unique_fd file = open_regular(local, O_RDONLY);
     if (!file)
         return file_error(cn, local);
-    const ftp_account account = account_of(quals, cn);
+    const ftp_account account = account_of(q, cn);
     ftp_upload upload;
-    ftp_result result = upload.begin(account, remote, options_of(quals));
+    ftp_result result = upload.begin(account, remote, options_of(q));
     std::array<std::byte, block_size> block;
     while (result) {
         const ssize_t n = read_some(file.get(), block.data(), block.size());
@@ -109,19 +107,19 @@ struct partial_file {
     }
 };
 
-int receive_file(int cn, int quals, const char *remote, const std::string &local) {
+int receive_file(int cn, const transfer_quals &q, const char *remote, const std::string &local) {
     partial_file part{local + ".part"};
     unique_file file = open_stream(part.name.c_str(), "w");
     if (!file) {
         part.name.clear();
         return file_error(cn, local);
     }
-    const ftp_account account = account_of(quals, cn);
+    const ftp_account account = account_of(q, cn);
     const auto sink = [&file](std::span<const std::byte> bytes) {
         return std::fwrite(bytes.data(), 1, bytes.size(), file.get()) == bytes.size();
     };
     if (const int failed =
-            complain(cn, account, "get", remote, ftp_get(account, remote, sink, options_of(quals))))
+            complain(cn, account, "get", remote, ftp_get(account, remote, sink, options_of(q))))
         return failed;
     if (std::fclose(file.release()) != 0 || ::rename(part.name.c_str(), local.c_str()) != 0)
         return file_error(cn, local);
@@ -130,17 +128,19 @@ int receive_file(int cn, int quals, const char *remote, const std::string &local
 }
 
 int put(int quals, int cn, const char *local, const char *remote) {
+    const transfer_quals q(quals);
     sv_flush_all(cn);
-    if (pt_check_names(cn, ftp_host | ftp_user | ftp_password) != 0)
+    if (q.check_names(cn, {"host", "user", "password"}) != 0)
         return -1;
-    return send_file(cn, quals, local, remote ? remote : last_part(local));
+    return send_file(cn, q, local, remote ? remote : last_part(local));
 }
 
 int get(int quals, int cn, const char *remote, const char *local) {
+    const transfer_quals q(quals);
     sv_flush_all(cn);
-    if (pt_check_names(cn, ftp_host | ftp_user | ftp_password) != 0)
+    if (q.check_names(cn, {"host", "user", "password"}) != 0)
         return -1;
-    return receive_file(cn, quals, remote, local ? local : last_part(remote));
+    return receive_file(cn, q, remote, local ? local : last_part(remote));
 }
 
 int set_debug(int, int cn, int level, const char *log) {
@@ -159,11 +159,9 @@ int set_debug(int, int cn, int level, const char *log) {
     return 0;
 }
 
-constexpr const char *transfer_format = "%s +%s host %s user %s password %s ascii = %d";
-
 } // namespace
 
-const PARSE_TREE ftp_tree[] = {
+constinit const PARSE_TREE ftp_tree[] = {
     pt_command<put>(
         "put", transfer_format, "send a file from the server to your machine by FTP",
         "File name on the server/Name on the target machine (default: the same)/"

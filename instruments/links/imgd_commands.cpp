@@ -2,6 +2,7 @@
 #include "instruments/links/clients.h"
 #include "instruments/links/commands.h"
 #include "instruments/links/imgd.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 
 #include <new>
@@ -12,28 +13,37 @@ namespace kestrel::links {
 
 namespace {
 
-enum imgd_keyword : int {
-    imgd_reset = 1,
-    imgd_all = 2,
-    imgd_config = 4,
-    imgd_set_shape = 8,
-    imgd_auto_display = 16,
-    imgd_display = 32,
-    imgd_kairo = 64,
+// Kinds of announcement.
+enum imgd_kind : unsigned {
+    imgd_config = 1,
+    imgd_set_shape = 2,
+    imgd_auto_display = 4,
+    imgd_display = 8,
+    imgd_kairo = 16,
+    imgd_all_kinds = 31,
 };
-constexpr int imgd_kinds = imgd_config | imgd_set_shape | imgd_auto_display | imgd_display | imgd_kairo;
+
+constexpr pt_format enable_format(" reset all config set-shape auto-display display kairo = %d");
+using enable_quals = pt_qualifiers<enable_format>;
+constexpr enable_quals::choice<imgd_kind> kind_words[] = {
+    {"config", imgd_config},   {"set-shape", imgd_set_shape}, {"auto-display", imgd_auto_display},
+    {"display", imgd_display}, {"kairo", imgd_kairo},
+};
+
 constexpr const char *kairo_times_module = "kairo_times";
 
-int enabled = 0;
+unsigned enabled = 0; // the kinds
 
 // `reset` first, then `all`, then the single kinds, so that one line can say exactly what it wants.
 int enable(int quals, int cn) {
-    if (quals & imgd_reset)
+    const enable_quals q(quals);
+    if (q.given("reset"))
         enabled = 0;
-    if (quals & imgd_all)
-        enabled = imgd_kinds;
-    enabled |= quals & imgd_kinds;
-    if (quals == 0)
+    if (q.given("all"))
+        enabled = imgd_all_kinds;
+    for (const auto &[word, kind] : kind_words)
+        enabled |= q.given(word) ? kind : 0U;
+    if (q.none())
         sv_printf(cn, "# Enabled:%s%s%s%s%s\n", enabled & imgd_config ? " config" : "",
                   enabled & imgd_set_shape ? " set-shape" : "",
                   enabled & imgd_auto_display ? " auto-display" : "",
@@ -42,7 +52,7 @@ int enable(int quals, int cn) {
 }
 
 // The frame-time table is announced only when asked for: it is remade with every set of frames.
-bool announces(int kind, const char *name) {
+bool announces(imgd_kind kind, const char *name) {
     if (std::string_view(name) == kairo_times_module && !(enabled & imgd_kairo))
         return false;
     return enabled & kind;
@@ -85,10 +95,9 @@ void imgd_module_shape(int cn, const char *name, int num_x, int num_y, int num_t
     imgd_not_told(cn, name);
 }
 
-const PARSE_TREE imgd_tree[] = {
+constinit const PARSE_TREE imgd_tree[] = {
     pt_command<enable>(
-        "enable", " reset all config set-shape auto-display display kairo = %d",
-        "choose which image displayer commands are sent automatically",
+        "enable", enable_format, "choose which image displayer commands are sent automatically",
         "Disable all first/Enable all/Configure new modules/Tell the shape of modules/"
         "Display new modules/Display modules when commands ask for it/Include the frame times"),
     pt_end(),

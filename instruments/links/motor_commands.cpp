@@ -34,7 +34,7 @@ int config_remote(int, int cn, const char *command) {
     return send_wait(cn, link_motors, command);
 }
 
-const PARSE_TREE motor_config_tree[] = {
+constinit const PARSE_TREE motor_config_tree[] = {
     pt_command<config_remote>("remote", "%s = %d", "send a configuration command to the motor server",
                               "Configuration command"),
     pt_end(),
@@ -42,7 +42,7 @@ const PARSE_TREE motor_config_tree[] = {
 
 } // namespace
 
-const PARSE_TREE motor_tree[] = {
+constinit const PARSE_TREE motor_tree[] = {
     pt_command<move_by>("move-by", "%d %d = %d", "move a stepper motor by a number of steps",
                         "Motor number/Number of steps"),
     pt_command<move_to>("move-to", "%d %d = %d", "move a stepper motor to a position",

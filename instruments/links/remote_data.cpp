@@ -2,6 +2,7 @@
 // whose bytes come back on a data connection.
 #include "instruments/links/clients.h"
 #include "instruments/links/commands.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 #include "support/element.h"
 #include "unified/handles/handles.h"
@@ -91,17 +92,15 @@ constexpr unified_source callbacks = {.read = remote_read,
                                       .enable = remote_enable,
                                       .disable = remote_disable};
 
-// Links in the order of the keywords.
-constexpr int keyword_links[] = {link_adcx,   link_adcy,  link_corr,    link_lux,     link_luy,
-                                 link_motors, link_pgen,  link_emberw0, link_emberw1, link_imgd,
-                                 link_user1,  link_user2, link_kairo};
-
-std::optional<int> chosen_link(int quals) {
-    for (std::size_t i = 0; i < std::size(keyword_links); ++i)
-        if (quals == 1 << i)
-            return keyword_links[i];
-    return std::nullopt;
-}
+constexpr pt_format
+    remote_open_format("%s adcx adcy corr lux luy motors pgen emberw0 emberw1 imgd user1 user2 kairo = %d");
+using remote_open_quals = pt_qualifiers<remote_open_format>;
+constexpr remote_open_quals::choice<int> remote_links[] = {
+    {"adcx", link_adcx},       {"adcy", link_adcy},     {"corr", link_corr},   {"lux", link_lux},
+    {"luy", link_luy},         {"motors", link_motors}, {"pgen", link_pgen},   {"emberw0", link_emberw0},
+    {"emberw1", link_emberw1}, {"imgd", link_imgd},     {"user1", link_user1}, {"user2", link_user2},
+    {"kairo", link_kairo},
+};
 
 int ask(int cn, int link, const char *question, int handle) {
     return send_same_connection(cn, link, client_generation(link),
@@ -138,7 +137,8 @@ int open_local(int cn, int link, int handle, const std::string &command) {
 }
 
 int remote_open(int quals, int cn, const char *command) {
-    const std::optional<int> link = chosen_link(quals);
+    const remote_open_quals q(quals);
+    const std::optional<int> link = q.only(remote_links);
     if (!link) {
         sv_printf(cn, "! Must supply one link to open a remote handle on\n");
         return -1;
@@ -160,9 +160,8 @@ int remote_open(int quals, int cn, const char *command) {
 
 } // namespace
 
-const PARSE_TREE row_remote_open = pt_command<remote_open>(
-    "remote-open", "%s adcx adcy corr lux luy motors pgen emberw0 emberw1 imgd user1 user2 kairo = %d",
-    "Open a unified path on a remote server",
+constinit const PARSE_TREE row_remote_open = pt_command<remote_open>(
+    "remote-open", remote_open_format, "Open a unified path on a remote server",
     "Open command of the remote server/ADC boards for X/ADC boards for Y/Correlator/Look-up board for X/"
     "Look-up board for Y/Stepper motors/Pulse generator/EMBERW 0/EMBERW 1/Image displayer/User server 1/"
     "User server 2/KAIRO");

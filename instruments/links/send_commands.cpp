@@ -1,7 +1,7 @@
 // `send <link>`: a command line typed here and run there.
 #include "instruments/links/clients.h"
 #include "instruments/links/commands.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "parser/variables.h"
 #include "server/output.h"
 
@@ -11,7 +11,7 @@ namespace kestrel::links {
 
 namespace {
 
-enum send_keyword : int { send_int = 1, send_double = 2, send_string_result = 4, send_global = 8 };
+constexpr pt_format send_format("%s int %s double %s string %s global = %d");
 
 int store_double(int cn, int link, const char *command, const std::string &name, bool global) {
     double value = 0.0;
@@ -35,24 +35,23 @@ int store_int(int cn, int link, const char *command, const std::string &name, bo
 
 // What comes back goes where the keyword says: the command's own result, or a variable of that type.
 template <int Link> int send_command(int quals, int cn, const char *command) {
-    const bool global = quals & send_global;
-    switch (quals & ~send_global) {
-    case 0:
-        return send_wait(cn, Link, command);
-    case send_int:
-        return store_int(cn, Link, command, Qualifier[0].StringArg, global);
-    case send_double:
-        return store_double(cn, Link, command, Qualifier[1].StringArg, global);
-    case send_string_result:
-        return store_string(cn, Link, command, Qualifier[2].StringArg, global);
-    default:
+    const pt_qualifiers<send_format> q(quals);
+    const bool global = q.given("global");
+    if (q.count({"int", "double", "string"}) > 1) {
         sv_printf(cn, "! Please specify at most 1 data type\n");
         return -1;
     }
+    if (q.given("int"))
+        return store_int(cn, Link, command, q.text("int"), global);
+    if (q.given("double"))
+        return store_double(cn, Link, command, q.text("double"), global);
+    if (q.given("string"))
+        return store_string(cn, Link, command, q.text("string"), global);
+    return send_wait(cn, Link, command);
 }
 
 template <int Link> constexpr PARSE_TREE row(const char *name, const char *help) {
-    return pt_command<send_command<Link>>(name, "%s int %s double %s string %s global = %d", help,
+    return pt_command<send_command<Link>>(name, send_format, help,
                                           "Command/Store the result in integer variable <name>/"
                                           "Store the result in double variable <name>/"
                                           "Store the result in string variable <name>/Set global variable");
@@ -60,7 +59,7 @@ template <int Link> constexpr PARSE_TREE row(const char *name, const char *help)
 
 } // namespace
 
-const PARSE_TREE send_tree[] = {
+constinit const PARSE_TREE send_tree[] = {
     row<link_adcx>("adcx", "send command (enclosed in '' quotes) to ADC boards for X"),
     row<link_adcy>("adcy", "send command (enclosed in '' quotes) to ADC boards for Y"),
     row<link_corr>("corr", "send command (enclosed in '' quotes) to correlator"),

@@ -3,7 +3,7 @@
 #include "parser/builtins.h"
 #include "parser/interpreter.h"
 #include "parser/text.h"
-#include "server/session.h"
+#include "server/client_descriptor.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -13,12 +13,37 @@ using namespace kestrel;
 
 namespace {
 
-const PARSE_TREE root[] = {
-    row_chx,      row_echo,     row_echo_on,    row_echo_off,     row_help,          row_port,
-    row_quit,     row_radix,    row_rem,        row_status,       row_macro,         row_macro_list,
-    row_set_func, row_set_int,  row_set_double, row_set_string,   row_set_qualifier, row_input,
-    row_for,      row_for_each, row_next,       row_printf,       row_return,        row_if,
-    row_do,       row_while,    row_eval,       row_enc_password, row_debug,         row_retrieve_tree,
+constinit const PARSE_TREE root[] = {
+    pt_row(row_chx),
+    pt_row(row_echo),
+    pt_row(row_echo_on),
+    pt_row(row_echo_off),
+    pt_row(row_help),
+    pt_row(row_port),
+    pt_row(row_quit),
+    pt_row(row_radix),
+    pt_row(row_rem),
+    pt_row(row_status),
+    pt_row(row_macro),
+    pt_row(row_macro_list),
+    pt_row(row_set_func),
+    pt_row(row_set_int),
+    pt_row(row_set_double),
+    pt_row(row_set_string),
+    pt_row(row_set_qualifier),
+    pt_row(row_input),
+    pt_row(row_for),
+    pt_row(row_for_each),
+    pt_row(row_next),
+    pt_row(row_printf),
+    pt_row(row_return),
+    pt_row(row_if),
+    pt_row(row_do),
+    pt_row(row_while),
+    pt_row(row_eval),
+    pt_row(row_enc_password),
+    pt_row(row_debug),
+    pt_row(row_retrieve_tree),
     pt_end(),
 };
 

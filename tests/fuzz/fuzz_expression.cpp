@@ -1,6 +1,6 @@
 // An expression: compiled and run, it gives a value or an error line, and never more than a string may hold.
 #include "parser/expression.h"
-#include "server/session.h"
+#include "server/client_descriptor.h"
 
 #include <cstdint>
 #include <cstdlib>

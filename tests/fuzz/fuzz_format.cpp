@@ -1,5 +1,6 @@
 // An argument format: compiled, or refused at a place within it.
 #include "parser/format.h"
+#include "parser/format_words.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -2,7 +2,6 @@
 // bounds, and bytes fed one by one give the same lines as all at once.
 #include "server/hooks.h"
 #include "server/input_machine.h"
-#include "server/line_editor.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -13,22 +12,23 @@ using namespace kestrel;
 namespace {
 
 std::string lines_of(std::string_view bytes, std::size_t piece) {
-    static client_descriptor c;
-    static_cast<session_fields &>(c) = session_fields{};
+    static input_machine machine;
+    machine = input_machine{};
+    const line_edit &edit = machine.edit;
     std::string reply, notice, lines;
     for (std::size_t at = 0; at < bytes.size();) {
         std::size_t used = 0;
-        const input_event event = sv_input_feed(c, bytes.substr(at, piece), used, {reply, notice});
+        const input_event event = sv_input_feed(machine, bytes.substr(at, piece), used, {reply, notice});
         at += used;
-        if (c.len > sv_line_max || c.pos > c.len || c.input[c.len] != '\0' ||
+        if (edit.len > sv_line_max || edit.pos > edit.len || edit.input[edit.len] != '\0' ||
             (used == 0 && event == input_event::more))
             std::abort();
         if (event == input_event::overlong || event == input_event::disconnect)
             return lines + "!";
         if (event != input_event::line)
             continue;
-        lines.append(c.input, c.len).append("\n");
-        sv_ln_start(c);
+        lines.append(edit.input, edit.len).append("\n");
+        sv_ln_start(machine.edit);
     }
     return lines;
 }

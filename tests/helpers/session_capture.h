@@ -1,6 +1,7 @@
 // tests: a real session whose replies a unit test reads back. Uses server/.
 #pragma once
 
+#include "server/client_descriptor.h"
 #include "server/output.h"
 
 #include <string>

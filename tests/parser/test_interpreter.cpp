@@ -29,9 +29,9 @@ int again(int, int cn, const char *line) {
     return user_service(cn, line, 0, nullptr, nullptr);
 }
 
-const PARSE_TREE sub_tree[] = {
+constinit const PARSE_TREE sub_tree[] = {
     pt_command<take>("take", "%d %g + %s %d verbose = %d", "takes values", "a/b/s/n/more"), pt_end()};
-const PARSE_TREE root[] = {
+constinit const PARSE_TREE root[] = {
     pt_subtree("sub", sub_tree, "prefix"),
     pt_command<real>("real", "%g = %g", "gives a real", "value"),
     pt_command<text>("text", "%d = %s", "gives a text", "value"),

@@ -1,5 +1,5 @@
 // What logs and echoes may show.
-#include "server/output.h"
+#include "server/logs.h"
 
 #include <gtest/gtest.h>
 

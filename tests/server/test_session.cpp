@@ -1,15 +1,17 @@
 // A session's output and input over a socket pair.
+#include "server/client_descriptor.h"
 #include "server/data_channel.h"
 #include "server/input.h"
 #include "server/interrupt.h"
 #include "server/outbox.h"
 #include "server/output.h"
-#include "server/session.h"
+#include "server/timebar.h"
 
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <regex>
 #include <sys/socket.h>
 #include <thread>
 
@@ -101,6 +103,23 @@ TEST_F(session, shows_progress_at_once) {
     EXPECT_EQ(heard(), "@ 3 10 ''\r\n@ 4 10 'scan'\r\n");
 }
 
+TEST_F(session, draws_progress_over_itself_and_what_follows_below) {
+    use_network = 0; // as on the terminal
+    sv_timebar(cn, 1, 4, nullptr);
+    sv_timebar(cn, 2, 4, "scan");
+    sv_write(cn, "raw", 3);
+    EXPECT_EQ(timebar_on, 1);
+    sv_printf(cn, "done\n");
+    sv_printf(cn, "next\n");
+    EXPECT_EQ(timebar_on, 0);
+    sv_flush(cn);
+    const std::regex shown("@ [-|/\\\\]   1/4   =  25\\.0%  \r"
+                           "@ 'scan' [-|/\\\\]   2/4   =  50\\.0%  \r"
+                           "raw\ndone\r\nnext\r\n");
+    EXPECT_TRUE(std::regex_match(heard(), shown));
+    use_network = 1;
+}
+
 TEST_F(session, keeps_the_lines_of_threads_apart) {
     std::vector<std::thread> workers;
     for (int w = 0; w < 4; ++w)
@@ -137,7 +156,7 @@ TEST_F(session, leaves_no_memory_in_its_slot) {
     EXPECT_GT(sv_receive(client[cn]), 0);
     sv_print(cn, std::string(50'000, 'y'));
     sv_disconnect_client(cn);
-    EXPECT_LT(client[cn].received.capacity(), 100);
+    EXPECT_LT(client[cn].received.bytes.capacity(), 100);
     EXPECT_LT(client[cn].outbox.pending.capacity(), 100);
 }
 
@@ -225,7 +244,7 @@ TEST_F(session, asks_whether_to_retry) {
 TEST_F(session, measures_the_terminal_among_typed_bytes) {
     type("ahead \x1b[7;1Rand \x1b[7;133Rbehind\n");
     sv_set_echo(cn, 1);
-    EXPECT_EQ(client[cn].cols, 132U);
+    EXPECT_EQ(client[cn].machine.edit.cols, 132U);
     sv_flush(cn);
     EXPECT_EQ(heard(), "\x1b[6n\x1b[999C\x1b[6n\x1b[132D");
     sv_set_echo(cn, 0);
