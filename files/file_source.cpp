@@ -199,13 +199,9 @@ int open_ascii(int cn, data_file &file, bool id_row, int frames) {
     return 0;
 }
 
-// The element type of raw data, where exactly one is given.
-std::optional<int> raw_type(const open_quals &q) {
-    constexpr int types[] = {el_byte, el_short, el_long, el_float, el_double, el_int48, el_int64};
-    if (q.count({"byte", "short", "long", "float", "double", "int48", "int64"}) != 1)
-        return std::nullopt;
-    return types[q.which({"byte", "short", "long", "float", "double", "int48", "int64"})];
-}
+constexpr open_quals::choice<int> raw_types[] = {
+    {"byte", el_byte},     {"short", el_short}, {"long", el_long},  {"float", el_float},
+    {"double", el_double}, {"int48", el_int48}, {"int64", el_int64}};
 
 bool raw_words_given(const open_quals &q) {
     return q.count({"byte", "short", "long", "float", "double", "int48", "int64", "intel", "motorola", "nx",
@@ -213,7 +209,7 @@ bool raw_words_given(const open_quals &q) {
 }
 
 int open_raw(int cn, data_file &file, const open_quals &q) {
-    const auto type = raw_type(q);
+    const std::optional<int> type = q.only(raw_types);
     if (!type || !q.given("nx") || q.count({"intel", "motorola"}) > 1)
         return fault(cn, file.name, "raw data need nx, one element type and at most one byte order");
     file.nx = q.number("nx", 1);

@@ -160,10 +160,10 @@ struct save_request {
 
 // The read command's word for the form; nothing for ASCII rows.
 const char *form_word(const save_quals &q) {
-    constexpr const char *words[] = {"", " asc-col", " det", " raw", " long", " float", " double"};
-    if (q.count({"ascii", "asc-col", "det", "raw", "long", "float", "double"}) != 1)
-        return "";
-    return words[q.which({"ascii", "asc-col", "det", "raw", "long", "float", "double"})];
+    constexpr save_quals::choice<const char *> words[] = {
+        {"ascii", ""},     {"asc-col", " asc-col"}, {"det", " det"},      {"raw", " raw"},
+        {"long", " long"}, {"float", " float"},     {"double", " double"}};
+    return q.only(words).value_or("");
 }
 
 save_request save_asked(const save_quals &q, const char *name, const char *file) {

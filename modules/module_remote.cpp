@@ -21,14 +21,9 @@ constexpr pt_format
     remote_format("%s +%s adc-x adc-y lku-x lku-y corr motor user1 user2 display1d display2d  = %d");
 using remote_quals = pt_qualifiers<remote_format>;
 
-std::optional<int> chosen_link(const remote_quals &q) {
-    constexpr int links[] = {link_adcx, link_adcy,   link_lux,   link_luy,
-                             link_corr, link_motors, link_user1, link_user2};
-    if (q.count({"adc-x", "adc-y", "lku-x", "lku-y", "corr", "motor", "user1", "user2"}) != 1)
-        return std::nullopt;
-    const int place = q.which({"adc-x", "adc-y", "lku-x", "lku-y", "corr", "motor", "user1", "user2"});
-    return links[place];
-}
+constexpr remote_quals::choice<int> remote_links[] = {
+    {"adc-x", link_adcx}, {"adc-y", link_adcy},   {"lku-x", link_lux},   {"lku-y", link_luy},
+    {"corr", link_corr},  {"motor", link_motors}, {"user1", link_user1}, {"user2", link_user2}};
 
 // About a handle over there, on the connection that it was opened on.
 int ask(int cn, int link, const char *question, int handle) {
@@ -100,7 +95,7 @@ void show(int cn, const char *dimensions, const char *local) {
 
 int module_get_remote(int quals, int cn, const char *remote, const char *local) {
     const remote_quals q(quals);
-    const std::optional<int> link = chosen_link(q);
+    const std::optional<int> link = q.only(remote_links);
     if (!link) {
         sv_printf(cn, "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2\n");
         return -1;

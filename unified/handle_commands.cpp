@@ -5,6 +5,7 @@
 #include "unified/commands.h"
 #include "unified/handles/handles.h"
 
+#include <optional>
 #include <utility>
 
 namespace kestrel {
@@ -88,6 +89,11 @@ int cli_unified_get_bsize(int, int, int handle) {
 // ---- corrections
 
 constexpr pt_format correction_format("%d + %s %d mult1d div1d poly1d chebyshev1d %g = %d");
+using correction_quals = pt_qualifiers<correction_format>;
+constexpr correction_quals::choice<int> corrections[] = {{"mult1d", corr_mult1d},
+                                                         {"div1d", corr_div1d},
+                                                         {"poly1d", corr_poly1d},
+                                                         {"chebyshev1d", corr_chebyshev1d}};
 
 // The module must have a value (or a coefficient of each order) for every point of the handle.
 int check_correction(int cn, const char *name, const module_view &view, int frame,
@@ -112,10 +118,11 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
         sv_printf(cn, "! Invalid handle %d\n", handle);
         return -1;
     }
-    const pt_qualifiers<correction_format> q(quals);
+    const correction_quals q(quals);
+    const std::optional<int> type = q.only(corrections);
     if (name == nullptr && q.none())
         return unified_set_corr_module(cn, handle, corr_none, {}, 0, 0, 1.0);
-    if (name == nullptr || q.count({"mult1d", "div1d", "poly1d", "chebyshev1d"}) != 1) {
+    if (name == nullptr || !type) {
         sv_printf(cn, "! A correction needs a module and one of mult1d, div1d, poly1d, chebyshev1d\n");
         return -1;
     }
@@ -127,11 +134,9 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
     module_view view;
     if (mod_look(cn, name, link.head(), view) != 0 || check_correction(cn, name, view, frame, *entry) != 0)
         return -1;
-    constexpr int types[] = {corr_mult1d, corr_div1d, corr_poly1d, corr_chebyshev1d};
-    const int type = types[q.which({"mult1d", "div1d", "poly1d", "chebyshev1d"})];
-    const int order = type == corr_poly1d || type == corr_chebyshev1d ? view.num_y - 1 : 0;
+    const int order = *type == corr_poly1d || *type == corr_chebyshev1d ? view.num_y - 1 : 0;
     const double scale = q.real("chebyshev1d", 1.0);
-    return unified_set_corr_module(cn, handle, type, std::move(link), frame, order, scale);
+    return unified_set_corr_module(cn, handle, *type, std::move(link), frame, order, scale);
 }
 
 int cli_unif_set_dtc_mod(int, int cn, const char *name) {

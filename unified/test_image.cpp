@@ -172,10 +172,13 @@ struct test_kind {
 
 // One element type, and at most one pattern that goes with it; nothing else is taken.
 std::optional<test_kind> kind_asked(const pt_qualifiers<open_format> &q) {
-    constexpr int types[] = {el_byte, el_short, el_long, el_float, el_double, el_int64};
-    if (q.count({"byte", "short", "long", "float", "double", "int64"}) != 1)
+    using quals = pt_qualifiers<open_format>;
+    constexpr quals::choice<int> types[] = {{"byte", el_byte},   {"short", el_short},   {"long", el_long},
+                                            {"float", el_float}, {"double", el_double}, {"int64", el_int64}};
+    const std::optional<int> given = q.only(types);
+    if (!given)
         return std::nullopt;
-    const int type = types[q.which({"byte", "short", "long", "float", "double", "int64"})];
+    const int type = *given;
     if (q.count({"egg", "mg-quad"}) == 0)
         return test_kind{type, pattern::ramp};
     if (q.given("egg") && !q.given("mg-quad") && (type == el_long || type == el_float))
