@@ -1,5 +1,6 @@
 #include "app/hooks.h"
 
+#include "files/commands.h"
 #include "instruments/links/clients.h"
 #include "modules/store/cut_guard.h"
 #include "parser/help.h"
@@ -70,6 +71,7 @@ bool module_was_cut(int cn, bool begins) {
 
 server_hooks app_hooks() {
     user_command_spoiled = module_was_cut;
+    unified_file_hooks = files_hooks();
     server_hooks hooks;
     hooks.service = user_service;
     hooks.include_startup = include_startup;

@@ -1,14 +1,18 @@
-// files: `file` commands. Data files as unified handles, and the index that numbers the files of a folder.
+// files: the `file` commands. Data files as unified handles, and the index that numbers the files of a
+// folder. A row stands beside its handler; table.cpp lists them.
 #pragma once
 
 #include "parser/tree.h"
+#include "unified/file_hooks.h"
 
 namespace kestrel {
 
-extern const PARSE_TREE row_file;
+extern const PARSE_TREE row_file; // the subtree, for a root table
 
-int file_open(int quals, int cn, const char *name);
-int file_close(int quals, int cn, int handle);
-int file_get_next_index(int quals, int cn, const char *folder, const char *comment1, const char *comment2);
+extern const PARSE_TREE row_file_open, row_file_close;
+extern const PARSE_TREE row_file_get_next_index;
+
+// For unified_file_hooks.
+file_hooks files_hooks();
 
 } // namespace kestrel

@@ -1,7 +1,7 @@
 #include "files/file_index.h"
 
 #include "files/commands.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "parser/variables.h"
 #include "server/file_lock.h"
 #include "server/include_level.h"
@@ -157,28 +157,28 @@ int write_log(const index_request &r, const std::string &file) {
 
 // ---- the command
 
+constexpr pt_format
+    index_format("%s + %s %s xh %s file-suffix %s get-fname %s script-name save-script %s append = %d");
+
 index_request index_asked(int quals, int cn, const char *folder, const char *comment1, const char *comment2) {
-    enum { q_xh, q_file_suffix, q_get_fname, q_script_name, q_save_script, q_append };
-    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
+    const pt_qualifiers<index_format> q(quals);
     index_request r;
     r.cn = cn;
     r.folder = *folder == '\0' ? "." : folder;
     for (const char *comment : {comment1, comment2})
         if (comment != nullptr)
             r.notes.emplace_back(comment);
-    if (has(q_xh))
-        r.notes.push_back("XH: " + std::string(Qualifier[q_xh].StringArg));
-    if (has(q_file_suffix))
-        r.suffix = "_" + std::string(Qualifier[q_file_suffix].StringArg);
-    if (has(q_get_fname))
-        r.variable = Qualifier[q_get_fname].StringArg;
-    if (has(q_script_name) || has(q_save_script))
+    if (q.given("xh"))
+        r.notes.push_back("XH: " + std::string(q.text("xh")));
+    if (q.given("file-suffix"))
+        r.suffix = "_" + std::string(q.text("file-suffix"));
+    r.variable = q.text("get-fname");
+    if (q.count({"script-name", "save-script"}) > 0)
         r.script = calling_script(cn);
-    if (has(q_script_name) && !r.script.empty())
+    if (q.given("script-name") && !r.script.empty())
         r.notes.push_back("script: " + r.script);
-    if (has(q_save_script))
-        r.save_folder = Qualifier[q_save_script].StringArg;
-    r.append = has(q_append);
+    r.save_folder = q.text("save-script");
+    r.append = q.given("append");
     return r;
 }
 
@@ -223,8 +223,6 @@ int draw(const index_request &r) {
     return write_index(r, number) == 0 ? number : -1;
 }
 
-} // namespace
-
 int file_get_next_index(int quals, int cn, const char *folder, const char *comment1, const char *comment2) {
     if (pt_check_names(cn, ~0U) != 0)
         return -1;
@@ -252,5 +250,14 @@ int file_get_next_index(int quals, int cn, const char *folder, const char *comme
         return -1;
     return number;
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_file_get_next_index = pt_command<file_get_next_index>(
+    "get-next-index", index_format, "Number the next data file of a folder and note it in the folder's log",
+    "Folder/First comment for the log/Second comment for the log/Name of an XH system for the log/"
+    "What follows the number in the file name/Variable to set to the file name/"
+    "Name the calling script in the log/Folder to keep a copy of the calling script in/"
+    "Use the number that was last given");
 
 } // namespace kestrel

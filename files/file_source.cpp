@@ -1,7 +1,7 @@
 // Data files as sources of unified handles: file open and file close.
 #include "files/ascii_file.h"
 #include "files/commands.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 #include "support/byte_order.h"
 #include "support/fd.h"
@@ -10,12 +10,12 @@
 #include "unified/handles/handles.h"
 
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,34 +25,10 @@ namespace kestrel {
 
 namespace {
 
-enum qualifier : int {
-    q_ascii,
-    q_ascii_id,
-    q_raw,
-    q_tessera,
-    q_nx,
-    q_ny,
-    q_nt,
-    q_byte,
-    q_short,
-    q_long,
-    q_float,
-    q_double,
-    q_int48,
-    q_int64,
-    q_intel,
-    q_motorola,
-    q_skip,
-};
-
-constexpr unsigned bit(int q) {
-    return 1U << q;
-}
-constexpr unsigned form_bits = bit(q_ascii) | bit(q_ascii_id) | bit(q_raw) | bit(q_tessera);
-constexpr unsigned type_bits =
-    bit(q_byte) | bit(q_short) | bit(q_long) | bit(q_float) | bit(q_double) | bit(q_int48) | bit(q_int64);
-constexpr unsigned order_bits = bit(q_intel) | bit(q_motorola);
-constexpr unsigned raw_only_bits = type_bits | order_bits | bit(q_nx) | bit(q_ny) | bit(q_skip);
+constexpr pt_format open_format(
+    "%s ascii ascii-id raw tessera nx %d ny %d nt %d byte short long float double int48 int64 intel motorola "
+    "skip %d = %d");
+using open_quals = pt_qualifiers<open_format>;
 
 struct raw_layout {
     std::int64_t skip = 0;
@@ -223,21 +199,25 @@ int open_ascii(int cn, data_file &file, bool id_row, int frames) {
     return 0;
 }
 
-constexpr int raw_types[] = {el_byte, el_short, el_long, el_float, el_double, el_int48, el_int64};
+constexpr open_quals::choice<int> raw_types[] = {
+    {"byte", el_byte},     {"short", el_short}, {"long", el_long},  {"float", el_float},
+    {"double", el_double}, {"int48", el_int48}, {"int64", el_int64}};
 
-int open_raw(int cn, data_file &file, unsigned quals) {
-    if (std::popcount(quals & type_bits) != 1 || (quals & bit(q_nx)) == 0 ||
-        (quals & order_bits) == order_bits)
+bool raw_words_given(const open_quals &q) {
+    return q.count({"byte", "short", "long", "float", "double", "int48", "int64", "intel", "motorola", "nx",
+                    "ny", "skip"}) > 0;
+}
+
+int open_raw(int cn, data_file &file, const open_quals &q) {
+    const std::optional<int> type = q.only(raw_types);
+    if (!type || !q.given("nx") || q.count({"intel", "motorola"}) > 1)
         return fault(cn, file.name, "raw data need nx, one element type and at most one byte order");
-    const auto value = [quals](qualifier q, int otherwise) {
-        return (quals & bit(q)) != 0 ? Qualifier[q].IntArg : otherwise;
-    };
-    file.nx = value(q_nx, 1);
-    file.ny = value(q_ny, 1);
-    file.nt = value(q_nt, 1);
-    file.type = raw_types[std::countr_zero(quals & type_bits) - q_byte];
-    file.raw.skip = value(q_skip, 0);
-    file.raw.swap = (quals & bit(machine_is_intel ? q_motorola : q_intel)) != 0;
+    file.nx = q.number("nx", 1);
+    file.ny = q.number("ny", 1);
+    file.nt = q.number("nt", 1);
+    file.type = *type;
+    file.raw.skip = q.number("skip");
+    file.raw.swap = machine_is_intel ? q.given("motorola") : q.given("intel");
     if (file.nx < 1 || file.ny < 1 || file.nt < 1 || file.raw.skip < 0)
         return fault(cn, file.name, "sizes must be at least 1, and what is skipped at least 0");
     std::int64_t have = 0;
@@ -271,28 +251,25 @@ int open_image(int cn, data_file &file) {
     return 0;
 }
 
-int open_as(int cn, data_file &file, unsigned quals) {
-    if (std::popcount(quals & form_bits) != 1) {
+int open_as(int cn, data_file &file, const open_quals &q) {
+    if (q.count({"ascii", "ascii-id", "raw", "tessera"}) != 1) {
         sv_printf(cn, "! Must specify one and only one of ascii, ascii-id, raw or tessera\n");
         return -1;
     }
-    const bool raw = (quals & bit(q_raw)) != 0;
-    if (!raw && (quals & raw_only_bits) != 0)
+    if (!q.given("raw") && raw_words_given(q))
         return fault(cn, file.name, "sizes, element type and byte order are given for raw data only");
-    if (raw)
-        return open_raw(cn, file, quals);
-    if ((quals & bit(q_tessera)) != 0)
-        return (quals & bit(q_nt)) != 0 ? fault(cn, file.name, "has its number of frames in it")
-                                        : open_image(cn, file);
-    const int frames = (quals & bit(q_nt)) != 0 ? Qualifier[q_nt].IntArg : 1;
-    return open_ascii(cn, file, (quals & bit(q_ascii_id)) != 0, frames);
+    if (q.given("raw"))
+        return open_raw(cn, file, q);
+    if (q.given("tessera"))
+        return q.given("nt") ? fault(cn, file.name, "has its number of frames in it") : open_image(cn, file);
+    return open_ascii(cn, file, q.given("ascii-id"), q.number("nt", 1));
 }
 
 const unified_source &source_of(const data_file &file) {
     return file.tessera ? image_source : file.fd ? raw_source : ascii_source;
 }
 
-} // namespace
+// ---- commands
 
 int file_open(int quals, int cn, const char *name) {
     std::size_t path = 0;
@@ -304,7 +281,7 @@ int file_open(int quals, int cn, const char *name) {
     }
     auto file = std::make_unique<data_file>();
     file->name = name;
-    if (open_as(cn, *file, static_cast<unsigned>(quals)) != 0)
+    if (open_as(cn, *file, open_quals(quals)) != 0)
         return -1;
     file->handle = unified_open(cn, static_cast<int>(path), file->nx, file->ny, file->nt, file->type, name,
                                 source_of(*file));
@@ -321,5 +298,17 @@ int file_close(int, int cn, int handle) {
     sv_printf(cn, "! Handle %d is not a file\n", handle);
     return -1;
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_file_open = pt_command<file_open>(
+    "open", open_format, "Open a unified path to a data file",
+    "File name/Rows of numbers/Rows of numbers after an identification row/"
+    "Binary data of given size and type/Detector image file, or any HDF5 file/Width (raw)/"
+    "Height (raw, default 1)/Frames (raw, ascii; default 1)/8-bit data/16-bit data/32-bit data/"
+    "floating point data/Double prec floating data/48-bit data/64-bit data/Low byte first (raw)/"
+    "High byte first (raw)/Bytes before the data (raw)");
+constinit const PARSE_TREE row_file_close =
+    pt_command<file_close>("close", "%d = %d", "Close a unified path to a data file", "Unified handle");
 
 } // namespace kestrel

@@ -3,12 +3,11 @@
 #include "modules/store/cut_guard.h"
 #include "modules/store/headed.h"
 #include "modules/store/result_module.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -17,25 +16,9 @@ namespace kestrel {
 
 namespace {
 
-enum qualifier : int {
-    q_transpose,
-    q_src_x,
-    q_dst_x,
-    q_num_x,
-    q_src_y,
-    q_dst_y,
-    q_num_y,
-    q_src_t,
-    q_dst_t,
-    q_num_t,
-    q_max_x,
-    q_max_y,
-    q_max_t,
-    q_quiet,
-    q_verbose,
-    q_scale,
-    q_add,
-};
+constexpr pt_format copy_format(
+    "%s %s transpose src-x %d dst-x %d num-x %d src-y %d dst-y %d num-y %d src-t %d dst-t %d num-t %d "
+    "max-x %d max-y %d max-t %d quiet verbose scale %g add = %d ");
 
 struct triple {
     int x = 0, y = 0, t = 0;
@@ -52,25 +35,25 @@ struct copy_request {
 };
 
 copy_request copy_asked(int quals, int cn, const char *from, const char *to, const module_view &source) {
-    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
-    const auto value = [&](int q, int otherwise) { return has(q) ? Qualifier[q].IntArg : otherwise; };
+    const pt_qualifiers<copy_format> q(quals);
     copy_request r;
     r.cn = cn;
     r.from = from;
     r.to = to;
-    r.transpose = has(q_transpose);
-    r.quiet = has(q_quiet);
-    r.verbose = has(q_verbose);
-    r.add = has(q_add);
-    r.compute = r.add || has(q_scale);
-    r.scale = has(q_scale) ? Qualifier[q_scale].DoubleArg : 1.0;
-    r.frame_given = has(q_src_t);
-    r.src = {value(q_src_x, 0), value(q_src_y, 0), value(q_src_t, 0)};
-    r.dst = {value(q_dst_x, 0), value(q_dst_y, 0), value(q_dst_t, 0)};
-    r.num = {value(q_num_x, has(q_src_x) ? 1 : source.num_x), value(q_num_y, has(q_src_y) ? 1 : source.num_y),
-             value(q_num_t, has(q_src_t) ? 1 : source.num_t)};
+    r.transpose = q.given("transpose");
+    r.quiet = q.given("quiet");
+    r.verbose = q.given("verbose");
+    r.add = q.given("add");
+    r.compute = r.add || q.given("scale");
+    r.scale = q.real("scale", 1.0);
+    r.frame_given = q.given("src-t");
+    r.src = {q.number("src-x"), q.number("src-y"), q.number("src-t")};
+    r.dst = {q.number("dst-x"), q.number("dst-y"), q.number("dst-t")};
+    r.num = {q.number("num-x", q.given("src-x") ? 1 : source.num_x),
+             q.number("num-y", q.given("src-y") ? 1 : source.num_y),
+             q.number("num-t", q.given("src-t") ? 1 : source.num_t)};
     r.out = r.transpose ? triple{r.num.y, r.num.x, r.num.t} : r.num;
-    r.max = {value(q_max_x, 0), value(q_max_y, 0), value(q_max_t, 0)};
+    r.max = {q.number("max-x"), q.number("max-y"), q.number("max-t")};
     return r;
 }
 
@@ -103,28 +86,17 @@ int check_source(const copy_request &r, const module_view &s) {
     return 0;
 }
 
-// The messages of one dimension of the destination.
-struct target_texts {
-    const char *negative;
-    const char *too_small;
+// A dimension of the destination, as its messages name it.
+struct dimension {
+    const char *region;
+    const char *size;
 };
-constexpr target_texts x_texts = {
-    "! ERROR: Dst X region start=%d should be >= 0\n",
-    "! ERROR: Requested new module width %d will not accept read from %d for %d\n"};
-constexpr target_texts y_texts = {
-    "! ERROR: Dst Y region start=%d should be >= 0\n",
-    "! ERROR: Requested new module height %d will not accept read from %d for %d\n"};
-constexpr target_texts t_texts = {
-    "! ERROR: Dst t region start=%d should be >= 0\n",
-    "! ERROR: Requested new module num_t %d will not accept read from %d for %d\n"};
 
-// One dimension of the destination: its start, and the size that holds it (0: as large as needed).
-int check_target(int cn, const target_texts &texts, int start, int count, int &max) {
-    char line[128];
+// Its start, and the size that holds it (0: as large as needed).
+int check_target(int cn, const dimension &named, int start, int count, int &max) {
     int need = 0;
     if (start < 0) {
-        std::snprintf(line, sizeof line, texts.negative, start);
-        sv_print(cn, line);
+        sv_printf(cn, "! ERROR: Dst %s region start=%d should be >= 0\n", named.region, start);
         return -1;
     }
     const bool overflow = __builtin_add_overflow(start, count, &need);
@@ -132,15 +104,15 @@ int check_target(int cn, const target_texts &texts, int start, int count, int &m
         max = need;
     if (!overflow && max >= need)
         return 0;
-    std::snprintf(line, sizeof line, texts.too_small, max, start, count);
-    sv_print(cn, line);
+    sv_printf(cn, "! ERROR: Requested new module %s %d will not accept read from %d for %d\n", named.size,
+              max, start, count);
     return -1;
 }
 
 int check_targets(copy_request &r) {
-    const bool fit = check_target(r.cn, x_texts, r.dst.x, r.out.x, r.max.x) == 0 &&
-                     check_target(r.cn, y_texts, r.dst.y, r.out.y, r.max.y) == 0 &&
-                     check_target(r.cn, t_texts, r.dst.t, r.out.t, r.max.t) == 0;
+    const bool fit = check_target(r.cn, {"X", "width"}, r.dst.x, r.out.x, r.max.x) == 0 &&
+                     check_target(r.cn, {"Y", "height"}, r.dst.y, r.out.y, r.max.y) == 0 &&
+                     check_target(r.cn, {"t", "num_t"}, r.dst.t, r.out.t, r.max.t) == 0;
     return fit ? 0 : -1;
 }
 
@@ -245,20 +217,18 @@ std::vector<std::byte> box_copy(const copy_request &r, const module_view &s) {
 void announce(const copy_request &r, const module_view &s) {
     if (r.quiet)
         return;
-    const char *format =
-        r.transpose
-            ? (r.compute ? "# Transposed module add and scale src from (%d, %d, %d) for (%d, %d, %d) to dst "
-                           "(%d, %d, %d)\n"
-                         : "# Transposed module copy src from (%d, %d, %d) for (%d, %d, %d) to dst "
-                           "(%d, %d, %d)\n")
-            : (r.compute ? "# Adding/Scaling data non-transposed src=(%d, %d, %d) for (%d, %d, %d) => "
-                           "(%d, %d, %d), elem_size=%d\n"
-                         : "# Copying data non-transposed src=(%d, %d, %d) for (%d, %d, %d) => "
-                           "(%d, %d, %d), elem_size=%d\n");
-    char line[256];
-    std::snprintf(line, sizeof line, format, r.src.x, r.src.y, r.src.t, r.num.x, r.num.y, r.num.t, r.dst.x,
-                  r.dst.y, r.dst.t, static_cast<int>(s.element_size));
-    sv_print(r.cn, line);
+    const triple &n = r.num;
+    const int size = static_cast<int>(s.element_size);
+    if (r.transpose)
+        sv_printf(r.cn, "# Transposed module %s src from (%d, %d, %d) for (%d, %d, %d) to dst (%d, %d, %d)\n",
+                  r.compute ? "add and scale" : "copy", r.src.x, r.src.y, r.src.t, n.x, n.y, n.t, r.dst.x,
+                  r.dst.y, r.dst.t);
+    else
+        sv_printf(
+            r.cn,
+            "# %s data non-transposed src=(%d, %d, %d) for (%d, %d, %d) => (%d, %d, %d), elem_size=%d\n",
+            r.compute ? "Adding/Scaling" : "Copying", r.src.x, r.src.y, r.src.t, n.x, n.y, n.t, r.dst.x,
+            r.dst.y, r.dst.t, size);
 }
 
 void copy_frames(const copy_request &r, const module_view &s, const module_view &d) {
@@ -284,8 +254,6 @@ void copy_frames(const copy_request &r, const module_view &s, const module_view 
         }
     }
 }
-
-} // namespace
 
 int module_copy(int quals, int cn, const char *from, const char *to) {
     const module_link source(from);
@@ -319,5 +287,17 @@ int module_copy(int quals, int cn, const char *from, const char *to) {
     module_announce(cn, to);
     return 0;
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_module_copy = pt_command<module_copy>(
+    "copy", copy_format, "Copy an 'id' module to another name",
+    "Old module name/New module name/swap x y/Source start x (default 0)/Destination Start X (default 0)/"
+    "Num X (default=num_x, unless src-x specifed, then 1)/Source Start y (default 0)/"
+    "Destination Start y (default 0)/Num y (default=num_y, unless src-y specifed, then 1)/"
+    "Source Start t (default 0)/Destination Start t (default 0)/"
+    "Num t (default=num_t, unless src-t specifed, then 1)/Dst Module num_x (default dst-x + num-x)/"
+    "Dst Module num_y (default dst-y + num-y)/Dst Module num_t (default dst-t + num-t)/Supress Messages/"
+    "More messages/Scaling data ebfore copying or adding/Add data to target image");
 
 } // namespace kestrel

@@ -1,11 +1,12 @@
-// Modules from and to files. Both run command lines of the same session: `file open`, `read`, `module open`
-// and `file get-next-index` do the work.
+// Modules from and to files. Data files and their numbering are the file room's, which fills in
+// unified_file_hooks; `read` and `module open` are run as command lines of the same session.
 #include "modules/commands.h"
 #include "modules/store/result_module.h"
-#include "parser/call.h"
 #include "parser/interpreter.h"
+#include "parser/qualifiers.h"
 #include "parser/variables.h"
 #include "server/output.h"
+#include "unified/file_hooks.h"
 #include "unified/handles/handles.h"
 
 #include <cstdarg>
@@ -31,13 +32,6 @@ std::string formatted(const char *format, ...) {
     std::vsnprintf(line, sizeof line, format, args);
     va_end(args);
     return line;
-}
-
-// A text as an argument of a command line that is run here: between single quotes, or double ones when it has
-// a single one itself.
-std::string quoted(std::string_view text) {
-    const char quote = text.find('\'') == std::string_view::npos ? '\'' : '"';
-    return quote + std::string(text) + quote;
 }
 
 // The language has no way to write a text with both.
@@ -69,6 +63,8 @@ class open_handle {
 
 // ---- load
 
+constexpr pt_format load_format("%s %s open-quals %s long double num-t %d tessera = %d");
+
 struct load_request {
     std::string open_quals = "ascii-id";
     mod_element element = mod_element::float32;
@@ -78,21 +74,17 @@ struct load_request {
 };
 
 load_request load_asked(int quals) {
-    enum { q_open_quals, q_long, q_double, q_num_t, q_tessera };
-    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
+    const pt_qualifiers<load_format> q(quals);
     load_request r;
-    if (has(q_tessera))
-        r.open_quals = "tessera";
-    else if (has(q_open_quals))
-        r.open_quals = Qualifier[q_open_quals].StringArg;
-    r.skip_first = !has(q_tessera) && !has(q_open_quals);
-    if (has(q_double))
+    r.open_quals = q.given("tessera") ? "tessera" : q.text("open-quals", "ascii-id");
+    r.skip_first = q.count({"tessera", "open-quals"}) == 0;
+    if (q.given("double"))
         r.element = mod_element::float64;
-    else if (has(q_long))
+    else if (q.given("long"))
         r.element = mod_element::u_int32;
-    r.type_from_file = has(q_tessera) && !has(q_double) && !has(q_long);
-    if (has(q_num_t))
-        r.num_t = Qualifier[q_num_t].IntArg;
+    r.type_from_file = q.given("tessera") && q.count({"double", "long"}) == 0;
+    if (q.given("num-t"))
+        r.num_t = q.number("num-t");
     return r;
 }
 
@@ -118,26 +110,26 @@ int load_from(int cn, const open_handle &file, const std::string &name, load_req
         plan = {r.element, nx, ny, module_nt, true};
     result_module module;
     if (module.make(cn, name.c_str(), plan) != 0 ||
-        run(cn, formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows, nt,
-                          file.get(), quoted(name).c_str(), element_names[mod_handle_type_of(r.element)])) !=
-            0)
+        run(cn,
+            formatted("read %d %d %d %d %d %d from %d to-module %s %s", 0, first, 0, nx, rows, nt, file.get(),
+                      pt_quoted(name).c_str(), element_names[mod_handle_type_of(r.element)])) != 0)
         return -1;
     module.keep();
     return 0;
 }
-
-} // namespace
 
 int module_load(int quals, int cn, const char *file, const char *name) {
     const load_request request = load_asked(quals);
     const std::string target = name;
     if (check_quotes(cn, {file, target}) != 0)
         return -1;
-    const std::string command =
-        formatted("file open %s %s", quoted(file).c_str(), request.open_quals.c_str());
-    const int handle = run(cn, command);
+    const file_hooks &files = unified_file_hooks;
+    const std::string opened_as = file;
+    const int handle =
+        files.open != nullptr ? files.open(cn, opened_as.c_str(), request.open_quals.c_str()) : -1;
     if (handle < 0 || !unified_info_of(handle)) {
-        sv_print(cn, "! ERROR: Cannot open file using command '" + command + "'\n");
+        sv_print(cn, "! ERROR: Cannot open file using command 'file open " + pt_quoted(opened_as) + " " +
+                         request.open_quals + "'\n");
         return -1;
     }
     const open_handle opened(cn, handle);
@@ -149,23 +141,14 @@ int module_load(int quals, int cn, const char *file, const char *name) {
 
 // ---- save
 
-namespace {
+constexpr pt_format save_format(
+    "%s + %s os9 ascii asc-col det raw long float double read-quals %s next-file %s comment1 %s comment2 %s "
+    "xh %s save-script %s current-file %s = %d");
+using save_quals = pt_qualifiers<save_format>;
 
-enum save_qualifier {
-    q_read_quals = 8,
-    q_next_file,
-    q_comment1,
-    q_comment2,
-    q_xh,
-    q_save_script,
-    q_current_file
-};
-
-int check_index_texts(int quals, int cn) {
-    for (const int q : {q_next_file, q_comment1, q_comment2, q_xh, q_save_script, q_current_file})
-        if ((quals >> q & 1) != 0 && check_quotes(cn, {Qualifier[q].StringArg}) != 0)
-            return -1;
-    return 0;
+int check_index_texts(const save_quals &q, int cn) {
+    return check_quotes(cn, {q.text("next-file"), q.text("comment1"), q.text("comment2"), q.text("xh"),
+                             q.text("save-script"), q.text("current-file")});
 }
 
 struct save_request {
@@ -175,59 +158,47 @@ struct save_request {
     std::string index_tail; // what follows the path in the index command
 };
 
-// A command's word for each form; anything else is ASCII rows.
-std::string form_word(int quals) {
-    switch (quals & 0xFF) {
-    case 1 << 2:
-        return " asc-col";
-    case 1 << 3:
-        return " det";
-    case 1 << 4:
-        return " raw";
-    case 1 << 5:
-        return " long";
-    case 1 << 6:
-        return " float";
-    case 1 << 7:
-        return " double";
-    default:
-        return "";
-    }
+// The read command's word for the form; nothing for ASCII rows.
+const char *form_word(const save_quals &q) {
+    constexpr save_quals::choice<const char *> words[] = {
+        {"ascii", ""},     {"asc-col", " asc-col"}, {"det", " det"},      {"raw", " raw"},
+        {"long", " long"}, {"float", " float"},     {"double", " double"}};
+    return q.only(words).value_or("");
 }
 
-save_request save_asked(int quals, const char *name, const char *file) {
-    const auto has = [quals](int q) { return (quals >> q & 1) != 0; };
-    const auto text = [](int q) -> const char * { return Qualifier[q].StringArg; };
+save_request save_asked(const save_quals &q, const char *name, const char *file) {
     save_request r;
-    r.format_words = form_word(quals);
-    if (has(q_read_quals))
-        r.format_words += formatted(" %s", text(q_read_quals));
+    r.format_words = form_word(q);
+    if (q.given("read-quals"))
+        r.format_words += formatted(" %s", q.text("read-quals"));
     r.file = file != nullptr ? file : name;
-    r.indexed = has(q_next_file) || has(q_current_file);
+    r.indexed = q.count({"next-file", "current-file"}) > 0;
     if (!r.indexed)
         return r;
-    for (const int q : {q_comment1, q_comment2})
-        if (has(q))
-            r.index_tail += " " + quoted(text(q));
-    if (has(q_xh))
-        r.index_tail += " xh " + quoted(text(q_xh));
-    if (!has(q_next_file)) {
+    if (q.given("comment1"))
+        r.index_tail += " " + pt_quoted(q.text("comment1"));
+    if (q.given("comment2"))
+        r.index_tail += " " + pt_quoted(q.text("comment2"));
+    if (q.given("xh"))
+        r.index_tail += " xh " + pt_quoted(q.text("xh"));
+    if (!q.given("next-file")) {
         r.index_tail +=
-            "  append file-suffix " + quoted(text(q_current_file)) + " get-fname 'module_save_fname' ";
+            "  append file-suffix " + pt_quoted(q.text("current-file")) + " get-fname 'module_save_fname' ";
         return r;
     }
     r.index_tail +=
-        " file-suffix " + quoted(text(q_next_file)) + " get-fname 'module_save_fname' script-name ";
-    if (has(q_save_script))
-        r.index_tail += " save-script " + quoted(text(q_save_script));
+        " file-suffix " + pt_quoted(q.text("next-file")) + " get-fname 'module_save_fname' script-name ";
+    if (q.given("save-script"))
+        r.index_tail += " save-script " + pt_quoted(q.text("save-script"));
     return r;
 }
 
 // Draws the file's name from the index of the folder.
 int take_indexed_name(int cn, save_request &r) {
-    const std::string command = "file get-next-index " + quoted(r.file) + " " + r.index_tail;
-    if (run(cn, command) < 0) {
-        sv_print(cn, "! ERROR getting sequence number using command '" + command + "'\n");
+    const file_hooks &files = unified_file_hooks;
+    if (files.next_index == nullptr || files.next_index(cn, r.file.c_str(), r.index_tail.c_str()) < 0) {
+        sv_print(cn, "! ERROR getting sequence number using command 'file get-next-index " +
+                         pt_quoted(r.file) + " " + r.index_tail + "'\n");
         return -1;
     }
     const Variable *variable = get_global_variable("module_save_fname");
@@ -239,21 +210,19 @@ int take_indexed_name(int cn, save_request &r) {
     return 0;
 }
 
-} // namespace
-
 int module_save(int quals, int cn, const char *name, const char *file) {
-    if ((quals & 1) != 0) {
+    const save_quals q(quals);
+    if (q.given("os9")) {
         sv_printf(cn, "! OS9 module save not supported on Linux\n");
         return -1;
     }
-    const unsigned names = 1U << q_next_file | 1U << q_current_file | 1U << q_save_script;
-    if (pt_check_names(cn, names) != 0)
+    if (q.check_names(cn, {"next-file", "current-file", "save-script"}) != 0)
         return -1;
-    save_request request = save_asked(quals, name, file);
+    save_request request = save_asked(q, name, file);
     const std::string module = name;
-    if (check_quotes(cn, {module, request.file}) != 0 || check_index_texts(quals, cn) != 0)
+    if (check_quotes(cn, {module, request.file}) != 0 || check_index_texts(q, cn) != 0)
         return -1;
-    const int handle = run(cn, "module open " + quoted(name) + " header");
+    const int handle = run(cn, "module open " + pt_quoted(name) + " header");
     if (handle < 0)
         return -1;
     const open_handle opened(cn, handle);
@@ -266,9 +235,27 @@ int module_save(int quals, int cn, const char *name, const char *file) {
         return -1;
     const std::string command =
         formatted("read 0 0 0 %d %d %d from %d to-local-file %s %s", entry->nx, entry->ny, entry->nt, handle,
-                  quoted(request.file).c_str(), request.format_words.c_str());
+                  pt_quoted(request.file).c_str(), request.format_words.c_str());
     sv_print(cn, "# Saving '" + module + "' using '" + command + "'\n");
     return run(cn, command);
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_module_load =
+    pt_command<module_load>("load", load_format, "Load data module from file using the file open command",
+                            "File name/Module name/Overried qualifier to file open (default ascii-id)/"
+                            "Force data u_int32 (default float)/Force data double/Specifeid module num-t/"
+                            "Open tessera and try to determine data type from the file");
+constinit const PARSE_TREE row_module_save = pt_command<module_save>(
+    "save", save_format, "save a data module into a local file (see also ftp functions)",
+    "module name/file name on server (or path name using index numbered files/OS9 module save/"
+    "ASCII rows format (default)/ASCII columns format/Tessera/Raw binary data/Raw 32 bit longs/"
+    "Raw 32 bit floats/Raw 64 bit doubles/read command qualifiers/"
+    "Use Next file index with this filename suffix to make <path_name>/<next_index>_<suffix>/"
+    "First comment to add to log file/Second comment to add to log file/"
+    "Add automatic comments from XH of given sys name/"
+    "Specify the directory to save the calling script into. <save_dir>/<seq_num>_<script_name>/"
+    "Use current file index to make name <path_name>/<current_index>_<suffix>");
 
 } // namespace kestrel

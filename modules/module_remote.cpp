@@ -3,9 +3,9 @@
 #include "instruments/links/imgd.h"
 #include "modules/commands.h"
 #include "modules/store/result_module.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 
-#include <bit>
 #include <cstddef>
 #include <new>
 #include <optional>
@@ -17,18 +17,13 @@ using namespace links;
 
 namespace {
 
-// keywords in format order
-constexpr int link_keywords[] = {link_adcx, link_adcy,   link_lux,   link_luy,
-                                 link_corr, link_motors, link_user1, link_user2};
-constexpr int link_mask = (1 << std::size(link_keywords)) - 1;
-constexpr int display1d = 1 << 8, display2d = 1 << 9;
+constexpr pt_format
+    remote_format("%s +%s adc-x adc-y lku-x lku-y corr motor user1 user2 display1d display2d  = %d");
+using remote_quals = pt_qualifiers<remote_format>;
 
-std::optional<int> chosen_link(int quals) {
-    const unsigned chosen = static_cast<unsigned>(quals & link_mask);
-    if (!std::has_single_bit(chosen))
-        return std::nullopt;
-    return link_keywords[std::countr_zero(chosen)];
-}
+constexpr remote_quals::choice<int> remote_links[] = {
+    {"adc-x", link_adcx}, {"adc-y", link_adcy},   {"lku-x", link_lux},   {"lku-y", link_luy},
+    {"corr", link_corr},  {"motor", link_motors}, {"user1", link_user1}, {"user2", link_user2}};
 
 // About a handle over there, on the connection that it was opened on.
 int ask(int cn, int link, const char *question, int handle) {
@@ -93,34 +88,22 @@ int close_remote(int cn, int link, int handle) {
     return -1;
 }
 
-void show(int cn, int quals, const char *local) {
-    if (!(quals & (display1d | display2d)) || !imgd_display_enabled())
-        return;
-    send_wait(cn, link_imgd,
-              std::string("module open '") + local + "' display" + (quals & display1d ? "1d" : "2d"));
-}
-
-} // namespace
-
-void module_announce(int cn, const char *name) try {
-    const module_link held{name};
-    module_view view;
-    if (held && mod_look(held.head(), view) == nullptr)
-        imgd_module_new(cn, name, view.num_x, view.num_y, view.num_t);
-} catch (const std::bad_alloc &) {
-    imgd_not_told(cn, name);
+void show(int cn, const char *dimensions, const char *local) {
+    if (imgd_display_enabled())
+        send_wait(cn, link_imgd, std::string("module open '") + local + "' display" + dimensions);
 }
 
 int module_get_remote(int quals, int cn, const char *remote, const char *local) {
-    const std::optional<int> link = chosen_link(quals);
+    const remote_quals q(quals);
+    const std::optional<int> link = q.only(remote_links);
     if (!link) {
         sv_printf(cn, "! Must Supply one of adc-x adc-y lku-x lku-y corr motors user1 user2\n");
         return -1;
     }
-    if ((quals & display1d) && (quals & display2d)) {
+    const int displays = q.count({"display1d", "display2d"});
+    const char *dimensions = q.given("display1d") ? "1d" : "2d";
+    if (displays > 1)
         sv_printf(cn, "! Cannot display module as both 1D and 2D\n");
-        quals &= ~(display1d | display2d);
-    }
     if (!local)
         local = remote;
     const int handle = send_wait(cn, *link, std::string("module open '") + remote + "' header");
@@ -134,8 +117,25 @@ int module_get_remote(int quals, int cn, const char *remote, const char *local) 
     if (fetched != 0 || closed != 0)
         return -1;
     module_announce(cn, local);
-    show(cn, quals, local);
+    if (displays == 1)
+        show(cn, dimensions, local);
     return 0;
 }
+
+} // namespace
+
+void module_announce(int cn, const char *name) try {
+    const module_link held{name};
+    module_view view;
+    if (held && mod_look(held.head(), view) == nullptr)
+        imgd_module_new(cn, name, view.num_x, view.num_y, view.num_t);
+} catch (const std::bad_alloc &) {
+    imgd_not_told(cn, name);
+}
+
+constinit const PARSE_TREE row_module_get_remote = pt_command<module_get_remote>(
+    "get-remote", remote_format, "Copy a remote module to a local module",
+    "Remote module name/Optional different local name/Form ADC X/ADC Y/Lookup X/Lookup Y/Correlator/"
+    "Motor Server/User server1/User Server2/Display in image displayer");
 
 } // namespace kestrel

@@ -2,6 +2,7 @@
 #include "modules/commands.h"
 #include "modules/store/element.h"
 #include "modules/store/view.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 #include "unified/handles/handles.h"
 
@@ -28,20 +29,16 @@ struct module_path {
 
 std::array<module_path, module_paths + 1> mod_ptrs;
 
-constexpr const char *bad_read_path = "Invalid path sent to module_read value %d\n";
-constexpr const char *bad_clear_path = "Invalid path sent to mod_clear value %d\n";
-constexpr const char *bad_destroy_path = "Invalid path sent to module_destroy value %d\n";
-
-void *head_of(int path, const char *bad_path) {
+void *head_of(int path, const char *caller) {
     if (path >= 1 && path <= module_paths && mod_ptrs[static_cast<std::size_t>(path)].link)
         return mod_ptrs[static_cast<std::size_t>(path)].link.head();
-    std::fprintf(stderr, bad_path, path);
+    std::fprintf(stderr, "Invalid path sent to %s value %d\n", caller, path);
     return nullptr;
 }
 
 // The open module, with all of the box inside it; false after the cause was told.
-bool look_at_box(int path, const char *bad_path, const unified_box &b, module_view &view) {
-    void *head = head_of(path, bad_path);
+bool look_at_box(int path, const char *caller, const unified_box &b, module_view &view) {
+    void *head = head_of(path, caller);
     if (head == nullptr)
         return false;
     if (const char *fault = mod_look(head, view)) {
@@ -71,7 +68,7 @@ std::size_t row_bytes(const module_view &view, int dx) {
 
 int read_box(int path, void *buffer, const unified_box &b) {
     module_view view;
-    if (!look_at_box(path, bad_read_path, b, view))
+    if (!look_at_box(path, "module_read", b, view))
         return -1;
     auto *out = static_cast<std::byte *>(buffer);
     const std::size_t row = row_bytes(view, b.dx);
@@ -83,7 +80,7 @@ int read_box(int path, void *buffer, const unified_box &b) {
 
 int clear_box(int path, const unified_box &b) {
     module_view view;
-    if (!look_at_box(path, bad_clear_path, b, view))
+    if (!look_at_box(path, "mod_clear", b, view))
         return -1;
     for (int t = b.t; t < b.t + b.dt; ++t)
         for (int y = b.y; y < b.y + b.dy; ++y)
@@ -110,7 +107,7 @@ int mod_clear3d(int path, int x, int y, int t, int dx, int dy, int dt) {
 
 int module_place(int path, unified_place *place) {
     module_view view;
-    if (!look_at_box(path, bad_read_path, {0, 0, 0, 1, 1, 1}, view))
+    if (!look_at_box(path, "module_read", {0, 0, 0, 1, 1, 1}, view))
         return -1;
     place->first = view.data();
     place->row_stride = row_bytes(view, view.num_x);
@@ -123,7 +120,7 @@ int module_place(int path, unified_place *place) {
 }
 
 void module_destroy(int path, int) {
-    if (head_of(path, bad_destroy_path) != nullptr)
+    if (head_of(path, "module_destroy") != nullptr)
         mod_ptrs[static_cast<std::size_t>(path)] = {};
 }
 
@@ -150,10 +147,12 @@ int check_kind(int cn, const char *name, const void *head) {
     return -1;
 }
 
-} // namespace
+// ---- commands
+
+constexpr pt_format open_format("%s header  = %d");
 
 int module_open(int quals, int cn, const char *name) {
-    if ((quals & 1) == 0) {
+    if (!pt_qualifiers<open_format>(quals).given("header")) {
         sv_printf(cn, "# Only headed modules accepted at the moment, please specify headed qualifier\n");
         return -1;
     }
@@ -192,8 +191,16 @@ int module_open(int quals, int cn, const char *name) {
 // Closes any handle; a module path is given back by its destroy callback's work.
 int module_close(int, int cn, int handle) {
     if (!is_module_handle(handle))
-        std::fprintf(stderr, bad_destroy_path, unif_handle2path(handle));
+        std::fprintf(stderr, "Invalid path sent to module_destroy value %d\n", unif_handle2path(handle));
     return unified_close_and_destroy(cn, handle);
 }
+
+} // namespace
+
+constinit const PARSE_TREE row_module_open = pt_command<module_open>(
+    "open", open_format, "open a unified read connection to a module currently must be headed",
+    "module name");
+constinit const PARSE_TREE row_module_close = pt_command<module_close>(
+    "close", "%d  = %d", "close a unified read connection to a module", "Unified path number");
 
 } // namespace kestrel

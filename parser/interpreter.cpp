@@ -467,4 +467,9 @@ int user_service_result(int cn, const char *line, Variable *result_out, int *sta
     return service(cn, nullptr, line, {result_out, 0, nullptr, nullptr}, status_out);
 }
 
+std::string pt_quoted(std::string_view text) {
+    const char quote = text.find('\'') == std::string_view::npos ? '\'' : '"';
+    return quote + std::string(text) + quote;
+}
+
 } // namespace kestrel

@@ -6,6 +6,8 @@
 #include "parser/variables.h"
 
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 namespace kestrel {
 
@@ -34,5 +36,9 @@ int user_service_script(int cn, const char *line, int print_result, std::FILE *l
                         int *status_out);
 // ... and with the typed result stored instead of printed.
 int user_service_result(int cn, const char *line, Variable *result_out, int *status_out);
+
+// A text as an argument of a command line that is run: between single quotes, or double ones when it has a
+// single one itself. (The language has no way to write a text with both.)
+std::string pt_quoted(std::string_view text);
 
 } // namespace kestrel

@@ -47,7 +47,7 @@ struct free_memory {
 };
 using malloced = std::unique_ptr<char, free_memory>;
 
-// These leave the way to write into the old file itself.
+// No file can be made beside the old one; the old one itself may still be writable.
 bool folder_is_closed(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
 }

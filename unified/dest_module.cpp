@@ -216,7 +216,8 @@ int module_destination::clear_all(const UnifOutput &output) {
     return 0;
 }
 
-// Cleared only now: the data may have been read from this very module, and a failed read clears nothing.
+// The module is cleared at the first write, not at init: the data may come from this very module, and a read
+// that fails before then leaves it as it was.
 int module_destination::write(UnifOutput &output, const std::byte *bytes, std::size_t count) {
     if (output.clear_first && !cleared_ && clear_all(output) != 0)
         return -1;
@@ -224,7 +225,7 @@ int module_destination::write(UnifOutput &output, const std::byte *bytes, std::s
     return output.mod_header ? put_in_box(output, bytes, count) : put_plain(output, bytes, count);
 }
 
-// One that this read made stays with all of the data in it only.
+// A module that this read made is kept only when all of the data are in it.
 int module_destination::term(UnifOutput &, bool failed) {
     if (!failed)
         module_.keep();

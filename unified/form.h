@@ -17,8 +17,8 @@ enum byte_swapping : int { swap_never = 0, swap_own = 1, swap_requested = 2 };
 
 struct _unif_format;
 
-// What a form does, one class a form, with its state. Every function gets the record that it belongs to, where
-// the size, the type and the destination are found.
+// What a form does, one class a form, with its state. Every function gets the record that it belongs to,
+// where the size, the type and the destination are found.
 class form_worker {
   public:
     form_worker() = default;

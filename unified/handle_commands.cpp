@@ -1,23 +1,27 @@
 // Commands on handles, other than read.
 #include "modules/store/view.h"
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "server/output.h"
 #include "unified/commands.h"
 #include "unified/handles/handles.h"
 
-#include <bit>
+#include <optional>
+#include <utility>
 
 namespace kestrel {
 
 namespace {
 
+constexpr pt_format ustatus_format("of %d = %d");
+
 int simple_do_ustatus(int quals, int cn) {
-    if ((quals & 1) == 0) {
+    const pt_qualifiers<ustatus_format> q(quals);
+    if (!q.given("of")) {
         for (int handle = 0; handle < unified_max_handles; ++handle)
             unif_display_status(cn, handle);
         return 0;
     }
-    const int handle = Qualifier[0].IntArg;
+    const int handle = q.number("of");
     if (handle < 0 || handle >= unified_max_handles) {
         sv_printf(cn, "! Invalid image handle. Valid handles are in the range 0 .. %d.\n",
                   unified_max_handles);
@@ -84,7 +88,12 @@ int cli_unified_get_bsize(int, int, int handle) {
 
 // ---- corrections
 
-enum correction_qualifier : int { q_mult1d, q_div1d, q_poly1d, q_chebyshev1d };
+constexpr pt_format correction_format("%d + %s %d mult1d div1d poly1d chebyshev1d %g = %d");
+using correction_quals = pt_qualifiers<correction_format>;
+constexpr correction_quals::choice<int> corrections[] = {{"mult1d", corr_mult1d},
+                                                         {"div1d", corr_div1d},
+                                                         {"poly1d", corr_poly1d},
+                                                         {"chebyshev1d", corr_chebyshev1d}};
 
 // The module must have a value (or a coefficient of each order) for every point of the handle.
 int check_correction(int cn, const char *name, const module_view &view, int frame,
@@ -109,10 +118,11 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
         sv_printf(cn, "! Invalid handle %d\n", handle);
         return -1;
     }
-    const auto kinds = static_cast<unsigned>(quals) & 0xF;
-    if (name == nullptr && kinds == 0)
+    const correction_quals q(quals);
+    const std::optional<int> type = q.only(corrections);
+    if (name == nullptr && q.none())
         return unified_set_corr_module(cn, handle, corr_none, {}, 0, 0, 1.0);
-    if (name == nullptr || std::popcount(kinds) != 1) {
+    if (name == nullptr || !type) {
         sv_printf(cn, "! A correction needs a module and one of mult1d, div1d, poly1d, chebyshev1d\n");
         return -1;
     }
@@ -124,11 +134,9 @@ int cli_unif_set_correction(int quals, int cn, int handle, const char *name, int
     module_view view;
     if (mod_look(cn, name, link.head(), view) != 0 || check_correction(cn, name, view, frame, *entry) != 0)
         return -1;
-    const int kind = std::countr_zero(kinds);
-    const int type = corr_mult1d + kind;
-    const int order = kind == q_poly1d || kind == q_chebyshev1d ? view.num_y - 1 : 0;
-    const double scale = kind == q_chebyshev1d ? Qualifier[q_chebyshev1d].DoubleArg : 1.0;
-    return unified_set_corr_module(cn, handle, type, std::move(link), frame, order, scale);
+    const int order = *type == corr_poly1d || *type == corr_chebyshev1d ? view.num_y - 1 : 0;
+    const double scale = q.real("chebyshev1d", 1.0);
+    return unified_set_corr_module(cn, handle, *type, std::move(link), frame, order, scale);
 }
 
 int cli_unif_set_dtc_mod(int, int cn, const char *name) {
@@ -138,7 +146,7 @@ int cli_unif_set_dtc_mod(int, int cn, const char *name) {
 } // namespace
 
 constinit const PARSE_TREE row_ustatus = pt_command<simple_do_ustatus>(
-    "ustatus", "of %d = %d", "print details about currently open unified read handles",
+    "ustatus", ustatus_format, "print details about currently open unified read handles",
     "particular file handle");
 constinit const PARSE_TREE row_enable =
     pt_command<cli_unified_enable>("enable", "%d = %d", "unified enable command", "handle");
@@ -162,7 +170,7 @@ constinit const PARSE_TREE row_close =
 constinit const PARSE_TREE row_close_all =
     pt_command<cli_unified_close_all>("close-all", " = %d", "Close all open unified paths", "");
 constinit const PARSE_TREE row_unif_set_correction = pt_command<cli_unif_set_correction>(
-    "unif-set-correction", "%d + %s %d mult1d div1d poly1d chebyshev1d %g = %d",
+    "unif-set-correction", correction_format,
     "Enable or disable Flat Field or linearity correction on unified path",
     "Handle/Module name/Module time dimension (default 0)/Multiply 1D image by module/"
     "Divide   1D image by module/Polynomial per point in 1D/"

@@ -1,22 +1,21 @@
 // The read command: what its qualifiers ask for, and whether they go together.
-#include "parser/call.h"
+#include "parser/qualifiers.h"
 #include "parser/variables.h"
 #include "server/output.h"
 #include "support/byte_order.h"
 #include "unified/commands.h"
 #include "unified/read_pipeline.h"
 
-#include <bit>
-
 namespace kestrel {
 
 namespace {
 
-constexpr const char *read_format =
-    "%d %d %d %d %d %d intel motorola raw long float gel otoko det from %d to-local-file %s "
-    "to-remote-file %s on %s user %s password %s to-module %s no-header scale-c scale-m start-x %d start-y "
-    "%d "
-    "start-t %d clear-mod asc-col start-ang %g step-ang %g dtc preserve-socket fsync double = %d";
+constexpr pt_format read_format(
+    "%d %d %d %d %d %d intel motorola raw long float gel otoko det from %d to-local-file %s to-remote-file %s "
+    "on %s user %s password %s to-module %s no-header scale-c scale-m start-x %d start-y %d start-t %d "
+    "clear-mod asc-col start-ang %g step-ang %g dtc preserve-socket fsync double = %d");
+using read_quals = pt_qualifiers<read_format>;
+
 constexpr const char *read_arghelp =
     "x/y/time/width/height/timeframes/perform byte swapping if appropriate/send the data verbatim/"
     "send the data without processing it/turn data into longs/turn data into floats/"
@@ -29,109 +28,62 @@ constexpr const char *read_arghelp =
     "Angle step for ASCII COL FORMAT/Apply current dead time correction/Preserve Data Socket, don't close/"
     "Perform fsync after to-local-file write/turn data into doubles";
 
-// The qualifiers in the order of the format.
-enum qualifier : int {
-    q_intel,
-    q_motorola,
-    q_raw,
-    q_long,
-    q_float,
-    q_gel,
-    q_otoko,
-    q_det,
-    q_from,
-    q_to_local_file,
-    q_to_remote_file,
-    q_on,
-    q_user,
-    q_password,
-    q_to_module,
-    q_no_header,
-    q_scale_c,
-    q_scale_m,
-    q_start_x,
-    q_start_y,
-    q_start_t,
-    q_clear_mod,
-    q_asc_col,
-    q_start_ang,
-    q_step_ang,
-    q_dtc,
-    q_preserve_socket,
-    q_fsync,
-    q_double,
-};
-
-constexpr unsigned bit(qualifier q) {
-    return 1U << q;
-}
-constexpr unsigned form_bits = bit(q_raw) | bit(q_long) | bit(q_float) | bit(q_double) | bit(q_gel) |
-                               bit(q_otoko) | bit(q_det) | bit(q_asc_col);
-constexpr unsigned destination_bits = bit(q_to_local_file) | bit(q_to_remote_file) | bit(q_to_module);
-constexpr unsigned ftp_bits = bit(q_on) | bit(q_user) | bit(q_password);
-constexpr unsigned module_bits =
-    bit(q_no_header) | bit(q_start_x) | bit(q_start_y) | bit(q_start_t) | bit(q_clear_mod);
-constexpr unsigned place_bits = bit(q_start_x) | bit(q_start_y) | bit(q_start_t);
-constexpr unsigned angle_bits = bit(q_start_ang) | bit(q_step_ang);
-
-struct asked {
-    unsigned mask = 0;
-    bool has(qualifier q) const { return (mask & bit(q)) != 0; }
-    bool any(unsigned bits) const { return (mask & bits) != 0; }
-};
-
 int refuse(int cn, const char *text) {
     sv_printf(cn, "! %s\n", text);
     return -1;
 }
 
-int number(qualifier q) {
-    return Qualifier[q].IntArg;
-}
-const char *text(qualifier q) {
-    return Qualifier[q].StringArg;
-}
-
 // ---- what goes together
 
-bool destinations_agree(const asked &a) {
-    if (std::popcount(a.mask & destination_bits) > 1)
-        return false;
-    if (a.has(q_to_remote_file) != a.has(q_on) || (a.any(ftp_bits) && !a.has(q_to_remote_file)))
-        return false;
-    if (a.any(module_bits) && !a.has(q_to_module))
-        return false;
-    return !(a.has(q_no_header) && a.any(place_bits));
+int destinations(const read_quals &q) {
+    return q.count({"to-local-file", "to-remote-file", "to-module"});
 }
 
-int check_forms(int cn, const asked &a) {
-    if (std::popcount(a.mask & form_bits) > 1)
+bool angle_given(const read_quals &q) {
+    return q.count({"start-ang", "step-ang"}) > 0;
+}
+
+bool destinations_agree(const read_quals &q) {
+    const int place = q.count({"start-x", "start-y", "start-t"});
+    if (destinations(q) > 1)
+        return false;
+    if (q.given("to-remote-file") != q.given("on"))
+        return false;
+    if (q.count({"on", "user", "password"}) > 0 && !q.given("to-remote-file"))
+        return false;
+    if ((place > 0 || q.count({"no-header", "clear-mod"}) > 0) && !q.given("to-module"))
+        return false;
+    return !(q.given("no-header") && place > 0);
+}
+
+int check_forms(int cn, const read_quals &q) {
+    if (q.count({"raw", "long", "float", "double", "gel", "otoko", "det", "asc-col"}) > 1)
         return refuse(cn, "Only specify one file format");
-    if (a.has(q_intel) && a.has(q_motorola))
+    if (q.given("intel") && q.given("motorola"))
         return refuse(cn, "Cannot have both intel and motorola formats.");
-    if (a.any(angle_bits) && !a.has(q_asc_col))
+    if (angle_given(q) && !q.given("asc-col"))
         return refuse(cn, "start-ang and step-ang only apply to the asc-col format");
     return 0;
 }
 
-int check_destination(int cn, const asked &a, bool swap) {
+int check_destination(int cn, const read_quals &q, bool swap) {
     if (pt_check_names(cn, ~0U) != 0)
         return -1;
-    if (!destinations_agree(a))
+    if (!destinations_agree(q))
         return refuse(cn, "Incorrect combination of output qualifiers.");
-    if (a.has(q_preserve_socket) && a.any(destination_bits)) {
+    if (q.given("preserve-socket") && destinations(q) > 0) {
         sv_printf(cn, "! preserve-socket option only applicable to data socket data transfer\n");
         return -1;
     }
-    if (a.has(q_fsync) && !a.has(q_to_local_file)) {
+    if (q.given("fsync") && !q.given("to-local-file")) {
         sv_printf(cn, "! fsync option only applies to to-local-file output\n");
         return -1;
     }
-    if (!a.has(q_to_module))
+    if (!q.given("to-module"))
         return 0;
-    if (a.has(q_asc_col) || a.has(q_gel) || a.has(q_det) || a.has(q_otoko))
+    if (q.given("asc-col") || q.given("gel") || q.given("det") || q.given("otoko"))
         return refuse(cn, "Only numbers (raw, long, float, double) can go into a module");
-    if (swap && !a.has(q_no_header))
+    if (swap && !q.given("no-header"))
         return refuse(cn, "A headed module holds numbers in this machine's byte order only");
     return 0;
 }
@@ -145,12 +97,12 @@ double numeric_variable(const char *name, double otherwise) {
     return variable->type == vt_int ? variable->IntVar : variable->DoubleVar;
 }
 
-scaling scaling_asked(const asked &a) {
+scaling scaling_asked(const read_quals &q) {
     scaling s;
-    s.active = a.has(q_scale_c) || a.has(q_scale_m);
-    if (a.has(q_scale_c))
+    s.active = q.given("scale-c") || q.given("scale-m");
+    if (q.given("scale-c"))
         s.constant = numeric_variable("scale_c", 0.0);
-    if (a.has(q_scale_m))
+    if (q.given("scale-m"))
         s.factor = numeric_variable("scale_m", 1.0);
     return s;
 }
@@ -163,56 +115,56 @@ void module_form(_unif_format &format, int source_type) {
         raw_setup_format(format);
 }
 
-void set_form(_unif_format &format, const asked &a, const unified_info &entry) {
-    if (a.has(q_raw))
+void set_form(_unif_format &format, const read_quals &q, const unified_info &entry) {
+    if (q.given("raw"))
         return raw_setup_format(format);
-    if (a.has(q_long))
+    if (q.given("long"))
         return long_setup_format(format);
-    if (a.has(q_float))
+    if (q.given("float"))
         return float32_setup_format(format);
-    if (a.has(q_double))
+    if (q.given("double"))
         return float64_setup_format(format);
-    if (a.has(q_gel))
+    if (q.given("gel"))
         return gel_setup_format(format);
-    if (a.has(q_otoko))
+    if (q.given("otoko"))
         return otoko_setup_format(format);
-    if (a.has(q_det))
+    if (q.given("det"))
         return det_setup_format(format, entry.data_type, entry.details, entry.path);
-    if (a.has(q_asc_col)) {
+    if (q.given("asc-col")) {
         column_angles angles;
-        angles.given = a.any(angle_bits);
-        angles.start = a.has(q_start_ang) ? Qualifier[q_start_ang].DoubleArg : 0.0;
-        angles.step = a.has(q_step_ang) ? Qualifier[q_step_ang].DoubleArg : 1.0;
+        angles.given = angle_given(q);
+        angles.start = q.real("start-ang", 0.0);
+        angles.step = q.real("step-ang", 1.0);
         return ascii_col_setup_format(format, angles);
     }
-    if (a.has(q_to_module))
+    if (q.given("to-module"))
         return module_form(format, entry.data_type);
     ascii_setup_format(format);
 }
 
-void set_output(UnifOutput &output, const asked &a) {
-    output.preserve_socket = a.has(q_preserve_socket);
-    output.do_fsync = a.has(q_fsync);
-    if (a.has(q_to_local_file)) {
-        output.filename = text(q_to_local_file);
+void set_output(UnifOutput &output, const read_quals &q) {
+    output.preserve_socket = q.given("preserve-socket");
+    output.do_fsync = q.given("fsync");
+    if (q.given("to-local-file")) {
+        output.filename = q.text("to-local-file");
         return local_file_setup_output(output);
     }
-    if (a.has(q_to_remote_file)) {
-        output.filename = text(q_to_remote_file);
-        output.machinename = text(q_on);
-        output.username = a.has(q_user) ? text(q_user) : "";
-        output.password = a.has(q_password) ? text(q_password) : "";
+    if (q.given("to-remote-file")) {
+        output.filename = q.text("to-remote-file");
+        output.machinename = q.text("on");
+        output.username = q.text("user");
+        output.password = q.text("password");
         return remote_file_setup_output(output);
     }
-    if (!a.has(q_to_module))
+    if (!q.given("to-module"))
         return data_socket_setup_output(output);
-    output.modulename = text(q_to_module);
-    output.mod_header = !a.has(q_no_header);
-    output.start_x = a.has(q_start_x) ? number(q_start_x) : 0;
-    output.start_y = a.has(q_start_y) ? number(q_start_y) : 0;
-    output.start_t = a.has(q_start_t) ? number(q_start_t) : 0;
-    output.start_t_given = a.has(q_start_t);
-    output.clear_first = a.has(q_clear_mod);
+    output.modulename = q.text("to-module");
+    output.mod_header = !q.given("no-header");
+    output.start_x = q.number("start-x");
+    output.start_y = q.number("start-y");
+    output.start_t = q.number("start-t");
+    output.start_t_given = q.given("start-t");
+    output.clear_first = q.given("clear-mod");
     module_setup_output(output);
 }
 
@@ -221,16 +173,16 @@ int dimensions_of(const unified_box &b) {
 }
 
 int cli_unified_read(int quals, int cn, int x, int y, int t, int dx, int dy, int dt) {
-    const asked a{static_cast<unsigned>(quals)};
-    if (!a.has(q_from))
+    const read_quals q(quals);
+    if (!q.given("from"))
         return refuse(cn, "'from device-handle' is required in the read command");
     read_request request;
-    request.handle = number(q_from);
+    request.handle = q.number("from");
     const auto entry = unified_info_of(request.handle);
     if (!entry)
         return refuse(cn, "device-handle is required invalid or stale in the read command");
-    const bool other_order = machine_is_intel ? a.has(q_motorola) : a.has(q_intel);
-    if (check_forms(cn, a) != 0 || check_destination(cn, a, other_order) != 0)
+    const bool other_order = machine_is_intel ? q.given("motorola") : q.given("intel");
+    if (check_forms(cn, q) != 0 || check_destination(cn, q, other_order) != 0)
         return -1;
     request.box = {x, y, t, dx, dy, dt};
     if (unified_check_box(cn, "client read", request.handle, request.box) != 0)
@@ -244,12 +196,12 @@ int cli_unified_read(int quals, int cn, int x, int y, int t, int dx, int dy, int
     _unif_format format;
     UnifOutput output;
     output.cn = cn;
-    set_form(format, a, *entry);
-    set_output(output, a);
+    set_form(format, q, *entry);
+    set_output(output, q);
     if (dimensions_of(request.box) > format.max_dimension)
         return refuse(cn, "This file format does not allow files with this many dimensions.");
-    request.scale = scaling_asked(a);
-    request.dead_time = a.has(q_dtc);
+    request.scale = scaling_asked(q);
+    request.dead_time = q.given("dtc");
     request.swap_bytes = format.swapping == swap_requested && other_order ? 1 : 0;
     const bool convert = format.needs_conversion != 0 && format.data_type_required != entry->data_type;
     sv_printf(cn, "# Scaling: %s. Able to prescan min/max: %s. do_convert=%d, swap_bytes=%d\n",

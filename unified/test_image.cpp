@@ -1,14 +1,17 @@
 // Test patterns: images whose values are known, and grow with the time that they are enabled.
+#include "parser/qualifiers.h"
 #include "server/output.h"
 #include "support/element.h"
 #include "unified/commands.h"
 #include "unified/convert.h"
 #include "unified/handles/handles.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 
 namespace kestrel {
 
@@ -160,52 +163,52 @@ constexpr unified_source test_source = {.read = test_read,
 
 // ---- commands
 
-enum type_qualifier : int { q_byte, q_short, q_long, q_float, q_double, q_egg, q_mg_quad, q_int64 };
+constexpr pt_format open_format("%d %d %d byte short long float double egg mg-quad int64 = %d");
 
-constexpr int bit(type_qualifier q) {
-    return 1 << q;
-}
-
-// What each allowed combination of keywords makes; nothing else is taken.
-constexpr struct {
-    int quals;
+struct test_kind {
     int type;
     pattern shape;
-} combinations[] = {
-    {bit(q_byte), el_byte, pattern::ramp},
-    {bit(q_short), el_short, pattern::ramp},
-    {bit(q_long), el_long, pattern::ramp},
-    {bit(q_float), el_float, pattern::ramp},
-    {bit(q_double), el_double, pattern::ramp},
-    {bit(q_int64), el_int64, pattern::ramp},
-    {bit(q_egg) | bit(q_long), el_long, pattern::egg},
-    {bit(q_egg) | bit(q_float), el_float, pattern::egg},
-    {bit(q_mg_quad) | bit(q_long), el_long, pattern::quadrants},
 };
 
+// One element type, and at most one pattern that goes with it; nothing else is taken.
+std::optional<test_kind> kind_asked(const pt_qualifiers<open_format> &q) {
+    using quals = pt_qualifiers<open_format>;
+    constexpr quals::choice<int> types[] = {{"byte", el_byte},   {"short", el_short},   {"long", el_long},
+                                            {"float", el_float}, {"double", el_double}, {"int64", el_int64}};
+    const std::optional<int> given = q.only(types);
+    if (!given)
+        return std::nullopt;
+    const int type = *given;
+    if (q.count({"egg", "mg-quad"}) == 0)
+        return test_kind{type, pattern::ramp};
+    if (q.given("egg") && !q.given("mg-quad") && (type == el_long || type == el_float))
+        return test_kind{type, pattern::egg};
+    if (q.given("mg-quad") && !q.given("egg") && type == el_long)
+        return test_kind{type, pattern::quadrants};
+    return std::nullopt;
+}
+
 int test_open(int quals, int cn, int nx, int ny, int nt) {
-    for (const auto &row : combinations) {
-        if (row.quals != quals)
-            continue;
-        if (nx < 1 || ny < 1 || nt < 0) {
-            sv_printf(cn, "! A test image of %d x %d x %d cannot be\n", nx, ny, nt);
-            return -1;
-        }
-        for (std::size_t path = 0; path < images.size(); ++path) {
-            test_image &image = images[path];
-            if (image.open)
-                continue;
-            const int handle = unified_open(cn, static_cast<int>(path), nx, ny, nt, row.type,
-                                            "Image of Made-up Test Data", test_source);
-            if (handle >= 0)
-                image = {true, handle, row.type, nx, ny, row.shape, image_state::fresh, {}, 0.0};
-            return handle;
-        }
+    const auto kind = kind_asked(pt_qualifiers<open_format>(quals));
+    if (!kind) {
+        sv_printf(cn, "! Must specify one and only one of byte, short, long, float or double.\n");
+        return -1;
+    }
+    if (nx < 1 || ny < 1 || nt < 0) {
+        sv_printf(cn, "! A test image of %d x %d x %d cannot be\n", nx, ny, nt);
+        return -1;
+    }
+    const auto image =
+        std::find_if(images.begin(), images.end(), [](const test_image &i) { return !i.open; });
+    if (image == images.end()) {
         sv_printf(cn, "! ERROR, run out of test images\n");
         return -1;
     }
-    sv_printf(cn, "! Must specify one and only one of byte, short, long, float or double.\n");
-    return -1;
+    const int handle = unified_open(cn, static_cast<int>(image - images.begin()), nx, ny, nt, kind->type,
+                                    "Image of Made-up Test Data", test_source);
+    if (handle >= 0)
+        *image = {true, handle, kind->type, nx, ny, kind->shape, image_state::fresh, {}, 0.0};
+    return handle;
 }
 
 int test_close(int, int cn, int handle) {
@@ -217,8 +220,7 @@ int test_close(int, int cn, int handle) {
 }
 
 constinit const PARSE_TREE test_table[] = {
-    pt_command<test_open>("open", "%d %d %d byte short long float double egg mg-quad int64 = %d",
-                          "open a test image of the supplied size and type",
+    pt_command<test_open>("open", open_format, "open a test image of the supplied size and type",
                           "width/height/frames/8-bit data/16-bit data/32-bit data/floating point data/"
                           "Double prec floating data/Egg-shaped peak (with long or float)/"
                           "Four quadrants (with long)/64-bit data"),

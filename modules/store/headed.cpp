@@ -47,7 +47,10 @@ module_link make(const char *name, std::optional<std::size_t> size, bool &made) 
     }
     module_link link = module_link::make(name, *size);
     made = static_cast<bool>(link);
-    return made && module_link(name) ? std::move(link) : module_link();
+    if (!made || module_link(name))
+        return link;
+    datamod_remove(name, link.head());
+    return {};
 }
 
 void put_label(char (&field)[MOD_LABEL_SIZE], std::string_view text) {

@@ -54,19 +54,19 @@ datamod_record *find(dev_t device, ino_t inode) {
 }
 
 // Reports with the errno that the caller shall see, too.
-int complain(const char *format, const char *name) {
+int complain(const char *cannot, const char *name) {
     const int error = errno;
-    std::fprintf(stderr, format, name, error);
+    std::fprintf(stderr, "Cannot %s share memory file '%s', errno= %d\n", cannot, name, error);
     errno = error;
     return -1;
 }
 
 int cannot_map(const char *name) {
-    return complain("Cannot mmap share memory file '%s', errno= %d\n", name);
+    return complain("mmap", name);
 }
 
 int cannot_stat(const char *name) {
-    return complain("Cannot stat share memory file '%s', errno= %d\n", name);
+    return complain("stat", name);
 }
 
 // Maps the open object and puts its record first in the list; the mutex is held.
@@ -143,7 +143,7 @@ int size_and_map(const char *name, unique_fd fd, std::size_t size, datamod_recor
 int _os_datmod(const char *name, std::size_t size, void **head, datamod_record **record) try {
     const std::string object = object_name(name);
     if (object.empty())
-        return complain("Cannot create share memory file '%s', errno= %d\n", name);
+        return complain("create", name);
     const std::lock_guard lock(img_mod_mutex);
     const mode_t mask = ::umask(0);
     unique_fd fd(::shm_open(object.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, object_mode));
@@ -151,7 +151,7 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     ::umask(mask);
     errno = error;
     if (!fd)
-        return complain("Cannot create share memory file '%s', errno= %d\n", name);
+        return complain("create", name);
     new_object made(object);
     if (size_and_map(name, std::move(fd), size, record, head) != 0)
         return -1;
