@@ -22,7 +22,7 @@ target_compile_features(kestrel_flags INTERFACE cxx_std_20)
 target_include_directories(kestrel_flags INTERFACE ${PROJECT_SOURCE_DIR})
 # -Wsign-conversion: a count or an index that came from outside changes its sign only where somebody wrote so.
 # No contraction: the formulas round as they are written.
-target_compile_options(kestrel_flags INTERFACE -Wall -Wextra -Wconversion -Wsign-conversion -ffp-contract=off -fvisibility=hidden)
+target_compile_options(kestrel_flags INTERFACE -Wall -Wextra -Wconversion -Wsign-conversion -Wformat=2 -ffp-contract=off -fvisibility=hidden)
 if(KESTREL_WERROR)
     target_compile_options(kestrel_flags INTERFACE -Werror)
 endif()
