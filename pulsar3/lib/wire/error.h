@@ -1,0 +1,31 @@
+// pulsar3/lib: status codes, the text of the last failure, and what the library says while it works.
+//
+// The text is one for the process and belongs to the command thread; a receive thread keeps its own state.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace kestrel {
+
+enum plr3_status : int {
+    plr3_failed = -1,
+    plr3_invalid_path = -2, // or one of the wrong generation
+    plr3_illegal_card = -3,
+    plr3_illegal_sub_path = -4,
+    plr3_out_of_range = -6,
+};
+
+inline constexpr std::size_t plr3_error_max = 1024; // with its end
+
+// Keeps the text of a failure, cut to the buffer, and returns the status:  return plr3_fail(plr3_failed, "...", ...)
+int plr3_fail(int status, const char *format, ...) __attribute__((format(printf, 2, 3)));
+const char *plr3_get_error_message();
+
+// What a path says while it works ("#" of debug levels, warnings) goes to whoever configured it. The server fills
+// the hook; without one, and when that session is gone, it goes to standard output. `to` is what the server gave
+// plr3_set_message_target before the call that configured; -1 is standard output.
+extern void (*plr3_message_hook)(int to, std::string_view text);
+void plr3_message(int to, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+} // namespace kestrel
