@@ -27,9 +27,9 @@ int umaths_choose_axis(int cn, const pt_qualifiers<Format> &q, reduced_axis &out
 
 int umaths_axis_length(const UMaths &reader, const reduced_axis &a);
 
-// Fills the size of what remains: without the axis, x before y before t, and an axis of length 1 in front of
+// Fills the size of what remains of dx x dy x dt: without the axis, x before y before t, and an axis of length 1 in front of
 // a longer one left out.
-void umaths_size_rest(const UMaths &reader, reduced_axis &a);
+void umaths_size_rest(int dx, int dy, int dt, reduced_axis &a);
 
 // The same for an axis that must be longer than 1: 0, or -1 after a line.
 int umaths_check_axis(int cn, const UMaths &reader, reduced_axis &out);

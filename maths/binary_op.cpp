@@ -44,10 +44,10 @@ void list_forms(int cn) {
         sv_printf(cn, "%s", line);
 }
 
-// The part of B that goes with a part of A: from B's origin and as large as A's, but a B of one line or one
-// frame gives that one to all.
+// The part of B that goes with a part of A: from B's origin and as large as A's, or what there is of B: whether
+// the shapes go together is asked later.
 umaths_region matching(const umaths_region &size_b, const umaths_region &a) {
-    return {0, 0, 0, std::min(size_b.dx, a.dx), size_b.dy == 1 ? 1 : a.dy, size_b.dt == 1 ? 1 : a.dt};
+    return {0, 0, 0, std::min(size_b.dx, a.dx), std::min(size_b.dy, a.dy), std::min(size_b.dt, a.dt)};
 }
 
 // Planes first to last of A, or lines of a 2-D A.

@@ -77,7 +77,7 @@ int check(const fit_request &q, const linked_module &module) {
                   q.last);
         return -1;
     }
-    if (q.last <= q.first) {
+    if (q.last < q.first || (q.last == q.first && !q.through_zero())) {
         sv_printf(q.cn, "! A straight line needs at least 2 points, not %d to %d\n", q.first, q.last);
         return -1;
     }

@@ -150,7 +150,8 @@ struct flood_sums {
 // The minimum of integers begins here: where every element is larger, this is what is told.
 constexpr std::int64_t integer_minimum_start = 0x7fffffff;
 
-template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, flood_sums &sums) {
+// The mask is a 32-bit number; for longer elements its top bit goes on, so that -1 is every bit.
+template <class T> bool sum_flood(int cn, UMaths &reader, std::int64_t mask, flood_sums &sums) {
     if constexpr (std::is_floating_point_v<T>) {
         double lowest = std::numeric_limits<float>::max(), highest = -lowest;
         const bool read = each_element<T>(cn, reader, [&](T element, int, int, int) {
@@ -168,11 +169,9 @@ template <class T> bool sum_flood(int cn, UMaths &reader, std::uint32_t mask, fl
         const bool read = each_element<T>(cn, reader, [&](T element, int, int, int) {
             std::int64_t value;
             if constexpr (std::is_same_v<T, int48>)
-                value = static_cast<std::int64_t>(element.value());
-            else if constexpr (sizeof(T) <= sizeof mask)
-                value = element & mask;
+                value = static_cast<std::int64_t>(element.value()) & mask;
             else
-                value = element;
+                value = static_cast<std::int64_t>(element) & mask;
             const double real = static_cast<double>(value);
             sums.total += real;
             sums.squares += real * real;
@@ -189,7 +188,7 @@ double umaths_measure_flood(int quals, int cn, int handle, int x1, int y1, int t
                             const char *variable) {
     const pt_qualifiers<flood_format> q(quals);
     const bool quiet = q.given("quiet");
-    const auto mask = static_cast<std::uint32_t>(q.number("mask", -1));
+    const std::int64_t mask = q.number("mask", -1);
     UMaths reader;
     if (umaths_start_any(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, reader, quiet, 1) != 0)
         return -1.0;

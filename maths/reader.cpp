@@ -134,7 +134,7 @@ int umaths_check_region(int cn, const umaths_region &region, int handle, int any
         sv_printf(cn, "! Invalid unified handle\n");
         return -1;
     }
-    const int nt = std::max(entry->nt, 1); // a source without frames has one
+    const int nt = entry->nt;
     if (!inside(region.x, region.dx, entry->nx) || !inside(region.y, region.dy, entry->ny) ||
         !inside(region.t, region.dt, nt)) {
         sv_printf(

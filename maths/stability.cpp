@@ -130,7 +130,7 @@ int umaths_stability(int quals, int cn, int handle, int x1, int y1, int t1, int 
     if (umaths_start(cn, umaths_make_region(x1, y1, t1, x2, y2, t2), handle, r, 0) != 0 ||
         check_length(cn, r, a, skip) != 0)
         return -1;
-    umaths_size_rest(r, a);
+    umaths_size_rest(r.dx, r.dy, r.dt, a);
     const bool plane = a.ny > 1;
     if (umaths_start_output(cn, to, a.nx, plane ? a.ny : 4, plane ? 4 : 1, out, RWMode::write,
                             mod_element::float64) != 0 ||

@@ -23,9 +23,9 @@ int umaths_axis_length(const UMaths &r, const reduced_axis &a) {
     return a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
 }
 
-void umaths_size_rest(const UMaths &r, reduced_axis &a) {
-    const int first = a.axis == axis_x ? r.dy : r.dx;
-    const int second = a.axis == axis_t ? r.dy : r.dt;
+void umaths_size_rest(int dx, int dy, int dt, reduced_axis &a) {
+    const int first = a.axis == axis_x ? dy : dx;
+    const int second = a.axis == axis_t ? dy : dt;
     a.nx = first > 1 ? first : second;
     a.ny = first > 1 ? second : 1;
 }
@@ -45,7 +45,7 @@ int refuse_short_axis(int cn, region_axis axis) {
 int umaths_check_axis(int cn, const UMaths &r, reduced_axis &out) {
     if (umaths_axis_length(r, out) == 1)
         return refuse_short_axis(cn, out.axis);
-    umaths_size_rest(r, out);
+    umaths_size_rest(r.dx, r.dy, r.dt, out);
     return 0;
 }
 
@@ -334,27 +334,25 @@ int umaths_centroid_old(int quals, int cn, int handle, int x1, int y1, int t1, i
     if (umaths_choose_axis(cn, q, a) != 0)
         return -1;
     const umaths_destination to = umaths_destination_of(q);
-    if (!to.module || to.other) {
-        sv_printf(cn, "! Only support module mode output at the moment\n");
-        return -1;
-    }
-    const std::string name = to.name; // the commands below overwrite the keywords' values
+    const bool to_module = to.module && !to.other; // the first command refuses anything else
+    const std::string name = to.name;              // the commands below overwrite the keywords' values
     const umaths_region r = umaths_make_region(x1, y1, t1, x2, y2, t2);
-    const int length = a.axis == axis_x ? r.dx : a.axis == axis_y ? r.dy : r.dt;
-    const char *letter = a.axis == axis_x ? "x" : a.axis == axis_y ? "y" : "t";
-    if (length == 1)
+    const int lengths[] = {r.dx, r.dy, r.dt};
+    if (lengths[a.axis] == 1)
         return refuse_short_axis(cn, a.axis);
+    umaths_size_rest(r.dx, r.dy, r.dt, a);
     command_text weigh, sum, divide;
-    weigh.add("maths weighted-sum %d %d %d %d %d %d %d %s module '%s_fx'", handle, x1, y1, t1, x2, y2, t2,
-              letter, name.c_str());
+    weigh.add("maths weighted-sum %d %d %d %d %d %d %d %c", handle, x1, y1, t1, x2, y2, t2, "xyt"[a.axis]);
+    if (to_module)
+        weigh.add(" module '%s_fx'", name.c_str());
     sum.add("maths integrate %d %d %d %d %d %d %d %s module '%s_f'", handle, x1, y1, t1, x2, y2, t2,
             kept_axes(a.axis, r), name.c_str());
     if (run_step(cn, weigh, "! ERROR Forming SUMFX from") != 0 ||
         run_step(cn, sum, "! ERROR Forming SUMF from") != 0)
         return -1;
     const opened_module fx(cn, name.c_str(), "_fx"), f(cn, name.c_str(), "_f");
-    divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(),
-               unified_get_nx(fx.handle()) - 1, unified_get_ny(fx.handle()) - 1, name.c_str());
+    divide.add("maths binary-op %d %d 0 0 0 %d %d 0 div module '%s'", fx.handle(), f.handle(), a.nx - 1,
+               a.ny - 1, name.c_str());
     if (q.given("start-x"))
         divide.add(" start-x %d", to.start_x);
     if (q.given("start-y"))

@@ -199,3 +199,56 @@ def test_planes_larger_than_the_buffer_are_read_in_runs_of_lines(client, names):
     assert np.allclose(np.squeeze(mapped(names("y"))), by_y, rtol=1e-6)
     lines = large(client, f"maths measure-flood {handle} 0 0 0 {nx - 1} {ny - 1} 0 quiet")
     assert lines == [f"* {total / nx / ny:g}"]
+
+
+# ---------------------------------------------------------------- corners of regions, masks and lines
+
+def test_centroid_old_divides_what_it_formed_and_nothing_else(client, names):
+    """Sums of an earlier, larger region stand in the modules that it makes; they are no part of the result."""
+    n = names("c")
+    do(client, "test open 4 3 2 long")
+    for suffix in "_fx", "_f":
+        do(client, f"module create '{n}{suffix}' 8 8 header" + (" float" if suffix == "_fx" else ""))
+    do(client, f"maths centroid-old 0 0 0 0 3 2 1 x module '{n}'")
+    assert mapped(n).shape == (1, 2, 3)
+    assert refused(client, "maths centroid-old 0 0 0 0 0 2 1 x") == ["! Why form SUM FX when dx == 1"]
+    assert refused(client, "maths centroid-old 0 0 0 0 3 2 1 x") == [
+        "! Only support module mode output at the moment", "! ERROR Forming SUMFX from",
+        "! 'maths weighted-sum 0 0 0 0 3 2 1 x'"]
+
+
+@pytest.mark.parametrize("kind", ["byte", "short", "long", "int64"])
+def test_a_mask_reaches_every_kind_of_integer(client, kind):
+    """The pattern is x + 2 y: half of its elements are odd."""
+    handle = do(client, f"test open 4 4 1 {kind}")
+    client.cmd(f"maths measure-flood {handle} 0 0 0 3 3 0 'f' mask 1 quiet")
+    assert client.lines("%f.total") == ["* 8"] and client.lines("%f.max") == ["* 1"]
+    client.cmd(f"maths measure-flood {handle} 0 0 0 3 3 0 'f' mask -1 quiet")
+    assert client.lines("%f.total") == ["* 72"]
+
+
+def test_a_region_of_frames_that_are_not_there(client):
+    do(client, "test open 8 6 0 float")
+    assert client.lines("maths accumulate 0 0 0 0 7 5 0")[0] == (
+        "! ERROR: Requested region (0, 0, 0) + (8, 6, 1) does not fit in memory (8, 6, 0)")
+
+
+def test_shapes_that_do_not_go_together(client, names):
+    do(client, "test open 6 5 4 float")
+    do(client, "test open 6 5 2 float")
+    do(client, "test open 6 3 1 float")
+    do(client, "test open 6 5 1 float")
+    for line, message in (("0 1 3", "! ERROR: Image number of frame are different (3 and 2)"),
+                          ("0 2", "! ERROR: Image number of lines are different (5 and 3)"),
+                          ("3 2 1 4", "! ERROR: Image number of lines are different (4 and 3)")):
+        assert refused(client, f"maths binary-op {line} add module '{names('r')}'") == [message]
+
+
+def test_one_point_fixes_a_line_through_a_given_one(client, names):
+    n = names("l")
+    do(client, f"module create '{n}' 4 2 header float")
+    do(client, f"module set-point '{n}' 2 0 6.0")
+    assert "# y = 3*x+0" in client.lines(f"maths leastsqr-fit '{n}' 2 2 0 const-zero")
+    assert "# y = 6*x+0" in client.lines(f"maths leastsqr-fit '{n}' 2 2 0 cross-x0 1.0")
+    assert refused(client, f"maths leastsqr-fit '{n}' 2 2 0") == [
+        "! A straight line needs at least 2 points, not 2 to 2"]
