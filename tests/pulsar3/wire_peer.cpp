@@ -93,13 +93,16 @@ std::string bytes(std::string_view hex) {
     return text;
 }
 
-peer::peer(int generation, answer how)
+peer::peer(int generation, answer how, int port)
     : generation_(generation), listener_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)),
       how_(std::move(how)) {
     sockaddr_in here{};
     here.sin_family = AF_INET;
     here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    here.sin_port = htons(static_cast<std::uint16_t>(port));
     socklen_t size = sizeof here;
+    const int on = 1;
+    ::setsockopt(listener_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (::bind(listener_.get(), reinterpret_cast<sockaddr *>(&here), size) == 0 &&
         ::listen(listener_.get(), 8) == 0 &&
         ::getsockname(listener_.get(), reinterpret_cast<sockaddr *>(&here), &size) == 0)
@@ -138,10 +141,10 @@ void peer::answer_with(answer how) {
     how_ = std::move(how);
 }
 
-void peer::drop() {
+void peer::send(std::string_view bytes) {
     const std::scoped_lock lock(mutex_);
     if (current_ >= 0)
-        ::shutdown(current_, SHUT_RDWR);
+        ::send(current_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
 reply peer::good(int generation, const std::string &request) {
@@ -175,6 +178,11 @@ void peer::serve_one(int fd) {
             how = how_;
         }
         const reply said = how ? how(request) : good(generation_, request);
+        if (said.reset) {
+            const linger at_once{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+            return;
+        }
         if (::send(fd, said.bytes.data(), said.bytes.size(), MSG_NOSIGNAL) < 0 || said.close)
             return;
     }

@@ -20,21 +20,22 @@ std::string bytes(std::string_view hex); // blanks between them are for the read
 struct reply {
     std::string bytes;
     bool close = false; // after the bytes
+    bool reset = false; // the connection is torn down instead
 };
 
 class peer {
   public:
     using answer = std::function<reply(const std::string &request)>;
 
-    explicit peer(int generation, answer how = {});
+    explicit peer(int generation, answer how = {}, int port = 0);
     ~peer();
 
     int port() const { return port_; }
     std::vector<std::string> requests() const; // in hex, all connections
     std::vector<std::string> take_requests();  // and forgets them
     int connections() const;
-    void answer_with(answer how); // from the next request on
-    void drop();                  // closes the connection
+    void answer_with(answer how);      // from the next request on
+    void send(std::string_view bytes); // without being asked
 
     // What a card answers that does as it is told: data are 0x01010101 times the item's number from 1.
     static reply good(int generation, const std::string &request);

@@ -1,13 +1,13 @@
 #include "pulsar3/lib/wire/connection.h"
 
 #include "pulsar3/lib/wire/error.h"
+#include "pulsar3/lib/wire/resolve.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <new>
@@ -86,18 +86,6 @@ void set_generation(FemHandle &h, ProtocolGeneration generation) {
     h.max_tx_bytes = limits.max_tx_bytes;
     h.max_rx_bytes = limits.max_rx_bytes;
     h.base_address = limits.base_address;
-}
-
-bool resolve(const char *host, in_addr &address) {
-    addrinfo wanted{};
-    wanted.ai_family = AF_INET;
-    wanted.ai_socktype = SOCK_STREAM;
-    addrinfo *found = nullptr;
-    if (::getaddrinfo(host, nullptr, &wanted, &found) != 0)
-        return false;
-    address = reinterpret_cast<const sockaddr_in *>(found->ai_addr)->sin_addr;
-    ::freeaddrinfo(found);
-    return true;
 }
 
 // Both ports within one time-out; a card whose first port is silent leaves half of it to the second.
@@ -183,8 +171,10 @@ std::unique_ptr<FemHandle> pulsar3FemInitialise(const char *host, int port1, int
     if (!h)
         return fail("pulsar3FemInitialise: Can't allocate FemHandle");
     h->host = host;
-    if (!resolve(host, h->address))
+    const auto address = plr3_resolve(host);
+    if (!address)
         return fail("pulsar3FemInitialise: Can't get gethostbyname");
+    h->address = *address;
     if (!unique_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
         return fail("pulsar3FemInitialise: Can't create socket");
     if (!connect_either(*h, port1, port2))
