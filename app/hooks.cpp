@@ -7,6 +7,7 @@
 #include "parser/interpreter.h"
 #include "parser/script.h"
 #include "parser/variables.h"
+#include "pulsar3/server/commands.h"
 #include "server/options.h"
 #include "server/output.h"
 #include "unified/handles/handles.h"
@@ -43,6 +44,7 @@ void user_main(int argc, char **argv) {
     if (argc > 1)
         usage(argv[0]);
     links::clients_init();
+    pulsar3_init();
     set_data_dir();
 }
 
@@ -50,8 +52,11 @@ void user_connect(int) {}
 // What the session has open goes with it.
 void user_disconnect(int cn) {
     unif_connection_lost(cn);
+    pulsar3_connection_lost(cn);
 }
-void user_exit() {}
+void user_exit() {
+    pulsar3_exit();
+}
 
 // The interpreter's user_command_spoiled. When another process cuts a module short, a command that reads it
 // gets zeros in place of the missing elements, and cut_guard counts. A count that has grown since the last call

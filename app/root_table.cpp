@@ -5,6 +5,7 @@
 #include "maths/commands.h"
 #include "modules/commands.h"
 #include "parser/builtins.h"
+#include "pulsar3/server/commands.h"
 #include "unified/commands.h"
 
 namespace kestrel {
@@ -68,6 +69,7 @@ constinit const PARSE_TREE main_parse_tree[] = {
     pt_subtree("ftp", links::ftp_tree, "prefix for FTP-specific functions"),
     pt_row(row_module),
     pt_subtree("motor", links::motor_tree, "prefix for stepper-motor-specific functions"),
+    pt_row(row_pulsar3),
     pt_subtree("send", links::send_tree, "prefix to send commands directly to servers"),
     pt_row(row_test),
     pt_row(row_maths),

@@ -1,8 +1,8 @@
 """Every session shown in the documents and examples runs just so.
 
 A shown session is a block of "> command" lines, each with its reply. In a Markdown file it is a block fenced as
-```session, and ```script NAME is a file that it uses; a file's blocks are one session. In examples/, NAME.out
-is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
+```session, and ```script NAME is a file that it uses; a file's blocks are one session. ```program build/NAME OPTIONS is a
+program that runs meanwhile. In examples/, NAME.out is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
 """
 import pathlib
 import re
@@ -10,12 +10,22 @@ import shutil
 import subprocess
 
 import pytest
-from kestrel_session import KESTREL, ROOT, SCALE
+from kestrel_session import KESTREL, ROOT, SCALE, Process, Server, free_port
 
 DOCUMENTS = [path for path in sorted([ROOT / "README.md", *(ROOT / "docs").rglob("*.md")])
              if "```session" in path.read_text()]
 SESSIONS = sorted(path for path in (ROOT / "examples").glob("*.out") if not path.with_suffix(".cmd").exists())
 TYPED = sorted(path for path in (ROOT / "examples").glob("*.cmd") if path.with_suffix(".out").exists())
+
+
+class Simulator(Server):
+    """A program beside the server, which takes commands on a port of its own."""
+
+    def __init__(self, scratch, *options, program):
+        self.clients = []
+        self.port = free_port()
+        Process.__init__(self, scratch, *options, f"-text={self.port}", program=pathlib.Path(KESTREL).parent / program)
+        assert self.listens()
 
 
 def check(client, text):
@@ -28,18 +38,20 @@ def check(client, text):
 @pytest.fixture(autouse=True)
 def no_modules():
     yield
-    for module in pathlib.Path("/dev/shm").glob("doc_*"):
+    for module in [*pathlib.Path("/dev/shm").glob("doc_*"), *pathlib.Path("/dev/shm").glob("plr3_*")]:
         module.unlink()
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
-def test_sessions_in_documents(server, path):
+def test_sessions_in_documents(server, start, path):
     client = server.client()
-    blocks = re.findall(r"^```(session|script (\S+))\n(.*?)^```$", path.read_text(), re.M | re.S)
+    blocks = re.findall(r"^```(session|script (\S+)|program build/(.*?))\n(.*?)^```$", path.read_text(), re.M | re.S)
     assert blocks
-    for kind, name, text in blocks:
-        if name:
-            server.write(name, text)
+    for _, script, program, text in blocks:
+        if script:
+            server.write(script, text)
+        elif program:
+            start(*program.split()[1:], kind=Simulator, program=program.split()[0])
         else:
             check(client, text)
 

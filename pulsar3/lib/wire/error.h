@@ -1,6 +1,7 @@
-// pulsar3/lib: status codes, the text of the last failure, and what the library says while it works.
+// pulsar3/lib: status codes, the text of the last failure, what the library says while it works, and ^C.
 //
-// The text is one for the process and belongs to the command thread; a receive thread keeps its own state.
+// Each thread has a text of its own: cards that are opened side by side fail side by side, and the thread that started
+// them takes over the text that counts.
 #pragma once
 
 #include <cstddef>
@@ -19,13 +20,19 @@ enum plr3_status : int {
 inline constexpr std::size_t plr3_error_max = 1024; // with its end
 
 // Keeps the text of a failure, cut to the buffer, and returns the status:  return plr3_fail(plr3_failed, "...", ...)
+// The text that was kept before may be among the arguments.
 int plr3_fail(int status, const char *format, ...) __attribute__((format(printf, 2, 3)));
-const char *plr3_get_error_message();
+const char *plr3_get_error_message(); // of the calling thread
 
 // What a path says while it works ("#" of debug levels, warnings) goes to whoever configured it. The server fills
 // the hook; without one, and when that session is gone, it goes to standard output. `to` is what the server gave
 // plr3_set_message_target before the call that configured; -1 is standard output.
 extern void (*plr3_message_hook)(int to, std::string_view text);
 void plr3_message(int to, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// Whether the user wants an end (^C); null: never. Connecting and receiving frames ask it, from any thread. An access
+// that is under way is not ended by it.
+extern bool (*plr3_interrupt_hook)();
+bool plr3_interrupted();
 
 } // namespace kestrel

@@ -1,0 +1,41 @@
+// The list of the `pulsar3` commands: a new command is a file with handler and row, and its name twice in here.
+#include "pulsar3/server/commands.h"
+
+namespace kestrel {
+
+extern const PARSE_TREE row_pulsar3_config, row_pulsar3_set_debug, row_pulsar3_set_run_mode,
+    row_pulsar3_set_window, row_pulsar3_set_good_thres, row_pulsar3_set_threading, row_pulsar3_close;
+
+extern const PARSE_TREE row_pulsar3_dma_read_glob_reg, row_pulsar3_dma_write_glob_reg,
+    row_pulsar3_dma_read_chan_reg, row_pulsar3_dma_read_adc_temp, row_pulsar3_dma_read_mid_plane_temp,
+    row_pulsar3_dma_read_fpga_temp, row_pulsar3_dma_read_fem_config, row_pulsar3_dma_set_fem_config,
+    row_pulsar3_dma_get_revision, row_pulsar3_dma_get_features, row_pulsar3_dma_write_chan_reg;
+
+namespace {
+
+constinit const PARSE_TREE dma_table[] = {
+    pt_row(row_pulsar3_dma_read_glob_reg),       pt_row(row_pulsar3_dma_write_glob_reg),
+    pt_row(row_pulsar3_dma_read_chan_reg),       pt_row(row_pulsar3_dma_read_adc_temp),
+    pt_row(row_pulsar3_dma_read_mid_plane_temp), pt_row(row_pulsar3_dma_read_fpga_temp),
+    pt_row(row_pulsar3_dma_read_fem_config),     pt_row(row_pulsar3_dma_set_fem_config),
+    pt_row(row_pulsar3_dma_get_revision),        pt_row(row_pulsar3_dma_get_features),
+    pt_row(row_pulsar3_dma_write_chan_reg),      pt_end(),
+};
+
+constinit const PARSE_TREE pulsar3_table[] = {
+    pt_row(row_pulsar3_config),
+    pt_row(row_pulsar3_set_debug),
+    pt_row(row_pulsar3_set_run_mode),
+    pt_row(row_pulsar3_set_window),
+    pt_row(row_pulsar3_set_good_thres),
+    pt_row(row_pulsar3_set_threading),
+    pt_subtree("dma", dma_table, "prefix for low-level access to the cards"),
+    pt_row(row_pulsar3_close),
+    pt_end(),
+};
+
+} // namespace
+
+constinit const PARSE_TREE row_pulsar3 = pt_subtree("pulsar3", pulsar3_table, "prefix for PULSAR3 functions");
+
+} // namespace kestrel

@@ -1,0 +1,189 @@
+// sim/card: looking at cards and changing them behind the host's back.
+#include "parser/call.h"
+#include "parser/qualifiers.h"
+#include "server/output.h"
+#include "sim/card/commands.h"
+
+#include <bit>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kestrel {
+
+card *commands_card(int cn, int position) {
+    if (position >= 0 && position < static_cast<int>(cards.cards.size()))
+        return cards.cards[static_cast<std::size_t>(position)].get();
+    sv_printf(cn, "! Card %d is not in 0..%zu\n", position, cards.cards.size() - 1);
+    return nullptr;
+}
+
+card *commands_channel(int cn, int position, int chan) {
+    card *c = commands_card(cn, position);
+    if (!c || (chan >= 0 && chan < c->channels))
+        return c;
+    sv_printf(cn, "! Channel %d is not in 0..%d\n", chan, c->channels - 1);
+    return nullptr;
+}
+
+namespace {
+
+constexpr pt_format peek_format("%d %d registers local rdma memory dram i2c spi chan-spi fan config xadc "
+                                "readout-mode dma-block mgt-drp raw eeprom = %d");
+constexpr pt_format poke_format("%d %d %d registers local rdma memory dram i2c spi chan-spi fan config xadc "
+                                "readout-mode dma-block mgt-drp raw eeprom = %d");
+
+// The two formats have the same words at the same places, in the order of card_target.
+std::optional<card_run> run_of(int quals, int cn, int address) {
+    const auto mask = static_cast<unsigned>(quals);
+    if (!std::has_single_bit(mask)) {
+        sv_printf(cn, "! Please say what the address is of\n");
+        return std::nullopt;
+    }
+    const auto target = static_cast<card_target>(std::countr_zero(mask));
+    return card_run{target, target == card_target::i2c ? 1u : 4u, static_cast<std::uint32_t>(address)};
+}
+
+int peek(int quals, int cn, int position, int address) {
+    card *c = commands_card(cn, position);
+    const std::optional<card_run> run = c ? run_of(quals, cn, address) : std::nullopt;
+    if (!run)
+        return -1;
+    std::uint32_t word = 0;
+    std::lock_guard guard(cards.lock);
+    if (!card_read(*c, *run, {&word, 1}))
+        sv_printf(cn, "! Nothing at address 0x%x\n", run->address);
+    return static_cast<int>(word);
+}
+
+int poke(int quals, int cn, int position, int address, int value) {
+    card *c = commands_card(cn, position);
+    const std::optional<card_run> run = c ? run_of(quals, cn, address) : std::nullopt;
+    if (!run)
+        return -1;
+    const auto word = static_cast<std::uint32_t>(value);
+    std::lock_guard guard(cards.lock);
+    if (card_write(*c, *run, {&word, 1}))
+        return 0;
+    sv_printf(cn, "! Address 0x%x takes nothing\n", run->address);
+    return -1;
+}
+
+int get_register(int, int cn, int position, int chan, int region, int offset) {
+    card *c = commands_card(cn, position);
+    if (!c)
+        return -1;
+    std::lock_guard guard(cards.lock);
+    return static_cast<int>(
+        c->words(card_target::registers)
+            .get(static_cast<std::uint32_t>((chan & 15) << 20 | (region & 15) << 16 | (offset & 0xffff))));
+}
+
+int get_global(int, int cn, int position, int offset) {
+    card *c = commands_card(cn, position);
+    if (!c)
+        return -1;
+    std::lock_guard guard(cards.lock);
+    return static_cast<int>(c->global(static_cast<std::uint32_t>(offset)));
+}
+
+int set_global(int, int cn, int position, int offset, int value) {
+    constexpr int global_block = 15 << 20 | 15 << 16;
+    const bool local = cards.cards.front()->kind->local_globals;
+    const card_target target = local ? card_target::local : card_target::registers;
+    return poke(1 << static_cast<int>(target), cn, position, 4 * (local ? offset : global_block | offset),
+                value);
+}
+
+// The last requests, oldest first, one a line.
+int seen(int, int cn, int position, int number) {
+    card *c = commands_card(cn, position);
+    if (!c)
+        return -1;
+    std::string text;
+    {
+        std::lock_guard guard(cards.lock);
+        const std::size_t wanted =
+            OptionalArgumentCount > 0 ? static_cast<std::size_t>(std::max(number, 0)) : 20;
+        const std::size_t n = std::min(wanted, c->seen.size());
+        for (auto s = c->seen.end() - static_cast<std::ptrdiff_t>(n); s != c->seen.end(); ++s) {
+            char line[160];
+            std::snprintf(
+                line, sizeof line,
+                "# command %u bus %u width %u state %u address 0x%x items %u first 0x%x sequence %u%s\n",
+                s->command, s->bus, s->width, s->state, s->address, s->items, s->first, s->sequence,
+                s->refused ? " refused" : "");
+            text += line;
+        }
+    }
+    sv_print(cn, text);
+    return 0;
+}
+
+int forget(int, int cn, int position) {
+    card *c = commands_card(cn, position);
+    if (!c)
+        return -1;
+    std::lock_guard guard(cards.lock);
+    const std::uint64_t open = c->counts.open;
+    c->seen.clear();
+    c->counts = {};
+    c->counts.open = open;
+    return 0;
+}
+
+constexpr pt_format count_format(
+    "%d transactions refused malformed connections open frames packets bytes withheld unsent = %g");
+using count_words = pt_qualifiers<count_format>;
+using count_member = std::uint64_t card_counts::*;
+constexpr count_words::choice<count_member> count_names[] = {
+    {"transactions", &card_counts::transactions},
+    {"refused", &card_counts::refused},
+    {"malformed", &card_counts::malformed},
+    {"connections", &card_counts::connections},
+    {"open", &card_counts::open},
+    {"frames", &card_counts::frames},
+    {"packets", &card_counts::packets},
+    {"bytes", &card_counts::bytes},
+    {"withheld", &card_counts::withheld},
+    {"unsent", &card_counts::unsent},
+};
+
+double count(int quals, int cn, int position) {
+    card *c = commands_card(cn, position);
+    const std::optional<count_member> member = count_words(quals).only(count_names);
+    if (!c || !member) {
+        if (c)
+            sv_printf(cn, "! Please say which one count\n");
+        return -1.0;
+    }
+    std::lock_guard guard(cards.lock);
+    return static_cast<double>(c->counts.**member);
+}
+
+} // namespace
+
+constinit const PARSE_TREE commands_state[] = {
+    pt_command<peek>(
+        "peek", peek_format, "read one word (I2C: byte) of a card",
+        "Card/Address as on the wire/registers of channels/generation-4 globals/data link/histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/raw registers/EEPROM"),
+    pt_command<poke>(
+        "poke", poke_format, "write one word (I2C: byte) of a card",
+        "Card/Address as on the wire/Value/registers of channels/generation-4 globals/data link/histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/raw registers/EEPROM"),
+    pt_command<get_register>("get-register", "%d %d %d %d = %d", "read a channel's register",
+                             "Card/Channel/Region/Offset in words"),
+    pt_command<get_global>("get-global", "%d %d = %d", "read a global register", "Card/Offset in words"),
+    pt_command<set_global>("set-global", "%d %d %d = %d", "write a global register, as the host would",
+                           "Card/Offset in words/Value"),
+    pt_command<seen>("seen", "%d + %d = %d", "list the last requests, oldest first",
+                     "Card/Number of requests (20)"),
+    pt_command<forget>("forget", "%d = %d", "forget requests and counts", "Card"),
+    pt_command<count>("count", count_format, "read one of a card's counts",
+                      "Card/requests answered/requests refused/requests without sense/connections ever/"
+                      "connections now/histogram and scope frames/packets sent/payload bytes sent/"
+                      "packets that a fault kept/packets that nobody took"),
+    pt_end(),
+};
+
+} // namespace kestrel
