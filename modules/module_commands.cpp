@@ -76,6 +76,21 @@ void unknown_type(int cn, const char *name, int type) {
     sv_printf(cn, "! ERROR: Unknow data type %d in module '%s'\n", type, name);
 }
 
+int check_bounds(int cn, const mod_stored &m, int x, int y, int t) {
+    const auto inside = [](int at, std::uint32_t size) {
+        return at >= 0 && static_cast<std::uint32_t>(at) < size;
+    };
+    if (inside(x, m.num_x) && inside(y, m.num_y) && (!m.is_3d || inside(t, m.num_t)))
+        return 0;
+    if (m.is_3d)
+        sv_printf(cn, "! 3-d Offsets (%d, %d, %d) wrong. Module size is (%d, %d, %d)\n", x, y, t,
+                  static_cast<int>(m.num_x), static_cast<int>(m.num_y), static_cast<int>(m.num_t));
+    else
+        sv_printf(cn, "! Offsets (%d, %d) lie outside module size  (%d, %d)\n", x, y,
+                  static_cast<int>(m.num_x), static_cast<int>(m.num_y));
+    return -1;
+}
+
 // Element (x, y, t) of the module, linked into `link`, or null after a message.
 std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &link, module_view &view) {
     link = module_link(name);
@@ -83,27 +98,21 @@ std::byte *point_of(int cn, const char *name, int x, int y, int t, module_link &
         sv_printf(cn, "! Cannot link to module '%s'\n", name);
         return nullptr;
     }
-    const std::optional<int> type = mod_data_type(link.head());
-    if (type && kestrel_module_element_size(*type) == 0) {
-        unknown_type(cn, name, *type);
+    // Bounds come before an unknown type, and that before whatever else is wrong with the header.
+    const std::optional<mod_stored> stored = mod_read_header(link.head());
+    if (stored && check_bounds(cn, *stored, x, y, t) != 0)
+        return nullptr;
+    if (stored && !mod_element_of_code(stored->data_type)) {
+        unknown_type(cn, name, stored->data_type);
         return nullptr;
     }
     if (mod_look(cn, name, link.head(), view) != 0)
         return nullptr;
-    if (view.is_3d && !view.holds(x, y, t)) {
-        sv_printf(cn, "! 3-d Offsets (%d, %d, %d) wrong. Module size is (%d, %d, %d)\n", x, y, t, view.num_x,
-                  view.num_y, view.num_t);
-        return nullptr;
-    }
-    if (!view.is_3d && !view.holds(x, y, 0)) {
-        sv_printf(cn, "! Offsets (%d, %d) lie outside module size  (%d, %d)\n", x, y, view.num_x, view.num_y);
-        return nullptr;
-    }
-    if (!mod_element_of_code(view.data_type)) {
-        unknown_type(cn, name, view.data_type);
-        return nullptr;
-    }
-    return view.at(x, y, view.is_3d ? t : 0);
+    const int frame = view.is_3d ? t : 0;
+    if (view.holds(x, y, frame) && mod_element_of_code(view.data_type))
+        return view.at(x, y, frame);
+    sv_printf(cn, "! ERROR: module '%s' was changed by another process\n", name);
+    return nullptr;
 }
 
 constexpr pt_format set_point_format("%s %d %d %f t %d = %d ");

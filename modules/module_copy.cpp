@@ -7,8 +7,10 @@
 #include "server/output.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,8 +32,9 @@ struct copy_request {
     bool transpose = false, quiet = false, verbose = false, add = false, compute = false;
     bool frame_given = false; // one frame of the source was chosen
     double scale = 1.0;
-    triple src, num, dst, max; // num as in the source
-    triple out;                // num as in the destination
+    triple src, num, dst, max;              // num as in the source, max of the destination module
+    triple out;                             // num as in the destination
+    std::optional<int> max_x, max_y, max_t; // as given
 };
 
 copy_request copy_asked(int quals, int cn, const char *from, const char *to, const module_view &source) {
@@ -53,7 +56,9 @@ copy_request copy_asked(int quals, int cn, const char *from, const char *to, con
              q.number("num-y", q.given("src-y") ? 1 : source.num_y),
              q.number("num-t", q.given("src-t") ? 1 : source.num_t)};
     r.out = r.transpose ? triple{r.num.y, r.num.x, r.num.t} : r.num;
-    r.max = {q.number("max-x"), q.number("max-y"), q.number("max-t")};
+    r.max_x = q.number_if_given("max-x");
+    r.max_y = q.number_if_given("max-y");
+    r.max_t = q.number_if_given("max-t");
     return r;
 }
 
@@ -79,7 +84,7 @@ int check_source(const copy_request &r, const module_view &s) {
                   r.src.t, r.num.t, s.num_x, s.num_y, s.num_t);
         return -1;
     }
-    if (!mod_element_of_code(s.data_type)) {
+    if (r.compute && !mod_element_of_code(s.data_type)) {
         sv_printf(r.cn, "! ERROR: Unknow data type %d in module '%s'\n", s.data_type, r.from.c_str());
         return -1;
     }
@@ -92,17 +97,15 @@ struct dimension {
     const char *size;
 };
 
-// Its start, and the size that holds it (0: as large as needed).
-int check_target(int cn, const dimension &named, int start, int count, int &max) {
-    int need = 0;
+// Its start, and the size that holds it: as asked for, or as large as needed.
+int check_target(int cn, const dimension &named, int start, int count, std::optional<int> asked, int &max) {
     if (start < 0) {
         sv_printf(cn, "! ERROR: Dst %s region start=%d should be >= 0\n", named.region, start);
         return -1;
     }
-    const bool overflow = __builtin_add_overflow(start, count, &need);
-    if (max == 0 && !overflow)
-        max = need;
-    if (!overflow && max >= need)
+    const long long need = static_cast<long long>(start) + count;
+    max = asked.value_or(static_cast<int>(std::min<long long>(need, INT_MAX)));
+    if (max >= need)
         return 0;
     sv_printf(cn, "! ERROR: Requested new module %s %d will not accept read from %d for %d\n", named.size,
               max, start, count);
@@ -110,9 +113,9 @@ int check_target(int cn, const dimension &named, int start, int count, int &max)
 }
 
 int check_targets(copy_request &r) {
-    const bool fit = check_target(r.cn, {"X", "width"}, r.dst.x, r.out.x, r.max.x) == 0 &&
-                     check_target(r.cn, {"Y", "height"}, r.dst.y, r.out.y, r.max.y) == 0 &&
-                     check_target(r.cn, {"t", "num_t"}, r.dst.t, r.out.t, r.max.t) == 0;
+    const bool fit = check_target(r.cn, {"X", "width"}, r.dst.x, r.out.x, r.max_x, r.max.x) == 0 &&
+                     check_target(r.cn, {"Y", "height"}, r.dst.y, r.out.y, r.max_y, r.max.y) == 0 &&
+                     check_target(r.cn, {"t", "num_t"}, r.dst.t, r.out.t, r.max_t, r.max.t) == 0;
     return fit ? 0 : -1;
 }
 
@@ -159,7 +162,7 @@ int make_target(const copy_request &r, const module_view &source, const std::vec
                 result_module &target) {
     const int size = static_cast<int>(source.element_size);
     module_plan plan;
-    plan.element = *mod_element_of_code(source.data_type); // as check_source has seen
+    plan.data_type = source.data_type;
     plan.num_x = r.max.x;
     plan.num_y = r.max.y;
     plan.num_t = r.max.t;
@@ -199,6 +202,8 @@ void copy_row(const copy_request &r, const module_view &d, const std::byte *from
         std::memcpy(to, from, static_cast<std::size_t>(r.num.x) * d.element_size);
     else if (d.element_size == 8)
         move_elements<std::uint64_t>(from, to, r.num.x, stride);
+    else if (d.element_size == 2)
+        move_elements<std::uint16_t>(from, to, r.num.x, stride);
     else
         move_elements<std::uint32_t>(from, to, r.num.x, stride);
 }

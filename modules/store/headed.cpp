@@ -27,11 +27,11 @@ std::uint64_t magnitude(int size) {
     return static_cast<std::uint64_t>(std::llabs(size));
 }
 
-// Bytes of a module, or nothing when no object can be that large (or a dimension is 0).
+// Bytes of a module, or nothing when no object can be that large. A dimension of 0 leaves the header alone.
 std::optional<std::size_t> total_size(std::uint64_t front, const sizes &n, std::size_t element) {
     std::uint64_t bytes = element;
     for (const int size : {n.x, n.y, n.t})
-        if (size == 0 || __builtin_mul_overflow(bytes, magnitude(size), &bytes))
+        if (__builtin_mul_overflow(bytes, magnitude(size), &bytes))
             return std::nullopt;
     if (__builtin_add_overflow(bytes, front, &bytes) || bytes > PTRDIFF_MAX)
         return std::nullopt;
@@ -158,9 +158,10 @@ bool fits_3d(int cn, const char *name, void *head, const sizes &n, int data_type
 // ---- new modules
 
 module_link create_2d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
-                      mod_element type) {
+                      int data_type) {
     bool made = false;
-    module_link link = make(name, total_size(sizeof(mod_header), n, mod_element_size(type)), made);
+    module_link link =
+        make(name, total_size(sizeof(mod_header), n, kestrel_module_element_size(data_type)), made);
     if (!link) {
         if (made)
             sv_printf(cn, "! Cannot link to module I just made. Why?\n");
@@ -169,7 +170,7 @@ module_link create_2d(int cn, const char *name, const sizes &n, const char *x_la
         return {};
     }
     mod_header header{};
-    header.data_type = mod_code_of(type);
+    header.data_type = data_type;
     header.disp_type = MOD_DISP_2D;
     header.num_x = static_cast<std::uint32_t>(magnitude(n.x));
     header.num_y = static_cast<std::uint32_t>(magnitude(n.y));
@@ -183,20 +184,21 @@ module_link create_2d(int cn, const char *name, const sizes &n, const char *x_la
 }
 
 module_link create_3d(int cn, const char *name, const sizes &n, const char *x_lab, const char *y_lab,
-                      const char *t_lab, const label_list &labels, mod_element type) {
+                      const char *t_lab, const label_list &labels, int data_type, const char *mark) {
     bool made = false;
     const bool sane = labels.size <= INT_MAX - sizeof(mod_header3d);
     const std::size_t front = sizeof(mod_header3d) + labels.size;
-    module_link link = make(name, sane ? total_size(front, n, mod_element_size(type)) : std::nullopt, made);
+    module_link link =
+        make(name, sane ? total_size(front, n, kestrel_module_element_size(data_type)) : std::nullopt, made);
     if (!link) {
         if (made)
-            sv_printf(cn, "! ERROR: Cannot link to module I just made. Why?\n");
+            sv_printf(cn, "%sCannot link to module I just made. Why?\n", mark);
         else
-            sv_printf(cn, "! ERROR: Cannot create data module \"%s\", errno = %d.\n", name, errno);
+            sv_printf(cn, "%sCannot create data module \"%s\", errno = %d.\n", mark, name, errno);
         return {};
     }
     mod_header3d header{};
-    header.data_type = mod_code_of(type);
+    header.data_type = data_type;
     header.disp_type = MOD_DISP_3D;
     header.num_x = static_cast<std::uint32_t>(magnitude(n.x));
     header.num_y = static_cast<std::uint32_t>(magnitude(n.y));
@@ -217,40 +219,53 @@ module_link create_3d(int cn, const char *name, const sizes &n, const char *x_la
 
 } // namespace
 
-MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
-                          const char *y_lab, mod_element data_float, module_link &mod_head) {
+bool mod_make_2d(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
+                 int data_type, module_link &mod_head) {
     const sizes n{num_x, num_y, 1};
     module_link link(name);
     if (!link) {
-        link = create_2d(cn, name, n, x_lab, y_lab, data_float);
+        link = create_2d(cn, name, n, x_lab, y_lab, data_type);
         if (!link)
-            return nullptr;
+            return false;
     } else {
-        if (!fits_2d(cn, name, link.head(), n, mod_code_of(data_float)))
-            return nullptr;
+        if (!fits_2d(cn, name, link.head(), n, data_type))
+            return false;
         sv_printf(cn, "# Warning: module \"%s\" already exists\n", name);
     }
     mod_head = std::move(link);
-    return static_cast<MOD_IMAGE *>(mod_head.head());
+    return true;
+}
+
+bool mod_make_3d(int cn, const char *name, const mod_axes3d &axes, const char *const *labels, int data_type,
+                 const char *mark, module_link &mod_head) {
+    const sizes n{axes.num_x, axes.num_y, axes.num_t};
+    const label_list list = measure_labels(labels, magnitude(axes.num_t));
+    module_link link(name);
+    if (!link) {
+        link = create_3d(cn, name, n, axes.x_lab, axes.y_lab, axes.t_lab, list, data_type, mark);
+        if (!link)
+            return false;
+    } else {
+        if (!fits_3d(cn, name, link.head(), n, data_type, list.size))
+            return false;
+        sv_printf(cn, "# Warning: module \"%s\" already exists\n", name);
+    }
+    mod_head = std::move(link);
+    return true;
+}
+
+MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
+                          const char *y_lab, mod_element data_float, module_link &mod_head) {
+    const bool made = mod_make_2d(cn, name, num_x, num_y, x_lab, y_lab, mod_code_of(data_float), mod_head);
+    return made ? static_cast<MOD_IMAGE *>(mod_head.head()) : nullptr;
 }
 
 MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
                          const char *y_lab, const char *t_lab, const char *const *labels,
                          mod_element data_float, module_link &mod_head) {
-    const sizes n{num_x, num_y, num_t};
-    const label_list list = measure_labels(labels, magnitude(num_t));
-    module_link link(name);
-    if (!link) {
-        link = create_3d(cn, name, n, x_lab, y_lab, t_lab, list, data_float);
-        if (!link)
-            return nullptr;
-    } else {
-        if (!fits_3d(cn, name, link.head(), n, mod_code_of(data_float), list.size))
-            return nullptr;
-        sv_printf(cn, "# Warning: module \"%s\" already exists\n", name);
-    }
-    mod_head = std::move(link);
-    return static_cast<MOD_IMAGE3D *>(mod_head.head());
+    const bool made = mod_make_3d(cn, name, {num_x, num_y, num_t, x_lab, y_lab, t_lab}, labels,
+                                  mod_code_of(data_float), "! ERROR: ", mod_head);
+    return made ? static_cast<MOD_IMAGE3D *>(mod_head.head()) : nullptr;
 }
 
 int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
@@ -300,7 +315,7 @@ int app_mod_resize(int cn, void *head, int num_x, int num_y, int num_t) {
     if (mod_look(cn, name.c_str(), head, view) != 0)
         return -1;
     num_t = num_t == 0 ? 1 : num_t;
-    if (num_x <= 0 || num_y <= 0 || num_t < 0) {
+    if (num_x < 0 || num_y < 0 || num_t < 0) {
         sv_printf(cn, "! ERROR: Data module '%s' cannot have the size (%d, %d, %d)\n", name.c_str(), num_x,
                   num_y, num_t);
         return -1;

@@ -11,7 +11,7 @@
 namespace kestrel {
 
 // Make a headed module, or find one that fits. A size n > 0 is exact, -n at least n (and made n), 0 any (and
-// cannot be made). Null labels are "X", "Y", "T". Null after a message, mod_head as it was; else mod_head is
+// made 0: a header alone). Null labels are "X", "Y", "T". Null after a message, mod_head as it was; else mod_head is
 // the module's link, and is_new() tells which it was. An existing module is left as it is. What writes a
 // result uses result_module, which does this and takes a module back that was not written.
 MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab,
@@ -21,6 +21,17 @@ MOD_IMAGE *app_mkmod_head(int cn, const char *name, int num_x, int num_y, const 
 MOD_IMAGE3D *app_mkmod3d(int cn, const char *name, int num_x, int num_y, int num_t, const char *x_lab,
                          const char *y_lab, const char *t_lab, const char *const *labels,
                          mod_element data_float, module_link &mod_head);
+
+// The same for any data_type that a header can have; false after a message. `mark` begins the line of a 3-D module that
+// cannot be made.
+struct mod_axes3d {
+    int num_x, num_y, num_t;
+    const char *x_lab, *y_lab, *t_lab;
+};
+bool mod_make_2d(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,
+                 int data_type, module_link &mod_head);
+bool mod_make_3d(int cn, const char *name, const mod_axes3d &axes, const char *const *labels, int data_type,
+                 const char *mark, module_link &mod_head);
 
 // The same, unlinked at once: 0 or -1.
 int mkmod_head(int cn, const char *name, int num_x, int num_y, const char *x_lab, const char *y_lab,

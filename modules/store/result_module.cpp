@@ -9,18 +9,22 @@ namespace kestrel {
 
 namespace {
 
+int data_type_of(const module_plan &plan) {
+    return plan.data_type != 0 ? plan.data_type : mod_code_of(plan.element);
+}
+
 module_link make_headed(int cn, const char *name, const module_plan &plan) {
     module_link link;
     if (!plan.is_3d) {
-        app_mkmod_head(cn, name, plan.num_x, plan.num_y, plan.x_label, plan.y_label, plan.element, link);
+        mod_make_2d(cn, name, plan.num_x, plan.num_y, plan.x_label, plan.y_label, data_type_of(plan), link);
         return link;
     }
     std::vector<const char *> labels;
     for (const std::string &label : plan.labels)
         labels.push_back(label.c_str());
     labels.push_back(nullptr);
-    app_mkmod3d(cn, name, plan.num_x, plan.num_y, plan.num_t, plan.x_label, plan.y_label, plan.t_label,
-                plan.labels.empty() ? nullptr : labels.data(), plan.element, link);
+    mod_make_3d(cn, name, {plan.num_x, plan.num_y, plan.num_t, plan.x_label, plan.y_label, plan.t_label},
+                plan.labels.empty() ? nullptr : labels.data(), data_type_of(plan), "! ", link);
     return link;
 }
 
@@ -44,7 +48,7 @@ int result_module::make(int cn, const char *name, const module_plan &plan) {
     link_ = make_headed(cn, name, plan);
     if (!link_ || look(cn) != 0)
         return -1;
-    if (view_.data_type == mod_code_of(plan.element) && reaches(view_.num_x, plan.num_x) &&
+    if (view_.data_type == data_type_of(plan) && reaches(view_.num_x, plan.num_x) &&
         reaches(view_.num_y, plan.num_y) && reaches(view_.num_t, plan.is_3d ? plan.num_t : 1))
         return 0;
     sv_printf(cn, "! ERROR: module '%s' was changed by another process\n", name_.c_str());

@@ -31,6 +31,7 @@ struct module_plan {
     bool is_3d = false;
     const char *x_label = nullptr, *y_label = nullptr, *t_label = nullptr; // null: "X", "Y", "T"
     std::span<const std::string> labels{};                                 // of the frames
+    int data_type = 0; // the header's, where it is none of these elements
 };
 
 class result_module {

@@ -59,8 +59,26 @@ int mod_look(int cn, const char *name, void *head, module_view &view) {
     return -1;
 }
 
+std::optional<mod_stored> mod_read_header(const void *head) {
+    const off_t size = datamod_mod_size(head);
+    if (size < static_cast<off_t>(sizeof(mod_header)) || !datamod_is_whole(head))
+        return std::nullopt;
+    mod_header flat;
+    std::memcpy(&flat, head, sizeof flat);
+    mod_stored stored{flat.data_type, static_cast<std::uint32_t>(flat.disp_type) >> 16 == 1, flat.num_x,
+                      flat.num_y, 1};
+    if (!stored.is_3d)
+        return stored;
+    if (size < static_cast<off_t>(sizeof(mod_header3d)))
+        return std::nullopt;
+    mod_header3d frames;
+    std::memcpy(&frames, head, sizeof frames);
+    stored.num_t = frames.num_t;
+    return stored;
+}
+
 std::optional<int> mod_data_type(const void *head) {
-    if (datamod_mod_size(head) < static_cast<off_t>(sizeof(mod_header)) || !datamod_is_whole(head))
+    if (datamod_mod_size(head) < static_cast<off_t>(sizeof(std::int32_t)) || !datamod_is_whole(head))
         return std::nullopt;
     std::int32_t type = 0;
     std::memcpy(&type, head, sizeof type);

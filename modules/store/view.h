@@ -6,6 +6,7 @@
 #include "modules/store/store.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -53,7 +54,15 @@ const char *mod_look(void *head, module_view &view);
 // The same; prints "! ERROR: module '%s' %s" to the session and returns -1 when it cannot be used.
 int mod_look(int cn, const char *name, void *head, module_view &view);
 
-// The element type in the header, whatever it is; nothing where there is no header or no longer all of the
+// What a header says, unchecked; nothing where there is none or no longer all of the module.
+struct mod_stored {
+    int data_type;
+    bool is_3d;
+    std::uint32_t num_x, num_y, num_t;
+};
+std::optional<mod_stored> mod_read_header(const void *head);
+
+// The first word, where a header has its element type, whatever it is; nothing where there is no longer all of the
 // module.
 std::optional<int> mod_data_type(const void *head);
 

@@ -59,7 +59,7 @@ def test_a_module_that_cannot_be_made_is_told_once(client, volume, names):
     region = f"{handle} 0 0 0 8 5 4"
     for line, message in [
             (f"integrate {region} x module 'a/b'", '! Cannot create data module "a/b", errno = 22.'),
-            (f"re-bin {region} x 2 module 'a/b'", '! ERROR: Cannot create data module "a/b", errno = 22.'),
+            (f"re-bin {region} x 2 module 'a/b'", '! Cannot create data module "a/b", errno = 22.'),
             (f"integrate {region} x module 'n' start-x 2147483640",
              '! Cannot create data module "n", errno = 27.')]:
         assert refused(client, "maths " + line) == [message]

@@ -161,7 +161,7 @@ def test_copies_that_do_not_fit_change_nothing(client, names):
         "num-t 2": "! ERROR: Src T region start=0, num=2 does not fit in image (4, 3, 1)",
         "dst-x -1": "! ERROR: Dst X region start=-1 should be >= 0",
         "max-x 3": "! ERROR: Requested new module width 3 will not accept read from 0 for 4",
-        "dst-x 2147483647": "! ERROR: Requested new module width 0 will not accept read from 2147483647 for 4",
+        "dst-x 2147483647": "! ERROR: Requested new module width 2147483647 will not accept read from 2147483647 for 4",
         "": f"! Error, module '{b}' exists but is wrong data type 3 not 1",
         "dst-y 1": f"! Error, module '{b}' exists but is not large enough for requested destination Module:(4,3, 1) "
                    "dst (0, 1, 0)+(4, 3, 1), Max:(4, 4, 1)",
@@ -252,3 +252,66 @@ def test_handles_run_out_before_paths(client, names):
     do(client, "close-all")
     assert do(client, f"module open '{n}' header") == 0
     assert not [line for line in client.lines("ustatus")[1:-1] if not re.search("Unused$", line)]
+
+
+def test_a_size_of_nothing_is_a_header_alone(client, names):
+    n = names("m")
+    for line, shape in (("create '{}' header", (0, 0)), ("create '{}' 5 header", (0, 5)), ("headed '{}' 0 5", (5, 0)),
+                        ("create '{}' 5 3 header num-t 0", (0, 3, 5))):
+        do(client, "module " + line.format(n))
+        assert Module(n).data.shape == shape
+        assert os.path.getsize("/dev/shm/" + n) == (464 if len(shape) == 3 else 360)
+        assert refused(client, f"module set-point '{n}' 0 0 1.0")[0].endswith(
+            "lie outside module size  (%d, %d)" % shape[::-1] if len(shape) == 2 else "(5, 3, 0)")
+        handle = do(client, f"module open '{n}' header")
+        assert client.lines(f"maths accumulate {handle} 0 0 0 0 0 0")[0].startswith("! ERROR: Requested region")
+        refused(client, f"read 0 0 0 1 1 1 from {handle}")
+        do(client, f"close {handle}")
+        os.unlink("/dev/shm/" + n)
+    do(client, f"module create '{n}' 8 4 header")
+    do(client, f"module resize '{n}' 8 0")
+    assert Module(n).data.shape == (0, 8)
+    do(client, f"module resize '{n}' 8 4")
+
+
+def test_bounds_come_before_the_type(client, names):
+    n = names("m")
+    do(client, f"module create '{n}' 4 2 header")
+    Module(n).head["data_type"] = 99
+    assert refused(client, f"module set-point '{n}' 9 0 1.0") == [
+        "! Offsets (9, 0) lie outside module size  (4, 2)"]
+    assert refused(client, f"module set-point '{n}' 3 1 1.0") == [f"! ERROR: Unknow data type 99 in module '{n}'"]
+    plain = names("p")
+    do(client, f"module create '{plain}' size 10")
+    assert client.lines(f"module open '{plain}' header") == ["# Cannot handle module data type 0", "* -1"]
+
+
+def test_a_copys_size_is_the_one_that_was_given(client, names):
+    a, b = names("a"), names("b")
+    do(client, f"module create '{a}' 4 2 header")
+    for words, size, start in (("max-x 0", 0, 0), ("max-x 3", 3, 0), ("max-x -1", -1, 0),
+                               ("dst-x 2147483647", 2147483647, 2147483647)):
+        assert refused(client, f"module copy '{a}' '{b}' {words}") == [
+            f"! ERROR: Requested new module width {size} will not accept read from {start} for 4"]
+    assert not os.path.exists("/dev/shm/" + b)
+    assert refused(client, f"module copy '{a}' 'a/b' num-t 1 max-t 2") == [
+        '! Cannot create data module "a/b", errno = 22.']
+
+
+@pytest.mark.parametrize("code, size", [(2, 2), (33, 2), (40, 4), (47, 4)])
+def test_elements_of_any_type_can_be_copied(client, names, code, size):
+    """Elements that the server does not count with are moved as they are, also into a new module and transposed."""
+    a, b = names("a"), names("b")
+    do(client, f"module create '{a}' 4 2 header")
+    raw = Module(a).raw
+    raw[:4].view("i4")[0] = code
+    elements = raw[360:360 + 8 * size].view(f"u{size}").reshape(2, 4)
+    elements[:] = np.arange(8).reshape(2, 4) + 1
+    for words, wanted in (("", elements), ("transpose", elements.T)):
+        do(client, f"module copy '{a}' '{b}' {words}")
+        copy = np.memmap("/dev/shm/" + b, dtype="u1", mode="r+")
+        assert copy[:4].view("i4")[0] == code and len(copy) == 360 + 8 * size
+        assert (copy[360:].view(f"u{size}").reshape(wanted.shape) == wanted).all()
+        os.unlink("/dev/shm/" + b)
+    assert refused(client, f"module copy '{a}' '{b}' scale 2.0") == [
+        f"! ERROR: Unknow data type {code} in module '{a}'"]
