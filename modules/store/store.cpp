@@ -1,5 +1,7 @@
 #include "modules/store/store.h"
 
+#include "modules/store/free_memory.h"
+
 #include "modules/store/cut_guard.h"
 #include "support/fd.h"
 #include "support/mapping.h"
@@ -144,6 +146,13 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
     const std::string object = object_name(name);
     if (object.empty())
         return complain("create", name);
+    if (!datamod_memory_for(size)) {
+        std::fprintf(stderr,
+                     "_os_datmod:No memory for shared memory file '%s' of size %zd beside the reserve\n",
+                     name, static_cast<ssize_t>(size));
+        errno = ENOMEM;
+        return -1;
+    }
     const std::lock_guard lock(img_mod_mutex);
     const mode_t mask = ::umask(0);
     unique_fd fd(::shm_open(object.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, object_mode));
@@ -245,8 +254,8 @@ int datamod_remove(const char *name, const void *head) {
     if (record == nullptr || record->links != 1)
         return -1;
     struct stat status {};
-    const unique_fd fd(::shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0));
-    if (!fd || ::fstat(fd.get(), &status) != 0)
+    // Where Linux keeps the objects: a look by name needs no descriptor, and there may be none left.
+    if (::stat(("/dev/shm" + object).c_str(), &status) != 0)
         return -1;
     errno = ESTALE;
     if (status.st_dev != record->device || status.st_ino != record->inode)

@@ -2,6 +2,7 @@
 import multiprocessing
 import os
 import re
+import resource
 
 import kestrel_data
 import numpy as np
@@ -315,3 +316,36 @@ def test_elements_of_any_type_can_be_copied(client, names, code, size):
         os.unlink("/dev/shm/" + b)
     assert refused(client, f"module copy '{a}' '{b}' scale 2.0") == [
         f"! ERROR: Unknow data type {code} in module '{a}'"]
+
+
+def test_modules_leave_a_reserve_of_memory(start, names):
+    n = names("m")
+    free = next(int(line.split()[1]) for line in open("/proc/meminfo") if line.startswith("MemAvailable:")) // 1024
+    client = start(env={"KESTREL_RESERVE": str(max(free - 64, 1))}).client()
+    wide = 200 * 262144  # 200 MiB of longs
+    assert refused(client, f"module create '{n}' {wide} 1 header") == [
+        f'! Cannot create data module "{n}", errno = 12.']
+    assert refused(client, f"module create '{n}' size {wide}") == [f'! Cannot create data module "{n}", errno = 12.']
+    assert not os.path.exists("/dev/shm/" + n)
+    do(client, f"module create '{n}' 4 4 header")
+    assert do(start(env={"KESTREL_RESERVE": "0"}).client(), f"module create '{names('k')}' 4 4 header") == 0
+
+
+@pytest.mark.parametrize("words", ["header", "header num-t 2", "size"])
+def test_a_module_without_a_descriptor_leaves_nothing_half_made(start, names, words):
+    """However few descriptors are left: there is a whole module, or none; and one made later is whole."""
+    n = names("m")
+    line = f"module create '{n}' 4 2 {words}" if words != "size" else f"module create '{n}' size 8"
+    server = start()
+    client = server.client()
+    used = kestrel_data.held(server)[0]
+    for spare in range(4):
+        resource.prlimit(server.process.pid, resource.RLIMIT_NOFILE, (used + spare, 4096))
+        value, lines = result(client, line)
+        assert os.path.exists("/dev/shm/" + n) == (value >= 0), lines
+        if value >= 0:
+            break
+    resource.prlimit(server.process.pid, resource.RLIMIT_NOFILE, (1024, 4096))
+    assert result(client, line)[0] == 0
+    if words != "size":
+        assert Module(n).head["data_type"] == 1
