@@ -52,6 +52,14 @@ def test_quit_and_shutdown_end_the_server(start):
         assert "a\r\n" in out and "never\r\n" not in out
 
 
+def test_a_script_goes_on_to_its_end_as_its_input_ends_or_the_server_stops(start):
+    for command in "quit", "shutdown":
+        out = piped(start, "~s\necho 'never'\n",
+                    prepare=lambda cwd: (cwd / "s.cmd").write_text(f"{command}\necho 'the rest'\n"))
+        assert "the rest\r\n" in out and "never" not in out
+    piped(start, "~s\n", prepare=lambda cwd: (cwd / "s.cmd").write_text("do\ninput 'more? ' 'v'\nwhile 1\n"))
+
+
 def test_the_logs_stay_empty(start):
     process = start("-log=c.log", "-vlog=v.log", kind=Process)
     assert process.wait_exit() == 0
