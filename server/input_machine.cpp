@@ -29,7 +29,6 @@ enum KEY_ACTION : unsigned char {
     BACKSPACE = 127,
 };
 
-
 using edit_function = void (*)(line_edit &, std::string &);
 
 struct key_binding {

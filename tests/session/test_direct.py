@@ -2,9 +2,10 @@
 import os
 import signal
 import subprocess
+import time
 
 import pytest
-from kestrel_session import KESTREL, Process, Terminal
+from kestrel_session import KESTREL, Process, Terminal, wait_until
 
 BANNER = ("-" * 70 + "\n", "Directly connected to the terminal.\n",
           "Use ^C to quit scripts, wait etc, ^\\ to really quit the server\n")
@@ -120,6 +121,21 @@ def test_control_c_ends_a_script_not_the_server(terminal):
     terminal.recv_match(rb"! Include file aborted with \^C\r+\n")
     terminal.send("7\n")
     terminal.recv_match(rb"\* 7\r+\n")
+
+
+def test_a_command_of_the_system_has_the_terminal(terminal):
+    started = terminal.cwd / "started"
+    terminal.write("s.cmd", ["system 'echo > started; sleep 600; sleep 600'", "echo 'never'"])
+    terminal.send("~s\n")
+    wait_until(started.exists, "start of the command")
+    terminal.send("\x03")
+    terminal.recv_match(rb"! Include file aborted with \^C\r+\n")
+    terminal.send("system 'read x < /dev/tty; echo got $x'\n")
+    time.sleep(0.2)
+    terminal.send("this\n")
+    terminal.recv_match(rb"# got this\r+\n")
+    terminal.send("system 'kill -STOP $$; echo on'\n")
+    terminal.recv_match(rb"# on\r+\n")
 
 
 def test_control_backslash_really_ends_the_server(start):
