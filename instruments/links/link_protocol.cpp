@@ -4,6 +4,7 @@
 #include "server/outbox.h"
 #include "server/output.h"
 #include "server/session.h"
+#include "support/vanished_peer.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -48,7 +49,7 @@ unique_addresses find_host(const char *host, int port) {
 void set_options(int fd) {
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    notice_vanished_peer(fd);
 }
 
 // How long a wait may last in milliseconds, -1 for ever: its own patience, cut at the link's deadline.
