@@ -146,6 +146,25 @@ def test_control_backslash_really_ends_the_server(start):
     process.process.returncode = 0  # as wanted: no crash
 
 
+def test_a_signal_at_the_prompt_ends_the_server_alone(start, tmp_path):
+    """The line editor passes signals on to the whole process group."""
+    beside = tmp_path / "beside"
+    beside.write_text(f"#!/bin/sh\n(trap '' HUP; echo $$ > {tmp_path}/x; exec sleep 600) >/dev/null 2>&1 &\n"
+                      f"echo $! > {tmp_path}/pid\nexec {KESTREL}\n")
+    beside.chmod(0o755)
+    terminal = start(kind=Terminal, program=str(beside))
+    terminal.wait_editing()
+    other = int((tmp_path / "pid").read_text())
+    wait_until((tmp_path / "x").exists, "start of the other process")
+    terminal.process.send_signal(signal.SIGTERM)
+    assert terminal.wait_exit() == -signal.SIGTERM
+    terminal.process.returncode = 0  # as wanted: no crash
+    time.sleep(0.05)
+    with open(f"/proc/{other}/stat", encoding="ascii") as stat:
+        assert stat.read().split()[2] == "S"
+    os.kill(other, signal.SIGKILL)
+
+
 def test_end_of_file_ends_the_server(terminal):
     terminal.send("\x04")
     terminal.expect_closed()
