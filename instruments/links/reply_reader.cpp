@@ -88,6 +88,8 @@ void reply_reader::reset() {
     held_.clear();
     result_ = std::monostate{};
     after_result_ = false;
+    in_reply_ = true;
+    at_prompt_ = false;
 }
 
 void reply_reader::clear() {
@@ -95,6 +97,7 @@ void reply_reader::clear() {
     taken_ = 0;
     in_pieces_ = false;
     reset();
+    in_reply_ = false;
 }
 
 bool reply_reader::take_result(std::string_view text) {
@@ -154,8 +157,10 @@ reply_event reply_reader::take_line(std::string_view line) {
     result_ = std::monostate{};
     // What the remote's threads print between two commands comes behind its prompt.
     if (line.size() > prompt.size() && line.starts_with(prompt) &&
-        std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos)
+        std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos) {
         line.remove_prefix(prompt.size());
+        at_prompt_ = !in_reply_;
+    }
     if (line.starts_with(result_mark)) {
         if (take_result(line.substr(result_mark.size()))) {
             held_ = line;
@@ -204,7 +209,11 @@ reply_event reply_reader::next() {
             searched_ = left.size();
             buffer_.erase(0, taken_);
             taken_ = 0;
-            return buffer_ == prompt && !in_pieces_ ? reply_event::prompt : reply_event::more;
+            const bool prompted = buffer_ == prompt || (at_prompt_ && buffer_.empty());
+            if (in_pieces_ || !prompted)
+                return reply_event::more;
+            in_reply_ = false;
+            return reply_event::prompt;
         }
         std::string_view line = left.substr(0, end);
         taken_ += end + 1;

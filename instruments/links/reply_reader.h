@@ -77,6 +77,8 @@ class reply_reader {
     remote_progress progress_;
     remote_result result_;
     bool after_result_ = false;
+    bool in_reply_ = false;  // since reset(), no prompt yet
+    bool at_prompt_ = false; // and has said something since, without another prompt
     bool in_pieces_ = false; // what comes up to the next line end continues a long line
 };
 

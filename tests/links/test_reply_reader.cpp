@@ -91,6 +91,18 @@ TEST(reply_reader, knows_the_question_by_the_silence_behind_it) {
     EXPECT_EQ(reader.next(), reply_event::text);
 }
 
+TEST(reply_reader, stays_at_the_prompt_behind_which_something_is_said) {
+    reply_reader reader;
+    reader.feed("> # late\r\n! and later\r\n");
+    EXPECT_EQ(reader.next(), reply_event::information);
+    EXPECT_EQ(reader.next(), reply_event::error);
+    EXPECT_EQ(reader.next(), reply_event::prompt);
+    reader.reset();
+    reader.feed("> # late\r\n");
+    EXPECT_EQ(reader.next(), reply_event::information);
+    EXPECT_EQ(reader.next(), reply_event::more) << "of the command sent since";
+}
+
 TEST(reply_reader, hands_a_long_line_on_in_pieces) {
     const std::string half(reply_line_max / 2, 'x');
     for (const std::size_t piece : {std::size_t{65536}, 3 * reply_line_max}) {
