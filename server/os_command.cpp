@@ -24,32 +24,35 @@ namespace {
 constexpr const char *output_name = ".fork_temp";
 constexpr std::size_t piece_size = 256;
 
+constexpr pid_t unknown_group = -1; // of a shell that did not start
 constexpr int stop_look_ms = 100; // how soon a command that stopped is noticed
 
-// In direct mode on a terminal the command has the terminal while it runs, ^C included. Whoever gives or
-// takes it from the background would be stopped for that.
+// In direct mode on a terminal the command has the terminal while it runs, ^C included. A shell may have taken
+// it from either meanwhile, and keeps it then.
 class terminal_loan {
   public:
     terminal_loan() : lent_(!use_network && ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {}
-    ~terminal_loan() { take_back(); }
     terminal_loan(const terminal_loan &) = delete;
     terminal_loan &operator=(const terminal_loan &) = delete;
 
     bool lent() const { return lent_; }
-    void take_back() const { give(::getpgrp()); }
-    void give(pid_t group) const {
-        if (!lent_)
+    void give(pid_t group) const { pass(::getpgrp(), group); }
+    void take_back(pid_t group) const { pass(group, ::getpgrp()); }
+
+  private:
+    // Done from the background this would stop the server.
+    void pass(pid_t from, pid_t to) const {
+        if (!lent_ || (from != unknown_group && ::tcgetpgrp(STDIN_FILENO) != from))
             return;
         sigset_t stopping;
         sigset_t before;
         sigemptyset(&stopping);
         sigaddset(&stopping, SIGTTOU);
         pthread_sigmask(SIG_BLOCK, &stopping, &before);
-        ::tcsetpgrp(STDIN_FILENO, group);
+        ::tcsetpgrp(STDIN_FILENO, to);
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
 
-  private:
     bool lent_;
 };
 
@@ -95,7 +98,7 @@ void interrupt_group(pid_t group, int number) {
 // together (nothing stops without a shell that could continue it); otherwise nobody could continue it.
 void go_on_after_stop(pid_t group, const terminal_loan &terminal) {
     if (terminal.lent()) {
-        terminal.take_back();
+        terminal.take_back(group);
         ::kill(0, SIGTSTP);
         terminal.give(group);
     }
@@ -135,15 +138,17 @@ int run_shell(int cn, const std::string &command) {
     char *arguments[] = {shell, flag, text.data(), nullptr};
     const terminal_loan terminal;
     const spawn_settings settings(terminal.lent());
-    pid_t child = -1;
+    pid_t child = unknown_group;
     const int interrupts = sv_quit; // one that comes while the child is made is its own
     const int error =
         ::posix_spawn(&child, "/bin/sh", settings.files(), settings.attributes(), arguments, environ);
     if (error != 0) {
+        terminal.take_back(child);
         sv_printf(cn, "! Cannot start a shell: %s\n", std::strerror(error));
         return -1;
     }
     const int status = wait_for_child(child, interrupts, terminal);
+    terminal.take_back(child);
     if (status < 0)
         return -1;
     if (terminal.lent() && exit_status(status) == 128 + SIGINT)

@@ -59,7 +59,9 @@ def test_debug_is_kept(client):
                         ("debug", ["# Debugging is currently on."]),
                         ("debug on off", ["! Debugging cannot be both on and off."]),
                         ("debug", ["# Debugging is currently on."]), ("debug off", []),
-                        ("debug", ["# Debugging is currently off."])]:
+                        ("debug", ["# Debugging is currently off."]),
+                        ("port 0", ["! Port should be 1..65535 not 0", "* -1"]),
+                        ("port 65536", ["! Port should be 1..65535 not 65536", "* -1"])]:
         assert client.lines(line) == reply, line
 
 

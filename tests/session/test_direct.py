@@ -134,6 +134,9 @@ def test_a_command_of_the_system_has_the_terminal(terminal):
     time.sleep(0.2)
     terminal.send("this\n")
     terminal.recv_match(rb"# got this\r+\n")
+    terminal.write("s.cmd", ["s='0123456789abcdef'", "for 'i' 1 14", "s=%s+%s", "next", "system %s"])
+    terminal.send("~s\n")
+    terminal.recv_match(rb"! Cannot start a shell: Argument list too long\r+\n")
     terminal.send("system 'kill -STOP $$; echo on'\n")
     terminal.recv_match(rb"# on\r+\n")
 

@@ -151,6 +151,15 @@ def test_connect_gives_up_in_time(linked):
     assert client.lines("client connect 1 lux")[2].endswith("'Connecting'")
 
 
+def test_an_interrupt_ends_client_connect(linked):
+    server = linked(lux=free_port())
+    client = server.client()
+    client.send("client connect 600 lux\n")
+    client.recv_until("'Connecting'\r\n")
+    server.interrupt()
+    assert client.recv_prompt().endswith(b"! Abbandoned\tconnection attempts due to ^C\r\n* -1\r\n")
+
+
 def test_a_peer_that_floods_holds_nobody_once_its_caller_has_left(linked):
     peer = Peer([b"> ", [], *[b"# more\r\n" * 10000] * 3000])
     server = linked(user1=peer.port)

@@ -142,6 +142,7 @@ def test_input_as_a_local_variable(client):
     ("eval int 5 add", ["! Need Optional Argument for basic maths", "* -1"]),
     ("eval int 5 add sub", ["! Need Optional Argument for basic maths", "* -1"]),
     ("eval int 1 2 add sub", ["! Can only do one off add/sub/mult/div/equal", "* -1"]),
+    ("set-func 'v'", ["! Need both a variable name and a function", "* -1"]),
     ("eval int 2147483647 1 add", ["* -2147483648"]),
     ("eval double 7 2 add", ["* 9"]), ("eval double 7 2 div", ["* 3.5"]), ("eval double 7.5 2 sub", ["* 5.5"]),
     ("eval double 1.5 2 mult", ["* 3"]), ("eval double 1 0 div", ["* inf"]), ("eval double 1.5", ["* 1.5"]),
