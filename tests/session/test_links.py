@@ -211,29 +211,41 @@ def test_remote_handles_that_cannot_be_opened_fail(station):
     assert reply == ["! Too many remote handles are open", "* -1"]
 
 
-def test_a_short_answer_is_told_as_such(linked):
-    """One whose data connection closes early, and one that never opens it."""
-    def serve(peer, sent):
-        connection = peer.accept()[0]
+NO_DATA = f"! client_get_data: Read error, errno = {errno.ENODATA}"
+
+
+@pytest.mark.parametrize("sent, replies, error", [  # what comes as data, what is answered, what is said
+    (b"short", {}, NO_DATA), (b"", {}, NO_DATA), (b"", {b"port": b"! no\r\n* -1\r\n> "}, "! - no"),
+    (b"", {b"read": None}, "! The remote closed the connection"),
+    (bytes(64), {b"read": b"# on its way\r\n"}, "! The remote closed the connection"),
+    (bytes(64), {b"read": b"! not all\r\n* -1\r\n> "}, "! - not all"),
+])
+def test_data_that_do_not_come_whole_fail_the_command(linked, sent, replies, error):
+    sizes = {b"unif-get-nx": 4, b"unif-get-ny": 4}
+
+    def serve(listener):
+        connection = listener.accept()[0]
         with connection, connection.makefile("rb") as lines:
             connection.sendall(b"> ")
             for line in lines:
-                word = line.split()
-                if word[0] == b"port":
-                    port = int(word[1])
-                elif word[0] == b"read" and sent:
+                word, *arguments = line.split()
+                if word == b"port":
+                    port = int(arguments[0])
+                elif word == b"read" and sent:
                     with socket.create_connection(("127.0.0.1", port)) as data:
                         data.sendall(sent)
-                connection.sendall({b"unif-get-nx": b"* 4", b"unif-get-ny": b"* 4", b"unif-get-nt": b"* 1"}.get(
-                    word[0], b"* 1") + b"\r\n> ")
+                    time.sleep(0.1)  # the data are in before the reply
+                reply = replies.get(word, b"* %d\r\n> " % sizes.get(word, 1))
+                connection.sendall(reply or b"")
+                if not (reply or b"").endswith(b"> "):
+                    return
 
-    for sent in b"short", b"":
-        peer = socket.create_server(("127.0.0.1", 0))
-        threading.Thread(target=serve, args=(peer, sent), daemon=True).start()
-        client = linked(user1=peer.getsockname()[1]).client()
-        assert client.lines("remote-open '0' user1")[-1] == "* 0"
-        reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'x'")
-        assert f"! client_get_data: Read error, errno = {errno.ENODATA}" in reply and reply[-1] == "* -1"
+    listener = socket.create_server(("127.0.0.1", 0))
+    threading.Thread(target=serve, args=(listener,), daemon=True).start()
+    client = linked(user1=listener.getsockname()[1]).client()
+    assert client.lines("remote-open '0' user1")[-1] == "* 0"
+    reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'x'")
+    assert error in reply and reply[-1] == "* -1"
 
 
 def test_a_remote_handle_dies_with_its_connection(station):
@@ -241,8 +253,9 @@ def test_a_remote_handle_dies_with_its_connection(station):
     client.cmd("remote-open 'test open 4 4 1 long' user1")
     client.cmd("client disconnect")
     client.cmd("send user1 '1'")
-    reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'")
-    assert reply[-1] == "* -1" and any("is gone" in line for line in reply), reply
+    for line in "read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'", "clear 0", "enable 0", "disable 0":
+        assert client.lines(line)[-1] == "* -1", line
+    assert any("is gone" in line for line in client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'"))
     assert client.lines("close 0") == ["* 0"]
 
 
