@@ -224,8 +224,6 @@ int draw(const index_request &r) {
 }
 
 int file_get_next_index(int quals, int cn, const char *folder, const char *comment1, const char *comment2) {
-    if (pt_check_names(cn, ~0U) != 0)
-        return -1;
     const index_request r = index_asked(quals, cn, folder, comment1, comment2);
     if (r.suffix.find('/') != std::string::npos) {
         sv_printf(cn, "! ERROR: a file suffix cannot have a '/' in it\n");

@@ -109,8 +109,6 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
         sv_printf(cn, "! Only support module mode output at the moment\n");
         return -1;
     }
-    if (pt_check_names(cn, ~0U) != 0)
-        return -1;
     if (to.start_x < 0 || to.start_y < 0 || to.start_t < 0) {
         sv_printf(cn, "! Start point of the result should be >= 0, not (%d, %d, %d)\n", to.start_x,
                   to.start_y, to.start_t);

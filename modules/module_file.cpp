@@ -216,8 +216,6 @@ int module_save(int quals, int cn, const char *name, const char *file) {
         sv_printf(cn, "! OS9 module save not supported on Linux\n");
         return -1;
     }
-    if (q.check_names(cn, {"next-file", "current-file", "save-script"}) != 0)
-        return -1;
     save_request request = save_asked(q, name, file);
     const std::string module = name;
     if (check_quotes(cn, {module, request.file}) != 0 || check_index_texts(q, cn) != 0)

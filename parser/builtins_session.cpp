@@ -80,8 +80,11 @@ int simple_do_quit(int, int cn) {
 }
 
 // Without a value the reply is the radix itself, printed in decimal: in its own radix it would always be "10".
+// It is printed, too, where a script or another command keeps its results to itself.
 int simple_do_radix(int, int cn, int radix) {
     if (radix < 1) {
+        if (!ResultIsPrinted)
+            sv_printf(cn, "* %d\n", sv_get_radix(cn));
         ResultRadix = 10;
         return sv_get_radix(cn);
     }

@@ -131,10 +131,10 @@ constexpr pt_qualifiers<eval_double_format>::choice<eval_op> double_operations[]
 // True when the operation can be worked out with what is given; false after a line to the session. Nothing stands
 // for several operations.
 bool can_evaluate(int cn, std::optional<eval_op> op) {
-    if (!op)
-        sv_printf(cn, "! Can only do one off add/sub/mult/div/equal\n");
-    else if (OptionalArgumentCount < 1)
+    if (OptionalArgumentCount < 1)
         sv_printf(cn, "! Need Optional Argument for basic maths\n");
+    else if (!op)
+        sv_printf(cn, "! Can only do one off add/sub/mult/div/equal\n");
     else
         return true;
     return false;

@@ -16,7 +16,6 @@ union _qualtype {
 };
 
 extern _qualtype Qualifier[32];               // value of qualifier i, when bit i of the mask is set
-extern unsigned QualifiersCut;                // bit i: the text given for i lost what StringArg cannot hold
 extern int TotalArgumentCount;                // positional arguments given
 extern int OptionalArgumentCount;             // of them, optional ones
 extern char ArgumentType[call_arguments_max]; // 'd', 'f' or 's' a given argument
@@ -24,8 +23,7 @@ extern char ArgumentType[call_arguments_max]; // 'd', 'f' or 's' a given argumen
 // Radix of this call's integer result: 0 is the session's, unless the handler says otherwise at its end.
 extern int ResultRadix;
 
-// For qualifiers that name where data go: a name without its end would be another's. 0, or -1 after a line
-// when one of those in the mask was cut.
-int pt_check_names(int cn, unsigned qualifiers);
+// The result of this call is shown to the session when the handler has ended.
+extern bool ResultIsPrinted;
 
 } // namespace kestrel

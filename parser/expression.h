@@ -19,7 +19,7 @@ enum class op : std::uint8_t {
     push_int,
     push_double,
     push_string,
-    load,
+    load, // a = index of the name, b = 1: in parentheses before "-", where a cast may be meant
     store,
     add,
     sub,
@@ -65,7 +65,7 @@ struct program {
     const std::string *string_constant() const;
 };
 
-inline constexpr int expression_depth_max = 200;
+inline constexpr int expression_depth_max = 200; // parentheses, casts, calls, unary operators, ...
 
 // Compiles the expression that starts at `at` (not blank) and moves `at` behind it. On a syntax error returns
 // false with the parser's message.

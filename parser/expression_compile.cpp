@@ -10,6 +10,8 @@
 
 #include <cctype>
 #include <charconv>
+#include <climits>
+#include <cmath>
 #include <cstdlib>
 
 namespace kestrel {
@@ -121,15 +123,6 @@ struct compiler {
     }
 
     bool operand() {
-        if (++depth > expression_depth_max)
-            return fail("Expression nested too deep");
-        if (!bare_operand())
-            return false;
-        --depth;
-        return true;
-    }
-
-    bool bare_operand() {
         const char c = peek();
         switch (c) {
         case '-':
@@ -214,6 +207,9 @@ struct compiler {
         if (peek() != ')')
             return fail("Expected ')'");
         ++at;
+        if (peek() == '-' && out.code.back().code == op::load &&
+            line.substr(start + 1, at - start - 2) == word)
+            out.code.back().b = 1;
         return true;
     }
 
@@ -238,13 +234,17 @@ struct compiler {
             if (w.text == word)
                 return true;
         const char next = peek();
-        return is_name_char(next) || next == '(' || next == '%' || next == '$' || next == '#' ||
-               next == '\'' || next == '"';
+        const std::string_view begins_operand = "(%$#'\"~";
+        return is_name_char(next) || (next != '\0' && begins_operand.find(next) != std::string_view::npos) ||
+               (next == '!' && peek(1) != '=');
     }
 
     bool cast(std::string_view word, std::string_view format, bool formatted) {
+        if (++depth > expression_depth_max)
+            return fail("Expression nested too deep");
         if (!operand())
             return false;
+        --depth;
         for (const cast_word &w : cast_words) {
             if (w.text != word)
                 continue;
@@ -309,14 +309,16 @@ struct compiler {
         }
         const std::string_view text = line.substr(start, at - start);
         if (!real) {
-            int value = 0;
-            if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{})
+            std::uint32_t value = 0;
+            const std::uint32_t most = start > 0 && line[start - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
+            if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{} ||
+                value > most)
                 return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
-            emit(op::push_int, value);
+            emit(op::push_int, static_cast<std::int32_t>(value));
             return true;
         }
-        double value = 0.0;
-        if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{})
+        const double value = std::strtod(std::string(text).c_str(), nullptr); // a tiny one is 0
+        if (!std::isfinite(value))
             return fail("Real constant '" + std::string(text) + "' is out of range");
         emit(op::push_double, 0, 0, value);
         return true;

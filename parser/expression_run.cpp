@@ -203,6 +203,8 @@ PE_Value cast_with_format(int cn, const PE_Value &v, const std::string &format) 
                          (format.empty() ? std::string() : std::string(1, format.back())) + "'\n");
         return {};
     }
+    if (v.is_number() && format.back() == 's')
+        return cast_with_format(cn, PE_Value::of(text_of(v)), format);
     if (!v.is_number() && format.back() != 's') {
         sv_printf(cn, "! ERROR in cast to string with format string: Cannot convert string to string via a "
                       "double format\n");
@@ -247,10 +249,17 @@ PE_Value cast(int cn, const PE_Value &v, value_type to, const std::string *forma
     }
 }
 
-PE_Value load(int cn, const std::string &name) {
+PE_Value bad_cast(int cn, const std::string &word) {
+    sv_print(cn, "! Cannot recognise cast (" + word + "), expect (int), (double) or (string)\n");
+    return {};
+}
+
+PE_Value load(int cn, const std::string &name, bool like_a_cast) {
     const Variable *v = get_variable(name);
+    if (!v && like_a_cast)
+        return bad_cast(cn, name);
     if (!v) {
-        sv_printf(cn, "! Cannot find variable %s\n", name.c_str());
+        sv_print(cn, "! Cannot find variable " + name + "\n");
         return {};
     }
     switch (v->type) {
@@ -265,8 +274,10 @@ PE_Value load(int cn, const std::string &name) {
     }
 }
 
-// Sets the variable that a read would find, else a new global.
+// Sets the variable that a read would find, else a new global. An error value changes none.
 bool store(int cn, const std::string &name, const PE_Value &value) {
+    if (value.type == pe_error)
+        return false;
     Variable *v = get_variable(name);
     if (!v)
         v = make_variable(cn, name, true);
@@ -313,7 +324,7 @@ PE_Value expression_run(int cn, const program &p) {
             if (left.type != pe_int || right.type != pe_int)
                 left = binary(cn, i.code, left, right);
             else if (!integers(cn, i.code, left.IntValue, right.IntValue, left.IntValue))
-                return {};
+                left = {};
             stack.pop_back();
         } else {
             switch (i.code) {
@@ -330,20 +341,19 @@ PE_Value expression_run(int cn, const program &p) {
                 stack.push_back(PE_Value::of(text(i.a)));
                 break;
             case op::load:
-                stack.push_back(load(cn, text(i.a)));
+                stack.push_back(load(cn, text(i.a), i.b != 0));
                 break;
             case op::store:
                 if (!store(cn, text(i.a), stack.back()))
-                    return {};
+                    stack.back() = {};
                 break;
             case op::cast:
                 stack.back() =
                     cast(cn, stack.back(), static_cast<value_type>(i.a), i.b ? &text(i.b - 1) : nullptr);
                 break;
             case op::bad_cast:
-                sv_printf(cn, "! Cannot recognise cast (%s), expect (int), (double) or (string)\n",
-                          text(i.a).c_str());
-                return {};
+                stack.back() = bad_cast(cn, text(i.a));
+                break;
             case op::call:
                 stack.back() = function_call(cn, text(i.a), stack.back());
                 break;
@@ -353,20 +363,20 @@ PE_Value expression_run(int cn, const program &p) {
             case op::jump_if_zero: {
                 const PE_Value control = std::move(stack.back());
                 stack.pop_back();
+                const std::size_t otherwise = static_cast<std::size_t>(i.a);
                 if (control.type != pe_int) {
                     sv_printf(cn, "! Control type for ternay must be integer, not %d\n", control.type);
-                    return {};
+                    stack.emplace_back();
+                    next = static_cast<std::size_t>(p.code[otherwise - 1].a); // behind both branches
+                } else if (control.IntValue == 0) {
+                    next = otherwise;
                 }
-                if (control.IntValue == 0)
-                    next = static_cast<std::size_t>(i.a);
                 continue;
             }
             default:
                 stack.back() = unary(cn, i.code, stack.back());
             }
         }
-        if (stack.back().type == pe_error)
-            return {};
     }
     return std::move(stack.back());
 }

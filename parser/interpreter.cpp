@@ -21,11 +21,11 @@
 namespace kestrel {
 
 _qualtype Qualifier[32];
-unsigned QualifiersCut = 0;
 int TotalArgumentCount = 0;
 int OptionalArgumentCount = 0;
 char ArgumentType[call_arguments_max];
 int ResultRadix = 0;
+bool ResultIsPrinted = false;
 bool (*user_command_spoiled)(int cn, bool begins) = nullptr;
 
 namespace {
@@ -90,6 +90,8 @@ struct line_state {
     scanned_line &line;
     std::size_t index = 0; // the next item
     int quals = 0;
+    unsigned too_long = 0; // bit i: the last text of qualifier i is longer than its place
+    std::size_t too_long_at = 0;
     token &next;
     std::vector<pt_value> &values;
     std::vector<std::string> &strings;
@@ -245,18 +247,17 @@ int take_qualifier_value(line_state &state, char type, int number) {
     _qualtype &out = Qualifier[number];
     state.scan();
     const token &t = state.next;
-    if (t.kind == token_kind::undefined_variable)
-        return refuse_undefined(state);
     if (type == 'd' && t.kind == token_kind::integer) {
         out.IntArg = t.ScannedInt;
     } else if ((type == 'g' || type == 'f') && t.kind == token_kind::real) {
         out.DoubleArg = t.ScannedDouble; // an integer is not converted here
     } else if (type == 's' && t.kind == token_kind::string) {
-        const std::size_t length = std::min(t.ScannedString.size(), qualifier_string_max - 1);
-        std::memcpy(out.StringArg, t.ScannedString.data(), length);
+        const std::size_t length = t.ScannedString.copy(out.StringArg, qualifier_string_max - 1);
         out.StringArg[length] = '\0';
-        if (length < t.ScannedString.size())
-            QualifiersCut |= 1U << number;
+        const bool whole = length == t.ScannedString.size();
+        state.too_long = (state.too_long & ~(1U << number)) | (whole ? 0U : 1U << number);
+        if (!whole)
+            state.too_long_at = t.ScannerInputPosn;
     } else {
         locate(state.cn, t.ScannerInputPosn);
         sv_printf(state.cn, "! This qualifier takes an argument of type '%%%c'\n", type);
@@ -272,19 +273,26 @@ int find_qualifier(const _pt_args &args, std::string_view word) {
     return -1;
 }
 
+// A text that lost its end would be another's name. Asked at the end: of a qualifier's texts the last counts.
+int check_texts(const line_state &state) {
+    if (state.too_long == 0)
+        return 0;
+    locate(state.cn, state.too_long_at);
+    sv_printf(state.cn, "! The text of a qualifier can have %d characters at most\n",
+              static_cast<int>(qualifier_string_max) - 1);
+    return finish_error(state.cn);
+}
+
 int take_qualifiers(line_state &state, const PARSE_TREE &command, const _pt_args &args) {
-    QualifiersCut = 0;
     for (;;) {
         state.scan();
         switch (state.next.kind) {
         case token_kind::end_of_line:
         case token_kind::end_of_input:
-            return 0;
+            return check_texts(state);
         case token_kind::help:
             help(state.cn, command);
             return finish_error(state.cn);
-        case token_kind::undefined_variable:
-            return refuse_undefined(state);
         case token_kind::identifier:
             break;
         default:
@@ -359,6 +367,7 @@ int run_command(line_state &state, const delivery &to) {
     if (take_arguments(state, command, args) != 0 || take_qualifiers(state, command, args) != 0)
         return -1;
     set_call_globals(state, args);
+    ResultIsPrinted = to.print_result && !to.result_out;
     point_at_strings(state);
     state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
@@ -440,14 +449,6 @@ int service(int cn, scanned_line *scanned, const char *typed, const delivery &to
 }
 
 } // namespace
-
-int pt_check_names(int cn, unsigned qualifiers) {
-    if ((QualifiersCut & qualifiers) == 0)
-        return 0;
-    sv_printf(cn, "! ERROR: a name can have %d characters here at most\n",
-              static_cast<int>(qualifier_string_max) - 1);
-    return -1;
-}
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {

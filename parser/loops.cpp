@@ -23,6 +23,7 @@ struct loop {
     off_t position; // just after the head line
     int include_level;
     Variable *variable = nullptr; // for, for-each; lives at least as long as its script level
+    int value = 0;                // for
     int last = 0;
     int step = 0;
     std::vector<std::string> strings{}; // for-each
@@ -93,12 +94,14 @@ int unexpected_type(int cn, const loop &l) {
     return -1;
 }
 
-// One more pass of a "for": its variable stepped; false when it is past the last value.
+// One more pass of a "for": its variable stepped; false when it is past the last value. A variable that the
+// body made something else than an integer gets the value that comes after the loop's own last one.
 bool step_for(loop &l) {
-    const std::int64_t value = static_cast<std::int64_t>(l.variable->IntVar) + l.step;
+    const int before = l.variable->type == vt_int ? l.variable->IntVar : l.value;
+    const std::int64_t value = static_cast<std::int64_t>(before) + l.step;
     l.variable->type = vt_int;
-    l.variable->IntVar = static_cast<int>(value);
-    if (value != l.variable->IntVar)
+    l.variable->IntVar = l.value = static_cast<int>(value);
+    if (value != l.value)
         return false;
     return l.step >= 1 ? value <= l.last : value >= l.last;
 }
@@ -126,7 +129,7 @@ int for_command(int quals, int cn, const char *name, int first, int last, int st
     if (!l->variable)
         return drop_loop();
     l->variable->type = vt_int;
-    l->variable->IntVar = first;
+    l->variable->IntVar = l->value = first;
     l->last = last;
     l->step = step;
     return 0;

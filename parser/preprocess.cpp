@@ -43,7 +43,7 @@ std::string expand_include(std::string_view rest) {
 
 bool preprocess(int cn, std::string_view line, std::string &out) {
     out = line;
-    for (int round = 0; round < macro_expansions_max; ++round) {
+    for (int expansions = 0;; ++expansions) {
         const std::string_view text = skip_blanks(out);
         if (text.starts_with('~')) {
             out = expand_include(text.substr(1));
@@ -51,6 +51,8 @@ bool preprocess(int cn, std::string_view line, std::string &out) {
         }
         if (!text.starts_with('@'))
             return true;
+        if (expansions == macro_expansions_max)
+            break;
         out = expand_macro(text.substr(1));
         if (out.size() > expanded_line_max)
             break;

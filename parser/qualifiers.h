@@ -112,14 +112,6 @@ template <const pt_format &Format> class pt_qualifiers {
         return found;
     }
 
-    // For words that name where data go, as pt_check_names.
-    int check_names(int cn, std::initializer_list<text_word> words) const {
-        unsigned mask = 0;
-        for (const text_word &word : words)
-            mask |= 1U << word.index;
-        return pt_check_names(cn, mask);
-    }
-
     // The word's value, or `otherwise` when it is not given.
     int number(int_word word, int otherwise = 0) const {
         return has(word.index) ? Qualifier[word.index].IntArg : otherwise;

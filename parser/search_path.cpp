@@ -61,9 +61,10 @@ unique_fd open_file(const char *name) {
 } // namespace
 
 unique_fd search_path_open(int cn, const char *name) {
+    const std::vector<std::string> &directories = search_path(cn);
     if (unique_fd fd = open_file(name))
         return fd;
-    for (const std::string &directory : search_path(cn))
+    for (const std::string &directory : directories)
         if (unique_fd fd = open_file((directory + "/" + name).c_str()))
             return fd;
     return {};

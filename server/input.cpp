@@ -67,8 +67,10 @@ read_status wait_block(int cn) {
 void end_of_reading(int cn, read_status status) {
     if (status == read_status::end)
         std::puts("Inferred disconnect from read returns 0");
-    if (status == read_status::end || status == read_status::gone)
-        sv_disconnect_client(cn);
+    if (status != read_status::end && status != read_status::gone)
+        return;
+    client[cn].ended = true; // a script that reads in a loop would never end
+    sv_disconnect_client(cn);
 }
 
 void deliver(int cn, const std::string &reply, const std::string &notice) {
@@ -84,11 +86,7 @@ bool echoes(const client_descriptor &c) {
 }
 
 bool read_script_line(script_file *file, std::string &line) {
-    std::string_view text;
-    if (!file || !file->read_line(text, sv_line_max))
-        return false;
-    line = text;
-    return true;
+    return file && file->read_text(line, answer_max);
 }
 
 char *_getline(int cn, char *buffer, std::size_t len, bool use_top) {

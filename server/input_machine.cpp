@@ -29,8 +29,6 @@ enum KEY_ACTION : unsigned char {
     BACKSPACE = 127,
 };
 
-constexpr std::size_t answer_max = std::size_t{1} << 20; // characters of a line that a command asked for
-
 using edit_function = void (*)(line_edit &, std::string &);
 
 struct key_binding {
@@ -173,6 +171,7 @@ input_event key(input_machine &m, unsigned char byte, input_texts &texts) {
         return input_event::more;
     case ESC:
         m.telnet.inp_state = input_state::Seq1;
+        m.took_back = false;
         return input_event::more;
     default:
         break;
@@ -198,6 +197,7 @@ bool completion_key(input_machine &m, unsigned char byte, input_texts &texts) {
     if (byte == ESC) {
         sv_ln_complete_cancel(m.edit, texts.reply);
         m.telnet.inp_state = input_state::Seq1; // it may be the head of an arrow key
+        m.took_back = true;
     }
     return byte == ESC;
 }
@@ -221,7 +221,7 @@ input_event character_byte(input_machine &m, unsigned char byte, input_texts &te
         return key(m, byte, texts);
     case input_state::Seq1:
         m.telnet.inp_state = input_state::Normal;
-        if (byte != '[' && byte != 'O') // a lone ESC, then a key of its own
+        if (byte != '[' && (byte != 'O' || m.took_back)) // a lone ESC, then a key of its own
             return key(m, byte, texts);
         m.edit.seq[0] = static_cast<char>(byte);
         m.telnet.inp_state = input_state::Seq2;

@@ -18,7 +18,11 @@ struct input_machine {
     int echo_mode = 0; // 0 plain lines, 1 character mode with editing here
     telnet_state telnet;
     line_edit edit;
+    bool took_back = false; // by the last ESC, a completion: an "O" behind it is a letter
 };
+
+inline constexpr std::size_t answer_max = std::size_t{1}
+                                          << 20; // characters of a line that a command asked for
 
 enum class input_event {
     more,       // all bytes are used, the line goes on

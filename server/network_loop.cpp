@@ -11,6 +11,7 @@
 #include "server/loops.h"
 #include "server/output.h"
 #include "support/fd.h"
+#include "support/vanished_peer.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -81,7 +82,7 @@ std::size_t user_prompt(int cn) {
     return outbox_append(cn, sv_prompt_text, {}).value_or(0);
 }
 
-void set_no_delay(int cn, int fd) {
+void set_options(int cn, int fd) {
     static const int tcp = [] {
         const protoent *const entry = ::getprotobyname("tcp");
         return entry ? entry->p_proto : -1;
@@ -89,7 +90,8 @@ void set_no_delay(int cn, int fd) {
     if (tcp < 0)
         std::fprintf(stderr, "%d: Cannot get protocol TCP\n", cn);
     const int on = 1;
-    if (::setsockopt(fd, tcp < 0 ? IPPROTO_TCP : tcp, TCP_NODELAY, &on, sizeof on) != 0)
+    if (::setsockopt(fd, tcp < 0 ? IPPROTO_TCP : tcp, TCP_NODELAY, &on, sizeof on) != 0 ||
+        !notice_vanished_peer(fd))
         std::fprintf(stderr, "%d: Cannot set socket options: error code=%d\n", cn, errno);
 }
 
@@ -136,7 +138,7 @@ void accept_session() {
     char dotted[INET_ADDRSTRLEN] = "";
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
     std::printf("%d: New connection established to %s\n", cn, dotted);
-    set_no_delay(cn, fd.get());
+    set_options(cn, fd.get());
     try {
         sv_fill_slot(cn, fd.get(), fd.get());
     } catch (const std::bad_alloc &) {

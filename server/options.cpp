@@ -1,12 +1,14 @@
 #include "server/options.h"
 
 #include "server/logs.h"
+#include "support/fd.h"
 
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
@@ -20,10 +22,17 @@ const char *const sv_credit = "Data acquisition server for X-ray detector system
 
 namespace {
 
+// A FIFO that nobody reads fails at once instead of holding up the start.
 std::FILE *open_log(std::string_view name) {
-    std::FILE *file = std::fopen(std::string(name).c_str(), "we");
-    if (file)
-        return file;
+    constexpr mode_t mode = 0666;
+    unique_fd fd(
+        ::open(std::string(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_CLOEXEC, mode));
+    if (fd && ::fcntl(fd.get(), F_SETFL, O_WRONLY) == 0) { // written like any file from here on
+        if (std::FILE *file = ::fdopen(fd.get(), "w")) {
+            fd.release();
+            return file;
+        }
+    }
     std::fprintf(stderr, "Cannot open log file '%.*s': %s\n", static_cast<int>(name.size()), name.data(),
                  std::strerror(errno));
     std::exit(1);

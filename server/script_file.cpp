@@ -54,6 +54,35 @@ bool script_file::read_line(std::string_view &line, std::size_t max) {
     }
 }
 
+bool script_file::next_byte(char &byte) {
+    while (unread().empty()) {
+        if (!fill())
+            return false;
+    }
+    byte = unread().front();
+    return true;
+}
+
+bool script_file::read_text(std::string &line, std::size_t max) {
+    line.clear();
+    char byte = '\0';
+    bool any = false;
+    for (; next_byte(byte); ++position_) {
+        if (byte == '\n' || byte == '\r')
+            break;
+        any = true;
+        if (byte != '\0' && line.size() < max)
+            line += byte;
+    }
+    if (byte != '\n' && byte != '\r')
+        return any;
+    ++position_;
+    char second = '\0';
+    if (next_byte(second) && (second == '\n' || second == '\r') && second != byte)
+        ++position_;
+    return true;
+}
+
 std::string_view script_file::unread() const {
     return std::string_view(block_).substr(static_cast<std::size_t>(position_ - block_start_));
 }

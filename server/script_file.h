@@ -20,6 +20,10 @@ class script_file {
     // it is dropped) holds until the next call. False at the end of the file or on a read error.
     bool read_line(std::string_view &line, std::size_t max);
 
+    // Reads a line for a command, cut to `max` characters: CR, LF, CR LF or LF CR ends it, NUL is ignored. False
+    // at the end of the file or on a read error.
+    bool read_text(std::string &line, std::size_t max);
+
     // Byte offset of the next line.
     off_t tell() const { return position_; }
 
@@ -32,6 +36,7 @@ class script_file {
   private:
     std::string_view unread() const;
     std::string_view take(std::size_t length, std::size_t end_length);
+    bool next_byte(char &byte);
     bool fill(); // reads on behind the block; false at the end of the file
     void note_status();
     void drop();

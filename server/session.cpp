@@ -74,8 +74,7 @@ void sv_disconnect_client(int cn) {
     if (use_network) {
         disconnect_network_client(cn);
     } else {
-        client[cn].ended = true;
-        close_server = 1;
+        close_server = 1; // a script goes on to its end, as after a shutdown
     }
 }
 

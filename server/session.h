@@ -17,7 +17,8 @@ client_descriptor *sv_get_descriptor(int cn);
 // True while the session is open: a handler that may have lost it asks before it goes on.
 bool sv_is_valid(int cn);
 
-// True once the session is over, also in direct mode, where its slot stays: a script goes no further.
+// True once the session is over, also in direct mode, where its slot stays when its input has ended: a script
+// goes no further.
 bool sv_is_ended(int cn);
 
 // Closes the session (direct mode: ends the server). Safe to call from inside a command of that session:

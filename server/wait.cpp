@@ -62,15 +62,14 @@ wait_result wait_until(pollfd *descriptors, nfds_t count, std::optional<steady::
 } // namespace
 
 wait_result sv_wait_fd(int fd, short events, int timeout_ms) {
-    pollfd descriptor{fd, events, 0};
-    if (timeout_ms < 0)
-        return wait_until(&descriptor, 1, std::nullopt);
-    return wait_until(&descriptor, 1, steady::now() + std::chrono::milliseconds(timeout_ms));
+    return sv_wait_fd_again(fd, events, timeout_ms, 0);
 }
 
-wait_result sv_wait_fd_again(int fd, short events, int seen) {
+wait_result sv_wait_fd_again(int fd, short events, int timeout_ms, int seen) {
     pollfd descriptor{fd, events, 0};
-    return wait_until(&descriptor, 1, std::nullopt, seen);
+    if (timeout_ms < 0)
+        return wait_until(&descriptor, 1, std::nullopt, seen);
+    return wait_until(&descriptor, 1, steady::now() + std::chrono::milliseconds(timeout_ms), seen);
 }
 
 int sv_sleep(int cn, double seconds) {

@@ -9,9 +9,9 @@ enum class wait_result { ready, timeout, interrupted };
 // line began, or that comes meanwhile, ends the wait; none can slip in between.
 wait_result sv_wait_fd(int fd, short events, int timeout_ms);
 
-// The same without an end, for a wait that interrupts do not end: only those beyond the first `seen` are
-// told.
-wait_result sv_wait_fd_again(int fd, short events, int seen);
+// The same for a wait that interrupts do not end: only those beyond the first `seen` are told. A negative
+// descriptor is waited for in vain.
+wait_result sv_wait_fd_again(int fd, short events, int timeout_ms, int seen);
 
 // Sleeps that many seconds (not at all when negative or not a number), with nothing left unsent. 0, or -1 as
 // soon as an interrupt has come.

@@ -67,8 +67,6 @@ int check_forms(int cn, const read_quals &q) {
 }
 
 int check_destination(int cn, const read_quals &q, bool swap) {
-    if (pt_check_names(cn, ~0U) != 0)
-        return -1;
     if (!destinations_agree(q))
         return refuse(cn, "Incorrect combination of output qualifiers.");
     if (q.given("preserve-socket") && destinations(q) > 0) {

@@ -7,6 +7,7 @@
 #include "server/timebar.h"
 #include "server/wait.h"
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -15,12 +16,17 @@ namespace kestrel::links {
 
 namespace {
 
-constexpr int first_probe = 1234; // the number that a healthy remote sends back
+using std::chrono::steady_clock;
 
-// 0 when the link is open and answers with the number, else 1.
-int try_connection(int cn, int link, int number) {
-    if (!connected_to(link))
-        return client_connect(cn, link) == 0 ? 0 : 1;
+constexpr int first_probe = 1234;                 // the number that a healthy remote sends back
+constexpr std::chrono::seconds least_patience{1}; // with a remote, however short the command's time is
+
+// 0 when the link is open and answers with the number, else 1. A connection just made is asked, too: one that
+// is out of step stays so when it is opened again.
+int try_connection(int cn, int link, int number, steady_clock::time_point end) {
+    const link_deadline deadline(link, std::max(end, steady_clock::now() + least_patience));
+    if (client_connect(cn, link) != 0)
+        return 1;
     const std::optional<remote_result> reply = send_once(cn, link, std::to_string(number));
     const int answer = reply ? cln_integer(*reply) : -1;
     if (answer == number)
@@ -41,21 +47,21 @@ constexpr connect_quals::choice<int> connect_links[] = {
     {"adcy", link_adcy}, {"motor", link_motors}, {"emberw0", link_emberw0}, {"emberw1", link_emberw1},
 };
 
-int try_all(int cn, const connect_quals &q, int number) {
+int try_all(int cn, const connect_quals &q, int number, steady_clock::time_point end) {
     int failures = 0;
     for (const auto &[word, link] : connect_links)
         if (q.given(word))
-            failures += try_connection(cn, link, number);
+            failures += try_connection(cn, link, number, end);
     return failures;
 }
 
 int connect_many(int quals, int cn, int seconds) {
     const connect_quals q(quals);
-    using std::chrono::steady_clock;
     const auto start = steady_clock::now();
+    const auto end = start + std::chrono::seconds(seconds);
     sv_quit = 0;
     for (int number = first_probe;; ++number) {
-        const int failures = try_all(cn, q, number);
+        const int failures = try_all(cn, q, number, end);
         const double elapsed = std::chrono::duration<double>(steady_clock::now() - start).count();
         if (elapsed > seconds) {
             sv_printf(cn, "! Abbandoned\tconnection attempts due time out after %g seconds\n", elapsed);

@@ -24,6 +24,7 @@ struct client_state {
     cln_link socket{};
     int session = -1; // owns the current exchange
     unsigned long generation = 0;
+    int errors = 0; // "!" lines in the current exchange
 };
 
 client_state client[link_count];
@@ -35,6 +36,7 @@ void on_information(int link, const std::string &text) {
 }
 
 void on_error(int link, const std::string &text) {
+    ++client[link].errors;
     if (client[link].session < 0)
         std::fprintf(stderr, "Error message from unknown client #%d:\n    %s\n", link, text.c_str());
     else
@@ -67,6 +69,7 @@ class ownership {
     ownership(int cn, int link) : state_(client[link]) {
         state_.session = cn;
         state_.socket.cn = cn;
+        state_.errors = 0;
     }
     ~ownership() { state_.session = -1; }
     ownership(const ownership &) = delete;
@@ -111,7 +114,12 @@ std::optional<remote_result> exchange(int cn, int link, const std::string &comma
     }
     if (status != cln_status::ok)
         return std::nullopt;
-    return client[link].socket.reader.result();
+    const remote_result &result = client[link].socket.reader.result();
+    if (!std::holds_alternative<remote_unknown>(result))
+        return result;
+    sv_printf(cn, "! %s did not answer with a result\n", clientconfig[link].name);
+    disconnect_from(cn, link); // no server of ours
+    return std::nullopt;
 }
 
 bool fits_a_line(int cn, const std::string &command) {
@@ -183,6 +191,13 @@ std::optional<remote_result> send_once(int cn, int link, const std::string &comm
     return exchange(cn, link, command, false);
 }
 
+link_deadline::link_deadline(int link, std::chrono::steady_clock::time_point end) : link_(link) {
+    client[link].socket.deadline = end;
+}
+link_deadline::~link_deadline() {
+    client[link_].socket.deadline.reset();
+}
+
 int send_same_connection(int cn, int link, unsigned long generation, const std::string &command) {
     if (!client[link].connected || client[link].generation != generation)
         return -1;
@@ -195,9 +210,19 @@ int send_wait(int cn, int link, const std::string &command) {
     return result ? cln_integer(*result) : -1;
 }
 
+namespace {
+
+// A number cannot be told from a failure's -1, but a failure has a line of its own.
+bool remote_failed(int link, const remote_result &result) {
+    const int *code = std::get_if<int>(&result);
+    return code && *code == -1 && client[link].errors > 0;
+}
+
+} // namespace
+
 int send_wait_double(int cn, int link, double &value, const std::string &command) {
     const std::optional<remote_result> result = send_exchange(cn, link, command);
-    if (!result)
+    if (!result || remote_failed(link, *result))
         return -1;
     if (const int *integer = std::get_if<int>(&*result))
         value = *integer;
@@ -252,14 +277,22 @@ constexpr int data_patience_ms = 30'000; // without progress
 
 enum class data_end { complete, short_of_data, link_lost, interrupted };
 
-// Reads what is there; false at the end of the stream or on an error.
-bool read_some(int fd, char *buffer, std::size_t nbytes, std::size_t &have) {
-    const ssize_t n = ::recv(fd, buffer + have, nbytes - have, 0);
-    if (n > 0) {
-        have += static_cast<std::size_t>(n);
-        return true;
-    }
-    return n < 0 && (errno == EAGAIN || errno == EINTR);
+struct data_transfer {
+    char *buffer;
+    std::size_t nbytes;
+    std::size_t have = 0;
+    int error = 0;        // why nothing more will come
+    bool replied = false; // the command's reply has ended
+};
+
+void read_some(int fd, data_transfer &t) {
+    const ssize_t n = ::recv(fd, t.buffer + t.have, t.nbytes - t.have, 0);
+    if (n > 0)
+        t.have += static_cast<std::size_t>(n);
+    else if (n == 0)
+        t.error = ENODATA;
+    else if (errno != EAGAIN && errno != EINTR)
+        t.error = errno;
 }
 
 // Waits for whichever speaks first, the data or the link.
@@ -280,45 +313,46 @@ wait_result wait_either(int cn, int data, int link) {
 
 // Receives the data while the link tells how its command goes. When the reply has ended nothing more is sent,
 // and what is missing then stays missing.
-data_end receive_data(int cn, cln_link &link, int listener, char *buffer, std::size_t nbytes, bool &replied) {
+data_end receive_data(int cn, cln_link &link, int listener, data_transfer &t) {
     unique_fd data;
-    std::size_t have = 0;
-    bool ended = false; // the data stream
-    while (have < nbytes && !ended) {
-        if (replied && !data) {
+    while (t.have < t.nbytes && t.error == 0) {
+        if (t.replied && !data) {
             data = cln_accept(link, listener);
-            if (!data)
-                return data_end::short_of_data;
+            if (!data) {
+                t.error = ENODATA;
+                break;
+            }
         }
-        switch (wait_either(cn, data ? data.get() : listener, replied ? -1 : link.socket.get())) {
+        switch (wait_either(cn, data ? data.get() : listener, t.replied ? -1 : link.socket.get())) {
         case wait_result::interrupted:
             return data_end::interrupted;
         case wait_result::timeout:
-            return data_end::short_of_data;
+            t.error = ETIMEDOUT;
+            continue;
         case wait_result::ready:
             break;
         }
         if (!data)
             data = cln_accept(link, listener);
         else
-            ended = !read_some(data.get(), buffer, nbytes, have);
+            read_some(data.get(), t);
         cln_status status = cln_status::ok;
-        if (!replied)
-            replied = cln_poll_reply(link, status);
+        if (!t.replied)
+            t.replied = cln_poll_reply(link, status);
         if (status != cln_status::ok)
             return data_end::link_lost;
     }
-    return have == nbytes ? data_end::complete : data_end::short_of_data;
+    return t.have == t.nbytes ? data_end::complete : data_end::short_of_data;
 }
 
-int finish_data(int cn, int link, data_end end, bool replied) {
+int finish_data(int cn, int link, data_end end, const data_transfer &t) {
     if (end == data_end::short_of_data)
-        sv_printf(cn, "! client_get_data: Read error, errno = %d\n", errno);
+        sv_printf(cn, "! client_get_data: Read error, errno = %d\n", t.error);
     if (end == data_end::interrupted || end == data_end::link_lost) {
         disconnect_from(cn, link); // in the middle of a reply
         return -1;
     }
-    if (!replied && cln_wait_reply(client[link].socket) != cln_status::ok) {
+    if (!t.replied && cln_wait_reply(client[link].socket) != cln_status::ok) {
         disconnect_from(cn, link);
         return -1;
     }
@@ -344,11 +378,9 @@ int clients_get_data(int cn, int link, unsigned long generation, const std::stri
         disconnect_from(cn, link);
         return -1;
     }
-    bool replied = false;
-    errno = 0;
-    const data_end end =
-        receive_data(cn, socket, listener.get(), static_cast<char *>(buffer), nbytes, replied);
-    return finish_data(cn, link, end, replied);
+    data_transfer transfer{static_cast<char *>(buffer), nbytes};
+    const data_end end = receive_data(cn, socket, listener.get(), transfer);
+    return finish_data(cn, link, end, transfer);
 }
 
 } // namespace kestrel::links

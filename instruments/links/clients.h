@@ -4,6 +4,7 @@
 
 #include "instruments/links/link_protocol.h"
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -43,7 +44,7 @@ void clients_init();
 // Runs one command line on the link and returns its integer result, or -1 after lines to the session. A link
 // that failed is opened again and the command sent once more; what the remote answered is never asked twice.
 int send_wait(int cn, int link, const std::string &command);
-// 0 with the number stored, or -1.
+// 0 with the number stored, or -1; an integer -1 behind an error line is no number.
 int send_wait_double(int cn, int link, double &value, const std::string &command);
 // Nothing on failure and for a null result.
 std::optional<std::string> send_wait_string(int cn, int link, const std::string &command);
@@ -52,6 +53,18 @@ std::optional<std::string> send_wait_string(int cn, int link, const std::string 
 std::optional<remote_result> send_exchange(int cn, int link, const std::string &command);
 // The same without a second try.
 std::optional<remote_result> send_once(int cn, int link, const std::string &command);
+
+// While it lives the link waits for nothing beyond that time.
+class link_deadline {
+  public:
+    link_deadline(int link, std::chrono::steady_clock::time_point end);
+    ~link_deadline();
+    link_deadline(const link_deadline &) = delete;
+    link_deadline &operator=(const link_deadline &) = delete;
+
+  private:
+    int link_;
+};
 
 // A command about a handle of the remote's, which is good for the connection of that generation only: its
 // integer result, or -1 when that connection is gone or the exchange failed.

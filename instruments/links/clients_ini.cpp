@@ -4,25 +4,26 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 namespace kestrel::links {
 
 link_config clientconfig[link_count] = {
-    {"lux", "Look-Up Board for X", "unconfigured", 1974},
-    {"luy", "Look-Up Board for Y", "unconfigured", 1974},
-    {"corr", "Correlator", "unconfigured", 1976},
-    {"adcx", "ADC Boards for X", "unconfigured", 1978},
-    {"adcy", "ADC Boards for Y", "unconfigured", 1978},
-    {"motors", "Stepper Motors", "unconfigured", 1980},
-    {"pgen", "Pulse Generator", "unconfigured", 1982},
+    {"lux", "Look-Up Board for X", cln_no_host, 1974},
+    {"luy", "Look-Up Board for Y", cln_no_host, 1974},
+    {"corr", "Correlator", cln_no_host, 1976},
+    {"adcx", "ADC Boards for X", cln_no_host, 1978},
+    {"adcy", "ADC Boards for Y", cln_no_host, 1978},
+    {"motors", "Stepper Motors", cln_no_host, 1980},
+    {"pgen", "Pulse Generator", cln_no_host, 1982},
     {"imgd", "Image Display", "127.0.0.1", 1970},
-    {"emberw0", "EMBERW 0", "unconfigured", 1978},
-    {"emberw1", "EMBERW 1", "unconfigured", 1978},
-    {"user1", "User 1", "unconfigured", 1972},
-    {"user2", "User 2", "unconfigured", 1972},
-    {"kairo", "KAIRO", "unconfigured", 1972},
+    {"emberw0", "EMBERW 0", cln_no_host, 1978},
+    {"emberw1", "EMBERW 1", cln_no_host, 1978},
+    {"user1", "User 1", cln_no_host, 1972},
+    {"user2", "User 2", cln_no_host, 1972},
+    {"kairo", "KAIRO", cln_no_host, 1972},
 };
 
 namespace {
@@ -38,16 +39,26 @@ link_config *find_key(const std::string &key) {
     return nullptr;
 }
 
+// The line without its comment, which begins at a "#" or ";" that begins a word.
+std::string without_comment(const std::string &line) {
+    for (std::size_t at = line.find_first_of("#;"); at != std::string::npos;
+         at = line.find_first_of("#;", at + 1)) {
+        if (at == 0 || line[at - 1] == ' ' || line[at - 1] == '\t' || line[at - 1] == '=')
+            return line.substr(0, at);
+    }
+    return line;
+}
+
 // One line "key host port", also "key = host port". False when it is malformed.
 bool take_line(const std::string &line) {
-    if (line.size() > ini_line_max)
+    std::string text = without_comment(line);
+    if (text.size() > ini_line_max)
         return false;
-    std::string text = line;
     if (const std::size_t equals = text.find('='); equals != std::string::npos)
         text[equals] = ' ';
     std::istringstream words(text);
     std::string key, host, port_text, rest;
-    if (!(words >> key) || key.front() == '#' || key.front() == ';')
+    if (!(words >> key))
         return true;
     words >> host;
     words >> port_text;
@@ -80,6 +91,9 @@ void read_ini(const char *path, std::ifstream &file) {
 
 void clients_init() {
     for (const char *path : ini_paths) {
+        std::error_code unreadable;
+        if (!std::filesystem::is_regular_file(path, unreadable)) // a pipe would hold up the start
+            continue;
         std::ifstream file(path);
         if (!file)
             continue;

@@ -130,16 +130,12 @@ int receive_file(int cn, const transfer_quals &q, const char *remote, const std:
 int put(int quals, int cn, const char *local, const char *remote) {
     const transfer_quals q(quals);
     sv_flush_all(cn);
-    if (q.check_names(cn, {"host", "user", "password"}) != 0)
-        return -1;
     return send_file(cn, q, local, remote ? remote : last_part(local));
 }
 
 int get(int quals, int cn, const char *remote, const char *local) {
     const transfer_quals q(quals);
     sv_flush_all(cn);
-    if (q.check_names(cn, {"host", "user", "password"}) != 0)
-        return -1;
     return receive_file(cn, q, remote, local ? local : last_part(remote));
 }
 

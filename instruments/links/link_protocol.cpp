@@ -1,13 +1,16 @@
 #include "instruments/links/link_protocol.h"
 
 #include "server/interrupt.h"
+#include "server/outbox.h"
 #include "server/output.h"
 #include "server/session.h"
+#include "support/vanished_peer.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -22,7 +25,9 @@ namespace kestrel::links {
 
 namespace {
 
-constexpr int prompt_grace_ms = 50; // "> " without a result before it may be the start of a text line
+// "> " without a result before it may be the start of a text line, and a question a text: the remote has said
+// its last word when nothing follows for this long.
+constexpr int last_word_ms = 50;
 constexpr std::size_t receive_block = 65536;
 
 struct free_addresses {
@@ -44,17 +49,27 @@ unique_addresses find_host(const char *host, int port) {
 void set_options(int fd) {
     const int on = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    notice_vanished_peer(fd);
 }
 
-int connect_to(const sockaddr *address, socklen_t length, unique_fd &out) {
+// How long a wait may last in milliseconds, -1 for ever: its own patience, cut at the link's deadline.
+int patience_of(const cln_link &link, int own_ms) {
+    using namespace std::chrono;
+    if (!link.deadline)
+        return own_ms;
+    const auto left = ceil<milliseconds>(*link.deadline - steady_clock::now()).count();
+    const int bounded = static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+    return own_ms < 0 ? bounded : std::min(own_ms, bounded);
+}
+
+int connect_to(cln_link &link, const sockaddr *address, socklen_t length) {
     unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd)
         return errno;
     if (::connect(fd.get(), address, length) != 0) {
         if (errno != EINPROGRESS && errno != EINTR) // an interrupted one goes on by itself
             return errno;
-        switch (sv_wait_fd(fd.get(), POLLOUT, cln_patience_ms)) {
+        switch (sv_wait_fd(fd.get(), POLLOUT, patience_of(link, cln_patience_ms))) {
         case wait_result::timeout:
             return ETIMEDOUT;
         case wait_result::interrupted:
@@ -70,17 +85,27 @@ int connect_to(const sockaddr *address, socklen_t length, unique_fd &out) {
             return error;
     }
     set_options(fd.get());
-    out = std::move(fd);
+    link.socket = std::move(fd);
     return 0;
 }
 
-cln_status fail(const cln_link &link, const char *why) {
-    if (link.handlers->error_code)
-        link.handlers->error_code(link.number, why);
+cln_status fail(cln_link &link, const char *why) {
+    link.failure = why;
     return cln_status::failed;
 }
 
+cln_status reported(const cln_link &link, cln_status status) {
+    if (status == cln_status::failed && link.handlers->error_code)
+        link.handlers->error_code(link.number, link.failure);
+    return status;
+}
+
+// A text that looks like the question is followed by the rest of its reply; a remote that asks waits.
 cln_status answer_question(cln_link &link) {
+    if (sv_wait_fd(link.socket.get(), POLLIN, last_word_ms) == wait_result::ready) {
+        link.handlers->information(link.number, "~ " + link.reader.text());
+        return cln_status::ok;
+    }
     const int answer = link.handlers->question ? link.handlers->question(link.number, link.reader.text()) : 0;
     const char letter = answer == 1 ? 'Y' : 'N';
     ssize_t sent = -1;
@@ -100,9 +125,6 @@ bool hand_on(cln_link &link, cln_status &status) {
             return false;
         case reply_event::prompt:
             return true;
-        case reply_event::garbage:
-            status = fail(link, "The remote does not speak our language");
-            return false;
         case reply_event::question:
             status = answer_question(link);
             break;
@@ -141,9 +163,15 @@ cln_status receive(cln_link &link, bool &got) {
     }
 }
 
+// Nobody is left to hear what the remote says.
+bool asker_is_gone(const cln_link &link) {
+    return link.cn >= 0 && (!sv_is_valid(link.cn) || outbox_look(link.cn).broken);
+}
+
 // Runs the conversation up to the next prompt, at most patience_ms in all; -1 waits for ever.
 cln_status converse(cln_link &link, int patience_ms) {
     using std::chrono::steady_clock;
+    patience_ms = patience_of(link, patience_ms);
     const auto end = steady_clock::now() + std::chrono::milliseconds(patience_ms);
     const auto left = [&] {
         const auto ms =
@@ -156,7 +184,9 @@ cln_status converse(cln_link &link, int patience_ms) {
         if (status != cln_status::ok || (prompted && link.reader.certain()))
             return status;
         sv_flush_all(link.cn);
-        switch (sv_wait_fd(link.socket.get(), POLLIN, prompted ? prompt_grace_ms : left())) {
+        if (asker_is_gone(link))
+            return cln_status::interrupted;
+        switch (sv_wait_fd(link.socket.get(), POLLIN, prompted ? last_word_ms : left())) {
         case wait_result::interrupted:
             return cln_status::interrupted;
         case wait_result::timeout:
@@ -182,10 +212,12 @@ bool same_host(const cln_link &link, const sockaddr_in &other) {
 int cln_connect(cln_link &link, const char *host, int port) {
     link.reader.clear();
     sv_flush_all(link.cn);
-    const unique_addresses list = find_host(host, port);
     int error = EHOSTUNREACH;
+    if (std::string_view(host) == cln_no_host)
+        return error;
+    const unique_addresses list = find_host(host, port);
     for (const addrinfo *a = list.get(); a; a = a->ai_next)
-        if ((error = connect_to(a->ai_addr, a->ai_addrlen, link.socket)) == 0)
+        if ((error = connect_to(link, a->ai_addr, a->ai_addrlen)) == 0)
             return 0;
     return error;
 }
@@ -206,10 +238,9 @@ cln_status cln_wait_prompt(cln_link &link) {
     return converse(link, cln_patience_ms);
 }
 
-cln_status cln_send(cln_link &link, std::string_view command) {
-    link.reader.reset();
-    std::string line(command);
-    line += '\n';
+namespace {
+
+cln_status send_line(cln_link &link, std::string_view line) {
     for (std::size_t sent = 0; sent < line.size();) {
         const ssize_t n = ::send(link.socket.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
         if (n > 0) {
@@ -220,7 +251,7 @@ cln_status cln_send(cln_link &link, std::string_view command) {
             continue;
         if (errno != EAGAIN && errno != EWOULDBLOCK)
             return fail(link, std::strerror(errno));
-        switch (sv_wait_fd(link.socket.get(), POLLOUT, cln_patience_ms)) {
+        switch (sv_wait_fd(link.socket.get(), POLLOUT, patience_of(link, cln_patience_ms))) {
         case wait_result::interrupted:
             return cln_status::interrupted;
         case wait_result::timeout:
@@ -232,6 +263,13 @@ cln_status cln_send(cln_link &link, std::string_view command) {
     return cln_status::ok;
 }
 
+} // namespace
+
+cln_status cln_send(cln_link &link, std::string_view command) {
+    link.reader.reset();
+    return reported(link, send_line(link, std::string(command) + '\n'));
+}
+
 cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {
     char line[sv_line_max + 1];
     va_list args;
@@ -239,20 +277,22 @@ cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {
     const int length = std::vsnprintf(line, sizeof line, format, args);
     va_end(args);
     if (length < 0 || static_cast<std::size_t>(length) > sv_line_max)
-        return fail(link, "The command is longer than a server takes");
+        return reported(link, fail(link, "The command is longer than a server takes"));
     return cln_send(link, line);
 }
 
 cln_status cln_wait_reply(cln_link &link) {
-    return converse(link, -1);
+    return reported(link, converse(link, -1));
 }
 
 bool cln_poll_reply(cln_link &link, cln_status &status) {
     bool got = false;
     status = receive(link, got);
-    if (status != cln_status::ok)
-        return false;
-    return hand_on(link, status) && link.reader.certain();
+    const bool prompted = status == cln_status::ok && hand_on(link, status);
+    if (status == cln_status::ok && asker_is_gone(link))
+        status = cln_status::interrupted;
+    reported(link, status);
+    return prompted && link.reader.certain();
 }
 
 unique_fd cln_listen(const cln_link &link, int &port) {
@@ -288,7 +328,8 @@ int cln_integer(const remote_result &result) {
         return *value;
     if (const double *value = std::get_if<double>(&result))
         return static_cast<int>(*value > -2147483648.0 && *value < 2147483648.0 ? *value : -1);
-    return std::holds_alternative<remote_null>(result) ? -1 : 0;
+    return std::holds_alternative<std::monostate>(result) || std::holds_alternative<std::string>(result) ? 0
+                                                                                                         : -1;
 }
 
 } // namespace kestrel::links

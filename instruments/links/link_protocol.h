@@ -5,12 +5,15 @@
 #include "instruments/links/reply_reader.h"
 #include "support/fd.h"
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace kestrel::links {
 
-inline constexpr int cln_patience_ms = 10'000; // to connect, and to send its prompt
+inline constexpr int cln_patience_ms = 10'000;             // to connect, and to send its prompt
+inline constexpr const char *cln_no_host = "unconfigured"; // no host: connecting fails at once
 
 // What the layer does with the lines that come while a command runs. `link` is the caller's number.
 struct cln_handlers {
@@ -24,7 +27,7 @@ struct cln_handlers {
 enum class cln_status {
     ok,
     failed,      // closed, reset, silent, or not speaking our language
-    interrupted, // ^C
+    interrupted, // ^C, or the session that asked is gone
 };
 
 struct cln_link {
@@ -33,13 +36,15 @@ struct cln_link {
     unique_fd socket{};
     reply_reader reader{};
     const cln_handlers *handlers = nullptr;
+    const char *failure = "";                                        // why the last wait failed
+    std::optional<std::chrono::steady_clock::time_point> deadline{}; // of whoever is in a hurry
 };
 
 // Connects to host and port: 0, or a system error number.
 int cln_connect(cln_link &link, const char *host, int port);
 void cln_disconnect(cln_link &link);
 
-// Waits until the remote is ready for a command.
+// Waits until the remote is ready for a command. The error_code handler is not told of a failure.
 cln_status cln_wait_prompt(cln_link &link);
 
 // Sends one command line.
@@ -57,7 +62,7 @@ unique_fd cln_listen(const cln_link &link, int &port);
 // Accepts one connection that comes from the remote's own address; an empty guard for any other.
 unique_fd cln_accept(const cln_link &link, int listener);
 
-// The result as an integer: a number's value, 0 for a string or no result, -1 for null.
+// The result as an integer: a number's value, 0 for a string or no result, -1 for null or an unknown one.
 int cln_integer(const remote_result &result);
 
 } // namespace kestrel::links

@@ -1,5 +1,6 @@
 #include "instruments/links/reply_reader.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 
@@ -8,6 +9,11 @@ namespace kestrel::links {
 namespace {
 
 constexpr std::string_view prompt = "> ";
+constexpr std::string_view result_mark = "* ";
+constexpr std::string_view question = "~ Retry (Y/N)"; // the only one that a server asks
+
+// The one text that a server sends without a line end: the result stands behind it in the same line.
+constexpr std::string_view open_line = "! dx, dy and dt must all be greater than zero.";
 
 std::optional<int> parse_unsigned(std::string_view digits, int radix) {
     std::uint32_t value = 0;
@@ -78,14 +84,20 @@ std::optional<remote_result> parse_result(std::string_view text) {
 void reply_reader::reset() {
     if (buffer_ == prompt)
         buffer_.clear();
+    searched_ = 0;
+    held_.clear();
     result_ = std::monostate{};
     after_result_ = false;
+    in_reply_ = true;
+    at_prompt_ = false;
 }
 
 void reply_reader::clear() {
     buffer_.clear();
     taken_ = 0;
+    in_pieces_ = false;
     reset();
+    in_reply_ = false;
 }
 
 bool reply_reader::take_result(std::string_view text) {
@@ -110,67 +122,108 @@ void make_printable(std::string &text) {
 
 } // namespace
 
+reply_event reply_reader::as_text(std::string_view line) {
+    text_ = line;
+    make_printable(text_);
+    return reply_event::text;
+}
+
 reply_event reply_reader::classify(std::string_view line) {
     const char marker = line.empty() ? '\0' : line.front();
-    const std::string_view rest =
-        line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1);
-    text_ = rest;
-    make_printable(text_);
+    as_text(line.empty() ? line : line.substr(line.size() > 1 && line[1] == ' ' ? 2 : 1));
     switch (marker) {
     case '#':
         return reply_event::information;
     case '!':
         return reply_event::error;
-    case '~':
-        return reply_event::question;
+    case '~': // a remote that asks sends nothing more
+        if (line == question && taken_ == buffer_.size())
+            return reply_event::question;
+        break;
     case '@':
         if (std::optional<remote_progress> progress = parse_progress(text_)) {
             progress_ = std::move(*progress);
             return reply_event::progress;
         }
-        return reply_event::information;
+        break;
     default:
-        text_ = line;
-        make_printable(text_);
-        return reply_event::text;
+        break;
     }
+    return as_text(line);
 }
 
 reply_event reply_reader::take_line(std::string_view line) {
     after_result_ = false;
+    result_ = std::monostate{};
     // What the remote's threads print between two commands comes behind its prompt.
     if (line.size() > prompt.size() && line.starts_with(prompt) &&
-        std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos)
+        std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos) {
         line.remove_prefix(prompt.size());
-    if (line.starts_with("* ")) {
-        if (take_result(line.substr(2)))
-            return reply_event::more;
-        return classify(line); // a dump's item: begins like a result, is none
+        at_prompt_ = !in_reply_;
     }
-    // A text without a line end, and the result behind it.
-    const std::size_t star = line.rfind("* ");
-    if (star != std::string_view::npos && take_result(line.substr(star + 2)))
-        line = line.substr(0, star);
+    if (line.starts_with(result_mark)) {
+        if (take_result(line.substr(result_mark.size()))) {
+            held_ = line;
+            return reply_event::more;
+        }
+        result_ = remote_unknown{};
+    } else if (line.starts_with(open_line)) {
+        const std::string_view rest = line.substr(open_line.size());
+        if (rest.starts_with(result_mark) && take_result(rest.substr(result_mark.size())))
+            line = open_line;
+    }
     return classify(line);
+}
+
+// A result line that was not the last one.
+reply_event reply_reader::take_held() {
+    const std::string line = std::move(held_);
+    held_.clear();
+    result_ = std::monostate{};
+    after_result_ = false;
+    return as_text(line);
+}
+
+// As much of a line that is too long to keep.
+reply_event reply_reader::take_piece() {
+    const std::string_view piece = std::string_view(buffer_).substr(taken_, reply_line_max);
+    taken_ += piece.size();
+    searched_ = 0;
+    result_ = std::monostate{};
+    after_result_ = false;
+    const bool first = !in_pieces_;
+    in_pieces_ = true;
+    return first ? classify(piece) : as_text(piece);
 }
 
 reply_event reply_reader::next() {
     for (;;) {
         const std::string_view left = std::string_view(buffer_).substr(taken_);
-        const std::size_t end = left.find('\n');
+        const std::size_t end = left.find('\n', searched_);
+        const bool too_long = std::min(end, left.size()) > reply_line_max;
+        if (!held_.empty() && (end != std::string_view::npos || too_long))
+            return take_held();
+        if (too_long)
+            return take_piece();
         if (end == std::string_view::npos) {
+            searched_ = left.size();
             buffer_.erase(0, taken_);
             taken_ = 0;
-            if (buffer_.size() > reply_line_max)
-                return reply_event::garbage;
-            return buffer_ == prompt ? reply_event::prompt : reply_event::more;
+            const bool prompted = buffer_ == prompt || (at_prompt_ && buffer_.empty());
+            if (in_pieces_ || !prompted)
+                return reply_event::more;
+            in_reply_ = false;
+            return reply_event::prompt;
         }
-        if (end > reply_line_max)
-            return reply_event::garbage;
         std::string_view line = left.substr(0, end);
         taken_ += end + 1;
+        searched_ = 0;
         while (!line.empty() && line.back() == '\r')
             line.remove_suffix(1);
+        if (in_pieces_) {
+            in_pieces_ = false;
+            return as_text(line);
+        }
         const reply_event event = take_line(line);
         if (event != reply_event::more)
             return event;

@@ -16,12 +16,12 @@ std::string read(std::string_view bytes, std::size_t piece) {
         reader.feed(bytes.substr(at, piece));
         for (;;) {
             const reply_event event = reader.next();
-            if (event == reply_event::garbage)
-                return log;
             if (event == reply_event::more || event == reply_event::prompt)
                 break;
-            log += static_cast<char>('0' + static_cast<int>(event));
-            log += reader.text();
+            // The question is a text where more was fed behind it.
+            const bool asks = event == reply_event::question;
+            log += static_cast<char>('0' + static_cast<int>(asks ? reply_event::text : event));
+            log += asks ? "~ " + reader.text() : reader.text();
         }
     }
     return log + static_cast<char>('0' + static_cast<int>(reader.result().index()));

@@ -74,8 +74,7 @@ int show(int quals, int, const char *, int) {
     seen = std::to_string(q.number("fit", -1)) + " " + std::to_string(q.given("wrapped")) + " " +
            std::to_string(q.real("over", 2.0)) + " " + q.text("to", "nowhere") + " " +
            std::to_string(q.count({"fit", "to"})) + " " + std::to_string(q.which({"to", "wrapped", "fit"})) +
-           " " + q.first(letters).value_or('-') + q.only(letters).value_or('-') + " " +
-           std::to_string(q.check_names(-1, {"to"}));
+           " " + q.first(letters).value_or('-') + q.only(letters).value_or('-');
     return 0;
 }
 
@@ -92,8 +91,7 @@ std::string seen_by_view(const char *line) {
 } // namespace
 
 TEST(qualifiers, are_found_by_their_names) {
-    EXPECT_EQ(seen_by_view("view 'a' to 'b' fit 3"), "3 0 2.000000 b 2 0 tt 0");
-    EXPECT_EQ(seen_by_view("view 'a' 1 wrapped over 0.5"), "-1 1 0.500000 nowhere 0 1 o- 0");
-    EXPECT_EQ(seen_by_view("view 'a'"), "-1 0 2.000000 nowhere 0 -1 -- 0");
-    EXPECT_TRUE(seen_by_view(("view 'a' to '" + std::string(256, 'b') + "'").c_str()).ends_with(" -1"));
+    EXPECT_EQ(seen_by_view("view 'a' to 'b' fit 3"), "3 0 2.000000 b 2 0 tt");
+    EXPECT_EQ(seen_by_view("view 'a' 1 wrapped over 0.5"), "-1 1 0.500000 nowhere 0 1 o-");
+    EXPECT_EQ(seen_by_view("view 'a'"), "-1 0 2.000000 nowhere 0 -1 --");
 }

@@ -26,6 +26,9 @@ import pytest
     ("printf 'x' file 5", 16, "This qualifier takes an argument of type '%s'"),
     ("printf 'x' file append", 16, "This qualifier takes an argument of type '%s'"),
     ("printf 'x' file", 15, "This qualifier takes an argument of type '%s'"),
+    ("set-int 'n' 5 %nope", 14, "Unexpected character when reading qualifiers"),
+    ("ustatus of %nope", 11, "This qualifier takes an argument of type '%d'"),
+    (f"printf 'x' file '{256 * 'f'}'", 16, "The text of a qualifier can have 255 characters at most"),
     ("module create 'm' 1 1 num-t 2.0", 28, "This qualifier takes an argument of type '%d'"),
     ("maths measure-peak 0 0 0 0 0 0 0 threshold 2", 43, "This qualifier takes an argument of type '%g'"),
 ])
@@ -70,15 +73,12 @@ def test_conversions_and_results(shared, line, result):
     assert shared.lines(line) == ["* " + result]
 
 
-def test_the_last_value_of_a_qualifier_wins(server, client):
-    client.cmd("printf 'x' file 'one' file 'two'")
-    assert [path.name for path in server.cwd.iterdir()] == ["two"]
-
-
-@pytest.mark.parametrize("length, kept", [(255, 255), (256, 255), (300, 255), (900, 255)])
-def test_a_long_qualifier_value_is_cut(server, client, length, kept):
-    assert client.lines(f"printf 'x' file '{'f' * length}'") == ['* "x"']
-    assert [len(path.name) for path in server.cwd.iterdir()] == [kept]
+def test_the_last_value_of_a_qualifier_wins_and_comes_whole_or_not_at_all(server, client):
+    long, longest = 256 * "f", 255 * "f"
+    assert client.lines(f"printf 'x' file '{long}' file 'two'") == ['* "x"']
+    assert client.lines(f"printf 'x' file '{longest}'") == ['* "x"']
+    assert client.lines(f"printf 'x' file 'three' file '{long}'")[-1] == "* -1"
+    assert sorted(path.name for path in server.cwd.iterdir()) == [longest, "two"]
 
 
 def test_a_variable_of_qualifier_type_stands_for_a_qualifier(client):

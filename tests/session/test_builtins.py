@@ -59,7 +59,9 @@ def test_debug_is_kept(client):
                         ("debug", ["# Debugging is currently on."]),
                         ("debug on off", ["! Debugging cannot be both on and off."]),
                         ("debug", ["# Debugging is currently on."]), ("debug off", []),
-                        ("debug", ["# Debugging is currently off."])]:
+                        ("debug", ["# Debugging is currently off."]),
+                        ("port 0", ["! Port should be 1..65535 not 0", "* -1"]),
+                        ("port 65536", ["! Port should be 1..65535 not 65536", "* -1"])]:
         assert client.lines(line) == reply, line
 
 
@@ -190,6 +192,9 @@ def test_ascii_write_file_that_cannot_be_opened(client):
 
 
 def test_a_script_that_ends_in_ascii_write_file_ends_the_session(server, client):
+    (server.cwd / "s.cmd").write_bytes(b"ascii write file 'f'\r\na\rb\r\n\r\rx\0y\nc\n\rd\n" + 2000 * b"z" + b"\n:EOF\necho 'run'\n")
+    assert client.lines("~s") == ["run", "* 0"]  # a line's end is what it is at the prompt
+    assert (server.cwd / "f").read_text() == "a\nb\n\n\nxy\nc\nd\n" + 1024 * "z" + "\n"
     server.write("s.cmd", ["ascii write file 'f'", "kept"])
     client.send("~s\n")
     client.expect_closed()  # the end of what a session reads is the session's end

@@ -2,9 +2,10 @@
 import os
 import signal
 import subprocess
+import time
 
 import pytest
-from kestrel_session import KESTREL, Process, Terminal
+from kestrel_session import KESTREL, Process, Terminal, wait_until
 
 BANNER = ("-" * 70 + "\n", "Directly connected to the terminal.\n",
           "Use ^C to quit scripts, wait etc, ^\\ to really quit the server\n")
@@ -50,6 +51,14 @@ def test_quit_and_shutdown_end_the_server(start):
     for command in "quit", "shutdown":
         out = piped(start, f"echo 'a'\n{command}\necho 'never'\n")
         assert "a\r\n" in out and "never\r\n" not in out
+
+
+def test_a_script_goes_on_to_its_end_as_its_input_ends_or_the_server_stops(start):
+    for command in "quit", "shutdown":
+        out = piped(start, "~s\necho 'never'\n",
+                    prepare=lambda cwd: (cwd / "s.cmd").write_text(f"{command}\necho 'the rest'\n"))
+        assert "the rest\r\n" in out and "never" not in out
+    piped(start, "~s\n", prepare=lambda cwd: (cwd / "s.cmd").write_text("do\ninput 'more? ' 'v'\nwhile 1\n"))
 
 
 def test_the_logs_stay_empty(start):
@@ -114,12 +123,49 @@ def test_control_c_ends_a_script_not_the_server(terminal):
     terminal.recv_match(rb"\* 7\r+\n")
 
 
+def test_a_command_of_the_system_has_the_terminal(terminal):
+    started = terminal.cwd / "started"
+    terminal.write("s.cmd", ["system 'echo > started; sleep 600; sleep 600'", "echo 'never'"])
+    terminal.send("~s\n")
+    wait_until(started.exists, "start of the command")
+    terminal.send("\x03")
+    terminal.recv_match(rb"! Include file aborted with \^C\r+\n")
+    terminal.send("system 'read x < /dev/tty; echo got $x'\n")
+    time.sleep(0.2)
+    terminal.send("this\n")
+    terminal.recv_match(rb"# got this\r+\n")
+    terminal.write("s.cmd", ["s='0123456789abcdef'", "for 'i' 1 14", "s=%s+%s", "next", "system %s"])
+    terminal.send("~s\n")
+    terminal.recv_match(rb"! Cannot start a shell: Argument list too long\r+\n")
+    terminal.send("system 'kill -STOP $$; echo on'\n")
+    terminal.recv_match(rb"# on\r+\n")
+
+
 def test_control_backslash_really_ends_the_server(start):
     process = start(kind=Process, stdin=subprocess.PIPE)
     process.wait_stdout("really quit")
     process.process.send_signal(signal.SIGQUIT)
     assert process.wait_exit() == -signal.SIGQUIT
     process.process.returncode = 0  # as wanted: no crash
+
+
+def test_a_signal_at_the_prompt_ends_the_server_alone(start, tmp_path):
+    """The line editor passes signals on to the whole process group."""
+    beside = tmp_path / "beside"
+    beside.write_text(f"#!/bin/sh\n(trap '' HUP; echo $$ > {tmp_path}/x; exec sleep 600) >/dev/null 2>&1 &\n"
+                      f"echo $! > {tmp_path}/pid\nexec {KESTREL}\n")
+    beside.chmod(0o755)
+    terminal = start(kind=Terminal, program=str(beside))
+    terminal.wait_editing()
+    other = int((tmp_path / "pid").read_text())
+    wait_until((tmp_path / "x").exists, "start of the other process")
+    terminal.process.send_signal(signal.SIGTERM)
+    assert terminal.wait_exit() == -signal.SIGTERM
+    terminal.process.returncode = 0  # as wanted: no crash
+    time.sleep(0.05)
+    with open(f"/proc/{other}/stat", encoding="ascii") as stat:
+        assert stat.read().split()[2] == "S"
+    os.kill(other, signal.SIGKILL)
 
 
 def test_end_of_file_ends_the_server(terminal):

@@ -32,6 +32,7 @@ import pytest
     # 32 bits
     ("2147483647+1", "-2147483648"), ("65536*65536", "0"), ("(1<<31)-1", "2147483647"), ("-(1<<31)", "-2147483648"),
     ("46341*46341", "-2147479015"), ("$7FFFFFFF<<1", "-2"), ("1<<31", "-2147483648"), ("(0-8)>>1", "-4"),
+    ("-2147483648", "-2147483648"), ("1-2147483648", "-2147483647"), ("1e-400", "0"), ("0-1e-310", "-1e-310"),
     ("1.0/0", "inf"), ("0-1/0.0", "-inf"), ("1e308*10", "inf"),
     # casts
     ("(int)'1234'", "1234"), ("(int)3.7", "3"), ("(int)(0-3.7)", "-3"), ("(int)3.7+0.5", "3.5"), ("(int)5", "5"),
@@ -41,7 +42,7 @@ import pytest
     ("(string'%5.2f')3.14159", '" 3.14"'), ("(string'%05d')42", '"00042"'),
     ("(string'%x')255", '"ff"'), ("(string'%X')255", '"FF"'), ("(string'%d')2.9", '"2"'), ("(string'%g')3", '"3"'),
     ("(string'%-6s')'x'", '"x     "'), ("(string'no %d')5", '"no 5"'), ("(string'%%%d')5", '"%5"'),
-    ("(int)(string)42", "42"), ("(int)'12'+3", "15"), ("(string)(qualifier)'long'", '"long"'),
+    ("(string'%s')5", '"5"'), ("(string'%5s')2.5", '"  2.5"'), ("(int)(string)42", "42"), ("(int)'12'+3", "15"), ("(string)(qualifier)'long'", '"long"'),
     # functions
     ("sin(0)", "0"), ("cos(0)", "1"), ("cos(0.0)", "1"), ("tan(0)", "0"), ("exp(0)", "1"), ("log(1)", "0"),
     ("log(exp(2))", "2"), ("log10(1000)", "3"), ("2*sin(0)+1", "1"), ("sin(1)*sin(1)+cos(1)*cos(1)", "1"),
@@ -69,9 +70,9 @@ ERRORS = [
     ("(string'%q')5", "ERROR in cast to string with format string. Expected last character of format string to be "
                       "diouxX eEfFgG or s not 'q'"),
     ("(string'%f')'x'", "ERROR in cast to string with format string: Cannot convert string to string via a double format"),
-    ("foo(1)", "Cannot find function foo"), ("1+foo(1)", "Cannot find function foo"),
+    ("(foo)~1", "Cannot recognise cast (foo), expect (int), (double) or (string)"),
+    ("foo(1)", "Cannot find function foo"),
     ("sin('a')", "Illegal Function argument type 4 passed to function 'sin'"),
-    ("1+(2*(3-'a'))", "Cannot sub type 1 and 4"),
     ("log2(0)", "Illegal Function argument 0 passed to function 'log2'"),
     ("(int)'abc'", "Cannot convert type 4 to int"), ("(int)'12abc'", "Cannot convert type 4 to int"),
     ("(int)1e10", "Cannot convert type 2 to int"), ("(double)'x'", "Cannot convert type 4 to double"),
@@ -88,12 +89,31 @@ def test_errors(shared, text, error):
         "! " + error, "! Unknown character found in the arguments", "* -1"]
 
 
+NOPE = "Cannot find variable nope"
+
+
+@pytest.mark.parametrize("text, errors", [  # an error is a value of type 0
+    ("1+%nope", [NOPE, "Cannot add type 1 and 0"]), ("-%nope", [NOPE, "Cannot negate type 0"]),
+    ("(string)(1/0)", ["Integer division by zero", "Cannot convert type 0 to string"]),
+    ("sin(nope)", [NOPE, "Illegal Function argument type 0 passed to function 'sin'"]),
+    ("(nope)?(s=1):(s=2)", [NOPE, "Control type for ternay must be integer, not 0"]),
+    ("(1+nope)||(s=3)", [NOPE, "Cannot add type 1 and 0", "Cannot perfrom integer only operation on type 0 and 1"]),
+    ("s=nope", [NOPE]), ("(foo)-3", ["Cannot recognise cast (foo), expect (int), (double) or (string)",
+                                     "Cannot sub type 0 and 1"]),
+    ("1+(2*(3-'a'))", ["Cannot sub type 1 and 4", "Cannot mult type 1 and 0", "Cannot add type 1 and 0"]),
+])
+def test_errors_go_on_to_the_end_of_the_expression(client, text, errors):
+    client.cmd("s=0")
+    assert client.errors(text) == ["! " + error for error in errors] + ["! Unexpected character in input", "* -1"]
+    assert client.lines("%s") == ["* 3" if "s=3" in text else "* 0"]
+
+
 @pytest.mark.parametrize("text", [
     "1<<(-1)", "1>>32", "2147483648", "99999999999999999999", "$100000000",
     "#" + 33 * "1", "0&&(1/0)", "1||(1/0)",  # both sides are worked out
     "1+", "*2", "(1", "1)", "1?2", "1?2:", "1:2", "'open", '"open', "''x", "1..2", "1e", "$", "$G", "#2", "#", "%", "()",
     "1++", "1 +", "sin(", "sin()", "sin(1", "sin(1,2)", "(string'%n')5", "(string'%*d')5", "(string'%d%d')5",
-    "(string'%s%d')5", "(string'')5", "(string'%')5", "(string'%s')5", "(string'%s%s')'x'", "&&", "1=2", "1==", "'a'='b'",
+    "(string'%s%d')5", "(string'')5", "(string'%')5", "(string'%s%s')'x'", "&&", "1=2", "1==", "'a'='b'",
     "5!", "~1.5", "~'a'", "!'a'", "1x", "(int)", "(int'%d')5", "@", "=5",
 ])
 def test_what_has_no_value_is_refused(shared, text):
@@ -149,7 +169,7 @@ def test_time_is_the_time_of_day(shared):
 def test_nesting_is_deep_but_bounded(shared, open_, close):
     def nested(depth):
         return open_ * depth + "1" + close * depth
-    (line,) = shared.lines(nested(80))
+    (line,) = shared.lines(nested(199))
     assert line.startswith("* ")
     last = shared.lines(nested(min(1015 // len(open_ + close), 600)))[-1]
     assert last.startswith("* ") if open_ != "(" else last == "* -1"

@@ -31,6 +31,9 @@ def test_the_loop_variable_is_local_unless_global(server, client):
 def test_a_body_may_change_the_loop_variable(server, client):
     server.write("s.cmd", ["for 'i' 1 10", I, "i=%i*2", "next"])
     assert client.lines("~s") == ["1", "3", "7", "* 0"]
+    for other in "i=2.5", "i='s'", "set-double 'i' 2.5 local", "set-qualifier 'i' 'q' local":
+        server.write("s.cmd", ["for 'i' 1 3", I, other, "next"])
+        assert client.lines("~s") == ["1", "2", "3", "* 0"], other  # from the loop's own count
 
 
 def test_do_loops(server, client):

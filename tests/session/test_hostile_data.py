@@ -54,7 +54,7 @@ def test_pipes_in_place_of_index_files_are_refused(server, client):
     os.mkfifo(server.cwd / "got.part")
     assert refused(client, "ftp get 'far' 'got' host '127.0.0.1'") and refused(client, "ftp put 'pipe' 'far'")
     assert refused(client, f"ftp put 'titled.h5' 'far' host '{'h' * 256}'") == [
-        "! ERROR: a name can have 255 characters here at most"]
+        "! The text of a qualifier can have 255 characters at most"]
     with h5py.File(server.cwd / "titled.h5", "w") as f:
         f["data"] = np.zeros((8, 8), "u1")
         f["entry/title"] = h5py.ExternalLink("pipe", "x")
@@ -156,7 +156,7 @@ def test_over_long_names_do_not_become_other_names(server, client, names, still)
     (server.cwd / folder).mkdir()
     for line in [f"module save '{name}' '{folder}/{'f' * 100}'",
                  f"module save '{name}' '{folder}' next-file '{'s' * 300}'"]:
-        assert "! ERROR: a name can have 255 characters here at most" in refused(client, line)
+        assert "! The text of a qualifier can have 255 characters at most" in refused(client, line)
     assert not os.listdir(server.cwd / folder)
 
 

@@ -1,6 +1,9 @@
 """^C, which reaches the server as SIGINT: what it ends, and what goes on."""
+import contextlib
+import pathlib
 import time
 
+import pytest
 from kestrel_session import wait_until
 
 LOOP = ["echo 'go'", "do", "while 1", "echo 'never'"]
@@ -78,6 +81,33 @@ def test_an_os_command_leaves_the_server_running(server, client):
     server.interrupt()
     client.recv_prompt()
     assert client.cmd("7") == b"* 7\r\n"
+
+
+def living_members(group):
+    """Processes of a group that are more than an entry nobody has asked for."""
+    states = []
+    for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        with contextlib.suppress(OSError):
+            state, _, its_group = stat.read_text().rpartition(") ")[2].split()[:3]
+            states += [state] if its_group == group and state != "Z" else []
+    return states
+
+
+@pytest.mark.parametrize("trap, interrupts, status", [("", 1, 130), ("trap '' INT", 2, 143), ("trap '' INT TERM", 3, 137),
+                                                     ("kill -STOP $$", 0, 0)])
+def test_a_command_of_the_system_ends_with_all_its_processes(server, client, trap, interrupts, status):
+    started = server.cwd / "started"
+    rest = "sleep 600; sleep 600" if interrupts else "true"
+    client.send(f'set-string "s" "{trap}; echo $$ > started; ({rest}); exit"\n'.replace('"; ', '"'))
+    client.recv_prompt()
+    client.send("system %s\n")
+    for _ in range(interrupts):
+        wait_until(lambda: started.exists() and started.read_text(), "start of the command")
+        time.sleep(0.2)
+        server.interrupt()
+    assert client.recv_prompt() == b"* %d\r\n" % status
+    group = started.read_text().strip()
+    wait_until(lambda: not living_members(group), "end of the group")
 
 
 def test_an_interrupt_reaches_a_command_of_the_system_whenever_it_comes(server, client):

@@ -1,13 +1,16 @@
 """Links to other servers: real ones in processes of their own, and peers that misbehave at every byte."""
 import contextlib
+import errno
 import pathlib
 import socket
 import threading
+import time
 
 import pytest
 from kestrel_data import held
-from kestrel_session import KESTREL, Process, free_port
+from kestrel_session import KESTREL, SCALE, Process, free_port
 
+REFUSED = ["# -     ^", "! - Argument 1 should be of type '%s'"]
 MOTOR_SERVER = str(pathlib.Path(KESTREL).parent / "motor_server")
 
 
@@ -64,7 +67,11 @@ def test_results_of_every_type_come_back(station):
                         ("send user1 'radix 2'", ["* 0"]), ("send user1 '5'", ["* 5"]),
                         ("send user1 'debug on'", ["* 0"]), ("send user1 '-1'", ["* -1"]),
                         ("send user1 '1' int 'n' double 'd'", ["! Please specify at most 1 data type", "* -1"]),
-                        ("send user1 'eval string \"x\"' double 'd'", ["! User 1 did not answer with a number", "* -1"])]:
+                        ("send user1 'eval string \"x\"' double 'd'", ["! User 1 did not answer with a number", "* -1"]),
+                        ("send user1 'eval double 1.0 2 sub' double 'd' global", ["* 0"]), ("%d", ["* -1"]),
+                        ("d=5", ["* 5"]), ("send user1 'dir 1 2' int 'd' global", [*REFUSED, "* -1"]), ("%d", ["* -1"]),
+                        ("d=5", ["* 5"]), ("send user1 'dir 1 2' double 'd' global", [*REFUSED, "* -1"]), ("%d", ["* 5"]),
+                        ("send user1 'dir 1 2' string 'd' global", [*REFUSED, "! User 1 did not answer with a string", "* -1"])]:
         assert client.lines(line) == reply, line
 
 
@@ -74,7 +81,10 @@ def test_what_the_remote_prints_is_shown(station):
     reply = client.lines("send user1 'no-such-command'")
     assert "! - Unexpected identifier, or non-existent command" in reply
     assert reply[0] == "# - ^" and reply[-1] == "* -1"
-    assert client.lines("""send user1 "echo 'plain words'" """) == ["# - plain words", "* 0"]
+    for typed, shown, result in [("echo 'plain words'", "plain words", 0), ("echo 'a * (null)'", "a * (null)", 0),
+                                 ("echo '* 7'", "* 7", 0), ("echo '~/data'", "~/data", 0), ("echo '@x'", "@x", 0),
+                                 ("echo '~ Retry (Y/N)'", "~ Retry (Y/N)", 0), ("printf '2 * 3' direct", "2 * 3", 0)]:
+        assert client.lines(f'send user1 "{typed}"') == [f"# - {shown}", f"* {result}"], typed
 
 
 def test_a_remote_that_left_is_asked_again_once(station, start):
@@ -83,7 +93,8 @@ def test_a_remote_that_left_is_asked_again_once(station, start):
     port = other.port
     other.close()
     reply = client.lines("send user1 '2'")
-    assert "# Trying to resend command '2' to client 'User 1'" in reply and "# Disconnected from User 1." in reply
+    assert reply[:3] == ["! Time-out or error before client sent a prompt. Disconnecting.", "# Disconnected from User 1.",
+                         "# Trying to resend command '2' to client 'User 1'"]
     assert reply[-3:-1] == [f"! Can't connect to User 1 on 127.0.0.1 port {port}.", "! OS-9 error code: 111."]
     assert reply[-1] == "* -1"
     start(port=port)
@@ -91,14 +102,18 @@ def test_a_remote_that_left_is_asked_again_once(station, start):
     client.cmd("client disconnect")
 
 
-def test_unconfigured_links_fail_at_once(station):
+def test_every_use_of_a_link_that_cannot_be_opened_fails(station, names):
     client, _ = station
-    reply = client.lines("send lux '1'")
-    assert reply[0] == "! Can't connect to Look-Up Board for X on unconfigured port 1974."
-    assert reply[-1] == "* -1"
+    began = time.monotonic()
+    for line in ("send lux '1'", "send lux '1' int 'n'", "send lux '1' double 'n'", "send lux '1' string 'n'",
+                 "client up lux", "motor get-posn 1", "remote-open 'test open 1 1 1 long' lux",
+                 f"module get-remote 'm' '{names('m')}' lku-x"):
+        reply = client.lines(line)
+        assert reply[0].startswith("! Can't connect to ") and "on unconfigured port" in reply[0], line
+        assert reply[1] == "! OS-9 error code: 113." and reply[-1] == "* -1", line
+    assert time.monotonic() - began < 2 * SCALE, "no name server is asked"
     assert client.lines("client up") == [
         "! You must specify one qualifier from lux, luy, corr, adcx or adcy.", "* -1"]
-    assert client.lines("client up lux")[-1] == "* -1"
 
 
 def test_define_and_status(station):
@@ -122,11 +137,38 @@ def test_connect_tells_an_out_of_step_remote_from_a_broken_one(linked):
     assert peer.lines[0] == b"1234\n"
 
 
-def test_connect_gives_up_in_time(station):
-    client, _ = station
-    reply = client.lines("client connect 1 lux")
-    assert reply[-2].startswith("! Abbandoned\tconnection attempts due time out after ")
-    assert any(line.startswith("@ ") and line.endswith("'Connecting'") for line in reply)
+def test_connect_gives_up_in_time(linked):
+    """One link each: nobody there, out of step for ever, a prompt and no answer, no prompt."""
+    out_of_step = Peer(*[[b"> ", [], b"* 7\r\n> ", None]] * 20)
+    silent, mute = Peer(*[[b"> ", [], []]] * 20), Peer(*[[[]]] * 20)
+    client = linked(lux=free_port(), luy=out_of_step.port, corr=silent.port, adcx=mute.port).client()
+    for link in "lux", "luy", "corr", "adcx":
+        began = time.monotonic()
+        reply = client.lines(f"client connect 2 {link}")
+        assert reply[-2].startswith("! Abbandoned\tconnection attempts due time out after "), link
+        assert reply[-1] == "* -1" and time.monotonic() - began < 6 * SCALE, link
+    assert out_of_step.connections >= 2
+    assert client.lines("client connect 1 lux")[2].endswith("'Connecting'")
+
+
+def test_an_interrupt_ends_client_connect(linked):
+    server = linked(lux=free_port())
+    client = server.client()
+    client.send("client connect 600 lux\n")
+    client.recv_until("'Connecting'\r\n")
+    server.interrupt()
+    assert client.recv_prompt().endswith(b"! Abbandoned\tconnection attempts due to ^C\r\n* -1\r\n")
+
+
+def test_a_peer_that_floods_holds_nobody_once_its_caller_has_left(linked):
+    peer = Peer([b"> ", [], *[b"# more\r\n" * 10000] * 3000])
+    server = linked(user1=peer.port)
+    client, other = server.client(), server.client()
+    client.send("send user1 'flood'\n")
+    client.recv_until(b"# - more\r\n")
+    client.close()
+    assert other.lines("eval int 2") == ["* 2"]
+    assert peer.connections == 1
 
 
 def test_a_module_comes_over_bit_for_bit(station, names):
@@ -158,13 +200,62 @@ def test_remote_data_behind_a_handle(station):
     assert client.lines("remote-open 'eval int -1' user1")[-1] == "* -1"
 
 
+def test_remote_handles_that_cannot_be_opened_fail(station):
+    client, _ = station
+    reply = client.lines("remote-open '5' user1")
+    assert "! Error getting info on remote handle 5" in reply and reply[-1] == "* -1"
+    client.cmd("send user1 'test open 2 2 1 long'")
+    for handle in range(20):
+        assert client.lines("remote-open '0' user1") == [f"* {handle}"]
+    reply = client.lines("remote-open '0' user1")
+    assert reply == ["! Too many remote handles are open", "* -1"]
+
+
+NO_DATA = f"! client_get_data: Read error, errno = {errno.ENODATA}"
+
+
+@pytest.mark.parametrize("sent, replies, error", [  # what comes as data, what is answered, what is said
+    (b"short", {}, NO_DATA), (b"", {}, NO_DATA), (b"", {b"port": b"! no\r\n* -1\r\n> "}, "! - no"),
+    (b"", {b"read": None}, "! The remote closed the connection"),
+    (bytes(64), {b"read": b"# on its way\r\n"}, "! The remote closed the connection"),
+    (bytes(64), {b"read": b"! not all\r\n* -1\r\n> "}, "! - not all"),
+])
+def test_data_that_do_not_come_whole_fail_the_command(linked, sent, replies, error):
+    sizes = {b"unif-get-nx": 4, b"unif-get-ny": 4}
+
+    def serve(listener):
+        connection = listener.accept()[0]
+        with connection, connection.makefile("rb") as lines:
+            connection.sendall(b"> ")
+            for line in lines:
+                word, *arguments = line.split()
+                if word == b"port":
+                    port = int(arguments[0])
+                elif word == b"read" and sent:
+                    with socket.create_connection(("127.0.0.1", port)) as data:
+                        data.sendall(sent)
+                    time.sleep(0.1)  # the data are in before the reply
+                reply = replies.get(word, b"* %d\r\n> " % sizes.get(word, 1))
+                connection.sendall(reply or b"")
+                if not (reply or b"").endswith(b"> "):
+                    return
+
+    listener = socket.create_server(("127.0.0.1", 0))
+    threading.Thread(target=serve, args=(listener,), daemon=True).start()
+    client = linked(user1=listener.getsockname()[1]).client()
+    assert client.lines("remote-open '0' user1")[-1] == "* 0"
+    reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'x'")
+    assert error in reply and reply[-1] == "* -1"
+
+
 def test_a_remote_handle_dies_with_its_connection(station):
     client, _ = station
     client.cmd("remote-open 'test open 4 4 1 long' user1")
     client.cmd("client disconnect")
     client.cmd("send user1 '1'")
-    reply = client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'")
-    assert reply[-1] == "* -1" and any("is gone" in line for line in reply), reply
+    for line in "read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'", "clear 0", "enable 0", "disable 0":
+        assert client.lines(line)[-1] == "* -1", line
+    assert any("is gone" in line for line in client.lines("read 0 0 0 4 4 1 from 0 to-local-file 'r.txt'"))
     assert client.lines("close 0") == ["* 0"]
 
 
@@ -202,7 +293,8 @@ HOSTILE = {
     "closes at once": [None],
     "no prompt, then closes": [b"hello\r\n", None],
     "half a prompt": [b">", None],
-    "an endless line": [b"> ", [], b"x" * 200000],
+    "an endless line": [b"> ", [], b"x" * 3000000, None],
+    "a star and no result": [b"> ", [], b"* zzz\r\n> "],
     "half a result": [b"> ", [], b"* 1", None],
     "a result and no prompt": [b"> ", [], b"* 1\r\n", None],
     "bytes of every kind": [b"> ", [], bytes(range(256)) * 20 + b"\n", None],
@@ -242,6 +334,13 @@ def test_interrupt_ends_the_wait_and_the_link(linked):
     server.interrupt()
     assert client.recv_until(b"> ").endswith(b"# Disconnected from User 1.\r\n* -1\r\n> ")
     assert peer.connections == 1
+
+
+def test_comments_of_the_configuration(start):
+    server = start(prepare=lambda cwd: (cwd / "kestrel.clients.ini").write_text(
+        "user1 = here 12 ; x\nuser2 a#b 13 # y\n" + "#" * 300 + "\n"))
+    status = server.client().lines("client status")
+    assert status[10].endswith("here port 12: not connected") and status[11].endswith("a#b port 13: not connected")
 
 
 @pytest.mark.parametrize("text", ["user1 host\n", "nobody host 1\n", "user1 host 1 more\n", "user1 host x\n",

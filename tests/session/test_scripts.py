@@ -10,6 +10,12 @@ def test_a_script_runs_line_by_line(server, client):
     assert client.lines("include 's.cmd' show-returns") == ["one", "* 0", "two", "* 0", "* 7", '* "value"', "* 0"]
 
 
+def test_radix_is_printed_where_results_are_not(server, client):
+    server.write("s.cmd", ["radix 16", "radix", "set-func 'r' 'radix' hide", "echo (string)%r"])
+    assert client.lines("~s") == ["* 16", "* 16", "16", "* $0"]
+    assert client.lines("include 's.cmd' show-returns")[1] == "* 16"
+
+
 def test_echo_shows_each_line_that_runs(server, client):
     server.write("s.cmd", ["echo 'one'", "# a comment", "eval int 7"])
     assert client.lines("include 's.cmd' echo") == ["# echo 'one'", "one", "# eval int 7", "* 0"]
@@ -116,8 +122,11 @@ def test_the_search_path(start, tmp_path, path):
 
 def test_a_very_long_search_path(start, tmp_path):
     (tmp_path / "s.cmd").write_text("echo 'found'\n")
-    client = start(env={"KESTRELPATH": f"{tmp_path}:" + ":".join(f"/none/{n}" for n in range(5000))}).client()
-    assert client.lines("~s")[-2:] == ["found", "* 0"]
+    server = start(env={"KESTRELPATH": f"{tmp_path}:" + ":".join(f"/none/{n}" for n in range(5000))})
+    server.write("here.cmd", ["echo 'here'"])
+    client = server.client()
+    reply = client.lines("~here")  # the first include takes the path, whether it needs it or not
+    assert reply[0].startswith("! ERROR: Too Many paths parsing kestrel_path '") and reply[1:] == ["here", "* 0"]
     assert client.lines("~s") == ["found", "* 0"]
 
 
@@ -188,6 +197,12 @@ def test_no_macros_no_list(client):
 
 
 def test_macros_of_macros_end(client):
+    for n in range(100):
+        client.cmd(f"macro 'm{n}' '@m{n + 1}'")
+    client.cmd("macro 'm100' 'echo'")
+    assert client.lines("@m1 'a hundred'") == ["a hundred", "* 0"]
+    assert client.lines("@m0 'one more'") == ["! Macro expands without end", "* -1"]
+    assert "! Macro expands without end" in client.lines("if 1 '@m0'")
     client.cmd("macro 'me' '@me'")
     client.cmd("macro 'run' \"if 1 '@run'\"")
     for line in "@me", "@run":

@@ -1,4 +1,5 @@
 """The session table: many at once, how they end, what each has for itself, peers that misbehave."""
+import os
 import socket
 import time
 
@@ -30,6 +31,15 @@ def test_a_session_takes_the_lowest_free_slot_and_says_so(server):
     server.client()
     server.wait_stdout(r"(?s)1: New connection established to 127\.0\.0\.1\n.*"
                        r"1: New connection established to 127\.0\.0\.1\n")
+
+
+def test_a_silent_peer_is_probed_after_a_minute(server):
+    client = server.client()
+    peer = "0100007F:%04X" % client.sock.getsockname()[1]
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        (row,) = (line.split() for line in table if line.split()[2] == peer)
+    timer, jiffies = row[5].split(":")  # the server's end: 02 is the wait for the next probe
+    assert timer == "02" and 0 < int(jiffies, 16) <= 60 * os.sysconf("SC_CLK_TCK")
 
 
 def test_status_lists_every_slot(server):

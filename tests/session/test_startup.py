@@ -177,6 +177,16 @@ def test_the_last_of_two_files_for_one_log_holds_and_the_others_are_closed(start
     assert sorted(os.path.basename(name) for name in open_files if name.endswith(".log")) == ["c.log", "w.log"]
 
 
+def test_a_pipe_that_nobody_reads_does_not_hold_up_the_start(start):
+    def pipes(cwd):
+        os.mkfifo(cwd / "pipe")
+        os.mkfifo(cwd / "kestrel.clients.ini")
+    for option in "-log", "-vlog":
+        status, _, err = run(start, f"{option}=pipe", prepare=pipes)
+        assert (status, err) == (1, "Cannot open log file 'pipe': No such device or address\n")
+    assert "Sub-server configuration file not in:\n" in start(prepare=pipes).stdout
+
+
 @pytest.mark.parametrize("option, log", [("-log", "command log"), ("-vlog", "verbose log")])
 def test_a_log_on_a_full_disk_is_told_once(start, option, log):
     server = start(f"{option}=/dev/full")

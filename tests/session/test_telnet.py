@@ -134,6 +134,7 @@ def test_the_telnet_program_edits_in_the_server(server):
     ("EVAL i\t 7", 7), ("eval \t\t 7", 7), ("radi\t", 10),
     ("ev\t int 7", 7), ("ev\t\t\t int 7", 7),  # a single candidate, the line as typed, the candidate again
     ("eval i\t\x1bnt 7", 7), ("eval i\t" + LEFT + RIGHT + "nt 7", 7),  # the line as typed
+    ("ev\t\x1bO=7", 7), ("'12'\t\x1b" + ctrl("A") + "\x1bOF+'3'", '"123"'),
     ("eval i\t\x7ft 7", 7), ("eval i 7" + 2 * LEFT + "\t", 7), ("eval i\t\xff\xf1 7", 7),
 ])
 def test_editing_keys(typing, keys, result, piece):
