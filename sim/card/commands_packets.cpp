@@ -1,6 +1,8 @@
 // sim/card: faults of the data link.
 #include "parser/qualifiers.h"
+#include "server/interrupt.h"
 #include "server/output.h"
+#include "sim/card/blast.h"
 #include "sim/card/commands.h"
 
 #include <arpa/inet.h>
@@ -90,6 +92,34 @@ int foreign(int, int cn, int position, int stream, int bytes) {
     return static_cast<int>(sender.send(socket.get(), to, packets));
 }
 
+constexpr pt_format blast_format("%d %d %d channels %d first %d gigabits %g = %g");
+
+// Gigabits a second.
+double send_blast(int quals, int cn, int position, int chan, int frames) {
+    const pt_qualifiers<blast_format> q(quals);
+    const int channels = q.number("channels", 1), first = q.number("first", 0);
+    card *c = commands_channel(cn, position, chan);
+    if (!c)
+        return -1.0;
+    if (channels < 1 || channels > c->channels - chan || frames < 0 || first < 0) {
+        sv_printf(cn, "! Cannot send %d frames from %d on of %d channels\n", frames, first, channels);
+        return -1.0;
+    }
+    const blast_order order = {chan, channels, static_cast<std::uint32_t>(first),
+                               static_cast<std::uint32_t>(frames), q.real("gigabits")};
+    sv_flush_all(cn);
+    const blast_result r = blast(*c, order, [] { return sv_quit != 0; });
+    if (!r.known) {
+        sv_printf(cn, "! Card %d does not know where channel %d goes\n", position, chan);
+        return -1.0;
+    }
+    const double rate = r.seconds > 0 ? static_cast<double>(r.bytes) * 8e-9 / r.seconds : 0.0;
+    sv_printf(cn, "# %llu packets, %llu bytes in %g s, %llu not sent\n",
+              static_cast<unsigned long long>(r.packets), static_cast<unsigned long long>(r.bytes), r.seconds,
+              static_cast<unsigned long long>(r.unsent));
+    return rate;
+}
+
 } // namespace
 
 constinit const PARSE_TREE commands_packets[] = {
@@ -106,6 +136,11 @@ constinit const PARSE_TREE commands_packets[] = {
     pt_command<waiting>("waiting", "= %d", "count the faults that wait", ""),
     pt_command<foreign>("foreign", "%d %d %d = %d", "send a datagram from an address that is not the card's",
                         "Card/Channel, 16 for scope data/Bytes of payload"),
+    pt_command<send_blast>(
+        "blast", blast_format,
+        "send prepared frames of the known pattern (of the frame's number modulo 16) at full speed",
+        "Card/First channel/Frames a channel/channels (1)/number of the first frame (0)/"
+        "gigabits a second at most"),
     pt_end(),
 };
 
