@@ -162,17 +162,26 @@ counted count_by_event(frame_filler &f, double live, double clock) {
     return {times.size(), times.size()};
 }
 
-// The events of the histogram that a window takes, and those below the good threshold.
+// Events with 16-bit energies from `low` to `high`, over all auxiliary bins.
+std::uint32_t events_within(const channel_format &format, std::span<const std::uint32_t> histogram,
+                            std::uint32_t low, std::uint32_t high) {
+    const int shift = 16 - format.energy_bits;
+    const std::size_t first = (low + (1u << shift) - 1) >> shift, behind = std::size_t{high >> shift} + 1;
+    std::uint32_t sum = 0;
+    for (std::size_t row = 0; first < behind && row < format.auxiliaries; ++row) {
+        const auto begin = histogram.begin() + static_cast<std::ptrdiff_t>(row * format.energies);
+        sum = std::accumulate(begin + static_cast<std::ptrdiff_t>(std::min(first, format.energies)),
+                              begin + static_cast<std::ptrdiff_t>(std::min(behind, format.energies)), sum);
+    }
+    return sum;
+}
+
 void sort_by_energy(const channel_format &format, std::span<const std::uint32_t> histogram,
                     channel_scalers &scalers) {
-    std::uint32_t below = 0;
-    for (std::size_t i = 0; i < histogram.size(); ++i) {
-        const auto energy = static_cast<std::uint32_t>(i % format.energies) << (16 - format.energy_bits);
-        for (std::size_t w = 0; w < 2; ++w)
-            scalers[5 + w] += energy >= format.low[w] && energy <= format.high[w] ? histogram[i] : 0;
-        below += energy < format.good ? histogram[i] : 0;
-    }
+    const std::uint32_t below = format.good > 0 ? events_within(format, histogram, 0, format.good - 1) : 0;
     scalers[4] = scalers[3] > below ? scalers[3] - below : 0;
+    scalers[5] = events_within(format, histogram, format.low[0], format.high[0]);
+    scalers[6] = events_within(format, histogram, format.low[1], format.high[1]);
 }
 
 } // namespace

@@ -26,6 +26,8 @@ class Program(Server):
             Process.__init__(self, scratch, f"-base={self.net}1", f"-text={self.port}", *options, program=PROGRAM)
             if self.listens():
                 break
+        else:
+            raise AssertionError(self.stderr)
         self.text = self.client()
 
     def do(self, line):
