@@ -7,6 +7,7 @@
 #include "sim/card/fair_mutex.h"
 #include "sim/card/kinds.h"
 #include "sim/card/packets.h"
+#include "sim/card/protocol.h"
 #include "sim/card/readout.h"
 #include "sim/card/sparse_words.h"
 #include "sim/card/spectrum.h"
@@ -93,6 +94,7 @@ struct card {
     std::deque<card_seen> seen; // the last requests
 
     sparse_words &words(card_target t) { return store[static_cast<std::size_t>(t)]; }
+    const wire_protocol &wire() const { return protocol == 1 ? protocol1 : protocol2; }
     std::uint32_t global(std::uint32_t offset);
     void set_global(std::uint32_t offset, std::uint32_t value);
     std::uint32_t chan_register(int chan, std::uint32_t offset);
@@ -106,15 +108,21 @@ struct card_system {
     std::condition_variable_any changed; // the run line, the clock or the work of the timing thread
     std::vector<std::unique_ptr<card>> cards;
     std::uint64_t seed = 1;
-    double clock = 8e7;   // ticks a second of a card
-    bool pattern = false; // frames and scalers are a known pattern instead of events
-    bool keep = true;     // frames stay in the card's memory, too
-    double speed = 1.0;   // seconds of a card in a second of this machine
+    double clock = 8e7;          // ticks a second of a card
+    bool pattern = false;        // frames and scalers are a known pattern instead of events
+    bool keep = true;            // frames stay in the card's memory, too
+    double scope_gigabits = 4.0; // a second of scope data, which one thread has to take
+    double speed = 1.0;          // seconds of a card in a second of this machine
     int base_port = 30123;
     std::array<int, 4> base{127, 0, 0, 1};
 };
 
 extern card_system cards;
+
+// The card's place in the system, by which commands and faults name it.
+inline int card_position(const card &c) {
+    return c.index - cards.cards.front()->index;
+}
 
 // Everything as after switching on.
 void card_power_up(card &c);

@@ -131,12 +131,13 @@ std::optional<std::vector<std::uint32_t>> kept_frame(int cn, int position, int c
     std::lock_guard guard(cards.lock);
     const std::uint32_t kept = frames_kept(*c), ended = c->frames_ended;
     const auto wanted = static_cast<std::uint32_t>(time_frame);
-    if (time_frame < 0 || wanted >= ended || kept == 0 || ended - wanted > kept ||
-        !(cards.keep || c->kind->mini)) {
+    const std::size_t size = frames_format(*c, chan).words();
+    const bool keeps = (cards.keep || c->kind->mini) && kept != 0 && size == frames_format(*c, 0).words();
+    if (time_frame < 0 || wanted >= ended || !keeps || ended - wanted > kept) {
         sv_printf(cn, "! Time frame %d is not kept: %u ended, the last %u are\n", time_frame, ended, kept);
         return std::nullopt;
     }
-    std::vector<std::uint32_t> words(frames_format(*c, chan).words());
+    std::vector<std::uint32_t> words(size);
     c->words(card_target::memory).read(frames_place(*c, chan, wanted), words);
     return words;
 }

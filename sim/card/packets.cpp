@@ -39,6 +39,7 @@ struct late_packets {
 };
 
 std::deque<scope_job> scope_jobs;
+card_clock::time_point scope_free{}; // when the next may go
 std::multimap<card_clock::time_point, late_packets> late;
 std::map<std::pair<const card *, int>, held_frame> held;
 std::vector<card_packet> scratch;
@@ -100,8 +101,8 @@ void take_delayed(card &c, int stream, std::vector<card_packet> &packets) {
 }
 
 void send_with_faults(card &c, int stream, std::uint32_t frame, std::vector<card_packet> &packets) {
-    const int position = c.index - cards.cards.front()->index;
-    const frame_fate fate = packet_faults.apply(position, stream, frame, largest_payload_bytes, packets);
+    const frame_fate fate =
+        packet_faults.apply(card_position(c), stream, frame, largest_payload_bytes, packets);
     c.counts.withheld += fate.withheld;
     take_delayed(c, stream, packets);
     const std::pair<const card *, int> key(&c, stream);
@@ -170,7 +171,7 @@ bool packets_work() {
         late.erase(late.begin());
         return true;
     }
-    if (scope_jobs.empty())
+    if (scope_jobs.empty() || card_clock::now() < scope_free)
         return false;
     const scope_job job = scope_jobs.front();
     scope_jobs.pop_front();
@@ -178,13 +179,18 @@ bool packets_work() {
     job.owner->words(card_target::memory).read(job.address / 4, words);
     packets_send_frame(*job.owner, scope_stream, job.frame,
                        {reinterpret_cast<const std::uint8_t *>(words.data()), job.bytes});
+    const std::chrono::duration<double> taken(8e-9 * job.bytes / cards.scope_gigabits);
+    scope_free = card_clock::now() + std::chrono::duration_cast<card_clock::duration>(taken);
     return true;
 }
 
 std::optional<card_clock::time_point> packets_due() {
-    if (late.empty())
-        return std::nullopt;
-    return late.begin()->first;
+    std::optional<card_clock::time_point> due;
+    if (!late.empty())
+        due = late.begin()->first;
+    if (!scope_jobs.empty())
+        due = due ? std::min(*due, scope_free) : scope_free;
+    return due;
 }
 
 void packets_forget(const card &c) {

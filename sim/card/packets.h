@@ -29,7 +29,7 @@ void packets_queue_scope(card &c, std::uint32_t address, std::uint32_t bytes, st
 
 // One piece of what waits: a frame of scope data, packets whose delay is over. False when nothing is due.
 bool packets_work();
-// When the next delayed packet is due; nothing when none waits.
+// When there is more to do; nothing when nothing waits.
 std::optional<card_clock::time_point> packets_due();
 
 // Forgets what waits of a card that has died.
