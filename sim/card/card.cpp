@@ -8,7 +8,6 @@ card_system cards;
 
 namespace {
 
-constexpr std::uint32_t global_block = (15u << 20) | (15u << 16);
 constexpr std::uint32_t default_format = 12; // 4096 energy bins, nothing auxiliary
 
 // Temperature sensors: degrees of the board in register 0, of a remote diode in register 1.

@@ -6,9 +6,13 @@
 
 #include "sim/card/fair_mutex.h"
 #include "sim/card/kinds.h"
+#include "sim/card/packets.h"
+#include "sim/card/protocol.h"
 #include "sim/card/readout.h"
 #include "sim/card/sparse_words.h"
+#include "sim/card/spectrum.h"
 #include "sim/card/targets.h"
+#include "sim/card/timing.h"
 
 #include <array>
 #include <condition_variable>
@@ -21,13 +25,13 @@
 
 namespace kestrel {
 
+inline constexpr std::uint32_t global_block = 15u << 20 | 15u << 16; // word of generation-3 globals
 inline constexpr std::uint32_t glob_time_a = 2;
 inline constexpr std::uint32_t glob_time_fixed = 3;
 inline constexpr std::uint32_t glob_frames = 8;
 inline constexpr std::uint32_t glob_num_tf = 9;
 inline constexpr std::uint32_t glob_status_a = 32;
 inline constexpr std::uint32_t glob_time_status_a = 34;
-inline constexpr std::uint32_t glob_clock_control_4 = 0x100000; // a word of the local bus
 
 inline constexpr std::uint32_t chan_format = 28;
 inline constexpr std::uint32_t chan_windows = 24; // and 25
@@ -81,12 +85,16 @@ struct card {
     std::uint32_t frames_ended = 0; // of this run
 
     readout_link readout; // mini models only
+    card_run_state run;
+    data_link link;
+    std::array<channel_model, card_max_channels> models;
 
     bool alive = true;
     card_counts counts;
     std::deque<card_seen> seen; // the last requests
 
     sparse_words &words(card_target t) { return store[static_cast<std::size_t>(t)]; }
+    const wire_protocol &wire() const { return protocol == 1 ? protocol1 : protocol2; }
     std::uint32_t global(std::uint32_t offset);
     void set_global(std::uint32_t offset, std::uint32_t value);
     std::uint32_t chan_register(int chan, std::uint32_t offset);
@@ -100,13 +108,21 @@ struct card_system {
     std::condition_variable_any changed; // the run line, the clock or the work of the timing thread
     std::vector<std::unique_ptr<card>> cards;
     std::uint64_t seed = 1;
-    double clock = 8e7; // ticks a second of a card
-    double speed = 1.0; // seconds of a card in a second of this machine
+    double clock = 8e7;          // ticks a second of a card
+    bool pattern = false;        // frames and scalers are a known pattern instead of events
+    bool keep = true;            // frames stay in the card's memory, too
+    double scope_gigabits = 4.0; // a second of scope data, which one thread has to take
+    double speed = 1.0;          // seconds of a card in a second of this machine
     int base_port = 30123;
     std::array<int, 4> base{127, 0, 0, 1};
 };
 
 extern card_system cards;
+
+// The card's place in the system, by which commands and faults name it.
+inline int card_position(const card &c) {
+    return c.index - cards.cards.front()->index;
+}
 
 // Everything as after switching on.
 void card_power_up(card &c);

@@ -66,6 +66,7 @@ int die(int, int cn, int position) {
         std::lock_guard guard(cards.lock);
         c->alive = false;
         timing_registers_written(*c);
+        packets_forget(*c);
     }
     control_update();
     return 0;
@@ -79,9 +80,9 @@ int live(int quals, int cn, int position) {
         std::lock_guard guard(cards.lock);
         if (!(quals & 1)) {
             card_power_up(*c);
-            timing_registers_written(*c);
         }
         c->alive = true;
+        timing_registers_written(*c);
     }
     if (control_update())
         return 0;

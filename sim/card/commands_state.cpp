@@ -134,7 +134,7 @@ int forget(int, int cn, int position) {
 }
 
 constexpr pt_format count_format(
-    "%d transactions refused malformed connections open frames packets bytes withheld unsent = %g");
+    "%d transactions refused malformed connections open frames packets bytes withheld unsent = %d");
 using count_words = pt_qualifiers<count_format>;
 using count_member = std::uint64_t card_counts::*;
 constexpr count_words::choice<count_member> count_names[] = {
@@ -150,16 +150,20 @@ constexpr count_words::choice<count_member> count_names[] = {
     {"unsent", &card_counts::unsent},
 };
 
-double count(int quals, int cn, int position) {
+// Exactly in a line; the result has 32 bits.
+int count(int quals, int cn, int position) {
     card *c = commands_card(cn, position);
     const std::optional<count_member> member = count_words(quals).only(count_names);
     if (!c || !member) {
         if (c)
             sv_printf(cn, "! Please say which one count\n");
-        return -1.0;
+        return -1;
     }
-    std::lock_guard guard(cards.lock);
-    return static_cast<double>(c->counts.**member);
+    std::unique_lock guard(cards.lock);
+    const std::uint64_t value = c->counts.**member;
+    guard.unlock();
+    sv_printf(cn, "# %llu\n", static_cast<unsigned long long>(value));
+    return static_cast<int>(value);
 }
 
 } // namespace

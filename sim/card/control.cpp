@@ -91,7 +91,7 @@ bool flush(connection &k) {
 
 // One answer into the connection's output, spoiled if a rule says so.
 void put_answer(connection &k, card_answer &answer, const control_rule *rule) {
-    const answer_layout &layout = k.owner->protocol == 1 ? protocol1_layout : protocol2_layout;
+    const answer_layout &layout = k.owner->wire().layout;
     if (rule) {
         const auto argument = static_cast<std::size_t>(std::max(rule->argument, 0));
         control_spoil(*rule, layout, answer.bytes);
@@ -119,30 +119,6 @@ void put_answer(connection &k, card_answer &answer, const control_rule *rule) {
     k.out.insert(k.out.end(), answer.bytes.begin(), answer.bytes.end());
 }
 
-int position_of(const card &c) {
-    return c.index - cards.cards.front()->index;
-}
-
-// True when a whole request stands at the front; its bus is known then. A request counts against the fault rules only
-// once it is whole.
-bool whole_request(const card &c, std::span<const std::uint8_t> in, std::uint8_t &bus) {
-    if (c.protocol == 1) {
-        if (in.size() < 16)
-            return false;
-        bus = in[5];
-        const std::size_t size = static_cast<std::size_t>(in[12]) << 24 |
-                                 static_cast<std::size_t>(in[13]) << 16 |
-                                 static_cast<std::size_t>(in[14]) << 8 | in[15];
-        return in.size() - 16 >= size;
-    }
-    if (in.size() < 36)
-        return false;
-    bus = in[9];
-    std::uint32_t size = 0;
-    std::memcpy(&size, in.data() + 20, sizeof size);
-    return (in[8] != 2 && in[8] != 6) || in.size() - 36 >= size;
-}
-
 // Answers the requests that have arrived whole. False when the connection is over.
 bool answer_requests(connection &k) {
     std::lock_guard guard(cards.lock);
@@ -150,15 +126,15 @@ bool answer_requests(connection &k) {
     std::size_t taken = 0;
     while (!is_stalled(k) && !k.last) {
         const std::span<const std::uint8_t> in = std::span<const std::uint8_t>(k.in).subspan(taken);
-        std::uint8_t bus = 0;
-        const control_rule *rule =
-            whole_request(c, in, bus) ? control_faults.next(position_of(c), bus) : nullptr;
-        if (rule && rule->fault == control_fault::close)
-            return false;
+        const std::optional<std::uint8_t> bus = c.wire().whole(in); // no other counts against the rules
+        const control_rule *rule = bus ? control_faults.next(card_position(c), *bus) : nullptr;
+        if (rule && rule->fault == control_fault::close) {
+            k.last = true; // behind the answers to what came before
+            break;
+        }
         const bool refuse = rule && rule->fault == control_fault::refuse;
         card_answer answer;
-        const taken_request got =
-            c.protocol == 1 ? protocol1_take(c, in, refuse, answer) : protocol2_take(c, in, refuse, answer);
+        const taken_request got = c.wire().take(c, in, refuse, answer);
         if (got.result == take_result::incomplete)
             break;
         if (got.result == take_result::malformed) {
@@ -276,9 +252,11 @@ int time_to_wait() {
 
 void turn(std::vector<pollfd> &polled) {
     const unsigned goal = asked.load();
-    follow_power();
-    if (looked.exchange(goal) != goal)
+    if (looked.load() != goal) {
+        follow_power();
+        looked.store(goal);
         looked.notify_all();
+    }
     polled.clear();
     polled.push_back({wake_fd.get(), POLLIN, 0});
     for (const listener &l : listeners)

@@ -32,6 +32,10 @@ constinit const PARSE_TREE root[] = {
     pt_row(row_eval),
     pt_subtree("card", commands_state, "registers and memory of cards, what they saw"),
     pt_subtree("control", commands_control, "faults of the control link, power"),
+    pt_subtree("events", commands_events, "what the detectors see, and what was made of it"),
+    pt_subtree("packets", commands_packets, "the data link: faults, speed"),
+    pt_subtree("gate", commands_gate, "the timing unit's gate (timing source 2)"),
+    pt_subtree("frame", commands_frame, "the timing unit's time frames (timing source 2)"),
     pt_end(),
 };
 

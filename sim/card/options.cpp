@@ -96,6 +96,8 @@ constexpr option options[] = {
      [](std::string_view t) { return number(t, std::uint64_t{0}, ~std::uint64_t{0}, cards.seed); }},
     {"-clock", "hertz", "ticks a second (8e7)",
      [](std::string_view t) { return number(t, 1.0, 1e12, cards.clock); }},
+    {"-scope-rate", "x", "gigabits a second of scope data (4)",
+     [](std::string_view t) { return number(t, 1e-3, 1e3, cards.scope_gigabits); }},
     {"-speed", "x", "seconds of the cards in a second (1)",
      [](std::string_view t) { return number(t, 1e-3, 1e6, cards.speed); }},
 };

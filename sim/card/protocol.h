@@ -20,8 +20,6 @@ struct answer_layout {
 
 struct card_answer {
     std::vector<std::uint8_t> bytes;
-    std::uint8_t bus = 0;
-    std::uint8_t command = 0;
     bool refused = false;
 };
 
@@ -32,12 +30,16 @@ struct taken_request {
     std::size_t bytes = 0; // that it took of the input
 };
 
-// Takes one request from the front of what has arrived and carries it out; `refuse` answers no to whatever it is. After
-// `malformed` (no magic, an absurd size) nothing of the connection can be trusted.
-taken_request protocol1_take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer);
-taken_request protocol2_take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer);
+struct wire_protocol {
+    answer_layout layout;
+    // The bus of the whole request at the front of what has arrived; nothing while it is not whole.
+    std::optional<std::uint8_t> (*whole)(std::span<const std::uint8_t> in);
+    // Takes one request from the front and carries it out; `refuse` answers no to whatever it is. After `malformed` (no
+    // magic, an absurd size) nothing of the connection can be trusted.
+    taken_request (*take)(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer);
+};
 
-extern const answer_layout protocol1_layout, protocol2_layout;
+extern const wire_protocol protocol1, protocol2;
 
 inline constexpr std::uint32_t protocol_magic = 0xDEADBEEF;
 inline constexpr std::uint8_t state_acknowledged = 0x20;

@@ -7,12 +7,7 @@
 #include "sim/card/personality.h"
 #include "sim/card/protocol.h"
 
-#include <bit>
-#include <cstring>
-
 namespace kestrel {
-
-const answer_layout protocol1_layout = {0, -1, 4, 7, 12, 16, true};
 
 namespace {
 
@@ -167,9 +162,13 @@ bool do_personality(card &c, const request1 &r, card_answer &answer) {
     return true;
 }
 
-} // namespace
+std::optional<std::uint8_t> whole(std::span<const std::uint8_t> in) {
+    if (in.size() < header_bytes || in.size() - header_bytes < big(in.data() + 12))
+        return std::nullopt;
+    return in[5];
+}
 
-taken_request protocol1_take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer) {
+taken_request take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer) {
     if (in.size() < header_bytes)
         return {};
     const std::uint32_t size = big(in.data() + 12);
@@ -178,8 +177,6 @@ taken_request protocol1_take(card &c, std::span<const std::uint8_t> in, bool ref
     if (in.size() < header_bytes + size)
         return {};
     const request1 r = {in[4], in[5], in[6], in[7], big(in.data() + 8), in.subspan(header_bytes, size)};
-    answer.command = r.command;
-    answer.bus = r.bus;
     const bool done = !refuse && (r.command == cmd_access        ? do_access(c, r, answer)
                                   : r.command == cmd_personality ? do_personality(c, r, answer)
                                                                  : false);
@@ -192,5 +189,9 @@ taken_request protocol1_take(card &c, std::span<const std::uint8_t> in, bool ref
     c.seen.push_back({r.command, r.bus, r.width, r.state, r.address, items, read ? 0 : first, 0, !done});
     return {take_result::taken, header_bytes + size};
 }
+
+} // namespace
+
+const wire_protocol protocol1 = {{0, -1, 4, 7, 12, 16, true}, whole, take};
 
 } // namespace kestrel

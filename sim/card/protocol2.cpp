@@ -15,8 +15,6 @@ namespace kestrel {
 
 static_assert(std::endian::native == std::endian::little, "words are copied between the wire and memory");
 
-const answer_layout protocol2_layout = {0, 4, 8, 11, 20, 16, false};
-
 namespace {
 
 constexpr std::size_t header_bytes = 36;
@@ -210,13 +208,22 @@ std::uint32_t first_of(const request2 &r) {
     return nothing ? 0 : word_at(r.data, 0);
 }
 
-} // namespace
+// What follows the header.
+std::size_t bytes_behind(std::span<const std::uint8_t> in) {
+    return has_data_behind(in[8]) ? word_at(in, 20) : 0;
+}
 
-taken_request protocol2_take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer) {
+std::optional<std::uint8_t> whole(std::span<const std::uint8_t> in) {
+    if (in.size() < header_bytes || in.size() - header_bytes < bytes_behind(in))
+        return std::nullopt;
+    return in[9];
+}
+
+taken_request take(card &c, std::span<const std::uint8_t> in, bool refuse, card_answer &answer) {
     if (in.size() < header_bytes)
         return {};
     const std::uint8_t command = in[8];
-    const std::size_t behind = has_data_behind(command) ? word_at(in, 20) : 0;
+    const std::size_t behind = bytes_behind(in);
     if (word_at(in, 0) != protocol_magic || behind > largest_payload)
         return {take_result::malformed, 0};
     if (in.size() < header_bytes + behind)
@@ -230,8 +237,6 @@ taken_request protocol2_take(card &c, std::span<const std::uint8_t> in, bool ref
                         word_at(in, 20),
                         has_data_behind(command) ? in.subspan(header_bytes, behind)
                                                  : in.subspan(data_at, embedded_bytes)};
-    answer.command = r.command;
-    answer.bus = r.bus;
     const bool done = !refuse && carry_out(c, r, answer);
     if (!done) {
         put_header(r, state_refused, 0, answer.bytes);
@@ -240,5 +245,9 @@ taken_request protocol2_take(card &c, std::span<const std::uint8_t> in, bool ref
     c.seen.push_back({r.command, r.bus, r.width, in[11], r.address, r.items, first_of(r), r.sequence, !done});
     return {take_result::taken, header_bytes + behind};
 }
+
+} // namespace
+
+const wire_protocol protocol2 = {{0, 4, 8, 11, 20, 16, false}, whole, take};
 
 } // namespace kestrel

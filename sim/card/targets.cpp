@@ -87,11 +87,16 @@ void write_part(sparse_words &words, const card_run &run, std::uint32_t address,
     words.set(word, (words.get(word) & ~mask) | (item << shift & mask));
 }
 
+// What the card puts back of its own, and what follows from a write.
 void after_write(card &c, const card_run &run, std::size_t items) {
-    if (run.target == card_target::registers || run.target == card_target::local) {
+    const std::uint32_t first = run.address / 4;
+    const auto last = static_cast<std::uint32_t>(first + items);
+    const auto is_first_region = [](std::uint32_t word) { return (word >> 16 & 15) == 0; };
+    if (run.target == card_target::registers && (is_first_region(first) || is_first_region(last)))
         card_put_constants(c);
+    if (run.target == (c.kind->local_globals ? card_target::local : card_target::registers) &&
+        (c.kind->local_globals || last >= global_block))
         timing_registers_written(c);
-    }
     if (run.target == card_target::rdma)
         timing_link_written(c, run.address, items);
 }

@@ -26,6 +26,8 @@ class Program(Server):
             Process.__init__(self, scratch, f"-base={self.net}1", f"-text={self.port}", *options, program=PROGRAM)
             if self.listens():
                 break
+        else:
+            raise AssertionError(self.stderr)
         self.text = self.client()
 
     def do(self, line):
@@ -192,3 +194,110 @@ def register(link, chan, region, offset):
 
 def global_register(link, offset):
     return register(link, 15, 15, offset)
+
+
+# The data link and time frames.
+
+TIME_A, FIXED, FRAMES, NUM_TF, STATUS, TIME_STATUS = 2, 3, 8, 9, 32, 34
+HIST_RUN, COUNTING, SCALERS_RUN = 1 << 28, 1 << 29, 1 << 31
+RUN = HIST_RUN | COUNTING | SCALERS_RUN
+SOFTWARE, SOFTWARE_FRAMES, TIMING_UNIT, INTERNAL = range(4)
+SCALERS = 0x80000000
+START, END, PADDED = 1 << 31, 1 << 30, 1 << 29
+CLOCK = 80e6
+SCOPE = 16
+
+
+def pattern(card, chan, frame, first, count):
+    """The words of a frame in pattern mode."""
+    start = (card + 1) * 0x9E3779B1 + (chan + 1) * 0x85EBCA6B + (frame + 1) * 0xC2B2AE35
+    return [(start + word * 0x27D4EB2F) & 0xFFFFFFFF for word in range(first, first + count)]
+
+
+class Packet:
+    def __init__(self, data):
+        self.payload = data[:-8]
+        self.frame, word = struct.unpack("<II", data[-8:])
+        self.number, self.start, self.end, self.padded = word & 0xFFFFFFF, word >> 31 & 1, word >> 30 & 1, word >> 29 & 1
+
+    def __repr__(self):
+        return f"{self.frame}.{self.number}{'S' * self.start}{'E' * self.end}{'P' * self.padded}+{len(self.payload)}"
+
+
+class Host:
+    """A card's host: the control link, the data link set up as a host does it, one socket for each channel."""
+
+    def __init__(self, program, index=0, protocol=2, channels=1, num_tf=20, local=False):
+        self.program, self.link, self.local = program, program.link(protocol, index), local
+        card, host = (socket.inet_aton(a) for a in (program.card(index), program.host(index)))
+        port = (DATA_PORT & 255) << 8 | DATA_PORT >> 8
+        half = [int.from_bytes(b, "little") for b in (host[:2], host[2:], card[:2], card[2:])]
+        for register_number, value in [(4, 0xDB00001C), (6, 0xDEAD | half[0] << 16), (7, half[1] | half[2] << 16),
+                                       (8, half[3] | port << 16), (9, 0x80000 | port), (12, 998), (15, 1)]:
+            self.link.write(self.link.RDMA, register_number, [value])
+        self.sockets = []
+        for stream in range(channels + 1):  # scope data first
+            s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            s.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+            s.bind((program.host(index), DATA_PORT + stream))
+            s.connect((program.card(index), DATA_PORT))
+            s.settimeout(WAIT)
+            self.sockets.append(s)
+        self.set(NUM_TF, num_tf)
+
+    def close(self):
+        self.link.sock.close()
+        for s in self.sockets:
+            s.close()
+
+    def set(self, offset, value):
+        if self.local:
+            self.link.write(0, 4 * offset, [value])
+        else:
+            self.link.write(self.link.REGISTERS, global_register(self.link, offset), [value])
+
+    def get(self, offset):
+        if self.local:
+            return self.link.read(0, 4 * offset, 1)[0]
+        return self.link.read(self.link.REGISTERS, global_register(self.link, offset), 1)[0]
+
+    def start(self, source, bits=RUN):
+        self.link.write(self.link.RDMA, 16, [1])
+        self.set(TIME_A, source | bits)
+
+    def stop(self):
+        if self.local:
+            self.link.modify(0, 4 * TIME_A, 0x4FFFFFFF, 0)
+        else:
+            self.link.modify(self.link.REGISTERS, global_register(self.link, TIME_A), 0x4FFFFFFF, 0)
+
+    def internal(self, frames, ticks):
+        """Starts so many frames of the internal timing and waits for their end."""
+        self.set(FIXED, ticks)
+        self.set(FRAMES, frames)
+        self.start(INTERNAL)
+        kestrel_session.wait_until(lambda: self.get(TIME_STATUS) == frames, f"end of {frames} frames")
+        self.stop()
+
+    def packet(self, chan=0):
+        return Packet(self.sockets[0 if chan == SCOPE else 1 + chan].recv(9001))
+
+    def packets(self, chan=0):
+        """All that has arrived."""
+        s = self.sockets[0 if chan == SCOPE else 1 + chan]
+        got = []
+        s.setblocking(False)
+        try:
+            while True:
+                got.append(Packet(s.recv(9001)))
+        except BlockingIOError:
+            s.settimeout(WAIT)
+            return got
+
+    def scalers(self, time_frame, channels):
+        words = self.link.read(self.link.MEMORY, SCALERS + 36 * channels * time_frame, 9 * channels)
+        return [words[9 * c:9 * c + 9] for c in range(channels)]
+
+
+def words(payload):
+    return list(struct.unpack(f"<{len(payload) // 4}I", payload))
