@@ -421,6 +421,7 @@ TEST(wire_faults, an_interrupt_ends_the_wait_for_a_connection) {
     const auto begin = steady_clock::now();
     EXPECT_FALSE(pulsar3FemInitialise("127.0.0.1", port.port(), port.port()));
     EXPECT_LT(since(begin), milliseconds(1000));
+    EXPECT_STREQ(plr3_get_error_message(), "pulsar3FemInitialise: Interrupted");
     plr3_interrupt_hook = nullptr;
 }
 

@@ -2,7 +2,7 @@
 #include "pulsar3/lib/wire/access.h"
 #include "pulsar3/lib/wire/connection.h"
 #include "pulsar3/lib/wire/error.h"
-#include "support/byte_order.h"
+#include "pulsar3/lib/wire/wire_order.h"
 
 #include <algorithm>
 #include <array>
@@ -22,13 +22,12 @@ struct fem1_request {
     std::uint32_t count; // items that the answer must name
 };
 
-void to_wire_order(std::span<std::byte> items, protocol_data_width width) {
-    if (!machine_is_intel || width == WIDTH_BYTE)
-        return;
-    if (width == WIDTH_LONG)
-        unif_swab_l(items.data(), items.size() / 4);
-    else
-        unif_swab_s(items.data(), items.size() / 2);
+// The items as they travel, in the handle's own buffer.
+std::span<std::byte> converted(FemHandle &h, std::span<const std::byte> items, protocol_data_width width) {
+    if (h.converted.size() < items.size())
+        h.converted.resize(items.size());
+    to_wire_order(items, h.converted.data(), width);
+    return std::span(h.converted).first(items.size());
 }
 
 ProtocolHeader header_of(const fem1_request &request, std::size_t payload) {
@@ -85,7 +84,7 @@ int transact(FemHandle &h, const fem1_request &request, std::span<std::byte> pay
     }
     if (const int rc = answer.need(sizeof begin + data.size()))
         return rc;
-    to_wire_order(data, request.width);
+    to_wire_order(data, data.data(), request.width);
     return 0;
 }
 
@@ -96,12 +95,10 @@ std::size_t most_written(const FemHandle &h, const fem_target &target) {
 int write_chunk(FemHandle &h, const fem_target &target, std::uint32_t address,
                 std::span<const std::byte> items) {
     const auto count = static_cast<std::uint32_t>(items.size() / width_bytes(target.width));
-    h.converted.assign(items.begin(), items.end());
-    to_wire_order(h.converted, target.width);
     std::uint32_t answered = 0;
     const int rc =
         transact(h, {"femAccessWrite", CMD_ACCESS, target.bus, target.width, STATE_WRITE, address, count},
-                 h.converted, {}, answered);
+                 converted(h, items, target.width), {}, answered);
     if (rc == fem_not_acknowledged)
         plr3_fail(rc, "femAccessWrite: FEM response did not acknowledge write transaction to address 0x%x",
                   address);
@@ -140,13 +137,6 @@ int in_chunks(const fem_target &target, std::uint32_t address, std::span<Byte> i
         items = items.subspan(bytes);
     }
     return 0;
-}
-
-std::span<std::byte> personality_payload(FemHandle &h, std::span<const std::uint32_t> words) {
-    const auto bytes = std::as_bytes(words);
-    h.converted.assign(bytes.begin(), bytes.end());
-    to_wire_order(h.converted, WIDTH_LONG);
-    return h.converted;
 }
 
 int personality_failed(int rc, const char *function, std::uint32_t code, std::uint32_t count,
@@ -205,7 +195,7 @@ int femPersonalityWrite(FemHandle &h, std::uint32_t code, std::span<const std::u
     std::uint32_t answered = 0;
     const int rc =
         transact(h, {"femPersonalityWrite", CMD_PERSONALITY, 0, WIDTH_LONG, STATE_WRITE, code, count},
-                 personality_payload(h, words), {}, answered);
+                 converted(h, std::as_bytes(words), WIDTH_LONG), {}, answered);
     return personality_failed(rc, "femPersonalityWrite", code, count, answered);
 }
 
@@ -215,7 +205,7 @@ int femPersonalityRead(FemHandle &h, std::uint32_t code, std::span<const std::ui
     std::uint32_t answered = 0;
     const int rc =
         transact(h, {"femPersonalityRead", CMD_PERSONALITY, 0, WIDTH_LONG, STATE_READ, code, count},
-                 personality_payload(h, words), std::as_writable_bytes(result), answered);
+                 converted(h, std::as_bytes(words), WIDTH_LONG), std::as_writable_bytes(result), answered);
     return personality_failed(rc, "femPersonalityRead", code, count, answered);
 }
 

@@ -98,12 +98,6 @@ int transact(FemHandle &h, const char *function, plr4_protocol_header &request, 
     return answer.need(sizeof begin + data.size());
 }
 
-int write_refused(const write_plan &plan, std::uint32_t address) {
-    return plr3_fail(fem_not_acknowledged,
-                     "%s: FEM response did not acknowledge write transaction to address 0x%x", plan.function,
-                     address);
-}
-
 // The answers to the writes that are under way; all are read when some are refused, and the first refusal counts.
 int collect(FemHandle &h, const write_plan &plan, std::span<const plr4_protocol_header> requests) {
     std::array<plr4_protocol_header, posted_max> answers;
@@ -114,16 +108,24 @@ int collect(FemHandle &h, const write_plan &plan, std::span<const plr4_protocol_
         if (const int rc = responseTransaction(h, arriving, answers[i].magic, (i + 1) * sizeof answers[0]))
             return rc;
         const int rc = judge(h, plan.function, requests[i], answers[i], 0);
+        if (rc == fem_not_acknowledged) {
+            refused = refused ? refused : &requests[i];
+            if (h.m_valid)
+                continue;
+            break;
+        }
         if (rc == fem_length_mismatch)
-            return plr3_fail(
-                rc, "%s: Length mismatch during FEM write transaction: requested = %d  responded = %d",
-                plan.function, static_cast<int>(requests[i].num_ops), static_cast<int>(answers[i].num_ops));
-        if (rc == fem_not_acknowledged && !refused)
-            refused = &requests[i];
-        if (rc && (rc != fem_not_acknowledged || !h.m_valid))
-            return rc == fem_not_acknowledged ? write_refused(plan, requests[i].address) : rc;
+            plr3_fail(rc, "%s: Length mismatch during FEM write transaction: requested = %d  responded = %d",
+                      plan.function, static_cast<int>(requests[i].num_ops),
+                      static_cast<int>(answers[i].num_ops));
+        if (rc)
+            return rc;
     }
-    return refused ? write_refused(plan, refused->address) : 0;
+    if (!refused)
+        return 0;
+    return plr3_fail(fem_not_acknowledged,
+                     "%s: FEM response did not acknowledge write transaction to address 0x%x", plan.function,
+                     refused->address);
 }
 
 // Sends the pieces from `first` on, as many as may be under way, and waits for their answers.

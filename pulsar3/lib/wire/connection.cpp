@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <new>
@@ -71,11 +72,23 @@ unique_fd connect_to(const in_addr &host, int port, clock::time_point deadline) 
     return fd;
 }
 
+int tcp_protocol() {
+    static const int number = [] {
+        protoent entry, *found = nullptr;
+        char text[1024];
+        return ::getprotobyname_r("tcp", &entry, text, sizeof text, &found) == 0 && found ? found->p_proto
+                                                                                          : -1;
+    }();
+    if (number < 0)
+        plr3_message(-1, "Cannot get protocol TCP\n"); // and nothing is lost
+    return number < 0 ? IPPROTO_TCP : number;
+}
+
 // Requests leave at once, and neither a send nor the first look for an answer blocks for longer than the time-out.
 bool set_options(int fd) {
     const int on = 1;
     const timeval limit{fem_timeout.count(), 0};
-    return ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0 &&
+    return ::setsockopt(fd, tcp_protocol(), TCP_NODELAY, &on, sizeof on) == 0 &&
            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0 &&
            ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
 }
@@ -92,7 +105,7 @@ void set_generation(FemHandle &h, ProtocolGeneration generation) {
 bool connect_either(FemHandle &h, int port1, int port2) {
     const auto begin = clock::now();
     if (port1 > 0) {
-        h.m_skt = connect_to(h.address, port1, begin + fem_timeout / (port2 > 0 ? 2 : 1));
+        h.m_skt = connect_to(h.address, port1, begin + milliseconds(fem_timeout) / (port2 > 0 ? 2 : 1));
         h.port = port1;
         set_generation(h, ProtocolFEM1);
     }
@@ -178,7 +191,8 @@ std::unique_ptr<FemHandle> pulsar3FemInitialise(const char *host, int port1, int
     if (!unique_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)))
         return fail("pulsar3FemInitialise: Can't create socket");
     if (!connect_either(*h, port1, port2))
-        return fail("Connection to server refused. Is the server running?");
+        return fail(plr3_interrupted() ? "pulsar3FemInitialise: Interrupted"
+                                       : "Connection to server refused. Is the server running?");
     if (!set_options(h->m_skt.get()))
         return fail("Cannot Set socket options");
     h->m_valid = 1;
