@@ -183,6 +183,9 @@ def test_ascii_write_file_in_a_script_takes_the_script_s_lines(server, client):
     server.write("s.cmd", ["ascii write file 'f'", "# kept", "echo 'not run'", ":EOF", "echo 'run'"])
     assert client.lines("~s") == ["run", "* 0"]
     assert (server.cwd / "f").read_text() == "# kept\necho 'not run'\n"
+    (server.cwd / "s.cmd").write_bytes(b"ascii write file 'f'\r\na\rb\r\n\r\rx\0y\nc\n\rd\n" + 2000 * b"z" + b"\n:EOF\necho 'run'\n")
+    assert client.lines("~s") == ["run", "* 0"]  # a line's end is what it is at the prompt
+    assert (server.cwd / "f").read_text() == "a\nb\n\n\nxy\nc\nd\n" + 1024 * "z" + "\n"
 
 
 def test_ascii_write_file_that_cannot_be_opened(client):
@@ -192,9 +195,6 @@ def test_ascii_write_file_that_cannot_be_opened(client):
 
 
 def test_a_script_that_ends_in_ascii_write_file_ends_the_session(server, client):
-    (server.cwd / "s.cmd").write_bytes(b"ascii write file 'f'\r\na\rb\r\n\r\rx\0y\nc\n\rd\n" + 2000 * b"z" + b"\n:EOF\necho 'run'\n")
-    assert client.lines("~s") == ["run", "* 0"]  # a line's end is what it is at the prompt
-    assert (server.cwd / "f").read_text() == "a\nb\n\n\nxy\nc\nd\n" + 1024 * "z" + "\n"
     server.write("s.cmd", ["ascii write file 'f'", "kept"])
     client.send("~s\n")
     client.expect_closed()  # the end of what a session reads is the session's end
