@@ -5,6 +5,7 @@
 set-int 'left' 0 local
 set-int 'tries' 0 local
 do
+    left=-1
     set-func 'left' %1 local hide
     tries=%tries+1
     if %left!=0 'sleep 0.1'

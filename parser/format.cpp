@@ -109,7 +109,7 @@ const _pt_args &_xx_parse_args(const PARSE_TREE &entry) {
             std::fprintf(stderr, "%*s^ unexpected character\n", static_cast<int>(error.position) + 1, "");
         std::exit(1);
     } catch (const std::bad_alloc &) {
-        std::fprintf(stderr, "parser: parse_args: out of memory\n");
+        std::fprintf(stderr, "parser: parse_args: error allocating memory.\n");
         std::exit(ENOMEM);
     }
 }

@@ -6,12 +6,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <poll.h>
 #include <string>
+#include <string_view>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -70,9 +75,48 @@ bool may_be_replaced(const std::string &target, const struct stat &old) {
            ::stat(folder.c_str(), &status) == 0 && status.st_dev == old.st_dev;
 }
 
+constexpr std::size_t random_end = 7; // ".XXXXXX"
+
+// The new file's name until it is whole: FILE.kestrel-HOST-PID.XXXXXX
+std::string aside_mark() {
+    char host[HOST_NAME_MAX + 1] = "";
+    ::gethostname(host, sizeof host - 1);
+    return std::string(".kestrel-") + host + "-";
+}
+
+// The process of this machine that a file in the making belongs to; 0 for any other name.
+pid_t maker_of(std::string_view name, std::string_view mark) {
+    const std::size_t at = name.rfind(mark);
+    if (at == std::string_view::npos || at == 0 || name.size() < at + mark.size() + random_end)
+        return 0;
+    const std::string_view number =
+        name.substr(at + mark.size(), name.size() - at - mark.size() - random_end);
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), pid);
+    const bool whole = error == std::errc() && end == number.data() + number.size();
+    return whole && name[name.size() - random_end] == '.' ? pid : 0;
+}
+
+// Removes what servers of this machine that were killed in the middle of a save have left in the folder.
+void sweep(const std::string &folder, const std::string &mark) {
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(::opendir(folder.c_str()), ::closedir);
+    while (entries) {
+        const dirent *entry = ::readdir(entries.get());
+        if (!entry)
+            return;
+        const pid_t pid = maker_of(entry->d_name, mark);
+        if (pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH)
+            ::unlinkat(::dirfd(entries.get()), entry->d_name, 0);
+    }
+}
+
 // A new file beside the old one, with its owner and permissions. 0, or -1 with errno.
 int file_destination::open_aside(UnifOutput &output, const std::string &target, const struct stat &old) {
-    std::string aside = target + ".XXXXXX";
+    const std::size_t name_at = target.rfind('/') + 1;
+    const std::string mark = aside_mark(), maker = mark + std::to_string(::getpid());
+    sweep(target.substr(0, name_at), mark);
+    const bool fits = target.size() - name_at + maker.size() + random_end <= NAME_MAX;
+    std::string aside = target + (fits ? maker : "") + ".XXXXXX";
     output.fd.reset(::mkostemp(aside.data(), O_CLOEXEC));
     if (!output.fd)
         return -1;

@@ -447,3 +447,18 @@ def test_a_file_is_not_overwritten_while_it_is_read(server, client, still, form)
 def test_there_is_nothing_to_sync_on_a_device(client, still):
     handle = do(client, "test open 10 10 1 long")
     do(client, f"read 0 0 0 10 10 1 from {handle} raw to-local-file '/dev/null' fsync")
+
+
+def test_what_a_killed_server_was_saving_is_swept_at_the_next_save(server, client):
+    """Only unfinished files of servers of this machine that are no more; a long name has no room for the mark."""
+    do(client, "test open 4 4 1 float")
+    do(client, "read 0 0 0 4 4 1 from 0 to-local-file 'data' raw")
+    host = socket.gethostname()
+    dead = subprocess.run(["sh", "-c", "echo $$"], capture_output=True, text=True).stdout.strip()
+    left = {f"data.kestrel-{host}-{dead}.abc123": False, f"other.kestrel-{host}-{dead}.abc124": False,
+            f"data.kestrel-{host}-{server.process.pid}.abc125": True, f"data.kestrel-elsewhere-{dead}.abc126": True,
+            f"data.kestrel-{host}-{dead}": True, f"data.kestrel-{host}-{dead}x.abc127": True, "data.abc128": True}
+    for name in left:
+        server.write(name, "unfinished")
+    do(client, "read 0 0 0 4 4 1 from 0 to-local-file 'data' raw")
+    assert {name: (server.cwd / name).exists() for name in left} == left
