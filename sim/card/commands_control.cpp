@@ -72,15 +72,16 @@ int die(int, int cn, int position) {
     return 0;
 }
 
+constexpr pt_format live_format("%d keep = %d");
+
 int live(int quals, int cn, int position) {
     card *c = commands_card(cn, position);
     if (!c)
         return -1;
     {
         std::lock_guard guard(cards.lock);
-        if (!(quals & 1)) {
+        if (!pt_qualifiers<live_format>(quals).given("keep"))
             card_power_up(*c);
-        }
         c->alive = true;
         timing_registers_written(*c);
     }
@@ -103,7 +104,7 @@ constinit const PARSE_TREE commands_control[] = {
     pt_command<no_faults>("no-faults", "= %d", "forget the faults that wait", ""),
     pt_command<waiting>("waiting", "= %d", "count the faults that wait", ""),
     pt_command<die>("die", "%d = %d", "switch a card off: its ports close, it sends nothing", "Card"),
-    pt_command<live>("live", "%d keep = %d", "switch a card on, as after power-up",
+    pt_command<live>("live", live_format, "switch a card on, as after power-up",
                      "Card/with all its registers as they were"),
     pt_end(),
 };

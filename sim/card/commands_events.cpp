@@ -86,7 +86,7 @@ int list(int, int cn, int position, int chan) {
     std::unique_lock guard(cards.lock);
     const bool done = commands_each_channel(cn, position, chan, [&](card &c, int i) {
         const channel_model &m = c.models[static_cast<std::size_t>(i)];
-        std::snprintf(row, sizeof row, "# card %d chan %d %s", c.index, i,
+        std::snprintf(row, sizeof row, "# card %d chan %d %s", card_position(c), i,
                       way_names[static_cast<int>(m.way)]);
         text += row;
         for (const real_setting &s : settings) {

@@ -4,7 +4,6 @@
 #include "server/output.h"
 #include "sim/card/commands.h"
 
-#include <bit>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -34,40 +33,62 @@ constexpr pt_format peek_format("%d %d registers local rdma memory dram i2c spi 
 constexpr pt_format poke_format("%d %d %d registers local rdma memory dram i2c spi chan-spi fan config xadc "
                                 "readout-mode dma-block mgt-drp raw eeprom = %d");
 
-// The two formats have the same words at the same places, in the order of card_target.
-std::optional<card_run> run_of(int quals, int cn, int address) {
-    const auto mask = static_cast<unsigned>(quals);
-    if (!std::has_single_bit(mask)) {
+template <const pt_format &Format>
+constexpr typename pt_qualifiers<Format>::template choice<card_target> target_words[] = {
+    {"registers", card_target::registers},
+    {"local", card_target::local},
+    {"rdma", card_target::rdma},
+    {"memory", card_target::memory},
+    {"dram", card_target::dram},
+    {"i2c", card_target::i2c},
+    {"spi", card_target::spi},
+    {"chan-spi", card_target::chan_spi},
+    {"fan", card_target::fan},
+    {"config", card_target::config},
+    {"xadc", card_target::xadc},
+    {"readout-mode", card_target::readout_mode},
+    {"dma-block", card_target::dma_block},
+    {"mgt-drp", card_target::mgt_drp},
+    {"raw", card_target::raw},
+    {"eeprom", card_target::eeprom},
+};
+
+// One word, or byte, of the address space that a command names.
+template <const pt_format &Format> std::optional<card_run> run_of(int quals, int cn, int address) {
+    const std::optional<card_target> target = pt_qualifiers<Format>(quals).only(target_words<Format>);
+    if (!target) {
         sv_printf(cn, "! Please say what the address is of\n");
         return std::nullopt;
     }
-    const auto target = static_cast<card_target>(std::countr_zero(mask));
-    return card_run{target, target == card_target::i2c ? 1u : 4u, static_cast<std::uint32_t>(address)};
+    return card_run{*target, *target == card_target::i2c ? 1u : 4u, static_cast<std::uint32_t>(address)};
+}
+
+int write_word(int cn, card &c, const card_run &run, int value) {
+    const auto word = static_cast<std::uint32_t>(value);
+    std::lock_guard guard(cards.lock);
+    if (card_write(c, run, {&word, 1}))
+        return 0;
+    sv_printf(cn, "! Address 0x%x takes nothing\n", run.address);
+    return -1;
 }
 
 int peek(int quals, int cn, int position, int address) {
     card *c = commands_card(cn, position);
-    const std::optional<card_run> run = c ? run_of(quals, cn, address) : std::nullopt;
+    const std::optional<card_run> run = c ? run_of<peek_format>(quals, cn, address) : std::nullopt;
     if (!run)
         return -1;
     std::uint32_t word = 0;
     std::lock_guard guard(cards.lock);
-    if (!card_read(*c, *run, {&word, 1}))
-        sv_printf(cn, "! Nothing at address 0x%x\n", run->address);
-    return static_cast<int>(word);
+    if (card_read(*c, *run, {&word, 1}))
+        return static_cast<int>(word);
+    sv_printf(cn, "! Nothing at address 0x%x\n", run->address);
+    return -1;
 }
 
 int poke(int quals, int cn, int position, int address, int value) {
     card *c = commands_card(cn, position);
-    const std::optional<card_run> run = c ? run_of(quals, cn, address) : std::nullopt;
-    if (!run)
-        return -1;
-    const auto word = static_cast<std::uint32_t>(value);
-    std::lock_guard guard(cards.lock);
-    if (card_write(*c, *run, {&word, 1}))
-        return 0;
-    sv_printf(cn, "! Address 0x%x takes nothing\n", run->address);
-    return -1;
+    const std::optional<card_run> run = c ? run_of<poke_format>(quals, cn, address) : std::nullopt;
+    return run ? write_word(cn, *c, *run, value) : -1;
 }
 
 int get_register(int, int cn, int position, int chan, int region, int offset) {
@@ -89,11 +110,14 @@ int get_global(int, int cn, int position, int offset) {
 }
 
 int set_global(int, int cn, int position, int offset, int value) {
-    constexpr int global_block = 15 << 20 | 15 << 16;
-    const bool local = cards.cards.front()->kind->local_globals;
-    const card_target target = local ? card_target::local : card_target::registers;
-    return poke(1 << static_cast<int>(target), cn, position, 4 * (local ? offset : global_block | offset),
-                value);
+    card *c = commands_card(cn, position);
+    if (!c)
+        return -1;
+    const auto word = static_cast<std::uint32_t>(offset);
+    const card_run run = c->kind->local_globals
+                             ? card_run{card_target::local, 4, 4 * word}
+                             : card_run{card_target::registers, 4, 4 * (global_block | word)};
+    return write_word(cn, *c, run, value);
 }
 
 // The last requests, oldest first, one a line.

@@ -11,6 +11,11 @@ namespace {
 
 constexpr std::uint32_t number_mask = 0xfffffff;
 
+// -1 fits all.
+bool fits(int wanted, std::uint32_t is) {
+    return wanted == -1 || static_cast<std::uint32_t>(wanted) == is;
+}
+
 // Faults of a whole frame ask no packet.
 bool is_of_frame(packet_fault fault) {
     return fault >= packet_fault::lose_frame;
@@ -105,51 +110,64 @@ bool packet_rules::used(packet_rule &rule) {
     return true;
 }
 
+void packet_rules::change_frame(packet_rule &rule, std::vector<card_packet> &packets, frame_fate &fate) {
+    if (!used(rule))
+        return;
+    const std::size_t before = packets.size();
+    switch (rule.fault) {
+    case packet_fault::lose_frame:
+        packets.clear();
+        break;
+    case packet_fault::lose_tail:
+        packets.resize(std::min(before, static_cast<std::size_t>(rule.packet < 0 ? 1 : rule.packet)));
+        break;
+    case packet_fault::junk:
+        packets.insert(packets.begin(), nonsense(static_cast<std::size_t>(std::max(rule.argument, 0))));
+        break;
+    default: // swap_frames
+        fate.hold = true;
+        break;
+    }
+    fate.withheld += before - std::min(before, packets.size());
+}
+
+// One packet; the index of the last one that it became (the one before it when it is gone).
+std::size_t packet_rules::change_packet(const packet_rule &rule, std::size_t i, std::size_t largest,
+                                        std::vector<card_packet> &packets, frame_fate &fate) {
+    const auto at = packets.begin() + static_cast<std::ptrdiff_t>(i);
+    switch (rule.fault) {
+    case packet_fault::lose:
+        packets.erase(at);
+        ++fate.withheld;
+        return i - 1;
+    case packet_fault::repeat:
+        packets.insert(at, copy_of(*at));
+        return i + 1;
+    case packet_fault::swap:
+        std::swap(packets[i], packets[i + 1]);
+        return i + 1;
+    default:
+        change(*at, rule, largest);
+        return i;
+    }
+}
+
 frame_fate packet_rules::apply(int card, int stream, std::uint32_t frame, std::size_t largest,
                                std::vector<card_packet> &packets) {
     frame_fate fate;
-    const auto fits = [](int wanted, std::uint32_t is) {
-        return wanted == -1 || static_cast<std::uint32_t>(wanted) == is;
-    };
     for (packet_rule &rule : rules_) {
         if (!fits(rule.card, static_cast<std::uint32_t>(card)) ||
             !fits(rule.stream, static_cast<std::uint32_t>(stream)) || !fits(rule.frame, frame))
             continue;
         if (is_of_frame(rule.fault)) {
-            if (!used(rule))
-                continue;
-            const std::size_t before = packets.size();
-            if (rule.fault == packet_fault::lose_frame)
-                packets.clear();
-            else if (rule.fault == packet_fault::lose_tail)
-                packets.resize(std::min(before, static_cast<std::size_t>(rule.packet < 0 ? 1 : rule.packet)));
-            else if (rule.fault == packet_fault::junk)
-                packets.insert(packets.begin(),
-                               nonsense(static_cast<std::size_t>(std::max(rule.argument, 0))));
-            else
-                fate.hold = true;
-            fate.withheld += before - std::min(before, packets.size());
+            change_frame(rule, packets, fate);
             continue;
         }
-        for (std::size_t i = 0; i < packets.size(); ++i) {
-            const bool last = i + 1 == packets.size();
-            if (packets[i].bare || !fits(rule.packet, packets[i].trailer[1] & number_mask) ||
-                (rule.fault == packet_fault::swap && last) || !used(rule))
-                continue;
-            const auto at = packets.begin() + static_cast<std::ptrdiff_t>(i);
-            if (rule.fault == packet_fault::lose) {
-                packets.erase(at);
-                ++fate.withheld;
-                --i;
-            } else if (rule.fault == packet_fault::repeat) {
-                packets.insert(at, copy_of(*at));
-                ++i;
-            } else if (rule.fault == packet_fault::swap) {
-                std::swap(packets[i], packets[i + 1]);
-                ++i;
-            } else {
-                change(*at, rule, largest);
-            }
+        for (std::size_t i = 0; i < packets.size(); ++i) { // `i` wraps below 0 for a moment
+            const bool alone = rule.fault == packet_fault::swap && i + 1 == packets.size();
+            if (!packets[i].bare && !alone && fits(rule.packet, packets[i].trailer[1] & number_mask) &&
+                used(rule))
+                i = change_packet(rule, i, largest, packets, fate);
         }
     }
     rules_.remove_if([](const packet_rule &rule) { return rule.times == 0; });

@@ -66,7 +66,10 @@ class packet_rules {
                      std::vector<card_packet> &packets);
 
   private:
-    bool used(packet_rule &rule);
+    bool used(packet_rule &rule); // once more, if chance wills
+    void change_frame(packet_rule &rule, std::vector<card_packet> &packets, frame_fate &fate);
+    std::size_t change_packet(const packet_rule &rule, std::size_t i, std::size_t largest,
+                              std::vector<card_packet> &packets, frame_fate &fate);
     std::list<packet_rule> rules_;
     card_random random_{1};
 };

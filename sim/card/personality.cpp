@@ -36,7 +36,8 @@ constexpr order_rule orders[] = {
     {code_resend, 3}, {code_build_debug, 6}, {code_print, 3}, {code_reuse, 3},
 };
 
-constexpr std::size_t descriptors_max = 1 << 20;
+constexpr std::uint32_t dma_bytes_max = 64 << 20; // of one order
+constexpr std::size_t descriptors_max = 1 << 16;
 
 void reset(dma_stream &s) {
     s.next_frame = 0;
@@ -46,7 +47,8 @@ void reset(dma_stream &s) {
 
 // Cuts [address, address + bytes) of the card's memory into blocks, one descriptor each.
 bool build(dma_stream &s, std::uint32_t address, std::uint32_t bytes, std::uint32_t block) {
-    if (block == 0 || bytes == 0 || block % 4 != 0 || address % 4 != 0 || bytes / block >= descriptors_max)
+    if (block == 0 || bytes == 0 || bytes > dma_bytes_max || block % 4 != 0 || address % 4 != 0 ||
+        bytes / block >= descriptors_max || address > 0xffffffff - bytes)
         return false;
     s.descriptors.clear();
     for (std::uint32_t done = 0; done < bytes; done += std::min(block, bytes - done))
@@ -77,11 +79,14 @@ void start(card &c, std::size_t stream, words a, bool again) {
 
 // Words that rise by a step: address and size in bytes, first word, step.
 bool test_pattern(card &c, words a) {
-    if (a[0] % 4 != 0)
+    if (a[0] % 4 != 0 || a[1] > dma_bytes_max || a[0] > 0xffffffff - a[1])
         return false;
-    std::uint32_t value = a[2];
-    for (std::uint64_t i = 0; i < a[1] / 4; ++i, value += a[3])
-        c.words(card_target::memory).set((a[0] / 4 + i) & 0x3fffffff, value);
+    std::vector<std::uint32_t> pattern(a[1] / 4);
+    for (std::uint32_t value = a[2]; std::uint32_t & word : pattern) {
+        word = value;
+        value += a[3];
+    }
+    c.words(card_target::memory).write(a[0] / 4, pattern);
     return true;
 }
 

@@ -6,6 +6,9 @@
 #include "sim/card/card.h"
 #include "sim/card/personality.h"
 #include "sim/card/protocol.h"
+#include "support/byte_order.h"
+
+#include <cstring>
 
 namespace kestrel {
 
@@ -92,6 +95,11 @@ void acknowledge(const request1 &r, std::uint32_t count, std::span<const std::ui
 // The payload's items, each of `width` bytes.
 std::vector<std::uint32_t> items_of(std::span<const std::uint8_t> payload, std::uint32_t width) {
     std::vector<std::uint32_t> items(payload.size() / width);
+    if (width == 4) {
+        std::memcpy(items.data(), payload.data(), 4 * items.size());
+        unif_swab_l(items.data(), items.size());
+        return items;
+    }
     for (std::size_t i = 0; i < items.size(); ++i)
         items[i] = big(payload.data() + i * width, width);
     return items;

@@ -42,14 +42,14 @@ USUAL = "0.0S 0.1E 1.0S 1.1E 2.0S 2.1E"
     ("lose-tail frame 2", "0.0S 0.1E 1.0S 1.1E 2.0S"),
     ("swap-frames frame 0", "1.0S 1.1E 0.0S 0.1E 2.0S 2.1E"),
     ("pad frame 1 packet 1 argument 3", "0.0S 0.1E 1.0S 1.1EP+8204 2.0S 2.1E"),
-    ("delay frame 0 packet 1 argument 80", "0.0S 1.0S 1.1E 2.0S 2.1E 0.1E"),
+    ("delay frame 0 packet 1 argument 300", "0.0S 1.0S 1.1E 2.0S 2.1E 0.1E"),
     ("lose rate 1.0", ""),
 ])
 def test_each_fault(host, fault, expected):
     program = host.program
     before = program.do("card count 0 withheld")
     program.do(f"packets fault 0 0 {fault}")
-    assert sent(host, wait=0.1 if "delay" in fault else 0) == expected
+    assert sent(host, wait=0.4 if "delay" in fault else 0) == expected
     assert host.program.do("packets waiting") == ("rate" in fault)
     program.do("packets no-faults")
     if "lose" in fault:
