@@ -108,6 +108,8 @@ int add_elements(int cn, const line_choice &choice, peak_fit_lines &lines) {
     return choice.named_element ? add_element(cn, *choice.named_element, lines) : 0;
 }
 
+constexpr double highest_energy = 1e6; // keV: beyond any X-ray, and safe to reckon with
+
 int add_user_peaks(int cn, const line_choice &choice, peak_fit_lines &lines) {
     const auto count = std::count_if(choice.peak.begin(), choice.peak.end(),
                                      [](const auto &peak) { return peak.has_value(); });
@@ -119,8 +121,9 @@ int add_user_peaks(int cn, const line_choice &choice, peak_fit_lines &lines) {
             return -1;
         }
         const double energy = *peak;
-        if (!(energy > 0.0 && energy < 1e6)) {
-            sv_printf(cn, "! ERROR: Energy of peak %d should be > 0 keV, not %g\n", i, energy);
+        if (!(energy > 0.0 && energy < highest_energy)) {
+            sv_printf(cn, "! ERROR: Energy of peak %d should be above 0 and below %g keV, not %g\n", i,
+                      highest_energy, energy);
             return -1;
         }
         if (!add_line(lines, energy, 0.0, false))
