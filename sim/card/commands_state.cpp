@@ -195,10 +195,16 @@ int count(int quals, int cn, int position) {
 constinit const PARSE_TREE commands_state[] = {
     pt_command<peek>(
         "peek", peek_format, "read one word (I2C: byte) of a card",
-        "Card/Address as on the wire/registers of channels/generation-4 globals/data link/histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/raw registers/EEPROM"),
+        "Card/Address as on the wire/registers of channels/generation-4 globals/data link/"
+        "histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/"
+        "configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/"
+        "raw registers/EEPROM"),
     pt_command<poke>(
         "poke", poke_format, "write one word (I2C: byte) of a card",
-        "Card/Address as on the wire/Value/registers of channels/generation-4 globals/data link/histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/raw registers/EEPROM"),
+        "Card/Address as on the wire/Value/registers of channels/generation-4 globals/data link/"
+        "histograms, scalers, scope data/playback memory/I2C devices/SPI/a channel's SPI/fan/"
+        "configuration store/FPGA monitor/mini model's readout mode/DMA or clock block/transceivers/"
+        "raw registers/EEPROM"),
     pt_command<get_register>("get-register", "%d %d %d %d = %d", "read a channel's register",
                              "Card/Channel/Region/Offset in words"),
     pt_command<get_global>("get-global", "%d %d = %d", "read a global register", "Card/Offset in words"),

@@ -17,8 +17,8 @@ unique_fd datagrams_socket(std::uint32_t address, std::uint16_t port);
 
 class datagram_sender {
   public:
-    // Sends the packets, each with its trailer, in order; runs of equal ones leave as one buffer that the kernel (or the
-    // receiver's GRO) cuts. Returns how many were taken.
+    // Sends the packets, each with its trailer, in order; runs of equal ones leave as one buffer that the kernel
+    // (or the receiver's GRO) cuts. Returns how many were taken.
     std::size_t send(int socket, const sockaddr_in &to, std::span<const card_packet> packets);
 
   private:

@@ -46,8 +46,8 @@ void fill_counts(card &c, int chan, const channel_format &format, std::uint64_t 
     std::ranges::copy(counted, scalers.begin());
 }
 
-// Events as the readout has them: energy, auxiliary bin, time stamp; the last of a time frame is marked. A frame without
-// events is a message without any.
+// Events as the readout has them: energy, auxiliary bin, time stamp; the last of a time frame is marked. A frame
+// without events is a message without any.
 void send_events(card &c, int chan) {
     std::vector<std::uint64_t> packed(events.size());
     std::ranges::transform(events, packed.begin(), [](const channel_event &e) {

@@ -1,4 +1,5 @@
-// sim/card: what a channel's detector sees, and what the channel makes of it in one time frame. Under the system's lock.
+// sim/card: what a channel's detector sees, and what the channel makes of it in one time frame. Under the system's
+// lock.
 #pragma once
 
 #include "sim/card/random.h"

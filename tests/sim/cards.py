@@ -20,8 +20,9 @@ class Program(Server):
 
     def __init__(self, scratch, *options):
         self.clients = []
-        self.net = f"127.{1 + os.getpid() % 250}.{1 + next(numbers) % 250}."
         for attempt in range(5):
+            number = os.getpid() + 250 * next(numbers)
+            self.net = f"127.{1 + number % 250}.{1 + number // 250 % 250}."
             self.port = free_port()
             Process.__init__(self, scratch, f"-base={self.net}1", f"-text={self.port}", *options, program=PROGRAM)
             if self.listens():
