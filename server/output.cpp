@@ -43,7 +43,8 @@ void print_to_server(std::string_view text) {
 }
 
 // Formats into the buffer; a text that is cut keeps its line end. Returns its length.
-int format_text(std::span<char> buffer, const char *format, va_list args) {
+__attribute__((format(printf, 2, 0))) int format_text(std::span<char> buffer, const char *format,
+                                                      va_list args) {
     const int wanted = std::vsnprintf(buffer.data(), buffer.size(), format, args);
     if (wanted < 0 || static_cast<std::size_t>(wanted) < buffer.size())
         return std::max(wanted, 0);
@@ -52,7 +53,8 @@ int format_text(std::span<char> buffer, const char *format, va_list args) {
     return static_cast<int>(buffer.size() - 1);
 }
 
-int print_formatted(int cn, std::span<char> buffer, const char *format, va_list args) {
+__attribute__((format(printf, 3, 0))) int print_formatted(int cn, std::span<char> buffer, const char *format,
+                                                          va_list args) {
     const int length = format_text(buffer, format, args);
     sv_print(cn, {buffer.data(), static_cast<std::size_t>(length)});
     return length;

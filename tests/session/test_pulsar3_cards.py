@@ -136,3 +136,25 @@ def test_configuring_ends_with_the_server(start, play):
     assert sim.do("card count 0 open") == 1
     server.close()
     all_closed(sim, 1)
+
+
+@pytest.mark.parametrize("fault", ["refuse bus 0 times 100000", "refuse bus 1 after 40 times 100000"])
+def test_a_card_that_refuses_what_it_is_configured_with(server, client, play, fault):
+    sim = play("-cards=3", "-kind=4")
+    warm = held(server)
+    sim.do(f"control fault 0 {fault}")
+    value, lines = result(client, f"pulsar3 config 3 4 0 baseIP '{sim.net}1'")
+    assert value == -5 and lines[-1].startswith("! ERROR plr3_config: plr"), lines
+    assert held(server) == warm and not list(pathlib.Path("/dev/shm").glob("plr3_*"))
+    sim.do("control no-faults")
+    do(client, f"pulsar3 config 3 4 0 baseIP '{sim.net}1'")
+
+
+def test_cards_of_one_system_are_of_one_generation(server, client, play):
+    old = play("-kind=3")
+    a, b = old.net.split(".")[1:3]
+    play("-kind=4", f"-base={old.net}1", "-index=1")
+    warm = held(server)
+    line = f"pulsar3 config 2 1 0 baseIP '{old.net}1'"
+    assert client.lines(line)[-2:] == ["! ERROR plr3_do_config: card 1 is of generation 3, the first of 0", "* -1"]
+    assert held(server) == warm

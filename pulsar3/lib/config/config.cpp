@@ -93,7 +93,9 @@ int wrapped(int status) {
 
 int set_up(int path, const config_plan &plan) {
     const plr3_request &r = plan.asked;
-    int status = plr3_write_frames(path, r.num_tf);
+    int status = for_cards(path, plr3_check_frames);
+    if (status == 0)
+        status = plr3_write_frames(path, r.num_tf);
     if (status == 0)
         status = for_cards(path, [&r](PLR3Path &card) { return plr3_settle_readout_mode(card, r); });
     if (status == 0)
@@ -133,6 +135,11 @@ int plr3_config_init(const plr3_request &request) {
     opened_path guard(path);
     if (const int status = set_up(path, plan); status != 0)
         return status;
+    plr3_keep_data_areas(*plr3_path(path));
+    for_cards(path, [](PLR3Path &card) {
+        plr3_keep_data_areas(card);
+        return 0;
+    });
     plr3_save_config(as_asked, path);
     if (r.debug > 1)
         plr3_message(r.message_to, "Returning path %d\n", path);

@@ -32,7 +32,9 @@ void plr3_discard(int path);
 // readout_mode.cpp: settles what a mini model sends. Every other card is left alone.
 int plr3_settle_readout_mode(PLR3Path &card, const plr3_request &asked);
 
-// data_areas.cpp: the modules of a card, and that of the whole system for scope data.
+// data_areas.cpp: the modules of a card, and that of the whole system for scope data; new ones stay when they are kept.
+int plr3_check_frames(const PLR3Path &card);
+void plr3_keep_data_areas(PLR3Path &path);
 int plr3_make_data_areas(PLR3Path &card, const plr3_request &asked);
 int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked);
 

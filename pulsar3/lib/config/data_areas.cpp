@@ -19,24 +19,24 @@ bool fits(const module_view &view, const shape &s) {
     return view.data_type == MOD_U_INT32 && view.num_x == s.x && view.num_y == s.y && view.num_t == s.t;
 }
 
-int make(result_module &module, int to, const std::string &name, const shape &s) {
+// A module of ours that has another shape is made anew, one that somebody named is left to him.
+int make(result_module &module, int to, const std::string &name, const shape &s, bool ours) {
     if (module.find(name.c_str())) {
-        if (module.look(-1) == 0 && fits(module.view(), s)) {
-            module.keep();
+        if (module.look(-1) == 0 && fits(module.view(), s))
             return 0;
-        }
-        datamod_remove(name.c_str(), module.head()); // where that fails, making the new one says why
+        if (ours)
+            datamod_remove(name.c_str(), module.head()); // where that fails, making the new one says why
         module.reset();
     }
     const module_plan plan{mod_element::u_int32, s.x, s.y, s.t, s.is_3d};
     if (module.make(to, name.c_str(), plan) != 0)
         return plr3_fail(plr3_failed, "plr3_do_config: cannot make module '%s'", name.c_str());
-    module.keep();
     return 0;
 }
 
-// The rows of all frames must be countable.
-int check_frames(const PLR3Path &card) {
+} // namespace
+
+int plr3_check_frames(const PLR3Path &card) {
     const long long bytes = 4LL * plr3_default_bins * card.hist_frames_num_tf * card.chans_per_card;
     constexpr long long most = 1LL << 40;
     if (bytes <= most)
@@ -45,11 +45,12 @@ int check_frames(const PLR3Path &card) {
                      card.hist_frames_num_tf, card.chans_per_card);
 }
 
-} // namespace
+void plr3_keep_data_areas(PLR3Path &path) {
+    for (result_module *module : {&path.scope_mod, &path.hist_mod, &path.scalers_mod, &path.tf_status_mod})
+        module->keep();
+}
 
 int plr3_make_data_areas(PLR3Path &card, const plr3_request &asked) {
-    if (const int status = check_frames(card); status != 0)
-        return status;
     const std::string number = std::to_string(card.startingCard);
     const int frames = asked.num_tf, to = card.message_to;
     const bool mini = card.features.generation == PulsarGen3Mini;
@@ -58,7 +59,7 @@ int plr3_make_data_areas(PLR3Path &card, const plr3_request &asked) {
         !mini || (card.readout_mode & (Plr3mRd_SendHistFrames | Plr3mRd_SendHistList)) != 0;
     if (has_histograms)
         if (const int status = make(card.hist_mod, to, "plr3_hist" + number,
-                                    {plr3_default_bins, frames, card.chans_per_card, true});
+                                    {plr3_default_bins, frames, card.chans_per_card, true}, true);
             status != 0)
             return status;
     if (sends_scalers)
@@ -66,14 +67,14 @@ int plr3_make_data_areas(PLR3Path &card, const plr3_request &asked) {
     else if (card.features.soft_scalers)
         plr3_message(to, "Configuring software scalers for %d time frames\n", frames);
     if (const int status = make(card.scalers_mod, to, "plr3_scalers" + number,
-                                {plr3_nr_scalers, card.chans_per_card, frames, true});
+                                {plr3_nr_scalers, card.chans_per_card, frames, true}, true);
         status != 0)
         return status;
     card.total_scaler_num_tf = card.scaler_num_tf = static_cast<std::uint32_t>(frames);
     if (!has_histograms && !sends_scalers)
         return 0;
     return make(card.tf_status_mod, to, "plr3_tf_status" + number,
-                {card.chans_per_card, frames, status_planes, true});
+                {card.chans_per_card, frames, status_planes, true}, true);
 }
 
 int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked) {
@@ -83,7 +84,8 @@ int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked) {
         plr3_message(top.message_to, "Creating scope module name  '%s'\n", asked.modname.c_str());
     static constexpr int layouts[] = {0, 18, 12, 18}; // by generation
     top.mem_layout = layouts[top.features.generation];
-    return make(top.scope_mod, top.message_to, asked.modname, {scope_words, top.max_num_chan, 1, false});
+    return make(top.scope_mod, top.message_to, asked.modname, {scope_words, top.max_num_chan, 1, false},
+                asked.modname.starts_with("plr3_scope"));
 }
 
 } // namespace kestrel

@@ -14,12 +14,14 @@ constexpr int sub_frames_offset = 48;
 constexpr int timing_a_offset = 2, fixed_time_offset = 3, internal_frames_offset = 8;
 constexpr int chan_cont_offset = 2, chan_cont2_offset = 56;
 
+// Every step takes the path of one card.
+
 int write_channels(int path, int offset, std::uint32_t word) {
     return plr3_write_reg(path, -1, 0, offset, {&word, 1});
 }
 
-int write_cards(int path, int offset, std::uint32_t word) {
-    return plr3_write_card_reg(path, -1, offset, {&word, 1});
+int write_card(int path, int offset, std::uint32_t word) {
+    return plr3_write_card_reg(path, 0, offset, {&word, 1});
 }
 
 int write_windows(int path) {
@@ -32,7 +34,7 @@ int write_windows(int path) {
 
 int write_registers(int path) {
     for (const int offset : {timing_a_offset, fixed_time_offset, internal_frames_offset})
-        if (const int status = write_cards(path, offset, 0); status != 0)
+        if (const int status = write_card(path, offset, 0); status != 0)
             return status;
     for (const int offset : {chan_cont_offset, chan_cont2_offset})
         if (const int status = write_channels(path, offset, 0); status != 0)
@@ -54,28 +56,47 @@ int write_format(int path) {
     return plr3_set_register("plr3_config", path, -1, bits);
 }
 
+int write_sub_frames(int path) {
+    return write_channels(path, sub_frames_offset, 1);
+}
+
+// step(path of a card) for each card, up to the first that fails; ^C ends it between two.
+template <class F> int each_card(int path, F step) {
+    const PLR3Path &top = *plr3_path(path);
+    for (int card = 0; card < top.num_cards; ++card) {
+        if (plr3_interrupted())
+            return plr3_fail(plr3_failed, "interrupted");
+        if (const int status = step(plr3_leaf(top, path, card)); status != 0)
+            return status;
+    }
+    return 0;
+}
+
 } // namespace
 
 int plr3_write_frames(int path, int num_tf) {
     const register_field &frames = plr3_register_field("num-tf", "frames");
-    if (const int status = write_cards(path, frames.offset, static_cast<std::uint32_t>(num_tf)); status != 0)
-        return plr3_fail(status, "plr3_config: %s", plr3_get_error_message());
-    return 0;
+    const int status = each_card(
+        path, [&](int card) { return write_card(card, frames.offset, static_cast<std::uint32_t>(num_tf)); });
+    return status == 0 ? 0 : plr3_fail(status, "plr3_config: %s", plr3_get_error_message());
 }
 
 int plr3_write_defaults(int path) {
-    const int to = plr3_path(path)->message_to;
-    plr3_message(to, "Initialising hardware registers\n");
-    if (const int status = write_registers(path); status != 0)
-        return status;
-    plr3_message(to, "Initialising hardware BRAM\n");
-    if (const int status = clear_memories(path); status != 0)
-        return status;
-    plr3_message(to, "Setting default format_run\n");
-    if (const int status = write_format(path); status != 0)
-        return status;
-    plr3_message(to, "Configuring Firmware scalars\n");
-    return write_channels(path, sub_frames_offset, 1);
+    static constexpr struct {
+        const char *told;
+        int (*step)(int path);
+    } steps[] = {
+        {"Initialising hardware registers\n", write_registers},
+        {"Initialising hardware BRAM\n", clear_memories},
+        {"Setting default format_run\n", write_format},
+        {"Configuring Firmware scalars\n", write_sub_frames},
+    };
+    for (const auto &[told, step] : steps) {
+        plr3_message(plr3_path(path)->message_to, "%s", told);
+        if (const int status = each_card(path, step); status != 0)
+            return status;
+    }
+    return 0;
 }
 
 } // namespace kestrel

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <future>
-#include <string>
+#include <system_error>
 
 namespace kestrel {
 
@@ -16,24 +16,30 @@ constexpr int old_firmware = 16; // bits 12..23 of the revision below this: up t
 constexpr int old_channels = 9;
 
 struct connection {
-    std::unique_ptr<FemHandle> handle;
-    std::string error; // when there is none
+    std::unique_ptr<FemHandle> handle; // null: there is none
 };
 
 connection connect(const card_addresses &card, int port1, int port2) {
     connection made;
     made.handle = pulsar3FemInitialise(card.femIPaddress.c_str(), port1, port2);
-    if (!made.handle)
-        made.error = plr3_get_error_message();
     return made;
 }
 
-// Without memory for another thread the cards come one after the other.
+std::future<connection> start_connecting(const config_plan &plan, const card_addresses &card) {
+    const auto connecting = [&plan, &card] { return connect(card, plan.fem_port1, plan.fem_port2); };
+    if (plan.cards.size() == 1)
+        return std::async(std::launch::deferred, connecting);
+    try {
+        return std::async(std::launch::async, connecting);
+    } catch (const std::system_error &) { // no thread can be made: this card when its turn comes
+        return std::async(std::launch::deferred, connecting);
+    }
+}
+
 std::vector<connection> connect_all(const config_plan &plan) {
-    const auto policy = plan.cards.size() > 1 ? std::launch::async : std::launch::deferred;
     std::vector<std::future<connection>> waiting;
     for (const card_addresses &card : plan.cards)
-        waiting.push_back(std::async(policy, connect, std::cref(card), plan.fem_port1, plan.fem_port2));
+        waiting.push_back(start_connecting(plan, card));
     std::vector<connection> made;
     for (std::future<connection> &one : waiting)
         made.push_back(one.get());
@@ -99,6 +105,8 @@ int count_channels(PLR3Path &card) {
 
 int connect_card(PLR3Path &card, connection &made, const card_addresses &addresses, int port) {
     card.femHandle = std::move(made.handle);
+    if (!card.femHandle && plr3_interrupted())
+        return plr3_fail(plr3_failed, "plr3_config: interrupted");
     if (!card.femHandle)
         return plr3_fail(plr3_failed, "plr3_config: Cannot initialise Fem %s on port %d",
                          addresses.femIPaddress.c_str(), port);
@@ -149,6 +157,18 @@ int open_leaf(const config_plan &plan, std::size_t index, connection *made) {
     return status;
 }
 
+// The cards of a system are of one generation: its registers are reached by that. The leaf, or a status with the leaf
+// closed.
+int check_alike(const PLR3Path &node, int leaf, int card) {
+    const int first = node.features.generation;
+    const int own = Plr3Sys[static_cast<std::size_t>(leaf)].features.generation;
+    if (own == first)
+        return leaf;
+    plr3_discard(leaf);
+    return plr3_fail(plr3_failed, "plr3_do_config: card %d is of generation %d, the first of %d", card, own,
+                     first);
+}
+
 int open_node(const config_plan &plan, std::span<connection> made) {
     const int path = take_path(plan.asked);
     if (path < 0)
@@ -160,7 +180,9 @@ int open_node(const config_plan &plan, std::span<connection> made) {
     node.hist_frames_num_tf = static_cast<std::uint32_t>(plan.asked.num_tf);
     plr3_message(node.message_to, "plr3_config: Configuring %s on path %d\n", "node", path);
     for (std::size_t i = 0; i < plan.cards.size(); ++i) {
-        const int leaf = open_leaf(plan, i, made.empty() ? nullptr : &made[i]);
+        int leaf = open_leaf(plan, i, made.empty() ? nullptr : &made[i]);
+        if (leaf >= 0 && i > 0)
+            leaf = check_alike(node, leaf, static_cast<int>(i));
         if (leaf < 0) {
             plr3_message(node.message_to, "Opening sub-path failed\n");
             plr3_discard(path);

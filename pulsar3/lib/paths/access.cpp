@@ -100,8 +100,11 @@ template <class F> int for_channels(const char *function, int path, int chan, in
     if (chan >= 0)
         return for_channel(function, path, chan, offset, access);
     int status = 0;
-    for (int each = 0; each < p->num_chan; ++each)
+    for (int each = 0; each < p->num_chan; ++each) {
         status = for_channel(function, path, each, offset, access);
+        if (status != 0 && plr3_interrupted()) // each of them may be waited for
+            return status;
+    }
     return status;
 }
 
@@ -145,6 +148,8 @@ int for_cards(const char *function, int path, int card, int offset, bool generat
             return plr3_fail(plr3_illegal_sub_path, "%s: resolved illegal sub path (path=%d)", function,
                              leaf);
         status = told(function, offset, access(Plr3Sys[static_cast<std::size_t>(leaf)]));
+        if (status != 0 && plr3_interrupted())
+            return status;
     }
     return status;
 }

@@ -13,6 +13,8 @@ int plr3_set_register(const char *function, int path, int chan_or_card, std::spa
 }
 
 int plr3_set_window(int path, int chan, int window, int low, int high) {
+    if (!plr3_path(path))
+        return plr3_fail(plr3_invalid_path, "plr3_set_window: invalid path %d", path);
     if (window != 0 && window != 1)
         return plr3_fail(plr3_out_of_range, "plr3_set_window: window %d is out of range 0..1", window);
     if (low > high)

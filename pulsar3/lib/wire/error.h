@@ -25,8 +25,8 @@ int plr3_fail(int status, const char *format, ...) __attribute__((format(printf,
 const char *plr3_get_error_message(); // of the calling thread
 
 // What a path says while it works ("#" of debug levels, warnings) goes to whoever configured it. The server fills
-// the hook; without one, and when that session is gone, it goes to standard output. `to` is what the server gave
-// plr3_set_message_target before the call that configured; -1 is standard output.
+// the hook; without one, and when that session is gone, it goes to standard output. `to` is what the request to
+// configure named; -1 is standard output.
 extern void (*plr3_message_hook)(int to, std::string_view text);
 void plr3_message(int to, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
