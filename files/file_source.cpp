@@ -1,6 +1,7 @@
 // Data files as sources of unified handles: file open and file close.
 #include "files/ascii_file.h"
 #include "files/commands.h"
+#include "files/image_trial.h"
 #include "parser/qualifiers.h"
 #include "server/output.h"
 #include "support/byte_order.h"
@@ -239,9 +240,12 @@ int open_image(int cn, data_file &file) {
     std::int64_t size = 0;
     if (open_data(cn, file.name, file.fd, size) != 0)
         return -1;
+    std::string error = try_image(file.fd.get());
+    if (!error.empty())
+        return fault(cn, file.name, error);
+    // By its descriptor: the name may stand for another file by now.
     file.tessera = std::make_unique<tessera_reader>();
-    std::string error;
-    if (!file.tessera->open(file.name, error))
+    if (!file.tessera->open("/proc/self/fd/" + std::to_string(file.fd.get()), error))
         return fault(cn, file.name, error);
     const tessera_shape shape = file.tessera->shape();
     file.nx = shape.nx;

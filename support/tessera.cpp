@@ -7,6 +7,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <hdf5.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -313,6 +314,44 @@ bool tessera_reader::read(void *buffer, int x, int y, int t, int dx, int dy, int
     return H5Sselect_hyperslab(in_file.get(), H5S_SELECT_SET, start + skip, nullptr, count + skip, nullptr) >=
                0 &&
            H5Dread(data_.get(), memory_type(type_), in_memory.get(), in_file.get(), H5P_DEFAULT, buffer) >= 0;
+}
+
+// A box to read in one go: whole chunks, since the library unpacks a chunk anew for each part of it, and as many as
+// make reading cheap.
+tessera_shape tessera_reader::piece() const {
+    constexpr long long enough = 1 << 20; // elements
+    const long long all[3] = {shape_.nx, shape_.ny, shape_.nt};
+    hsize_t chunk[3] = {1, 1, 1};
+    const auto made = own<H5Pclose>(H5Dget_create_plist(data_.get()));
+    if (H5Pget_layout(made.get()) == H5D_CHUNKED)
+        H5Pget_chunk(made.get(), rank_, chunk + (3 - rank_));
+    long long box[3];
+    for (int i = 0; i < 3; ++i)
+        box[i] = std::min(static_cast<long long>(chunk[2 - i]), all[i]);
+    for (int i = 0; i < 3; ++i) {
+        const long long others = box[(i + 1) % 3] * box[(i + 2) % 3];
+        const long long times = std::max(1LL, enough / std::max(1LL, others * box[i]));
+        box[i] = std::min(box[i] * times, all[i]);
+    }
+    return {static_cast<int>(box[0]), static_cast<int>(box[1]), static_cast<int>(box[2])};
+}
+
+bool tessera_reader::read_all(std::string &error) const {
+    const auto [nx, ny, nt] = piece();
+    const auto buffer = std::make_unique_for_overwrite<std::byte[]>(
+        static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * static_cast<std::size_t>(nt) *
+        static_cast<std::size_t>(element_size(type_)));
+    for (long long t = 0; t < shape_.nt; t += nt)
+        for (long long y = 0; y < shape_.ny; y += ny)
+            for (long long x = 0; x < shape_.nx; x += nx)
+                if (!read(buffer.get(), static_cast<int>(x), static_cast<int>(y), static_cast<int>(t),
+                          static_cast<int>(std::min<long long>(nx, shape_.nx - x)),
+                          static_cast<int>(std::min<long long>(ny, shape_.ny - y)),
+                          static_cast<int>(std::min<long long>(nt, shape_.nt - t)))) {
+                    error = "cannot read dataset " + dataset_;
+                    return false;
+                }
+    return true;
 }
 
 } // namespace kestrel

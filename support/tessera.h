@@ -88,8 +88,11 @@ class tessera_reader {
     const std::string &dataset() const { return dataset_; }
     // Fills the buffer with a box, x fastest, then y, then t. The box must lie within the shape.
     bool read(void *buffer, int x, int y, int t, int dx, int dy, int dt) const;
+    // Reads everything once and keeps nothing: whether it can be read.
+    bool read_all(std::string &error) const;
 
   private:
+    tessera_shape piece() const;
     bool take_dataset(std::string &error);
 
     tessera_id file_;

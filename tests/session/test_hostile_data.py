@@ -7,6 +7,7 @@ import time
 import h5py
 import numpy as np
 
+import kestrel_data
 import kestrel_session
 from kestrel_data import do, refused
 
@@ -94,6 +95,37 @@ def test_images_that_keep_their_data_elsewhere_are_refused(server, client):
             f"! ERROR: file '{name}': dataset /data keeps its data in other files"]
 
 
+def test_images_that_the_library_does_not_survive(server, client, names, still):
+    """It crashes over the first, has no memory for the second, and is at the third for hours."""
+    good = np.arange(64, dtype="f4").reshape(8, 8)
+    for name in "good.h5", "bad.h5":
+        with h5py.File(server.cwd / name, "w") as f:
+            f["data"] = good
+    image = (server.cwd / "bad.h5").read_bytes()
+    at = image.index(b"TREE") + 32
+    (server.cwd / "bad.h5").write_bytes(image[:at] + b"\xff" * 8 + image[at + 8:])
+    for name, chunk in ("large.h5", 30000), ("endless.h5", 1000):
+        with h5py.File(server.cwd / name, "w") as f:
+            f.create_dataset("data", (2000000000, 2000000000), "f4", chunks=(chunk, chunk))
+    before = kestrel_data.held(server)
+    crash = "! ERROR: file 'bad.h5': is corrupt: the HDF5 library crashes over it (Segmentation fault)"
+    assert refused(client, "file open 'bad.h5' tessera") == [crash]
+    assert refused(client, f"module load 'bad.h5' '{names('m')}' tessera") == [
+        crash, "! ERROR: Cannot open file using command 'file open 'bad.h5' tessera'"]
+    if kestrel_session.SCALE == 1:  # a sanitizer's memory has no limit
+        assert refused(client, "file open 'large.h5' tessera") == [
+            "! ERROR: file 'large.h5': needs more than 2048 MB of memory to be read"]
+    client.send("file open 'endless.h5' tessera\n")
+    client.expect_silence()
+    server.interrupt()
+    assert client.recv_prompt().decode().splitlines()[-2:] == [
+        "! ERROR: file 'endless.h5': opening it was interrupted", "* -1"]
+    children = f"/proc/{server.process.pid}/task/{server.process.pid}/children"
+    assert kestrel_data.held(server) == before and open(children).read() == ""
+    do(client, f"module load 'good.h5' '{names('m')}' tessera")
+    assert (kestrel_data.Module(names("m")).data == good).all()
+
+
 def test_titles_cannot_speak_for_the_server(client, names):
     name = names("m")
     do(client, f"module create '{name}' 4 4 header")
@@ -146,7 +178,7 @@ def test_a_load_that_fails_leaves_no_module(server, client, names, still):
         f.seek(offset + length // 2)
         f.write(b"\xff" * 20)
     said = refused(client, f"module load 'bad.h5' '{name}' tessera")
-    assert "! file 'bad.h5': cannot read dataset /data" in said, said
+    assert said[0] == "! ERROR: file 'bad.h5': cannot read dataset /data", said
     assert not os.path.exists("/dev/shm/" + name)
 
 

@@ -31,7 +31,7 @@ def options():
 
 def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
-    assert files == ["bin/kestrel", "include/kestrel/kestrel_module.h",
+    assert files == ["bin/kestrel", "bin/kestrel-try-image", "include/kestrel/kestrel_module.h",
                      "share/bash-completion/completions/kestrel", "share/man/man1/kestrel.1"]
     assert run(prefix / "bin/kestrel", "-server?").returncode == 1
     source = f'#include "{prefix}/include/kestrel/kestrel_module.h"\n'
