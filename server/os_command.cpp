@@ -25,7 +25,7 @@ constexpr const char *output_name = ".fork_temp";
 constexpr std::size_t piece_size = 256;
 
 constexpr pid_t unknown_group = -1; // of a shell that did not start
-constexpr int stop_look_ms = 100; // how soon a command that stopped is noticed
+constexpr int stop_look_ms = 100;   // how soon a command that stopped is noticed
 
 // In direct mode on a terminal the command has the terminal while it runs, ^C included. A shell may have taken
 // it from either meanwhile, and keeps it then.
