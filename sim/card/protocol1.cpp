@@ -95,6 +95,8 @@ void acknowledge(const request1 &r, std::uint32_t count, std::span<const std::ui
 // The payload's items, each of `width` bytes.
 std::vector<std::uint32_t> items_of(std::span<const std::uint8_t> payload, std::uint32_t width) {
     std::vector<std::uint32_t> items(payload.size() / width);
+    if (items.empty())
+        return items;
     if (width == 4) {
         std::memcpy(items.data(), payload.data(), 4 * items.size());
         unif_swab_l(items.data(), items.size());

@@ -110,7 +110,7 @@ void acknowledge(const request2 &r, std::span<const std::uint32_t> data, std::ui
 std::vector<std::uint32_t> items_of(std::span<const std::uint8_t> data, std::size_t count,
                                     std::uint32_t width) {
     std::vector<std::uint32_t> items(count);
-    if (width == 4)
+    if (width == 4 && count > 0)
         std::memcpy(items.data(), data.data(), 4 * count);
     for (std::size_t i = 0; width != 4 && i < count; ++i)
         std::memcpy(&items[i], data.data() + i * width, width);
