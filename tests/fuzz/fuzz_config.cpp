@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 using namespace kestrel;
@@ -48,10 +49,17 @@ void check_addresses(const plr3_request &r) {
         std::abort();
 }
 
+void remove_modules() {
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm"))
+        if (entry.path().filename().string().starts_with("plr3_"))
+            std::filesystem::remove(entry.path());
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     plr3_message_hook = [](int, std::string_view) {};
+    [[maybe_unused]] static const int registered = std::atexit(remove_modules);
     source in(data, size);
     plr3_request r;
     r.message_to = 0;

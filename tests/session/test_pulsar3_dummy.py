@@ -10,9 +10,14 @@ PREFIX = "plr3_"
 
 @pytest.fixture(autouse=True)
 def no_modules_left():
+    """None of ours stands there before or after a test."""
+    def remove():
+        for path in glob.glob(f"/dev/shm/{PREFIX}*"):
+            os.unlink(path)
+
+    remove()
     yield
-    for path in glob.glob(f"/dev/shm/{PREFIX}*"):
-        os.unlink(path)
+    remove()
 
 
 def fails(client, line, status=-1):
