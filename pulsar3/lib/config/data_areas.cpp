@@ -43,8 +43,9 @@ int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked) {
         plr3_message(top.message_to, "Creating scope module name  '%s'\n", asked.modname.c_str());
     static constexpr int layouts[] = {0, 18, 12, 18}; // by generation
     top.mem_layout = layouts[top.features.generation];
-    return plr3_make_module(top.scope_mod, top.message_to, asked.modname, {scope_words, top.max_num_chan, 1, false},
-                asked.modname.starts_with("plr3_scope"));
+    return plr3_make_module(top.scope_mod, top.message_to, asked.modname,
+                            {scope_words, top.max_num_chan, 1, false},
+                            asked.modname.starts_with("plr3_scope"));
 }
 
 } // namespace kestrel

@@ -31,8 +31,9 @@ int set_gap(FemHandle &fem) {
 int plr3_config_histogram_threads(int path, PLR3Path &card, const card_addresses &addresses, int port) {
     for (int chan = 0; chan < card.chans_per_card; ++chan) {
         Histogram &h = *card.histogram[static_cast<std::size_t>(chan)];
-        plr3_message(card.message_to, "Starting Histogram Thread for top path %d, channel=%d .... \n", path,
-                     h.chan_of_system);
+        if (card.debug)
+            plr3_message(card.message_to, "Starting Histogram Thread for top path %d, channel=%d .... \n",
+                         path, h.chan_of_system);
         h.udpsock.recvBuf = hist_socket_buffer;
         if (const int rc = plr3_udp_init(h.udpsock, addresses.host10GigeIPaddress.c_str(), port + 1 + chan,
                                          addresses.fem10GigeIPaddress.c_str(), port);

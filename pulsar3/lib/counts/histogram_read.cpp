@@ -125,9 +125,8 @@ int clear_channel(int path, int chan, int first, int count) {
     if (const int status = plr3_shape_of(path, chan, shape); status != 0)
         return status;
     if (!inside(first, count, shape.frames))
-        return plr3_fail(plr3_out_of_range,
-                         "plr3_histogram_clear: frames %d for %d are out of range 0..%d", first, count,
-                         shape.frames - 1);
+        return plr3_fail(plr3_out_of_range, "plr3_histogram_clear: frames %d for %d are out of range 0..%d",
+                         first, count, shape.frames - 1);
     PLR3Path &card = *plr3_path(card_path);
     const std::size_t begin = static_cast<std::size_t>(first) * shape.frame_words(),
                       words = static_cast<std::size_t>(count) * shape.frame_words();
@@ -197,8 +196,7 @@ int plr3_histogram_test_pattern(int path, bool inc) {
         const std::lock_guard guard(h.mutex);
         for (std::size_t word = 0; word < h.buffer.size(); ++word)
             h.buffer[word] = static_cast<std::uint32_t>(
-                inc ? word
-                    : 1000 * static_cast<std::size_t>(chan) + word / frame_words + word % frame_words);
+                inc ? word : 1000 * static_cast<std::size_t>(chan) + word / frame_words + word % frame_words);
     }
     return 0;
 }

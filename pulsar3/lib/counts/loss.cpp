@@ -40,7 +40,7 @@ int plr3_histogram_get_loss(int path, int chan, frame_loss &loss) {
     plr3_histogram_settled(*h); // what is due is accounted for
     const std::lock_guard guard(h->mutex);
     const frame_counts &c = h->frames.counts;
-    loss = {0,        c.whole, c.incomplete, c.missing, c.beyond, h->kernel_dropped,
+    loss = {0,      c.whole,    c.incomplete, c.missing, c.beyond, h->kernel_dropped,
             c.late, c.repeated, c.malformed};
     loss.sent = std::max<std::uint64_t>(c.reached, h->frames_sent.value_or(0));
     return 0;

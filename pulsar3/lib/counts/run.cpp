@@ -67,6 +67,11 @@ int prepare_card(int path, int card) {
     if (leaf.femHandle)
         if (const int status = pulsar3FemResetFrameCounter(*leaf.femHandle, 1); status != 0)
             return status;
+    if (leaf.readout && leaf.readout->failed)
+        if (const int status = plr3_readout_start(*leaf.readout); status != 0)
+            return status;
+    if (leaf.readout)
+        plr3_readout_quiet(*leaf.readout);
     for_channels(leaf, [&leaf](Histogram &h) {
         if (plr3_has_histograms(leaf))
             plr3_histogram_begin_run(h);
@@ -91,8 +96,8 @@ int start_system(const char *function, int path, int card, bool enable) {
     int first = 0, end = 0;
     if (const int status = card_range(function, path, card, first, end); status != 0)
         return status;
-    if (plr3_run_is_on(path))
-        if (const int status = plr3_histogram_stop(path, card); status != 0)
+    for (int one = first; one < end; ++one) // a run that is on, or was left on, ends
+        if (const int status = rmw_word(path, one, timing_a, stop_mask, 0); status != 0)
             return status;
     if (const int status = plr3_follow_formats(path); status != 0)
         return status;
@@ -131,10 +136,11 @@ constexpr enable_change continuing = {"plr3_histogram_continue", 0xFFFFFFFF, cou
 
 int refuse(const enable_change &change, int card, std::uint32_t word) {
     if (change.value == 0)
-        return plr3_fail(plr3_failed,
-                         "plr3_histogram_pause: System should be armed and ready in software timing mode, but "
-                         "Timea=%08X",
-                         word);
+        return plr3_fail(
+            plr3_failed,
+            "plr3_histogram_pause: System should be armed and ready in software timing mode, but "
+            "Timea=%08X",
+            word);
     return plr3_fail(plr3_failed,
                      "plr3_histogram_continue: System should be armed and ready on all cards and in software "
                      "timing mode or IKAIRO on card 0, but card %d Timea=%08X",
@@ -144,8 +150,7 @@ int refuse(const enable_change &change, int card, std::uint32_t word) {
 // The internal generator of card 0 may be continued: it gates the others.
 bool may_change(const enable_change &change, int card, std::uint32_t word) {
     const std::uint32_t source = word & source_bits;
-    return source <= plr3_timing_pauses ||
-           (change.value != 0 && card == 0 && source == plr3_timing_internal);
+    return source <= plr3_timing_pauses || (change.value != 0 && card == 0 && source == plr3_timing_internal);
 }
 
 int change_enable(const enable_change &change, int path, int card, bool force) {
@@ -296,8 +301,8 @@ int plr3_set_timing(int path, int card, const timing_request &request) {
         return status;
     const register_field &source = plr3_register_field("timing-a", "source");
     if (request.source > source.highest)
-        return plr3_fail(plr3_out_of_range, "plr3_set_timing: source %d is out of range 0..%d", request.source,
-                         source.highest);
+        return plr3_fail(plr3_out_of_range, "plr3_set_timing: source %d is out of range 0..%d",
+                         request.source, source.highest);
     for (const std::int64_t value : {request.fixed_ticks, request.frames})
         if (value > 0xFFFFFFFFLL)
             return plr3_fail(plr3_out_of_range, "plr3_set_timing: %lld is out of range 0..4294967295",
@@ -327,9 +332,9 @@ int plr3_get_progress(int path, int card, run_progress &progress) {
         if (const int status = read_word(path, card, offset, *word); status != 0)
             return status;
     const std::uint32_t source = timing & source_bits;
-    progress.asked = source == plr3_timing_software                    ? 1
+    progress.asked = source == plr3_timing_software                  ? 1
                      : source == plr3_timing_internal && frames != 0 ? frames
-                                                                       : leaf.scaler_num_tf;
+                                                                     : leaf.scaler_num_tf;
     progress.running = (status_word & is_running) != 0;
     progress.counting = (status_word & is_counting) != 0;
     progress.reached = ended;

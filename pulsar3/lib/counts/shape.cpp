@@ -79,8 +79,8 @@ void set_areas(PLR3Path &card, int frames) {
         frame_area area;
         area.frame_words = plr3_channel_shape(card, static_cast<int>(chan)).frame_words();
         h.buffer = words.subspan(chan * (words.size() / channels), words.size() / channels);
-        area.buffer = h.buffer.first(
-            std::min(h.buffer.size(), area.frame_words * static_cast<std::size_t>(frames)));
+        area.buffer =
+            h.buffer.first(std::min(h.buffer.size(), area.frame_words * static_cast<std::size_t>(frames)));
         area.status = &status[chan];
         area.missing = &status[chan + channels * static_cast<std::size_t>(frames)];
         area.pitch = channels;
@@ -115,7 +115,8 @@ int read_formats(int path, const PLR3Path &card, std::vector<std::uint32_t> &wor
     words.resize(static_cast<std::size_t>(card.chans_per_card));
     for (int chan = 0; chan < card.chans_per_card; ++chan) {
         std::uint32_t &word = words[static_cast<std::size_t>(chan)];
-        const int status = chan < card.num_chan ? plr3_read_reg(path, chan, 0, plr3_format_offset, {&word, 1}) : 0;
+        const int status =
+            chan < card.num_chan ? plr3_read_reg(path, chan, 0, plr3_format_offset, {&word, 1}) : 0;
         if (status != 0)
             return status;
         if (chan >= card.num_chan || card.num_chan == 0) // one that is not in use
@@ -250,7 +251,8 @@ int plr3_make_card_modules(PLR3Path &card) {
         if (const int status = make_histograms(card, shape); status != 0)
             return status;
     if (plr3_sends_scalers(card))
-        if (const int status = make_status(card.scalar_tf_status_mod, card, "plr3_scalar_tf_status", shape.frames);
+        if (const int status =
+                make_status(card.scalar_tf_status_mod, card, "plr3_scalar_tf_status", shape.frames);
             status != 0)
             return status;
     card.total_scaler_num_tf = card.scaler_num_tf = static_cast<std::uint32_t>(shape.frames);
@@ -269,8 +271,8 @@ void plr3_place_scalers(PLR3Path &card) {
     const std::size_t channels = static_cast<std::size_t>(card.chans_per_card);
     const std::span<std::uint32_t> status = plr3_words(card.scalar_tf_status_mod);
     const std::lock_guard guard(card.readout->mutex);
-    card.readout->scalers = {plr3_words(card.scalers_mod), status.first(status.size() / status_planes), channels,
-                             (card.run_flags & plr3_run_circular) != 0};
+    card.readout->scalers = {plr3_words(card.scalers_mod), status.first(status.size() / status_planes),
+                             channels, (card.run_flags & plr3_run_circular) != 0};
 }
 
 void plr3_keep_card_modules(PLR3Path &card) {

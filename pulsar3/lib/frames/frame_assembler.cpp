@@ -21,8 +21,9 @@ void frame_assembler::set_area(const frame_area &area) {
 }
 
 void frame_assembler::start() {
-    for (running_count *count : {&counts.reached, &counts.whole, &counts.incomplete, &counts.missing,
-                                 &counts.beyond, &counts.late, &counts.repeated, &counts.malformed, &overruns})
+    for (running_count *count :
+         {&counts.reached, &counts.whole, &counts.incomplete, &counts.missing, &counts.beyond, &counts.late,
+          &counts.repeated, &counts.malformed, &overruns})
         *count = 0;
     acknowledged = 0;
     first_overrun = -1;
@@ -121,8 +122,8 @@ void frame_assembler::mark_received(std::uint32_t packet) {
 }
 
 bool frame_assembler::take_in_place(const slot &s, const packet_info &packet) {
-    if (!fits(packet) || packet.packet != s.packet || extended(packet.frame) != s.frame || s.frame != frame_ ||
-        s.packet != lowest_ || !held_.empty() || packet.pad_words != 0)
+    if (!fits(packet) || packet.packet != s.packet || extended(packet.frame) != s.frame ||
+        s.frame != frame_ || s.packet != lowest_ || !held_.empty() || packet.pad_words != 0)
         return false;
     mark_received(s.packet);
     return true;

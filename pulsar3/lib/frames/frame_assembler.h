@@ -57,7 +57,7 @@ class running_count {
 struct frame_counts {
     running_count reached; // frames that have ended here, whole or not
     running_count whole, incomplete, missing;
-    running_count beyond;                  // of the whole ones: the buffer has no place for them
+    running_count beyond;                    // of the whole ones: the buffer has no place for them
     running_count late, repeated, malformed; // packets that were of no use
 };
 

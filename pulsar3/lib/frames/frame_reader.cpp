@@ -20,8 +20,7 @@ std::uint32_t plr3_socket_drops(int fd) {
     return ::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, words, &size) == 0 ? words[SK_MEMINFO_DROPS] : 0;
 }
 
-frame_reader::frame_reader()
-    : spill_(std::make_unique_for_overwrite<std::byte[]>(batch_ * message_max_)) {}
+frame_reader::frame_reader() : spill_(std::make_unique_for_overwrite<std::byte[]>(batch_ * message_max_)) {}
 
 // A message ends with its frame, so that the next begins with the next frame. In a circular buffer few places are
 // opened at once: what lies there is lost to readers.
@@ -44,8 +43,8 @@ std::size_t frame_reader::lay_out(frame_assembler &frames) {
             ++m.slots;
         }
         m.parts[parts++] = {spill_.get() + count * message_max_, message_max_};
-        headers_[count].msg_hdr = {nullptr, 0, m.parts.data(), parts, controls_[count].bytes,
-                                   sizeof controls_[count].bytes, 0};
+        headers_[count].msg_hdr = {
+            nullptr, 0, m.parts.data(), parts, controls_[count].bytes, sizeof controls_[count].bytes, 0};
     }
     return count;
 }
@@ -135,8 +134,8 @@ void frame_reader::take_up(std::size_t first, std::size_t taken, std::size_t cou
         for (std::size_t slot = in_place; slot < messages_[i].slots; ++slot)
             std::memset(messages_[i].slot[slot].place, 0, messages_[i].slot[slot].bytes);
     }
-    merged_ = std::clamp<std::size_t>((headers_[first].msg_len + merged_size(first) - 1) / merged_size(first), 1,
-                                      merged_max_);
+    merged_ = std::clamp<std::size_t>((headers_[first].msg_len + merged_size(first) - 1) / merged_size(first),
+                                      1, merged_max_);
     std::span<const std::byte> rest(bytes);
     for (const std::size_t size : sizes) {
         frames.take(rest.first(size));

@@ -26,7 +26,12 @@ class frame_reader {
   public:
     frame_reader();
 
-    enum class got { nothing, some, more, error }; // more: there may be further packets waiting; error: see errno
+    enum class got {
+        nothing,
+        some,
+        more,
+        error
+    }; // more: there may be further packets waiting; error: see errno
 
     // Takes what has come, up to so many merged packets, without waiting.
     got receive(UDPconnection &connection, frame_assembler &frames);
@@ -49,7 +54,8 @@ class frame_reader {
     };
 
     std::size_t lay_out(frame_assembler &frames); // how many messages
-    std::size_t merged_size(std::size_t i) const; // bytes of the packets of a message that was received, but the last
+    std::size_t
+    merged_size(std::size_t i) const; // bytes of the packets of a message that was received, but the last
     bool take_in_place(std::size_t i, frame_assembler &frames, std::size_t &taken);
     void take_up(std::size_t first, std::size_t taken, std::size_t count, frame_assembler &frames);
     void gather(std::size_t i, std::vector<std::byte> &bytes);

@@ -86,8 +86,8 @@ int milliseconds_until_due(Histogram &h) {
     if (!h.running || !h.frames_sent)
         return -1;
     const auto left = h.run_over + plr3_tail - plr3_clock::now();
-    return static_cast<int>(std::max<long long>(
-        std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0));
+    return static_cast<int>(
+        std::max<long long>(std::chrono::ceil<std::chrono::milliseconds>(left).count(), 0));
 }
 
 // False: the thread ends.
@@ -116,8 +116,8 @@ void receive_frames(Histogram &h) {
         }
         if (got != frame_reader::got::error)
             continue;
-        plr3_message(h.message_to,
-                     "plr3_histogram:read_and_histogram: read socket error (UDP). errno=%d\n", errno);
+        plr3_message(h.message_to, "plr3_histogram:read_and_histogram: read socket error (UDP). errno=%d\n",
+                     errno);
         h.error_flags = 1;
         break;
     }

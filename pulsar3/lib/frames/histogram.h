@@ -23,9 +23,9 @@ namespace kestrel {
 
 using plr3_clock = std::chrono::steady_clock;
 
-inline constexpr int hist_socket_buffer = 4 << 20;     // bytes wanted for each channel's socket
-inline constexpr std::chrono::seconds plr3_tail{2};    // what has not come so long after a run's end is lost
-inline constexpr int words_of_progress = 4;            // reached, asked, running, seconds
+inline constexpr int hist_socket_buffer = 4 << 20;  // bytes wanted for each channel's socket
+inline constexpr std::chrono::seconds plr3_tail{2}; // what has not come so long after a run's end is lost
+inline constexpr int words_of_progress = 4;         // reached, asked, running, seconds
 
 // What the threads of a card tell whoever looks at the progress module: at most ten times a second.
 struct progress_row {
@@ -34,8 +34,8 @@ struct progress_row {
 };
 
 struct Histogram {
-    int path = 0;           // of the card
-    int card = 0;           // within its system
+    int path = 0; // of the card
+    int card = 0; // within its system
     int chan_of_card = 0;
     int chan_of_system = 0;
     std::atomic<int> message_to{-1};
@@ -47,17 +47,17 @@ struct Histogram {
     cpu_set_t cpu_set{}; // processors for the thread; none: any
     UDPconnection udpsock;
 
-    fair_mutex mutex;              // guards what follows up to `thread`
+    fair_mutex mutex; // guards what follows up to `thread`
     frame_assembler frames;
     frame_reader reader;
-    bool running = false;          // a run that has not been settled
+    bool running = false;                     // a run that has not been settled
     std::optional<std::uint64_t> frames_sent; // the run is over, and this is what the card has sent in it
     plr3_clock::time_point run_over{};        // when that was known
     std::uint32_t last_drops = 0;
     int gaps_told = 0;
-    progress_row progress;         // of the card's first channel
-    running_count kernel_dropped;  // datagrams, of this run
-    std::atomic<int> busy{0};      // a frame is being received
+    progress_row progress;        // of the card's first channel
+    running_count kernel_dropped; // datagrams, of this run
+    std::atomic<int> busy{0};     // a frame is being received
     std::atomic<int> debug_burst{0};
     std::atomic<int> error_flags{0}; // 1: the socket failed, the thread has ended
 

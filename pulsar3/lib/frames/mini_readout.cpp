@@ -144,10 +144,11 @@ void read_messages(mini_readout &r) {
         if (!read_all(r, std::as_writable_bytes(std::span(&m, 1)), true))
             break;
         if (!fits(r, m) || m.sequence != sequence) {
-            plr3_message(r.message_to,
-                         "Readout of a mini model: message %u of kind %u, channel %u, %u bytes is not the expected "
-                         "one, the connection is closed\n",
-                         m.sequence, m.kind, m.chan, m.payload_bytes);
+            plr3_message(
+                r.message_to,
+                "Readout of a mini model: message %u of kind %u, channel %u, %u bytes is not the expected "
+                "one, the connection is closed\n",
+                m.sequence, m.kind, m.chan, m.payload_bytes);
             break;
         }
         payload.resize(m.payload_bytes);
@@ -172,8 +173,8 @@ int plr3_readout_start(mini_readout &r) {
     plr3_readout_stop(r);
     r.socket = plr3_connect(r.address, r.port);
     if (!r.socket)
-        return plr3_fail(plr3_failed, "plr3_readout: Cannot connect to the readout on port %d (errno %d)", r.port,
-                         errno);
+        return plr3_fail(plr3_failed, "plr3_readout: Cannot connect to the readout on port %d (errno %d)",
+                         r.port, errno);
     if (::send(r.socket.get(), &r.mode, sizeof r.mode, MSG_NOSIGNAL) != sizeof r.mode)
         return plr3_fail(plr3_failed, "plr3_readout: Cannot send the readout mode (errno %d)", errno);
     r.wake = unique_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));

@@ -74,8 +74,8 @@ struct PLR3Path {
     // Of a card's channels. They end before the modules go that their threads write to.
     std::array<std::unique_ptr<Histogram>, plr3_chans_per_card_max> histogram;
     std::unique_ptr<mini_readout> readout; // of a mini model that sends by itself
-    bool run_started = false;            // a run whose end is not known
-    plr3_clock::time_point start_time{}; // of the last run
+    bool run_started = false;              // a run whose end is not known
+    plr3_clock::time_point start_time{};   // of the last run
     int disable_multi_thread = 0;
     int chan_of_system = 0; // the first of this path
     int mem_layout = 0;
