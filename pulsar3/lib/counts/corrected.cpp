@@ -1,0 +1,127 @@
+// Scalers and histograms as they would be without dead time.
+#include "pulsar3/lib/counts/corrected.h"
+
+#include "pulsar3/lib/counts/dead_time.h"
+#include "pulsar3/lib/counts/scalers.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+#include <vector>
+
+namespace kestrel {
+
+namespace {
+
+constexpr const char *scaler_name = "plr3_scaler_dtc_read";
+
+std::size_t count_of(int n) {
+    return static_cast<std::size_t>(n);
+}
+
+// Work buffers: what the scalers of some channels and frames say of each.
+struct correction {
+    std::vector<std::uint32_t> readings;
+    std::vector<double> factors, estimates;
+};
+
+int find_correction(int path, const plr3_scaler_box &box, plr3_scaler_from from, correction &c) {
+    plr3_scaler_box all = box;
+    all.scaler = 0;
+    all.num_scaler = plr3_nr_scalers;
+    const std::size_t values = count_of(box.num_chan) * count_of(box.num_frame);
+    try {
+        c.readings.resize(all.size());
+        c.factors.resize(values);
+        c.estimates.resize(values);
+    } catch (const std::bad_alloc &) {
+        return plr3_fail(plr3_failed, "%s: no memory for %zu scalers", scaler_name, all.size());
+    }
+    if (const int status = plr3_scaler_read(path, c.readings, all, from); status != 0)
+        return plr3_fail(status, "plr3_scaler_dtc_read: read error: %s", plr3_get_error_message());
+    if (const int status = plr3_calculateDeadtimeCorrectionFactors(path, c.readings, c.factors, c.estimates,
+                                                                   box.num_frame, box.chan, box.num_chan);
+        status != 0)
+        return plr3_fail(status, "plr3_scaler_dtc_read: dtc calculation: %s", plr3_get_error_message());
+    return 0;
+}
+
+// Sizes that cannot be are refused before memory is asked for.
+int check_sizes(const char *name, int path, const plr3_scaler_box &b) {
+    const PLR3Path *p = plr3_path(path);
+    if (!p)
+        return plr3_fail(plr3_invalid_path, "%s: invalid path %d", name, path);
+    const bool fits = b.num_scaler > 0 && b.num_scaler <= plr3_nr_scalers && b.num_chan > 0 &&
+                      b.num_chan <= p->num_chan && b.num_frame > 0 &&
+                      b.num_frame <= plr3_get_scaler_num_tf(path);
+    return fits ? 0
+                : plr3_fail(plr3_out_of_range, "%s: (%d, %d, %d) scalers are more than there are", name,
+                            b.num_scaler, b.num_chan, b.num_frame);
+}
+
+// The scalers of one channel and frame, corrected.
+std::array<double, plr3_nr_scalers> corrected_scalers(const std::uint32_t *raw, bool good, double factor,
+                                                      double estimate) {
+    std::array<double, plr3_nr_scalers> s;
+    std::copy_n(raw, s.size(), s.begin());
+    s[plr3_scaler_in_window0] *= factor;
+    s[plr3_scaler_in_window1] *= factor;
+    s[good ? plr3_scaler_all_good : plr3_scaler_all_event] = estimate;
+    return s;
+}
+
+int correct_scalers(int path, const plr3_scaler_box &box, const correction &c, double *to) {
+    std::vector<char> good(count_of(box.num_chan));
+    for (int chan = 0; chan < box.num_chan; ++chan) {
+        int flags = 0;
+        if (const int status = plr3_getDeadtimeCorrectionFlags(path, box.chan + chan, flags); status != 0)
+            return status;
+        good[count_of(chan)] = (flags & plr3_dtc_use_good_event) != 0;
+    }
+    const PLR3Path &p = *plr3_path(path);
+    for (std::size_t value = 0; value < c.factors.size(); ++value, to += box.num_scaler) {
+        const std::size_t chan = value % good.size();
+        if (p.debug > 1)
+            plr3_message(p.message_to, "channel=%d t=%d: dtc factor %g\n", box.chan + static_cast<int>(chan),
+                         box.frame + static_cast<int>(value / good.size()), c.factors[value]);
+        const auto scalers = corrected_scalers(&c.readings[value * plr3_nr_scalers], good[chan] != 0,
+                                               c.factors[value], c.estimates[value]);
+        std::copy_n(scalers.begin() + box.scaler, box.num_scaler, to);
+    }
+    return 0;
+}
+
+} // namespace
+
+int plr3_scaler_dtc_read(int path, std::span<double> buffer, const plr3_scaler_box &box,
+                         plr3_scaler_from from) {
+    if (const int status = check_sizes(scaler_name, path, box); status != 0)
+        return status;
+    if (buffer.size() < box.size())
+        return plr3_fail(plr3_out_of_range, "%s: no room for %zu scalers", scaler_name, box.size());
+    if (box.scaler < 0 || box.scaler > plr3_nr_scalers - box.num_scaler)
+        return plr3_fail(plr3_out_of_range, "%s: scalers %d for %d are out of range 0..%d", scaler_name,
+                         box.scaler, box.num_scaler, plr3_nr_scalers - 1);
+    correction c;
+    const int status = find_correction(path, box, from, c);
+    return status == 0 ? correct_scalers(path, box, c, buffer.data()) : status;
+}
+
+int plr3_scaler_dtc_read_sf(int path, std::span<double> buffer, const plr3_scaler_box &box,
+                            plr3_sub_frames sub) {
+    const int status = plr3_check_sub_frames("plr3_scaler_dtc_read_sf", path, sub);
+    return status == 0 ? plr3_scaler_dtc_read(path, buffer, box) : status;
+}
+
+void plr3_dtc_multiply(const std::uint32_t *counts, double *corrected, std::size_t count, double factor) {
+    std::array<std::uint32_t, 1024> part;
+    for (std::size_t done = 0; done < count; done += part.size()) {
+        const std::size_t now = std::min(count - done, part.size());
+        std::memcpy(part.data(), counts + done, now * sizeof part[0]);
+        for (std::size_t i = 0; i < now; ++i)
+            corrected[done + i] = part[i] * factor;
+    }
+}
+
+} // namespace kestrel
