@@ -26,6 +26,19 @@ struct correction {
     std::vector<double> factors, estimates;
 };
 
+int no_memory(std::size_t scalers) {
+    return plr3_fail(plr3_failed, "%s: no memory for %zu scalers", scaler_name, scalers);
+}
+
+int calculate(int path, const plr3_scaler_box &box, std::span<const std::uint32_t> readings,
+              std::span<double> factors, std::span<double> estimates) {
+    const int status = plr3_calculateDeadtimeCorrectionFactors(path, readings, factors, estimates,
+                                                               box.num_frame, box.chan, box.num_chan);
+    if (status == 0)
+        return 0;
+    return plr3_fail(status, "plr3_scaler_dtc_read: dtc calculation: %s", plr3_get_error_message());
+}
+
 int find_correction(int path, const plr3_scaler_box &box, plr3_scaler_from from, correction &c) {
     plr3_scaler_box all = box;
     all.scaler = 0;
@@ -36,15 +49,11 @@ int find_correction(int path, const plr3_scaler_box &box, plr3_scaler_from from,
         c.factors.resize(values);
         c.estimates.resize(values);
     } catch (const std::bad_alloc &) {
-        return plr3_fail(plr3_failed, "%s: no memory for %zu scalers", scaler_name, all.size());
+        return no_memory(all.size());
     }
     if (const int status = plr3_scaler_read(path, c.readings, all, from); status != 0)
         return plr3_fail(status, "plr3_scaler_dtc_read: read error: %s", plr3_get_error_message());
-    if (const int status = plr3_calculateDeadtimeCorrectionFactors(path, c.readings, c.factors, c.estimates,
-                                                                   box.num_frame, box.chan, box.num_chan);
-        status != 0)
-        return plr3_fail(status, "plr3_scaler_dtc_read: dtc calculation: %s", plr3_get_error_message());
-    return 0;
+    return calculate(path, box, c.readings, c.factors, c.estimates);
 }
 
 // Sizes that cannot be are refused before memory is asked for.
@@ -71,22 +80,30 @@ std::array<double, plr3_nr_scalers> corrected_scalers(const std::uint32_t *raw, 
     return s;
 }
 
-int correct_scalers(int path, const plr3_scaler_box &box, const correction &c, double *to) {
-    std::vector<char> good(count_of(box.num_chan));
+// Which channels' events are the good ones.
+int find_good(int path, const plr3_scaler_box &box, std::vector<char> &good) {
     for (int chan = 0; chan < box.num_chan; ++chan) {
         int flags = 0;
         if (const int status = plr3_getDeadtimeCorrectionFlags(path, box.chan + chan, flags); status != 0)
             return status;
-        good[count_of(chan)] = (flags & plr3_dtc_use_good_event) != 0;
+        good.push_back((flags & plr3_dtc_use_good_event) != 0);
     }
+    return 0;
+}
+
+int correct_scalers(int path, const plr3_scaler_box &box, std::span<const std::uint32_t> readings,
+                    std::span<const double> factors, std::span<const double> estimates, double *to) {
+    std::vector<char> good;
+    if (const int status = find_good(path, box, good); status != 0)
+        return status;
     const PLR3Path &p = *plr3_path(path);
-    for (std::size_t value = 0; value < c.factors.size(); ++value, to += box.num_scaler) {
+    for (std::size_t value = 0; value < factors.size(); ++value, to += box.num_scaler) {
         const std::size_t chan = value % good.size();
         if (p.debug > 1)
             plr3_message(p.message_to, "channel=%d t=%d: dtc factor %g\n", box.chan + static_cast<int>(chan),
-                         box.frame + static_cast<int>(value / good.size()), c.factors[value]);
-        const auto scalers = corrected_scalers(&c.readings[value * plr3_nr_scalers], good[chan] != 0,
-                                               c.factors[value], c.estimates[value]);
+                         box.frame + static_cast<int>(value / good.size()), factors[value]);
+        const auto scalers = corrected_scalers(&readings[value * plr3_nr_scalers], good[chan] != 0,
+                                               factors[value], estimates[value]);
         std::copy_n(scalers.begin() + box.scaler, box.num_scaler, to);
     }
     return 0;
@@ -105,7 +122,25 @@ int plr3_scaler_dtc_read(int path, std::span<double> buffer, const plr3_scaler_b
                          box.scaler, box.num_scaler, plr3_nr_scalers - 1);
     correction c;
     const int status = find_correction(path, box, from, c);
-    return status == 0 ? correct_scalers(path, box, c, buffer.data()) : status;
+    return status == 0 ? correct_scalers(path, box, c.readings, c.factors, c.estimates, buffer.data())
+                       : status;
+}
+
+int plr3_dtc_correct(int path, std::span<const std::uint32_t> readings, std::span<double> factors,
+                     std::span<double> corrected, int num_tf) {
+    plr3_scaler_box box;
+    box.num_chan = std::max(plr3_get_num_chan(path), 0);
+    box.num_frame = num_tf;
+    std::vector<double> estimates;
+    try {
+        estimates.resize(factors.size());
+    } catch (const std::bad_alloc &) {
+        return no_memory(readings.size());
+    }
+    if (corrected.size() < readings.size())
+        return plr3_fail(plr3_out_of_range, "%s: no room for %zu scalers", scaler_name, readings.size());
+    const int status = calculate(path, box, readings, factors, estimates);
+    return status == 0 ? correct_scalers(path, box, readings, factors, estimates, corrected.data()) : status;
 }
 
 int plr3_scaler_dtc_read_sf(int path, std::span<double> buffer, const plr3_scaler_box &box,

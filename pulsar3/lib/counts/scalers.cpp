@@ -70,6 +70,8 @@ int look(PLR3Path &card, module_view &view) {
     if (!fault && (view.data_type != MOD_U_INT32 || view.num_x != plr3_nr_scalers ||
                    view.num_y != card.chans_per_card || view.num_t != static_cast<int>(card.scaler_num_tf)))
         fault = "has another shape now";
+    else if (!fault && view.data_offset % sizeof(std::uint32_t) != 0)
+        fault = "has elements at odd places now";
     return fault ? plr3_fail(plr3_failed, "module '%s' %s", module.name().c_str(), fault) : 0;
 }
 
