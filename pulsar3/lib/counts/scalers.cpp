@@ -131,23 +131,14 @@ int fetch(PLR3Path &card, std::uint32_t *module, std::size_t first, std::size_t 
     return 0;
 }
 
-// Reads the channels of the box, all scalers of each, into the module: frame by frame, or with the channels in between
-// where that is no more requests.
-int fetch_box(PLR3Path &card, const module_view &view, const plr3_scaler_box &box) {
-    plr3_scaler_box rows = box;
-    rows.scaler = 0;
-    rows.num_scaler = plr3_nr_scalers;
-    const std::size_t most = count_of(card.femHandle->max_rx_bytes) / 4;
-    const auto requests = [most](std::size_t words) { return (words + most - 1) / most; };
-    const std::size_t row = plr3_nr_scalers * count_of(box.num_chan);
-    const std::size_t frame = plr3_nr_scalers * count_of(card.chans_per_card);
-    const std::size_t through = frame * (count_of(box.num_frame) - 1) + row;
-    std::uint32_t *const module = word_at(view, 0, 0, 0);
-    if (requests(through) <= count_of(box.num_frame) * requests(row))
-        return fetch(card, module, frame * count_of(box.frame) + plr3_nr_scalers * count_of(box.chan),
-                     through);
-    return for_runs(card, rows,
-                    [&](std::size_t first, std::size_t words) { return fetch(card, module, first, words); });
+// Reads from the first to the last scaler of the box into the module, with what lies in between: a frame is less than a
+// request of either protocol holds, so that each frame by itself would be more of them.
+int fetch_box(PLR3Path &card, const module_view &view, const plr3_scaler_box &b) {
+    const std::size_t row = plr3_nr_scalers, frame = row * count_of(card.chans_per_card);
+    const std::size_t first = frame * count_of(b.frame) + row * count_of(b.chan) + count_of(b.scaler);
+    const std::size_t last = frame * count_of(b.frame + b.num_frame - 1) +
+                             row * count_of(b.chan + b.num_chan - 1) + count_of(b.scaler + b.num_scaler - 1);
+    return fetch(card, word_at(view, 0, 0, 0), first, last + 1 - first);
 }
 
 int read_part(const card_part &part, std::span<std::uint32_t> buffer, const plr3_scaler_box &whole,
