@@ -9,7 +9,7 @@ import sys
 
 import numpy as np
 import pytest
-from kestrel_data import do
+from kestrel_data import Module, do, refused
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
 from test_pulsar3_scalers import INDEX, config, count, read
@@ -154,3 +154,48 @@ def test_energy_scales_the_dead_times(client, play, names):
     assert read(client, names("b"), handle, (0, 0, 0, 9, 2, 4)) == pytest.approx(fixed, rel=1e-12)
     do(client, "pulsar3 dtc energy 0 6.0")
     assert (read(client, names("c"), handle, (0, 0, 0, 9, 2, 4))[:, :, 3] > 1.01 * fixed[:, :, 3]).all()
+
+
+@pytest.mark.parametrize("name, words", [("model, b = 0", ""), ("model, peak by b", " rate-terms"),
+                                         ("non-paralysable events", " rate-terms")])
+def test_dead_times_are_found_from_rates_and_correct_other_data(client, play, names, name, words):
+    model = CASES[name]
+    raw, _ = counted(client, play, names, model)
+    points = raw.sum(axis=0)  # channels see the same dead times at different rates: points of a series
+    live = (points[:, 0] - points[:, 1]) / 8e7
+    do(client, f"module create '{names('rates')}' {CHANNELS} 3 header double")
+    Module(names("rates")).data[:] = np.array(RATES) / 2500, points[:, 3] / live, points[:, 5] / live
+    handle = do(client, f"module open '{names('rates')}' header")
+    lines = client.lines(f"maths pulsar-dtc {handle} time {live.mean()!r} path 0{words}")
+    assert lines[-1] == "* 0", lines
+    value = {key: float(client.lines(f"%pulsar_dtc_{key}")[0][2:]) for parameter in "kabscd"
+             for key in (parameter, parameter + "_err")}
+    truth = {"k": 2500, "a": model.a, "b": model.b, "s": 1, "c": model.c, "d": model.d}
+    for key in "kabscd" if words else "kasc":
+        # Events that a dead time follows are spread less than the errors take them to be, and share both rates.
+        assert abs(value[key] - truth[key]) < 4 * value[key + "_err"], (key, value[key], value[key + "_err"])
+    command, = [line[2:] for line in lines if line.startswith("# pulsar3 ")]
+    assert client.lines("%pulsar_dtc_command")[0] == f'* "{command}"'
+    do(client, command)
+    corrected = read(client, names("again"), 1, (0, 0, 0, 9, CHANNELS, FRAMES))
+    assert corrected[:, :, 3].mean(axis=0) / FRAME == pytest.approx(RATES, rel=0.04)
+    assert (corrected[:, -3:, 3].mean(axis=0) / FRAME) == pytest.approx(RATES[-3:], rel=0.005)
+
+
+def test_rates_that_cannot_be_fitted(client, names):
+    do(client, f"module create '{names('rates')}' 6 3 header double")
+    rates = Module(names("rates")).data
+    handle = do(client, f"module open '{names('rates')}' header")
+    rates[:] = np.outer([1, 2, 3], np.ones(6))
+    for line, texts in (
+            ("7", ["! Device handle is stale (passed 7)."]),
+            (f"{handle} 0 1", ["! At least 3 points are needed, not 2"]),
+            (f"{handle} 0 2 rate-terms", ["! At least 4 points are needed, not 3"]),
+            (f"{handle} time 0.0", ["! The time of a point should be above 0, not 0"]),
+            (f"{handle}", ["! The points do not fix the dead times"])):
+        assert refused(client, f"maths pulsar-dtc {line}") == texts, line
+    for line in (f"{handle} 0 6", f"{handle} 3 2", f"{handle} frame 1"):
+        assert refused(client, f"maths pulsar-dtc {line}"), line
+    rates[1, 2:] = 0, -1, math.nan, math.inf
+    assert client.lines(f"maths pulsar-dtc {handle}")[:2] == [
+        "# 4 points are left out: all three rows should be above 0", "! At least 3 points are needed, not 2"]
