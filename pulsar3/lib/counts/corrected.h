@@ -1,0 +1,25 @@
+// pulsar3/lib/counts: counts as they would be without dead time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace kestrel {
+
+// Factors and corrected scalers of frames of all channels of the path, from their scalers; `corrected` is as large as
+// `readings`, `factors` has one each.
+int plr3_dtc_correct(int path, std::span<const std::uint32_t> readings, std::span<double> factors,
+                     std::span<double> corrected, int num_tf);
+
+// Histograms as their reads cut them out (histogram_read.h), every bin of a channel's frame times its factor.
+int plr3_hist_dtc_read4d(int path, double *buffer, int eng, int aux, int chan, int tf, int num_eng,
+                         int num_aux, int num_chan, int num_tf);
+int plr3_hist_dtc_read3d(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,
+                         int num_chan, int tf);
+
+// corrected = counts x factor. The counts may be the last half of `corrected`, where a row was read to: each is used
+// before it is written over.
+void plr3_dtc_multiply(const std::uint32_t *counts, double *corrected, std::size_t count, double factor);
+
+} // namespace kestrel
