@@ -132,6 +132,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "1/1/0 late 0 repeated 0 malformed 1"},
         sequence{"wrong_frame_last", "0.0 0.1 1.2!0 1.0 1.1 1.2", 2, "iW..",
                  "1/1/0 late 0 repeated 0 malformed 1"},
+        sequence{"wrong_frame_and_the_right_one_lost", "1.0!0 0.1 0.2 1.1 1.2 2.0 2.1 2.2", 3, "iiW.",
+                 "1/2/0 late 0 repeated 0 malformed 1"},
         sequence{"far_frame", "0.0 99.1!0 0.2 1.0 1.1 1.2", 2, "iW..", "1/1/0 late 0 repeated 0 malformed 1"},
         sequence{"far_frame_at_the_end", "0.0 0.1 0.2 99.0!1", 2, "Wm..",
                  "1/0/1 late 0 repeated 0 malformed 1"},

@@ -136,7 +136,8 @@ void frame_assembler::take(std::span<const std::byte> packet) {
         return;
     }
     const std::uint64_t frame = extended(info.frame);
-    if (!held_.empty() && frame != frame_) // one in its place says nothing about the one that is held
+    // Two frames of one packet may have changed places; else one in its place speaks against the one that is held.
+    if (!held_.empty() && (frame != frame_ || packets_ > 1))
         release_held(agrees_with_held(frame, info));
     if (needs_agreement(frame, info))
         hold(packet, frame, info);
