@@ -159,3 +159,18 @@ def test_cards_of_one_system_are_of_one_generation(server, client, play):
     line = f"pulsar3 config 2 1 0 baseIP '{old.net}1'"
     assert client.lines(line)[-2:] == ["! ERROR plr3_do_config: card 1 is of generation 3, the first of 0", "* -1"]
     assert held(server) == warm
+
+
+@pytest.mark.parametrize("generation", [1, 2])
+def test_a_refused_channel_does_not_keep_the_others_from_being_written(client, play, generation):
+    sim = play("-chans=4", f"-generation={generation}", "-kind=3v7")
+    assert do(client, f"pulsar3 config 1 4 0 baseIP '{sim.net}1'") == 0
+    bus = 3 if generation == 1 else 1
+    sim.do(f"control fault 0 refuse bus {bus} after 1")
+    assert client.lines("pulsar3 set-good-thres 0 -1 77") == [
+        "# plr3_write_reg: at offset 0x1a array of values: returns -5 for channel 1", "* 0"]
+    assert [sim.do(f"card get-register 0 {chan} 0 26") for chan in range(4)] == [77, 0, 77, 77]
+    sim.do(f"control fault 0 refuse bus {bus} after 3")
+    assert client.lines("pulsar3 set-good-thres 0 -1 78") == [
+        "! ERROR plr3_write_reg: at offset 0x1a array of values: returns -5", "* -5"]
+    assert [sim.do(f"card get-register 0 {chan} 0 26") for chan in range(4)] == [78, 78, 78, 77]
