@@ -17,10 +17,9 @@ constexpr int multiplexer = 10, multiplexer_gen4 = 13; // global registers
 constexpr pt_format start_format("%d + %d read pause no-set = %d");
 
 // In scope mode the multiplexer is set to the channels' own data, unless it is to stay.
-int set_multiplexer(int path, int card) {
-    const int flags = plr3_get_run_flags(path);
-    if (flags < 0 || (flags & plr3_run_scope) == 0)
-        return flags < 0 ? flags : 0;
+int set_multiplexer(int path, int card, int flags) {
+    if ((flags & plr3_run_scope) == 0)
+        return 0;
     const int offset = plr3_path(path)->features.generation == PulsarGen4 ? multiplexer_gen4 : multiplexer;
     const std::uint32_t own_data = 0;
     return plr3_write_card_reg(path, card, offset, {&own_data, 1});
@@ -29,7 +28,12 @@ int set_multiplexer(int path, int card) {
 int pulsar3_start(int quals, int cn, int path, int card) {
     const pt_qualifiers<start_format> q(quals);
     card = pulsar3_card(card);
-    int status = q.given("no-set") ? 0 : set_multiplexer(path, card);
+    const int flags = plr3_get_run_flags(path);
+    if (flags < 0) {
+        sv_printf(cn, "! ERROR: Cannot read run flags: %s\n", plr3_get_error_message());
+        return flags;
+    }
+    int status = q.given("no-set") ? 0 : set_multiplexer(path, card, flags);
     if (status == 0)
         status = plr3_histogram_start_count_enb(path, card, q.given("pause") ? 0 : 1);
     if (status == 0 && q.given("read"))

@@ -164,7 +164,15 @@ void plr3_histogram_thread_stop(Histogram &h) {
         return;
     h.ending = true;
     wake(h);
-    h.thread.join();
+    try {
+        h.thread.join();
+    } catch (const std::system_error &error) {
+        plr3_message(
+            h.message_to,
+            "plr3_config_histogram_threads: CAnnot cancel and join thread for card=%d, chan=%d, rc=%d\n",
+            h.card, h.chan_of_card, error.code().value());
+        h.thread.detach();
+    }
 }
 
 void plr3_histogram_begin_run(Histogram &h) {
