@@ -1,5 +1,6 @@
 // `pulsar3 open-scalers`: the scalers of a path as a unified handle.
 #include "parser/qualifiers.h"
+#include "pulsar3/lib/counts/run.h"
 #include "pulsar3/lib/counts/scalers.h"
 #include "pulsar3/server/commands.h"
 #include "pulsar3/server/sources.h"
@@ -32,7 +33,19 @@ int clear_scalers(int number, int x, int y, int t, int dx, int dy, int dt) {
     return source ? pulsar3_source_status(plr3_scaler_clear(source->path, box_of(x, y, t, dx, dy, dt))) : -1;
 }
 
-constexpr unified_source scaler_source = {.read = read_scalers, .clear = clear_scalers};
+// Scalers run when histograms do.
+int enable(int number) {
+    const pulsar3_source *source = pulsar3_source_of(number);
+    return source ? pulsar3_source_status(plr3_histogram_start(source->path, -1)) : -1;
+}
+
+int disable(int number) {
+    const pulsar3_source *source = pulsar3_source_of(number);
+    return source ? pulsar3_source_status(plr3_histogram_stop(source->path, -1)) : -1;
+}
+
+constexpr unified_source scaler_source = {
+    .read = read_scalers, .clear = clear_scalers, .enable = enable, .disable = disable};
 
 constexpr pt_format open_scalers_format("%d dtc direct = %d");
 

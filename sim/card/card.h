@@ -4,7 +4,7 @@
 // control thread (control.h), the timing thread (timing.h) and the command thread.
 #pragma once
 
-#include "sim/card/fair_mutex.h"
+#include "support/fair_mutex.h"
 #include "sim/card/kinds.h"
 #include "sim/card/packets.h"
 #include "sim/card/protocol.h"

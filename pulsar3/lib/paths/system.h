@@ -6,6 +6,8 @@
 #pragma once
 
 #include "modules/store/result_module.h"
+#include "pulsar3/lib/frames/histogram.h"
+#include "pulsar3/lib/frames/mini_readout.h"
 #include "pulsar3/lib/frames/udp.h"
 #include "pulsar3/lib/paths/dummy.h"
 #include "pulsar3/lib/paths/features.h"
@@ -82,7 +84,12 @@ struct PLR3Path {
     int startingCard = 0;
     Pulsar3_features features;
     UDPconnection udpsock; // for scope data
-    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod;
+    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod, scalar_tf_status_mod, progress_mod;
+    // Of a card's channels. They end before the modules go that their threads write to.
+    std::array<std::unique_ptr<Histogram>, plr3_chans_per_card_max> histogram;
+    std::unique_ptr<mini_readout> readout; // of a mini model that sends by itself
+    bool run_started = false;              // a run whose end is not known
+    plr3_clock::time_point start_time{};   // of the last run
     int disable_multi_thread = 0;
     int chan_of_system = 0;                              // the first of this path
     std::array<ChannelDTC, plr3_chans_per_card_max> dtc; // of this card's channels
@@ -93,7 +100,6 @@ struct PLR3Path {
     Plr3mReadoutMode readout_mode = Plr3mRd_Auto;
     PulsarDummy dummy_system = PulsarReal;
     dummy_registers dummy; // of a dummy card
-    int debug_burst = 0;   // messages that the receive threads may still print
     int message_to = -1;   // who configured it: see plr3_message
 
   private:
