@@ -164,9 +164,11 @@ void dtc_solve(std::span<dtc_rate> rates, dtc_lanes width) {
         for (std::size_t i = 0; i < part.size(); ++i) {
             dtc_rate &rate = part[i];
             const dtc_terms &t = *rate.terms;
-            if (rate.seen == 0 && t.is_plain)
+            if (t.is_plain && !(rate.seen > 0)) // or no number: nothing compares with that
                 rate.found = 0;
-            else if (t.is_plain && is_usual(rate.seen) && rate.seen <= t.peak)
+            else if (t.is_plain && rate.seen > t.peak)
+                rate.found = t.range;
+            else if (t.is_plain && is_usual(rate.seen))
                 take(s, rate, i);
             else
                 rate.found = dtc_rate_by_bisection(t, rate.seen);
