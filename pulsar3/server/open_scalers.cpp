@@ -33,19 +33,18 @@ int clear_scalers(int number, int x, int y, int t, int dx, int dy, int dt) {
     return source ? pulsar3_source_status(plr3_scaler_clear(source->path, box_of(x, y, t, dx, dy, dt))) : -1;
 }
 
-// Scalers run when histograms do.
-int enable(int number) {
+int start_scalers(int number) {
     const pulsar3_source *source = pulsar3_source_of(number);
     return source ? pulsar3_source_status(plr3_histogram_start(source->path, -1)) : -1;
 }
 
-int disable(int number) {
+int stop_scalers(int number) {
     const pulsar3_source *source = pulsar3_source_of(number);
     return source ? pulsar3_source_status(plr3_histogram_stop(source->path, -1)) : -1;
 }
 
 constexpr unified_source scaler_source = {
-    .read = read_scalers, .clear = clear_scalers, .enable = enable, .disable = disable};
+    .read = read_scalers, .clear = clear_scalers, .enable = start_scalers, .disable = stop_scalers};
 
 constexpr pt_format open_scalers_format("%d dtc direct = %d");
 

@@ -6,7 +6,7 @@ namespace kestrel {
 extern const PARSE_TREE row_pulsar3_config, row_pulsar3_set_debug, row_pulsar3_set_run_mode,
     row_pulsar3_set_window, row_pulsar3_set_good_thres, row_pulsar3_set_threading, row_pulsar3_close,
     row_pulsar3_set_timing, row_pulsar3_setup_timing, row_pulsar3_start, row_pulsar3_read_scope_data,
-    row_pulsar3_format_run, row_pulsar3_check_progress, row_pulsar3_open_scalers;
+    row_pulsar3_format_run, row_pulsar3_open_mca, row_pulsar3_open_scalers, row_pulsar3_check_progress;
 
 extern const PARSE_TREE row_hist_collect, row_hist_test_pattern, row_hist_read_dropped, row_hist_start,
     row_hist_arm, row_hist_pause, row_hist_continue, row_hist_stop, row_hist_loss;
@@ -54,6 +54,7 @@ constinit const PARSE_TREE pulsar3_table[] = {
     pt_row(row_pulsar3_start),
     pt_row(row_pulsar3_read_scope_data),
     pt_row(row_pulsar3_format_run),
+    pt_row(row_pulsar3_open_mca),
     pt_row(row_pulsar3_open_scalers),
     pt_row(row_pulsar3_check_progress),
     pt_row(row_pulsar3_set_threading),

@@ -445,6 +445,9 @@ TEST(CorrectedHistograms, OfACircularBufferGoOnFromTheFirstFrame) {
     ASSERT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 5, 10, 1, 4, 3), 0); // frames 2, 0, 1
     EXPECT_TRUE(std::equal(straight.begin() + 80, straight.end(), around.begin()));
     EXPECT_TRUE(std::equal(straight.begin(), straight.begin() + 80, around.begin() + 40));
+    ASSERT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 2147483647, 10, 1, 4, 3),
+              0); // from 1 on
+    EXPECT_TRUE(std::equal(straight.begin() + 40, straight.end(), around.begin()));
     EXPECT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 0, 10, 1, 4, 4), plr3_out_of_range);
 }
 

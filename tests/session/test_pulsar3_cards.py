@@ -55,7 +55,8 @@ def test_every_card_gets_its_own(server, client, play, kind):
     before = [sim.do(f"card count {card} transactions") for card in range(3)]
     assert do(client, f"pulsar3 config 3 4 0 baseIP '{sim.net}1'") == 0
     assert [sim.do(f"card count {card} transactions") for card in range(3)] == before
-    assert [sim.do(f"card count {card} connections") for card in range(3)] == [1, 1, 1]
+    links = 2 if "mini" in kind else 1  # a mini model's readout
+    assert [sim.do(f"card count {card} connections") for card in range(3)] == [links] * 3
     do(client, "pulsar3 close 0")
     assert held(server) == warm
     all_closed(sim, 3)

@@ -249,8 +249,14 @@ def test_a_readout_that_vanishes_is_opened_again(server, client, play):
     sim = play("-kind=3mini", "-speed=10")
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{sim.net}1' send-hist-frames") == 0
     sim.do("control die 0")
-    sim.do("control live 0")
-    wait_until(lambda: any("connection has ended" in line for line in client.lines("pulsar3 hist loss 0")), "its line")
+    sim.do("control live 0 keep")
+    said = []
+
+    def told():
+        said.extend(client.lines("pulsar3 dma read-glob-reg 0 0 3"))
+        return any("connection has ended" in line for line in said) and said[-1] == "* 0"
+
+    wait_until(told, "its line, and a control link that works again")
     count(client)
     assert losses(client)[0][:2] == [FRAMES, FRAMES]
 

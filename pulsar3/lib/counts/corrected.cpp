@@ -3,7 +3,6 @@
 
 #include "pulsar3/lib/counts/dead_time.h"
 #include "pulsar3/lib/counts/histogram_read.h"
-#include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
 #include <array>
@@ -157,8 +156,8 @@ struct bins {
     std::size_t size() const { return count_of(num_eng) * count_of(num_aux); }
 };
 
-// Frames that follow each other in memory. A row is read to behind the place of its doubles, and is still in the nearest
-// cache when it becomes them.
+// Frames that follow each other in memory. A channel's frame is read to behind the place of its doubles,
+// and is still in the nearest cache when it becomes them.
 int read_frames(int path, double *to, const bins &b, const plr3_scaler_box &box) {
     correction c;
     if (const int status = find_correction(path, box, plr3_scaler_from::usual, c); status != 0)
@@ -166,10 +165,10 @@ int read_frames(int path, double *to, const bins &b, const plr3_scaler_box &box)
     const std::size_t row = b.size();
     for (std::size_t i = 0; i < c.factors.size(); ++i, to += row) {
         const int chan = box.chan + static_cast<int>(i % count_of(box.num_chan));
-        const int tf = box.frame + static_cast<int>(i / count_of(box.num_chan));
+        const int frame = box.frame + static_cast<int>(i / count_of(box.num_chan));
         std::uint32_t *const counts = reinterpret_cast<std::uint32_t *>(to) + row;
         if (const int status =
-                plr3_histogram_read4d(path, counts, b.eng, b.aux, chan, tf, b.num_eng, b.num_aux, 1, 1);
+                plr3_histogram_read4d(path, counts, b.eng, b.aux, chan, frame, b.num_eng, b.num_aux, 1, 1);
             status != 0)
             return status;
         plr3_dtc_multiply(counts, to, row, c.factors[i]);
@@ -181,31 +180,25 @@ int read_frames(int path, double *to, const bins &b, const plr3_scaler_box &box)
 
 int plr3_hist_dtc_read4d(int path, double *buffer, int eng, int aux, int chan, int tf, int num_eng,
                          int num_aux, int num_chan, int num_tf) {
-    constexpr const char *name = "plr3_hist_dtc_read4d";
+    if (const int status =
+            plr3_histogram_check4d(path, eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf);
+        status != 0)
+        return status;
+    const bins b{eng, aux, num_eng, num_aux};
+    const int frames = plr3_get_scaler_num_tf(path);
     plr3_scaler_box box;
     box.chan = chan;
     box.num_chan = num_chan;
-    box.frame = tf;
-    box.num_frame = num_tf;
-    if (const int status = check_sizes(name, path, box); status != 0)
-        return status;
-    if (num_eng <= 0 || num_aux <= 0)
-        return plr3_fail(plr3_out_of_range, "%s: no data requested of %d by %d bins", name, num_eng, num_aux);
-    channel_shape shape;
-    if (const int status = plr3_common_shape(name, path, chan, num_chan, shape); status != 0)
-        return status;
-    const bins b{eng, aux, num_eng, num_aux};
-    if ((plr3_path(path)->run_flags & plr3_run_circular) == 0 || tf < 0)
-        return read_frames(path, buffer, b, box);
-    // In a circular buffer the first frame follows the last.
-    box.frame = tf % shape.frames;
-    box.num_frame = std::min(num_tf, shape.frames - box.frame);
-    if (const int status = read_frames(path, buffer, b, box); status != 0)
-        return status;
-    buffer += b.size() * count_of(num_chan) * count_of(box.num_frame);
-    box.num_frame = num_tf - box.num_frame;
-    box.frame = 0;
-    return box.num_frame > 0 ? read_frames(path, buffer, b, box) : 0;
+    // In a circular buffer, where a frame may have any number, the first follows the last.
+    const int first = tf % frames;
+    for (int done = 0; done < num_tf; done += box.num_frame) {
+        box.frame = (first + done) % frames;
+        box.num_frame = std::min(num_tf - done, frames - box.frame);
+        if (const int status = read_frames(path, buffer, b, box); status != 0)
+            return status;
+        buffer += b.size() * count_of(num_chan) * count_of(box.num_frame);
+    }
+    return 0;
 }
 
 int plr3_hist_dtc_read3d(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,

@@ -17,20 +17,20 @@ namespace {
 
 // ---- one channel and frame
 
-struct channel_counts {
+struct event_counts {
     std::uint32_t all, reset, time;
     double ticks_live() const { return static_cast<double>(time) - static_cast<double>(reset); }
 };
 
-double rate_seen(const channel_counts &n, double clock_period) {
+double rate_seen(const event_counts &n, double clock_period) {
     return n.all / (n.ticks_live() * clock_period);
 }
 
-double factor_of(const channel_counts &n, double rate, double c, double d) {
+double factor_of(const event_counts &n, double rate, double c, double d) {
     return n.time / n.ticks_live() * dead_time_loss(rate, c, d);
 }
 
-double estimate_of(const channel_counts &n, double rate, double clock_period) {
+double estimate_of(const event_counts &n, double rate, double clock_period) {
     return rate * n.time * clock_period;
 }
 
@@ -78,7 +78,7 @@ struct batch {
     std::span<const std::uint32_t> readings;
     std::span<double> factors, estimates; // estimates may be empty
 
-    channel_counts counts(std::size_t value) const {
+    event_counts counts(std::size_t value) const {
         const auto s = readings.subspan(value * plr3_nr_scalers, plr3_nr_scalers);
         return {s[channels[value % channels.size()].all], s[plr3_scaler_reset], s[plr3_scaler_time]};
     }
@@ -93,7 +93,7 @@ struct batch {
 
 void batch::correct(std::size_t value, double rate) const {
     const channel_terms &t = channels[value % channels.size()];
-    const channel_counts n = counts(value);
+    const event_counts n = counts(value);
     const double factor = factor_of(n, rate, t.terms.c, t.terms.d);
     const double estimate = estimate_of(n, rate, t.clock_period);
     const bool is_number = std::isfinite(factor) && factor != std::numeric_limits<double>::max();
@@ -168,7 +168,7 @@ double plr3_dtc(int path, std::uint32_t all, std::uint32_t reset, std::uint32_t 
     const PLR3Path *p = plr3_path(path);
     if (!p)
         return plr3_fail(plr3_invalid_path, "plr3_dtc: invalid path %d", path);
-    const channel_counts n{all, reset, time};
+    const event_counts n{all, reset, time};
     const dtc_terms terms = dtc_make_terms(processDeadTimeAllEvent, processDeadTimeAllEventRate,
                                            processDeadTimeInWindow, processDeadTimeInWindowRate);
     const double rate = dtc_rate_by_bisection(terms, rate_seen(n, p->clock_period));

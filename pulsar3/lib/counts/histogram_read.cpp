@@ -153,6 +153,13 @@ int plr3_histogram_read4d(int path, std::uint32_t *buffer, int eng, int aux, int
                        {eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf});
 }
 
+int plr3_histogram_check4d(int path, int eng, int aux, int chan, int tf, int num_eng, int num_aux,
+                           int num_chan, int num_tf) {
+    channel_shape shape;
+    return check_region("plr3_histogram_read4d", path,
+                        {eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf}, shape);
+}
+
 int plr3_histogram_read3d(int path, std::uint32_t *buffer, int eng, int aux, int chan, int num_eng,
                           int num_aux, int num_chan, int tf) {
     return read_region("plr3_histogram_read3d", path, buffer,

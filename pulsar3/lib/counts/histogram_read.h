@@ -11,6 +11,9 @@ namespace kestrel {
 
 int plr3_histogram_read4d(int path, std::uint32_t *buffer, int eng, int aux, int chan, int tf, int num_eng,
                           int num_aux, int num_chan, int num_tf);
+// Whether the region can be read.
+int plr3_histogram_check4d(int path, int eng, int aux, int chan, int tf, int num_eng, int num_aux,
+                           int num_chan, int num_tf);
 // One time frame.
 int plr3_histogram_read3d(int path, std::uint32_t *buffer, int eng, int aux, int chan, int num_eng,
                           int num_aux, int num_chan, int tf);

@@ -153,6 +153,9 @@ int read_part(const card_part &part, std::span<std::uint32_t> buffer, const plr3
         if (status != 0)
             return status;
     }
+    std::unique_lock<fair_mutex> from_readout; // a mini model's are put there as they come
+    if (part.card.readout)
+        from_readout = std::unique_lock(part.card.readout->mutex);
     const std::size_t row = count_of(b.num_scaler), frame = row * count_of(whole.num_chan);
     std::uint32_t *to = buffer.data() + row * count_of(part.before);
     const bool together = b.num_scaler == plr3_nr_scalers;

@@ -12,8 +12,6 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::uint32_t block_bytes = 8192; // the engine's unit of transfer
-
 struct row {
     int path, card, chan;
     std::span<std::uint32_t> words;
@@ -26,9 +24,9 @@ int read_row(const row &r) {
     const auto bytes = static_cast<std::uint32_t>(r.words.size_bytes());
     if (const int status = plr3_dma_send(plr3_dma_reset, r.path, r.card, stream, {}); status != 0)
         return status;
-    if (const int status = plr3_dma_send(plr3_dma_build_desc, r.path, r.card, stream,
-                                         {static_cast<std::uint32_t>(stream),
-                                          static_cast<std::uint32_t>(r.chan) * bytes, bytes, block_bytes});
+    if (const int status = plr3_dma_send(
+            plr3_dma_build_desc, r.path, r.card, stream,
+            {static_cast<std::uint32_t>(stream), static_cast<std::uint32_t>(r.chan) * bytes, bytes, bytes});
         status != 0)
         return status;
     run_request run;

@@ -30,7 +30,7 @@ std::size_t frame_reader::lay_out(frame_assembler &frames) {
         frames.expected_frame() + (area.circular ? std::max<std::uint64_t>(area.frames() / 4, 1) : batch_);
     frame_assembler::slot slot = frames.next();
     std::size_t count = 0;
-    for (; count < batch_ && slot.frame < last; ++count) {
+    for (; count < wanted_ && slot.frame < last; ++count) {
         message &m = messages_[count];
         m.slots = 0;
         std::size_t parts = 0;
@@ -58,6 +58,7 @@ frame_reader::got frame_reader::receive(UDPconnection &connection, frame_assembl
                : errno == ECONNREFUSED                                   ? got::some
                                                                          : got::error;
     const auto count = static_cast<std::size_t>(n);
+    wanted_ = std::min(2 * wanted_, batch_);
     for (std::size_t i = 0; i < count; ++i) {
         connection.recvBytes += headers_[i].msg_len;
         std::size_t taken = 0;
@@ -118,8 +119,10 @@ void frame_reader::gather(std::size_t i, std::vector<std::byte> &bytes) {
 // From packet `taken` of message `first` on, all is copied out of the places where it does not belong, these are
 // cleared, and each packet goes its own way.
 void frame_reader::take_up(std::size_t first, std::size_t taken, std::size_t count, frame_assembler &frames) {
-    std::vector<std::byte> bytes;
-    std::vector<std::size_t> sizes;
+    std::vector<std::byte> &bytes = taken_up_;
+    bytes.clear();
+    sizes_.clear();
+    wanted_ = 1;
     std::size_t in_place = taken;
     for (std::size_t i = first; i < count; ++i, in_place = 0) {
         const std::size_t size = merged_size(i), all = headers_[i].msg_len, before = bytes.size();
@@ -127,17 +130,20 @@ void frame_reader::take_up(std::size_t first, std::size_t taken, std::size_t cou
         bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(before),
                     bytes.begin() + static_cast<std::ptrdiff_t>(before + std::min(in_place * size, all)));
         for (std::size_t begin = in_place * size; begin < all || all == 0; begin += size) {
-            sizes.push_back(std::min(size, all - begin));
+            sizes_.push_back(std::min(size, all - begin));
             if (all == 0)
                 break;
         }
-        for (std::size_t slot = in_place; slot < messages_[i].slots; ++slot)
+        std::size_t lands = in_place * size; // what has been written to
+        for (std::size_t slot = in_place; slot < messages_[i].slots && lands < all; ++slot) {
             std::memset(messages_[i].slot[slot].place, 0, messages_[i].slot[slot].bytes);
+            lands += messages_[i].slot[slot].bytes + trailer_bytes;
+        }
     }
     merged_ = std::clamp<std::size_t>((headers_[first].msg_len + merged_size(first) - 1) / merged_size(first),
                                       1, merged_max_);
     std::span<const std::byte> rest(bytes);
-    for (const std::size_t size : sizes) {
+    for (const std::size_t size : sizes_) {
         frames.take(rest.first(size));
         rest = rest.subspan(size);
     }

@@ -65,6 +65,11 @@ class frame_reader {
     std::array<control_space, batch_> controls_;
     std::unique_ptr<std::byte[]> spill_; // message_max_ bytes a message, touched only where it is needed
     std::size_t merged_ = merged_max_;   // packets that messages were seen to hold
+    // Messages asked for at once: one after something came otherwise than foreseen, so that a stretch with losses costs
+    // little copying, then more and more.
+    std::size_t wanted_ = batch_;
+    std::vector<std::byte> taken_up_; // for take_up, kept
+    std::vector<std::size_t> sizes_;
 };
 
 } // namespace kestrel
