@@ -429,7 +429,14 @@ TEST(CorrectedHistograms, AreTheCountsTimesTheFactorOfChannelAndFrame) {
     ASSERT_EQ(plr3_hist_dtc_read3d(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2), 0);
     EXPECT_TRUE(std::equal(one.begin(), one.end(), corrected.begin() + bins * channels));
     ASSERT_EQ(plr3_hist_dtc_read4d_sf(system.path, one.data(), 7, 0, 1, 2, bins, 1, channels, 1, {0, 1}), 0);
+    ASSERT_EQ(plr3_hist_dtc_read3d_sf(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2, {0, 1}), 0);
     EXPECT_EQ(plr3_hist_dtc_read4d_sf(system.path, one.data(), 7, 0, 1, 2, bins, 1, channels, 1, {0, 2}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_hist_dtc_read3d_sf(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2, {1, 1}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_scaler_read_sf(system.path, scaler, {0, 1, 1, 9, channels, frames}, {1, 1}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_scaler_dtc_read_sf(system.path, corrected, {0, 1, 1, 9, channels, frames}, {0, 3}),
               plr3_out_of_range);
 }
 

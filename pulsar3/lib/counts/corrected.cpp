@@ -214,6 +214,13 @@ int plr3_hist_dtc_read4d_sf(int path, double *buffer, int eng, int aux, int chan
                : status;
 }
 
+int plr3_hist_dtc_read3d_sf(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,
+                            int num_chan, int tf, plr3_sub_frames sub) {
+    const int status = plr3_check_sub_frames("plr3_hist_dtc_read3d_sf", path, sub);
+    return status == 0 ? plr3_hist_dtc_read3d(path, buffer, eng, aux, chan, num_eng, num_aux, num_chan, tf)
+                       : status;
+}
+
 // Sixteen at a time, which are all in registers before the first is written. Through a signed number, for which processors
 // have an instruction; the sum is exact.
 void plr3_dtc_multiply(const std::uint32_t *counts, double *corrected, std::size_t count, double factor) {

@@ -23,6 +23,8 @@ int plr3_hist_dtc_read3d(int path, double *buffer, int eng, int aux, int chan, i
 // Of sub-frames, of which there is one: others are refused.
 int plr3_hist_dtc_read4d_sf(int path, double *buffer, int eng, int aux, int chan, int tf, int num_eng,
                             int num_aux, int num_chan, int num_tf, plr3_sub_frames sub);
+int plr3_hist_dtc_read3d_sf(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,
+                            int num_chan, int tf, plr3_sub_frames sub);
 
 // corrected = counts x factor. The counts may be the last half of `corrected`, where a row was read to: each is used
 // before it is written over.
