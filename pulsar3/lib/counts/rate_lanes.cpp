@@ -9,23 +9,24 @@ namespace {
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 
-// Functions of vectors must become part of ones that are compiled for several targets.
-#define KESTREL_LANES inline __attribute__((always_inline))
-
 // V: a vector of doubles, I: of as many 64-bit integers. Each operation is on four vectors: one would wait for its own
-// results most of the time.
+// results most of the time. All become part of functions that are compiled for one target each.
 template <class V, class I> struct lanes {
     static constexpr std::size_t ways = 4, width = ways * sizeof(V) / sizeof(double);
     struct values {
         V way[ways];
     };
 
-    static KESTREL_LANES void load(values &to, const double *from) { std::memcpy(&to, from, sizeof to); }
-    static KESTREL_LANES void store(double *to, const values &from) { std::memcpy(to, &from, sizeof from); }
+    [[gnu::always_inline]] static void load(values &to, const double *from) {
+        std::memcpy(&to, from, sizeof to);
+    }
+    [[gnu::always_inline]] static void store(double *to, const values &from) {
+        std::memcpy(to, &from, sizeof from);
+    }
 
     // exp(u) for |u| <= 8 to some 2 units in the last place: the exponent's whole powers of 2 by its bits, Taylor's
     // series for the rest.
-    static KESTREL_LANES void exp(values &u) {
+    [[gnu::always_inline]] static void exp(values &u) {
         constexpr double shift = 0x1.8p52, log2e = 0x1.71547652b82fep0;
         constexpr double ln2_high = 0x1.62e42fefa38p-1, ln2_low = 0x1.ef35793c7673p-45;
         constexpr double series[] = {1.0 / 479001600.0,
@@ -59,7 +60,7 @@ template <class V, class I> struct lanes {
         values seen, a, b, range;
     };
 
-    static KESTREL_LANES void seen_at(const values &x, const model &m, values &to) {
+    [[gnu::always_inline]] static void seen_at(const values &x, const model &m, values &to) {
         for (std::size_t w = 0; w < ways; ++w)
             to.way[w] = -x.way[w] * (m.b.way[w] * x.way[w] + m.a.way[w]);
         exp(to);
@@ -67,7 +68,7 @@ template <class V, class I> struct lanes {
             to.way[w] = to.way[w] * x.way[w];
     }
 
-    static KESTREL_LANES void slope_at(const V &x, const model &m, std::size_t w, V &to) {
+    [[gnu::always_inline]] static void slope_at(const V &x, const model &m, std::size_t w, V &to) {
         const V slope = 1.0 - x * (m.a.way[w] + 2.0 * m.b.way[w] * x);
         const V least = V{} + 1e-8;
         to = slope > least ? slope : least;
@@ -75,7 +76,7 @@ template <class V, class I> struct lanes {
 
     // Newton's iteration for ln x - x (b x + a) = ln r, the logarithm of x over its estimate e by the first term of its
     // series in (x - e) / (x + e).
-    static KESTREL_LANES void iterate(values &x, const model &m) {
+    [[gnu::always_inline]] static void iterate(values &x, const model &m) {
         values e;
         for (std::size_t w = 0; w < ways; ++w)
             e.way[w] = x.way[w] * (m.b.way[w] * x.way[w] + m.a.way[w]);
@@ -92,8 +93,8 @@ template <class V, class I> struct lanes {
 
     // Up to `low` the model gives at most r, from `high` on more than r, whatever is rounded: shown by the model, not by
     // the iteration, which may have ended anywhere.
-    static KESTREL_LANES void enclose(const values &x, const model &m, const values &margin,
-                                      const values &floor, values &low, values &high) {
+    [[gnu::always_inline]] static void enclose(const values &x, const model &m, const values &margin,
+                                               const values &floor, values &low, values &high) {
         const V zero{}, never = zero + infinity, slight = zero + 1e-9;
         values low_rate, high_rate;
         for (std::size_t w = 0; w < ways; ++w) {
@@ -118,8 +119,8 @@ template <class V, class I> struct lanes {
     }
 
     // Takes the steps up to the first whose outcome is not certain; that one's length is left in `next`.
-    static KESTREL_LANES void bisect(const values &range, const values &low, const values &high, values &root,
-                                     values &next) {
+    [[gnu::always_inline]] static void bisect(const values &range, const values &low, const values &high,
+                                              values &root, values &next) {
         const V zero{}, never = zero + infinity;
         values stop, step; // nothing shorter than `stop` is taken
         for (std::size_t w = 0; w < ways; ++w) {
@@ -139,7 +140,7 @@ template <class V, class I> struct lanes {
         }
     }
 
-    static KESTREL_LANES void solve(dtc_lanes_block &s) {
+    [[gnu::always_inline]] static void solve(dtc_lanes_block &s) {
         for (std::size_t at = 0; at < s.used; at += width) {
             model m;
             values margin, floor, x, low, high, root, next;
@@ -159,8 +160,6 @@ template <class V, class I> struct lanes {
         }
     }
 };
-
-#undef KESTREL_LANES
 
 using reals2 = double __attribute__((vector_size(16)));
 using reals4 = double __attribute__((vector_size(32)));
