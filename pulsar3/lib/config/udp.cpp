@@ -5,6 +5,10 @@
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/wire/resolve.h"
 
+#include <cstdlib>
+#include <sched.h>
+#include <vector>
+
 namespace kestrel {
 
 namespace {
@@ -27,10 +31,32 @@ int set_gap(FemHandle &fem) {
     return 0;
 }
 
+// The processors that the environment names ("2-5,8") for receive threads, in order; none when it names none.
+std::vector<std::size_t> thread_processors() {
+    std::vector<std::size_t> processors;
+    const char *text = std::getenv("PLR3CPUS");
+    while (text && *text) {
+        char *end = nullptr;
+        const long first = std::strtol(text, &end, 10);
+        long last = first;
+        if (end == text)
+            break;
+        if (*end == '-')
+            last = std::strtol(text = end + 1, &end, 10);
+        for (long one = first; one >= 0 && one <= last && one < CPU_SETSIZE; ++one)
+            processors.push_back(static_cast<std::size_t>(one));
+        text = *end == ',' ? end + 1 : "";
+    }
+    return processors;
+}
+
 // Channel c's stream comes to the port behind the scope data's and c more.
 int plr3_config_histogram_threads(int path, PLR3Path &card, const card_addresses &addresses, int port) {
+    const std::vector<std::size_t> processors = thread_processors();
     for (int chan = 0; chan < card.chans_per_card; ++chan) {
         Histogram &h = *card.histogram[static_cast<std::size_t>(chan)];
+        if (!processors.empty())
+            CPU_SET(processors[static_cast<std::size_t>(h.chan_of_system) % processors.size()], &h.cpu_set);
         if (card.debug)
             plr3_message(card.message_to, "Starting Histogram Thread for top path %d, channel=%d .... \n",
                          path, h.chan_of_system);
