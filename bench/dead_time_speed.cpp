@@ -1,8 +1,10 @@
 // Dead-time factors of 1000 frames of 48 channels against the plain loop of the bisection, with one and two threads; and
-// rows of a histogram multiplied by a factor against rows that become doubles and no more. Short turns of one and the
+// corrected histograms against histograms as doubles. Short turns of one and the
 // other; medians of their ratios.
+#include "pulsar3/lib/config/config.h"
 #include "pulsar3/lib/counts/corrected.h"
 #include "pulsar3/lib/counts/dead_time.h"
+#include "pulsar3/lib/counts/histogram_read.h"
 
 #include <algorithm>
 #include <array>
@@ -13,6 +15,7 @@
 #include <cstdlib>
 #include <functional>
 #include <random>
+#include <sys/mman.h>
 #include <vector>
 
 using namespace kestrel;
@@ -135,33 +138,54 @@ int factors(bool with_rate_terms) {
     return right ? 0 : 1;
 }
 
-// As many rows of 4096 bins as are read of a frame of 48 channels, and of 40 frames.
-void rows(std::size_t count) {
-    constexpr std::size_t bins = 4096;
-    std::vector<std::uint32_t> counts(count * bins, 12345);
-    std::vector<double> to(count * bins);
-    // The row goes behind the place of its doubles first, as a read puts it there.
-    const auto each = [&](auto change) {
-        for (std::size_t row = 0; row < count; ++row) {
-            double *const first = to.data() + row * bins;
-            auto *const tail = reinterpret_cast<std::uint32_t *>(first) + bins;
-            std::copy_n(counts.data() + row * bins, bins, tail);
-            change(tail, first);
+// A dummy card of 12 channels with so many frames in its module; closed and gone when `work` is done.
+void with_histograms(int held, const std::function<void(int path)> &work) {
+    plr3_message_hook = [](int, std::string_view) {};
+    plr3_request request;
+    request.message_to = 0; // not to the terminal
+    request.ncards = 1;
+    request.num_tf = held;
+    request.card_index = 61;
+    request.dummy_system = PulsarDummy3V7;
+    const int path = plr3_config_init(request);
+    if (path < 0 || plr3_histogram_test_pattern(path, false) != 0) {
+        std::fprintf(stderr, "dead_time_speed: %s\n", plr3_get_error_message());
+        std::exit(1);
+    }
+    work(path);
+    plr3_close(path);
+    for (const char *name : {"plr3_hist61", "plr3_scalers61", "plr3_tf_status61", "plr3_progress61"})
+        ::shm_unlink(name);
+}
+
+// Rows become doubles where they were read to, row by row, as corrected ones do.
+void read_doubles(int path, double *to, int chans, int held) {
+    for (int tf = 0; tf < held; ++tf)
+        for (int chan = 0; chan < chans; ++chan, to += plr3_default_bins) {
+            auto *const counts = reinterpret_cast<std::uint32_t *>(to) + plr3_default_bins;
+            if (plr3_histogram_read4d(path, counts, 0, 0, chan, tf, plr3_default_bins, 1, 1, 1) != 0)
+                std::abort();
+            plr3_dtc_multiply(counts, to, plr3_default_bins, 1.0);
         }
-    };
-    const comparison c = compare(
-        [&] {
-            each([](const std::uint32_t *from, double *first) {
-                for (std::size_t i = 0; i < bins; ++i)
-                    first[i] = from[i];
-            });
-        },
-        [&] {
-            each(
-                [](const std::uint32_t *from, double *first) { plr3_dtc_multiply(from, first, bins, 1.25); });
-        });
-    std::printf("%zu rows of %zu bins: doubles %.2f ms, corrected doubles %.2f ms: %.2f times as fast\n",
-                count, bins, 1e3 * c.first, 1e3 * c.second, c.ratio);
+}
+
+void histograms(int held) {
+    with_histograms(held, [held](int path) {
+        constexpr int chans = 12;
+        if (plr3_setDeadtimeCorrectionParameters(path, -1, 0, 0, 4e-7, 3e-7, 0) != 0)
+            std::abort();
+        std::vector<double> plain(std::size_t{plr3_default_bins} * chans * static_cast<std::size_t>(held));
+        std::vector<double> corrected(plain.size());
+        const comparison c = compare([&] { read_doubles(path, plain.data(), chans, held); },
+                                     [&] {
+                                         if (plr3_hist_dtc_read4d(path, corrected.data(), 0, 0, 0, 0,
+                                                                  plr3_default_bins, 1, chans, held) != 0)
+                                             std::abort();
+                                     });
+        std::printf(
+            "%d frames of %d channels of %d bins: doubles %.2f ms, corrected %.2f ms: %.2f times as fast\n",
+            held, chans, plr3_default_bins, 1e3 * c.first, 1e3 * c.second, c.ratio);
+    });
 }
 
 } // namespace
@@ -169,7 +193,9 @@ void rows(std::size_t count) {
 int main() {
     open_system();
     const int wrong = factors(false) + factors(true);
-    rows(48);
-    rows(48 * 40);
+    for (const int path : {0, 1, 2, 3})
+        plr3_reset(Plr3Sys[static_cast<std::size_t>(path)]);
+    histograms(4);
+    histograms(160);
     return wrong;
 }

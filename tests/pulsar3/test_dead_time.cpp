@@ -1,6 +1,8 @@
 // The root of the dead-time model to the last bit, factors and estimates, and the multiplication of rows.
+#include "pulsar3/lib/config/config.h"
 #include "pulsar3/lib/counts/corrected.h"
 #include "pulsar3/lib/counts/dead_time.h"
+#include "pulsar3/lib/counts/histogram_read.h"
 #include "pulsar3/lib/counts/rate_solver.h"
 #include "pulsar3/lib/counts/scalers.h"
 
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
+#include <sys/mman.h>
 #include <vector>
 
 using namespace kestrel;
@@ -104,7 +107,12 @@ double peak_of(const parameters &p) {
     return std::isfinite(t.peak) && t.peak > 0 ? t.peak : 1e6;
 }
 
-constexpr int cases = 400000; // of each kind
+// Of each kind; the sanitizers' builds are ten times slower.
+#ifdef NDEBUG
+constexpr int cases = 400000;
+#else
+constexpr int cases = 40000;
+#endif
 
 TEST(DeadTimeRoot, HasTheBitsOfTheBisectionForUsualChannels) {
     numbers n;
@@ -356,6 +364,125 @@ TEST(CorrectedRows, MayBeMultipliedWhereTheyLie) {
         plr3_dtc_multiply(tail, inside.data(), count, 1.2345);
         EXPECT_EQ(inside, apart) << count;
     }
+}
+
+// ---- histograms of a card that is not there, in modules of their own
+
+class dummy_system {
+  public:
+    static constexpr int frames = 3, index = 61;
+
+    dummy_system() {
+        plr3_message_hook = [](int, std::string_view) {};
+        plr3_request request;
+        request.message_to = 0; // not to the terminal
+        request.ncards = 1;
+        request.num_tf = frames;
+        request.card_index = index;
+        request.dummy_system = PulsarDummy3;
+        path = plr3_config_init(request);
+    }
+    ~dummy_system() {
+        plr3_close(path);
+        plr3_message_hook = nullptr;
+        for (const char *name : {"plr3_hist61", "plr3_scalers61", "plr3_tf_status61", "plr3_progress61"})
+            ::shm_unlink(name);
+    }
+    dummy_system(const dummy_system &) = delete;
+    dummy_system &operator=(const dummy_system &) = delete;
+
+    // A tenth of a second in each frame; events rise from channel to channel and frame to frame.
+    void fill() const {
+        const module_view &view = Plr3Sys[static_cast<std::size_t>(path)].scalers_mod.view();
+        for (int t = 0; t < frames; ++t)
+            for (int c = 0; c < 4; ++c) {
+                auto *s = reinterpret_cast<std::uint32_t *>(view.at(0, c, t));
+                s[plr3_scaler_time] = 8000000;
+                s[plr3_scaler_all_event] = static_cast<std::uint32_t>(10000 * (t + 1) + 1000 * c);
+            }
+    }
+
+    int path = -1;
+};
+
+TEST(CorrectedHistograms, AreTheCountsTimesTheFactorOfChannelAndFrame) {
+    const dummy_system system;
+    ASSERT_GE(system.path, 0) << plr3_get_error_message();
+    system.fill();
+    ASSERT_EQ(plr3_histogram_test_pattern(system.path, false), 0);
+    ASSERT_EQ(plr3_setDeadtimeCorrectionParameters(system.path, -1, 0, 0, 4e-7, 3e-7, 0), 0);
+    ASSERT_EQ(plr3_setDeadtimeCorrectionParameters(system.path, 2, plr3_dtc_omit, 0, 4e-7, 3e-7, 0), 0);
+    constexpr std::size_t bins = 100, channels = 3, frames = 2;
+    std::vector<std::uint32_t> counts(bins * channels * frames), scaler(9 * channels * frames);
+    std::vector<double> factors(channels * frames), corrected(counts.size());
+    ASSERT_EQ(plr3_histogram_read4d(system.path, counts.data(), 7, 0, 1, 1, bins, 1, channels, frames), 0);
+    ASSERT_EQ(plr3_hist_dtc_read4d(system.path, corrected.data(), 7, 0, 1, 1, bins, 1, channels, frames), 0);
+    ASSERT_EQ(plr3_scaler_read(system.path, scaler, {0, 1, 1, 9, channels, frames}), 0);
+    ASSERT_EQ(plr3_calculateDeadtimeCorrectionFactors(system.path, scaler, factors, {}, frames, 1, channels),
+              0);
+    for (std::size_t i = 0; i < counts.size(); ++i)
+        ASSERT_EQ(corrected[i], counts[i] * factors[i / bins]) << i;
+    EXPECT_GT(factors[0], 1);
+    EXPECT_EQ(factors[1], 0);
+    EXPECT_GT(factors[3], factors[0]);
+    std::vector<double> one(bins * channels);
+    ASSERT_EQ(plr3_hist_dtc_read3d(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2), 0);
+    EXPECT_TRUE(std::equal(one.begin(), one.end(), corrected.begin() + bins * channels));
+    ASSERT_EQ(plr3_hist_dtc_read4d_sf(system.path, one.data(), 7, 0, 1, 2, bins, 1, channels, 1, {0, 1}), 0);
+    ASSERT_EQ(plr3_hist_dtc_read3d_sf(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2, {0, 1}), 0);
+    EXPECT_EQ(plr3_hist_dtc_read4d_sf(system.path, one.data(), 7, 0, 1, 2, bins, 1, channels, 1, {0, 2}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_hist_dtc_read3d_sf(system.path, one.data(), 7, 0, 1, bins, 1, channels, 2, {1, 1}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_scaler_read_sf(system.path, scaler, {0, 1, 1, 9, channels, frames}, {1, 1}),
+              plr3_out_of_range);
+    EXPECT_EQ(plr3_scaler_dtc_read_sf(system.path, corrected, {0, 1, 1, 9, channels, frames}, {0, 3}),
+              plr3_out_of_range);
+}
+
+TEST(CorrectedHistograms, OfACircularBufferGoOnFromTheFirstFrame) {
+    const dummy_system system;
+    ASSERT_GE(system.path, 0) << plr3_get_error_message();
+    system.fill();
+    ASSERT_EQ(plr3_histogram_test_pattern(system.path, false), 0);
+    ASSERT_EQ(plr3_setDeadtimeCorrectionParameters(system.path, -1, 0, 0, 4e-7, 3e-7, 0), 0);
+    std::vector<double> straight(4 * 3 * 10), around(straight.size());
+    ASSERT_EQ(plr3_hist_dtc_read4d(system.path, straight.data(), 0, 0, 0, 0, 10, 1, 4, 3), 0);
+    Plr3Sys[static_cast<std::size_t>(system.path)].run_flags |= plr3_run_circular;
+    ASSERT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 5, 10, 1, 4, 3), 0); // frames 2, 0, 1
+    EXPECT_TRUE(std::equal(straight.begin() + 80, straight.end(), around.begin()));
+    EXPECT_TRUE(std::equal(straight.begin(), straight.begin() + 80, around.begin() + 40));
+    ASSERT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 2147483647, 10, 1, 4, 3),
+              0); // from 1 on
+    EXPECT_TRUE(std::equal(straight.begin() + 40, straight.end(), around.begin()));
+    EXPECT_EQ(plr3_hist_dtc_read4d(system.path, around.data(), 0, 0, 0, 0, 10, 1, 4, 4), plr3_out_of_range);
+}
+
+TEST(CorrectedHistograms, RefuseRegionsThatAreNotThere) {
+    const dummy_system system;
+    ASSERT_GE(system.path, 0) << plr3_get_error_message();
+    std::vector<double> to(4096);
+    struct {
+        int path, eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf, status;
+    } const rows[] = {
+        {33, 0, 0, 0, 0, 1, 1, 1, 1, plr3_invalid_path},
+        {0, 0, 0, 0, 0, 0, 1, 1, 1, plr3_out_of_range},
+        {0, 0, 0, 0, 0, 1, -1, 1, 1, plr3_out_of_range},
+        {0, 0, 0, 0, 0, 1, 1, 0, 1, plr3_out_of_range},
+        {0, 0, 0, 0, 0, 1, 1, 1, -2, plr3_out_of_range},
+        {0, 4090, 0, 0, 0, 7, 1, 1, 1, plr3_out_of_range},
+        {0, 0, 1, 0, 0, 1, 1, 1, 1, plr3_out_of_range},
+        {0, 0, 0, 4, 0, 1, 1, 1, 1, plr3_out_of_range},
+        {0, 0, 0, 2147483647, 0, 1, 1, 2147483647, 1, plr3_out_of_range},
+        {0, 0, 0, 3, 0, 1, 1, 2, 1, plr3_out_of_range},
+        {0, 0, 0, 0, 2, 1, 1, 1, 2, plr3_out_of_range},
+        {0, 0, 0, 0, -1, 1, 1, 1, 1, plr3_out_of_range},
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(plr3_hist_dtc_read4d(r.path ? r.path : system.path, to.data(), r.eng, r.aux, r.chan, r.tf,
+                                       r.num_eng, r.num_aux, r.num_chan, r.num_tf),
+                  r.status)
+            << plr3_get_error_message();
 }
 
 } // namespace

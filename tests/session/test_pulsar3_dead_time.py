@@ -10,6 +10,7 @@ import sys
 import numpy as np
 import pytest
 from kestrel_data import Module, do, refused
+from kestrel_session import wait_until
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
 from test_pulsar3_scalers import INDEX, config, count, read
@@ -199,3 +200,26 @@ def test_rates_that_cannot_be_fitted(client, names):
     rates[1, 2:] = 0, -1, math.nan, math.inf
     assert client.lines(f"maths pulsar-dtc {handle}")[:2] == [
         "# 4 points are left out: all three rows should be above 0", "! At least 3 points are needed, not 2"]
+
+
+def test_histograms_are_corrected_by_the_factors_of_their_frames(client, play, names):
+    sim = play("-cards=2", "-kind=4", "-chans=2", f"-index={INDEX}", "-speed=10")
+    config(client, sim, 2, 5)
+    for card in range(2):
+        for chan in range(2):
+            sim.do(f"events set {card} {chan} rate {3e5 * (1 + 2 * card + chan)} a 4e-7 c 3e-7")
+    do(client, "pulsar3 dtc set-params 0 -1 0.0 4e-7 0.0 3e-7")
+    do(client, "pulsar3 dtc set-params 0 2 0.0 4e-7 0.0 3e-7 omit-chan")
+    do(client, "pulsar3 format-run 0 -1 nbits-eng 10 nbits-aux1 1")
+    do(client, "pulsar3 setup-timing 0 internal time 0.01 frames 5")
+    scalers, corrected_scalers = do(client, "pulsar3 open-scalers 0"), do(client, "pulsar3 open-scalers 0 dtc")
+    mca, corrected_mca = do(client, "pulsar3 open-mca 0"), do(client, "pulsar3 open-mca 0 dtc")
+    do(client, f"enable {scalers}")
+    events = lambda handle: read(client, names("s"), handle, (0, 0, 0, 9, 4, 5))[:, :, 5]
+    rows = lambda handle: read(client, names("h"), handle, (0, 0, 0, 1024, 8, 5))  # two auxiliary bins a channel
+    wait_until(lambda: rows(mca).sum() == events(scalers).sum() > 4 * 5 * 1000, "all frames")
+    do(client, f"disable {corrected_mca}")
+    counts, corrected = rows(mca).astype(float), rows(corrected_mca)
+    factors = np.divide(events(corrected_scalers), events(scalers))
+    assert (factors[:, 2] == 0).all() and (factors[:, [0, 1, 3]] > 1.1).all()
+    assert corrected == pytest.approx(counts * np.repeat(factors, 2, axis=1)[:, :, np.newaxis], rel=1e-12)

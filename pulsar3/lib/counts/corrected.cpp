@@ -3,7 +3,6 @@
 
 #include "pulsar3/lib/counts/dead_time.h"
 #include "pulsar3/lib/counts/histogram_read.h"
-#include "pulsar3/lib/counts/scalers.h"
 
 #include <algorithm>
 #include <array>
@@ -152,33 +151,27 @@ int plr3_scaler_dtc_read_sf(int path, std::span<double> buffer, const plr3_scale
 
 namespace {
 
-struct corrected_region {
-    int eng, aux, chan, num_eng, num_aux, num_chan;
-    std::size_t channel_words() const { return count_of(num_eng) * count_of(num_aux); }
+struct bins {
+    int eng, aux, num_eng, num_aux;
+    std::size_t size() const { return count_of(num_eng) * count_of(num_aux); }
 };
 
-// Time frames whose scalers follow each other. A frame's counts are read to the end of its place, and each channel's
-// become doubles from the front.
-int correct_frames(int path, double *buffer, const corrected_region &r, int tf, int num_tf,
-                   int scaler_frame) {
-    plr3_scaler_box box;
-    box.chan = r.chan;
-    box.num_chan = r.num_chan;
-    box.frame = scaler_frame;
-    box.num_frame = num_tf;
+// Frames that follow each other in memory. A channel's frame is read to behind the place of its doubles,
+// and is still in the nearest cache when it becomes them.
+int read_frames(int path, double *to, const bins &b, const plr3_scaler_box &box) {
     correction c;
     if (const int status = find_correction(path, box, plr3_scaler_from::usual, c); status != 0)
         return status;
-    const std::size_t words = r.channel_words(), frame_words = words * count_of(r.num_chan);
-    const double *factor = c.factors.data();
-    for (int frame = tf; frame < tf + num_tf; ++frame, buffer += frame_words) {
-        auto *counts = reinterpret_cast<std::uint32_t *>(buffer) + frame_words;
-        if (const int status = plr3_histogram_read4d(path, counts, r.eng, r.aux, r.chan, frame, r.num_eng,
-                                                     r.num_aux, r.num_chan, 1);
+    const std::size_t row = b.size();
+    for (std::size_t i = 0; i < c.factors.size(); ++i, to += row) {
+        const int chan = box.chan + static_cast<int>(i % count_of(box.num_chan));
+        const int frame = box.frame + static_cast<int>(i / count_of(box.num_chan));
+        std::uint32_t *const counts = reinterpret_cast<std::uint32_t *>(to) + row;
+        if (const int status =
+                plr3_histogram_read4d(path, counts, b.eng, b.aux, chan, frame, b.num_eng, b.num_aux, 1, 1);
             status != 0)
             return status;
-        for (std::size_t one = 0; one < count_of(r.num_chan); ++one)
-            plr3_dtc_multiply(counts + one * words, buffer + one * words, words, *factor++);
+        plr3_dtc_multiply(counts, to, row, c.factors[i]);
     }
     return 0;
 }
@@ -191,14 +184,19 @@ int plr3_hist_dtc_read4d(int path, double *buffer, int eng, int aux, int chan, i
             plr3_histogram_check4d(path, eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf);
         status != 0)
         return status;
-    const corrected_region r{eng, aux, chan, num_eng, num_aux, num_chan};
+    const bins b{eng, aux, num_eng, num_aux};
     const int frames = plr3_get_scaler_num_tf(path);
-    for (int done = 0; done < num_tf;) {
-        const int first = (tf + done) % frames, n = std::min(num_tf - done, frames - first);
-        if (const int status = correct_frames(path, buffer, r, tf + done, n, first); status != 0)
+    plr3_scaler_box box;
+    box.chan = chan;
+    box.num_chan = num_chan;
+    // In a circular buffer, where a frame may have any number, the first follows the last.
+    const int first = tf % frames;
+    for (int done = 0; done < num_tf; done += box.num_frame) {
+        box.frame = (first + done) % frames;
+        box.num_frame = std::min(num_tf - done, frames - box.frame);
+        if (const int status = read_frames(path, buffer, b, box); status != 0)
             return status;
-        buffer += count_of(n) * r.channel_words() * count_of(num_chan);
-        done += n;
+        buffer += b.size() * count_of(num_chan) * count_of(box.num_frame);
     }
     return 0;
 }
@@ -206,6 +204,21 @@ int plr3_hist_dtc_read4d(int path, double *buffer, int eng, int aux, int chan, i
 int plr3_hist_dtc_read3d(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,
                          int num_chan, int tf) {
     return plr3_hist_dtc_read4d(path, buffer, eng, aux, chan, tf, num_eng, num_aux, num_chan, 1);
+}
+
+int plr3_hist_dtc_read4d_sf(int path, double *buffer, int eng, int aux, int chan, int tf, int num_eng,
+                            int num_aux, int num_chan, int num_tf, plr3_sub_frames sub) {
+    const int status = plr3_check_sub_frames("plr3_hist_dtc_read4d_sf", path, sub);
+    return status == 0
+               ? plr3_hist_dtc_read4d(path, buffer, eng, aux, chan, tf, num_eng, num_aux, num_chan, num_tf)
+               : status;
+}
+
+int plr3_hist_dtc_read3d_sf(int path, double *buffer, int eng, int aux, int chan, int num_eng, int num_aux,
+                            int num_chan, int tf, plr3_sub_frames sub) {
+    const int status = plr3_check_sub_frames("plr3_hist_dtc_read3d_sf", path, sub);
+    return status == 0 ? plr3_hist_dtc_read3d(path, buffer, eng, aux, chan, num_eng, num_aux, num_chan, tf)
+                       : status;
 }
 
 // Sixteen at a time, which are all in registers before the first is written. Through a signed number, for which processors

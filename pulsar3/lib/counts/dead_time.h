@@ -38,6 +38,10 @@ int plr3_getDeadtimeCorrectionFlags(int path, int chan, int &flags);
 int plr3_setDeadtimeCalculationEnergy(int path, double energy);
 int plr3_getDeadtimeCalculationEnergy(int path, double &energy);
 
+// The path is open and has the channel, which may be `least` or more (-1 stands for all): 0, or a status with a text of
+// the function's.
+int plr3_check_channel(const char *function, int path, int chan, int least);
+
 // The correction factor of one channel and frame, from its events, ticks of resets and ticks, and its dead times at the
 // energy: all events, and what they gain by a unit of rate; events in windows, likewise. May be infinite or NaN.
 // The input counts of the whole frame go to `inpEst`, unless it is null. plr3_invalid_path where there is no such path.

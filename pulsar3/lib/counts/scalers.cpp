@@ -1,5 +1,7 @@
 #include "pulsar3/lib/counts/scalers.h"
 
+#include "pulsar3/lib/counts/shape.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -98,10 +100,7 @@ template <class F> int for_runs(const PLR3Path &card, const plr3_scaler_box &b, 
 }
 
 bool is_in_module(const PLR3Path &card, plr3_scaler_from from) {
-    if (!card.femHandle)
-        return true;
-    return from == plr3_scaler_from::usual && card.features.generation == PulsarGen3Mini &&
-           (card.readout_mode & Plr3mRd_SendScalars) != 0;
+    return !card.femHandle || (from == plr3_scaler_from::usual && plr3_sends_scalers(card));
 }
 
 int check_memory(const PLR3Path &card) {
