@@ -228,7 +228,8 @@ TEST(Assembler, CircularBufferTellsWhatWasOverwritten) {
     EXPECT_EQ(f.buffer[0], fixture::word(4, 0));
     f.send("20.0 21.0"); // a gap longer than the buffer
     f.assembler.finish(22);
-    EXPECT_EQ(f.status, (std::vector<std::uint32_t>{frame_whole, frame_whole, frame_incomplete, frame_incomplete}));
+    EXPECT_EQ(f.status,
+              (std::vector<std::uint32_t>{frame_whole, frame_whole, frame_incomplete, frame_incomplete}));
     EXPECT_EQ(f.counts(), "10/0/12 late 0 repeated 0 malformed 0");
 }
 
