@@ -135,6 +135,7 @@ int follow_card(int path, PLR3Path &card) {
     for (int chan = 0; chan < card.chans_per_card; ++chan) {
         Histogram &h = channel(card, chan);
         changed = changed || h.format_reg != words[static_cast<std::size_t>(chan)];
+        const std::lock_guard guard(h.mutex); // a readout's thread puts events into bins
         set_format(h, words[static_cast<std::size_t>(chan)]);
     }
     if (!changed) {

@@ -51,12 +51,15 @@ bool read_all(mini_readout &r, std::span<std::byte> to, bool begins) {
     return true;
 }
 
-void take_scalers(mini_readout &r, const message_header &m, std::span<const std::byte> payload) {
+// False: the payload no longer has the size that it should have. The areas may have changed since it began.
+bool take_scalers(mini_readout &r, const message_header &m, std::span<const std::byte> payload) {
     const std::lock_guard guard(r.mutex);
     const std::size_t words = r.scalers.channels * mini_scalers_a_channel;
+    if (payload.size() != words * 4)
+        return false;
     const std::size_t frames = words == 0 ? 0 : r.scalers.words.size() / words;
     if (frames == 0 || (m.time_frame >= frames && !r.scalers.circular))
-        return;
+        return true;
     const std::size_t frame = m.time_frame % frames;
     const auto status = r.scalers.status.subspan(frame * r.scalers.channels, r.scalers.channels);
     for (std::uint32_t &word : status)
@@ -64,24 +67,28 @@ void take_scalers(mini_readout &r, const message_header &m, std::span<const std:
     std::memcpy(&r.scalers.words[frame * words], payload.data(), words * 4);
     for (std::uint32_t &word : status)
         std::atomic_ref(word).store(frame_whole, std::memory_order_release);
+    return true;
 }
 
-void take_frame(Histogram &h, const message_header &m, std::span<const std::byte> payload) {
+bool take_frame(Histogram &h, const message_header &m, std::span<const std::byte> payload) {
     const std::lock_guard guard(h.mutex);
+    if (payload.size() != h.frames.area().frame_words * 4)
+        return false;
     const auto place = h.frames.open_frame(m.time_frame);
     if (!place)
-        return;
+        return true;
     if (!place->empty())
         std::memcpy(place->data(), payload.data(), payload.size());
     h.frames.end_open_frame();
+    return true;
 }
 
 // Events of a time frame come in several messages; the last one ends it, as does a message without any.
-void take_events(Histogram &h, const message_header &m, std::span<const std::byte> payload) {
+bool take_events(Histogram &h, const message_header &m, std::span<const std::byte> payload) {
     const std::lock_guard guard(h.mutex);
     const auto place = h.frames.open_frame(m.time_frame);
     if (!place)
-        return;
+        return true;
     bool ended = payload.empty();
     for (std::size_t at = 0; at < payload.size(); at += event_bytes) {
         std::uint64_t event;
@@ -97,6 +104,7 @@ void take_events(Histogram &h, const message_header &m, std::span<const std::byt
     }
     if (ended)
         h.frames.end_open_frame();
+    return true;
 }
 
 Histogram *channel_of(mini_readout &r, const message_header &m) {
@@ -126,15 +134,20 @@ bool fits(mini_readout &r, const message_header &m) {
     }
 }
 
-void take(mini_readout &r, const message_header &m, std::span<const std::byte> payload) {
+bool take(mini_readout &r, const message_header &m, std::span<const std::byte> payload) {
     if (m.kind == kind_scalers)
         return take_scalers(r, m, payload);
     Histogram &h = *channel_of(r, m);
-    if (m.kind == kind_frame)
-        take_frame(h, m, payload);
-    else
-        take_events(h, m, payload);
+    const bool taken = m.kind == kind_frame ? take_frame(h, m, payload) : take_events(h, m, payload);
     plr3_histogram_settled(h);
+    return taken;
+}
+
+void tell_refusal(const mini_readout &r, const message_header &m) {
+    plr3_message(r.message_to,
+                 "Readout of a mini model: message %u of kind %u, channel %u, %u bytes is not the expected "
+                 "one, the connection is closed\n",
+                 m.sequence, m.kind, m.chan, m.payload_bytes);
 }
 
 void read_messages(mini_readout &r) {
@@ -144,17 +157,16 @@ void read_messages(mini_readout &r) {
         if (!read_all(r, std::as_writable_bytes(std::span(&m, 1)), true))
             break;
         if (!fits(r, m) || m.sequence != sequence) {
-            plr3_message(
-                r.message_to,
-                "Readout of a mini model: message %u of kind %u, channel %u, %u bytes is not the expected "
-                "one, the connection is closed\n",
-                m.sequence, m.kind, m.chan, m.payload_bytes);
+            tell_refusal(r, m);
             break;
         }
         payload.resize(m.payload_bytes);
         if (!read_all(r, payload, false))
             break;
-        take(r, m, payload);
+        if (!take(r, m, payload)) {
+            tell_refusal(r, m);
+            break;
+        }
     }
     if (r.ending)
         return;
@@ -184,6 +196,7 @@ int plr3_readout_start(mini_readout &r) {
     try {
         r.thread = std::thread(read_messages, std::ref(r));
     } catch (const std::system_error &error) {
+        r.failed = true; // the next start tries again
         return plr3_fail(plr3_failed, "plr3_readout: no thread (%s)", error.what());
     }
     return 0;

@@ -1,0 +1,109 @@
+"""Counting with hostile users, peers and neighbours: odd orders of commands, cards that die, readouts that lie or stall,
+modules that others cut short."""
+import os
+import socket
+import struct
+import threading
+import time
+
+import numpy
+import pytest
+from kestrel_data import do, held, result
+from kestrel_session import SCALE, WAIT, wait_until
+from test_pulsar3_cards import play  # noqa: F401 (a fixture)
+from test_pulsar3_counting import BINS, CHANS, FRAMES, configured, count, histograms, losses, module, sent, table
+from test_pulsar3_dummy import fails, no_modules_left  # noqa: F401 (a fixture)
+
+
+class Readout:
+    """A mini model whose control link is the simulator's and whose readout is played here."""
+    CONTROL, PORT, MAGIC = 30124, 30125, 0x334D4C50
+
+    def __init__(self, sim):
+        a, b = (int(part) for part in sim.net.split(".")[1:3])
+        self.net = f"127.{a}.{b % 100 + 150}."
+        self.control, self.listener = (socket.create_server((self.net + "2", port))
+                                       for port in (self.CONTROL, self.PORT))
+        self.links = []
+        threading.Thread(target=self.forward, args=(sim.control(),), daemon=True).start()
+
+    def forward(self, card):
+        while True:
+            try:
+                near, _ = self.control.accept()
+            except OSError:
+                return
+            far = socket.create_connection((card, self.CONTROL))
+            self.links += [near, far]
+            for pair in ((near, far), (far, near)):
+                threading.Thread(target=self.pump, args=pair, daemon=True).start()
+
+    @staticmethod
+    def pump(source, to):
+        try:
+            while data := source.recv(65536):
+                to.sendall(data)
+            to.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+
+    def accept(self):
+        """The next connection's mode."""
+        self.listener.settimeout(WAIT)
+        self.link, _ = self.listener.accept()
+        self.links.append(self.link)
+        self.sequence = 0
+        return struct.unpack("<I", self.link.recv(4, socket.MSG_WAITALL))[0]
+
+    def send(self, kind, chan, frame, payload, size=None):
+        header = struct.pack("<6I", self.MAGIC, kind, chan, frame, len(payload) if size is None else size, self.sequence)
+        self.sequence += 1
+        self.link.sendall(header + payload)
+
+    def close(self):
+        for one in (self.control, self.listener, *self.links):
+            one.close()
+
+
+@pytest.fixture
+def readout(play):
+    peer = Readout(play("-kind=3mini", "-speed=10"))
+    yield peer
+    peer.close()
+
+
+def test_a_frame_that_began_before_its_shape_changed_is_not_stored(server, client, readout):
+    assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames") == 0
+    assert readout.accept() == 2
+    readout.send(2, 0, 4 * FRAMES - 1, b"\xee" * 8000, size=4 * BINS)
+    assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10") == 0
+    assert do(client, "pulsar3 hist start 0") == 0
+    readout.link.sendall(b"\xee" * (4 * BINS - 8000))
+    wait_until(lambda: any("is not the expected one" in line for line in client.lines("sleep 0.01")), "its refusal")
+    assert not histograms(frames=4 * FRAMES, bins=BINS // 4).any()
+    assert do(client, "pulsar3 hist start 0") == 0
+    readout.accept()
+    readout.send(2, 1, 0, b"\x01" * BINS)
+    wait_until(lambda: table(client)[1][1] == 1, "a frame of the new shape")
+
+
+def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
+    assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
+    readout.accept()
+    before, threads = held(server), len(os.listdir(f"/proc/{server.process.pid}/task"))
+    frame = bytes(4 * BINS)
+    for kind, chan, payload, size in ((4, 0, b"", None), (2, 2, frame, None), (2, 0xFFFFFFFF, frame, None), (3, 0, b"", None),
+                                      (2, 0, frame[4:], None), (2, 0, b"", 0xFFFFFFFF), (1, 0, bytes(72), None),
+                                      (1, 0xFFFFFFFF, bytes(36), None), (0, 0, b"", None)):
+        readout.send(kind, chan, 0, payload, size)
+        wait_until(lambda: any("is not the expected one" in line for line in client.lines("sleep 0.01")), "its refusal")
+        assert do(client, "pulsar3 hist start 0") == 0
+        readout.accept()
+        assert (held(server), len(os.listdir(f"/proc/{server.process.pid}/task"))) == (before, threads)
+    for number in (0, 0x7FFFFFFF, 0xFFFFFFFE, 5, 0x80000000):  # numbers that jump are counted, and nothing is written
+        readout.send(2, 1, number, frame)
+        readout.send(1, 0xFFFFFFFF, number, bytes(72))
+    wait_until(lambda: table(client)[1][1] == 5, "their account")
+    row = table(client)[1]
+    assert row[0] == sum(row[1:4])
+    do(client, "pulsar3 hist stop 0")
