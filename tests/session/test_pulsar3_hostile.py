@@ -87,6 +87,16 @@ def test_a_frame_that_began_before_its_shape_changed_is_not_stored(server, clien
     wait_until(lambda: table(client)[1][1] == 1, "a frame of the new shape")
 
 
+def test_one_card_can_start_while_others_count(client, play):
+    configured(client, play, ncards=2)
+    do(client, f"pulsar3 setup-timing 0 internal time 0.5 frames {FRAMES}")
+    do(client, "pulsar3 hist start 0")
+    wait_until(lambda: table(client)[0][1] >= 3, "frames")
+    assert do(client, "pulsar3 hist start 0 1") == 0
+    assert losses(client, chans=2 * CHANS)[:CHANS] == [[FRAMES, FRAMES, 0, 0, 0, 0, 0, 0, 0]] * CHANS
+    assert (histograms()[1, 7] == sent(0, 1, 7)).all()
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()

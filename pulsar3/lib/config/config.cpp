@@ -120,7 +120,7 @@ int set_up(int path, const config_plan &plan) {
     if (r.do_init)
         status = plr3_write_defaults(path);
     if (status == 0)
-        status = plr3_follow_formats(path);
+        status = plr3_follow_formats(path, 0, r.ncards);
     if (status == 0)
         status = plr3_make_progress(path);
     return status == 0 ? 0 : wrapped(status);

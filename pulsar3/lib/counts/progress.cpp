@@ -41,15 +41,15 @@ int plr3_make_progress(int path) {
     return 0;
 }
 
-void plr3_begin_progress(int path) {
-    PLR3Path &top = *plr3_path(path);
-    top.start_time = plr3_clock::now();
-    for (int card = 0; card < top.num_cards; ++card) {
+void plr3_begin_progress(int path, int first, int end) {
+    const auto begun = plr3_clock::now();
+    plr3_path(path)->start_time = begun;
+    for (int card = first; card < end; ++card) {
         run_progress now;
         const bool known = plr3_get_progress(path, card, now) == 0;
         Histogram &h = first_channel(path, card);
         const std::lock_guard guard(h.mutex);
-        h.progress.begun = top.start_time;
+        h.progress.begun = begun;
         h.progress.written = {};
         if (!h.progress.words)
             continue;
@@ -61,14 +61,14 @@ void plr3_begin_progress(int path) {
 }
 
 void plr3_end_progress(int path) {
-    PLR3Path &top = *plr3_path(path);
-    const auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(plr3_clock::now() - top.start_time).count();
+    const PLR3Path &top = *plr3_path(path);
+    const auto now = plr3_clock::now();
     for (int card = 0; card < top.num_cards; ++card) {
         Histogram &h = first_channel(path, card);
         const std::lock_guard guard(h.mutex);
         if (!h.progress.words || h.progress.words[at_running] == 0)
             continue;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - h.progress.begun).count();
         put(h.progress.words[at_reached], h.frames.expected_frame());
         put(h.progress.words[at_running], 0);
         put(h.progress.words[at_seconds], static_cast<std::uint64_t>(seconds));

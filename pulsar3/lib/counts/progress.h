@@ -5,8 +5,8 @@
 namespace kestrel {
 
 int plr3_make_progress(int path); // at configuration
-// Of the cards as they are set up now. A failure to read a card leaves its row at 0.
-void plr3_begin_progress(int path);
+// Of these cards, as they are set up now. A failure to read a card leaves its row at 0.
+void plr3_begin_progress(int path, int first, int end);
 void plr3_end_progress(int path);
 
 } // namespace kestrel

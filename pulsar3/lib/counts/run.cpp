@@ -99,12 +99,12 @@ int start_system(const char *function, int path, int card, bool enable) {
     for (int one = first; one < end; ++one) // a run that is on, or was left on, ends
         if (const int status = rmw_word(path, one, timing_a, stop_mask, 0); status != 0)
             return status;
-    if (const int status = plr3_follow_formats(path); status != 0)
+    if (const int status = plr3_follow_formats(path, first, end); status != 0)
         return status;
     for (int one = first; one < end; ++one)
         if (const int status = prepare_card(path, one); status != 0)
             return status;
-    plr3_begin_progress(path);
+    plr3_begin_progress(path, first, end);
     for (int one = end - 1; one >= first; --one)
         if (const int status = start_card(path, one, enable); status != 0)
             return status;

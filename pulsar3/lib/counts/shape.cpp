@@ -282,9 +282,9 @@ void plr3_keep_card_modules(PLR3Path &card) {
         module->keep();
 }
 
-int plr3_follow_formats(int path) {
+int plr3_follow_formats(int path, int first, int end) {
     const PLR3Path &top = *plr3_path(path);
-    for (int card = 0; card < top.num_cards; ++card) {
+    for (int card = first; card < end; ++card) {
         const int leaf = plr3_leaf(top, path, card);
         if (const int status = follow_card(leaf, *plr3_path(leaf)); status != 0)
             return status;
@@ -304,7 +304,7 @@ int plr3_format_run(int path, int chan, const format_request &request) {
     for (int one = first; one < end; ++one)
         if (const int status = write_format(path, one, request); status != 0)
             return status;
-    return plr3_follow_formats(path);
+    return plr3_follow_formats(path, 0, top->num_cards);
 }
 
 } // namespace kestrel

@@ -36,8 +36,9 @@ int plr3_make_card_modules(PLR3Path &card);
 void plr3_place_scalers(PLR3Path &card);
 void plr3_keep_card_modules(PLR3Path &card);
 
-// Reads the formats that the cards have now; where a shape has changed, its modules are made anew.
-int plr3_follow_formats(int path);
+// Reads the formats that the cards from `first` up to, and without, `end` have now; where a shape has changed, its
+// modules are made anew. None of these may be counting.
+int plr3_follow_formats(int path, int first, int end);
 
 // The format of one channel, or of all (-1): a field below 0 stays as it is. Refused while a run is on.
 struct format_request {
