@@ -97,6 +97,14 @@ def test_one_card_can_start_while_others_count(client, play):
     assert (histograms()[1, 7] == sent(0, 1, 7)).all()
 
 
+def test_a_format_may_change_once_a_run_has_ended_by_itself(client, play):
+    configured(client, play)
+    do(client, "pulsar3 setup-timing 0 internal time 0.01 frames 2")
+    do(client, "pulsar3 hist start 0")
+    time.sleep(0.05)
+    assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10") == 0
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()

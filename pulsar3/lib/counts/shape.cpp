@@ -296,6 +296,8 @@ int plr3_format_run(int path, int chan, const format_request &request) {
     const PLR3Path *top = plr3_path(path);
     if (!top)
         return plr3_fail(plr3_invalid_path, "plr3_format_run: invalid path %d", path);
+    if (const int status = plr3_note_ended_runs(path); status != 0)
+        return status;
     if (plr3_run_is_on(path))
         return plr3_fail(plr3_failed, "plr3_format_run: path %d is counting", path);
     const int first = chan < 0 ? 0 : chan, end = chan < 0 ? top->num_chan : chan + 1;
