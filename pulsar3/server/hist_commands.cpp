@@ -58,13 +58,13 @@ int hist_loss(int, int cn, int path, int chan) {
     if (const int status = plr3_note_ended_runs(path); status < 0)
         return pulsar3_status(cn, status);
     pulsar3_say();
-    const int channels = plr3_get_num_chan(path);
-    const int first = OptionalArgumentCount > 0 && chan != -1 ? chan : 0;
-    const int end = OptionalArgumentCount > 0 && chan != -1 ? chan + 1 : channels;
+    const bool all = OptionalArgumentCount == 0 || chan == -1;
+    const int first = all ? 0 : chan, count = all ? plr3_get_num_chan(path) : 1;
     sv_printf(cn, "# %4s %9s %9s %10s %9s | %8s %8s %8s %9s %8s\n", "chan", "sent", "whole", "incomplete",
               "missing", "kernel", "late", "repeated", "malformed", "no place");
     std::uint64_t lost = 0;
-    for (int one = first; one < end; ++one) {
+    for (int i = 0; i < count; ++i) {
+        const int one = first + i;
         frame_loss l;
         if (const int status = plr3_histogram_get_loss(path, one, l); status < 0)
             return pulsar3_status(cn, status);

@@ -105,6 +105,13 @@ def test_a_format_may_change_once_a_run_has_ended_by_itself(client, play):
     assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10") == 0
 
 
+def test_channels_that_are_not_there_have_no_losses(client):
+    do(client, "pulsar3 config 1 4 0 dummy3")
+    for chan in (-2, 4, 2147483647, -2147483648):
+        assert fails(client, f"pulsar3 hist loss 0 {chan}", -6) == [
+            f"! ERROR plr3_resolve_path: chan={chan} out of range 0..3"]
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()
