@@ -104,10 +104,8 @@ int pulsar3_open_mca(int quals, int cn, int path) {
     if (check_keywords(cn, path, q) != 0)
         return -1;
     const bool dtc = q.given("dtc");
-    // Any frame of a circular buffer can be read: the newest there are lie in the places of old ones.
-    const int frames = (top->run_flags & plr3_run_circular) != 0 ? 0 : shape.frames;
     return pulsar3_open_source(cn, {path, dtc ? corrected : 0U, dtc ? "corrected histograms" : "histograms"},
-                               shape.energies, top->num_chan * shape.auxiliaries, frames,
+                               shape.energies, top->num_chan * shape.auxiliaries, shape.frames,
                                dtc ? el_double : el_long, mca_source);
 }
 

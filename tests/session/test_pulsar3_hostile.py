@@ -112,6 +112,18 @@ def test_channels_that_are_not_there_have_no_losses(client):
             f"! ERROR plr3_resolve_path: chan={chan} out of range 0..3"]
 
 
+def test_each_frame_of_a_circular_buffer_can_be_read(client, play):
+    configured(client, play, "-feature=61:65536", frames=4)
+    assert do(client, "pulsar3 set-run-mode 0 circ-buffer") == 0
+    count(client, frames=6)
+    handle = do(client, "pulsar3 open-mca 0")
+    for place, frame in enumerate((4, 5, 2, 3)):
+        do(client, f"read 0 0 {place} {BINS} {CHANS} 1 from {handle} long to-module 'plr3_one'")
+        assert (module("plr3_one", CHANS, BINS)[1] == sent(0, 1, frame)).all(), frame
+    assert do(client, f"clear {handle}") == 0
+    assert not histograms(frames=4).any()
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()

@@ -3,6 +3,7 @@
 #include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace kestrel {
@@ -45,7 +46,7 @@ int check_region(const char *function, int path, const region &r, channel_shape 
         return plr3_fail(plr3_out_of_range,
                          "%s: Circular buffer read requests %d frames, but buffer has only %d", function,
                          r.num_tf, shape.frames);
-    const bool frames_fit = is_circular(*top) ? r.tf >= 0 : inside(r.tf, r.num_tf, shape.frames);
+    const bool frames_fit = inside(r.tf, r.num_tf, is_circular(*top) ? INT_MAX : shape.frames);
     if (!inside(r.eng, r.num_eng, shape.energies) || !inside(r.aux, r.num_aux, shape.auxiliaries) ||
         !frames_fit)
         return plr3_fail(
