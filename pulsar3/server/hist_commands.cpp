@@ -53,10 +53,12 @@ int hist_read_dropped(int, int cn, int path, int chan) {
 
 constexpr pt_format loss_format("%d + %d = %d");
 
-// A channel that is not given means all. The result is the frames lost.
+// A channel that is not given means all. The result is the frames lost; where a card cannot be asked how many it has
+// sent, a line says so, what is known follows, and the result is the failure's.
 int hist_loss(int, int cn, int path, int chan) {
-    if (const int status = plr3_note_ended_runs(path); status < 0)
-        return pulsar3_status(cn, status);
+    const int unknown = pulsar3_status(cn, plr3_note_ended_runs(path));
+    if (!plr3_path(path))
+        return unknown;
     pulsar3_say();
     const bool all = OptionalArgumentCount == 0 || chan == -1;
     const int first = all ? 0 : chan, count = all ? plr3_get_num_chan(path) : 1;
@@ -73,7 +75,7 @@ int hist_loss(int, int cn, int path, int chan) {
                   l.whole + 0ULL, l.incomplete + 0ULL, l.missing + 0ULL, l.kernel + 0ULL, l.late + 0ULL,
                   l.repeated + 0ULL, l.malformed + 0ULL, l.beyond + 0ULL);
     }
-    return static_cast<int>(std::min<std::uint64_t>(lost, INT_MAX));
+    return unknown < 0 ? unknown : static_cast<int>(std::min<std::uint64_t>(lost, INT_MAX));
 }
 
 } // namespace

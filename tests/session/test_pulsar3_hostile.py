@@ -124,6 +124,22 @@ def test_each_frame_of_a_circular_buffer_can_be_read(client, play):
     assert not histograms(frames=4).any()
 
 
+def test_a_card_that_died_hides_nothing_of_the_others(client, play):
+    sim = configured(client, play, ncards=3)
+    do(client, "pulsar3 setup-timing 0 internal time 0.1 frames 0")
+    do(client, "pulsar3 hist start 0")
+    wait_until(lambda: table(client)[0][1] >= 1, "frames")
+    sim.do("control die 1")
+    assert fails(client, "pulsar3 hist stop 0", -4)[0].startswith("! ERROR plr3_histogram_stop: plr3_read_glob_reg")
+    value, lines = result(client, "pulsar3 hist loss 0")
+    assert value < 0 and any(line.startswith("! ERROR plr3_read_glob_reg") for line in lines)
+    rows = table(client)
+    assert len(rows) == 3 * CHANS
+    for chan in (0, 1, 4, 5):
+        assert rows[chan][0] == rows[chan][1] > 0 and rows[chan][2:] == [0] * 7
+    sim.do("control live 1")
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string>
 
 namespace kestrel {
 
@@ -200,6 +201,20 @@ int note_ended_card(int path, int card) {
     return (status & is_running) != 0 && !finished ? 0 : note_end(path, card);
 }
 
+// step(card) for every card of the path, whatever becomes of the others: the first failure, its text kept.
+template <class F> int for_every_card(int path, F step) {
+    int failure = 0;
+    std::string text;
+    for (int card = 0; card < plr3_path(path)->num_cards; ++card) {
+        const int status = step(card);
+        if (status == 0 || failure != 0)
+            continue;
+        failure = status;
+        text = plr3_get_error_message();
+    }
+    return failure == 0 ? 0 : plr3_fail(failure, "%s", text.c_str());
+}
+
 } // namespace
 
 int plr3_system_start(int path, int card) {
@@ -242,9 +257,8 @@ int plr3_histogram_stop(int path, int card) {
         return status;
     if (const int status = rmw_word(path, 0, timing_a, stop_mask, 0); status != 0)
         return plr3_fail(status, "plr3_histogram_stop: %s", plr3_get_error_message());
-    for (int one = 0; one < plr3_path(path)->num_cards; ++one)
-        if (const int status = note_end(path, one); status != 0)
-            return plr3_fail(status, "plr3_histogram_stop: %s", plr3_get_error_message());
+    if (const int status = for_every_card(path, [path](int one) { return note_end(path, one); }); status != 0)
+        return plr3_fail(status, "plr3_histogram_stop: %s", plr3_get_error_message());
     plr3_end_progress(path);
     return 0;
 }
@@ -258,18 +272,13 @@ bool plr3_run_is_on(int path) {
 }
 
 int plr3_note_ended_runs(int path) {
-    const PLR3Path *top = plr3_path(path);
-    if (!top)
+    if (!plr3_path(path))
         return plr3_fail(plr3_invalid_path, "plr3_note_ended_runs: invalid path %d", path);
-    for (int card = 0; card < top->num_cards; ++card) {
-        if (!leaf_of(path, card).run_started)
-            continue;
-        if (const int status = note_ended_card(path, card); status != 0)
-            return status;
-    }
+    const int status = for_every_card(
+        path, [path](int card) { return leaf_of(path, card).run_started ? note_ended_card(path, card) : 0; });
     if (!plr3_run_is_on(path))
         plr3_end_progress(path);
-    return 0;
+    return status;
 }
 
 bool plr3_run_settled(int path) {

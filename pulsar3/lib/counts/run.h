@@ -32,7 +32,8 @@ int plr3_system_arm(int path, int card);
 
 // A run was started and is not known to be over.
 bool plr3_run_is_on(int path);
-// Looks whether cards have ended their runs by themselves, or the run bits were cleared by another way.
+// Looks whether cards have ended their runs by themselves, or the run bits were cleared by another way. A card that cannot
+// be asked is a failure, and does not keep the others from being asked.
 int plr3_note_ended_runs(int path);
 // True when each frame of the last run is accounted for.
 bool plr3_run_settled(int path);
