@@ -22,7 +22,7 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 constexpr double longest_collect = 1e6;    // seconds
-constexpr double look_pause = 0.01;        // seconds, while the last frames come
+constexpr int look_pause = 10;             // milliseconds, while the last frames come
 constexpr double bar_pause = 0.1;          // seconds
 constexpr double progress_pause = 0.5;     // seconds
 constexpr std::uint32_t timing_source = 7; // bits of timing register A
@@ -46,12 +46,14 @@ int wait_counting(int cn, double seconds) {
     }
 }
 
-// At most as long as a frame may be on its way; ^C ends the wait, not the account.
+// At most as long as a frame may be on its way; a further ^C ends the wait, not the account.
 void wait_for_last_frames(int cn, int path) {
     const auto begin = clock::now();
-    const double most = std::chrono::duration<double>(plr3_tail).count() + 2 * look_pause;
+    const double most = std::chrono::duration<double>(plr3_tail).count() + 2 * look_pause / 1000.0;
+    const int seen = sv_quit;
+    sv_flush_all(cn);
     while (!plr3_run_settled(path) && seconds_since(begin) < most)
-        if (sv_sleep(cn, look_pause) != 0)
+        if (sv_wait_fd_again(-1, 0, look_pause, seen) == wait_result::interrupted)
             return;
 }
 
@@ -104,8 +106,7 @@ int hist_collect(int, int cn, int path, double seconds) {
     const int waited = wait_counting(cn, seconds);
     if (const int status = plr3_histogram_stop(path, -1); status < 0)
         return pulsar3_status(cn, status);
-    if (waited == 0)
-        wait_for_last_frames(cn, path);
+    wait_for_last_frames(cn, path);
     pulsar3_say();
     const int reported = report(cn, path);
     return waited != 0 ? waited : reported;

@@ -140,6 +140,15 @@ def test_a_card_that_died_hides_nothing_of_the_others(client, play):
     sim.do("control live 1")
 
 
+def test_a_collection_that_was_interrupted_is_accounted_for(server, client, play):
+    sim = configured(client, play)
+    sim.do("packets fault 0 1 delay packet 1 argument 300")
+    client.send("pulsar3 hist collect 0 1000.0\n")
+    client.recv_until("Collecting")
+    server.interrupt()
+    assert b"# Collected 2 frames of 2 channels\r\n* -1" in client.recv_prompt()
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()
