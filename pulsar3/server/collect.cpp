@@ -116,7 +116,7 @@ int hist_collect(int, int cn, int path, double seconds) {
 
 constexpr pt_format check_progress_format("%d busy once num-t %d = %d");
 
-// The smallest number of frames reached, or a status after its line.
+// The smallest number of frames reached, a status after its line, or -1 when the session is gone.
 int show_progress(int cn, int path, bool busy) {
     std::uint64_t least = INT_MAX;
     std::string line = "#";
@@ -133,8 +133,8 @@ int show_progress(int cn, int path, bool busy) {
         if (busy)
             line += plr3_histogram_is_busy(path, card) > 0 ? ", busy" : ", idle";
     }
-    sv_print(cn, line + "\n");
-    return static_cast<int>(least);
+    const bool heard = sv_print(cn, line + "\n") >= 0; // nobody is left who could end the command
+    return heard ? static_cast<int>(least) : -1;
 }
 
 int check_progress(int quals, int cn, int path) {

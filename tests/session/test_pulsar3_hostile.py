@@ -140,6 +140,16 @@ def test_a_card_that_died_hides_nothing_of_the_others(client, play):
     sim.do("control live 1")
 
 
+def test_a_viewer_of_progress_who_leaves_does_not_stop_the_others(server, client, play):
+    configured(client, play)
+    other = server.client()
+    other.send("pulsar3 check-progress 0 num-t 99\n")
+    other.recv_until("card 0")
+    other.close()
+    server.clients.pop()
+    assert client.lines("1+1", 5 * SCALE) == ["* 2"]
+
+
 def test_a_collection_that_was_interrupted_is_accounted_for(server, client, play):
     sim = configured(client, play)
     sim.do("packets fault 0 1 delay packet 1 argument 300")
