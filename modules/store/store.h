@@ -53,6 +53,9 @@ bool datamod_is_whole(const void *head);
 // when the name belongs to another object by now).
 int datamod_remove(const char *name, const void *head);
 
+// Removes the object called `name` where it is empty, as nothing is that holds a module. True when it did.
+bool datamod_remove_empty(const char *name);
+
 // How many mappings and links are held; for the tests that look for leaks.
 struct datamod_counts {
     int mappings = 0;

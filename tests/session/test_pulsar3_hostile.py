@@ -159,6 +159,26 @@ def test_a_collection_that_was_interrupted_is_accounted_for(server, client, play
     assert b"# Collected 2 frames of 2 channels\r\n* -1" in client.recv_prompt()
 
 
+@pytest.mark.parametrize("name", ["plr3_hist0", "plr3_tf_status0", "plr3_progress0", "plr3_scalers0"])
+@pytest.mark.parametrize("size", [0, 100, 40000])
+def test_a_module_that_was_cut_short_ends_no_thread(server, client, play, name, size):
+    sim = configured(client, play)
+    threads = len(os.listdir(f"/proc/{server.process.pid}/task"))
+    do(client, "pulsar3 setup-timing 0 internal time 0.1 frames 0")
+    do(client, "pulsar3 hist start 0")
+    wait_until(lambda: table(client)[0][1] >= 1, "frames")
+    os.truncate("/dev/shm/" + name, min(size, os.path.getsize("/dev/shm/" + name)))
+    wait_until(lambda: client.lines("pulsar3 hist loss 0") and table(client)[1][1] >= 12, "further frames")
+    assert len(os.listdir(f"/proc/{server.process.pid}/task")) == threads
+    client.lines("pulsar3 hist stop 0")
+    client.lines("pulsar3 close 0")
+    # What was left of it is nobody's.
+    assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{sim.net}1'") == 0
+    count(client)
+    assert losses(client) == [[FRAMES, FRAMES, 0, 0, 0, 0, 0, 0, 0]] * CHANS
+    assert (histograms()[1, 3] == sent(0, 1, 3)).all()
+
+
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()

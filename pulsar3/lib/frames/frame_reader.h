@@ -58,6 +58,7 @@ class frame_reader {
     merged_size(std::size_t i) const; // bytes of the packets of a message that was received, but the last
     bool take_in_place(std::size_t i, frame_assembler &frames, std::size_t &taken);
     void take_up(std::size_t first, std::size_t taken, std::size_t count, frame_assembler &frames);
+    void touch_places(std::size_t count) const;
     void gather(std::size_t i, std::vector<std::byte> &bytes);
 
     std::array<message, batch_> messages_;

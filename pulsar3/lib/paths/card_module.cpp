@@ -21,6 +21,8 @@ int plr3_make_module(result_module &module, int to, const std::string &name, con
         if (ours)
             datamod_remove(name.c_str(), module.head()); // where that fails, making the new one says why
         module.reset();
+    } else if (ours) {
+        datamod_remove_empty(name.c_str());
     }
     const module_plan plan{mod_element::u_int32, shape.x, shape.y, shape.t, shape.is_3d};
     if (module.make(to, name.c_str(), plan) != 0)
