@@ -199,3 +199,19 @@ def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client,
     row = table(client)[1]
     assert row[0] == sum(row[1:4])
     do(client, "pulsar3 hist stop 0")
+
+
+def test_a_shape_that_could_not_be_made_is_tried_again_before_a_run(client, play):
+    configured(client, play)
+    path = "/dev/shm/plr3_tf_status0"
+    os.unlink(path)
+    os.mkdir(path)  # nothing can be made under this name
+    try:
+        for line in ("pulsar3 format-run 0 -1 nbits-eng 10", "pulsar3 hist start 0", "pulsar3 hist start 0"):
+            assert "cannot make module 'plr3_tf_status0'" in fails(client, line)[-1]
+        assert do(client, "pulsar3 hist stop 0") == 0
+    finally:
+        os.rmdir(path)
+    count(client)
+    assert losses(client) == [[FRAMES, FRAMES, 0, 0, 0, 0, 0, 0, 0]] * CHANS
+    assert (module("plr3_tf_status0", 2, 4 * FRAMES, CHANS)[0, :FRAMES] == 1).all()

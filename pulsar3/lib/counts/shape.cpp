@@ -14,8 +14,9 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::uint32_t default_format = 12; // 4096 energy bins, nothing else
-constexpr int status_planes = 2;             // the status of each frame, and its missing packets
+constexpr std::uint32_t default_format = 12;  // 4096 energy bins, nothing else
+constexpr std::uint32_t format_unknown = ~0U; // no register holds this: it is more energy bits than are taken
+constexpr int status_planes = 2;              // the status of each frame, and its missing packets
 
 // Words of a channel's histograms.
 std::uint64_t memory_words(const PLR3Path &card) {
@@ -145,6 +146,8 @@ int follow_card(int path, PLR3Path &card) {
     const int status = plr3_make_card_modules(card);
     if (status == 0)
         plr3_keep_card_modules(card);
+    else
+        channel(card, 0).format_reg = format_unknown; // the next start tries again
     return status;
 }
 
