@@ -215,3 +215,12 @@ def test_a_shape_that_could_not_be_made_is_tried_again_before_a_run(client, play
     count(client)
     assert losses(client) == [[FRAMES, FRAMES, 0, 0, 0, 0, 0, 0, 0]] * CHANS
     assert (module("plr3_tf_status0", 2, 4 * FRAMES, CHANS)[0, :FRAMES] == 1).all()
+
+
+def test_frames_beyond_a_cards_addresses_are_refused(client, play):
+    sim = play("-kind=3mini")
+    do(client, f"pulsar3 config 1 140000 0 baseIP '{sim.net}1' passive")
+    handle = do(client, "pulsar3 open-mca 0")
+    do(client, f"read 0 0 139999 4 1 1 from {handle} long to-module 'plr3_some'")
+    assert "word 573435904 of channel 1 is beyond the card's addresses" in fails(
+        client, f"read 0 1 139999 4 1 1 from {handle} long to-module 'plr3_some'")[0]

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <optional>
 
 namespace kestrel {
 
@@ -65,10 +66,22 @@ std::size_t word_of(const channel_shape &shape, int tf, int aux, int eng) {
            static_cast<std::size_t>(eng);
 }
 
+// The card's byte address of a word of a channel of a mini model, if all the words have one: they end with 32 bits.
+std::optional<std::uint32_t> card_address(const PLR3Path &card, int chan, std::uint64_t word,
+                                          std::uint64_t words) {
+    const auto memory = std::uint64_t{card.hist_frames_num_tf} * plr3_default_bins;
+    const std::uint64_t first = static_cast<std::uint64_t>(chan) * memory + word;
+    if (first + words <= std::uint64_t{1} << 30)
+        return static_cast<std::uint32_t>(4 * first);
+    plr3_fail(plr3_out_of_range,
+              "plr3_histogram_read: word %llu of channel %d is beyond the card's addresses",
+              static_cast<unsigned long long>(word), chan);
+    return std::nullopt;
+}
+
 // A mini model that sends nothing is asked: rows of one frame and channel.
 int fetch_rows(PLR3Path &card, int chan, const channel_shape &shape, const region &r, int tf,
                std::uint32_t *to) {
-    const auto memory = std::uint64_t{card.hist_frames_num_tf} * plr3_default_bins;
     const auto width = static_cast<std::size_t>(r.num_eng);
     for (int aux = 0; aux < r.num_aux; ++aux, to += width) {
         const std::span row(to, width);
@@ -76,11 +89,10 @@ int fetch_rows(PLR3Path &card, int chan, const channel_shape &shape, const regio
             std::ranges::fill(row, 0);
             continue;
         }
-        const std::uint64_t word =
-            static_cast<std::uint64_t>(chan) * memory + word_of(shape, tf, r.aux + aux, r.eng);
-        if (const int status =
-                pulsar3FemReadMiniHistogram(*card.femHandle, static_cast<std::uint32_t>(4 * word), row);
-            status != 0)
+        const auto address = card_address(card, chan, word_of(shape, tf, r.aux + aux, r.eng), width);
+        if (!address)
+            return plr3_out_of_range;
+        if (const int status = pulsar3FemReadMiniHistogram(*card.femHandle, *address, row); status != 0)
             return status;
     }
     return 0;
@@ -134,10 +146,9 @@ int clear_channel(int path, int chan, int first, int count) {
     if (is_passive(card) && !card.femHandle)
         return 0;
     if (is_passive(card)) {
-        const std::uint64_t memory = std::uint64_t{card.hist_frames_num_tf} * plr3_default_bins;
-        const std::uint64_t word = static_cast<std::uint64_t>(chan_of_card) * memory + begin;
-        return pulsar3FemZeroDMABuff(*card.femHandle, static_cast<std::uint32_t>(4 * word),
-                                     static_cast<std::uint32_t>(words));
+        const auto address = card_address(card, chan_of_card, begin, words);
+        return address ? pulsar3FemZeroDMABuff(*card.femHandle, *address, static_cast<std::uint32_t>(words))
+                       : plr3_out_of_range;
     }
     Histogram &h = *card.histogram[static_cast<std::size_t>(chan_of_card)];
     const std::lock_guard guard(h.mutex);
