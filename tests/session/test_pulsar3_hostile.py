@@ -217,6 +217,15 @@ def test_a_shape_that_could_not_be_made_is_tried_again_before_a_run(client, play
     assert (module("plr3_tf_status0", 2, 4 * FRAMES, CHANS)[0, :FRAMES] == 1).all()
 
 
+def test_processors_that_cannot_be_used_are_told(start, play):
+    sim = play("-chans=2")
+    for cpus, line in (("0,zz", "PLR3CPUS=0,zz cannot be read from 'zz' on"), ("3-1", "PLR3CPUS=3-1 cannot be read from '1' on"),
+                       ("1023", "The receive thread of channel 1 cannot be bound to its processor (errno 22)")):
+        client = start(env={"PLR3CPUS": cpus}).client()
+        assert "# " + line in client.lines(f"pulsar3 config 1 1 0 baseIP '{sim.net}1'")
+        assert do(client, "pulsar3 close 0") == 0
+
+
 def test_frames_beyond_a_cards_addresses_are_refused(client, play):
     sim = play("-kind=3mini")
     do(client, f"pulsar3 config 1 140000 0 baseIP '{sim.net}1' passive")

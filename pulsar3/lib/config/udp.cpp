@@ -31,19 +31,22 @@ int set_gap(FemHandle &fem) {
     return 0;
 }
 
-// The processors that the environment names ("2-5,8") for receive threads, in order; none when it names none.
-std::vector<std::size_t> thread_processors() {
+// The processors that the environment names ("2-5,8") for receive threads, in order; none when it names none. What
+// cannot be read is told to the session `to`.
+std::vector<std::size_t> thread_processors(int to) {
     std::vector<std::size_t> processors;
-    const char *text = std::getenv("PLR3CPUS");
+    const char *whole = std::getenv("PLR3CPUS"), *text = whole;
     while (text && *text) {
         char *end = nullptr;
         const long first = std::strtol(text, &end, 10);
         long last = first;
-        if (end == text)
-            break;
-        if (*end == '-')
+        if (end != text && *end == '-')
             last = std::strtol(text = end + 1, &end, 10);
-        for (long one = first; one >= 0 && one <= last && one < CPU_SETSIZE; ++one)
+        if (end == text || (*end != ',' && *end != 0) || first < 0 || last < first || last >= CPU_SETSIZE) {
+            plr3_message(to, "PLR3CPUS=%s cannot be read from '%s' on\n", whole, text);
+            break;
+        }
+        for (long one = first; one <= last; ++one)
             processors.push_back(static_cast<std::size_t>(one));
         text = *end == ',' ? end + 1 : "";
     }
@@ -52,7 +55,7 @@ std::vector<std::size_t> thread_processors() {
 
 // Channel c's stream comes to the port behind the scope data's and c more.
 int plr3_config_histogram_threads(int path, PLR3Path &card, const card_addresses &addresses, int port) {
-    const std::vector<std::size_t> processors = thread_processors();
+    const std::vector<std::size_t> processors = thread_processors(card.message_to);
     for (int chan = 0; chan < card.chans_per_card; ++chan) {
         Histogram &h = *card.histogram[static_cast<std::size_t>(chan)];
         if (!processors.empty())

@@ -154,8 +154,13 @@ int plr3_histogram_thread_start(Histogram &h) {
         return plr3_fail(plr3_failed, "plr3_config_histogram_threads: no thread for channel %d (%s)",
                          h.chan_of_system, error.what());
     }
-    if (CPU_COUNT(&h.cpu_set) > 0)
-        ::pthread_setaffinity_np(h.thread.native_handle(), sizeof h.cpu_set, &h.cpu_set);
+    if (CPU_COUNT(&h.cpu_set) == 0)
+        return 0;
+    const int error = ::pthread_setaffinity_np(h.thread.native_handle(), sizeof h.cpu_set, &h.cpu_set);
+    if (error != 0)
+        plr3_message(h.message_to,
+                     "The receive thread of channel %d cannot be bound to its processor (errno %d)\n",
+                     h.chan_of_system, error);
     return 0;
 }
 
