@@ -133,10 +133,10 @@ def test_a_card_that_died_hides_nothing_of_the_others(client, play):
     assert fails(client, "pulsar3 hist stop 0", -4)[0].startswith("! ERROR plr3_histogram_stop: plr3_read_glob_reg")
     value, lines = result(client, "pulsar3 hist loss 0")
     assert value < 0 and any(line.startswith("! ERROR plr3_read_glob_reg") for line in lines)
+    alive = (0, 1, 4, 5)
+    wait_until(lambda: all(row[0] == row[1] > 0 for row in [table(client)[chan] for chan in alive]), "their account")
     rows = table(client)
-    assert len(rows) == 3 * CHANS
-    for chan in (0, 1, 4, 5):
-        assert rows[chan][0] == rows[chan][1] > 0 and rows[chan][2:] == [0] * 7
+    assert len(rows) == 3 * CHANS and all(rows[chan][2:] == [0] * 7 for chan in alive)
     sim.do("control live 1")
 
 
