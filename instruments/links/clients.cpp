@@ -255,8 +255,21 @@ int send_nowait(int cn, int link, const std::string &command) {
     return -1;
 }
 
-int send_string(int cn, int link, const std::string &text) {
-    return send_nowait(cn, link, text);
+// A line that the remote's command reads has no prompt before it. A prompt there means that the command has ended; what
+// was read of it stays for wait_for.
+line_sent send_string(int cn, int link, const std::string &text) {
+    const ownership owner(cn, link);
+    if (!client[link].connected || !fits_a_line(cn, text))
+        return line_sent::failed;
+    cln_status status = cln_status::ok;
+    if (cln_poll_reply(client[link].socket, status))
+        return line_sent::too_late;
+    if (status == cln_status::ok)
+        status = cln_send_more(client[link].socket, text);
+    if (status == cln_status::ok)
+        return line_sent::sent;
+    disconnect_from(cn, link);
+    return line_sent::failed;
 }
 
 int wait_for(int cn, int link) {
