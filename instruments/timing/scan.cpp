@@ -53,21 +53,8 @@ int prepare_memory(int cn, int handle, int steps) {
     return memory->is_switched && app_unified_enable(cn, handle) < 0 ? -1 : 0;
 }
 
-// The unit stops although ^C has ended every other wait of this line.
-int abort_scan(int cn) {
-    const std::sig_atomic_t quits = sv_quit;
-    sv_quit = 0;
-    sv_printf(cn, "! Scan Aborted by quit signal\n");
-    kairo_send(cn, "kairo stop");
-    sv_quit = sv_quit + quits;
-    return -1;
-}
-
 int wait_for_pause(int cn) {
-    const int waited = kairo_send(cn, "kairo wait");
-    if (sv_poll_quit(cn) != 0)
-        return abort_scan(cn);
-    return waited < 0 ? -1 : 0;
+    return kairo_send(cn, "kairo wait") < 0 || sv_poll_quit(cn) != 0 ? -1 : 0;
 }
 
 int step_to(int cn, const scan_plan &plan, int position) {
@@ -76,14 +63,15 @@ int step_to(int cn, const scan_plan &plan, int position) {
     if (links::send_wait(cn, links::link_motors, "motor move-to" + kairo_number(plan.motor) + kairo_number(position)) < 0)
         sv_printf(cn, "# Set function returned ERROR\n");
     if (sv_poll_quit(cn) != 0)
-        return abort_scan(cn);
+        return -1;
     if (kairo_send(cn, "kairo cont") < 0) {
         sv_printf(cn, "! KAIRO cannot continue\n");
-        return sv_poll_quit(cn) != 0 ? abort_scan(cn) : -1;
+        return -1;
     }
     return wait_for_pause(cn);
 }
 
+// 0, or -1 at the first failure and at ^C.
 int run_scan(int cn, const scan_plan &plan) {
     const std::string frames = "kairo generate" + kairo_number(1) + kairo_number(plan.steps) +
                                kairo_number(scan_dead_time) + kairo_number(plan.time) + kairo_number(pause_each_frame);
@@ -94,6 +82,15 @@ int run_scan(int cn, const scan_plan &plan) {
             return -1;
     }
     return 0;
+}
+
+// The unit stops although ^C has ended every other wait of this line.
+void stop_after_quit(int cn) {
+    const std::sig_atomic_t quits = sv_quit;
+    sv_quit = 0;
+    sv_printf(cn, "! Scan Aborted by quit signal\n");
+    kairo_send(cn, "kairo stop");
+    sv_quit = sv_quit + quits;
 }
 
 int scan_motor(int quals, int cn, int first, int last, int step, double time, int motor) {
@@ -107,7 +104,10 @@ int scan_motor(int quals, int cn, int first, int last, int step, double time, in
     }
     if (q.given("mem") && prepare_memory(cn, q.number("mem"), steps) != 0)
         return -1;
-    return run_scan(cn, {first, step, steps, motor, time});
+    const int result = run_scan(cn, {first, step, steps, motor, time});
+    if (result != 0 && sv_poll_quit(cn) != 0)
+        stop_after_quit(cn);
+    return result;
 }
 
 } // namespace
