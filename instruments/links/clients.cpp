@@ -276,8 +276,12 @@ int wait_for(int cn, int link) {
     const ownership owner(cn, link);
     if (client_connect(cn, link) != 0)
         return -1;
-    if (cln_wait_reply(client[link].socket) == cln_status::ok)
-        return cln_integer(client[link].socket.reader.result());
+    const reply_reader &reader = client[link].socket.reader;
+    const cln_status status = cln_wait_reply(client[link].socket);
+    if (status == cln_status::ok && !reader.ended_before())
+        return cln_integer(reader.result());
+    if (status == cln_status::ok)
+        sv_printf(cn, "! %s ended the command before it took all lines\n", clientconfig[link].name);
     disconnect_from(cn, link);
     return -1;
 }
