@@ -201,8 +201,8 @@ int kiln_data(int quals, int cn, const char *header, int frames, int handle) {
     if (!set || !agrees(cn, q, frames, *set))
         return -1;
     const auto box = with_data ? data_box(cn, handle, *set) : unified_box{};
-    const auto times = frame_times_of(cn, *set);
-    if (!box || !times || (with_data && write_data(cn, handle, *box, *set) != 0))
+    const auto times = box ? frame_times_of(cn, *set) : std::nullopt;
+    if (!times || (with_data && write_data(cn, handle, *box, *set) != 0))
         return -1;
     return write_times(cn, *set, *times);
 }
