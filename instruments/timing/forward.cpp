@@ -24,6 +24,16 @@ std::string kairo_number(double value) {
     return text;
 }
 
+namespace {
+
+// A keyword that takes a real does not take an integer: a whole number needs its point.
+std::string keyword_real(double value) {
+    const std::string text = kairo_number(value);
+    return text.find_first_of(".en") == std::string::npos ? text + ".0" : text;
+}
+
+} // namespace
+
 std::optional<std::string> kairo_add_words(int cn, std::string text, const format_parts &format, int quals,
                                            unsigned left_out) {
     const unsigned given = static_cast<unsigned>(quals) & ~left_out;
@@ -35,7 +45,7 @@ std::optional<std::string> kairo_add_words(int cn, std::string text, const forma
         if (word.type == 'd')
             text += kairo_number(Qualifier[i].IntArg);
         else if (word.type == 'g')
-            text += kairo_number(Qualifier[i].DoubleArg);
+            text += keyword_real(Qualifier[i].DoubleArg);
         else if (word.type == 's') {
             const auto quoted = kairo_quoted(cn, Qualifier[i].StringArg);
             if (!quoted)

@@ -48,6 +48,7 @@ FORWARDED = [
     ("setup-trig", "setup-trig"),
     ("setup-trig 3 vthres adc5 start debounce 1e-3 threshold 2.5 alternate 4",
      "setup-trig 3 start debounce 0.001 threshold 2.5 alternate 4 adc5 vthres"),
+    ("setup-trig 16 threshold 2.0 debounce 1e-9", "setup-trig 16 debounce 1e-09 threshold 2.0"),
     ("setup-trig 0 help pause pause-dead falling now raw enb-level 1 beam-circ ttl0 lvds ctf3",
      "setup-trig 0 help pause pause-dead falling now raw enb-level 1 beam-circ ttl0 lvds ctf3"),
     ("setup-tfout lvds2-emberw 1 mask-width 7", "setup-tfout mask-width 7 lvds2-emberw 1"),
