@@ -11,15 +11,15 @@ namespace kestrel::links {
 
 remote_module::remote_module(int cn, int link, const std::string &name)
     : cn_(cn), link_(link), handle_(send_wait(cn, link, "module open '" + name + "' header")),
-      generation_(client_generation(link)) {
-}
+      generation_(client_generation(link)) {}
 
 remote_module::~remote_module() {
     close();
 }
 
 int remote_module::ask(const char *question) const {
-    return send_same_connection(cn_, link_, generation_, std::string(question) + " " + std::to_string(handle_));
+    return send_same_connection(cn_, link_, generation_,
+                                std::string(question) + " " + std::to_string(handle_));
 }
 
 int remote_module::read(int nx, int ny, int type, std::byte *data) const {

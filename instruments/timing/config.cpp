@@ -17,8 +17,7 @@ namespace {
 
 using links::link_kairo;
 
-constexpr pt_format
-    config_format("%s kairo2 max-frames %d debug remote server %s port %d mrl-ikairo = %d");
+constexpr pt_format config_format("%s kairo2 max-frames %d debug remote server %s port %d mrl-ikairo = %d");
 using config_quals = pt_qualifiers<config_format>;
 
 constexpr int tallis_frames = 1024, brecon_frames = 32768, merlot_frames = 65537;
@@ -140,8 +139,9 @@ struct known_version {
     const char *text;
     int result;
 };
-constexpr known_version local_versions[] = {{kairo_brecon, "# LOCAL KAIRO2 Brecon\n", 2},
-                                            {kairo_ikairo, "# LOCAL MERLOT Integrated KAIRO (Ripple Pri Enc)\n", 50}};
+constexpr known_version local_versions[] = {
+    {kairo_brecon, "# LOCAL KAIRO2 Brecon\n", 2},
+    {kairo_ikairo, "# LOCAL MERLOT Integrated KAIRO (Ripple Pri Enc)\n", 50}};
 constexpr known_version remote_versions[] = {{rkairo_brecon, "# REMOTE KAIRO2 Brecon\n", 102},
                                              {rkairo_merlot, "# REMOTE MERLOT IKAIRO\n", 150},
                                              {rkairo_tallis, "# REMOTE KAIRO1 Tallis\n", 101}};
@@ -156,8 +156,8 @@ template <std::size_t N> const known_version *find(const known_version (&table)[
 
 int get_version(int, int cn) {
     const bool remote = kairo.kairo_version == kairo_remote;
-    const known_version *known = remote ? find(remote_versions, kairo.rkairo_version)
-                                        : find(local_versions, kairo.kairo_version);
+    const known_version *known =
+        remote ? find(remote_versions, kairo.rkairo_version) : find(local_versions, kairo.kairo_version);
     if (known) {
         sv_print(cn, known->text);
         return known->result;

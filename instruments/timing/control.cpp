@@ -87,22 +87,22 @@ constinit const PARSE_TREE row_kairo_init = pt_command<init>("init", "= %d", "in
 constinit const PARSE_TREE row_kairo_stop =
     pt_command<stop>("stop", stop_format, "Stop the KAIRO2 only",
                      "Pause at the beginning of the next frame/Stop at the end of the current cycle");
-constinit const PARSE_TREE row_kairo_list_seq =
-    pt_command<list_seq>("list-seq", " + %s = %d", "list the sequences of frames in the KAIRO", "Name of one sequence");
+constinit const PARSE_TREE row_kairo_list_seq = pt_command<list_seq>(
+    "list-seq", " + %s = %d", "list the sequences of frames in the KAIRO", "Name of one sequence");
 constinit const PARSE_TREE row_kairo_start =
     pt_command<start>("start", start_format, "start the KAIRO", "Do not initialise before");
 constinit const PARSE_TREE row_kairo_arm =
     pt_command<arm>("arm", start_format, "arm the KAIRO for an external start", "Do not initialise before");
-constinit const PARSE_TREE row_kairo_cont =
-    pt_command<cont>("cont", cont_format, "continue the KAIRO from a pause", "Do not check that it is paused");
+constinit const PARSE_TREE row_kairo_cont = pt_command<cont>(
+    "cont", cont_format, "continue the KAIRO from a pause", "Do not check that it is paused");
 constinit const PARSE_TREE row_kairo_wait = pt_command<wait>(
     "wait", wait_format, "wait until the KAIRO stops or pauses ",
     "Wait on through pauses/Show progress/Watch look-up board for X/Watch look-up board for Y/Watch stream 1/"
     "Watch streams 1 and 2/Watch stream 3/Watch streams 3 and 4");
 constinit const PARSE_TREE row_kairo_clear_starts =
     pt_command<clear_starts>("clear-starts", " = %d", "clear the count of starts", "");
-constinit const PARSE_TREE row_kairo_scale_times =
-    pt_command<scale_times>("scale-times", " + %d = %d",
-                            "Scale total integration time if number of starts since clear > 1", "Number of starts");
+constinit const PARSE_TREE row_kairo_scale_times = pt_command<scale_times>(
+    "scale-times", " + %d = %d", "Scale total integration time if number of starts since clear > 1",
+    "Number of starts");
 
 } // namespace kestrel

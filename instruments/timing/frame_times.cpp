@@ -44,9 +44,10 @@ frame_times_copy frame_times_fetch(int cn) {
     frame_times_copy copy{there.ask("unif-get-nx"), there.ask("unif-get-ny"), {}};
     const int type = there.ask("unif-get-type");
     const auto elements = static_cast<unsigned long long>(copy.num_x) * static_cast<unsigned>(copy.num_y);
-    if (type != el_float || copy.num_x < 1 || copy.num_y < frame_times_rows_used || elements > remote_elements_max) {
-        sv_printf(cn, "! ERROR: remote module '%s' (%d, %d) of type %d is no table of frame times\n", frame_times_name,
-                  copy.num_x, copy.num_y, type);
+    if (type != el_float || copy.num_x < 1 || copy.num_y < frame_times_rows_used ||
+        elements > remote_elements_max) {
+        sv_printf(cn, "! ERROR: remote module '%s' (%d, %d) of type %d is no table of frame times\n",
+                  frame_times_name, copy.num_x, copy.num_y, type);
         return {};
     }
     copy.values.resize(elements);

@@ -12,8 +12,9 @@ namespace kestrel {
 inline constexpr std::size_t kairo_summary_lines = 12;
 inline constexpr std::size_t kairo_summary_width = 100; // characters
 
-inline constexpr int kairo_unconfigured = 1, kairo_brecon = 2, kairo_ikairo = 50, kairo_remote = 100; // kairo_version
-inline constexpr int rkairo_tallis = 1, rkairo_brecon = 2, rkairo_merlot = 50;                        // rkairo_version
+inline constexpr int kairo_unconfigured = 1, kairo_brecon = 2, kairo_ikairo = 50,
+                     kairo_remote = 100;                                       // kairo_version
+inline constexpr int rkairo_tallis = 1, rkairo_brecon = 2, rkairo_merlot = 50; // rkairo_version
 
 struct kairo_state {
     int kairo_version = kairo_unconfigured;
@@ -22,7 +23,8 @@ struct kairo_state {
     int num_frames = 0;                 // as the remote told last; also the variable num_tf
     int num_laps = 1;                   // of the last `generate`
     int num_starts = 0;                 // since they were cleared
-    std::array<std::string, kairo_summary_lines> summary; // of the last set-up, for logs; ends at the first empty line
+    std::array<std::string, kairo_summary_lines>
+        summary; // of the last set-up, for logs; ends at the first empty line
 };
 
 extern kairo_state kairo;

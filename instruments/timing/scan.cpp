@@ -60,7 +60,8 @@ int wait_for_pause(int cn) {
 int step_to(int cn, const scan_plan &plan, int position) {
     if (plan.time > shown_time)
         sv_printf(cn, "# Setting Scan variable to %d\n", position);
-    if (links::send_wait(cn, links::link_motors, "motor move-to" + kairo_number(plan.motor) + kairo_number(position)) < 0)
+    if (links::send_wait(cn, links::link_motors,
+                         "motor move-to" + kairo_number(plan.motor) + kairo_number(position)) < 0)
         sv_printf(cn, "# Set function returned ERROR\n");
     if (sv_poll_quit(cn) != 0)
         return -1;
@@ -74,7 +75,8 @@ int step_to(int cn, const scan_plan &plan, int position) {
 // 0, or -1 at the first failure and at ^C.
 int run_scan(int cn, const scan_plan &plan) {
     const std::string frames = "kairo generate" + kairo_number(1) + kairo_number(plan.steps) +
-                               kairo_number(scan_dead_time) + kairo_number(plan.time) + kairo_number(pause_each_frame);
+                               kairo_number(scan_dead_time) + kairo_number(plan.time) +
+                               kairo_number(pause_each_frame);
     if (kairo_generate(cn, 1, frames) != 0 || kairo_start(cn, "kairo start") != 0 || wait_for_pause(cn) != 0)
         return -1;
     for (int i = 0; i < plan.steps; ++i) {

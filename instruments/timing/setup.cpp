@@ -142,10 +142,10 @@ constexpr pt_format generate_format("%d %d %g %g %d help ext-start silent ext-fa
 int generate(int quals, int cn, int laps, int pairs, double dead, double live, int pause) {
     if (!kairo_ready(cn))
         return -1;
-    const auto text = kairo_text<generate_format>(
-        cn, quals,
-        "kairo generate" + kairo_number(laps) + kairo_number(pairs) + kairo_number(dead) + kairo_number(live) +
-            kairo_number(pause));
+    const auto text =
+        kairo_text<generate_format>(cn, quals,
+                                    "kairo generate" + kairo_number(laps) + kairo_number(pairs) +
+                                        kairo_number(dead) + kairo_number(live) + kairo_number(pause));
     return text ? kairo_generate(cn, laps, *text) : -1;
 }
 
@@ -161,8 +161,8 @@ int kairo_generate(int cn, int laps, const std::string &text) {
     return kairo_fetch_frames(cn) < 0 ? -1 : 0;
 }
 
-constinit const PARSE_TREE row_kairo_setup = pt_command<setup>(
-    "setup", "+%s help = %d", "set-up KAIRO frames (not supported)", "File/Display help");
+constinit const PARSE_TREE row_kairo_setup =
+    pt_command<setup>("setup", "+%s help = %d", "set-up KAIRO frames (not supported)", "File/Display help");
 constinit const PARSE_TREE row_kairo_setup_groups = pt_command<setup_groups>(
     "setup-groups", groups_format,
     "set-up KAIRO frames using series of groups, directly or from a local file",

@@ -34,7 +34,8 @@ int setup_veto(int quals, int cn) {
     return kairo_forward<veto_format>(quals, cn, "kairo setup-veto");
 }
 int setup_port(int quals, int cn, int dead, int live) {
-    return kairo_forward<port_format>(quals, cn, "kairo setup-port" + kairo_number(dead) + kairo_number(live), {"silent"});
+    return kairo_forward<port_format>(quals, cn, "kairo setup-port" + kairo_number(dead) + kairo_number(live),
+                                      {"silent"});
 }
 
 // ---------------------------------------------------------------- alternate sources of the outputs
@@ -46,8 +47,8 @@ constexpr fixed_text fzero0_words("fzero0-normal fzero0-dc fzero0-mem ");
 constexpr fixed_text fzero1_words("fzero1-normal fzero1-dc fzero1-mem ");
 constexpr fixed_text xfer0_words("xfer0-normal xfer0-dc xfer0-mem ");
 constexpr fixed_text xfer1_words("xfer1-normal xfer1-dc xfer1-mem ");
-constexpr pt_format alternate_format(text_join<veto0_words, veto1_words, veto2_words, fzero0_words, fzero1_words,
-                                               xfer0_words, xfer1_words, "= %d">);
+constexpr pt_format alternate_format(text_join<veto0_words, veto1_words, veto2_words, fzero0_words,
+                                               fzero1_words, xfer0_words, xfer1_words, "= %d">);
 constexpr const char *signals[] = {"veto0", "veto1", "veto2", "fzero0", "fzero1", "xfer0", "xfer1"};
 constexpr unsigned sources_of_one = 7; // normal, dc, mem: a bit each
 

@@ -94,8 +94,8 @@ bool gate_link_start(int port, std::string &why) {
 void gate_link_stop() {
     ending = true;
     const std::uint64_t one = 1;
-    if (wake_fd)
-        [[maybe_unused]] const ssize_t written = ::write(wake_fd.get(), &one, sizeof one);
+    if (wake_fd) [[maybe_unused]]
+        const ssize_t written = ::write(wake_fd.get(), &one, sizeof one);
     if (gate_thread.joinable())
         gate_thread.join();
 }

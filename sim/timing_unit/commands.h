@@ -7,7 +7,8 @@ namespace kestrel {
 
 // Rows of the `kairo` table.
 extern const PARSE_TREE row_config, row_setup_groups, row_generate, row_list_seq;
-extern const PARSE_TREE row_options, row_init, row_start, row_arm, row_cont, row_wait, row_stop, row_clear_starts;
+extern const PARSE_TREE row_options, row_init, row_start, row_arm, row_cont, row_wait, row_stop,
+    row_clear_starts;
 extern const PARSE_TREE row_setup_trig, row_setup_tfout, row_setup_veto, row_alternate_veto, row_setup_port;
 extern const PARSE_TREE commands_read[]; // where the unit is
 

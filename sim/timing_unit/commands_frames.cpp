@@ -20,8 +20,9 @@ bool unit_ready(int cn) {
 namespace {
 
 constexpr pt_format config_format("%s kairo2 max-frames %d mrl-ikairo = %d");
-constexpr pt_format groups_format(" ext-start ext-inh cycles %d no-min-20us silent sequence %s auto-rearm ext-falling "
-                                  "= %d");
+constexpr pt_format
+    groups_format(" ext-start ext-inh cycles %d no-min-20us silent sequence %s auto-rearm ext-falling "
+                  "= %d");
 constexpr pt_format generate_format("%d %d %g %g %d help ext-start silent ext-falling = %d");
 
 constexpr int tallis_frames = 1024, brecon_frames = 32768, merlot_frames = 65537;
@@ -29,7 +30,9 @@ constexpr int laps_max = 1'000'000;
 
 int config(int quals, int cn, const char *device) {
     const pt_qualifiers<config_format> q(quals);
-    const int usual = q.given("mrl-ikairo") ? merlot_frames : q.given("kairo2") ? brecon_frames : tallis_frames;
+    const int usual = q.given("mrl-ikairo") ? merlot_frames
+                      : q.given("kairo2")   ? brecon_frames
+                                            : tallis_frames;
     const int frames = q.number("max-frames", usual);
     if (frames < 1 || frames > merlot_frames) {
         sv_printf(cn, "! A unit has 1 to %d frames, not %d\n", merlot_frames, frames);
@@ -67,13 +70,15 @@ int generate(int quals, int cn, int laps, int pairs, double dead, double live, i
         sv_printf(cn, "# A pause other than 0 lets the unit pause before each frame\n");
     if (pairs < 1 || pairs > unit_max_frames() || !(dead >= 0.0 && dead <= longest_time) ||
         !(live >= 0.0 && live <= longest_time)) {
-        sv_printf(cn, "! The unit makes 1 to %d frames of 0 to %g seconds\n", unit_max_frames(), longest_time);
+        sv_printf(cn, "! The unit makes 1 to %d frames of 0 to %g seconds\n", unit_max_frames(),
+                  longest_time);
         return -1;
     }
     frame_table table;
     table.laps = laps;
     table.ext_start = q.given("ext-start");
-    table.frames.assign(static_cast<std::size_t>(pairs), {.dead = dead, .live = live, .dead_pause = pause != 0});
+    table.frames.assign(static_cast<std::size_t>(pairs),
+                        {.dead = dead, .live = live, .dead_pause = pause != 0});
     stretch_dead_times(table);
     return load(cn, table, q.given("silent")) < 0 ? -1 : 0;
 }
@@ -122,7 +127,8 @@ int list_seq(int, int cn, const char *name) {
         sv_printf(cn, "! No such sequence\n");
         return -1;
     }
-    sv_printf(cn, "# Sequence '%s': %zu frames, %d laps\n", table.sequence.c_str(), table.frames.size(), table.laps);
+    sv_printf(cn, "# Sequence '%s': %zu frames, %d laps\n", table.sequence.c_str(), table.frames.size(),
+              table.laps);
     return 0;
 }
 
@@ -131,10 +137,10 @@ int list_seq(int, int cn, const char *name) {
 constinit const PARSE_TREE row_config =
     pt_command<config>("config", config_format, "configure a unit, which forgets its table",
                        "Device name/of the second generation/Frames that it holds/MERLOT unit");
-constinit const PARSE_TREE row_setup_groups =
-    pt_command<setup_groups>("setup-groups", groups_format, "set the frame table from the lines that follow",
-                             "Start with the trigger/External inhibit/Laps/Dead times as they are/No messages/"
-                             "Name/Wait for the trigger again after each run/Trigger on the falling edge");
+constinit const PARSE_TREE row_setup_groups = pt_command<setup_groups>(
+    "setup-groups", groups_format, "set the frame table from the lines that follow",
+    "Start with the trigger/External inhibit/Laps/Dead times as they are/No messages/"
+    "Name/Wait for the trigger again after each run/Trigger on the falling edge");
 constinit const PARSE_TREE row_generate =
     pt_command<generate>("generate", generate_format, "set a table of equal frames",
                          "Laps/Frames/Dead time (s)/Live time (s)/Pause before each frame/Help/"

@@ -133,8 +133,9 @@ pt_string read_progress(int, int cn) {
         return std::nullopt;
     const unit_view view = unit_look();
     char text[160];
-    std::snprintf(text, sizeof text, "%s: lap %d of %d, frame %d of %d, %s, %.3f of %.3f s", unit_state_name(view.state),
-                  view.lap, view.laps, view.frame, view.frames, view.live ? "live" : "dead", view.done, view.total);
+    std::snprintf(text, sizeof text, "%s: lap %d of %d, frame %d of %d, %s, %.3f of %.3f s",
+                  unit_state_name(view.state), view.lap, view.laps, view.frame, view.frames,
+                  view.live ? "live" : "dead", view.done, view.total);
     return text;
 }
 
@@ -148,19 +149,19 @@ constinit const PARSE_TREE commands_read[] = {
     pt_command<read_progress>("progress", "= %s", "get state, lap, frame and seconds", ""),
     pt_end(),
 };
-constinit const PARSE_TREE row_options =
-    pt_command<options>("options", options_format, "set options", "Is taken/Pass pauses by (0 or 1)/Is taken");
+constinit const PARSE_TREE row_options = pt_command<options>("options", options_format, "set options",
+                                                             "Is taken/Pass pauses by (0 or 1)/Is taken");
 constinit const PARSE_TREE row_init = pt_command<init>("init", "= %d", "stop whatever runs", "");
-constinit const PARSE_TREE row_start =
-    pt_command<start>("start", " no-init = %d", "start, or wait for the trigger as the table says", "Is taken");
+constinit const PARSE_TREE row_start = pt_command<start>(
+    "start", " no-init = %d", "start, or wait for the trigger as the table says", "Is taken");
 constinit const PARSE_TREE row_arm =
     pt_command<arm>("arm", " no-init = %d", "start with the trigger", "Is taken");
 constinit const PARSE_TREE row_cont = pt_command<cont>("cont", "= %d", "go on behind a pause", "");
 constinit const PARSE_TREE row_wait =
     pt_command<wait>("wait", wait_format, "wait until the unit is idle or pauses",
                      "Not for pauses/Show progress/Is taken/Is taken/Is taken/Is taken/Is taken/Is taken");
-constinit const PARSE_TREE row_stop =
-    pt_command<stop>("stop", stop_format, "stop", "Pause before the next frame instead/At the end of the lap");
+constinit const PARSE_TREE row_stop = pt_command<stop>(
+    "stop", stop_format, "stop", "Pause before the next frame instead/At the end of the lap");
 constinit const PARSE_TREE row_clear_starts =
     pt_command<clear_starts>("clear-starts", " = %d", "clear the count of starts", "");
 constinit const PARSE_TREE row_trigger =

@@ -34,11 +34,15 @@ int take_ports(int, int cn, int, int) {
 
 } // namespace
 
-constinit const PARSE_TREE row_setup_trig = pt_command<take_trigger>("setup-trig", trig_format, "trigger inputs", "");
-constinit const PARSE_TREE row_setup_tfout = pt_command<take>("setup-tfout", tfout_format, "frame outputs", "");
-constinit const PARSE_TREE row_setup_veto = pt_command<take>("setup-veto", veto_format, "polarity and drive", "");
+constinit const PARSE_TREE row_setup_trig =
+    pt_command<take_trigger>("setup-trig", trig_format, "trigger inputs", "");
+constinit const PARSE_TREE row_setup_tfout =
+    pt_command<take>("setup-tfout", tfout_format, "frame outputs", "");
+constinit const PARSE_TREE row_setup_veto =
+    pt_command<take>("setup-veto", veto_format, "polarity and drive", "");
 constinit const PARSE_TREE row_alternate_veto =
     pt_command<take>("alternate-veto", alternate_format, "what drives the outputs", "");
-constinit const PARSE_TREE row_setup_port = pt_command<take_ports>("setup-port", "%d %d = %d", "port data", "");
+constinit const PARSE_TREE row_setup_port =
+    pt_command<take_ports>("setup-port", "%d %d = %d", "port data", "");
 
 } // namespace kestrel

@@ -33,9 +33,9 @@ bool is_bit(int value) {
 bool add_group(frame_table &table, std::string_view line, int most, std::string &why) {
     int count = 0, dead_pause = 0, live_pause = 0;
     unit_frame frame;
-    if (!take(line, count) || !take(line, frame.dead) || !take(line, frame.live) || !take(line, frame.dead_port) ||
-        !take(line, frame.live_port) || !take(line, dead_pause) || !take(line, live_pause) ||
-        line.find_first_not_of(" \t") != std::string_view::npos)
+    if (!take(line, count) || !take(line, frame.dead) || !take(line, frame.live) ||
+        !take(line, frame.dead_port) || !take(line, frame.live_port) || !take(line, dead_pause) ||
+        !take(line, live_pause) || line.find_first_not_of(" \t") != std::string_view::npos)
         why = "a group is seven numbers";
     else if (count < 1 || count > most - static_cast<int>(table.frames.size()))
         why = "the table holds 1 to " + std::to_string(most) + " frames";

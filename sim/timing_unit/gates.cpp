@@ -53,7 +53,8 @@ bool gates_connect(int port, std::string &why) {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     const int one = 1;
-    if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+    if (!socket ||
+        ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0 ||
         ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) != 0) {
         why = "cannot reach cards at gate port " + std::to_string(port) + ": " + std::strerror(errno);

@@ -26,7 +26,8 @@ struct {
     std::vector<float> values;
 
     float &at(int x, int y) {
-        return values[static_cast<std::size_t>(y) * static_cast<std::size_t>(frames) + static_cast<std::size_t>(x)];
+        return values[static_cast<std::size_t>(y) * static_cast<std::size_t>(frames) +
+                      static_cast<std::size_t>(x)];
     }
 } times;
 
@@ -116,12 +117,16 @@ constinit const PARSE_TREE commands_module[] = {
     pt_command<module_close>("close", "%d = %d", "close it", "Handle"),
     pt_end(),
 };
-constinit const PARSE_TREE row_get_nx = pt_command<get_nx>("unif-get-nx", "%d = %d", "get the width", "Handle");
-constinit const PARSE_TREE row_get_ny = pt_command<get_ny>("unif-get-ny", "%d = %d", "get the height", "Handle");
-constinit const PARSE_TREE row_get_nt = pt_command<get_nt>("unif-get-nt", "%d = %d", "get the frames", "Handle");
-constinit const PARSE_TREE row_get_type = pt_command<get_type>("unif-get-type", "%d = %d", "get the type", "Handle");
-constinit const PARSE_TREE row_read_times =
-    pt_command<read>("read", read_format, "send frame times over the data connection",
-                     "x/y/time/width/height/timeframes/As floats, as they are/Low byte first/High byte first/Handle");
+constinit const PARSE_TREE row_get_nx =
+    pt_command<get_nx>("unif-get-nx", "%d = %d", "get the width", "Handle");
+constinit const PARSE_TREE row_get_ny =
+    pt_command<get_ny>("unif-get-ny", "%d = %d", "get the height", "Handle");
+constinit const PARSE_TREE row_get_nt =
+    pt_command<get_nt>("unif-get-nt", "%d = %d", "get the frames", "Handle");
+constinit const PARSE_TREE row_get_type =
+    pt_command<get_type>("unif-get-type", "%d = %d", "get the type", "Handle");
+constinit const PARSE_TREE row_read_times = pt_command<read>(
+    "read", read_format, "send frame times over the data connection",
+    "x/y/time/width/height/timeframes/As floats, as they are/Low byte first/High byte first/Handle");
 
 } // namespace kestrel

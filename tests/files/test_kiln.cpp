@@ -66,15 +66,18 @@ TEST_F(kiln, a_date_names_the_header_and_the_index_keeps_it) {
     now = new_year + 318 * day + 9 * 3600 + 5 * 60 + 7; // 15 November, a Sunday
     EXPECT_EQ(next("'a comment' saxs-x 256"), "* \"A00000.B15\"\n");
     EXPECT_EQ(contents("AINDEX.NDX"), index_bytes(0, "B15"));
-    EXPECT_EQ(contents("A00000.B15"), "Created from kestrel on Sunday 15/11/26 at 9:05:07\na comment\n"
-                                      "    256      10       1       0       0       0       0       0       0       1\n"
-                                      "A00001.B15\n"
-                                      "     10       4       1       0       0       0       0       0       0       0\n"
-                                      "A00004.B15\n");
+    EXPECT_EQ(contents("A00000.B15"),
+              "Created from kestrel on Sunday 15/11/26 at 9:05:07\na comment\n"
+              "    256      10       1       0       0       0       0       0       0       1\n"
+              "A00001.B15\n"
+              "     10       4       1       0       0       0       0       0       0       0\n"
+              "A00004.B15\n");
     EXPECT_EQ(contents("AINFO.LOG"),
               "A00000.B15 Created on Sunday 15/11/26 at 9:05:07\na comment\n" + std::string(79, '=') + "\n");
-    const std::pair<std::time_t, const char *> dates[] = {
-        {0, "* \"A01000.101\"\n"}, {272, "* \"A02000.930\"\n"}, {273, "* \"A03000.A01\"\n"}, {364, "* \"A04000.C31\"\n"}};
+    const std::pair<std::time_t, const char *> dates[] = {{0, "* \"A01000.101\"\n"},
+                                                          {272, "* \"A02000.930\"\n"},
+                                                          {273, "* \"A03000.A01\"\n"},
+                                                          {364, "* \"A04000.C31\"\n"}};
     for (const auto &[days, name] : dates) {
         now = new_year + days * day;
         EXPECT_EQ(next(), name);
@@ -97,11 +100,13 @@ TEST_F(kiln, years_and_titles) {
 }
 
 TEST_F(kiln, broken_index_files_stay_as_they_are) {
-    const std::string broken = "! ERROR: index file '" + folder +
-                               "/AINDEX.NDX' is broken: it holds no sequence number from 0 to 99 with a date\n";
+    const std::string broken =
+        "! ERROR: index file '" + folder +
+        "/AINDEX.NDX' is broken: it holds no sequence number from 0 to 99 with a date\n";
     const std::pair<std::string, std::string> cases[] = {
         {index_bytes(99, "101"), "! Sequence number has read 99, pick a new first letter\n"},
-        {index_bytes(3, "101").substr(0, 7), "! Cannot read sequence number from local file '" + folder + "/AINDEX.NDX'\n"},
+        {index_bytes(3, "101").substr(0, 7),
+         "! Cannot read sequence number from local file '" + folder + "/AINDEX.NDX'\n"},
         {"", "! Cannot read sequence number from local file '" + folder + "/AINDEX.NDX'\n"},
         {index_bytes(3, "101", 'x'), "! Index file string termination 0 missing\n"},
         {index_bytes(100, "101"), broken},
@@ -140,15 +145,18 @@ TEST_F(kiln, headers_read_back_as_they_were_written) {
     }
     const std::string good = "1\n2\n1 2 3 4 5 6 7 8 9 10\nA07004.101\n";
     EXPECT_TRUE(kiln_parse(good));
-    for (const char *text : {"", "1\n2\n", "1\n2\n1 2 3 4 5 6 7 8 9\nA07004.101\n", "1\n2\n1 2 3 4 5 6 7 8 9 10 11\nA07004.101\n",
-                             "1\n2\n1 2 3 4 5 6 7 8 9 1e9\nA07004.101\n", "1\n2\n1 2 3 4 5 6 7 8 9 99999999999\nA07004.101\n",
-                             "1\n2\n1 2 3 4 5 6 7 8 9 10\nA07001.101\n", "1\n2\n1 2 3 4 5 6 7 8 9 10\n"})
+    for (const char *text :
+         {"", "1\n2\n", "1\n2\n1 2 3 4 5 6 7 8 9\nA07004.101\n",
+          "1\n2\n1 2 3 4 5 6 7 8 9 10 11\nA07004.101\n", "1\n2\n1 2 3 4 5 6 7 8 9 1e9\nA07004.101\n",
+          "1\n2\n1 2 3 4 5 6 7 8 9 99999999999\nA07004.101\n", "1\n2\n1 2 3 4 5 6 7 8 9 10\nA07001.101\n",
+          "1\n2\n1 2 3 4 5 6 7 8 9 10\n"})
         EXPECT_FALSE(kiln_parse(text)) << text;
 }
 
 TEST_F(kiln, names_of_headers) {
     for (const char *name : {"A01000.C31", "z99000.101", "Axx000.xyz"})
         EXPECT_TRUE(kiln_is_name(name)) << name;
-    for (const char *name : {"", "A1000.C31", "A01001.C31", "101000.C31", "A01000.C311", "A01000-C31", "@01000.C31"})
+    for (const char *name :
+         {"", "A1000.C31", "A01001.C31", "101000.C31", "A01000.C311", "A01000-C31", "@01000.C31"})
         EXPECT_FALSE(kiln_is_name(name)) << name;
 }
