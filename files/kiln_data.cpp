@@ -49,13 +49,13 @@ std::optional<std::vector<kiln_line>> read_header(int cn, const std::string &pat
     std::string text(header_max, '\0');
     const ssize_t got = fd ? read_full(fd.get(), text.data(), text.size()) : -1;
     if (got < 0) {
-        sv_print(cn, "! ERROR: cannot read header file '" + path + "': " + std::strerror(errno) + "\n");
+        sv_printf(cn, "! ERROR: cannot read header file '%s': %s\n", path.c_str(), std::strerror(errno));
         return std::nullopt;
     }
     text.resize(static_cast<std::size_t>(got));
     auto lines = kiln_parse(text);
     if (!lines)
-        sv_print(cn, "! ERROR: '" + path + "' is not a KILN header\n");
+        sv_printf(cn, "! ERROR: '%s' is not a KILN header\n", path.c_str());
     return lines;
 }
 
@@ -84,8 +84,8 @@ std::optional<file_set> open_set(int cn, const std::string &path) {
     set.folder = path.substr(0, name_at);
     set.header = path.substr(name_at);
     if (!kiln_is_name(set.header)) {
-        sv_print(cn,
-                 "! Wrong format for KILN header file name '" + set.header + "', expected 'xnn000.mdd'\n");
+        sv_printf(cn, "! Wrong format for KILN header file name '%s', expected 'xnn000.mdd'\n",
+                  set.header.c_str());
         return std::nullopt;
     }
     const auto lines = read_header(cn, path);
@@ -94,7 +94,7 @@ std::optional<file_set> open_set(int cn, const std::string &path) {
     if (std::all_of(lines->begin(), lines->end(),
                     [&](const kiln_line &line) { return take_line(line, set); }))
         return set;
-    sv_print(cn, "! ERROR: header '" + path + "' has a line that does not belong there\n");
+    sv_printf(cn, "! ERROR: header '%s' has a line that does not belong there\n", path.c_str());
     return std::nullopt;
 }
 
@@ -145,7 +145,7 @@ std::optional<std::string> frame_times_of(int cn, const file_set &set) {
 int write_times(int cn, const file_set &set, const std::string &bytes) {
     if (replace_file(set.times_file, bytes, file_mode) == replace_step::none)
         return 0;
-    sv_print(cn, "! ERROR: cannot write data file '" + set.times_file + "': " + std::strerror(errno) + "\n");
+    sv_printf(cn, "! ERROR: cannot write data file '%s': %s\n", set.times_file.c_str(), std::strerror(errno));
     return -1;
 }
 

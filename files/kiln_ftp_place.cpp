@@ -22,8 +22,8 @@ class ftp_place final : public kiln_place {
   public:
     ftp_place(int cn, const ftp_account &account) : kiln_place(cn), account_(account) {}
 
-    std::string_view line_end() const override { return "\n"; } // becomes CR LF on the way
-    int lock_index(const std::string &) override { return 0; }  // there are no locks to be had
+    const char *line_end() const override { return "\n"; }     // becomes CR LF on the way
+    int lock_index(const std::string &) override { return 0; } // there are no locks to be had
     std::optional<kiln_index> read_index(const std::string &path) override;
     int write_index(const std::string &path, const kiln_index &index) override;
     kiln_written write_header(const std::string &path, std::string_view text, bool over) override;
@@ -35,7 +35,7 @@ class ftp_place final : public kiln_place {
     ftp_options options(bool ascii, bool append = false) const;
     bool complain(const ftp_result &result) const;
     presence look_for(const std::string &path, std::string &start) const;
-    kiln_written send(const std::string &path, std::string_view text, bool append, const char *kind) const;
+    kiln_written send(const std::string &path, std::string_view text, bool append) const;
 
     ftp_account account_;
 };
@@ -51,7 +51,7 @@ ftp_options ftp_place::options(bool ascii, bool append) const {
 // Says how an exchange failed; false when it did not.
 bool ftp_place::complain(const ftp_result &result) const {
     const auto failed = [&](const char *what) {
-        sv_print(cn_, "! FTP " + std::string(what) + " failed: " + result.text + "\n");
+        sv_printf(cn_, "! FTP %s failed: %s\n", what, result.text.c_str());
         return true;
     };
     const std::string &machine = account_.machine;
@@ -59,12 +59,12 @@ bool ftp_place::complain(const ftp_result &result) const {
     case ftp_stage::none:
         return false;
     case ftp_stage::open:
-        sv_print(cn_, "! FTP open failed to machine '" + machine + "'. Please check machine name\n");
+        sv_printf(cn_, "! FTP open failed to machine '%s'. Please check machine name\n", machine.c_str());
         return failed("ftp-open");
     case ftp_stage::login:
-        sv_print(cn_,
-                 "! FTP Authorisation failed to machine '" + machine + "', user '" + account_.user + "'\n");
-        sv_print(cn_, "! Please check user name '" + account_.user + "' and password\n");
+        sv_printf(cn_, "! FTP Authorisation failed to machine '%s', user '%s'\n", machine.c_str(),
+                  account_.user.c_str());
+        sv_printf(cn_, "! Please check user name '%s' and password\n", account_.user.c_str());
         return failed("ftp-auth");
     case ftp_stage::type:
         return failed("ftp-ascii");
@@ -111,7 +111,7 @@ std::optional<kiln_index> ftp_place::read_index(const std::string &path) {
     }
     if (bytes.size() >= kiln_index_bytes)
         return kiln_index_unpack(cn_, path, bytes);
-    sv_print(cn_, "! Cannot read sequence number from remote file '" + path + "'\n");
+    sv_printf(cn_, "! Cannot read sequence number from remote file '%s'\n", path.c_str());
     return std::nullopt;
 }
 
@@ -124,7 +124,7 @@ int ftp_place::write_index(const std::string &path, const kiln_index &index) {
             return -1;
         }
         if (complain(upload.write(bytes_of(kiln_index_pack(index))))) {
-            sv_print(cn_, "! ERROR opening remote index file file '" + path + "' for write\n");
+            sv_printf(cn_, "! ERROR opening remote index file file '%s' for write\n", path.c_str());
             return -1;
         }
         if (complain(upload.finish())) {
@@ -134,18 +134,16 @@ int ftp_place::write_index(const std::string &path, const kiln_index &index) {
     }
     if (!complain(ftp_rename(account_, aside, path, options(false))))
         return 0;
-    sv_print(cn_, "! Error closing index file '" + path + "'\n");
+    sv_printf(cn_, "! Error closing index file '%s'\n", path.c_str());
     return -1;
 }
 
-kiln_written ftp_place::send(const std::string &path, std::string_view text, bool append,
-                             const char *kind) const {
+// refused: the file could not be begun; a line says why.
+kiln_written ftp_place::send(const std::string &path, std::string_view text, bool append) const {
     ftp_upload upload;
     if (complain(upload.begin(account_, path, options(true, append))) ||
-        complain(upload.write(bytes_of(text)))) {
-        sv_print(cn_, "! ERROR opening remote " + std::string(kind) + " '" + path + "' for write\n");
+        complain(upload.write(bytes_of(text))))
         return kiln_written::refused;
-    }
     if (!complain(upload.finish()))
         return kiln_written::done;
     errno = EIO;
@@ -157,11 +155,19 @@ kiln_written ftp_place::write_header(const std::string &path, std::string_view t
     const presence now = over ? presence::absent : look_for(path, start);
     if (now == presence::present)
         exists(path);
-    return now == presence::absent ? send(path, text, false, "file") : kiln_written::refused;
+    if (now != presence::absent)
+        return kiln_written::refused;
+    const kiln_written written = send(path, text, false);
+    if (written == kiln_written::refused)
+        sv_printf(cn_, "! ERROR opening remote file '%s' for write\n", path.c_str());
+    return written;
 }
 
 kiln_written ftp_place::append_log(const std::string &path, std::string_view text) {
-    return send(path, text, true, "log file");
+    const kiln_written written = send(path, text, true);
+    if (written == kiln_written::refused)
+        sv_printf(cn_, "! ERROR opening remote log file '%s' for write\n", path.c_str());
+    return written;
 }
 
 } // namespace

@@ -17,14 +17,6 @@ const char *weekday(const std::tm &when) {
     return names[when.tm_wday];
 }
 
-// " on Sunday 1/2/06 at 9:05:07", with so many digits of the year at least.
-std::string moment(const std::tm &when, int year_digits) {
-    char text[128];
-    std::snprintf(text, sizeof text, " on %s %d/%d/%0*d at %d:%02d:%02d", weekday(when), when.tm_mday,
-                  when.tm_mon + 1, year_digits, when.tm_year % 100, when.tm_hour, when.tm_min, when.tm_sec);
-    return text;
-}
-
 kiln_line area_line(const kiln_header &h, const kiln_detector &d, char kind) {
     const bool flat = d.rasters == 0;
     return {
@@ -32,14 +24,23 @@ kiln_line area_line(const kiln_header &h, const kiln_detector &d, char kind) {
         kiln_data_name(h.name, kind)};
 }
 
-std::string numbers_text(const kiln_line &line) {
-    std::string text;
-    for (const int number : line.numbers) {
-        char field[16];
-        std::snprintf(field, sizeof field, "%7d", number);
-        text += text.empty() ? "" : " ";
-        text += field;
-    }
+std::string numbers_text(const kiln_line &line, const char *line_end) {
+    const auto &n = line.numbers;
+    char text[160];
+    std::snprintf(text, sizeof text, "%7d %7d %7d %7d %7d %7d %7d %7d %7d %7d%s", n[0], n[1], n[2], n[3],
+                  n[4], n[5], n[6], n[7], n[8], n[9], line_end);
+    return text;
+}
+
+std::string first_line(const kiln_header &h, const std::tm &t, const char *line_end) {
+    char text[256];
+    const int month = t.tm_mon + 1, year = t.tm_year % 100;
+    if (h.title.empty())
+        std::snprintf(text, sizeof text, "Created from kestrel on %s %d/%d/%02d at %d:%02d:%02d%s",
+                      weekday(t), t.tm_mday, month, year, t.tm_hour, t.tm_min, t.tm_sec, line_end);
+    else
+        std::snprintf(text, sizeof text, "Created at %s on %s %d/%d/%02d at %d:%02d:%02d%s", h.title.c_str(),
+                      weekday(t), t.tm_mday, month, year, t.tm_hour, t.tm_min, t.tm_sec, line_end);
     return text;
 }
 
@@ -95,23 +96,13 @@ std::vector<kiln_line> kiln_lines(const kiln_header &h) {
     return lines;
 }
 
-std::string kiln_text(const kiln_header &h, const std::tm &when, std::string_view line_end) {
-    std::string text = h.title.empty() ? "Created from kestrel" : "Created at " + h.title;
-    const auto end_line = [&] { text += line_end; };
-    text += moment(when, 2);
-    end_line();
-    text += h.comment;
-    end_line();
-    for (const kiln_line &line : kiln_lines(h)) {
-        text += numbers_text(line);
-        end_line();
-        text += line.file;
-        end_line();
-    }
-    for (const std::string &extra : h.extras) {
-        text += extra;
-        end_line();
-    }
+std::string kiln_text(const kiln_header &h, const std::tm &when, const char *line_end) {
+    std::string text = first_line(h, when, line_end);
+    text.append(h.comment).append(line_end);
+    for (const kiln_line &line : kiln_lines(h))
+        text.append(numbers_text(line, line_end)).append(line.file).append(line_end);
+    for (const std::string &extra : h.extras)
+        text.append(extra).append(line_end);
     return text;
 }
 
@@ -132,10 +123,14 @@ std::optional<std::vector<kiln_line>> kiln_parse(std::string_view text) {
     return std::nullopt;
 }
 
-std::string kiln_log_entry(const kiln_header &h, const std::tm &when, std::string_view line_end,
-                           const std::vector<std::string> &summary) {
-    std::string text = h.name + " Created" + moment(when, 1);
-    text.append(line_end).append(h.comment).append(line_end);
+std::string kiln_log_entry(const kiln_header &h, const std::tm &t, const char *line_end,
+                           std::span<const std::string> summary) {
+    char first[128];
+    std::snprintf(first, sizeof first, "%s Created on %s %d/%d/%d at %d:%02d:%02d%s", h.name.c_str(),
+                  weekday(t), t.tm_mday, t.tm_mon + 1, t.tm_year % 100, t.tm_hour, t.tm_min, t.tm_sec,
+                  line_end);
+    std::string text = first;
+    text.append(h.comment).append(line_end);
     for (const std::string &line : summary)
         text.append(line).append(line_end);
     return text.append(log_rule, '=').append(line_end);

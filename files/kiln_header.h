@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <ctime>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,8 +37,8 @@ struct kiln_detector {
 };
 
 struct kiln_header {
-    std::string name; // its own
-    std::string title, comment;
+    std::string name;           // its own
+    std::string title, comment; // a title has at most 80 characters
     int frames = 0;
     bool intel = false, time_v1 = false;
     kiln_detector saxs, waxs;
@@ -49,14 +50,14 @@ struct kiln_header {
 std::vector<kiln_line> kiln_lines(const kiln_header &header);
 
 // The whole header, made at that local time, each line with this end.
-std::string kiln_text(const kiln_header &header, const std::tm &when, std::string_view line_end);
+std::string kiln_text(const kiln_header &header, const std::tm &when, const char *line_end);
 
 // The detector lines of a header's text; nothing when it is none, or has no time frames.
 std::optional<std::vector<kiln_line>> kiln_parse(std::string_view text);
 
 // The entry of a log: who and when, the comment, the lines of the timing unit's set-up.
-std::string kiln_log_entry(const kiln_header &header, const std::tm &when, std::string_view line_end,
-                           const std::vector<std::string> &summary);
+std::string kiln_log_entry(const kiln_header &header, const std::tm &when, const char *line_end,
+                           std::span<const std::string> summary);
 
 // True for a letter, two characters, "000.", three characters.
 bool kiln_is_name(std::string_view name);

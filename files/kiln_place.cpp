@@ -46,13 +46,14 @@ std::optional<kiln_index> kiln_index_unpack(int cn, const std::string &path, std
         return kiln_index{};
     if (bytes.size() == kiln_index_bytes && sequence >= 0 && sequence <= kiln_sequence_max && is_stamp(stamp))
         return kiln_index{sequence, std::string(stamp)};
-    sv_print(cn, "! ERROR: index file '" + path +
-                     "' is broken: it holds no sequence number from 0 to 99 with a date\n");
+    sv_printf(cn,
+              "! ERROR: index file '%s' is broken: it holds no sequence number from 0 to 99 with a date\n",
+              path.c_str());
     return std::nullopt;
 }
 
 int kiln_place::exists(const std::string &path) const {
-    sv_print(cn_, "! ERROR: File '" + path + "' Exists, specified over to force overwrite\n");
+    sv_printf(cn_, "! ERROR: File '%s' Exists, specified over to force overwrite\n", path.c_str());
     return -1;
 }
 
@@ -64,7 +65,7 @@ class local_place final : public kiln_place {
   public:
     using kiln_place::kiln_place;
 
-    std::string_view line_end() const override { return "\n"; }
+    const char *line_end() const override { return "\n"; }
     int lock_index(const std::string &path) override;
     std::optional<kiln_index> read_index(const std::string &path) override;
     int write_index(const std::string &path, const kiln_index &index) override;
@@ -82,7 +83,7 @@ int local_place::lock_index(const std::string &path) {
     const std::string name = path + ".lock";
     if (lock_.open(name) == 0 && lock_.take(cn_) == 0)
         return 0;
-    sv_print(cn_, "! ERROR: cannot lock index file with '" + name + "': " + std::strerror(errno) + "\n");
+    sv_printf(cn_, "! ERROR: cannot lock index file with '%s': %s\n", name.c_str(), std::strerror(errno));
     return -1;
 }
 
@@ -91,14 +92,14 @@ std::optional<kiln_index> local_place::read_index(const std::string &path) {
     if (!fd && errno == ENOENT)
         return kiln_index{};
     if (!fd) {
-        sv_print(cn_, "! Unexpected error trying to read header file '" + path + "'\n");
+        sv_printf(cn_, "! Unexpected error trying to read header file '%s'\n", path.c_str());
         return std::nullopt;
     }
     char bytes[kiln_index_bytes + 1]; // one more, to notice what is no index
     const ssize_t got = read_full(fd.get(), bytes, sizeof bytes);
     if (got >= static_cast<ssize_t>(kiln_index_bytes))
         return kiln_index_unpack(cn_, path, {bytes, static_cast<std::size_t>(got)});
-    sv_print(cn_, "! Cannot read sequence number from local file '" + path + "'\n");
+    sv_printf(cn_, "! Cannot read sequence number from local file '%s'\n", path.c_str());
     return std::nullopt;
 }
 
@@ -107,13 +108,13 @@ int local_place::write_index(const std::string &path, const kiln_index &index) {
     case replace_step::none:
         return 0;
     case replace_step::open:
-        sv_print(cn_, "! Cannot open local file '" + path + "' for write of index file\n");
+        sv_printf(cn_, "! Cannot open local file '%s' for write of index file\n", path.c_str());
         return -1;
     case replace_step::write:
         sv_printf(cn_, "! Error writing new sequence number\n");
         return -1;
     case replace_step::close:
-        sv_print(cn_, "! Error closing index file '" + path + "'\n");
+        sv_printf(cn_, "! Error closing index file '%s'\n", path.c_str());
         return -1;
     }
     return -1;
@@ -121,7 +122,7 @@ int local_place::write_index(const std::string &path, const kiln_index &index) {
 
 kiln_written local_place::cannot_open(const std::string &path) const {
     const char *why = std::strerror(errno);
-    sv_print(cn_, "! Cannot open output file '" + path + "'\n! " + why + "\n");
+    sv_printf(cn_, "! Cannot open output file '%s'\n! %s\n", path.c_str(), why);
     return kiln_written::refused;
 }
 

@@ -42,7 +42,7 @@ class kiln_place {
     kiln_place &operator=(const kiln_place &) = delete;
     virtual ~kiln_place() = default;
 
-    virtual std::string_view line_end() const = 0; // that a text handed to write_header and append_log has
+    virtual const char *line_end() const = 0; // that a text handed to write_header and append_log has
 
     // Other servers keep off the index until this place goes. 0, or -1 after a line.
     virtual int lock_index(const std::string &path) = 0;

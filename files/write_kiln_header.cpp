@@ -135,8 +135,8 @@ bool take_path(int cn, const std::string &given, kiln_request &r) {
     if (r.query)
         return refuse(cn, "! ERROR: If query option is specified, first letter must be specified\n");
     if (!kiln_is_name(std::string_view(given).substr(name_at))) {
-        sv_print(cn, "! Wrong format for KILN header file name '" + given.substr(name_at) +
-                         "', expected 'xnn000.mdd'\n");
+        sv_printf(cn, "! Wrong format for KILN header file name '%s', expected 'xnn000.mdd'\n",
+                  given.substr(name_at).c_str());
         return false;
     }
     r.path = given;
@@ -205,9 +205,7 @@ bool set_variables(int cn, const kiln_request &r) {
 kiln_written write_log(kiln_place &place, const std::tm &when, const kiln_request &r) {
     if (r.letter == 0)
         return kiln_written::done;
-    const auto summary = kairo_summary();
-    const std::string entry =
-        kiln_log_entry(r.header, when, place.line_end(), {summary.begin(), summary.end()});
+    const std::string entry = kiln_log_entry(r.header, when, place.line_end(), kairo_summary());
     return place.append_log(r.folder + "/" + r.letter + "INFO.LOG", entry);
 }
 

@@ -117,11 +117,11 @@ int config(int quals, int cn, const char *device) {
     if (!plan || go_to_server(cn, q, link) != 0)
         return -1;
     if (kairo_send(cn, plan->text) < 0) {
-        sv_print(cn, "! ERROR sending '" + plan->text + "' to remote KAIRO server\n");
+        sv_printf(cn, "! ERROR sending '%s' to remote KAIRO server\n", plan->text.c_str());
         return -1;
     }
     if (frame_times_make(cn, plan->max_frames) != 0)
-        sv_printf(cn, "# Cannot create %s module, proceeding without\n", frame_times_name);
+        sv_printf(cn, "# Cannot create kairo_times module, proceeding without\n");
     if (kairo_fetch_frames(cn) < 0 || unified_set_clear_callback(cn, forget_starts) != 0 ||
         unified_set_dtc_module(cn, frame_times_name) != 0)
         return -1;

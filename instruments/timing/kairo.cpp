@@ -36,7 +36,7 @@ bool kairo_ready(int cn) {
 
 int kairo_send(int cn, const std::string &text) {
     if (kairo.debug)
-        sv_print(cn, "# Sending '" + text + "'\n");
+        sv_printf(cn, "# Sending '%s'\n", text.c_str());
     return links::send_wait(cn, links::link_kairo, text);
 }
 

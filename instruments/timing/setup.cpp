@@ -48,7 +48,7 @@ class group_source {
     int open(int cn, const std::string &name) {
         unique_fd fd = open_regular(name.c_str(), O_RDONLY);
         if (!fd) {
-            sv_print(cn, "! Couldn't open file " + name + " for reading.\n");
+            sv_printf(cn, "! Couldn't open file %s for reading.\n", name.c_str());
             return -1;
         }
         file_.emplace(std::move(fd));
@@ -129,7 +129,7 @@ int setup_groups(int quals, int cn) {
         return -1;
     kairo_summary_unknown();
     if (kairo.debug)
-        sv_print(cn, "# Sending '" + *text + "'\n");
+        sv_printf(cn, "# Sending '%s'\n", text->c_str());
     if (links::send_nowait(cn, link_kairo, *text) != 0)
         return -1;
     return send_groups(cn, source);
@@ -155,7 +155,7 @@ int kairo_generate(int cn, int laps, const std::string &text) {
     kairo_summary_unknown();
     kairo.num_laps = laps;
     if (kairo_send(cn, text) < 0) {
-        sv_print(cn, "! ERROR performing '" + text + "' command on remote KAIRO\n");
+        sv_printf(cn, "! ERROR performing '%s' command on remote KAIRO\n", text.c_str());
         return -1;
     }
     return kairo_fetch_frames(cn) < 0 ? -1 : 0;
