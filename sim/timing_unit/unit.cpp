@@ -76,6 +76,7 @@ bool run_frame(guard_type &guard, const unit_frame &frame, clock_type::time_poin
     if (over())
         return false;
     gates_open();
+    due = clock_type::now(); // however late the gate opened, the cards get all of the live time
     const bool whole = pass(guard, true, frame.live, due);
     gates_close();
     gates_end_frame();
