@@ -113,19 +113,23 @@ int config(int quals, int cn, const char *device) {
     if (!q.given("remote"))
         return refuse_local(cn, q);
     const std::optional<config_plan> plan = plan_of(cn, q, device);
+    if (!plan)
+        return -1;
+    new_frame_times times(cn);
+    if (times.make(plan->max_frames) != 0)
+        sv_printf(cn, "# Cannot create kairo_times module, proceeding without\n");
     moved_link link;
-    if (!plan || go_to_server(cn, q, link) != 0)
+    if (go_to_server(cn, q, link) != 0)
         return -1;
     if (kairo_send(cn, plan->text) < 0) {
         sv_printf(cn, "! ERROR sending '%s' to remote KAIRO server\n", plan->text.c_str());
         return -1;
     }
-    if (frame_times_make(cn, plan->max_frames) != 0)
-        sv_printf(cn, "# Cannot create kairo_times module, proceeding without\n");
-    if (kairo_fetch_frames(cn) < 0 || unified_set_clear_callback(cn, forget_starts) != 0 ||
+    if (unified_set_clear_callback(cn, forget_starts) != 0 || kairo_fetch_frames(cn) < 0 ||
         unified_set_dtc_module(cn, frame_times_name) != 0)
         return -1;
     link.keep();
+    times.keep();
     kairo.kairo_version = kairo_remote;
     kairo.rkairo_version = plan->version;
     kairo.debug = q.given("debug");

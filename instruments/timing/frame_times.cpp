@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <vector>
 
 namespace kestrel {
 
@@ -23,13 +24,24 @@ bool is_table(const module_view &view) {
 }
 
 // Nothing else is known to be in there: the name is free when this server has made it.
-int make(int cn, int num_x, int num_y, result_module &module) {
+int make_module(int cn, int num_x, int num_y, result_module &module) {
     const module_plan plan{.num_x = num_x, .num_y = num_y, .x_label = "time_frame", .y_label = "Dead/Live"};
     if (module.make(cn, frame_times_name, plan) != 0)
         return -1;
     made_here = true;
     module.keep();
     return 0;
+}
+
+// What is in the local module; empty where there is none, or another kind of module.
+frame_times_copy local_copy() {
+    const module_link link(frame_times_name);
+    module_view view;
+    if (!link || mod_look(link.head(), view) != nullptr || !is_table(view))
+        return {};
+    frame_times_copy copy{view.num_x, view.num_y, std::vector<float>(view.elements())};
+    std::memcpy(copy.values.data(), view.data(), copy.values.size() * sizeof(float));
+    return copy;
 }
 
 } // namespace
@@ -66,7 +78,7 @@ int frame_times_install(int cn, const frame_times_copy &copy) {
     if (!fits) {
         if (found)
             datamod_free_name(frame_times_name);
-        if (make(cn, copy.num_x, copy.num_y, module) != 0)
+        if (make_module(cn, copy.num_x, copy.num_y, module) != 0)
             return -1;
         view = module.view();
     }
@@ -76,14 +88,27 @@ int frame_times_install(int cn, const frame_times_copy &copy) {
     return 0;
 }
 
-int frame_times_make(int cn, int frames) {
+int new_frame_times::make(int frames) {
+    before_ = local_copy();
     if (made_here) // by an earlier configuration, perhaps for another number of frames
         datamod_free_name(frame_times_name);
     result_module module;
-    if (make(cn, frames, frame_times_rows, module) != 0)
+    if (make_module(cn_, frames, frame_times_rows, module) != 0)
         return -1;
+    made_ = true;
     std::memset(module.view().data(), 0, module.view().elements() * sizeof(float));
     return 0;
+}
+
+new_frame_times::~new_frame_times() {
+    if (!made_)
+        return;
+    if (!before_.values.empty()) {
+        frame_times_install(cn_, before_);
+        return;
+    }
+    datamod_free_name(frame_times_name);
+    made_here = false;
 }
 
 void frame_times_scale(int cn, int laps, int starts) {

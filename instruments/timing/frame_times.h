@@ -21,8 +21,23 @@ frame_times_copy frame_times_fetch(int cn);
 // 0, or -1 after a line.
 int frame_times_install(int cn, const frame_times_copy &copy);
 
-// Makes the local module for that many frames, all times 0: 0, or -1 after a line.
-int frame_times_make(int cn, int frames);
+// The local module, all times 0, made for a configuration. It goes back to what it was unless keep() says that the
+// configuration stands.
+class new_frame_times {
+  public:
+    explicit new_frame_times(int cn) : cn_(cn) {}
+    ~new_frame_times();
+    new_frame_times(const new_frame_times &) = delete;
+    new_frame_times &operator=(const new_frame_times &) = delete;
+
+    int make(int frames); // 0, or -1 after a line
+    void keep() { made_ = false; }
+
+  private:
+    int cn_;
+    bool made_ = false;
+    frame_times_copy before_; // empty where there was no such module
+};
 
 // Makes rows 2 and 3 anew from rows 0 and 1, for so many laps and starts. Without a module a line says so.
 void frame_times_scale(int cn, int laps, int starts);

@@ -125,13 +125,13 @@ def test_the_kinds_of_units(client, options, sent, width, version):
 
 def test_a_configuration_that_fails_leaves_what_was(client, unit):
     good = unit(times=rows(3), num_tf=3)
-    before = Module("kairo_times").data.copy()
     for how, line in [({"answers": {"kairo config": "* -2"}}, "! ERROR sending 'kairo config 'x' kairo2' to remote KAIRO server"),
                       ({"answers": {"kairo config": None}}, "! ERROR sending 'kairo config 'x' kairo2' to remote KAIRO server"),
                       ({"num_tf": -1}, "* -1")]:
         bad = KairoPeer(**how)
         reply = client.lines(f"kairo config 'x' remote kairo2 server '127.0.0.1' port {bad.port}")
         assert reply[-1] == "* -1" and line in reply, reply
+        assert Module("kairo_times").data.tolist() == rows(3) and client.lines("%num_tf") == ["* 3"]
         bad.stop()
     reply = client.lines("kairo config 'x' remote server '127.0.0.1' port 1")
     assert reply[-2:] == ["! ERROR: Cannot connect to remote KAIRO server", "* -1"]
@@ -140,7 +140,14 @@ def test_a_configuration_that_fails_leaves_what_was(client, unit):
         assert client.lines("kairo config 'x' remote " + options) == [line, "* -1"]
     assert client.lines("kairo get-version")[-1] == "* 101"
     assert client.lines("kairo init")[-1] == "* 0" and good.lines == ["kairo init"]
-    assert (before == rows(3)).all()
+    assert Module("kairo_times").data.tolist() == rows(3)
+
+
+def test_a_first_configuration_that_fails_leaves_no_module(client):
+    peer = KairoPeer(num_tf=-1)
+    assert client.lines(f"kairo config 'x' remote server '127.0.0.1' port {peer.port}")[-1] == "* -1"
+    assert not TIMES.exists()
+    peer.stop()
 
 
 def test_a_module_that_cannot_be_made_is_done_without(client, unit):
@@ -317,13 +324,12 @@ def test_an_interrupt_stops_the_unit_as_well(server, client, scan):
 def test_a_unit_that_vanishes(server, client, scan, typed, word):
     unit, _ = scan
     server.write("g", [*GROUPS, CLOSING])
-    before = Module("kairo_times").data.copy()
     descriptors = held(server)[0]
     unit.answers = {word: None}
     reply = client.lines("kairo " + typed)
     assert reply[-1] in ("* -1", "* (null)") and any(line.startswith("!") for line in reply), reply
     if "start" not in typed and "scan" not in typed:
-        assert (Module("kairo_times").data == before).all()
+        assert Module("kairo_times").data.tolist() == rows(4)
     assert held(server)[0] <= descriptors + 1  # the motors' link
     unit.answers = {}
     assert client.lines("kairo init")[-1] == "* 0"
