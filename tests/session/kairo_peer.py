@@ -28,6 +28,7 @@ class KairoPeer:
 
     def serve(self, connection):
         port = 0
+        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         with connection, connection.makefile("rb") as received, contextlib.suppress(OSError):
             while True:
                 connection.sendall(b"> ")
