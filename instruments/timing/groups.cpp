@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <utility>
 
 namespace kestrel {
 
@@ -21,27 +22,28 @@ int group_first_integer(std::string_view text) {
 }
 
 groups_read read_groups(const std::function<bool(std::string &line)> &next,
-                        const std::function<bool(const std::string &line)> &hand_on) {
+                        const std::function<void(const std::string &line)> &hand_on) {
     groups_read read;
     for (std::string line; next(line);) {
         line.erase(line.find_last_not_of("\r\n") + 1);
         if (line.find_first_not_of(" \t") == std::string::npos)
             continue;
-        if (line.size() > sv_line_max) {
+        const bool closes = group_first_integer(line) < 0;
+        if (line.size() > sv_line_max)
             read.end = groups_end::too_long;
+        if (read.end == groups_end::too_long) {
+            if (closes)
+                return read;
+            continue;
+        }
+        hand_on(line);
+        if (closes) {
+            read.end = groups_end::closed;
             return read;
         }
-        if (!hand_on(line)) {
-            read.end = groups_end::not_taken;
-            return read;
-        }
-        if (group_first_integer(line) < 0)
-            return read;
-        if (read.group < INT_MAX)
-            ++read.group;
         read.groups.push_back(std::move(line));
+        ++read.group;
     }
-    read.end = groups_end::run_out;
     return read;
 }
 

@@ -13,21 +13,20 @@ namespace kestrel {
 int group_first_integer(std::string_view text);
 
 enum class groups_end {
-    closed,    // the closing line was handed on
-    run_out,   // the lines ended first
-    too_long,  // a line that no server would take
-    not_taken, // hand_on returned false
+    closed,   // the closing line was handed on
+    run_out,  // the lines ended first
+    too_long, // a line that no server would take; it and what followed were not handed on
 };
 
 struct groups_read {
-    groups_end end = groups_end::closed;
-    int group = 1;                   // that the reading ended with, from 1
+    groups_end end = groups_end::run_out;
+    int group = 1;                   // that was read last, from 1
     std::vector<std::string> groups; // as handed on, without the closing line
 };
 
-// Takes line after line from `next` (false at the end), which may have CR and LF at its end, and hands it on without
-// them; lines of blanks are left out.
+// Takes line after line from `next` (false at the end), which may have CR and LF at its end, up to the closing one, and
+// hands them on without those; lines of blanks are left out.
 groups_read read_groups(const std::function<bool(std::string &line)> &next,
-                        const std::function<bool(const std::string &line)> &hand_on);
+                        const std::function<void(const std::string &line)> &hand_on);
 
 } // namespace kestrel

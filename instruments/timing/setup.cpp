@@ -69,25 +69,21 @@ class group_source {
     std::optional<script_file> file_;
 };
 
-// The lines on their way. A remote that has refused gets no more of them, but what the session sends is still taken in:
-// it is no command.
+// The lines on their way. A remote that has refused, or is lost, gets no more of them; those that the session still sends
+// are no commands, and go nowhere.
 class group_sender {
   public:
     explicit group_sender(int cn) : cn_(cn) {}
 
-    bool send(const std::string &line) {
-        if (!refused_) {
-            const line_sent sent = links::send_string(cn_, link_kairo, line);
-            refused_ = sent == line_sent::too_late;
-            lost_ = sent == line_sent::failed;
-        }
-        return !lost_;
+    void send(const std::string &line) {
+        if (sent_ == line_sent::sent)
+            sent_ = links::send_string(cn_, link_kairo, line);
     }
 
     // The remote's result. One that refused may have taken lines for commands, whose replies nobody waits for: the link
     // begins anew.
     int result() {
-        const int frames = lost_ ? -1 : links::wait_for(cn_, link_kairo);
+        const int frames = sent_ == line_sent::failed ? -1 : links::wait_for(cn_, link_kairo);
         if (frames < 0)
             links::disconnect_from(cn_, link_kairo);
         return frames;
@@ -95,18 +91,18 @@ class group_sender {
 
   private:
     int cn_;
-    bool refused_ = false, lost_ = false;
+    line_sent sent_ = line_sent::sent;
 };
 
 int send_groups(int cn, group_source &source) {
     group_sender sender(cn);
     const groups_read read = read_groups([&](std::string &line) { return source.next(cn, line); },
-                                         [&](const std::string &line) { return sender.send(line); });
+                                         [&](const std::string &line) { sender.send(line); });
     if (read.end == groups_end::run_out)
         sv_printf(cn, "! Runout of KAIRO data at group %d \n", read.group);
     if (read.end == groups_end::too_long)
         sv_printf(cn, "! ERROR: KAIRO group %d is longer than %zu characters\n", read.group, sv_line_max);
-    if (read.end == groups_end::run_out || read.end == groups_end::too_long)
+    if (read.end != groups_end::closed)
         sender.send("-1");
     const int frames = sender.result();
     if (read.end != groups_end::closed || frames < 0)

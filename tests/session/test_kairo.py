@@ -235,6 +235,9 @@ def test_groups_that_end_too_soon(server, client, unit):
     assert client.lines("kairo setup-groups file 'long.txt'") == ["! ERROR: KAIRO group 2 is longer than 1024 characters", "* -1"]
     assert peer.lines[-1] == "-1"
     assert client.lines("kairo setup-groups file 'none.txt'") == ["! Couldn't open file none.txt for reading.", "* -1"]
+    assert client.lines("\n".join(["kairo setup-groups", GROUPS[0], "1 " + 1023 * "0", GROUPS[1], CLOSING])) == [
+        "! ERROR: KAIRO group 2 is longer than 1024 characters", "* -1"]
+    assert peer.lines[-3:] == ["kairo setup-groups", GROUPS[0], "-1"]
     assert client.lines("kairo init") == ["* 0"]
 
 
