@@ -12,7 +12,7 @@ namespace kestrel {
 int group_first_integer(std::string_view text) {
     text.remove_prefix(std::min(text.find_first_not_of(" \t"), text.size()));
     const bool negative = text.starts_with('-');
-    if (text.starts_with('+')) // from_chars knows none
+    if (text.starts_with('+') && !text.starts_with("+-")) // from_chars knows no plus
         text.remove_prefix(1);
     int value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);

@@ -55,8 +55,10 @@ bool add_group(frame_table &table, std::string_view line, int most, std::string 
 }
 
 bool closes_table(std::string_view line) {
+    line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
     int first = 0;
-    return take(line, first) && first < 0;
+    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), first);
+    return first < 0 || (error == std::errc::result_out_of_range && line.front() == '-');
 }
 
 void stretch_dead_times(frame_table &table) {

@@ -47,6 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                         check(!closed);
                         take(table, line);
                         closed = group_first_integer(line) < 0;
+                        check(closed == closes_table(line)); // or one would wait for the other
                         ++handed;
                     });
     check(closed == (read.end == groups_end::closed) && handed == read.groups.size() + (closed ? 1 : 0));

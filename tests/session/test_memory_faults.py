@@ -84,6 +84,8 @@ LINES = {
     "module load": ["module load 'rows' 'M' open-quals 'ascii'"],
     "file open": ["file open 'rows' ascii", "close-all"],
     "next index": ["file get-next-index 'N_folder'"],
+    "kiln header": ["file write-kiln-header 'N_folder' 5 'a comment that is not short' saxs-x 8 first 'A' var 'v'"],
+    "kiln query": ["file write-kiln-header 'N_folder' 0 first 'A' query"],
     "read to nobody": ["read 0 0 0 8 6 1 from HANDLE"],
     "read to a file": ["read 0 0 0 8 6 1 from HANDLE float motorola to-local-file 'out_N'"],
     "read as rows": ["read 0 0 0 8 6 1 from HANDLE to-local-file 'out_N'"],
