@@ -2,6 +2,7 @@
 
 #include "files/commands.h"
 #include "instruments/links/commands.h"
+#include "instruments/timing/commands.h"
 #include "maths/commands.h"
 #include "modules/commands.h"
 #include "parser/builtins.h"
@@ -77,6 +78,7 @@ constinit const PARSE_TREE main_parse_tree[] = {
     pt_row(row_file),
     pt_row(links::row_remote_open),
     pt_subtree("imgd", links::imgd_tree, "prefix for Image Displayer functions"),
+    pt_row(row_kairo),
     pt_end(),
 };
 
