@@ -6,6 +6,8 @@ import numpy as np
 import pytest
 from kestrel_data import Module, do
 from kestrel_session import KESTREL, ROOT, SCALE, Process, Server, free_port
+from test_pulsar3_cards import play  # noqa: F401 (a fixture)
+from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
 
 BUILD = pathlib.Path(KESTREL).parent
 TIMES = pathlib.Path("/dev/shm/kairo_times")
@@ -109,3 +111,30 @@ def test_an_interrupt_stops_a_unit_in_the_middle_of_a_frame(station):
     said = client.recv_prompt().decode().splitlines()
     assert "! Scan Aborted by quit signal" in said and said[-1] == "* -1"
     assert client.lines("kairo read status")[-1] == '* "IDLE"'
+
+
+def test_a_scan_counts_into_the_cards_histograms(start, play):
+    """Motor, timing unit and cards together: a histogram a position, of the live time that the times file says."""
+    TIMES.unlink(missing_ok=True)
+    gate = free_port()
+    cards = play(f"-gate={gate}", "-generation=2", "-cards=2", "-chans=2")
+    unit = start(f"-gate={gate}", program=str(BUILD / "sim_timing_unit"))
+    motors = start(program=str(BUILD / "motor_server"))
+    server = start(prepare=lambda cwd: (shutil.copy(ROOT / "examples" / "scan.cmd", cwd), (cwd / "d").mkdir()))
+    client = server.client()
+    cards.do(f"events set -1 -1 rate {RATE} resets 0.0 a 0.0 b 0.0 c 0.0 d 0.0")
+    do(client, f"kairo config 'sim' remote kairo2 server '127.0.0.1' port {unit.port}")
+    do(client, f"client define '127.0.0.1' {motors.port} motor")
+    do(client, f"pulsar3 config 2 20 0 baseIP '{cards.net}1'")
+    do(client, "pulsar3 setup-timing 0 external")
+    handle = do(client, "pulsar3 open-mca 0")
+    reply = client.lines(f"~scan.cmd 0 10 3 0.1 2 {handle} 'd'")
+    assert reply[-1] == "* 0", reply
+    assert client.lines("pulsar3 hist loss 0")[-1] == "* 0"
+    name = client.lines("%scan_header")[0][3:-1]
+    stored = np.fromfile(server.cwd / "d" / (name[:5] + "1" + name[6:]), ">f4").reshape(4, 4096)
+    for frame in range(4):
+        assert stored[frame].sum() == cards.do(f"events total 0 0 {frame}") > 0.09 * RATE
+    do(client, f"close {handle}")
+    do(client, "pulsar3 close 0")
+    TIMES.unlink(missing_ok=True)
