@@ -17,6 +17,7 @@ struct ke2410_state {
     std::string device = default_device;
     double min_volts = 0.0, max_volts = 0.0; // software limits; both 0: none were set
     bool current_source = false;
+    bool initialised = false; // on this connection, or found to be driving a voltage
 
     bool has_limits() const { return min_volts != 0.0 || max_volts != 0.0; }
     bool within_limits(double volts) const { return volts >= min_volts && volts <= max_volts; }

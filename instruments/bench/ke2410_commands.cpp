@@ -23,6 +23,7 @@ int initialise(int cn) {
     const std::optional<double> level = t ? ke2410_level(t) : std::nullopt;
     if (!level)
         return -1;
+    ke2410.initialised = true;
     if (std::abs(*level) > reset_volts_max) {
         sv_printf(cn,
                   "# Warning : Output is driving a voltage, not performing a reset, wind Vbias down gently "
@@ -41,10 +42,13 @@ int initialise(int cn) {
 
 int config(int quals, int cn) {
     const pt_qualifiers<config_format> q(quals);
-    const open_wishes wishes = {q.text("port"),    q.text("ip-addr"), q.number("ip-port", usual_port),
-                                q.given("telnet"), q.given("debug"),  B9600};
-    if (!keithley_open(cn, ke2410.wire, ke2410.log, ke2410.device, "Keithley 2410", wishes))
+    const open_wishes wishes = {q.text("port"), q.text("ip-addr"), q.number_if_given("ip-port"),
+                                usual_port,     q.given("telnet"), q.given("debug"),
+                                B9600};
+    const bool silent_before = ke2410.wire.open && !ke2410.initialised; // try again what it did not answer to
+    if (!keithley_open(cn, ke2410.wire, ke2410.log, ke2410.device, "Keithley 2410", wishes) && !silent_before)
         return -1;
+    ke2410.initialised = false;
     return initialise(cn);
 }
 

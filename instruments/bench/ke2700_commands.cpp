@@ -17,9 +17,13 @@ constexpr pt_format open_format(" port %s ke7700 debug b9600 ip-addr %s ip-port 
 
 int open(int quals, int cn) {
     const pt_qualifiers<open_format> q(quals);
-    const open_wishes wishes = {
-        q.text("port"),    q.text("ip-addr"), q.number("ip-port", usual_port),
-        q.given("telnet"), q.given("debug"),  q.given("b9600") ? speed_t{B9600} : speed_t{B19200}};
+    const open_wishes wishes = {q.text("port"),
+                                q.text("ip-addr"),
+                                q.number_if_given("ip-port"),
+                                usual_port,
+                                q.given("telnet"),
+                                q.given("debug"),
+                                q.given("b9600") ? speed_t{B9600} : speed_t{B19200}};
     if (!keithley_open(cn, ke2700.wire, ke2700.log, ke2700.device, "Keithley 2700", wishes))
         return -1;
     ke2700.card = q.given("ke7700");

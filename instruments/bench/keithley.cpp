@@ -13,12 +13,12 @@ namespace {
 constexpr int telnet_port = 23;
 
 bool place_fits(int cn, const open_wishes &w) {
-    if (!*w.host && (w.telnet || w.tcp_port != 0) && *w.port) {
-        sv_printf(cn, "! ERROR: Please specify either port or ip-addr\n");
+    if (!*w.host && (w.telnet || w.tcp_port)) {
+        sv_printf(cn, "! ERROR: Please specify ip-addr, too\n");
         return false;
     }
-    if (*w.host && !w.telnet && (w.tcp_port < 1 || w.tcp_port > 65535)) {
-        sv_printf(cn, "! ERROR: Expected ip-port in range 1..65535, not %d\n", w.tcp_port);
+    if (w.tcp_port && (*w.tcp_port < 1 || *w.tcp_port > 65535)) {
+        sv_printf(cn, "! ERROR: Expected ip-port in range 1..65535, not %d\n", *w.tcp_port);
         return false;
     }
     return true;
@@ -38,8 +38,9 @@ bool keithley_open(int cn, line &l, logger &log, std::string &device, const char
     line_close(l);
     if (*w.port)
         device = w.port;
-    connection link = *w.host ? open_tcp(cn, w.host, w.telnet ? telnet_port : w.tcp_port, instrument)
-                              : open_serial(cn, device, w.speed);
+    connection link =
+        *w.host ? open_tcp(cn, w.host, w.telnet ? telnet_port : w.tcp_port.value_or(w.usual_port), instrument)
+                : open_serial(cn, device, w.speed);
     if (!link.fd)
         return false;
     l.debug = w.debug;

@@ -4,6 +4,7 @@
 #include "instruments/bench/line.h"
 #include "instruments/bench/logger.h"
 
+#include <optional>
 #include <string>
 
 namespace kestrel::bench {
@@ -11,7 +12,8 @@ namespace kestrel::bench {
 // The words of their opening commands.
 struct open_wishes {
     const char *port, *host; // "" when not given
-    int tcp_port;
+    std::optional<int> tcp_port;
+    int usual_port;
     bool telnet;
     bool debug;
     speed_t speed;

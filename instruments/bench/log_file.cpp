@@ -79,7 +79,8 @@ void roll(const waiter &who, log_file &log) {
 bool log_open(const waiter &who, log_file &log, const log_wishes &wishes) {
     log = {};
     log.name = wishes.file;
-    log.header = wishes.header;
+    for (const char c : wishes.header) // each of its lines is a comment
+        log.header += c == '\n' ? std::string("\n# ") : std::string(1, c);
     log.max_len = wishes.roll ? wishes.max_len : 0;
     std::error_code failed;
     log.path = std::filesystem::absolute(wishes.file, failed).string();

@@ -95,8 +95,12 @@ int logger_start(int cn, logger &l, log_wishes wishes) {
         return -1;
     }
     logger_end(cn, l);
-    if (!wishes_fit(cn, wishes) || !log_open({.cn = cn}, l.file, wishes))
+    if (!wishes_fit(cn, wishes))
         return -1;
+    if (!log_open({.cn = cn}, l.file, wishes)) {
+        l.file.fd.reset();
+        return -1;
+    }
     l.wishes = std::move(wishes);
     l.stop.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     l.paused = false;
