@@ -48,7 +48,7 @@ bool identify(int cn) {
 
 int config(int quals, int cn) {
     const pt_qualifiers<config_format> q(quals);
-    if (iseg.wire.open) {
+    if (line_is_open(iseg.wire, {.cn = cn})) {
         sv_printf(cn, "# %s is already open\n", iseg.wire.name.c_str());
         return -1;
     }

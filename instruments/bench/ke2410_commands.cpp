@@ -23,11 +23,11 @@ int initialise(int cn) {
     const std::optional<double> level = t ? ke2410_level(t) : std::nullopt;
     if (!level)
         return -1;
-    ke2410.initialised = true;
     if (std::abs(*level) > reset_volts_max) {
         sv_printf(cn,
                   "# Warning : Output is driving a voltage, not performing a reset, wind Vbias down gently "
                   "first\n");
+        ke2410.initialised = true;
         return 0;
     }
     for (const char *command :
@@ -37,6 +37,7 @@ int initialise(int cn) {
             return -1;
     }
     ke2410.current_source = false;
+    ke2410.initialised = true;
     return 0;
 }
 
@@ -45,10 +46,10 @@ int config(int quals, int cn) {
     const open_wishes wishes = {q.text("port"), q.text("ip-addr"), q.number_if_given("ip-port"),
                                 usual_port,     q.given("telnet"), q.given("debug"),
                                 B9600};
-    const bool silent_before = ke2410.wire.open && !ke2410.initialised; // try again what it did not answer to
-    if (!keithley_open(cn, ke2410.wire, ke2410.log, ke2410.device, "Keithley 2410", wishes) && !silent_before)
+    if (keithley_open(cn, ke2410.wire, ke2410.log, ke2410.device, "Keithley 2410", wishes))
+        ke2410.initialised = false;
+    else if (!ke2410.wire.open || ke2410.initialised) // one that did not answer is asked once more
         return -1;
-    ke2410.initialised = false;
     return initialise(cn);
 }
 

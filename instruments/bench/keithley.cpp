@@ -28,7 +28,7 @@ bool place_fits(int cn, const open_wishes &w) {
 
 bool keithley_open(int cn, line &l, logger &log, std::string &device, const char *instrument,
                    const open_wishes &w) {
-    if (l.open) {
+    if (line_is_open(l, {.cn = cn})) {
         sv_printf(cn, "# %s is already open\n", l.name.c_str());
         return false;
     }

@@ -143,6 +143,15 @@ answer turn::over(answer why) {
     return why;
 }
 
+bool line_is_open(line &l, const waiter &who) {
+    if (!l.open)
+        return false;
+    turn t(l, who, "");
+    if (t)
+        t.look();
+    return l.open;
+}
+
 // ---------------------------------------------------------------- bytes
 
 // Takes what is there, without waiting. `retval` is the count, 0 when nothing is there.
@@ -162,13 +171,22 @@ answer turn::receive() {
     return over({answer_status::failed, static_cast<int>(n), error, {}});
 }
 
+void turn::look() {
+    const auto last = steady::now() + late_answer;
+    while (line_.open && steady::now() < last && wait(POLLIN, steady::now(), sv_quit) == event::ready)
+        receive();
+}
+
 // Before a command: an answer that is owed gets a last chance to come, and whatever came is thrown away. Notices an
 // instrument that has gone since.
-answer turn::settle() {
+answer turn::settle(int seen) {
     const auto last = steady::now() + late_answer; // of one that never falls silent, too
     for (bool heard = false; !heard || steady::now() < last;) {
         const auto until = !line_.owed ? steady::now() : heard ? std::min(last, steady::now() + quiet) : last;
-        if (wait(POLLIN, until, sv_quit) != event::ready)
+        const event e = wait(POLLIN, until, seen);
+        if (e == event::stopped)
+            return {answer_status::interrupted, -1, EINTR, {}};
+        if (e == event::timeout)
             break;
         const answer got = receive();
         if (!got.ok())
@@ -219,7 +237,7 @@ answer turn::tell(std::string_view command) {
     if (!line_.open)
         return {answer_status::failed, -1, ENOTCONN, {}};
     const int seen = sv_quit;
-    if (answer late = settle(); !late.ok())
+    if (answer late = settle(seen); !late.ok())
         return late;
     std::string bytes(command);
     bytes += line_.terminator;
@@ -242,6 +260,7 @@ answer turn::hear(int wait_ms, int seen) {
             if (text.ends_with('\r'))
                 text.remove_suffix(1);
             answer got{.text = printable(text)};
+            line_.owed = false;
             line_.received.erase(0, at + 1);
             return got;
         }

@@ -55,6 +55,8 @@ class turn {
     const waiter &who() const { return who_; }
     bool debug() const { return line_.debug; }
 
+    // Notices an instrument that has gone.
+    void look();
     // Sends a command. What came late for an earlier one is thrown away first.
     answer tell(std::string_view command);
     // The next line that comes, within so many milliseconds, without its end; what cannot be printed is a dot in it.
@@ -70,7 +72,7 @@ class turn {
     answer send(std::string_view bytes, int seen);
     answer drained(std::chrono::steady_clock::time_point end, int seen);
     answer receive();
-    answer settle();
+    answer settle(int seen);
     answer over(answer why);
 
     line &line_;
@@ -78,6 +80,9 @@ class turn {
     std::unique_lock<std::mutex> lock_;
     bool has_ = false;
 };
+
+// Whether it is, for a command that would open it: one whose instrument has gone is closed by this.
+bool line_is_open(line &l, const waiter &who);
 
 // Takes a new connection over; closes a line. No other thread uses it then.
 void line_opened(line &l, connection &&link);

@@ -31,7 +31,7 @@ std::string address() {
 constexpr pt_format dummy_format(" dummy = %d");
 
 int tti_open(int, int cn) {
-    if (wire.open) {
+    if (line_is_open(wire, {.cn = cn})) {
         sv_printf(cn, "# %s is already open\n", "tti psu");
         return -1;
     }

@@ -1,8 +1,8 @@
 """The bench instruments' simulator, and instruments written in a test: for tests of the commands that drive them."""
+import contextlib
 import itertools
 import os
 import pathlib
-import select
 import socket
 import threading
 
@@ -90,4 +90,5 @@ class Scripted:
     def close(self):
         self.listener.close()
         for connection in self.connections:
-            connection.close()
+            with contextlib.suppress(OSError):
+                connection.shutdown(socket.SHUT_RDWR)
