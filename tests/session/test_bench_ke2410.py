@@ -144,7 +144,7 @@ REFUSED = [
 def test_what_is_refused_sends_nothing(client, meter):
     for line, error in REFUSED:
         assert client.lines("ke2410 " + line) == [error, "* -1"], line
-    assert client.lines("ke2410 send ':A 1\n:B 2'") == [
+    assert client.lines("ke2410 send ':A\t1'") == [
         "! ERROR: A command is one line without control characters", "* (null)"]
     assert meter.sent() == []
 
