@@ -194,6 +194,10 @@ answer turn::settle(int seen) {
         heard = true;
         line_.received.clear();
     }
+    if (line_.link.serial) // the beginning of a line, which the terminal keeps to itself until its end comes
+        ::tcflush(line_.link.fd.get(), TCIFLUSH);
+    if (line_.link.serial && line_.owed) // noise may have held an XOFF
+        ::tcflow(line_.link.fd.get(), TCOON);
     line_.received.clear();
     line_.owed = false;
     return {};

@@ -11,6 +11,9 @@ namespace kestrel::bench {
 
 namespace {
 
+constexpr std::size_t longest_unit = 8;
+constexpr std::string_view unit_letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz#";
+
 std::string_view trimmed(std::string_view text) {
     while (text.starts_with(' '))
         text.remove_prefix(1);
@@ -33,6 +36,10 @@ std::optional<double> take_number(std::string_view &text) {
         return std::nullopt;
     text.remove_prefix(static_cast<std::size_t>(end - text.data()));
     return value;
+}
+
+bool is_unit(std::string_view text) {
+    return text.size() <= longest_unit && text.find_first_not_of(unit_letters) == std::string_view::npos;
 }
 
 struct unit {
@@ -76,7 +83,7 @@ std::vector<double> readings(std::string_view text) {
         more = text.find(',') != std::string_view::npos;
         std::string_view item = trimmed(next_item(text, ','));
         const std::optional<double> value = take_number(item);
-        if (!value)
+        if (!value || !is_unit(item))
             return {};
         if (item != "SECS" && item != "RDNG#")
             found.push_back(*value);

@@ -53,6 +53,7 @@ std::list<port> ports;
 unique_fd wake_fd;
 std::thread thread;
 std::atomic<bool> ending{false};
+std::atomic<unsigned> asked{0}, looked{0}; // changes of the wires: made, and seen by the thread
 
 void wake() {
     const std::uint64_t one = 1;
@@ -243,6 +244,8 @@ void serve(const std::vector<pollfd> &polled) {
 }
 
 void turn() {
+    looked = asked.load();
+    looked.notify_all();
     std::vector<pollfd> polled{{wake_fd.get(), POLLIN, 0}};
     int wait_ms = -1;
     {
@@ -263,6 +266,14 @@ void turn() {
     serve(polled);
 }
 
+// What was closed goes only when the thread's poll has let go of it.
+void wait_for_thread() {
+    const unsigned mine = ++asked;
+    wake();
+    for (unsigned now = looked; static_cast<int>(now - mine) < 0; now = looked)
+        looked.wait(now);
+}
+
 } // namespace
 
 bool wires_present(instrument &target, bool present) {
@@ -274,7 +285,7 @@ bool wires_present(instrument &target, bool present) {
             done = !present || appear(target);
         }
     }
-    wake();
+    wait_for_thread();
     return done;
 }
 

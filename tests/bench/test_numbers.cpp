@@ -20,7 +20,7 @@ TEST(Readings, TakesTheNumbersOfItemsAndPassesOverTimes) {
     EXPECT_EQ(readings("+1.5E+00,-2E-09,+3.1E+02"), (std::vector<double>{1.5, -2e-9, 310.0}));
     EXPECT_EQ(readings("+1.5E+00VDC,+4865.121SECS,+00001RDNG#"), (std::vector<double>{1.5}));
     EXPECT_EQ(readings("7"), (std::vector<double>{7.0}));
-    for (const char *bad : {"", ",", "1,", ",1", "1,,2", "VDC", "1,x", "1,nan"})
+    for (const char *bad : {"", ",", "1,", ",1", "1,,2", "VDC", "1,x", "1,nan", "9.-", "7\xfe", "1 2"})
         EXPECT_TRUE(readings(bad).empty()) << bad;
 }
 
