@@ -72,6 +72,17 @@ connection open_serial(int cn, const std::string &device, speed_t speed) {
     return {std::move(fd), true, device};
 }
 
+// The line is started when the flow control is switched off; tcflow restarts only what tcflow stopped.
+void restart_output(int fd) {
+    termios settings{};
+    if (::tcgetattr(fd, &settings) != 0)
+        return;
+    settings.c_iflag &= ~static_cast<tcflag_t>(IXON);
+    ::tcsetattr(fd, TCSANOW, &settings);
+    settings.c_iflag |= IXON;
+    ::tcsetattr(fd, TCSANOW, &settings);
+}
+
 connection open_tcp(int cn, const char *host, int port, const char *instrument) {
     sv_flush_all(cn);
     const unique_addresses list = sv_find_host(host, port);

@@ -21,6 +21,9 @@ struct connection {
 // empty connection after its line on failure.
 connection open_serial(int cn, const std::string &device, speed_t speed);
 
+// Lets a serial line send again after an XOFF that nobody meant.
+void restart_output(int fd);
+
 // Connects and says "# Connected to INSTRUMENT @ ...". An empty connection after its line on failure.
 connection open_tcp(int cn, const char *host, int port, const char *instrument);
 

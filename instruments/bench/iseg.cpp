@@ -51,7 +51,7 @@ std::optional<std::string> iseg_ask(turn &t, const std::string &command) {
             got.text.c_str(), length(got.text));
     if (got.text != command) {
         say(t.who(), "! ERROR in response from ISEG Sent '%s' received '%s\n", sent, got.text.c_str());
-        t.expect_late(); // whatever the answer is to
+        t.distrust();
         return std::nullopt;
     }
     if (!hear(t, got))
@@ -69,9 +69,11 @@ std::optional<std::string> iseg_ask(turn &t, const std::string &command) {
 std::optional<double> iseg_number(turn &t, const std::string &command) {
     const std::optional<std::string> text = iseg_ask(t, command);
     const std::optional<double> value = text ? mantissa_exponent(*text) : std::nullopt;
-    if (text && !value)
+    if (text && !value) {
         say(t.who(), "! ERROR: ISEG answered '%s' to '%s', which is no number\n", text->c_str(),
             command.c_str());
+        t.distrust();
+    }
     return value;
 }
 
@@ -82,6 +84,7 @@ std::optional<iseg_status> iseg_get_status(turn &t, int channel) {
     const std::string prefix = text_of("S%d=", channel);
     if (!whole->starts_with(prefix)) {
         say(t.who(), "! ERROR: ISEG answered '%s' to 'S%d', which is no status\n", whole->c_str(), channel);
+        t.distrust();
         return std::nullopt;
     }
     std::string text = whole->substr(prefix.size());

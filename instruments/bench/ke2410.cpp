@@ -67,9 +67,11 @@ std::optional<std::string> ke2410_ask(turn &t, const std::string &command) {
 std::optional<double> ke2410_number(turn &t, const std::string &command) {
     const std::optional<std::string> text = ke2410_ask(t, command);
     const std::optional<double> value = text ? whole_number(*text) : std::nullopt;
-    if (text && !value)
+    if (text && !value) {
         say(t.who(), "! ERROR: Keithley 2410 answered '%s' to '%s', which is no number\n", text->c_str(),
             command.c_str());
+        t.distrust();
+    }
     return value;
 }
 
@@ -77,6 +79,7 @@ std::optional<double> ke2410_level(turn &t) {
     const std::optional<double> level = ke2410_number(t, ":SOUR:VOLT:LEV?");
     if (level && std::abs(*level) > ke2410_volts_max) {
         say(t.who(), "! ERROR: Keithley 2410 reports a level of %g V, which it cannot have\n", *level);
+        t.distrust();
         return std::nullopt;
     }
     return level;
@@ -89,6 +92,7 @@ std::optional<bool> ke2410_output_on(turn &t) {
     if (*state != 0.0 && *state != 1.0) {
         say(t.who(), "! ERROR: Keithley 2410 reports an output state of %g, which is neither 0 nor 1\n",
             *state);
+        t.distrust();
         return std::nullopt;
     }
     return *state == 1.0;
@@ -102,6 +106,7 @@ std::optional<ke2410_reading> ke2410_read(turn &t) {
     if (values.size() < 2) {
         say(t.who(), "! ERROR: Keithley 2410 answered '%s' to ':READ?', which is no reading\n",
             text->c_str());
+        t.distrust();
         return std::nullopt;
     }
     return ke2410_reading{values[0], values[1]};

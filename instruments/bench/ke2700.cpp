@@ -61,6 +61,7 @@ std::optional<statistics> ke2700_measure(turn &t, int samples, int channel) {
     const std::vector<double> values = readings(*text);
     if (values.empty()) {
         say(t.who(), "! ERROR: Keithley 2700 answered '%s' to 'READ?', which is no reading\n", text->c_str());
+        t.distrust();
         return std::nullopt;
     }
     if (static_cast<int>(values.size()) != samples)

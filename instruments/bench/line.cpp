@@ -196,8 +196,8 @@ answer turn::settle(int seen) {
     }
     if (line_.link.serial) // the beginning of a line, which the terminal keeps to itself until its end comes
         ::tcflush(line_.link.fd.get(), TCIFLUSH);
-    if (line_.link.serial && line_.owed) // noise may have held an XOFF
-        ::tcflow(line_.link.fd.get(), TCOON);
+    if (line_.link.serial && line_.owed) // there may have been an XOFF in the noise
+        restart_output(line_.link.fd.get());
     line_.received.clear();
     line_.owed = false;
     return {};

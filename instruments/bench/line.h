@@ -62,8 +62,9 @@ class turn {
     // The next line that comes, within so many milliseconds, without its end; what cannot be printed is a dot in it.
     // `seen` interrupts do not end the wait.
     answer hear(int wait_ms, int seen);
-    // An answer that nobody waits for any more may come: it is waited for, shortly, before the next command.
-    void expect_late() { line_.owed = true; }
+    // What came was no answer to what was asked; the answer may still come. It is waited for, shortly, before the next
+    // command.
+    void distrust() { line_.owed = true; }
 
   private:
     bool take(std::unique_lock<std::mutex> &lock);

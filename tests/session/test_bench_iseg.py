@@ -1,11 +1,9 @@
 """The high-voltage supply over its serial line: each command's bytes, limits, ramps, and a wrong echo."""
-import os
-import pty
-import threading
+import termios
 import time
-import tty
 
 import pytest
+from bench import serial_line
 from kestrel_session import SCALE
 
 
@@ -130,24 +128,8 @@ def test_config_comes_first(client):
         assert reply[0] == "! ERROR: Please open TTY using iseg config first" and reply[-1] in ("* -1", "* (null)")
 
 
-def play_module(identification):
-    """A serial line at whose other end a module says this of itself; its name, and the line's settings when asked."""
-    near, far = pty.openpty()
-    tty.setraw(far)
-
-    def run():
-        said = b""
-        while True:
-            try:
-                said += os.read(near, 100)
-            except OSError:
-                return
-            while b"\r\n" in said:
-                line, said = said.split(b"\r\n", 1)
-                os.write(near, line + b"\r\n" + (identification if line == b"#" else b"????") + b"\r\n")
-
-    threading.Thread(target=run, daemon=True).start()
-    return os.ttyname(far), far
+def module(identification):
+    return lambda line: line + b"\r\n" + (identification if line == b"#" else b"????") + b"\r\n"
 
 
 @pytest.mark.parametrize("identification, error", [
@@ -157,7 +139,7 @@ def play_module(identification):
     (b"1;3.08;2000V", "! ERROR Parsing Max output current from module id"),
 ])
 def test_a_module_that_cannot_be_understood_is_not_opened(client, still, identification, error):
-    name, _ = play_module(identification)
+    name, _ = serial_line(module(identification))
     assert client.lines(f"iseg config port '{name}'")[-2:] == [error, "* -1"]
     assert client.lines("iseg get 1")[0] == "! ERROR: Please open TTY using iseg config first"
 
@@ -165,8 +147,7 @@ def test_a_module_that_cannot_be_understood_is_not_opened(client, still, identif
 @pytest.mark.parametrize("line, speed", [("iseg config", 9600), ("ke2410 config", 9600), ("ke2700 open", 19200),
                                          ("ke2700 open b9600", 9600)])
 def test_settings_of_the_line(client, line, speed):
-    import termios
-    name, far = play_module(b"1;3.08;2000V;6mA")
+    name, far = serial_line(module(b"1;3.08;2000V;6mA"))
     client.cmd(f"{line} port '{name}'")
     iflag, oflag, cflag, lflag, ispeed, ospeed, cc = termios.tcgetattr(far)
     assert iflag == termios.IGNCR | termios.IGNPAR | termios.IXON
@@ -181,3 +162,13 @@ def test_a_line_has_one_user(client, supply):
     reply = client.lines(f"ke2410 config {supply.line('iseg')}")
     assert reply[0].startswith("! ERROR could not open ttyS0 errorno=11") and reply[-1] == "* -1"
     assert client.lines("iseg get 1") == ["* 0"]
+
+
+def test_a_stop_character_in_noise_stops_nobody(client):
+    """XOFF in what was no answer: the next command goes out all the same."""
+    answers = {b":SOUR:VOLT:LEV?": b"0\r\n", b"READ?": b"\x13?\r\n", b":OUTP:STAT?": b"\x13\r\n"}
+    name, _ = serial_line(lambda line: answers.get(line, b""))
+    assert client.lines(f"ke2410 config port '{name}'") == ["* 0"]
+    assert client.lines("ke2410 enable 0")[-1] == "* -1"
+    answers[b":OUTP:STAT?"] = b"0\r\n"
+    assert client.lines("ke2410 enable 0") == ["# Note Output state is already 0", "* 0"]

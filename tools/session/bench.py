@@ -3,8 +3,10 @@ import contextlib
 import itertools
 import os
 import pathlib
+import pty
 import socket
 import threading
+import tty
 
 from kestrel_session import KESTREL, Process, Server, free_port
 
@@ -49,6 +51,26 @@ class Bench(Server):
 
     def tcp(self, name):
         return f"ip-addr '{self.address}' ip-port {self.do(f'wire port {name!r}'):.0f}"
+
+
+def serial_line(answer):
+    """A serial line at whose other end an instrument answers each command by a function; its name and its descriptor."""
+    near, far = pty.openpty()
+    tty.setraw(far)
+
+    def run():
+        said = b""
+        while True:
+            try:
+                said += os.read(near, 100)
+            except OSError:
+                return
+            while b"\r\n" in said:
+                line, said = said.split(b"\r\n", 1)
+                os.write(near, answer(line))
+
+    threading.Thread(target=run, daemon=True).start()
+    return os.ttyname(far), far
 
 
 class Scripted:
