@@ -1,7 +1,6 @@
 #include "instruments/bench/ke2410.h"
 
 #include "instruments/bench/numbers.h"
-#include "server/interrupt.h"
 
 #include <cmath>
 #include <cstring>
@@ -26,13 +25,13 @@ void say_no_answer(const turn &t, const answer &got) {
 // The answer, through one ^C.
 answer hear_through_interrupt(turn &t) {
     const auto begun = std::chrono::steady_clock::now();
-    answer got = t.hear(patience_ms, sv_quit);
+    answer got = t.hear(patience_ms, t.interrupts());
     if (got.status != answer_status::interrupted || t.who().stop >= 0)
         return got;
     say(t.who(), "# Ke2410 read interrupted with ^C, retrying read ^c again to stop\n");
     const auto gone = std::chrono::steady_clock::now() - begun;
     const auto left = patience_ms - std::chrono::duration_cast<std::chrono::milliseconds>(gone).count();
-    return t.hear(static_cast<int>(std::max<long long>(left, 0)), sv_quit);
+    return t.hear(static_cast<int>(std::max<long long>(left, 0)), t.interrupts());
 }
 
 } // namespace

@@ -20,9 +20,8 @@ namespace {
 using steady = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::size_t line_max = 4000;    // less than a terminal line holds, which cuts what is longer
-constexpr milliseconds late_answer(1000); // how long one that is owed is waited for before the next command
-constexpr milliseconds quiet(50);         // nothing more comes
+constexpr std::size_t line_max = 4000; // less than a terminal line holds, which cuts what is longer
+constexpr milliseconds quiet(50);      // nothing more comes
 constexpr milliseconds turn_pause(5);
 constexpr milliseconds turn_grace(1000); // beyond the time in which the other will be done
 
@@ -115,6 +114,10 @@ bool turn::take(std::unique_lock<std::mutex> &lock) {
     return true;
 }
 
+int turn::interrupts() const {
+    return who_.stop < 0 ? sv_quit : 0;
+}
+
 turn::event turn::wait(short events, steady::time_point end, int seen) const {
     const int fd = line_.link.fd.get();
     if (who_.stop >= 0) {
@@ -173,7 +176,7 @@ answer turn::receive() {
 
 void turn::look() {
     const auto last = steady::now() + late_answer;
-    while (line_.open && steady::now() < last && wait(POLLIN, steady::now(), sv_quit) == event::ready)
+    while (line_.open && steady::now() < last && wait(POLLIN, steady::now(), interrupts()) == event::ready)
         receive();
 }
 
@@ -228,8 +231,10 @@ answer turn::send(std::string_view bytes, int seen) {
 answer turn::drained(steady::time_point end, int seen) {
     int waiting = 0;
     while (line_.link.serial && ::ioctl(line_.link.fd.get(), TIOCOUTQ, &waiting) == 0 && waiting > 0) {
-        if (steady::now() > end || (who_.stop < 0 && sv_quit > seen))
-            return over({answer_status::failed, -1, sv_quit > seen ? EINTR : ETIMEDOUT, {}});
+        if (interrupts() > seen)
+            return over({answer_status::failed, -1, EINTR, {}});
+        if (steady::now() > end)
+            return over({answer_status::failed, -1, ETIMEDOUT, {}});
         std::this_thread::sleep_for(milliseconds(1));
     }
     return {};
@@ -240,7 +245,7 @@ answer turn::drained(steady::time_point end, int seen) {
 answer turn::tell(std::string_view command) {
     if (!line_.open)
         return {answer_status::failed, -1, ENOTCONN, {}};
-    const int seen = sv_quit;
+    const int seen = interrupts();
     if (answer late = settle(seen); !late.ok())
         return late;
     std::string bytes(command);

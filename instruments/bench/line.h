@@ -33,6 +33,9 @@ struct answer {
     bool ok() const { return status == answer_status::ok; }
 };
 
+// How long an answer that is owed is waited for before the next command (a variable for the tests).
+inline std::chrono::milliseconds late_answer{1000};
+
 struct line {
     std::string_view terminator = "\n";
     std::atomic<bool> open = false;
@@ -54,6 +57,8 @@ class turn {
     explicit operator bool() const { return has_; }
     const waiter &who() const { return who_; }
     bool debug() const { return line_.debug; }
+    // Interrupts so far, as far as they are the waiter's business: a logger's thread never looks at them.
+    int interrupts() const;
 
     // Notices an instrument that has gone.
     void look();
