@@ -52,10 +52,14 @@ bool send_level(int cn, double volts) {
     return t && ke2410_tell(t, text_of(":SOUR:VOLT:LEV %g", volts));
 }
 
-bool stopped(int cn, double level) {
+// Nobody wants a level any more: after ^C nothing is sent.
+bool stopped(int cn, std::optional<double> level) {
     if (!sv_poll_quit(cn))
         return false;
-    sv_printf(cn, "! ERROR: Stopped with ^C, the level stays at %g V\n", level);
+    if (level)
+        sv_printf(cn, "! ERROR: Stopped with ^C, the level stays at %g V\n", *level);
+    else
+        sv_printf(cn, "! ERROR: Stopped with ^C, no level was sent\n");
     return true;
 }
 
@@ -75,8 +79,8 @@ bool slew(int cn, double &level, double target) {
     return true;
 }
 
-// The present set point, after the warning that nothing comes out yet.
-bool look(int cn, double target, bool at_once, double &level) {
+// The present set point unless it is of no interest, after the warning that nothing comes out yet. False after a line.
+bool look(int cn, double target, bool at_once, std::optional<double> &level) {
     ke2410_turn t({.cn = cn});
     if (!t)
         return false;
@@ -87,9 +91,8 @@ bool look(int cn, double target, bool at_once, double &level) {
         sv_printf(cn, "WARNING : Setting output, but output not enabled. Is this what you want?\n");
     if (at_once)
         return true;
-    const std::optional<double> now = ke2410_level(t);
-    level = now.value_or(0.0);
-    return now.has_value();
+    level = ke2410_level(t);
+    return level.has_value();
 }
 
 int set_amperes(int cn, double amperes) {
@@ -170,8 +173,8 @@ int enable(int, int cn, int on) {
 
 int ke2410_set_volts(int cn, double volts, bool at_once) {
     const double target = as_sent(volts);
-    double level = target;
-    if (!allowed(cn, target) || !look(cn, target, at_once, level) || !slew(cn, level, target) ||
+    std::optional<double> level;
+    if (!allowed(cn, target) || !look(cn, target, at_once, level) || (level && !slew(cn, *level, target)) ||
         stopped(cn, level))
         return -1;
     return send_level(cn, target) ? 0 : -1;

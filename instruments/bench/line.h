@@ -13,7 +13,7 @@
 
 namespace kestrel::bench {
 
-// Who waits: the command thread for a session, until ^C; or a logger's thread, until its stop descriptor is ready.
+// Who waits: the command thread for a session, until ^C; or a logger's thread, until its stop descriptor is ready (hung up).
 struct waiter {
     int cn = -1;        // whom lines are printed to; -1: standard output
     int stop = -1;      // a logger's; -1: the command thread

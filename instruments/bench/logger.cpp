@@ -2,11 +2,11 @@
 
 #include "server/output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
+#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <system_error>
 
 namespace kestrel::bench {
@@ -49,6 +49,15 @@ void log_loop(logger &l) {
     if (!l.connection.open && !is_stopped(who.stop))
         sv_printf(-1, "# Note %s logger ends with its connection\n", l.name);
     l.running = false;
+}
+
+bool make_pipe(logger &l) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    l.stop.reset(ends[0]);
+    l.go_on.reset(ends[1]);
+    return true;
 }
 
 // 0, or the error. The thread leaves signals to the command thread.
@@ -102,15 +111,15 @@ int logger_start(int cn, logger &l, log_wishes wishes) {
         return -1;
     }
     l.wishes = std::move(wishes);
-    l.stop.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     l.paused = false;
     l.running = true;
-    const int error = l.stop ? start_thread(l) : errno;
+    const int error = make_pipe(l) ? start_thread(l) : errno;
     if (error == 0)
         return 0;
     sv_printf(cn, "! ERROR: Cannot create %s logging thread, errno=%d\n", l.name, error);
     l.running = false;
     l.stop.reset();
+    l.go_on.reset();
     l.file.fd.reset();
     return -1;
 }
@@ -146,8 +155,7 @@ int logger_stop(int cn, logger &l) {
 void logger_end(int cn, logger &l) {
     if (!l.thread.joinable())
         return;
-    const std::uint64_t one = 1;
-    if (::write(l.stop.get(), &one, sizeof one) != sizeof one)
+    if (::close(l.go_on.release()) != 0)
         sv_printf(cn, "! ERROR: Error occured cancelling %s logging thread: %d\n", l.name, errno);
     try {
         l.thread.join();

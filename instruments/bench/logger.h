@@ -22,7 +22,7 @@ struct logger {
     std::optional<std::string> (*measure)(const waiter &who, const log_wishes &wishes);
 
     std::thread thread{};
-    unique_fd stop{};                  // an event for the thread; open as long as the logger runs
+    unique_fd stop{}, go_on{};         // a pipe: the thread stops when the end to write is closed
     std::atomic<bool> running = false; // the thread is at work
     std::atomic<bool> paused = false;
     log_wishes wishes{};

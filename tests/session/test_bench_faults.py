@@ -18,6 +18,8 @@ def bench(play):
 
 def config(client, bench, name, wire):
     assert client.lines(f"{CONFIG[name]} {getattr(bench, wire)(name)}")[-1] == "* 0"
+    if name != "iseg":
+        client.cmd(f"{name} send '*IDN?'")  # answered behind all that opening sent
 
 
 def works(client, name):

@@ -276,8 +276,8 @@ def test_an_interrupted_read_sends_no_voltage_afterwards(server, client, meter):
     server.interrupt()
     client.recv_until("again to stop\r\n")
     meter.peer.say(b"1\n")
-    assert client.recv_prompt().endswith(b"* -1\r\n")
-    assert meter.level == "0"
+    assert client.recv_prompt() == b"! ERROR: Stopped with ^C, no level was sent\r\n* -1\r\n"
+    assert meter.sent()[-1] == ":OUTP:STAT?" and meter.level == "0"
 
 
 def test_get_tells_the_first_and_stores_all(client, meter):

@@ -14,6 +14,8 @@ def bench(play, client):
     program = play()
     assert client.lines(f"ke2410 config {program.line('ke2410')}")[-1] == "* 0"
     assert client.lines(f"ke2700 open {program.tcp('ke2700')}")[-1] == "* 0"
+    for name in "ke2410", "ke2700":
+        client.cmd(f"{name} send '*IDN?'")  # answered behind all that opening sent
     return program
 
 
