@@ -42,7 +42,7 @@ ke2410_turn::ke2410_turn(const waiter &who)
 bool ke2410_tell(turn &t, const std::string &command) {
     if (t.debug())
         say(t.who(), "# Keithley 2410: Sending '%s'\n", command.c_str());
-    const answer sent = t.tell(command);
+    const answer sent = t.tell(command, t.interrupts()); // one ^C ends no exchange
     if (!sent.ok())
         say(t.who(), "! ERROR Failed to write to KE2410 PSU: retval=%d, errorno=%d, descr=%s\n", sent.retval,
             sent.error, sent.error ? std::strerror(sent.error) : "it closed the connection");

@@ -62,8 +62,9 @@ class turn {
 
     // Notices an instrument that has gone.
     void look();
-    // Sends a command. What came late for an earlier one is thrown away first.
-    answer tell(std::string_view command);
+    // Sends a command, unless there were more than `seen` interrupts. What came late for an earlier one is thrown away
+    // first.
+    answer tell(std::string_view command, int seen = 0);
     // The next line that comes, within so many milliseconds, without its end; what cannot be printed is a dot in it.
     // `seen` interrupts do not end the wait.
     answer hear(int wait_ms, int seen);
