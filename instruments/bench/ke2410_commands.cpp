@@ -70,7 +70,7 @@ pt_string read_error(int quals, int cn) {
     ke2410_turn t({.cn = cn});
     if (!t)
         return std::nullopt;
-    const std::optional<std::string> text = ke2410_ask(t, ":STAT:QUE?");
+    std::optional<std::string> text = ke2410_ask(t, ":STAT:QUE?");
     if (!text)
         return std::nullopt;
     sv_printf(cn, "# KE2410 message:'%s'\n", text->c_str());

@@ -70,8 +70,7 @@ answer turn::settle(int seen) {
             return {answer_status::interrupted, -1, EINTR, {}};
         if (e == event::timeout)
             break;
-        const answer got = receive();
-        if (!got.ok())
+        if (answer got = receive(); !got.ok())
             return got;
         heard = true;
         line_.received.clear();

@@ -21,7 +21,7 @@ std::string aside_name(const std::string &path, time_t changed) {
     std::strftime(stamp, sizeof stamp, "%Y%m%d%H%M", &local);
     const std::string name = path + "." + stamp;
     for (int n = 0; n < names_tried; ++n) {
-        const std::string candidate = n == 0 ? name : name + "." + std::to_string(n);
+        std::string candidate = n == 0 ? name : name + "." + std::to_string(n);
         struct stat status {};
         if (::lstat(candidate.c_str(), &status) != 0)
             return candidate;
