@@ -30,21 +30,28 @@ bool line_interrupted = false;
 int typed_ahead = 0; // bytes typed in the terminal's line mode, which turns ^D into NUL
 
 // The editing library keeps the terminal right around stops and window changes with handlers of its own, but
-// passes SIGINT and its like on to the whole process group: those stay ours while it waits.
+// passes SIGINT and its like on to the whole process group: those stay ours while it waits. They are held back from
+// before its handlers are in place until ours are again.
 class own_signals {
   public:
     own_signals() {
-        for (std::size_t i = 0; i < std::size(numbers); ++i)
+        ::sigemptyset(&set_);
+        for (std::size_t i = 0; i < std::size(numbers); ++i) {
             ::sigaction(numbers[i], nullptr, &actions_[i]);
+            ::sigaddset(&set_, numbers[i]);
+        }
     }
+    void hold_back() const { ::pthread_sigmask(SIG_BLOCK, &set_, nullptr); }
     void install() const {
         for (std::size_t i = 0; i < std::size(numbers); ++i)
             ::sigaction(numbers[i], &actions_[i], nullptr);
+        ::pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
     }
 
   private:
     static constexpr int numbers[] = {SIGINT, SIGTERM, SIGHUP};
     struct sigaction actions_[std::size(numbers)];
+    sigset_t set_;
 };
 
 std::optional<own_signals> signals;
@@ -99,6 +106,7 @@ char **user_rl_completion(const char *text, int start, int end) {
 // Called before the prompt is shown. The library would turn the terminal's own line mode off after it only,
 // and a ^D typed in between would be lost.
 int key_mode() {
+    signals->hold_back();
     rl_prep_terminal(1);
     if (::ioctl(STDIN_FILENO, FIONREAD, &typed_ahead) != 0)
         typed_ahead = 0;
@@ -124,6 +132,7 @@ bool edit_line(std::string &line) {
     sv_take(received, sv_received(received).size()); // the rest of an answer typed ahead of its question
     line_interrupted = false;
     const std::unique_ptr<char, free_memory> text(::readline("> "));
+    signals->install();
     if (!text) {
         std::printf("\n");
         return false;

@@ -12,6 +12,11 @@ extern const PARSE_TREE row_pulsar3; // the subtree, for a root table
 void pulsar3_init();
 void pulsar3_connection_lost(int cn);
 void pulsar3_exit();
+// Prints what the library's threads have said meanwhile; a command that waits calls this now and then.
+void pulsar3_say();
+
+// The card of a command whose second argument it is; one that is omitted means all.
+int pulsar3_card(int card);
 
 // The library's status as a command's result; a failure prints "! ERROR " and the library's text first.
 int pulsar3_status(int cn, int status);

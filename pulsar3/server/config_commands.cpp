@@ -3,6 +3,7 @@
 #include "parser/variables.h"
 #include "pulsar3/lib/config/config.h"
 #include "pulsar3/server/commands.h"
+#include "pulsar3/server/sources.h"
 #include "server/output.h"
 #include "unified/handles/handles.h"
 
@@ -87,6 +88,10 @@ int pulsar3_config(int quals, int cn, int ncards, int num_tf, int card_index) {
 constexpr pt_format close_format("%d = %d");
 
 int pulsar3_close(int, int cn, int path) {
+    if (plr3_path_has_handles(path)) {
+        sv_printf(cn, "! ERROR plr3_close: handles over path %d are open, please close them first\n", path);
+        return plr3_failed;
+    }
     return pulsar3_status(cn, plr3_close(path));
 }
 

@@ -4,7 +4,6 @@
 // control thread (control.h), the timing thread (timing.h) and the command thread.
 #pragma once
 
-#include "sim/card/fair_mutex.h"
 #include "sim/card/kinds.h"
 #include "sim/card/packets.h"
 #include "sim/card/protocol.h"
@@ -13,6 +12,7 @@
 #include "sim/card/spectrum.h"
 #include "sim/card/targets.h"
 #include "sim/card/timing.h"
+#include "support/fair_mutex.h"
 
 #include <array>
 #include <condition_variable>

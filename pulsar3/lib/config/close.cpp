@@ -21,6 +21,16 @@ void release(int path) {
     plr3_reset(p);
 }
 
+// What is to be said goes to standard output from now on.
+void forget_session(PLR3Path &p) {
+    p.message_to = -1;
+    for (const auto &channel : p.histogram)
+        if (channel)
+            channel->message_to = -1;
+    if (p.readout)
+        p.readout->message_to = -1;
+}
+
 // The node that a card belongs to, or -1.
 int node_of(int path) {
     for (int node = 0; node < plr3_max_paths; ++node) {
@@ -61,7 +71,7 @@ void plr3_close_all() {
 void plr3_session_ended(int message_to) {
     for (PLR3Path &p : Plr3Sys)
         if (p.message_to == message_to)
-            p.message_to = -1;
+            forget_session(p);
 }
 
 } // namespace kestrel

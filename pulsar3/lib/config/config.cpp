@@ -1,6 +1,8 @@
 #include "pulsar3/lib/config/config.h"
 
 #include "pulsar3/lib/config/config_steps.h"
+#include "pulsar3/lib/counts/progress.h"
+#include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
 
@@ -87,6 +89,14 @@ template <class F> int for_cards(int path, F step) {
     return 0;
 }
 
+void make_channels(int path) {
+    const PLR3Path &top = *plr3_path(path);
+    for (int card = 0; card < top.num_cards; ++card) {
+        const int leaf = plr3_leaf(top, path, card);
+        plr3_make_channels(*plr3_path(leaf), leaf, card);
+    }
+}
+
 int wrapped(int status) {
     return plr3_fail(status, "plr3_config: %s", plr3_get_error_message());
 }
@@ -98,18 +108,22 @@ int set_up(int path, const config_plan &plan) {
         status = plr3_write_frames(path, r.num_tf);
     if (status == 0)
         status = for_cards(path, [&r](PLR3Path &card) { return plr3_settle_readout_mode(card, r); });
+    make_channels(path);
     if (status == 0)
-        status = for_cards(path, [&r](PLR3Path &card) { return plr3_make_data_areas(card, r); });
+        status = for_cards(path, plr3_make_data_areas);
     if (status == 0)
         status = plr3_make_scope_module(*plr3_path(path), r);
-    if (status == 0 && plan.data_link && r.dummy_system == PulsarReal)
+    if (status == 0 && plan.data_link)
         status = plr3_set_up_data_link(path, plan);
     if (status != 0)
         return status;
     if (r.do_init)
-        if (const int written = plr3_write_defaults(path); written != 0)
-            return wrapped(written);
-    return 0;
+        status = plr3_write_defaults(path);
+    if (status == 0)
+        status = plr3_follow_formats(path);
+    if (status == 0)
+        status = plr3_make_progress(path);
+    return status == 0 ? 0 : wrapped(status);
 }
 
 } // namespace

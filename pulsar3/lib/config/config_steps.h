@@ -35,10 +35,11 @@ int plr3_settle_readout_mode(PLR3Path &card, const plr3_request &asked);
 // data_areas.cpp: the modules of a card, and that of the whole system for scope data; new ones stay when they are kept.
 int plr3_check_frames(const PLR3Path &card);
 void plr3_keep_data_areas(PLR3Path &path);
-int plr3_make_data_areas(PLR3Path &card, const plr3_request &asked);
+int plr3_make_data_areas(PLR3Path &card);
 int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked);
 
-// udp.cpp: the data link of one card, and of every card that has one.
+// udp.cpp: the data link of one card, and of every card that has one: scope data, a socket and a thread a channel for
+// histograms, the readout of a mini model.
 int plr3_config_udp(int path, int card, const card_addresses &addresses, int card_port, int host_port);
 int plr3_set_up_data_link(int path, const config_plan &plan);
 

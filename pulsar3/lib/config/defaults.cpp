@@ -16,8 +16,16 @@ constexpr int chan_cont_offset = 2, chan_cont2_offset = 56;
 
 // Every step takes the path of one card.
 
+// step(channel) for every channel in use, up to the first that is refused.
+template <class F> int each_channel(int path, F step) {
+    for (int chan = 0; chan < plr3_path(path)->num_chan; ++chan)
+        if (const int status = step(chan); status != 0)
+            return status;
+    return 0;
+}
+
 int write_channels(int path, int offset, std::uint32_t word) {
-    return plr3_write_reg(path, -1, 0, offset, {&word, 1});
+    return each_channel(path, [&](int chan) { return plr3_write_reg(path, chan, 0, offset, {&word, 1}); });
 }
 
 int write_card(int path, int offset, std::uint32_t word) {
@@ -26,10 +34,12 @@ int write_card(int path, int offset, std::uint32_t word) {
 
 int write_windows(int path) {
     const int highest = plr3_register_field("window0", "high").highest;
-    for (const int window : {0, 1})
-        if (const int status = plr3_set_window(path, -1, window, 0, highest); status != 0)
-            return status;
-    return plr3_set_good_thres(path, -1, 0);
+    return each_channel(path, [&](int chan) {
+        for (const int window : {0, 1})
+            if (const int status = plr3_set_window(path, chan, window, 0, highest); status != 0)
+                return status;
+        return plr3_set_good_thres(path, chan, 0);
+    });
 }
 
 int write_registers(int path) {
@@ -45,7 +55,8 @@ int write_registers(int path) {
 int clear_memories(int path) {
     for (const block_memory &memory : plr3_block_memories()) {
         const std::vector<std::uint32_t> zeros(static_cast<std::size_t>(memory.words));
-        if (const int status = plr3_write_reg(path, -1, memory.region, 0, zeros); status != 0)
+        const auto write = [&](int chan) { return plr3_write_reg(path, chan, memory.region, 0, zeros); };
+        if (const int status = each_channel(path, write); status != 0)
             return status;
     }
     return 0;
@@ -53,7 +64,7 @@ int clear_memories(int path) {
 
 int write_format(int path) {
     const field_value bits[] = {{plr3_register_field("format", "nbits-eng"), default_energy_bits}};
-    return plr3_set_register("plr3_config", path, -1, bits);
+    return each_channel(path, [&](int chan) { return plr3_set_register("plr3_config", path, chan, bits); });
 }
 
 int write_sub_frames(int path) {

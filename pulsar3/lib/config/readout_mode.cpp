@@ -65,7 +65,6 @@ int plr3_settle_readout_mode(PLR3Path &card, const plr3_request &asked) {
         return 0;
     if (card.features.plr3m_send_mode == 0) {
         card.readout_mode = Plr3mRd_Passive;
-        plr3_message(card.message_to, "Is Pulsar3mini without active readout, so no extra TCP setup\n");
         return asked.readout_mode == Plr3mRd_Auto ? 0 : check_mode(card, asked.readout_mode);
     }
     std::uint32_t mode = 0;
@@ -83,8 +82,6 @@ int plr3_settle_readout_mode(PLR3Path &card, const plr3_request &asked) {
     if (status != 0)
         return plr3_fail(status, "plr3_do_config: %s", plr3_get_error_message());
     card.readout_mode = static_cast<Plr3mReadoutMode>(mode);
-    if (mode == Plr3mRd_Passive)
-        plr3_message(card.message_to, "Is Pulsar3mini without active readout, so no extra TCP setup\n");
     return 0;
 }
 

@@ -1,6 +1,13 @@
-// The data link of each card: the host's end is a socket, the card's end its UDP engine.
+// The data link of each card: the host's end is a socket, the card's end its UDP engine; for each channel a socket and
+// a thread more. A mini model has a connection for its readout instead.
 #include "pulsar3/lib/config/config_steps.h"
+#include "pulsar3/lib/counts/shape.h"
 #include "pulsar3/lib/paths/access.h"
+#include "pulsar3/lib/wire/resolve.h"
+
+#include <cstdlib>
+#include <sched.h>
+#include <vector>
 
 namespace kestrel {
 
@@ -8,6 +15,7 @@ namespace {
 
 constexpr std::uint32_t engine_register = 15, gap_register = 13;
 constexpr std::uint32_t inter_packet_gap = 10;
+constexpr int readout_port = 2; // behind the control port
 
 int set_gap(FemHandle &fem) {
     std::uint32_t engine = 0;
@@ -21,6 +29,87 @@ int set_gap(FemHandle &fem) {
         return plr3_fail(rc, "plr3_config_udp: Error writing inter-packet gap, RDMA Reg 13: %s rc=%d",
                          plr3_get_error_message(), rc);
     return 0;
+}
+
+// The processors that the environment names ("2-5,8") for receive threads, in order; none when it names none.
+std::vector<std::size_t> thread_processors() {
+    std::vector<std::size_t> processors;
+    const char *text = std::getenv("PLR3CPUS");
+    while (text && *text) {
+        char *end = nullptr;
+        const long first = std::strtol(text, &end, 10);
+        long last = first;
+        if (end == text)
+            break;
+        if (*end == '-')
+            last = std::strtol(text = end + 1, &end, 10);
+        for (long one = first; one >= 0 && one <= last && one < CPU_SETSIZE; ++one)
+            processors.push_back(static_cast<std::size_t>(one));
+        text = *end == ',' ? end + 1 : "";
+    }
+    return processors;
+}
+
+// Channel c's stream comes to the port behind the scope data's and c more.
+int plr3_config_histogram_threads(int path, PLR3Path &card, const card_addresses &addresses, int port) {
+    const std::vector<std::size_t> processors = thread_processors();
+    for (int chan = 0; chan < card.chans_per_card; ++chan) {
+        Histogram &h = *card.histogram[static_cast<std::size_t>(chan)];
+        if (!processors.empty())
+            CPU_SET(processors[static_cast<std::size_t>(h.chan_of_system) % processors.size()], &h.cpu_set);
+        if (card.debug)
+            plr3_message(card.message_to, "Starting Histogram Thread for top path %d, channel=%d .... \n",
+                         path, h.chan_of_system);
+        h.udpsock.recvBuf = hist_socket_buffer;
+        if (const int rc = plr3_udp_init(h.udpsock, addresses.host10GigeIPaddress.c_str(), port + 1 + chan,
+                                         addresses.fem10GigeIPaddress.c_str(), port);
+            rc != 0)
+            return plr3_fail(rc, "plr3_config_histogram_threads: %s on port %d", plr3_get_error_message(),
+                             port + 1 + chan);
+        if (const int rc = plr3_histogram_thread_start(h); rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
+int set_up_udp(int path, int card, PLR3Path &leaf, const card_addresses &addresses, const config_plan &plan) {
+    const int port = plan.fem_port2;
+    if (const int status = plr3_config_udp(path, card, addresses, port, port); status != 0)
+        return status;
+    return plr3_config_histogram_threads(path, leaf, addresses, port);
+}
+
+int set_up_readout(PLR3Path &card, const card_addresses &addresses, const config_plan &plan) {
+    if (card.readout_mode == Plr3mRd_Passive) {
+        plr3_message(card.message_to, "Is Pulsar3mini without active readout, so no extra TCP setup\n");
+        return 0;
+    }
+    if (!card.femHandle)
+        return 0;
+    const auto address = plr3_resolve(addresses.femIPaddress.c_str());
+    if (!address)
+        return plr3_fail(plr3_failed, "Unable to resolve server name %s!", addresses.femIPaddress.c_str());
+    card.readout = std::make_unique<mini_readout>();
+    mini_readout &r = *card.readout;
+    r.address = *address;
+    r.port = plan.fem_port1 + readout_port;
+    r.mode = static_cast<std::uint32_t>(card.readout_mode);
+    r.message_to = card.message_to;
+    for (int chan = 0; chan < card.chans_per_card; ++chan)
+        r.channels.push_back(card.histogram[static_cast<std::size_t>(chan)].get());
+    plr3_place_scalers(card);
+    return plr3_readout_start(r);
+}
+
+// One line for all sockets; the kernel tells twice the size that counts.
+void tell_small_buffers(int path) {
+    const PLR3Path &top = *plr3_path(path);
+    const PLR3Path &first = *plr3_path(plr3_leaf(top, path, 0));
+    const Histogram &h = *first.histogram.front();
+    if (h.udpsock.socket && h.udpsock.recvBuf / 2 < hist_socket_buffer)
+        plr3_message(top.message_to,
+                     "Receive buffers have %d bytes of %d, raise the sysctl net.core.rmem_max against loss\n",
+                     h.udpsock.recvBuf / 2, hist_socket_buffer);
 }
 
 } // namespace
@@ -50,14 +139,15 @@ int plr3_config_udp(int path, int card, const card_addresses &addresses, int car
 
 int plr3_set_up_data_link(int path, const config_plan &plan) {
     for (int card = 0; card < static_cast<int>(plan.cards.size()); ++card) {
-        const PLR3Path &leaf = *plr3_path(plr3_leaf(*plr3_path(path), path, card));
-        if (leaf.features.generation == PulsarGen3Mini)
-            continue;
-        const int status = plr3_config_udp(path, card, plan.cards[static_cast<std::size_t>(card)],
-                                           plan.fem_port2, plan.fem_port2);
+        PLR3Path &leaf = *plr3_path(plr3_leaf(*plr3_path(path), path, card));
+        const card_addresses &addresses = plan.cards[static_cast<std::size_t>(card)];
+        const int status = leaf.features.generation == PulsarGen3Mini ? set_up_readout(leaf, addresses, plan)
+                           : leaf.femHandle ? set_up_udp(path, card, leaf, addresses, plan)
+                                            : 0;
         if (status != 0)
             return plr3_fail(status, "plr3_do_config: %s", plr3_get_error_message());
     }
+    tell_small_buffers(path);
     return 0;
 }
 

@@ -1,6 +1,7 @@
 #include "pulsar3/lib/paths/access.h"
 
 #include <algorithm>
+#include <array>
 
 namespace kestrel {
 
@@ -108,7 +109,22 @@ template <class F> int for_channels(const char *function, int path, int chan, in
     return status;
 }
 
-// Every channel of a card at once: the writes are on their way together.
+// Every channel of a card: the status of the last. One that is refused before is told, and the next is written.
+int write_channels_of(PLR3Path &card, int region, int offset, words_in values) {
+    std::array<int, fem_max_chan> statuses{};
+    const int status =
+        pulsar3FemSetIntChans(*card.femHandle, 0, card.num_chan, region, offset, values, statuses);
+    if (status != 0)
+        return status;
+    for (int chan = 0; chan < card.num_chan - 1; ++chan)
+        if (const int refused = statuses[static_cast<std::size_t>(chan)]; refused != 0)
+            plr3_message(card.message_to,
+                         "plr3_write_reg: at offset 0x%x array of values: returns %d for channel %d\n",
+                         static_cast<unsigned>(offset), refused, card.chan_of_system + chan);
+    return statuses[static_cast<std::size_t>(card.num_chan - 1)];
+}
+
+// The writes to a card are on their way together.
 int write_all_channels(int path, int region, int offset, words_in values) {
     const PLR3Path &top = *plr3_path(path);
     int status = 0;
@@ -117,8 +133,7 @@ int write_all_channels(int path, int region, int offset, words_in values) {
         if (!leaf || leaf->num_chan == 0)
             continue;
         if (leaf->femHandle) {
-            status = told("plr3_write_reg", offset,
-                          pulsar3FemSetIntChans(*leaf->femHandle, 0, leaf->num_chan, region, offset, values));
+            status = told("plr3_write_reg", offset, write_channels_of(*leaf, region, offset, values));
             continue;
         }
         for (int chan = 0; chan < leaf->num_chan; ++chan)

@@ -157,7 +157,9 @@ int plr3_set_debug(int path, int level, int burst) {
         return plr3_fail(plr3_out_of_range, "plr3_set_debug: burst %d is below 0", burst);
     for_path_and_cards(*p, path, [level, burst](PLR3Path &one) {
         one.debug = level;
-        one.debug_burst = burst;
+        for (const auto &channel : one.histogram)
+            if (channel)
+                channel->debug_burst = burst;
     });
     return 0;
 }

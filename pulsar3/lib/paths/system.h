@@ -6,6 +6,8 @@
 #pragma once
 
 #include "modules/store/result_module.h"
+#include "pulsar3/lib/frames/histogram.h"
+#include "pulsar3/lib/frames/mini_readout.h"
 #include "pulsar3/lib/frames/udp.h"
 #include "pulsar3/lib/paths/dummy.h"
 #include "pulsar3/lib/paths/features.h"
@@ -51,6 +53,20 @@ enum plr3_run_flag : int {
     plr3_run_circular = 0x100,
 };
 
+// Dead times of a channel: seconds (rate terms: seconds squared) at no energy, and a unit of energy more.
+struct ChannelDTC {
+    int flags = 0; // of plr3_dtc_flag
+    double processDeadTimeAllEventGradient = 0, processDeadTimeAllEventOffset = 0;
+    double processDeadTimeInWindowOffset = 0, processDeadTimeInWindowGradient = 0;
+    double processDeadTimeAllEventRateGradient = 0, processDeadTimeAllEventRateOffset = 0;
+    double processDeadTimeInWindowRateOffset = 0, processDeadTimeInWindowRateGradient = 0;
+};
+
+enum plr3_dtc_flag : int {
+    plr3_dtc_omit = 1,           // the channel does not count
+    plr3_dtc_use_good_event = 2, // the events above the good threshold are its events
+};
+
 struct PLR3Path {
     std::unique_ptr<FemHandle> femHandle; // null for a node and for a dummy
     int type = 0;                         // 1: a node
@@ -68,15 +84,22 @@ struct PLR3Path {
     int startingCard = 0;
     Pulsar3_features features;
     UDPconnection udpsock; // for scope data
-    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod;
+    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod, scalar_tf_status_mod, progress_mod;
+    // Of a card's channels. They end before the modules go that their threads write to.
+    std::array<std::unique_ptr<Histogram>, plr3_chans_per_card_max> histogram;
+    std::unique_ptr<mini_readout> readout; // of a mini model that sends by itself
+    bool run_started = false;              // a run whose end is not known
+    plr3_clock::time_point start_time{};   // of the last run
     int disable_multi_thread = 0;
-    int chan_of_system = 0; // the first of this path
+    int chan_of_system = 0;                              // the first of this path
+    std::array<ChannelDTC, plr3_chans_per_card_max> dtc; // of this card's channels
+    double deadtimeEnergy = 0;                           // at which dead times are taken
+    int scaler_num_sub_frames = 1;                       // of a time frame
     int mem_layout = 0;
     double clock_period = 1.25e-8; // seconds a tick: 80 MHz
     Plr3mReadoutMode readout_mode = Plr3mRd_Auto;
     PulsarDummy dummy_system = PulsarReal;
     dummy_registers dummy; // of a dummy card
-    int debug_burst = 0;   // messages that the receive threads may still print
     int message_to = -1;   // who configured it: see plr3_message
 
   private:

@@ -16,9 +16,11 @@ struct fem_target {
     std::uint8_t bus;
     protocol_data_width width;
     std::uint32_t address;
-    std::uint32_t step;          // what an item adds to the address
-    unsigned copies = 1;         // a write goes to so many places,
-    std::uint32_t copy_step = 0; // so far apart
+    std::uint32_t step;  // what an item adds to the address
+    unsigned copies = 1; // a write goes to so many places,
+    std::uint32_t copy_step =
+        0;                   // so far apart; each gets its status here, where somebody wants them, and then
+    int *statuses = nullptr; // one that is refused does not keep the others from being written
 };
 
 // Generation 1

@@ -158,7 +158,9 @@ int femAccessWrite(FemHandle &h, const fem_target &target, std::span<const std::
                       [&](std::uint32_t address, std::span<const std::byte> chunk) {
                           return write_chunk(h, target, address, chunk);
                       });
-        if (rc)
+        if (target.statuses && rc == fem_not_acknowledged && h.m_valid)
+            target.statuses[copy] = rc;
+        else if (rc)
             return rc;
     }
     return 0;

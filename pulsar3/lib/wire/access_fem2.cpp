@@ -98,8 +98,10 @@ int transact(FemHandle &h, const char *function, plr4_protocol_header &request, 
     return answer.need(sizeof begin + data.size());
 }
 
-// The answers to the writes that are under way; all are read when some are refused, and the first refusal counts.
-int collect(FemHandle &h, const write_plan &plan, std::span<const plr4_protocol_header> requests) {
+// The answers to the writes that are under way, pieces `first` and on; all are read when some are refused, and the
+// first refusal counts, or each for itself.
+int collect(FemHandle &h, const write_plan &plan, std::size_t first,
+            std::span<const plr4_protocol_header> requests) {
     std::array<plr4_protocol_header, posted_max> answers;
     std::array<iovec, 1> parts{{{answers.data(), requests.size() * sizeof answers[0]}}};
     fem_answer arriving(h, parts);
@@ -110,6 +112,8 @@ int collect(FemHandle &h, const write_plan &plan, std::span<const plr4_protocol_
         const int rc = judge(h, plan.function, requests[i], answers[i], 0);
         if (rc == fem_not_acknowledged) {
             refused = refused ? refused : &requests[i];
+            if (plan.target.statuses)
+                plan.target.statuses[(first + i) / plan.chunks()] = rc;
             if (h.m_valid)
                 continue;
             break;
@@ -121,7 +125,7 @@ int collect(FemHandle &h, const write_plan &plan, std::span<const plr4_protocol_
         if (rc)
             return rc;
     }
-    if (!refused)
+    if (!refused || (plan.target.statuses && h.m_valid))
         return 0;
     return plr3_fail(fem_not_acknowledged,
                      "%s: FEM response did not acknowledge write transaction to address 0x%x", plan.function,
@@ -151,7 +155,7 @@ int post(FemHandle &h, const write_plan &plan, std::size_t first, std::size_t co
     if (const int rc = fem_send(h, std::span(parts).first(used), plan.function))
         return rc;
     h.num_posted_writes = static_cast<int>(count);
-    return collect(h, plan, std::span(requests).first(count));
+    return collect(h, plan, first, std::span(requests).first(count));
 }
 
 int run(FemHandle &h, const write_plan &plan) {

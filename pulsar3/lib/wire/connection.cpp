@@ -207,6 +207,10 @@ void pulsar3FemClose(std::unique_ptr<FemHandle> handle) {
     handle->m_valid = 0;
 }
 
+unique_fd plr3_connect(const in_addr &host, int port) {
+    return connect_to(host, port, clock::now() + fem_timeout);
+}
+
 int fem_ready(FemHandle &h, const char *function) {
     if (!h.m_valid && !connect_anew(h))
         return plr3_fail(fem_not_connected, "%s: Not connected to the FEM", function);

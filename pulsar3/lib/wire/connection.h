@@ -21,6 +21,9 @@ int fem_ready(FemHandle &h, const char *function);
 // Sends all of the parts, which it uses up. 0, or fem_send_failed with its text.
 int fem_send(FemHandle &h, std::span<iovec> parts, const char *function);
 
+// A connection to a port of a card's, within fem_timeout; none after a failure, with errno. ^C ends the wait.
+unique_fd plr3_connect(const in_addr &host, int port);
+
 // Closes the connection after a fault, so that the next access opens it anew; returns the status.
 int fem_give_up(FemHandle &h, int status);
 

@@ -133,16 +133,20 @@ int pulsar3FemRMW(FemHandle &h, int chan, int region, int offset, std::uint32_t 
     return modify(h, registers_of(h, chan, region, offset, 1), mask, value, result);
 }
 
-int pulsar3FemSetIntChans(FemHandle &h, int first_chan, int num_chan, int region, int offset,
-                          words_in values) {
+int pulsar3FemSetIntChans(FemHandle &h, int first_chan, int num_chan, int region, int offset, words_in values,
+                          std::span<int> statuses) {
     if (num_chan == 0)
         return 0;
+    if (!statuses.empty() && statuses.size() < static_cast<std::size_t>(std::max(num_chan, 0)))
+        return plr3_fail(plr3_failed, "No room for the statuses of %d channels", num_chan);
+    std::ranges::fill(statuses, 0);
     if (num_chan < 0 || num_chan > fem_max_chan || first_chan > fem_max_chan - num_chan)
         return plr3_fail(plr3_failed, "No such FEM registers: %d channels from %d", num_chan, first_chan);
     auto target = registers_of(h, first_chan, region, offset, values.size());
     if (target) {
         target->copies = static_cast<unsigned>(num_chan);
         target->copy_step = chan_bytes;
+        target->statuses = statuses.empty() ? nullptr : statuses.data();
     }
     return write_to(h, target, std::as_bytes(values));
 }

@@ -73,9 +73,10 @@ int pulsar3FemGetIntArray(FemHandle &h, int chan, int region, int offset, std::s
 int pulsar3FemRMW(FemHandle &h, int chan, int region, int offset, std::uint32_t mask, std::uint32_t value,
                   std::uint32_t &result);
 // The values to the same registers of each of these channels; generation 2 has up to max_posted_writes (at most 16)
-// writes under way at once. After a refusal the other writes of the same go may have been done.
+// writes under way at once. After a refusal the other writes of the same go may have been done. With room for a status
+// of each channel a refused one does not keep the others from being written, and the result is 0 if the card answered.
 int pulsar3FemSetIntChans(FemHandle &h, int first_chan, int num_chan, int region, int offset,
-                          std::span<const std::uint32_t> values);
+                          std::span<const std::uint32_t> values, std::span<int> statuses = {});
 
 // Generation-4 globals: words of the card's local bus.
 int pulsar3FemLocalWrite(FemHandle &h, int offset, std::span<const std::uint32_t> values);

@@ -1,4 +1,4 @@
-// sim/card: a mutex that serves its waiters in turn, so that a busy timing thread never starves the control link.
+// support: a mutex that serves its waiters in turn, so that a thread that takes it again and again starves nobody.
 #pragma once
 
 #include <atomic>
