@@ -112,14 +112,13 @@ std::optional<ke2410_reading> ke2410_read(turn &t) {
 }
 
 bool ke2410_may_unleash(turn &t) {
-    if (ke2410.has_limits())
-        return true;
     const std::optional<double> level = ke2410_level(t);
     if (!level)
         return false;
-    if (std::abs(*level) <= low_volts)
+    if (std::abs(*level) <= low_volts || (ke2410.has_limits() && ke2410.within_limits(*level)))
         return true;
-    say(t.who(), "! ERROR: The set point is %g V, please specify the software voltage limits first\n",
+    say(t.who(),
+        "! ERROR: The set point of %g V is not within the software voltage limits, nothing was changed\n",
         *level);
     return false;
 }

@@ -42,8 +42,8 @@ struct ke2410_reading {
 };
 std::optional<ke2410_reading> ke2410_read(turn &t); // measures
 
-// True when nothing can come out that the software limits do not know of: they are set, or the set point is low.
-// Protections and compliance are changed only then. False after a line.
+// True when the set point may come out: it is within the software limits, or low. Protections and compliance, behind
+// which another may be held back, are changed only then. False after a line.
 bool ke2410_may_unleash(turn &t);
 
 // Sets a voltage within the software limits, gently unless `at_once`: 0, or -1 after a line.

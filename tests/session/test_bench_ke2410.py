@@ -88,7 +88,8 @@ def test_config_never_resets_one_whose_level_is_unknown(client, script, answer):
         assert meter.sent() == [":SOUR:VOLT:LEV?", *RESET]
 
 
-MODE = [":SOUR:FUNC VOLT", ":SOUR:VOLT:MODE FIXED"]
+LOOK = ":SOUR:VOLT:LEV?"
+MODE = [LOOK, ":SOUR:FUNC VOLT", ":SOUR:VOLT:MODE FIXED"]
 OFF = [":SENS:CURR:PROT:RSYN OFF", ":SOUR1:CLE:AUTO OFF"]
 ROWS = [
     ("set-mode", [*MODE, *OFF]),
@@ -97,7 +98,7 @@ ROWS = [
     ("set-mode v 0-60.5 ui 25.0", [*MODE, ":SOUR:VOLT:PROT 60.5", ":SOUR:VOLT:RANG -60.5", ":SENS:CURR:PROT 2.5e-05",
                                    *OFF]),
     ("set-mode v 0-60.5 bipolar", [*MODE, ":SOUR:VOLT:PROT 60.5", ":SOUR:VOLT:RANG 60.5", *OFF]),
-    ("set-mode current", [":SOUR:FUNC CURRENT", ":SOUR:VOLT:MODE FIXED", *OFF]),
+    ("set-mode current", [LOOK, ":SOUR:FUNC CURRENT", ":SOUR:VOLT:MODE FIXED", *OFF]),
     *[(f"set-i-range {word}", [f":SENSE:CURR:RANG {value} "]) for word, value in [
         ("i1uA", "1e-6"), ("i10uA", "10e-6"), ("i100uA", "100e-6"), ("i1mA", "1e-3"), ("i20mA", "20e-3"),
         ("i100mA", "100e-3"), ("i1A", "1")]],
@@ -105,9 +106,9 @@ ROWS = [
     *[(f"set-v-range {word}", [f":SOUR:VOLT:RANG {value} "]) for word, value in [
         ("v200mV", "200e-3"), ("v2V", "2"), ("v20V", "20"), ("v1000V", "1000")]],
     ("set-v-range auto", [":SOUR:VOLT:RANG:AUTO 1 "]),
-    *[(f"set-src-v-limit v{volts}V", [f":SOUR:VOLT:PROT {volts} "]) for volts in (20, 40, 100, 200, 300, 400, 500)],
-    ("set-src-v-limit none", [":SOUR:VOLT:PROT NONE "]),
-    ("set 0.0001 i", [":SENS:CURR:PROT:LEV 0.0001 "]),
+    *[(f"set-src-v-limit v{volts}V", [LOOK, f":SOUR:VOLT:PROT {volts} "]) for volts in (20, 40, 100, 200, 300, 400, 500)],
+    ("set-src-v-limit none", [LOOK, ":SOUR:VOLT:PROT NONE "]),
+    ("set 0.0001 i", [LOOK, ":SENS:CURR:PROT:LEV 0.0001 "]),
     ("enable 1", [":OUTP:STAT?", ":SOUR:VOLT:LEV?", ":OUTP:STAT 1"]),
     ("enable 0", [":OUTP:STAT?", ":OUTP:STAT 0"]),
     ("set 0", [":OUTP:STAT?", ":SOUR:VOLT:LEV?", ":SOUR:VOLT:LEV 0"]),
@@ -180,11 +181,16 @@ def test_unchecked_words_never_raise_a_voltage_without_limits(client, script):
     meter = Meter(script, "50")
     client.cmd(f"ke2410 config {meter.peer.where}")
     meter.sent()
-    for line in ("set 51", "set 60 no-slew", "set-mode v 100.0", "set-mode auto-off", "set-src-v-limit none",
-                 "set 0.001 i"):
-        reply = client.lines("ke2410 " + line)
-        assert reply[-1] == "* -1" and "software voltage limits first" in reply[0], line
-    assert meter.sent() == [":SOUR:VOLT:LEV?"] * 4
+    for line in "set 51", "set 60 no-slew":
+        assert client.lines("ke2410 " + line) == [NO_LIMITS, "* -1"]
+    for limits in None, "40":  # none, and some that it is outside of
+        if limits:
+            client.cmd("ke2410 set-limit " + limits)
+        for line in "set-mode v 100.0", "set-mode auto-off", "set-src-v-limit none", "set 0.001 i":
+            assert client.lines("ke2410 " + line) == [
+                "! ERROR: The set point of 50 V is not within the software voltage limits, nothing was changed",
+                "* -1"], line
+    assert meter.sent() == [LOOK] * 8
     assert client.lines("ke2410 enable 1") == [
         "! ERROR: Attempting to step turn on HV supply while output fabs(setpoint) > 1.0. Setting HV to 0", "* 0"]
     assert meter.sent() == [":OUTP:STAT?", ":SOUR:VOLT:LEV?", ":SOUR:VOLT:LEV 0", ":OUTP:STAT 1"]
