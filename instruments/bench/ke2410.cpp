@@ -74,14 +74,28 @@ std::optional<double> ke2410_number(turn &t, const std::string &command) {
     return value;
 }
 
+// Steps are counted from the level, so an answer to an earlier question must not be taken for it: while there may be one
+// on its way, two answers must be the same.
 std::optional<double> ke2410_level(turn &t) {
     const std::optional<double> level = ke2410_number(t, ":SOUR:VOLT:LEV?");
-    if (level && std::abs(*level) > ke2410_volts_max) {
+    if (!level)
+        return std::nullopt;
+    if (std::abs(*level) > ke2410_volts_max) {
         say(t.who(), "! ERROR: Keithley 2410 reports a level of %g V, which it cannot have\n", *level);
         t.distrust();
         return std::nullopt;
     }
-    return level;
+    if (!t.doubtful())
+        return level;
+    const std::optional<double> again = ke2410_number(t, ":SOUR:VOLT:LEV?");
+    if (again && *again != *level) {
+        say(t.who(), "! ERROR: Keithley 2410 answers out of step, with a level of %g V and of %g V\n", *level,
+            *again);
+        t.distrust();
+        return std::nullopt;
+    }
+    t.trust();
+    return again;
 }
 
 std::optional<bool> ke2410_output_on(turn &t) {

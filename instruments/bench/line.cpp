@@ -60,7 +60,7 @@ void line_opened(line &l, connection &&link) {
     l.name = link.name;
     l.link = std::move(link);
     l.received.clear();
-    l.owed = false;
+    l.owed = l.doubtful = false;
     l.open = true;
 }
 

@@ -47,6 +47,7 @@ struct line {
     connection link{};
     std::string received{}; // behind the last line
     bool owed = false;      // an answer did not come in its time: it may still
+    bool doubtful = false;  // it did not come in the time after that either: it may be taken for another
 };
 
 // The line for one exchange or several that nothing may come between. It waits for another's measurement to end, at
@@ -71,6 +72,9 @@ class turn {
     // What came was no answer to what was asked; the answer may still come. It is waited for, shortly, before the next
     // command.
     void distrust() { line_.owed = true; }
+    // Whether answers may be those to earlier questions, until somebody found out that they are not.
+    bool doubtful() const { return line_.doubtful; }
+    void trust() { line_.doubtful = false; }
 
   private:
     bool take(std::unique_lock<std::mutex> &lock);

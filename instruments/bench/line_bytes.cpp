@@ -63,7 +63,8 @@ void turn::look() {
 // instrument that has gone since.
 answer turn::settle(int seen) {
     const auto last = steady::now() + late_answer; // of one that never falls silent, too
-    for (bool heard = false; !heard || steady::now() < last;) {
+    bool heard = false;
+    while (!heard || steady::now() < last) {
         const auto until = !line_.owed ? steady::now() : heard ? std::min(last, steady::now() + quiet) : last;
         const event e = wait(POLLIN, until, seen);
         if (e == event::stopped)
@@ -80,6 +81,7 @@ answer turn::settle(int seen) {
     if (line_.link.serial && line_.owed) // there may have been an XOFF in the noise
         restart_output(line_.link.fd.get());
     line_.received.clear();
+    line_.doubtful = (line_.doubtful || line_.owed) && !heard;
     line_.owed = false;
     return {};
 }

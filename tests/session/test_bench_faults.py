@@ -87,6 +87,29 @@ def test_an_answer_that_comes_late_is_not_taken_for_another(client, bench):
     assert client.lines("ke2410 get vs") == ["* 50"]
 
 
+def test_a_ramp_never_starts_from_an_answer_to_another_question(client, script):
+    """Answers come one question late: the output's state, 1, where the level, 50 V, was asked for."""
+    out_of_step = [b"", b"1\n", b"1\n", b"50\n"]
+
+    def answer(line):
+        if not line.endswith(b"?"):
+            return b""
+        if armed and out_of_step:
+            return out_of_step.pop(0)
+        return b"1\n" if line == b":OUTP:STAT?" else b"50\n"
+
+    armed = []
+    meter = script(answer)
+    assert client.lines(f"ke2410 config {meter.where}")[-1] == "* 0"
+    client.cmd("ke2410 set-limit 100")
+    armed.append(True)
+    assert fails_once(client.lines("ke2410 set 0"))
+    assert client.lines("ke2410 set 0") == [
+        "! ERROR: Keithley 2410 answers out of step, with a level of 1 V and of 50 V", "* -1"]
+    assert all(line.endswith(b"?\n") for line in meter.take())
+    assert client.lines("ke2410 set 49") == ["* 0"]
+
+
 @pytest.mark.parametrize("fault", ["garbage", "long", "cut", "split"])
 def test_nonsense_costs_the_command_only(client, bench, fault):
     for name, wire in WIRES:
