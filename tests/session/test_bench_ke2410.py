@@ -76,7 +76,8 @@ def test_config_never_resets_a_source_meter_that_drives(client, script, level):
     assert meter.sent() == [":SOUR:VOLT:LEV?"]
 
 
-@pytest.mark.parametrize("answer", [b"nan\n", b"\n", b"what?\n", b"1e5\n", b"9" * 5000 + b"\n", None])
+@pytest.mark.parametrize("answer", [b"nan\n", b"\n", b"what?\n", b"1e5\n", b"9" * 5000 + b"\n", None],
+                         ids=["nan", "empty", "text", "too much", "too long", "gone"])
 def test_config_never_resets_one_whose_level_is_unknown(client, script, answer):
     meter = Meter(script, special={":SOUR:VOLT:LEV?": answer})
     reply = client.lines(f"ke2410 config {meter.peer.where}")
@@ -85,7 +86,7 @@ def test_config_never_resets_one_whose_level_is_unknown(client, script, answer):
     if answer is not None:  # the connection stays, and config can be tried again
         meter.special.clear()
         assert client.lines(f"ke2410 config {meter.peer.where}")[-1] == "* 0"
-        assert meter.sent() == [":SOUR:VOLT:LEV?", *RESET]
+        assert meter.sent() == [LOOK, LOOK, *RESET]  # two answers must be the same now
 
 
 LOOK = ":SOUR:VOLT:LEV?"
