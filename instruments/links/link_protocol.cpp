@@ -236,6 +236,10 @@ cln_status cln_send(cln_link &link, std::string_view command) {
     return reported(link, send_line(link, std::string(command) + '\n'));
 }
 
+cln_status cln_send_more(cln_link &link, std::string_view text) {
+    return reported(link, send_line(link, std::string(text) + '\n'));
+}
+
 cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {
     char line[sv_line_max + 1];
     va_list args;

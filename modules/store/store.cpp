@@ -263,6 +263,11 @@ int datamod_remove(const char *name, const void *head) {
     return ::shm_unlink(object.c_str());
 }
 
+int datamod_free_name(const char *name) {
+    const std::string object = object_name(name);
+    return object.empty() ? -1 : ::shm_unlink(object.c_str());
+}
+
 datamod_counts datamod_count() {
     const std::lock_guard lock(img_mod_mutex);
     datamod_counts counts;
