@@ -1,6 +1,7 @@
 #include "app/hooks.h"
 
 #include "files/commands.h"
+#include "instruments/bench/commands.h"
 #include "instruments/links/clients.h"
 #include "modules/store/cut_guard.h"
 #include "parser/help.h"
@@ -55,6 +56,7 @@ void user_disconnect(int cn) {
     pulsar3_connection_lost(cn);
 }
 void user_exit() {
+    bench::bench_exit();
     pulsar3_exit();
 }
 

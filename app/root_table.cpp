@@ -1,7 +1,9 @@
 #include "app/root_table.h"
 
 #include "files/commands.h"
+#include "instruments/bench/commands.h"
 #include "instruments/links/commands.h"
+#include "instruments/timing/commands.h"
 #include "maths/commands.h"
 #include "modules/commands.h"
 #include "parser/builtins.h"
@@ -77,6 +79,10 @@ constinit const PARSE_TREE main_parse_tree[] = {
     pt_row(row_file),
     pt_row(links::row_remote_open),
     pt_subtree("imgd", links::imgd_tree, "prefix for Image Displayer functions"),
+    pt_subtree("ke2700", bench::ke2700_tree, "prefix for keithly2700 functions"),
+    pt_subtree("iseg", bench::iseg_tree, "prefix for ISEG-NHQ functions"),
+    pt_subtree("ke2410", bench::ke2410_tree, "prefix for Keithley 2410 functions"),
+    pt_row(row_kairo),
     pt_end(),
 };
 

@@ -1,12 +1,11 @@
 #include "files/file_index.h"
 
 #include "files/commands.h"
+#include "files/replace_file.h"
 #include "parser/qualifiers.h"
 #include "parser/variables.h"
-#include "server/file_lock.h"
 #include "server/include_level.h"
 #include "server/output.h"
-#include "server/wait.h"
 #include "support/fd.h"
 #include "support/file_io.h"
 
@@ -73,22 +72,11 @@ int read_index(const index_request &r, int &last) {
     return 0;
 }
 
-// Written aside and renamed: a crash leaves the old number or the new one.
 int write_index(const index_request &r, int number) {
     const std::string path = r.folder + "/" + index_file;
-    const std::string aside = path + ".new";
-    unique_fd fd = open_regular(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    bool good = fd && write_all(fd.get(), std::to_string(number) + "\n") && ::fsync(fd.get()) == 0;
-    good = good && ::close(fd.release()) == 0 && ::rename(aside.c_str(), path.c_str()) == 0;
-    if (!good) {
-        fault(r, path, "write index file");
-        ::unlink(aside.c_str());
-        return -1;
-    }
-    const unique_fd folder(::open(r.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder)
-        ::fsync(folder.get());
-    return 0;
+    if (replace_file(path, std::to_string(number) + "\n", 0666) == replace_step::none)
+        return 0;
+    return fault(r, path, "write index file");
 }
 
 // ---- the calling script
@@ -182,28 +170,6 @@ index_request index_asked(int quals, int cn, const char *folder, const char *com
     return r;
 }
 
-// Another server holds the lock for a few writes only; whoever holds it longer does not stop this one. 0, or
-// -1 after a message.
-int take_lock(const index_request &r, const std::string &path, int fd) {
-    constexpr double wait_s = 0.01;
-    for (int tries = 1000; tries > 0; --tries) {
-        struct flock whole {};
-        whole.l_type = F_WRLCK;
-        whole.l_whence = SEEK_SET;
-        if (::fcntl(fd, F_SETLK, &whole) == 0)
-            return 0;
-        const bool held = errno == EACCES || errno == EAGAIN;
-        if (!held)
-            return fault(r, path, "lock");
-        if (sv_sleep(r.cn, wait_s) != 0) {
-            errno = EINTR;
-            return fault(r, path, "lock");
-        }
-    }
-    errno = EBUSY;
-    return fault(r, path, "lock");
-}
-
 // With the lock held: the number, or -1 after a message.
 int draw(const index_request &r) {
     int number = 0;
@@ -223,20 +189,21 @@ int draw(const index_request &r) {
     return write_index(r, number) == 0 ? number : -1;
 }
 
+int draw_locked(const index_request &r) {
+    const std::string path = r.folder + "/" + index_lock;
+    lock_file lock;
+    if (lock.open(path) != 0)
+        return fault(r, path, "open lock file");
+    return lock.take(r.cn) == 0 ? draw(r) : fault(r, path, "lock");
+}
+
 int file_get_next_index(int quals, int cn, const char *folder, const char *comment1, const char *comment2) {
     const index_request r = index_asked(quals, cn, folder, comment1, comment2);
     if (r.suffix.find('/') != std::string::npos) {
         sv_printf(cn, "! ERROR: a file suffix cannot have a '/' in it\n");
         return -1;
     }
-    const std::string lock_path = r.folder + "/" + index_lock;
-    const unique_fd lock = open_regular(lock_path.c_str(), O_RDWR | O_CREAT, 0666);
-    if (!lock)
-        return fault(r, lock_path, "open lock file");
-    if (take_lock(r, lock_path, lock.get()) != 0)
-        return -1;
-    const int number = draw(r);
-    sv_release(cn, lock.get());
+    const int number = draw_locked(r);
     if (number < 0)
         return -1;
     const std::string file = r.folder + "/" + std::to_string(number) + r.suffix;

@@ -1,6 +1,7 @@
 // `module get-remote`: another server's module copied here, and the display told of modules that are new.
 #include "instruments/links/clients.h"
 #include "instruments/links/imgd.h"
+#include "instruments/links/remote_module.h"
 #include "modules/commands.h"
 #include "modules/store/result_module.h"
 #include "parser/qualifiers.h"
@@ -25,24 +26,13 @@ constexpr remote_quals::choice<int> remote_links[] = {
     {"adc-x", link_adcx}, {"adc-y", link_adcy},   {"lku-x", link_lux},   {"lku-y", link_luy},
     {"corr", link_corr},  {"motor", link_motors}, {"user1", link_user1}, {"user2", link_user2}};
 
-// About a handle over there, on the connection that it was opened on.
-int ask(int cn, int link, const char *question, int handle) {
-    return send_same_connection(cn, link, client_generation(link),
-                                std::string(question) + " " + std::to_string(handle));
-}
-
 int no_info(int cn) {
     sv_printf(cn, "! Error getting info on remote module\n");
     return -1;
 }
 
-int fetch_data(int cn, int link, int handle, int nx, int ny, mod_element element, std::byte *data) {
-    const std::string command = "read 0 0 0 " + std::to_string(nx) + " " + std::to_string(ny) + " 1 from " +
-                                std::to_string(handle) + " " + element_names[mod_handle_type_of(element)] +
-                                " intel";
-    const std::size_t bytes =
-        static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * mod_element_size(element);
-    if (clients_get_data(cn, link, client_generation(link), command, data, bytes) >= 0)
+int read_into(int cn, int link, const remote_module &remote, int nx, int ny, int type, std::byte *data) {
+    if (remote.read(nx, ny, type, data) == 0)
         return 0;
     if (connected_to(link))
         sv_printf(cn, "read returned error from client when transfering data\n");
@@ -52,10 +42,10 @@ int fetch_data(int cn, int link, int handle, int nx, int ny, mod_element element
 }
 
 // Everything between the remote open and the remote close.
-int fetch(int cn, int link, int handle, const char *local) {
-    const int nx = ask(cn, link, "unif-get-nx", handle);
-    const int ny = nx < 0 ? -1 : ask(cn, link, "unif-get-ny", handle);
-    const int type = ny < 0 ? -1 : ask(cn, link, "unif-get-type", handle);
+int fetch(int cn, int link, const remote_module &remote, const char *local) {
+    const int nx = remote.ask("unif-get-nx");
+    const int ny = nx < 0 ? -1 : remote.ask("unif-get-ny");
+    const int type = ny < 0 ? -1 : remote.ask("unif-get-type");
     if (type < 0)
         return no_info(cn);
     const auto element = mod_element_of_handle_type(type);
@@ -73,19 +63,10 @@ int fetch(int cn, int link, int handle, const char *local) {
         sv_printf(cn, "! Cannot link to data module, but I don't know why!\n");
         return -1;
     }
-    if (fetch_data(cn, link, handle, nx, ny, *element, view.data()) != 0)
+    if (read_into(cn, link, remote, nx, ny, type, view.data()) != 0)
         return -1;
     module.keep();
     return 0;
-}
-
-int close_remote(int cn, int link, int handle) {
-    if (!connected_to(link))
-        return -1; // the remote closed it with the connection
-    if (ask(cn, link, "module close", handle) >= 0)
-        return 0;
-    sv_printf(cn, "! close returned error\n");
-    return -1;
 }
 
 void show(int cn, const char *dimensions, const char *local) {
@@ -106,14 +87,13 @@ int module_get_remote(int quals, int cn, const char *remote, const char *local) 
         sv_printf(cn, "! Cannot display module as both 1D and 2D\n");
     if (!local)
         local = remote;
-    const int handle = send_wait(cn, *link, std::string("module open '") + remote + "' header");
-    if (handle < 0) {
+    remote_module there(cn, *link, remote);
+    if (!there) {
         sv_printf(cn, "! Cannot open handle to module\n");
         return -1;
     }
-    const unsigned long generation = client_generation(*link);
-    const int fetched = fetch(cn, *link, handle, local);
-    const int closed = client_generation(*link) == generation ? close_remote(cn, *link, handle) : -1;
+    const int fetched = fetch(cn, *link, there, local);
+    const int closed = there.close();
     if (fetched != 0 || closed != 0)
         return -1;
     module_announce(cn, local);

@@ -73,6 +73,9 @@ ftp_result failure(CURLcode code, const char *detail) {
     case CURLE_FTP_WEIRD_PASS_REPLY:
         result.failed = ftp_stage::login;
         break;
+    case CURLE_FTP_COULDNT_SET_TYPE:
+        result.failed = ftp_stage::type;
+        break;
     case CURLE_REMOTE_FILE_NOT_FOUND:
         result.failed = ftp_stage::missing;
         break;
@@ -169,9 +172,12 @@ std::size_t on_received(char *data, std::size_t size, std::size_t count, void *u
 
 } // namespace
 
-ftp_result ftp_get(const ftp_account &account, std::string_view path,
-                   const std::function<bool(std::span<const std::byte>)> &sink, const ftp_options &options) {
-    const std::string url = make_url(account, path);
+namespace {
+
+enum class getting { file, names };
+
+ftp_result get(const ftp_account &account, const std::string &url, getting what,
+               const std::function<bool(std::span<const std::byte>)> &sink, const ftp_options &options) {
     if (url.empty())
         return refused("Bad machine or file name");
     const easy_handle easy(start_library() ? curl_easy_init() : nullptr);
@@ -182,9 +188,57 @@ ftp_result ftp_get(const ftp_account &account, std::string_view path,
     set_common(easy.get(), account, url, talk);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, on_received);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &context);
+    curl_easy_setopt(easy.get(), CURLOPT_DIRLISTONLY, what == getting::names ? 1L : 0L);
     const CURLcode code = curl_easy_perform(easy.get());
     if (context.refused)
         return {ftp_stage::data, "Cannot store what was received"};
+    return failure(code, talk.error);
+}
+
+constexpr std::size_t listing_max = std::size_t{16} << 20; // bytes
+
+} // namespace
+
+ftp_result ftp_get(const ftp_account &account, std::string_view path,
+                   const std::function<bool(std::span<const std::byte>)> &sink, const ftp_options &options) {
+    return get(account, make_url(account, path), getting::file, sink, options);
+}
+
+ftp_result ftp_names(const ftp_account &account, std::string_view folder, std::vector<std::string> &names,
+                     const ftp_options &options) {
+    std::string listing;
+    const auto sink = [&listing](std::span<const std::byte> bytes) {
+        listing.append(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+        return listing.size() <= listing_max;
+    };
+    std::string url = make_url(account, std::string(folder) + "x"); // what stands in it is not looked at
+    url.resize(url.empty() ? 0 : url.size() - 1);
+    const ftp_result result = get(account, url, getting::names, sink, options);
+    for (std::size_t at = 0; at < listing.size();) {
+        const std::size_t end = std::min(listing.find_first_of("\r\n", at), listing.size());
+        if (end > at)
+            names.push_back(listing.substr(at, end - at));
+        at = end + 1;
+    }
+    return result;
+}
+
+ftp_result ftp_rename(const ftp_account &account, std::string_view from, std::string_view to,
+                      const ftp_options &options) {
+    const std::string url = make_url(account, from);
+    if (url.empty() || make_url(account, to).empty())
+        return refused("Bad machine or file name");
+    const easy_handle easy(start_library() ? curl_easy_init() : nullptr);
+    if (!easy)
+        return refused("Cannot start an FTP client");
+    dialogue talk{options};
+    set_common(easy.get(), account, url.substr(0, url.find('/', sizeof "ftp://") + 1), talk);
+    curl_slist *commands = curl_slist_append(nullptr, ("RNFR " + std::string(from)).c_str());
+    commands = curl_slist_append(commands, ("RNTO " + std::string(to)).c_str());
+    curl_easy_setopt(easy.get(), CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(easy.get(), CURLOPT_QUOTE, commands);
+    const CURLcode code = curl_easy_perform(easy.get());
+    curl_slist_free_all(commands);
     return failure(code, talk.error);
 }
 

@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -35,7 +36,7 @@ struct ftp_options {
 };
 
 // Where a transfer failed; the stages in which a user looks for the cause.
-enum class ftp_stage { none, open, login, missing, data };
+enum class ftp_stage { none, open, login, type, missing, data };
 
 struct [[nodiscard]] ftp_result {
     ftp_stage failed = ftp_stage::none;
@@ -51,6 +52,14 @@ ftp_result ftp_put(const ftp_account &account, std::string_view path, std::span<
 ftp_result ftp_get(const ftp_account &account, std::string_view path,
                    const std::function<bool(std::span<const std::byte>)> &sink,
                    const ftp_options &options = {});
+
+// The names of what is in a remote folder, which ends in "/"; empty is the login folder.
+ftp_result ftp_names(const ftp_account &account, std::string_view folder, std::vector<std::string> &names,
+                     const ftp_options &options = {});
+
+// Gives a remote file another name, which most servers take from any file that has it.
+ftp_result ftp_rename(const ftp_account &account, std::string_view from, std::string_view to,
+                      const ftp_options &options = {});
 
 // A put whose bytes come one after the other: begin, write ..., finish. `begin` logs in and finds the folder;
 // the file is touched by the first write, or by the end of an empty one. What is dropped unfinished after

@@ -255,16 +255,33 @@ int send_nowait(int cn, int link, const std::string &command) {
     return -1;
 }
 
-int send_string(int cn, int link, const std::string &text) {
-    return send_nowait(cn, link, text);
+// A line that the remote's command reads has no prompt before it. A prompt there means that the command has ended; what
+// was read of it stays for wait_for.
+line_sent send_string(int cn, int link, const std::string &text) {
+    const ownership owner(cn, link);
+    if (!client[link].connected || !fits_a_line(cn, text))
+        return line_sent::failed;
+    cln_status status = cln_status::ok;
+    if (cln_poll_reply(client[link].socket, status))
+        return line_sent::too_late;
+    if (status == cln_status::ok)
+        status = cln_send_more(client[link].socket, text);
+    if (status == cln_status::ok)
+        return line_sent::sent;
+    disconnect_from(cn, link);
+    return line_sent::failed;
 }
 
 int wait_for(int cn, int link) {
     const ownership owner(cn, link);
     if (client_connect(cn, link) != 0)
         return -1;
-    if (cln_wait_reply(client[link].socket) == cln_status::ok)
-        return cln_integer(client[link].socket.reader.result());
+    const reply_reader &reader = client[link].socket.reader;
+    const cln_status status = cln_wait_reply(client[link].socket);
+    if (status == cln_status::ok && !reader.ended_before())
+        return cln_integer(reader.result());
+    if (status == cln_status::ok)
+        sv_printf(cn, "! %s ended the command before it took all lines\n", clientconfig[link].name);
     disconnect_from(cn, link);
     return -1;
 }

@@ -70,10 +70,14 @@ class link_deadline {
 // integer result, or -1 when that connection is gone or the exchange failed.
 int send_same_connection(int cn, int link, unsigned long generation, const std::string &command);
 
-// Send without waiting (0 or -1), and collect the command's integer result later.
+// Send a command without waiting (0 or -1), send lines that it reads, and collect its integer result later.
 int send_nowait(int cn, int link, const std::string &command);
-int send_string(int cn, int link, const std::string &text);
 int wait_for(int cn, int link);
+
+// One more line for the command under way: sent; not sent, because its reply has ended and only wait_for is left; or -1
+// after the link failed.
+enum class line_sent { sent, too_late, failed };
+line_sent send_string(int cn, int link, const std::string &text);
 
 // Opens the link if it is not open: 0, or -1 after the "Can't connect" lines.
 int client_connect(int cn, int link);

@@ -4,18 +4,16 @@
 #include "server/outbox.h"
 #include "server/output.h"
 #include "server/session.h"
+#include "server/tcp_connect.h"
 #include "support/vanished_peer.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -29,22 +27,6 @@ namespace {
 // its last word when nothing follows for this long.
 constexpr int last_word_ms = 50;
 constexpr std::size_t receive_block = 65536;
-
-struct free_addresses {
-    void operator()(addrinfo *list) const { freeaddrinfo(list); }
-};
-using unique_addresses = std::unique_ptr<addrinfo, free_addresses>;
-
-// Numeric addresses and names of the hosts file cost nothing; the resolver's own time-outs bound the rest.
-unique_addresses find_host(const char *host, int port) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo *list = nullptr;
-    if (getaddrinfo(host, std::to_string(port).c_str(), &hints, &list) != 0)
-        return {};
-    return unique_addresses(list);
-}
 
 void set_options(int fd) {
     const int on = 1;
@@ -66,24 +48,8 @@ int connect_to(cln_link &link, const sockaddr *address, socklen_t length) {
     unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd)
         return errno;
-    if (::connect(fd.get(), address, length) != 0) {
-        if (errno != EINPROGRESS && errno != EINTR) // an interrupted one goes on by itself
-            return errno;
-        switch (sv_wait_fd(fd.get(), POLLOUT, patience_of(link, cln_patience_ms))) {
-        case wait_result::timeout:
-            return ETIMEDOUT;
-        case wait_result::interrupted:
-            return EINTR;
-        case wait_result::ready:
-            break;
-        }
-        int error = 0;
-        socklen_t size = sizeof error;
-        if (getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
-            return errno;
-        if (error != 0)
-            return error;
-    }
+    if (const int error = sv_tcp_connect(fd.get(), address, length, patience_of(link, cln_patience_ms)))
+        return error;
     set_options(fd.get());
     link.socket = std::move(fd);
     return 0;
@@ -215,7 +181,7 @@ int cln_connect(cln_link &link, const char *host, int port) {
     int error = EHOSTUNREACH;
     if (std::string_view(host) == cln_no_host)
         return error;
-    const unique_addresses list = find_host(host, port);
+    const unique_addresses list = sv_find_host(host, port);
     for (const addrinfo *a = list.get(); a; a = a->ai_next)
         if ((error = connect_to(link, a->ai_addr, a->ai_addrlen)) == 0)
             return 0;
@@ -268,6 +234,10 @@ cln_status send_line(cln_link &link, std::string_view line) {
 cln_status cln_send(cln_link &link, std::string_view command) {
     link.reader.reset();
     return reported(link, send_line(link, std::string(command) + '\n'));
+}
+
+cln_status cln_send_more(cln_link &link, std::string_view text) {
+    return reported(link, send_line(link, std::string(text) + '\n'));
 }
 
 cln_status cln_cmd_printf(cln_link &link, const char *format, ...) {

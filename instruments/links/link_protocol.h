@@ -49,6 +49,8 @@ cln_status cln_wait_prompt(cln_link &link);
 
 // Sends one command line.
 cln_status cln_send(cln_link &link, std::string_view command);
+// Sends a line that the command under way reads.
+cln_status cln_send_more(cln_link &link, std::string_view text);
 cln_status cln_cmd_printf(cln_link &link, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // Waits for the end of a command's reply; its result is then link.reader.result().

@@ -87,7 +87,7 @@ void reply_reader::reset() {
     searched_ = 0;
     held_.clear();
     result_ = std::monostate{};
-    after_result_ = false;
+    after_result_ = ended_before_ = false;
     in_reply_ = true;
     at_prompt_ = false;
 }
@@ -155,6 +155,8 @@ reply_event reply_reader::classify(std::string_view line) {
 reply_event reply_reader::take_line(std::string_view line) {
     after_result_ = false;
     result_ = std::monostate{};
+    if (line.starts_with(prompt) && line.substr(prompt.size()).starts_with(result_mark))
+        ended_before_ = true;
     // What the remote's threads print between two commands comes behind its prompt.
     if (line.size() > prompt.size() && line.starts_with(prompt) &&
         std::string_view("#!@~").find(line[prompt.size()]) != std::string_view::npos) {

@@ -56,6 +56,10 @@ class reply_reader {
     // A prompt that follows a result line: no text of the remote's looks so.
     bool certain() const { return after_result_; }
 
+    // Since the exchange began a result was seen behind a prompt: an earlier one has ended the reply, and lines that were
+    // sent for the command were taken for commands.
+    bool ended_before() const { return ended_before_; }
+
     // Begins a new exchange: forgets the result.
     void reset();
     // Forgets everything, for a new connection.
@@ -77,6 +81,7 @@ class reply_reader {
     remote_progress progress_;
     remote_result result_;
     bool after_result_ = false;
+    bool ended_before_ = false;
     bool in_reply_ = false;  // since reset(), no prompt yet
     bool at_prompt_ = false; // and has said something since, without another prompt
     bool in_pieces_ = false; // what comes up to the next line end continues a long line

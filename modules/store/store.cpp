@@ -263,11 +263,9 @@ int datamod_remove(const char *name, const void *head) {
     return ::shm_unlink(object.c_str());
 }
 
-bool datamod_remove_empty(const char *name) {
+int datamod_free_name(const char *name) {
     const std::string object = object_name(name);
-    struct stat status {};
-    return !object.empty() && ::stat(("/dev/shm" + object).c_str(), &status) == 0 && status.st_size == 0 &&
-           ::shm_unlink(object.c_str()) == 0;
+    return object.empty() ? -1 : ::shm_unlink(object.c_str());
 }
 
 datamod_counts datamod_count() {

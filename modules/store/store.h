@@ -2,7 +2,8 @@
 //
 // Uses server/ for messages only (none here: store-level failures go to standard error). Every operation
 // takes img_mod_mutex and may be called from any thread; what lies in the mappings is locked by nobody.
-// Only a new object that its maker could not fill is removed again (datamod_remove).
+// Removed are a new object that its maker could not fill (datamod_remove), and one that another takes the place of
+// (datamod_free_name).
 #pragma once
 
 #include <cstddef>
@@ -53,8 +54,9 @@ bool datamod_is_whole(const void *head);
 // when the name belongs to another object by now).
 int datamod_remove(const char *name, const void *head);
 
-// Removes the object called `name` where it is empty, as nothing is that holds a module. True when it did.
-bool datamod_remove_empty(const char *name);
+// Takes the name away from whatever object has it, so that another can be made; who has the old one mapped keeps it.
+// 0, or -1 with errno set.
+int datamod_free_name(const char *name);
 
 // How many mappings and links are held; for the tests that look for leaks.
 struct datamod_counts {

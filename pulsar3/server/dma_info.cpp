@@ -1,5 +1,6 @@
 // `pulsar3 dma`: what a card is and how it feels: revision, features, temperatures, its configuration store.
 #include "parser/qualifiers.h"
+#include "pulsar3/lib/config/config.h"
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/registers/bits.h"
 #include "pulsar3/server/commands.h"
@@ -125,6 +126,21 @@ int pulsar3_dma_set_fem_config(int, int cn, int path, int card, int address, int
     return pulsar3_status(cn, pulsar3FemConfigWrite(*fem, static_cast<std::uint32_t>(address), {&word, 1}));
 }
 
+// ---- receive buffers
+
+constexpr pt_format set_udp_buffers_format("%d %d %d = %d");
+
+// The result is the least that the system gives.
+int pulsar3_dma_set_udp_buffers(int, int cn, int path, int card, int bytes) {
+    return pulsar3_status(cn, plr3_set_udp_buffer_size(path, card, bytes));
+}
+
+constexpr pt_format get_udp_buffers_format("%d %d = %d");
+
+int pulsar3_dma_get_udp_buffers(int, int cn, int path, int card) {
+    return pulsar3_status(cn, plr3_get_udp_buffer_size(path, card));
+}
+
 } // namespace
 
 extern constinit const PARSE_TREE row_pulsar3_dma_get_revision = pt_command<pulsar3_dma_get_revision>(
@@ -150,5 +166,13 @@ extern constinit const PARSE_TREE row_pulsar3_dma_read_fem_config = pt_command<p
 extern constinit const PARSE_TREE row_pulsar3_dma_set_fem_config = pt_command<pulsar3_dma_set_fem_config>(
     "set-fem-config", set_fem_config_format, "Write a word of a card's configuration store",
     "Path/Card/Address/Value");
+
+extern constinit const PARSE_TREE row_pulsar3_dma_set_udp_buffers = pt_command<pulsar3_dma_set_udp_buffers>(
+    "set-udp-buffers", set_udp_buffers_format, "Set the receive buffers of the data link",
+    "Path/Card, -1 for all/Bytes a socket");
+
+extern constinit const PARSE_TREE row_pulsar3_dma_get_udp_buffers = pt_command<pulsar3_dma_get_udp_buffers>(
+    "get-udp-buffers", get_udp_buffers_format, "Get the least receive buffer of the data link",
+    "Path/Card, -1 for all");
 
 } // namespace kestrel

@@ -17,7 +17,8 @@ extern const PARSE_TREE row_pulsar3_dtc_energy, row_pulsar3_dtc_set_params, row_
 extern const PARSE_TREE row_pulsar3_dma_read_glob_reg, row_pulsar3_dma_write_glob_reg,
     row_pulsar3_dma_read_chan_reg, row_pulsar3_dma_read_adc_temp, row_pulsar3_dma_read_mid_plane_temp,
     row_pulsar3_dma_read_fpga_temp, row_pulsar3_dma_read_fem_config, row_pulsar3_dma_set_fem_config,
-    row_pulsar3_dma_get_revision, row_pulsar3_dma_get_features, row_pulsar3_dma_write_chan_reg;
+    row_pulsar3_dma_get_revision, row_pulsar3_dma_get_features, row_pulsar3_dma_write_chan_reg,
+    row_pulsar3_dma_set_udp_buffers, row_pulsar3_dma_get_udp_buffers;
 
 namespace {
 
@@ -40,6 +41,7 @@ constinit const PARSE_TREE dma_table[] = {
     pt_row(row_pulsar3_dma_read_mid_plane_temp), pt_row(row_pulsar3_dma_read_fpga_temp),
     pt_row(row_pulsar3_dma_read_fem_config),     pt_row(row_pulsar3_dma_set_fem_config),
     pt_row(row_pulsar3_dma_get_revision),        pt_row(row_pulsar3_dma_get_features),
+    pt_row(row_pulsar3_dma_set_udp_buffers),     pt_row(row_pulsar3_dma_get_udp_buffers),
     pt_row(row_pulsar3_dma_write_chan_reg),      pt_end(),
 };
 

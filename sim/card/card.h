@@ -114,6 +114,7 @@ struct card_system {
     double scope_gigabits = 4.0; // a second of scope data, which one thread has to take
     double speed = 1.0;          // seconds of a card in a second of this machine
     int base_port = 30123;
+    int gate_port = 0; // where a timing unit may connect; 0: nowhere
     std::array<int, 4> base{127, 0, 0, 1};
 };
 

@@ -7,6 +7,7 @@
 #include "server/hooks.h"
 #include "sim/card/commands.h"
 #include "sim/card/control.h"
+#include "sim/card/gate_link.h"
 #include "sim/card/options.h"
 #include "sim/card/timing.h"
 
@@ -49,7 +50,9 @@ void start(int argc, char **argv) {
     sigfillset(&all);
     ::pthread_sigmask(SIG_BLOCK, &all, &before);
     std::string why;
-    if (!control_start(why)) {
+    const bool gated = gate_link_start(cards.gate_port, why);
+    if (!gated || !control_start(why)) {
+        gate_link_stop();
         std::fprintf(stderr, "%s: %s\n", argv[0], why.c_str());
         std::exit(1);
     }
@@ -74,6 +77,7 @@ int main(int argc, char **argv) {
     sv_hooks.complete = user_sv_ln_completion;
     sv_hooks.user_main = start;
     const int status = sv_main(argc + 1, given.data());
+    gate_link_stop();
     timing_stop();
     control_stop();
     return status;

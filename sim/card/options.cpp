@@ -84,6 +84,8 @@ constexpr option options[] = {
      [](std::string_view t) { return number(t, 1, 65000, cards.base_port); }},
     {"-text", "n", "port for commands (base port + 100); 0: this terminal",
      [](std::string_view t) { return number(t, 0, 65535, wish.text); }},
+    {"-gate", "n", "port of 127.0.0.1 for a timing unit (none)",
+     [](std::string_view t) { return number(t, 1, 65535, cards.gate_port); }},
     {"-kind", "name", "3, 3v7, 3mini or 4 (3v7)",
      [](std::string_view t) { return (wish.kind = card_find_kind(t)) != nullptr; }},
     {"-generation", "n", "protocol, 1 or 2 (3 and 3v7: 1, others always 2)",

@@ -236,8 +236,10 @@ void timing_next_frame() {
         if (source_of(*c) != timing_unit || !c->run.in_frame)
             continue;
         end_frame(*c, c->run.ticks + (c->run.counting ? ticks_between(c->run.since, now) : 0));
-        begin_frame(*c);
-        c->run.since = now;
+        if (c->run.counting) { // else the next one begins when the gate opens
+            begin_frame(*c);
+            c->run.since = now;
+        }
         put_status(*c);
     }
 }

@@ -363,7 +363,7 @@ TEST(udp, opening_says_what_is_wrong) {
     EXPECT_STREQ(plr3_get_error_message(), "Error connecting udp socket (errno 13)");
     c.recvBuf = 100;
     EXPECT_EQ(plr3_udp_init(c, "127.0.0.1", 0, "127.0.0.1", 1), plr3_failed);
-    EXPECT_STREQ(plr3_get_error_message(), "Error UDP socket RCVBUF size 0x900 is too small");
+    EXPECT_STREQ(plr3_get_error_message(), "Error UDP socket RCVBUF size 0x480 is too small");
     EXPECT_EQ(plr3_udp_init(c, "127.0.0.1", 70000, "127.0.0.1", 1), plr3_failed);
     EXPECT_FALSE(c.socket);
     c.recvBuf = 0;

@@ -79,6 +79,36 @@ def small_disk(tmp_path):
 
 
 @pytest.fixture
+def play(tmp_path):
+    """play(*options) -> a running simulator of bench instruments."""
+    import bench
+    running = []
+
+    def begin(*options):
+        running.append(bench.Bench(tmp_path / f"bench{len(running)}", *options))
+        return running[-1]
+
+    yield begin
+    for program in running:
+        program.close()
+
+
+@pytest.fixture
+def script():
+    """script(answer) -> an instrument over TCP that answers each command by the function."""
+    import bench
+    running = []
+
+    def begin(answer):
+        running.append(bench.Scripted(answer))
+        return running[-1]
+
+    yield begin
+    for instrument in running:
+        instrument.close()
+
+
+@pytest.fixture
 def still(server, client):
     """After the test the server holds no more descriptors and mappings than before it, and answers."""
     kestrel_data.do(client, "test open 2 2 1 byte")  # libraries keep what they open once

@@ -2,7 +2,9 @@
 
 A shown session is a block of "> command" lines, each with its reply. In a Markdown file it is a block fenced as
 ```session, and ```script NAME is a file that it uses; a file's blocks are one session. ```program build/NAME OPTIONS is a
-program that runs meanwhile. Progress lines ("@") are the clock's and may be missing. In examples/, NAME.out is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
+program that runs meanwhile; the ports that its options name stand for free ones, there and behind it, but for the base
+port of cards. Progress lines ("@") are the clock's and may be missing. A session may include the scripts of examples/.
+In examples/, NAME.out is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
 """
 import pathlib
 import re
@@ -23,9 +25,26 @@ class Simulator(Server):
 
     def __init__(self, scratch, *options, program):
         self.clients = []
-        self.port = free_port()
-        Process.__init__(self, scratch, *options, f"-text={self.port}", program=pathlib.Path(KESTREL).parent / program)
-        assert self.listens()
+        own = "-text=" if program == "sim_card" else "-port="
+        if not any(option.startswith(own) for option in options):
+            options = *options, own + str(free_port())
+        self.port = int(next(option for option in options if option.startswith(own))[len(own):])
+        Process.__init__(self, scratch, *options, program=pathlib.Path(KESTREL).parent / program)
+        assert self.listens(), self.stderr
+
+
+def free_ports(program, ports):
+    """The program's line with the ports that it names as `ports` has them; new ones are added there."""
+    names = "text|gate" if program.startswith("sim_card") else "port|gate"
+    for port in re.findall(rf"-(?:{names})=(\d+)", program):
+        ports.setdefault(port, str(free_port()))
+    return replace_ports(program, ports)
+
+
+def replace_ports(text, ports):
+    for shown, real in ports.items():
+        text = re.sub(rf"\b{shown}\b", real, text)
+    return text
 
 
 def check(client, text):
@@ -39,28 +58,34 @@ def check(client, text):
 @pytest.fixture(autouse=True)
 def no_modules():
     yield
-    for module in [*pathlib.Path("/dev/shm").glob("doc_*"), *pathlib.Path("/dev/shm").glob("plr3_*")]:
-        module.unlink()
+    for pattern in ("doc_*", "plr3_*", "kairo_times"):
+        for module in pathlib.Path("/dev/shm").glob(pattern):
+            module.unlink()
+
+
+def with_examples(start):
+    return start(prepare=lambda cwd: [shutil.copy(script, cwd) for script in (ROOT / "examples").glob("*.cmd")])
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
-def test_sessions_in_documents(server, start, path):
-    client = server.client()
+def test_sessions_in_documents(start, path):
+    server = with_examples(start)
+    client, ports = server.client(), {}
     blocks = re.findall(r"^```(session|script (\S+)|program build/(.*?))\n(.*?)^```$", path.read_text(), re.M | re.S)
     assert blocks
     for _, script, program, text in blocks:
         if script:
             server.write(script, text)
         elif program:
-            start(*program.split()[1:], kind=Simulator, program=program.split()[0])
+            name, *options = free_ports(program, ports).split()
+            start(*options, kind=Simulator, program=name)
         else:
-            check(client, text)
+            check(client, replace_ports(text, ports))
 
 
 @pytest.mark.parametrize("path", SESSIONS, ids=lambda path: path.name)
 def test_sessions_with_the_examples(start, path):
-    server = start(prepare=lambda cwd: [shutil.copy(script, cwd) for script in path.parent.glob("*.cmd")])
-    check(server.client(), path.read_text())
+    check(with_examples(start).client(), path.read_text())
 
 
 @pytest.mark.parametrize("path", TYPED, ids=lambda path: path.name)

@@ -10,6 +10,7 @@ import time
 import kestrel_data
 import kestrel_session
 import pytest
+from kairo_peer import KairoPeer
 from kestrel_data import do
 from kestrel_session import Client, Telnet, wait_until
 
@@ -84,6 +85,8 @@ LINES = {
     "module load": ["module load 'rows' 'M' open-quals 'ascii'"],
     "file open": ["file open 'rows' ascii", "close-all"],
     "next index": ["file get-next-index 'N_folder'"],
+    "kiln header": ["file write-kiln-header 'N_folder' 5 'a comment that is not short' saxs-x 8 first 'A' var 'v'"],
+    "kiln query": ["file write-kiln-header 'N_folder' 0 first 'A' query"],
     "read to nobody": ["read 0 0 0 8 6 1 from HANDLE"],
     "read to a file": ["read 0 0 0 8 6 1 from HANDLE float motorola to-local-file 'out_N'"],
     "read as rows": ["read 0 0 0 8 6 1 from HANDLE to-local-file 'out_N'"],
@@ -189,12 +192,13 @@ class Attempt:
         return self.memory.failures() > self.before
 
 
-def each_failure(memory, action):
-    """Calls action(attempt) with each allocation failing in turn, until none does any more; says how many did.
+def each_failure(memory, action, step=1):
+    """Calls action(attempt) with each allocation (or one in `step`) failing in turn, until none does any more; says how
+    many did.
 
     The first call has all the memory: a command's format is compiled then, and none for that ends the server."""
     action(Attempt(memory, 0))
-    for number in range(1, 1000):
+    for number in range(1, 1000, step):
         attempt = Attempt(memory, number)
         action(attempt)
         if not attempt.failed():
@@ -315,3 +319,28 @@ def test_logs_without_memory(start, memory, tmp_path):
         assert other.lines("1+1")[-1] == "* 2"
 
     assert each_failure(memory, action) >= 5
+
+
+@pytest.mark.parametrize("line", ["config 'x' remote kairo2 max-frames 4", "setup-groups file 'groups'"])
+def test_the_timing_unit_without_memory(server, memory, line):
+    """The link may be closed, but the next command opens it, and the frame times are whole. Every sixth allocation
+    fails: a link that fails is tried again a second later."""
+    times = [[1.0, 2.0, 3.0]] * 4
+    peer = KairoPeer(times=times, num_tf=3, answers={"kairo read": '* "a longer text that needs memory of its own"'})
+    server.write("groups", "3 1 2 0 0 0 0\n-1\n")
+    client, other = server.client(), server.client()
+    do(client, f"kairo config 'x' remote server '127.0.0.1' port {peer.port}")
+
+    def action(attempt):
+        with attempt:
+            reply = client.lines("kairo " + line)
+        assert reply[-1] not in ("* -1", "* (null)") or attempt.failed() and any("!" in text for text in reply), reply
+        assert client.lines("kairo init")[-1] == "* 0" and other.lines("1+1") == ["* 2"]
+        assert not os.path.exists("/dev/shm/kairo_times") or kestrel_data.Module("kairo_times").data.shape[1] == 3
+
+    try:
+        assert each_failure(memory, action, step=6) >= 10
+    finally:
+        peer.stop()
+        if os.path.exists("/dev/shm/kairo_times"):
+            os.unlink("/dev/shm/kairo_times")

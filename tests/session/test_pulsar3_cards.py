@@ -2,6 +2,7 @@
 import pathlib
 import socket
 import sys
+import time
 
 import pytest
 from kestrel_data import do, held, result
@@ -174,3 +175,39 @@ def test_a_refused_channel_does_not_keep_the_others_from_being_written(client, p
     assert client.lines("pulsar3 set-good-thres 0 -1 78") == [
         "! ERROR plr3_write_reg: at offset 0x1a array of values: returns -5", "* -5"]
     assert [sim.do(f"card get-register 0 {chan} 0 26") for chan in range(4)] == [78, 78, 78, 77]
+
+
+def test_receive_buffers_are_set_card_by_card(client, play):
+    sim = play("-cards=2", "-chans=2", "-kind=4")
+    do(client, f"pulsar3 config 2 4 0 baseIP '{sim.net}1'")
+    given = do(client, "pulsar3 dma set-udp-buffers 0 1 100000")
+    assert given == do(client, "pulsar3 dma get-udp-buffers 0 1") == 100000
+    assert do(client, "pulsar3 dma get-udp-buffers 0 0") > 100000
+    assert do(client, "pulsar3 dma get-udp-buffers 0 -1") == 100000
+    for bad in ("0 1 8999", "0 2 100000", "5 0 100000"):
+        assert client.lines(f"pulsar3 dma set-udp-buffers {bad}")[0].startswith("! ERROR plr3_set_udp_buffer_size: ")
+
+
+def test_an_interrupt_ends_a_configuration_between_cards(server, client, play):
+    sim = play("-cards=3", "-kind=4")
+    warm = held(server)
+    sim.do("control fault 1 drop times -1")
+    client.send(f"pulsar3 config 3 4 0 baseIP '{sim.net}1'\n")
+    time.sleep(0.5)
+    begun = time.monotonic()
+    server.interrupt()
+    client.recv_match(rb"! ERROR [^\n]*\r?\n\* -\d\r?\n")
+    assert time.monotonic() - begun < 7
+    assert held(server) == warm and not list(pathlib.Path("/dev/shm").glob("plr3_*"))
+
+
+def test_a_foreign_module_of_the_scopes_name_is_left_alone(client, play, names):
+    sim = play("-kind=4")
+    name = names("scope")
+    do(client, f"module create '{name}' 100 3 header")
+    before = pathlib.Path(f"/dev/shm/{name}").stat()
+    value, lines = result(client, f"pulsar3 config 1 4 0 baseIP '{sim.net}1' modname '{name}'")
+    assert value < 0 and lines[-1].startswith("! ERROR "), lines
+    after = pathlib.Path(f"/dev/shm/{name}").stat()
+    assert (before.st_ino, before.st_size) == (after.st_ino, after.st_size)
+    assert not list(pathlib.Path("/dev/shm").glob("plr3_*"))

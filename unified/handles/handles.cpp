@@ -195,6 +195,7 @@ std::optional<unified_info> unified_info_of(int handle) {
                         .knows_range = source.iminmax != nullptr || source.dminmax != nullptr,
                         .shows_elements = source.place != nullptr,
                         .reads_gel = source.readgel != nullptr,
+                        .is_switched = source.enable != nullptr && source.disable != nullptr,
                         .details = entry->details};
 }
 

@@ -70,6 +70,7 @@ struct unified_info {
     bool knows_range = false;          // the source can tell its least and greatest element
     bool shows_elements = false;       // may let them be looked at where they lie
     bool reads_gel = false;            // has 16-bit elements for GEL files
+    bool is_switched = false;          // can be enabled and disabled
     unified_details details = nullptr; // fills in header details for the detector image form, given the path
 };
 

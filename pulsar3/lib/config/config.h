@@ -33,6 +33,11 @@ int plr3_config_init(const plr3_request &request);
 // Real cards, first initialisation, the cards' own readout mode.
 int plr3_config(plr3_request request);
 
+// The receive buffers of a card's sockets, all cards' with -1: the least that the system gives; now, the least there is.
+// Or a negative status.
+int plr3_set_udp_buffer_size(int path, int card, int bytes);
+int plr3_get_udp_buffer_size(int path, int card);
+
 // Closes a path and, of a node, its cards, and forgets every saved configuration. A path that is closed already is 0;
 // a card that a node uses is refused.
 int plr3_close(int path);

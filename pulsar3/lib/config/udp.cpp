@@ -5,6 +5,8 @@
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/wire/resolve.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <sched.h>
 #include <vector>
@@ -104,15 +106,15 @@ int set_up_readout(PLR3Path &card, const card_addresses &addresses, const config
     return plr3_readout_start(r);
 }
 
-// One line for all sockets; the kernel tells twice the size that counts.
+// One line for all sockets.
 void tell_small_buffers(int path) {
     const PLR3Path &top = *plr3_path(path);
     const PLR3Path &first = *plr3_path(plr3_leaf(top, path, 0));
     const Histogram &h = *first.histogram.front();
-    if (h.udpsock.socket && h.udpsock.recvBuf / 2 < hist_socket_buffer)
+    if (h.udpsock.socket && h.udpsock.recvBuf < hist_socket_buffer)
         plr3_message(top.message_to,
                      "Receive buffers have %d bytes of %d, raise the sysctl net.core.rmem_max against loss\n",
-                     h.udpsock.recvBuf / 2, hist_socket_buffer);
+                     h.udpsock.recvBuf, hist_socket_buffer);
 }
 
 } // namespace
@@ -138,6 +140,43 @@ int plr3_config_udp(int path, int card, const card_addresses &addresses, int car
         return plr3_fail(rc, "plr3_config_udp: pulsar3FemConfigUDP : '%s' returned %d",
                          plr3_get_error_message(), rc);
     return set_gap(*leaf.femHandle);
+}
+
+namespace {
+
+// size(descriptor) of each socket of the cards that are meant: the least.
+template <class F> int least_buffer(const char *function, int path, int card, F size) {
+    const PLR3Path *top = plr3_path(path);
+    if (!top)
+        return plr3_fail(plr3_invalid_path, "%s: invalid path %d", function, path);
+    if (card < -1 || card >= top->num_cards)
+        return plr3_fail(plr3_illegal_card, "%s: illegal card specified (%d)", function, card);
+    int least = INT_MAX;
+    for (int one = std::max(card, 0); one < (card < 0 ? top->num_cards : card + 1); ++one) {
+        PLR3Path &leaf = *plr3_path(plr3_leaf(*top, path, one));
+        if (!leaf.udpsock.socket)
+            return plr3_fail(plr3_failed, "%s: card %d of path %d has no data link", function, one, path);
+        least = std::min(least, size(leaf.udpsock));
+        for (int chan = 0; chan < leaf.chans_per_card; ++chan)
+            least = std::min(least, size(leaf.histogram[static_cast<std::size_t>(chan)]->udpsock));
+    }
+    return least;
+}
+
+} // namespace
+
+int plr3_set_udp_buffer_size(int path, int card, int bytes) {
+    if (bytes < udp_packet_max)
+        return plr3_fail(plr3_out_of_range, "plr3_set_udp_buffer_size: %d bytes do not hold a packet of %d",
+                         bytes, udp_packet_max);
+    return least_buffer("plr3_set_udp_buffer_size", path, card, [bytes](UDPconnection &c) {
+        return c.recvBuf = plr3_udp_set_buffer(c.socket.get(), bytes);
+    });
+}
+
+int plr3_get_udp_buffer_size(int path, int card) {
+    return least_buffer("plr3_get_udp_buffer_size", path, card,
+                        [](UDPconnection &c) { return plr3_udp_get_buffer(c.socket.get()); });
 }
 
 int plr3_set_up_data_link(int path, const config_plan &plan) {

@@ -25,15 +25,6 @@ int end_point(const char *name, int port, sockaddr_in &address) {
     return 0;
 }
 
-// What the system gives for the asked size, past its usual limit where we may; -1 when it says nothing.
-int set_receive_buffer(int fd, int wanted) {
-    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0)
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-    int given = -1;
-    socklen_t size = sizeof given;
-    return ::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &given, &size) == 0 ? given : -1;
-}
-
 bool set_options(int fd, int tos) {
     const timeval wait{0, std::chrono::microseconds(udp_wait).count()};
     return ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) == 0 &&
@@ -46,7 +37,7 @@ int open_socket(UDPconnection &c, const sockaddr_in &host, const sockaddr_in &ca
     unique_fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd || !set_options(fd.get(), c.tos))
         return plr3_fail(plr3_failed, "Error creating udp socket (errno %d)", errno);
-    c.recvBuf = set_receive_buffer(fd.get(), c.recvBuf > 0 ? c.recvBuf : udp_default_buffer);
+    c.recvBuf = plr3_udp_set_buffer(fd.get(), c.recvBuf > 0 ? c.recvBuf : udp_default_buffer);
     if (c.recvBuf < c.packetSize)
         return plr3_fail(plr3_failed, "Error UDP socket RCVBUF size 0x%x is too small",
                          static_cast<unsigned>(c.recvBuf));
@@ -59,6 +50,19 @@ int open_socket(UDPconnection &c, const sockaddr_in &host, const sockaddr_in &ca
 }
 
 } // namespace
+
+// The kernel tells twice what it was asked for: its own records take the other half.
+int plr3_udp_get_buffer(int fd) {
+    int given = -1;
+    socklen_t size = sizeof given;
+    return ::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &given, &size) == 0 ? given / 2 : -1;
+}
+
+int plr3_udp_set_buffer(int fd, int wanted) {
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &wanted, sizeof wanted) != 0)
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+    return plr3_udp_get_buffer(fd);
+}
 
 int plr3_udp_init(UDPconnection &connection, const char *host_address, int host_port,
                   const char *card_address, int card_port) {

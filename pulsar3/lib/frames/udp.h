@@ -35,6 +35,11 @@ struct UDPconnection {
 int plr3_udp_init(UDPconnection &connection, const char *host_address, int host_port,
                   const char *card_address, int card_port);
 
+// The socket's buffer, in bytes that count: what the system gave for the asked size (past its usual limit where we may),
+// what it is now, or -1.
+int plr3_udp_set_buffer(int fd, int wanted);
+int plr3_udp_get_buffer(int fd);
+
 // One packet into the parts: its size, which is more than theirs when it did not fit, or -1 with errno: EAGAIN after
 // udp_wait. That nobody listened at the card's port is no error of ours.
 ssize_t plr3_udp_receive(UDPconnection &connection, std::span<iovec> parts);

@@ -3,6 +3,8 @@
 #include "modules/store/store.h"
 #include "pulsar3/lib/wire/error.h"
 
+#include <cerrno>
+
 namespace kestrel {
 
 namespace {
@@ -21,8 +23,8 @@ int plr3_make_module(result_module &module, int to, const std::string &name, con
         if (ours)
             datamod_remove(name.c_str(), module.head()); // where that fails, making the new one says why
         module.reset();
-    } else if (ours) {
-        datamod_remove_empty(name.c_str());
+    } else if (ours && errno != ENOENT) {
+        datamod_free_name(name.c_str()); // what another process has left of it
     }
     const module_plan plan{mod_element::u_int32, shape.x, shape.y, shape.t, shape.is_3d};
     if (module.make(to, name.c_str(), plan) != 0)

@@ -1,0 +1,71 @@
+#include "files/replace_file.h"
+
+#include "server/wait.h"
+#include "support/file_io.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace kestrel {
+
+namespace {
+
+// The folder's entry reaches the disk, too.
+void sync_folder_of(const std::string &path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    const unique_fd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd)
+        ::fsync(fd.get());
+}
+
+replace_step give_up(const std::string &aside, replace_step step) {
+    const int error = errno;
+    ::unlink(aside.c_str());
+    errno = error;
+    return step;
+}
+
+} // namespace
+
+replace_step replace_file(const std::string &path, std::string_view bytes, mode_t mode) {
+    const std::string aside = path + ".new";
+    unique_fd fd = open_regular(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+    if (!fd)
+        return replace_step::open;
+    if (!write_all(fd.get(), bytes) || ::fsync(fd.get()) != 0)
+        return give_up(aside, replace_step::write);
+    if (::close(fd.release()) != 0 || ::rename(aside.c_str(), path.c_str()) != 0)
+        return give_up(aside, replace_step::close);
+    sync_folder_of(path);
+    return replace_step::none;
+}
+
+int lock_file::open(const std::string &path) {
+    fd_ = open_regular(path.c_str(), O_RDWR | O_CREAT, 0666);
+    return fd_ ? 0 : -1;
+}
+
+int lock_file::take(int cn) {
+    constexpr double wait_s = 0.01;
+    constexpr int tries = 1000;
+    for (int left = tries; left > 0; --left) {
+        struct flock whole {};
+        whole.l_type = F_WRLCK;
+        whole.l_whence = SEEK_SET;
+        if (::fcntl(fd_.get(), F_SETLK, &whole) == 0)
+            return 0;
+        if (errno != EACCES && errno != EAGAIN)
+            return -1;
+        if (sv_sleep(cn, wait_s) != 0) {
+            errno = EINTR;
+            return -1;
+        }
+    }
+    errno = EBUSY;
+    return -1;
+}
+
+} // namespace kestrel
