@@ -3,7 +3,6 @@
 #include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <optional>
 
@@ -47,7 +46,7 @@ int check_region(const char *function, int path, const region &r, channel_shape 
         return plr3_fail(plr3_out_of_range,
                          "%s: Circular buffer read requests %d frames, but buffer has only %d", function,
                          r.num_tf, shape.frames);
-    const bool frames_fit = inside(r.tf, r.num_tf, is_circular(*top) ? INT_MAX : shape.frames);
+    const bool frames_fit = is_circular(*top) ? r.tf >= 0 : inside(r.tf, r.num_tf, shape.frames);
     if (!inside(r.eng, r.num_eng, shape.energies) || !inside(r.aux, r.num_aux, shape.auxiliaries) ||
         !frames_fit)
         return plr3_fail(
@@ -123,7 +122,8 @@ int read_region(const char *function, int path, std::uint32_t *buffer, const reg
     if (const int status = check_region(function, path, r, shape); status != 0)
         return status;
     const std::size_t words = static_cast<std::size_t>(r.num_eng) * static_cast<std::size_t>(r.num_aux);
-    for (int tf = r.tf; tf < r.tf + r.num_tf; ++tf)
+    const int first = r.tf % shape.frames; // in a circular buffer any number names a place
+    for (int tf = first; tf < first + r.num_tf; ++tf)
         for (int chan = r.chan; chan < r.chan + r.num_chan; ++chan, buffer += words)
             if (const int status = read_frame(path, chan, shape, r, tf, buffer); status != 0)
                 return status;
