@@ -33,7 +33,7 @@ int plr3_make_data_areas(PLR3Path &card) {
         plr3_message(card.message_to, "Configuring scalers buffer for %d time frames\n", frames);
     else if (card.features.soft_scalers)
         plr3_message(card.message_to, "Configuring software scalers for %d time frames\n", frames);
-    return plr3_make_card_modules(card);
+    return plr3_histogram_mkmod(card);
 }
 
 int plr3_make_scope_module(PLR3Path &top, const plr3_request &asked) {

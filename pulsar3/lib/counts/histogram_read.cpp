@@ -1,5 +1,6 @@
 #include "pulsar3/lib/counts/histogram_read.h"
 
+#include "pulsar3/lib/counts/run.h"
 #include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
@@ -202,6 +203,8 @@ int plr3_histogram_test_pattern(int path, bool inc) {
     const PLR3Path *top = plr3_path(path);
     if (!top)
         return plr3_fail(plr3_invalid_path, "plr3_histogram_test_pattern: invalid path %d", path);
+    if (plr3_run_is_on(path))
+        return plr3_fail(plr3_failed, "plr3_histogram_test_pattern: path %d is counting", path);
     for (int chan = 0; chan < top->num_chan; ++chan) {
         int card_path = 0, chan_of_card = 0;
         if (const int status = plr3_resolve_path(path, chan, card_path, chan_of_card); status != 0)

@@ -63,8 +63,23 @@ template <class F> void for_channels(PLR3Path &card, F f) {
 
 // ---- start
 
+// Threads that a socket's error has ended begin anew.
+int restart_threads(PLR3Path &card) {
+    int status = 0;
+    for_channels(card, [&status](Histogram &h) {
+        if (h.error_flags == 0)
+            return;
+        plr3_histogram_thread_stop(h);
+        if (const int started = plr3_histogram_thread_start(h); started != 0)
+            status = started;
+    });
+    return status;
+}
+
 int prepare_card(int path, int card) {
     PLR3Path &leaf = leaf_of(path, card);
+    if (const int status = restart_threads(leaf); status != 0)
+        return status;
     if (leaf.femHandle)
         if (const int status = pulsar3FemResetFrameCounter(*leaf.femHandle, 1); status != 0)
             return status;

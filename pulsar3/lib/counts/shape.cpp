@@ -143,7 +143,7 @@ int follow_card(int path, PLR3Path &card) {
         place_frames(card);
         return 0;
     }
-    const int status = plr3_make_card_modules(card);
+    const int status = plr3_histogram_mkmod(card);
     if (status == 0)
         plr3_keep_card_modules(card);
     else
@@ -248,7 +248,7 @@ void plr3_make_channels(PLR3Path &card, int path, int card_number) {
     }
 }
 
-int plr3_make_card_modules(PLR3Path &card) {
+int plr3_histogram_mkmod(PLR3Path &card) {
     const channel_shape shape = plr3_channel_shape(card, 0);
     clear_areas(card);
     if (plr3_has_histograms(card))

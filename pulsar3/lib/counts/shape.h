@@ -31,7 +31,7 @@ bool plr3_sends_scalers(const PLR3Path &card);
 // The records of a card's channels, with the default format. `card` is its number in the system.
 void plr3_make_channels(PLR3Path &card, int path, int card_number);
 // The card's modules in the shape that the channels' formats say, and the places of its frames. None may be counting.
-int plr3_make_card_modules(PLR3Path &card);
+int plr3_histogram_mkmod(PLR3Path &card);
 // Where the scalers go that a mini model sends.
 void plr3_place_scalers(PLR3Path &card);
 void plr3_keep_card_modules(PLR3Path &card);

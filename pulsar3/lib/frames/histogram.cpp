@@ -146,6 +146,7 @@ int plr3_histogram_thread_start(Histogram &h) {
         return plr3_fail(plr3_failed, "plr3_config_histogram_threads: no eventfd for channel %d (errno %d)",
                          h.chan_of_system, errno);
     h.ending = false;
+    h.error_flags = 0;
     plr3_prepare_reader_socket(h.udpsock.socket.get());
     h.last_drops = plr3_socket_drops(h.udpsock.socket.get());
     try {
