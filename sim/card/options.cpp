@@ -1,11 +1,9 @@
 #include "sim/card/options.h"
 
 #include "sim/card/card.h"
+#include "sim/options.h"
 
 #include <arpa/inet.h>
-#include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,22 +23,6 @@ wishes wish;
 constexpr int text_port_above = 100; // of the base port, without -text
 constexpr std::uint32_t usual_revision = 16u << 12 | 1;
 
-// The whole text as a number, 0x for hexadecimal.
-template <class T> bool number(std::string_view text, T low, T high, T &out) {
-    T value{};
-    const bool hex = text.starts_with("0x");
-    const char *const first = text.data() + (hex ? 2 : 0), *const last = text.data() + text.size();
-    std::from_chars_result got{};
-    if constexpr (std::is_floating_point_v<T>)
-        got = std::from_chars(first, last, value);
-    else
-        got = std::from_chars(first, last, value, hex ? 16 : 10);
-    if (got.ec != std::errc() || got.ptr != last || !(value >= low && value <= high))
-        return false;
-    out = value;
-    return true;
-}
-
 bool take_base(std::string_view text) {
     in_addr address{};
     if (::inet_pton(AF_INET, std::string(text).c_str(), &address) != 1)
@@ -55,8 +37,8 @@ bool take_feature(std::string_view text) {
     std::uint32_t word = 0, value = 0;
     const std::size_t colon = text.find(':');
     if (colon == std::string_view::npos ||
-        !number(text.substr(0, colon), card_first_feature, card_first_feature + 3, word) ||
-        !number(text.substr(colon + 1), 0u, 0xffffffffu, value))
+        !sim_number(text.substr(0, colon), card_first_feature, card_first_feature + 3, word) ||
+        !sim_number(text.substr(colon + 1), 0u, 0xffffffffu, value))
         return false;
     wish.features[word - card_first_feature] = value;
     return true;
@@ -64,64 +46,43 @@ bool take_feature(std::string_view text) {
 
 bool take_revision(std::string_view text) {
     std::uint32_t value = 0;
-    if (!number(text, 1u, 0xffffffffu, value))
+    if (!sim_number(text, 1u, 0xffffffffu, value))
         return false;
     wish.revision = value;
     return true;
 }
 
-struct option {
-    std::string_view word, value, help;
-    bool (*take)(std::string_view);
-};
-
-constexpr option options[] = {
-    {"-cards", "n", "cards to play (1)", [](std::string_view t) { return number(t, 1, 32, wish.count); }},
+constexpr sim_option options[] = {
+    {"-cards", "n", "cards to play (1)", [](std::string_view t) { return sim_number(t, 1, 32, wish.count); }},
     {"-index", "n", "first card's index in the installation (0)",
-     [](std::string_view t) { return number(t, 0, 62, wish.index); }},
+     [](std::string_view t) { return sim_number(t, 0, 62, wish.index); }},
     {"-base", "a.b.c.d", "base address (127.0.0.1)", take_base},
     {"-port", "n", "base port (30123)",
-     [](std::string_view t) { return number(t, 1, 65000, cards.base_port); }},
+     [](std::string_view t) { return sim_number(t, 1, 65000, cards.base_port); }},
     {"-text", "n", "port for commands (base port + 100); 0: this terminal",
-     [](std::string_view t) { return number(t, 0, 65535, wish.text); }},
+     [](std::string_view t) { return sim_number(t, 0, 65535, wish.text); }},
     {"-gate", "n", "port of 127.0.0.1 for a timing unit (none)",
-     [](std::string_view t) { return number(t, 1, 65535, cards.gate_port); }},
+     [](std::string_view t) { return sim_number(t, 1, 65535, cards.gate_port); }},
     {"-kind", "name", "3, 3v7, 3mini or 4 (3v7)",
      [](std::string_view t) { return (wish.kind = card_find_kind(t)) != nullptr; }},
     {"-generation", "n", "protocol, 1 or 2 (3 and 3v7: 1, others always 2)",
-     [](std::string_view t) { return number(t, 1, 2, wish.protocol); }},
+     [](std::string_view t) { return sim_number(t, 1, 2, wish.protocol); }},
     {"-chans", "n", "channels a card (9, 10, 2, 16 by kind)",
-     [](std::string_view t) { return number(t, 1, card_max_channels, wish.channels); }},
+     [](std::string_view t) { return sim_number(t, 1, card_max_channels, wish.channels); }},
     {"-revision", "word", "revision word (major 16, the kind's generation)", take_revision},
     {"-feature", "n:word", "feature word 60 to 63, may be repeated", take_feature},
     {"-seed", "n", "seed of all that is random (1)",
-     [](std::string_view t) { return number(t, std::uint64_t{0}, ~std::uint64_t{0}, cards.seed); }},
+     [](std::string_view t) { return sim_number(t, std::uint64_t{0}, ~std::uint64_t{0}, cards.seed); }},
     {"-clock", "hertz", "ticks a second (8e7)",
-     [](std::string_view t) { return number(t, 1.0, 1e12, cards.clock); }},
+     [](std::string_view t) { return sim_number(t, 1.0, 1e12, cards.clock); }},
     {"-scope-rate", "x", "gigabits a second of scope data (4)",
-     [](std::string_view t) { return number(t, 1e-3, 1e3, cards.scope_gigabits); }},
+     [](std::string_view t) { return sim_number(t, 1e-3, 1e3, cards.scope_gigabits); }},
     {"-speed", "x", "seconds of the cards in a second (1)",
-     [](std::string_view t) { return number(t, 1e-3, 1e6, cards.speed); }},
+     [](std::string_view t) { return sim_number(t, 1e-3, 1e6, cards.speed); }},
 };
 
 [[noreturn]] void usage(const char *program, std::string_view wrong) {
-    std::fprintf(stderr, "Cannot understand %.*s\n", static_cast<int>(wrong.size()), wrong.data());
-    std::fprintf(stderr, "Usage: %s, with any of\n", program);
-    for (const option &o : options) {
-        const std::string form = std::string(o.word) + "=<" + std::string(o.value) + ">";
-        std::fprintf(stderr, "  %-20s %.*s\n", form.c_str(), static_cast<int>(o.help.size()), o.help.data());
-    }
-    std::fprintf(stderr, "and the options of the server (-server? lists them)\n");
-    std::exit(1);
-}
-
-// Nothing when the option is not one of ours.
-std::optional<bool> take(std::string_view argument) {
-    for (const option &o : options) {
-        if (argument.starts_with(o.word) && argument.substr(o.word.size()).starts_with('='))
-            return o.take(argument.substr(o.word.size() + 1));
-    }
-    return std::nullopt;
+    sim_usage(program, wrong, options);
 }
 
 void make_card(int index) {
@@ -143,16 +104,7 @@ void make_card(int index) {
 } // namespace
 
 int card_take_options(int &argc, char **argv) {
-    int kept = 1;
-    for (int i = 1; i < argc; ++i) {
-        const std::optional<bool> taken = take(argv[i]);
-        if (!taken)
-            argv[kept++] = argv[i];
-        else if (!*taken)
-            usage(argv[0], argv[i]);
-    }
-    argc = kept;
-    argv[argc] = nullptr;
+    sim_take_options(argc, argv, options);
     if (!wish.kind)
         wish.kind = card_find_kind("3v7");
     if (wish.protocol == 0)
