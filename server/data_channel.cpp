@@ -2,6 +2,7 @@
 
 #include "server/client_descriptor.h"
 #include "server/output.h"
+#include "server/tcp_connect.h"
 #include "server/wait.h"
 #include "support/fd.h"
 
@@ -36,29 +37,13 @@ bool has_channel(int cn) {
     return sv_is_valid(cn) && client[cn].channel.data_port >= 0 && client[cn].channel.data >= 0;
 }
 
-// 0, or the error that ended the wait for a connection under way.
-int finish_connecting(int fd) {
-    switch (sv_wait_fd(fd, POLLOUT, connect_wait_ms)) {
-    case wait_result::timeout:
-        return ETIMEDOUT;
-    case wait_result::interrupted:
-        return EINTR;
-    case wait_result::ready:
-        break;
-    }
-    int error = 0;
-    socklen_t length = sizeof error;
-    return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
-}
-
+// 0, or the error that kept the connection from standing.
 int connect_to(int fd, sockaddr_in address, int port) {
     if (port < 1 || port > 65535)
         return EINVAL;
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
-    if (::connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
-        return 0;
-    return errno == EINPROGRESS || errno == EINTR ? finish_connecting(fd) : errno;
+    return sv_tcp_connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address, connect_wait_ms);
 }
 
 // Until the socket is ready again after a call that would have blocked; false, with errno, when it is not to
