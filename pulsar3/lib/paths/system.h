@@ -96,6 +96,7 @@ struct PLR3Path {
     double deadtimeEnergy = 0;                           // at which dead times are taken
     int scaler_num_sub_frames = 1;                       // of a time frame
     int mem_layout = 0;
+    int sync_mode = 0;             // whose run line the cards follow
     double clock_period = 1.25e-8; // seconds a tick: 80 MHz
     Plr3mReadoutMode readout_mode = Plr3mRd_Auto;
     PulsarDummy dummy_system = PulsarReal;
