@@ -22,30 +22,44 @@ extern const PARSE_TREE row_pulsar3_set_alt_ttl_out, row_pulsar3_set_c2c, row_pu
     row_pulsar3_load_servo_tail;
 
 extern const PARSE_TREE row_hist_collect, row_hist_test_pattern, row_hist_read_dropped, row_hist_start,
-    row_hist_arm, row_hist_pause, row_hist_continue, row_hist_stop, row_hist_loss;
+    row_hist_arm, row_hist_pause, row_hist_continue, row_hist_stop, row_hist_loss, row_hist_list_mode;
 
-extern const PARSE_TREE row_pulsar3_dtc_energy, row_pulsar3_dtc_set_params, row_pulsar3_dtc_list,
-    row_pulsar3_dtc_offline_mkmod, row_pulsar3_dtc_offline;
+extern const PARSE_TREE row_pulsar3_dtc_energy, row_pulsar3_dtc_set_params, row_pulsar3_dtc_from_trigger,
+    row_pulsar3_dtc_list, row_pulsar3_dtc_offline_mkmod, row_pulsar3_dtc_offline;
 
 extern const PARSE_TREE row_pulsar3_dma_read_glob_reg, row_pulsar3_dma_write_glob_reg,
     row_pulsar3_dma_read_chan_reg, row_pulsar3_dma_read_adc_temp, row_pulsar3_dma_read_mid_plane_temp,
     row_pulsar3_dma_read_fpga_temp, row_pulsar3_dma_read_fem_config, row_pulsar3_dma_set_fem_config,
     row_pulsar3_dma_get_revision, row_pulsar3_dma_get_features, row_pulsar3_dma_write_chan_reg,
-    row_pulsar3_dma_set_udp_buffers, row_pulsar3_dma_get_udp_buffers;
+    row_pulsar3_dma_set_udp_buffers, row_pulsar3_dma_get_udp_buffers, row_pulsar3_dma_set_trigger_regs_b,
+    row_pulsar3_dma_set_trigger_regs_c, row_pulsar3_dma_set_reset_reg, row_pulsar3_dma_set_glitch_reg,
+    row_pulsar3_dma_set_servo_regs, row_pulsar3_dma_init_xtk_map, row_pulsar3_dma_print_regs,
+    row_pulsar3_dma_list_fields;
 
 namespace {
 
 constinit const PARSE_TREE hist_table[] = {
-    pt_row(row_hist_collect),      pt_row(row_hist_test_pattern),
-    pt_row(row_hist_read_dropped), pt_row(row_hist_start),
-    pt_row(row_hist_arm),          pt_row(row_hist_pause),
-    pt_row(row_hist_continue),     pt_row(row_hist_stop),
-    pt_row(row_hist_loss),         pt_end(),
+    pt_row(row_hist_collect),
+    pt_row(row_hist_test_pattern),
+    pt_row(row_hist_read_dropped),
+    pt_row(row_hist_start),
+    pt_row(row_hist_arm),
+    pt_row(row_hist_pause),
+    pt_row(row_hist_continue),
+    pt_row(row_hist_stop),
+    pt_row(row_hist_loss),
+    pt_row(row_hist_list_mode),
+    pt_end(),
 };
 
 constinit const PARSE_TREE dtc_table[] = {
-    pt_row(row_pulsar3_dtc_energy),        pt_row(row_pulsar3_dtc_set_params), pt_row(row_pulsar3_dtc_list),
-    pt_row(row_pulsar3_dtc_offline_mkmod), pt_row(row_pulsar3_dtc_offline),    pt_end(),
+    pt_row(row_pulsar3_dtc_energy),
+    pt_row(row_pulsar3_dtc_set_params),
+    pt_row(row_pulsar3_dtc_from_trigger),
+    pt_row(row_pulsar3_dtc_list),
+    pt_row(row_pulsar3_dtc_offline_mkmod),
+    pt_row(row_pulsar3_dtc_offline),
+    pt_end(),
 };
 
 constinit const PARSE_TREE dma_table[] = {
@@ -55,7 +69,11 @@ constinit const PARSE_TREE dma_table[] = {
     pt_row(row_pulsar3_dma_read_fem_config),     pt_row(row_pulsar3_dma_set_fem_config),
     pt_row(row_pulsar3_dma_get_revision),        pt_row(row_pulsar3_dma_get_features),
     pt_row(row_pulsar3_dma_set_udp_buffers),     pt_row(row_pulsar3_dma_get_udp_buffers),
-    pt_row(row_pulsar3_dma_write_chan_reg),      pt_end(),
+    pt_row(row_pulsar3_dma_write_chan_reg),      pt_row(row_pulsar3_dma_set_trigger_regs_b),
+    pt_row(row_pulsar3_dma_set_trigger_regs_c),  pt_row(row_pulsar3_dma_set_reset_reg),
+    pt_row(row_pulsar3_dma_set_glitch_reg),      pt_row(row_pulsar3_dma_set_servo_regs),
+    pt_row(row_pulsar3_dma_init_xtk_map),        pt_row(row_pulsar3_dma_print_regs),
+    pt_row(row_pulsar3_dma_list_fields),         pt_end(),
 };
 
 constinit const PARSE_TREE pulsar3_table[] = {

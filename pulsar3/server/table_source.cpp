@@ -2,8 +2,8 @@
 
 #include "modules/store/element.h"
 #include "modules/store/result_module.h"
-#include "server/output.h"
 #include "server/interrupt.h"
+#include "server/output.h"
 #include "support/file_io.h"
 
 #include <bit>
