@@ -17,8 +17,8 @@ struct row_text {
     std::size_t length = 0;
 
     constexpr row_text &add(std::string_view text) {
-        for (const char c : text)
-            chars[length++] = c; // too long does not compile
+        for (const char c : text) // too long a text does not compile
+            chars[length++] = c;
         return *this;
     }
     constexpr row_text &add(int number) {
@@ -55,12 +55,14 @@ consteval row_text format_of(std::string_view command) {
     return text;
 }
 
-// A help text stands between slashes, so that it has none itself.
 consteval row_text arguments_of(std::string_view command) {
     row_text text;
     bool of_card = false;
-    for (const register_field &field : fields)
+    for (const register_field &field : fields) {
+        if (std::string_view(field.help).find('/') != std::string_view::npos)
+            throw "a slash would end the help text of an argument";
         of_card = of_card || (field.command == command && field.scope == register_scope::card);
+    }
     text.add(of_card ? "Path/Card, -1 for all" : "Path/Channel, -1 for all");
     each_field(command, field_form::number, [&](const register_field &field) {
         text.add("/").add(field.field).add(" (").add(field.lowest).add(" to ").add(field.highest).add("): ");
