@@ -203,6 +203,9 @@ inline constexpr register_field fields[] = {
     {chan, "chan-cont2", 56, "tail-by-width", 9, 9, 0, 1, "table of tails is addressed by width, not by time",
      "load-event-tail"},
 
+    {card, "clock-control", 0, "source", 0, 1, 0, 2, "of the clock: 0 internal, 1 external, 2 mid-plane",
+     "setup-clocks"},
+    {card, "clock-control", 0, "test-pulse", 4, 5, 0, 3, "shape of the test pulse, 0 none", "setup-clocks"},
     {card, "clock-control", 0, "tsync", 9, 11, 0, 7,
      "what sets the time stamps to zero: 0 nothing, 1 a start, 2 an edge, 3 a level, 4 a time frame, 5 the cards' link, "
      "6 and 7 free",
