@@ -20,19 +20,6 @@ std::uint32_t drives(const ClockSetup &setup) {
     return (setup.flags & plr3_clock_drive) != 0 ? 1 : 0;
 }
 
-int check_setup(const ClockSetup &s) {
-    if (s.clk_src < 0 || s.clk_src >= plr3_clock_sources)
-        return plr3_fail(plr3_out_of_range, "plr3_clocks_setup: clock source %d is out of range 0..%d",
-                         s.clk_src, plr3_clock_sources - 1);
-    if (s.flags < 0 || s.flags > plr3_clock_flags)
-        return plr3_fail(plr3_out_of_range, "plr3_clocks_setup: flags %d are out of range 0..%d", s.flags,
-                         plr3_clock_flags);
-    if (s.tp_type < 0 || s.tp_type > plr3_test_pulses)
-        return plr3_fail(plr3_out_of_range, "plr3_clocks_setup: test pulse %d is out of range 0..%d",
-                         s.tp_type, plr3_test_pulses);
-    return 0;
-}
-
 // Source and test pulse in the card's clock control register; its other fields stay.
 int write_clock_control(int path, int card, const ClockSetup &setup) {
     const field_value fields[] = {{plr3_register_field("clock-control", "source"), setup.clk_src},
@@ -91,6 +78,22 @@ int set_up_card(int path, int card, ClockSetup setup) {
 
 } // namespace
 
+int plr3_check_clock_setup(const char *function, const ClockSetup &s) {
+    const struct {
+        const char *what;
+        int value, highest;
+    } limits[] = {
+        {"clock source", s.clk_src, plr3_clock_sources - 1},       {"flags", s.flags, plr3_clock_flags},
+        {"test pulse", s.tp_type, plr3_test_pulses},               {"ADC clock delay", s.adc_clk_delay, plr3_delay_max},
+        {"FPGA clock delay", s.fpga_clk_delay, plr3_delay_max},
+    };
+    for (const auto &[what, value, highest] : limits)
+        if (value < 0 || value > highest)
+            return plr3_fail(plr3_out_of_range, "%s: %s %d is out of range 0..%d", function, what, value,
+                             highest);
+    return 0;
+}
+
 int plr3_clocks_setup_int(int path, int card, const ClockSetup &setup) {
     constexpr const char *name = "plr3_clocks_setup_int";
     namespace map = board_map;
@@ -137,7 +140,7 @@ int plr3_clocks_setup(int path, int card, int clk_src, int flags, int tp_type) {
     setup.flags = flags;
     setup.tp_type = tp_type;
     if (plr3_path(path))
-        if (const int status = check_setup(setup); status != 0)
+        if (const int status = plr3_check_clock_setup("plr3_clocks_setup", setup); status != 0)
             return status;
     return plr3_each_card("plr3_clocks_setup", path, card,
                           [&](int one) { return set_up_card(path, one, setup); });

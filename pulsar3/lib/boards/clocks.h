@@ -23,6 +23,10 @@ enum plr3_clock_flag : int {
     plr3_clock_drive = 2,    // this card drives its clock onto the mid-plane
 };
 inline constexpr int plr3_clock_sources = 3, plr3_clock_flags = 3, plr3_test_pulses = 3; // the last two: highest
+inline constexpr int plr3_delay_max = 255;
+
+// 0, or plr3_out_of_range with a text that begins with the function's name.
+int plr3_check_clock_setup(const char *function, const ClockSetup &setup);
 
 // Programs the generator of a card, or of each (-1), waits until it has locked (at most a second), starts the phases anew
 // with the delays of the card's record, and notes all that and the clock's period: 1.25e-8 s of the internal source, what

@@ -9,8 +9,6 @@ namespace kestrel {
 
 namespace {
 
-constexpr int delay_max = 255;
-
 int reset_card(int path, int card) {
     constexpr const char *name = "plr3_reset_adc_mmcm";
     for (const std::uint32_t level : {1U, 0U})
@@ -25,11 +23,12 @@ int reset_card(int path, int card) {
 
 int plr3_setup_adc_mmcm(int path, int card, int adc_clk_delay, int fpga_clk_delay) {
     constexpr const char *name = "plr3_setup_adc_mmcm";
+    ClockSetup delays_only;
+    delays_only.adc_clk_delay = adc_clk_delay;
+    delays_only.fpga_clk_delay = fpga_clk_delay;
     if (plr3_path(path))
-        for (const int delay : {adc_clk_delay, fpga_clk_delay})
-            if (delay < 0 || delay > delay_max)
-                return plr3_fail(plr3_out_of_range, "%s: a delay of %d is out of range 0..%d", name, delay,
-                                 delay_max);
+        if (const int status = plr3_check_clock_setup(name, delays_only); status != 0)
+            return status;
     return plr3_each_card(name, path, card, [&](int one) {
         const std::uint32_t delays[] = {static_cast<std::uint32_t>(adc_clk_delay),
                                         static_cast<std::uint32_t>(fpga_clk_delay)};
