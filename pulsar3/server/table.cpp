@@ -17,9 +17,9 @@ extern const PARSE_TREE row_pulsar3_set_alt_ttl_out, row_pulsar3_set_c2c, row_pu
     row_pulsar3_set_pileup_max_width, row_pulsar3_set_adc_mux, row_pulsar3_set_scope_search,
     row_pulsar3_set_glob_rst_gen, row_pulsar3_set_cal_events, row_pulsar3_setup_diag,
     row_pulsar3_set_user_tsync, row_pulsar3_set_sync_mode, row_pulsar3_init_brams,
-    row_pulsar3_init_event_tail, row_pulsar3_load_event_lead, row_pulsar3_load_event_tail,
-    row_pulsar3_load_xtk_shape, row_pulsar3_load_xtk_map, row_pulsar3_load_width_time,
-    row_pulsar3_load_servo_tail;
+    row_pulsar3_init_event_tail, row_pulsar3_set_roi, row_pulsar3_load_event_lead,
+    row_pulsar3_load_event_tail, row_pulsar3_load_xtk_shape, row_pulsar3_load_xtk_map,
+    row_pulsar3_load_width_time, row_pulsar3_load_servo_tail;
 
 extern const PARSE_TREE row_hist_collect, row_hist_test_pattern, row_hist_read_dropped, row_hist_start,
     row_hist_arm, row_hist_pause, row_hist_continue, row_hist_stop, row_hist_loss, row_hist_list_mode;
@@ -104,6 +104,7 @@ constinit const PARSE_TREE pulsar3_table[] = {
     pt_row(row_pulsar3_init_brams),
     pt_row(row_pulsar3_init_event_tail),
     pt_row(row_pulsar3_set_scaling),
+    pt_row(row_pulsar3_set_roi),
     pt_row(row_pulsar3_set_window),
     pt_row(row_pulsar3_set_good_thres),
     pt_row(row_pulsar3_start),

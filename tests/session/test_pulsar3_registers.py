@@ -14,7 +14,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "sim"))
 import cards
 
 Field = collections.namedtuple("Field", "scope reg offset field first last low high command form generations help")
-OWN_HANDLER = {"set-window", "format-run", "set-timing", "start", "config", "set-sync-mode", "load-event-lead",
+OWN_HANDLER = {"setup-clocks", "set-window", "format-run", "set-timing", "start", "config", "set-sync-mode", "load-event-lead",
                "load-event-tail"}
 PATTERN = 0x5A5A5A5A
 BRAM = {"event-lead": (1, 1024), "event-tail": (2, 1024), "xtk-shape": (3, 512), "xtk-map": (4, 256),
@@ -132,7 +132,7 @@ def test_all_channels_and_cards_at_once_and_one_transfer_for_neighbouring_words(
     assert "#   5 0x1FFF5308 reset-det-b: before 8, fast-shift 3, slow-shift 5, offset -1, enable-diff 1, " \
         "enable-magic 0" in lines
     _, lines = result(client, "pulsar3 dma print-regs 0 1 card")
-    assert "#   0 0x00002A00 clock-control: tsync 5, sync 2" in lines
+    assert "#   0 0x00002A00 clock-control: source 0, test-pulse 0, tsync 5, sync 2" in lines
     for line, words in (("set-trigger-regs-b 0 1 $f1 2 3 4 -5", {10: 0xf1, 11: 2, 12: 3, 21: 4, 22: 0xFFFFFFFB}),
                         ("set-trigger-regs-c 0 1 6 7", {13: 6, 14: 7}), ("set-glitch-reg 0 1 8 9", {7: 8, 8: 9}),
                         ("set-reset-reg 0 1 1 2 3", {4: 1, 5: 2, 6: 3}), ("set-servo-regs 0 1 3 2 1",
@@ -218,6 +218,20 @@ def test_block_memories_take_tables_from_wherever_they_are(client, play, tmp_pat
     assert memory("xtk-map", 0)[:3] == [0, 1, 0] and memory("xtk-map", 1)[:3] == [1, 0, 0]
     do(client, "pulsar3 init-brams 0 -1")
     assert not any(memory("event-tail", 1)) and not any(memory("xtk-map", 0))
+
+    # Regions of interest: the first that has a bin counts; the table goes with the memories.
+    do(client, "pulsar3 set-roi 0 -1 100 200")
+    do(client, "pulsar3 set-roi 0 1 150 300 add")
+    assert memory("roi", 0) == [0] * 100 + [1] * 101 + [0] * 3895
+    assert memory("roi", 1) == [0] * 100 + [1] * 101 + [2] * 100 + [0] * 3795
+    assert result(client, "pulsar3 set-roi 0 1 list") == (2, ["# Region 1: bins 100 to 200", "# Region 2: bins 150 to 300"])
+    for line, status in (("1 5 4", -6), ("1 0 4096", -6), ("1 -1 4", -6), ("2 0 4", -6), ("2 0 4 add", -6), ("1 5", -1)):
+        assert len(fails(client, f"pulsar3 set-roi 0 {line}", status)) == 1
+    assert do(client, "pulsar3 set-roi 0 1 list") == 2
+    do(client, "pulsar3 set-roi 0 0")
+    do(client, "pulsar3 init-brams 0 1")
+    assert do(client, "pulsar3 set-roi 0 0 list") == do(client, "pulsar3 set-roi 0 1 list") == 0
+    assert not any(memory("roi", 0)) and not any(memory("roi", 1))
 
 
 def test_tables_that_are_none_change_nothing(client, play, tmp_path):

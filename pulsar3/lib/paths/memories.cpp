@@ -1,5 +1,6 @@
 #include "pulsar3/lib/paths/memories.h"
 
+#include "pulsar3/lib/paths/roi.h"
 #include "pulsar3/lib/paths/settings.h"
 
 #include <algorithm>
@@ -50,7 +51,10 @@ int plr3_load_memory(int path, int chan, const block_memory &memory, std::span<c
 
 int plr3_init_brams(int path, int chan) {
     for (const block_memory &memory : plr3_block_memories()) {
-        const auto clear = [&](int each) { return plr3_load_memory(path, each, memory, {}); };
+        const auto clear = [&](int each) {
+            return std::string_view(memory.name) == "roi" ? plr3_set_roi(path, each, {})
+                                                          : plr3_load_memory(path, each, memory, {});
+        };
         if (const int status = each_channel("plr3_init_brams", path, chan, clear); status != 0)
             return status;
     }
