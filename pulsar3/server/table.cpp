@@ -27,14 +27,8 @@ extern const PARSE_TREE row_hist_collect, row_hist_test_pattern, row_hist_read_d
 extern const PARSE_TREE row_pulsar3_dtc_energy, row_pulsar3_dtc_set_params, row_pulsar3_dtc_from_trigger,
     row_pulsar3_dtc_list, row_pulsar3_dtc_offline_mkmod, row_pulsar3_dtc_offline;
 
-extern const PARSE_TREE row_pulsar3_dma_read_glob_reg, row_pulsar3_dma_write_glob_reg,
-    row_pulsar3_dma_read_chan_reg, row_pulsar3_dma_read_adc_temp, row_pulsar3_dma_read_mid_plane_temp,
-    row_pulsar3_dma_read_fpga_temp, row_pulsar3_dma_read_fem_config, row_pulsar3_dma_set_fem_config,
-    row_pulsar3_dma_get_revision, row_pulsar3_dma_get_features, row_pulsar3_dma_write_chan_reg,
-    row_pulsar3_dma_set_udp_buffers, row_pulsar3_dma_get_udp_buffers, row_pulsar3_dma_set_trigger_regs_b,
-    row_pulsar3_dma_set_trigger_regs_c, row_pulsar3_dma_set_reset_reg, row_pulsar3_dma_set_glitch_reg,
-    row_pulsar3_dma_set_servo_regs, row_pulsar3_dma_init_xtk_map, row_pulsar3_dma_print_regs,
-    row_pulsar3_dma_list_fields;
+extern const PARSE_TREE row_pulsar3_dma, row_pulsar3_adc_board, row_pulsar3_setup_clocks,
+    row_pulsar3_save_settings, row_pulsar3_restore_settings, row_pulsar3_check_settings;
 
 namespace {
 
@@ -62,23 +56,10 @@ constinit const PARSE_TREE dtc_table[] = {
     pt_end(),
 };
 
-constinit const PARSE_TREE dma_table[] = {
-    pt_row(row_pulsar3_dma_read_glob_reg),       pt_row(row_pulsar3_dma_write_glob_reg),
-    pt_row(row_pulsar3_dma_read_chan_reg),       pt_row(row_pulsar3_dma_read_adc_temp),
-    pt_row(row_pulsar3_dma_read_mid_plane_temp), pt_row(row_pulsar3_dma_read_fpga_temp),
-    pt_row(row_pulsar3_dma_read_fem_config),     pt_row(row_pulsar3_dma_set_fem_config),
-    pt_row(row_pulsar3_dma_get_revision),        pt_row(row_pulsar3_dma_get_features),
-    pt_row(row_pulsar3_dma_set_udp_buffers),     pt_row(row_pulsar3_dma_get_udp_buffers),
-    pt_row(row_pulsar3_dma_write_chan_reg),      pt_row(row_pulsar3_dma_set_trigger_regs_b),
-    pt_row(row_pulsar3_dma_set_trigger_regs_c),  pt_row(row_pulsar3_dma_set_reset_reg),
-    pt_row(row_pulsar3_dma_set_glitch_reg),      pt_row(row_pulsar3_dma_set_servo_regs),
-    pt_row(row_pulsar3_dma_init_xtk_map),        pt_row(row_pulsar3_dma_print_regs),
-    pt_row(row_pulsar3_dma_list_fields),         pt_end(),
-};
-
 constinit const PARSE_TREE pulsar3_table[] = {
     pt_row(row_pulsar3_config),
     pt_row(row_pulsar3_set_debug),
+    pt_row(row_pulsar3_setup_clocks),
     pt_row(row_pulsar3_set_run_mode),
     pt_row(row_pulsar3_set_timing),
     pt_row(row_pulsar3_setup_timing),
@@ -121,16 +102,20 @@ constinit const PARSE_TREE pulsar3_table[] = {
     pt_row(row_pulsar3_open_scalers),
     pt_row(row_pulsar3_set_adc_mux),
     pt_row(row_pulsar3_set_scope_search),
+    pt_row(row_pulsar3_save_settings),
+    pt_row(row_pulsar3_restore_settings),
     pt_row(row_pulsar3_set_glob_rst_gen),
     pt_row(row_pulsar3_set_cal_events),
     pt_row(row_pulsar3_check_progress),
     pt_row(row_pulsar3_set_threading),
+    pt_row(row_pulsar3_check_settings),
     pt_row(row_pulsar3_setup_diag),
     pt_row(row_pulsar3_set_sync_mode),
     pt_row(row_pulsar3_set_user_tsync),
     pt_subtree("hist", hist_table, "prefix for histogramming"),
     pt_subtree("dtc", dtc_table, "prefix for dead-time correction"),
-    pt_subtree("dma", dma_table, "prefix for low-level access to the cards"),
+    pt_row(row_pulsar3_dma),
+    pt_row(row_pulsar3_adc_board),
     pt_row(row_pulsar3_close),
     pt_end(),
 };
