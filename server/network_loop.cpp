@@ -73,8 +73,10 @@ void run_startup() {
     const unique_fd no_input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     sv_fill_slot(0, no_input.get(), STDOUT_FILENO);
     sv_quit = 0;
-    activity_open(0, "the start-up file");
-    activity_begin(0, sv_options.startup_file);
+    if (sv_options.startup) {
+        activity_open(0, "this machine");
+        activity_begin(0, sv_options.startup_file);
+    }
     sv_run_startup_file();
     activity_end();
     activity_close(0);
@@ -124,14 +126,14 @@ void refuse_without_memory(int cn, int fd) {
 
 // The one line that somebody gets whom -allow leaves out; the logs and standard output tell of it.
 void refuse_stranger(const char *dotted, int fd) {
-    const std::string line = std::string("! Connections from ") + dotted + " are not allowed\r\n";
-    [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     const std::string entry = std::string("Connection from ") + dotted + " refused\n";
     std::fputs(entry.c_str(), stdout);
     for (std::FILE *log : {log_file, vlog_file}) {
         if (log && log != stdout)
             sv_log(log, entry);
     }
+    const std::string line = std::string("! Connections from ") + dotted + " are not allowed\r\n";
+    [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
 void accept_session() {
@@ -415,8 +417,8 @@ void network_loop(const char *program, int port) {
     listen_socket = listening.get();
     char mode[64];
     std::snprintf(mode, sizeof mode, "Listening for connections on port %d.", port);
-    sv_print_banner(program, mode);
     sv_control_start(port);
+    sv_print_banner(program, mode);
     run_startup();
     socket_sets sets;
     sets.sockets.reserve(sv_max_clients); // a turn adds each session once

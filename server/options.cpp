@@ -118,7 +118,7 @@ constinit const option options[] = {
      [](given_value name) { return take_log(vlog_file, name); }},
     {"-detach", nullptr, "Detach from the terminal (only in server mode)", nullptr, take_detach},
     {"-listen", "address", "Take sessions at this address only", nullptr, take_listen, needs::value},
-    {"-allow", "net,..", "Take sessions from these networks only", nullptr, take_allow, needs::value},
+    {"-allow", "networks", "Take sessions from these networks only", nullptr, take_allow, needs::value},
     {"-control", "path", "Put the control socket there", nullptr,
      [](given_value path) { return take_text(sv_options.control, path); }, needs::value},
     {"-control-group", "name", "Let this group use the control socket, too", nullptr,
