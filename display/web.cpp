@@ -143,6 +143,7 @@ class connection : public std::enable_shared_from_this<connection> {
         beast::get_lowest_layer(stream_).expires_never(); // the WebSocket has times of its own
         stream_.set_option(websocket::stream_base::timeout{http_time, silent_time, true});
         stream_.read_message_max(request_max);
+        stream_.auto_fragment(false); // a view goes as it lies, without a copy
         stream_.async_accept(request, [self = shared_from_this()](error_code error) {
             if (error)
                 return;
