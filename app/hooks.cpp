@@ -3,14 +3,19 @@
 #include "files/commands.h"
 #include "instruments/bench/commands.h"
 #include "instruments/links/clients.h"
+#include "maths/peak_fit/job.h"
 #include "modules/store/cut_guard.h"
+#include "modules/store/store.h"
+#include "parser/command_counts.h"
 #include "parser/help.h"
 #include "parser/interpreter.h"
 #include "parser/script.h"
 #include "parser/variables.h"
+#include "pulsar3/lib/frames/count_board.h"
 #include "pulsar3/server/commands.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "support/metrics_text.h"
 #include "unified/handles/handles.h"
 
 #include <cstdio>
@@ -74,6 +79,28 @@ bool module_was_cut(int cn, bool begins) {
     return true;
 }
 
+void app_status(std::string &out) {
+    const datamod_totals modules = datamod_total();
+    pt_commands_status(out);
+    out += "handles " + std::to_string(unified_open_count()) + "\n";
+    out += "modules " + std::to_string(modules.mappings) + ", " + std::to_string(modules.bytes) + " bytes\n";
+    links::clients_status(out);
+    plr3_board_status(out);
+}
+
+void app_metrics(std::string &out) {
+    const datamod_totals modules = datamod_total();
+    pt_commands_metrics(out);
+    metric_single(out, "kestrel_handles", "gauge", "Unified handles that are open.",
+                  std::to_string(unified_open_count()));
+    metric_single(out, "kestrel_modules", "gauge", "Modules that the server has mapped.",
+                  std::to_string(modules.mappings));
+    metric_single(out, "kestrel_module_bytes", "gauge", "Their memory.", std::to_string(modules.bytes));
+    links::clients_metrics(out);
+    plr3_board_metrics(out);
+    peak_fit_metrics(out);
+}
+
 } // namespace
 
 server_hooks app_hooks() {
@@ -87,6 +114,8 @@ server_hooks app_hooks() {
     hooks.user_connect = user_connect;
     hooks.user_disconnect = user_disconnect;
     hooks.user_exit = user_exit;
+    hooks.status = app_status;
+    hooks.metrics = app_metrics;
     return hooks;
 }
 

@@ -97,7 +97,7 @@ const _pt_args &_xx_parse_args(const PARSE_TREE &entry) {
         format_error error;
         std::unique_ptr<_pt_args> compiled = format_compile(entry.raw_args, error);
         if (compiled && format_fits(*compiled, entry.fn)) {
-            entry.args = compiled.release();
+            std::atomic_ref(entry.args).store(compiled.release(), std::memory_order_release);
             return *entry.args;
         }
         std::fprintf(stderr, "parser: Programming error in file %s, line %d\n", entry.file, entry.line);

@@ -3,6 +3,7 @@
 #include "parser/interpreter.h"
 
 #include "parser/call.h"
+#include "parser/command_counts.h"
 #include "parser/format.h"
 #include "parser/help.h"
 #include "parser/preprocess.h"
@@ -363,6 +364,7 @@ int deliver(int cn, char type, pt_result &result, int radix, const delivery &to)
 
 int run_command(line_state &state, const delivery &to) {
     const PARSE_TREE &command = *state.line.command;
+    counted_command counted(command);
     const _pt_args &args = _xx_parse_args(command);
     if (take_arguments(state, command, args) != 0 || take_qualifiers(state, command, args) != 0)
         return -1;
@@ -378,7 +380,10 @@ int run_command(line_state &state, const delivery &to) {
         result = {-1, -1.0, {}};
     const int radix = ResultRadix ? ResultRadix : sv_get_radix(state.cn);
     ResultRadix = 0; // an outer command does not inherit it
-    return deliver(state.cn, args.return_type, result, radix, to);
+    const int value = deliver(state.cn, args.return_type, result, radix, to);
+    if (value != -1)
+        counted.succeeded();
+    return value;
 }
 
 // A line that is a value only: the value is its result.

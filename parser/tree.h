@@ -4,7 +4,9 @@
 
 #include "parser/handler.h"
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,6 +25,7 @@ struct _pt_args {
     std::vector<std::string> name; // qualifier words
     std::string qtype;             // '\0', 'd', 'g', 'f' or 's' a qualifier
     char return_type = 0;          // 'd', 'g', 'f', 's', 'q' or 0
+    mutable std::atomic<std::uint64_t> runs{0}, failures{0}; // of the command; any thread reads them
 };
 
 struct PARSE_TREE {

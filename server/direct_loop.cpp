@@ -1,11 +1,14 @@
 // server: direct mode. The terminal is session 0; the line-editing library reads it. A pipe instead of a
 // terminal is read like any session, so that a command's `input` and the loop take from one buffer.
+#include "server/activity.h"
 #include "server/client_descriptor.h"
+#include "server/control_socket.h"
 #include "server/hooks.h"
 #include "server/input.h"
 #include "server/interrupt.h"
 #include "server/logs.h"
 #include "server/loops.h"
+#include "server/options.h"
 #include "server/output.h"
 #include "server/timebar.h"
 #include "server/wait.h"
@@ -161,6 +164,11 @@ bool read_line(std::string &line) {
     return false;
 }
 
+void tell_activity(const std::string &line) try {
+    activity_begin(terminal, sv_masked(line));
+} catch (const std::bad_alloc &) { // the line runs all the same
+}
+
 void serve_lines() {
     const bool editing = ::isatty(STDIN_FILENO) != 0;
     if (editing)
@@ -174,7 +182,9 @@ void serve_lines() {
         if (!(editing ? edit_line(line) : read_line(line)))
             break;
         sv_quit = 0;
+        tell_activity(line);
         sv_hooks.service(terminal, line.c_str(), 1, nullptr, nullptr);
+        activity_end();
     }
 }
 
@@ -186,10 +196,14 @@ void direct_loop(const char *program) {
     sv_close_log(vlog_file);
     sv_fill_slot(terminal, STDIN_FILENO, STDOUT_FILENO);
     sv_print_banner(program, "Directly connected to the terminal.");
+    activity_open(terminal, "the terminal");
+    if (!sv_options.control.empty())
+        sv_control_start(0);
     sv_run_startup_file();
     if (sv_hooks.user_connect)
         sv_hooks.user_connect(terminal);
     serve_lines();
+    sv_control_stop();
     if (sv_hooks.user_disconnect)
         sv_hooks.user_disconnect(terminal);
     if (sv_hooks.user_exit)

@@ -22,6 +22,10 @@ struct server_hooks {
     void (*user_connect)(int cn) = nullptr;
     void (*user_disconnect)(int cn) = nullptr;
     void (*user_exit)() = nullptr;
+    // What the rooms above add to the control socket's answers. Called on its thread while commands run: they read counts
+    // and take no lock that a command holds while it works.
+    void (*status)(std::string &out) = nullptr;
+    void (*metrics)(std::string &out) = nullptr;
 };
 
 extern server_hooks sv_hooks;

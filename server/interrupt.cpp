@@ -2,7 +2,10 @@
 
 #include "server/output.h"
 
+#include <atomic>
+#include <chrono>
 #include <pthread.h>
+#include <thread>
 
 namespace kestrel {
 
@@ -12,6 +15,7 @@ void (*user_quit_handler)(int) = nullptr;
 namespace {
 
 const pthread_t command_thread = pthread_self(); // static initialisation runs on the main thread
+std::atomic<unsigned> interrupts{0};             // that came, as other threads see them
 
 } // namespace
 
@@ -26,8 +30,20 @@ void quit_handler(int signal) {
         return;
     }
     sv_quit = sv_quit + 1;
+    interrupts.fetch_add(1, std::memory_order_relaxed);
     if (user_quit_handler)
         user_quit_handler(0);
+}
+
+bool sv_interrupt_command_thread() {
+    using steady = std::chrono::steady_clock;
+    const unsigned before = interrupts;
+    const auto end = steady::now() + std::chrono::milliseconds(100);
+    if (pthread_kill(command_thread, SIGINT) != 0)
+        return false;
+    while (interrupts == before && steady::now() < end)
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    return interrupts != before;
 }
 
 int sv_poll_quit(int cn) {

@@ -11,6 +11,9 @@ extern volatile std::sig_atomic_t sv_quit; // interrupts since the line began
 extern void (*user_quit_handler)(int);     // called with 0 from the signal handler
 void quit_handler(int signal);
 
+// Sends the command thread the interrupt that ^C sends, and waits until it has come (at most 100 ms). Any other thread.
+bool sv_interrupt_command_thread();
+
 // True on the thread that runs the loop and every command.
 bool sv_on_command_thread();
 

@@ -4,11 +4,14 @@
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
 // again. What a session is told leaves when its received bytes are used up, and at the latest at the end of
 // the turn. A session whose peer does not take its replies is neither read nor served until it does.
+#include "server/activity.h"
 #include "server/client_descriptor.h"
+#include "server/control_socket.h"
 #include "server/hooks.h"
 #include "server/interrupt.h"
 #include "server/logs.h"
 #include "server/loops.h"
+#include "server/options.h"
 #include "server/output.h"
 #include "support/fd.h"
 #include "support/vanished_peer.h"
@@ -52,7 +55,7 @@ unique_fd open_listening_socket(int port) {
     ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_addr = sv_options.listen;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     if (::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         cannot_listen("Can't bind socket.\n"
@@ -70,7 +73,13 @@ void run_startup() {
     const unique_fd no_input(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     sv_fill_slot(0, no_input.get(), STDOUT_FILENO);
     sv_quit = 0;
+    if (sv_options.startup) {
+        activity_open(0, "this machine");
+        activity_begin(0, sv_options.startup_file);
+    }
     sv_run_startup_file();
+    activity_end();
+    activity_close(0);
     sv_flush(0);
     sv_free_slot(0);
 }
@@ -115,6 +124,18 @@ void refuse_without_memory(int cn, int fd) {
     std::fprintf(stderr, "server: Out of memory, connection %d refused\n", cn);
 }
 
+// The one line that somebody gets whom -allow leaves out; the logs and standard output tell of it.
+void refuse_stranger(const char *dotted, int fd) {
+    const std::string entry = std::string("Connection from ") + dotted + " refused\n";
+    std::fputs(entry.c_str(), stdout);
+    for (std::FILE *log : {log_file, vlog_file}) {
+        if (log && log != stdout)
+            sv_log(log, entry);
+    }
+    const std::string line = std::string("! Connections from ") + dotted + " are not allowed\r\n";
+    [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
 void accept_session() {
     const int cn = lowest_free_slot();
     sockaddr_in peer{};
@@ -137,6 +158,10 @@ void accept_session() {
     }
     char dotted[INET_ADDRSTRLEN] = "";
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
+    if (!sv_is_allowed(sv_options.allowed, peer.sin_addr)) {
+        refuse_stranger(dotted, fd.get());
+        return;
+    }
     std::printf("%d: New connection established to %s\n", cn, dotted);
     set_options(cn, fd.get());
     try {
@@ -147,6 +172,7 @@ void accept_session() {
     }
     fd.release(); // the slot's now
     client[cn].addr = peer;
+    activity_open(cn, dotted);
     ++nr_conns;
     if (sv_hooks.user_connect)
         sv_hooks.user_connect(cn);
@@ -163,10 +189,10 @@ void close_without_memory(int cn) {
     sv_disconnect_client(cn);
 }
 
-void log_line(int cn, const char *line) {
+void log_line(int cn, const std::string &masked) {
     if (!log_file && !vlog_file)
         return;
-    const std::string shown = std::to_string(cn) + ": " + sv_masked(line);
+    const std::string shown = std::to_string(cn) + ": " + masked;
     if (log_file)
         sv_log(log_file, shown + " ");
     if (vlog_file)
@@ -181,12 +207,15 @@ std::size_t service_line_of(int cn) {
     sv_ln_start(edit);
     sv_quit = 0;
     try {
-        log_line(cn, line);
+        const std::string shown = sv_masked(line);
+        activity_begin(cn, shown);
+        log_line(cn, shown);
         sv_tell_lost_logs(cn); // before the line's own reply, which ends with its result
         sv_hooks.service(cn, line, 1, log_file, vlog_file);
     } catch (const std::bad_alloc &) {
         sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
+    activity_end();
     if (log_file)
         sv_log(log_file, "\n");
     return client[cn].valid ? user_prompt(cn) : 0;
@@ -388,6 +417,7 @@ void network_loop(const char *program, int port) {
     listen_socket = listening.get();
     char mode[64];
     std::snprintf(mode, sizeof mode, "Listening for connections on port %d.", port);
+    sv_control_start(port);
     sv_print_banner(program, mode);
     run_startup();
     socket_sets sets;
@@ -396,6 +426,7 @@ void network_loop(const char *program, int port) {
     while (!close_server)
         turn(sets);
     shut_down();
+    sv_control_stop();
     listening.reset();
     listen_socket = -1;
     if (sv_hooks.user_exit)

@@ -79,7 +79,23 @@ bool take_detach(given_value) {
     return true;
 }
 
+bool take_listen(given_value address) {
+    return address && sv_parse_address(*address, sv_options.listen);
+}
+
+bool take_allow(given_value networks) {
+    return networks && sv_parse_networks(*networks, sv_options.allowed);
+}
+
+bool take_text(std::string &text, given_value given) {
+    if (given)
+        text = *given;
+    return given && !given->empty();
+}
+
 [[noreturn]] bool usage(given_value);
+
+enum class needs { nothing, value };
 
 struct option {
     std::string_view word;
@@ -87,6 +103,7 @@ struct option {
     const char *help;
     std::string (*fallback)(); // the value of the bare option, for the usage; may be null
     bool (*take)(given_value);
+    needs bare = needs::nothing; // value: it is none without one
 };
 
 // In the order of the usage, which leaves out those without help.
@@ -100,6 +117,12 @@ constinit const option options[] = {
     {"-vlog", "name", "Verbose Log commands to stdout or to the given file", nullptr,
      [](given_value name) { return take_log(vlog_file, name); }},
     {"-detach", nullptr, "Detach from the terminal (only in server mode)", nullptr, take_detach},
+    {"-listen", "address", "Take sessions at this address only", nullptr, take_listen, needs::value},
+    {"-allow", "networks", "Take sessions from these networks only", nullptr, take_allow, needs::value},
+    {"-control", "path", "Put the control socket there", nullptr,
+     [](given_value path) { return take_text(sv_options.control, path); }, needs::value},
+    {"-control-group", "name", "Let this group use the control socket, too", nullptr,
+     [](given_value name) { return take_text(sv_options.control_group, name); }, needs::value},
     {"-server?", nullptr, nullptr, nullptr, usage},
 };
 
@@ -110,7 +133,10 @@ bool usage(given_value) {
     for (const option &o : options) {
         if (!o.help)
             continue;
-        const std::string form = std::string(o.word) + (o.value ? std::string("[=<") + o.value + ">]" : "");
+        std::string form(o.word);
+        if (o.value)
+            form += o.bare == needs::value ? std::string("=<") + o.value + ">"
+                                           : std::string("[=<") + o.value + ">]";
         const std::string bare = o.fallback ? " (default: " + o.fallback() + ")" : "";
         std::fprintf(stderr, "  %-17s %s%s\n", form.c_str(), o.help, bare.c_str());
     }

@@ -1,5 +1,6 @@
 #include "server/outbox.h"
 
+#include "server/activity.h"
 #include "server/client_descriptor.h"
 #include "server/interrupt.h"
 
@@ -99,6 +100,7 @@ outbox_status send_some(client_descriptor &c) {
         else
             box.sent += static_cast<std::size_t>(n);
     }
+    sv_bytes_out.fetch_add(box.broken ? 0 : box.sent - before, std::memory_order_relaxed);
     if (box.broken)
         return outbox_status::gone;
     if (unsent(box) == 0)

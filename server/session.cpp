@@ -1,3 +1,4 @@
+#include "server/activity.h"
 #include "server/client_descriptor.h"
 #include "server/hooks.h"
 
@@ -38,6 +39,7 @@ void disconnect_network_client(int cn) {
     const int fd = sv_input_fd(c);
     clear_slot(c); // before the descriptor's number can come back with another peer
     if (counted) {
+        activity_close(cn);
         ::shutdown(fd, SHUT_RDWR);
         ::close(fd);
         --nr_conns;

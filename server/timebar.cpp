@@ -1,5 +1,6 @@
 #include "server/timebar.h"
 
+#include "server/activity.h"
 #include "server/outbox.h"
 #include "server/output.h"
 
@@ -29,6 +30,7 @@ void sv_timebar(int cn, int done, int total, const char *label) {
     int length = 0;
     if (cn < 0 || cn >= sv_max_clients)
         return;
+    activity_progress(cn, done, total, name);
     if (use_network)
         length = std::snprintf(line.data(), line.size(), "@ %d %d '%s'\r\n", done, total, name.c_str());
     else if (label)

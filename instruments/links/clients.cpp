@@ -7,7 +7,9 @@
 #include "server/session.h"
 #include "server/timebar.h"
 #include "server/wait.h"
+#include "support/metrics_text.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -20,7 +22,7 @@ namespace kestrel::links {
 namespace {
 
 struct client_state {
-    int connected = 0;
+    std::atomic<int> connected{0}; // other threads look at it
     cln_link socket{};
     int session = -1; // owns the current exchange
     unsigned long generation = 0;
@@ -155,6 +157,20 @@ int client_connect(int cn, int link) {
 bool connected_to(int link) {
     return client[link].connected;
 }
+void clients_status(std::string &out) {
+    for (int link = 0; link < link_count; ++link) {
+        if (client[link].connected)
+            out += std::string("link ") + clientconfig[link].key + " connected\n";
+    }
+}
+
+void clients_metrics(std::string &out) {
+    metric_family(out, "kestrel_link_up", "gauge", "1 while the link to another server is open.");
+    for (int link = 0; link < link_count; ++link)
+        metric_sample(out, "kestrel_link_up", "link=" + metric_quoted(clientconfig[link].key),
+                      client[link].connected ? "1" : "0");
+}
+
 unsigned long client_generation(int link) {
     return client[link].generation;
 }

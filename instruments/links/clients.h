@@ -84,6 +84,9 @@ int client_connect(int cn, int link);
 bool connected_to(int link);
 void disconnect_from(int cn, int link);
 void client_redefine(int cn, int link, const char *host, int port);
+// The links that are open as lines of a status, all of them as samples of metrics. Any thread.
+void clients_status(std::string &out);
+void clients_metrics(std::string &out);
 // How often the link has been opened: a remote handle is good for one count.
 unsigned long client_generation(int link);
 

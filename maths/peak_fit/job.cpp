@@ -4,12 +4,14 @@
 #include "server/interrupt.h"
 #include "server/output.h"
 #include "server/timebar.h"
+#include "support/metrics_text.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <condition_variable>
 #include <mutex>
 #include <new>
@@ -25,6 +27,8 @@ constexpr int fewest_for_threads = 65; // spectra along the scan axis
 constexpr auto poll_every = std::chrono::milliseconds(50);
 constexpr auto show_after = std::chrono::seconds(1);
 constexpr auto show_every = std::chrono::milliseconds(500);
+
+std::atomic<std::uint64_t> points_done{0}, points_failed{0}; // of all commands so far
 
 // What the threads of a part share.
 struct crew {
@@ -325,6 +329,8 @@ int peak_fit_close(int cn, const peak_fit_counts &c, int total) {
         sv_printf(cn, "! Fitting terminated by ^C\n");
         return -1;
     }
+    points_done.fetch_add(static_cast<std::uint64_t>(total), std::memory_order_relaxed);
+    points_failed.fetch_add(static_cast<std::uint64_t>(c.errors), std::memory_order_relaxed);
     const int warnings = c.insufficient + c.near_ends + c.high_at_ends;
     if (c.errors > 0 || warnings > 0)
         sv_printf(cn,
@@ -333,6 +339,13 @@ int peak_fit_close(int cn, const peak_fit_counts &c, int total) {
                   c.errors > 0 ? "! ERROR" : "# WARNING", c.errors, c.insufficient, c.near_ends,
                   c.high_at_ends, total);
     return c.errors > 0 ? -1 : warnings;
+}
+
+void peak_fit_metrics(std::string &out) {
+    metric_single(out, "kestrel_fits_total", "counter", "Points that peak fits were tried on.",
+                  std::to_string(points_done));
+    metric_single(out, "kestrel_fit_failures_total", "counter", "Points that could not be fitted.",
+                  std::to_string(points_failed));
 }
 
 } // namespace kestrel

@@ -6,6 +6,8 @@
 #include "maths/peak_fit/solver.h"
 #include "maths/peak_fit/spectra.h"
 
+#include <string>
+
 namespace kestrel {
 
 struct peak_fit_counts {
@@ -39,6 +41,9 @@ peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fi
 
 // The closing line and the command's result: -1 with errors, else the number of warnings.
 int peak_fit_close(int cn, const peak_fit_counts &counts, int total);
+
+// The points that commands have fitted so far, as samples of metrics. Any thread.
+void peak_fit_metrics(std::string &out);
 
 inline constexpr int peak_fit_most_neighbours = 16; // on each side, that are added to a poor spectrum
 

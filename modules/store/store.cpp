@@ -6,6 +6,7 @@
 #include "support/fd.h"
 #include "support/mapping.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -25,6 +26,8 @@ std::mutex img_mod_mutex;
 namespace {
 
 datamod_record *mapped = nullptr; // newest first; img_mod_mutex
+std::atomic<int> mapped_count{0};
+std::atomic<long long> mapped_bytes{0};
 constexpr int object_mode = 0777; // any user's display may map and mark a module
 
 // "/name", or errno (EINVAL for an empty name or one with a further "/", ENAMETOOLONG) and nothing.
@@ -90,6 +93,8 @@ int add_record(const char *name, unique_fd fd, std::size_t size, const struct st
         return cannot_map(name);
     }
     fresh->fd = fd.release();
+    mapped_count.fetch_add(1, std::memory_order_relaxed);
+    mapped_bytes.fetch_add(fresh->size, std::memory_order_relaxed);
     *head = mapping.release();
     *record = mapped = fresh.release();
     return 0;
@@ -213,6 +218,8 @@ int munlink(void *head) {
     cut_guard_remove(record->guard);
     ::munmap(record->address, static_cast<std::size_t>(record->size));
     ::close(record->fd);
+    mapped_count.fetch_sub(1, std::memory_order_relaxed);
+    mapped_bytes.fetch_sub(record->size, std::memory_order_relaxed);
     delete record;
     return 0;
 }
@@ -276,6 +283,10 @@ datamod_counts datamod_count() {
         counts.links += record->links;
     }
     return counts;
+}
+
+datamod_totals datamod_total() {
+    return {mapped_count.load(std::memory_order_relaxed), mapped_bytes.load(std::memory_order_relaxed)};
 }
 
 module_link::module_link(const char *name) {

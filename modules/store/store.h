@@ -65,6 +65,13 @@ struct datamod_counts {
 };
 datamod_counts datamod_count();
 
+// The mappings and their bytes, without a lock: a large module may be in the making.
+struct datamod_totals {
+    int mappings = 0;
+    long long bytes = 0;
+};
+datamod_totals datamod_total();
+
 // A link that ends with its scope.
 class module_link {
   public:

@@ -23,16 +23,17 @@ def prefix(tmp_path_factory):
 
 @pytest.fixture(scope="module")
 def options():
-    """(word, name of its value or None) as the program lists them."""
-    found = re.findall(r"^  (-[a-z]+)(?:\[=<([a-z]+)>\])? ", run(KESTREL, "-server?").stderr, re.M)
-    assert len(found) >= 5
-    return [*found, ("-server?", "")]
+    """(word, name of its value or "", whether it stands without one) as the program lists them."""
+    found = re.findall(r"^  (-[a-z-]+)(\[?)(?:=<([a-z]+)>\]?)? ", run(KESTREL, "-server?").stderr, re.M)
+    assert len(found) >= 9
+    return [(word, value, bool(bare) or not value) for word, bare, value in [*found, ("-server?", "", "")]]
 
 
 def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
-    assert files == ["bin/kestrel", "bin/kestrel-try-image", "include/kestrel/kestrel_module.h",
-                     "share/bash-completion/completions/kestrel", "share/man/man1/kestrel.1"]
+    assert files == ["bin/kestrel", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
+                     "share/bash-completion/completions/kestrel", "share/bash-completion/completions/kestrelctl",
+                     "share/man/man1/kestrel.1", "share/man/man1/kestrelctl.1"]
     assert run(prefix / "bin/kestrel", "-server?").returncode == 1
     source = f'#include "{prefix}/include/kestrel/kestrel_module.h"\n'
     assert run("cc", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-xc", "-", input=source).stderr == ""
@@ -44,7 +45,7 @@ def test_the_man_page(prefix, options):
     assert shown.stderr == "" and shown.returncode == 0
     described = re.search(r"^OPTIONS$(.*)^EXIT STATUS$", shown.stdout, re.M | re.S)[1]
     heads = re.findall(r"^ {7}(-\S+)$", described, re.M)
-    assert heads == [word + (f"[={value}]" if value else "") for word, value in options]
+    assert heads == [word + (value and (f"[={value}]" if bare else f"={value}")) for word, value, bare in options]
     for fact in "DATA_DIR", "KESTRELPATH", "kestrel.clients.ini", ".kestrel.inc", "SIGINT", "1972":
         assert fact in shown.stdout
 
@@ -58,7 +59,8 @@ def complete(prefix, folder, *words):
 
 
 def test_completion_offers_every_option(prefix, options, tmp_path):
-    wanted = [word + end for word, value in options for end in (["", "="] if value else [""])]
+    wanted = [word + end for word, value, bare in options
+              for end in [""] * bare + ["="] * bool(value)]
     assert complete(prefix, tmp_path, "-") == wanted
     assert complete(prefix, tmp_path, "-v") == ["-vlog", "-vlog="]
     (tmp_path / "night.log").touch()

@@ -29,7 +29,11 @@ def test_server_option_prints_what_the_server_understands(start):
         "  -startup[=<name>] Execute given start-up file (default: .kestrel.inc)\n"
         "  -log[=<name>]     Log commands to stdout or to the given file\n"
         "  -vlog[=<name>]    Verbose Log commands to stdout or to the given file\n"
-        "  -detach           Detach from the terminal (only in server mode)\n")
+        "  -detach           Detach from the terminal (only in server mode)\n"
+        "  -listen=<address> Take sessions at this address only\n"
+        "  -allow=<networks> Take sessions from these networks only\n"
+        "  -control=<path>   Put the control socket there\n"
+        "  -control-group=<name> Let this group use the control socket, too\n")
 
 
 @pytest.mark.parametrize("options", [["-what"], ["file"], ["-log", "-portal"], ["-Port"], ["-detached"], [""],

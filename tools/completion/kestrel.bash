@@ -9,12 +9,12 @@ _kestrel() {
     fi
     [[ $word == "~"* ]] && return # bash leaves it as it is, and no file is called so
     case $option in
-    -log | -vlog | -startup)
+    -log | -vlog | -startup | -control)
         compopt -o filenames
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         ;;
     '')
-        mapfile -t COMPREPLY < <(compgen -W '-port -port= -startup -startup= -log -log= -vlog -vlog= -detach -server?' -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W '-port -port= -startup -startup= -log -log= -vlog -vlog= -detach -listen= -allow= -control= -control-group= -server?' -- "$word")
         [[ ${COMPREPLY[0]-} == *= ]] && compopt -o nospace
         ;;
     esac

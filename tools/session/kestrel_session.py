@@ -2,6 +2,7 @@
 
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
+import atexit
 import errno
 import fcntl
 import os
@@ -10,10 +11,12 @@ import pty
 import re
 import resource
 import select
+import shutil
 import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import termios
 import time
 
@@ -23,6 +26,10 @@ SCALE = float(os.environ.get("KESTREL_TIME_SCALE", "1"))
 WAIT = 20 * SCALE  # seconds before a missing reply is a failure
 
 PROMPT = b"> "
+
+# Control sockets of what this process starts, also of what it kills, go with it.
+os.environ["XDG_RUNTIME_DIR"] = tempfile.mkdtemp(prefix="kestrel-")
+atexit.register(shutil.rmtree, os.environ["XDG_RUNTIME_DIR"], ignore_errors=True)
 
 
 def free_port():

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +43,7 @@ struct _unif_open_tbl {
 
 std::array<_unif_open_tbl, unified_max_handles> table;
 std::array<void (*)(), unified_max_clear_callbacks> clear_callbacks{};
+std::atomic<int> open_handles{0};
 std::string dtc_module = "kairo_times";
 thread_local std::string explanation;
 
@@ -78,6 +80,7 @@ void free_entry(_unif_open_tbl &entry) {
     entry.mmapped = nullptr;
     entry.corr_pre_post_scal = nullptr;
     entry.valid = 0;
+    open_handles.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void destroy_entry(_unif_open_tbl &entry, int handle) {
@@ -131,7 +134,12 @@ int unified_open(int cn, int path, int nx, int ny, int nt, int data_type, const 
     entry->source = source;
     entry->dtc_type = 0;
     entry->valid = 1;
+    open_handles.fetch_add(1, std::memory_order_relaxed);
     return static_cast<int>(entry - table.begin());
+}
+
+int unified_open_count() {
+    return open_handles.load(std::memory_order_relaxed);
 }
 
 int unified_close(int handle) {

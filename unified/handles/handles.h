@@ -95,6 +95,9 @@ int unified_close_and_destroy(int cn, int handle);
 void unified_close_all(int cn);
 void unif_connection_lost(int cn); // destroys what that session opened
 
+// How many handles are open; any thread.
+int unified_open_count();
+
 // Nothing for a number outside the table and a free handle.
 std::optional<unified_info> unified_info_of(int handle);
 std::optional<unified_correction> unified_correction_of(int handle);

@@ -1,6 +1,7 @@
 #include "pulsar3/lib/counts/shape.h"
 
 #include "pulsar3/lib/counts/run.h"
+#include "pulsar3/lib/frames/count_board.h"
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/paths/card_module.h"
 #include "pulsar3/lib/registers/bits.h"
@@ -245,6 +246,7 @@ void plr3_make_channels(PLR3Path &card, int path, int card_number) {
         slot->chan_of_system = card.chan_of_system + chan;
         slot->message_to = card.message_to;
         set_format(*slot, default_format);
+        plr3_board_add(*slot);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "pulsar3/lib/frames/histogram.h"
 
+#include "pulsar3/lib/frames/count_board.h"
 #include "pulsar3/lib/wire/error.h"
 
 #include <algorithm>
@@ -132,6 +133,7 @@ void wake(Histogram &h) {
 } // namespace
 
 Histogram::~Histogram() {
+    plr3_board_remove(*this);
     plr3_histogram_thread_stop(*this);
 }
 

@@ -1,0 +1,119 @@
+// A plane of a module in false colour: x and y of one frame, or x and frames of one channel (a waterfall); profiles along
+// the row and the column that were clicked.
+import {byId, everything, saveCsv, savePng, short, style} from "./common.js";
+
+const view = 1;
+
+// 256 colours from dark blue over green to yellow.
+const palette = Uint32Array.from({length: 256}, (_, i) => {
+    const f = i / 255, wave = (shift, width) => Math.exp(-(((f - shift) / width) ** 2));
+    const red = 255 * Math.min(1, 0.27 * wave(0, 0.25) + 0.99 * f ** 3), green = 255 * Math.min(1, 0.02 + 0.95 * f);
+    const blue = 255 * Math.min(1, 0.33 + 0.25 * wave(0.35, 0.3) - 0.25 * f);
+    return (255 << 24 | Math.round(blue) << 16 | Math.round(green) << 8 | Math.round(red)) >>> 0;
+});
+
+// Where each value stands from 0 to 255: linear, logarithmic, or as many pixels in each colour.
+export function ranks(values, how) {
+    const out = new Uint8Array(values.length);
+    if (how === "equalised") {
+        const sorted = Float64Array.from(values).filter(Number.isFinite).sort();
+        const distinct = Array.from(new Set(sorted)), below = new Map();
+        sorted.forEach((v, i) => { if (!below.has(v)) below.set(v, i); });
+        const last = below.get(distinct.at(-1)) || 1;
+        values.forEach((v, i) => { out[i] = 255 * (below.get(v) ?? 0) / last; });
+        return out;
+    }
+    const to = how === "log" ? (v) => Math.log1p(Math.max(v, 0)) : (v) => v;
+    let low = Infinity, high = -Infinity;
+    for (const v of values) {
+        low = v < low ? v : low;
+        high = v > high ? v : high;
+    }
+    const from = to(low), room = to(high) - from || 1;
+    values.forEach((v, i) => { out[i] = 255 * (to(v) - from) / room; });
+    return out;
+}
+
+export class Picture {
+    constructor(app) {
+        this.app = app;
+        for (const id of ["plane", "planenumber"])
+            byId(id).addEventListener("change", () => this.look());
+        byId("colours").addEventListener("change", () => this.head && this.draw(this.head));
+        byId("picture").addEventListener("click", (event) => {
+            const canvas = byId("picture"), box = canvas.getBoundingClientRect();
+            this.mark = [Math.floor((event.clientX - box.left) / box.width * canvas.width),
+                Math.floor((event.clientY - box.top) / box.height * canvas.height)];
+            this.profiles();
+        });
+    }
+
+    show() { this.shown = true; this.look(); }
+    hide() { this.shown = false; this.app.live.leave(view); }
+    select() { this.mark = null; this.look(); }
+
+    look() {
+        const module = this.app.module();
+        if (!this.shown || !module)
+            return;
+        const waterfall = byId("plane").value === "xt", n = Number(byId("planenumber").value) || 0;
+        byId("planename").textContent = waterfall ? "channel" : "frame";
+        const width = Math.max(200, (byId("image").clientWidth || 800) - 130);
+        const box = waterfall ? [0, everything, n, n, 0, everything] : [0, everything, 0, everything, n, n];
+        this.app.live.look(view, module.name, box, width, 480, (m) => this.draw(m));
+    }
+
+    draw(message) {
+        this.head = message;
+        const canvas = byId("picture"), pixels = new Uint32Array(message.columns * message.rows);
+        if (!pixels.length)
+            return;
+        ranks(message.values, byId("colours").value).forEach((rank, i) => { pixels[i] = palette[rank]; });
+        canvas.width = message.columns;
+        canvas.height = message.rows;
+        const width = Math.max(200, (byId("image").clientWidth || 800) - 130);
+        canvas.style.width = `${width}px`;
+        canvas.style.height = `${Math.min(480, Math.max(message.rows, 160))}px`;
+        canvas.getContext("2d").putImageData(new ImageData(new Uint8ClampedArray(pixels.buffer), message.columns, message.rows), 0, 0);
+        this.mark ??= [message.columns >> 1, message.rows >> 1];
+        this.profiles();
+    }
+
+    profiles() {
+        const {columns, rows, values} = this.head;
+        const x = Math.min(this.mark[0], columns - 1), y = Math.min(this.mark[1], rows - 1);
+        const along = Array.from(values.subarray(y * columns, (y + 1) * columns));
+        const down = Array.from({length: rows}, (_, i) => values[i * columns + x]);
+        line(byId("profilex"), along, parseInt(byId("picture").style.width), 120, false);
+        line(byId("profiley"), down, 120, parseInt(byId("picture").style.height), true);
+        this.shownProfiles = {x, y, along, down};
+        byId("imagereadout").textContent = `column ${x}, row ${y} of ${columns} × ${rows} (module ${this.head.nx} × ${this.head.ny} × ` +
+            `${this.head.nt}): ${short(values[y * columns + x])}`;
+    }
+
+    csv() {
+        const {columns, rows, values} = this.head;
+        saveCsv(`${this.app.module().name}-image.csv`,
+            Array.from({length: rows}, (_, y) => Array.from(values.subarray(y * columns, (y + 1) * columns))));
+    }
+
+    png() { savePng(`${this.app.module().name}-image.png`, byId("picture")); }
+    key() { return false; }
+}
+
+function line(canvas, values, width, height, upright) {
+    canvas.width = width;
+    canvas.height = height;
+    const ctx = canvas.getContext("2d");
+    const low = Math.min(0, ...values), room = Math.max(...values) - low || 1;
+    ctx.strokeStyle = style("--mark");
+    ctx.beginPath();
+    values.forEach((v, i) => {
+        const along = (i + 0.5) / values.length, up = (v - low) / room;
+        if (upright)
+            ctx.lineTo(2 + up * (width - 4), along * height);
+        else
+            ctx.lineTo(along * width, height - 2 - up * (height - 4));
+    });
+    ctx.stroke();
+}

@@ -1,0 +1,131 @@
+// The page: modules, tabs, keys. Each tab's view is a class of its own: show, hide, select, csv, png, key.
+import {byId} from "./common.js";
+import {Fit} from "./fit.js";
+import {Picture} from "./image.js";
+import {Live} from "./live.js";
+import {Overview} from "./overview.js";
+import {Rates} from "./rates.js";
+import {Spectra} from "./spectra.js";
+
+class App {
+    constructor() {
+        this.list = [];
+        this.chosen = null;
+        this.live = new Live((text) => this.take(text), (state) => { this.state = state; this.tellState(); });
+        const server = {show() {}, hide() {}, select() {}, csv() {}, png() {}, key: () => false};
+        this.tabs = {spectra: new Spectra(this), overview: new Overview(this), image: new Picture(this), fit: new Fit(this),
+            rates: new Rates(this), server};
+        byId("tabs").replaceChildren(...Object.keys(this.tabs).map((name, i) => {
+            const button = document.createElement("button");
+            Object.assign(button, {textContent: `${name} (${i + 1})`, id: `tab-${name}`});
+            button.setAttribute("role", "tab");
+            button.addEventListener("click", () => this.showTab(name));
+            return button;
+        }));
+        byId("filter").addEventListener("input", () => this.showModules());
+        byId("pause").addEventListener("click", () => this.pause());
+        byId("png").addEventListener("click", () => this.tab().png());
+        byId("csv").addEventListener("click", () => this.tab().csv());
+        document.addEventListener("keydown", (event) => this.key(event));
+        document.querySelectorAll("form").forEach((form) => form.addEventListener("submit", (event) => event.preventDefault()));
+        matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.tab().show());
+        setInterval(() => this.tellState(), 1000);
+        this.showTab("spectra");
+    }
+
+    tab() { return this.tabs[this.open]; }
+    module() { return this.named(this.chosen); }
+    named(name) { return this.list.find((m) => m.name === name); }
+
+    showTab(name) {
+        this.tabs[this.open]?.hide();
+        this.open = name;
+        for (const other of Object.keys(this.tabs)) {
+            byId(other).classList.toggle("shown", other === name);
+            byId(`tab-${other}`).setAttribute("aria-selected", other === name);
+        }
+        this.tab().show();
+    }
+
+    take(text) {
+        if (text.type === "modules")
+            this.takeModules(text.modules);
+        else if (text.type === "server")
+            this.takeServer(text);
+        else if (text.type === "announced" && byId("follow").checked && this.named(text.module))
+            this.choose(text.module, {display1d: "spectra", display2d: "image"}[text.how]);
+    }
+
+    takeModules(list) {
+        const before = JSON.stringify([this.module()?.nx, this.module()?.ny, this.module()?.nt]);
+        this.list = list;
+        this.tabs.fit.modules(list);
+        this.tabs.rates.modules(list);
+        this.showModules();
+        if (!this.module() && list.length && !this.chosen)
+            this.choose((list.find((m) => m.nx >= 16) ?? list[0]).name);
+        else if (this.module() && before !== JSON.stringify([this.module().nx, this.module().ny, this.module().nt]))
+            this.tab().select();
+    }
+
+    takeServer(text) {
+        byId("status").textContent = text.status;
+        const running = text.status.match(/^running (.*)$/m)?.[1], line = text.status.match(/^line (.*)$/m)?.[1];
+        const progress = text.status.match(/^progress (.*)$/m)?.[1];
+        byId("running").textContent = !text.answers ? text.status
+            : running === "nothing" ? "idle" : [line, progress, running].filter(Boolean).join("  ·  ");
+        this.tabs.rates.metrics(text.metrics);
+    }
+
+    tellState() {
+        const ages = this.live.ages.slice(-20).sort((a, b) => a - b);
+        const age = ages.length ? `  age ${Math.round(ages[ages.length >> 1])} ms` : "";
+        byId("link").textContent = this.state + (this.live.paused ? "  paused" : "") + age +
+            (this.live.lost ? `  ${this.live.lost} updates skipped (no data lost)` : "");
+        byId("link").classList.toggle("bad", this.state !== "live");
+    }
+
+    showModules() {
+        const wanted = byId("filter").value.toLowerCase();
+        byId("modules").replaceChildren(...this.list.filter((m) => `${m.name} ${m.title}`.toLowerCase().includes(wanted)).map((m) => {
+            const item = document.createElement("li"), button = document.createElement("button");
+            const details = document.createElement("small");
+            const changed = m.changed ? ` · changed ${new Date(m.changed).toLocaleTimeString()}` : "";
+            details.textContent = `${m.nx} × ${m.ny} × ${m.nt}  ${m.title}${changed}`;
+            button.append(m.name, details);
+            button.setAttribute("aria-current", m.name === this.chosen);
+            button.addEventListener("click", () => this.choose(m.name));
+            item.append(button);
+            return item;
+        }));
+    }
+
+    choose(name, tab) {
+        this.chosen = name;
+        this.showModules();
+        if (tab)
+            this.showTab(tab);
+        this.tab().select();
+    }
+
+    pause() {
+        this.live.paused = !this.live.paused;
+        this.tellState();
+    }
+
+    key(event) {
+        if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT|TEXTAREA)$/.test(event.target.tagName))
+            return;
+        const number = Number(event.key), names = Object.keys(this.tabs);
+        const keys = {" ": () => this.pause(), p: () => this.tab().png(), c: () => this.tab().csv(), "/": () => byId("filter").focus()};
+        if (number >= 1 && number <= names.length)
+            this.showTab(names[number - 1]);
+        else if (keys[event.key])
+            keys[event.key]();
+        else if (!this.tab().key(event))
+            return;
+        event.preventDefault();
+    }
+}
+
+window.display = new App(); // whoever looks closer finds it here

@@ -1,0 +1,237 @@
+// Spectra over one another: scales, energy axis, zoom and pan, cursor, regions, lines of elements.
+import uPlot from "./uPlot.esm.js";
+import {byId, everything, hues, numbersOf, saveCsv, savePng, scales, short, style} from "./common.js";
+import {elementLines} from "./lines.js";
+
+const view = 0, firstRegion = 8, mostRegions = 6, sideBins = 3;
+
+export class Spectra {
+    constructor(app) {
+        this.app = app;
+        this.range = null; // [first, last] channel, null: all
+        this.regions = []; // {from, to, row: {y, t}, result}
+        this.series = [];  // {y, t, values}, as they came
+        for (const id of ["channels", "frames"])
+            byId(id).addEventListener("change", () => { this.forgetRegions(); this.look(); });
+        for (const id of ["scale", "offset", "gain", "elements"])
+            byId(id).addEventListener("input", () => this.draw());
+        byId("full").addEventListener("click", () => this.zoom(null));
+        byId("region").addEventListener("click", () => this.addRegion(...this.shownRange()));
+        new ResizeObserver(() => { if (this.shown) this.look(); }).observe(byId("plot"));
+    }
+
+    show() { this.shown = true; this.look(); }
+    hide() { this.shown = false; this.app.live.leave(view); this.leaveRegions(); }
+    select() { this.range = null; this.forgetRegions(); this.data = null; this.look(); }
+
+    look() {
+        const module = this.app.module();
+        if (!this.shown || !module)
+            return;
+        this.ys = numbersOf(byId("channels").value).filter((n) => n < module.ny);
+        this.ts = numbersOf(byId("frames").value).filter((n) => n < module.nt);
+        this.ys = this.ys.length ? this.ys : [0];
+        this.ts = this.ts.length ? this.ts : [0];
+        const [x0, x1] = this.range ?? [0, everything];
+        const rows = (this.ys.at(-1) - this.ys[0] + 1) * (this.ts.at(-1) - this.ts[0] + 1);
+        this.app.live.look(view, module.name, [x0, x1, this.ys[0], this.ys.at(-1), this.ts[0], this.ts.at(-1)],
+            Math.round(byId("plot").clientWidth * devicePixelRatio) || 1000, rows, (m) => this.take(m));
+        this.lookAtRegions();
+    }
+
+    take(message) {
+        const height = message.y1 - message.y0 + 1;
+        this.head = message;
+        this.series = [];
+        for (const t of this.ts)
+            for (const y of this.ys) {
+                const row = (t - message.t0) * height + y - message.y0;
+                if (row >= 0 && row < message.rows)
+                    this.series.push({y, t, values: message.values.subarray(row * message.columns, (row + 1) * message.columns)});
+            }
+        this.draw();
+    }
+
+    energy(channel) { return (Number(byId("offset").value) || 0) + (Number(byId("gain").value) || 1) * channel; }
+    channel(energy) { return (energy - (Number(byId("offset").value) || 0)) / (Number(byId("gain").value) || 1); }
+
+    draw() {
+        const head = this.head;
+        if (!head || !this.shown)
+            return;
+        const scale = scales[byId("scale").value];
+        const step = (head.x1 - head.x0 + 1) / head.columns;
+        const xs = Float64Array.from({length: head.columns}, (_, i) => this.energy(head.x0 + Math.floor(i * step)));
+        this.data = [xs, ...this.series.map((s) => Array.from(s.values, (v) => Number.isNaN(v) ? null : scale.to(v)))];
+        const box = byId("plot"), width = box.clientWidth || 600;
+        const key = [this.series.length, byId("scale").value, style("--ink")].join();
+        if (this.plot && this.plotKey === key) {
+            if (this.plot.width !== width)
+                this.plot.setSize({width, height: 360});
+            this.plot.setData(this.data);
+            return;
+        }
+        this.plot?.destroy();
+        this.plotKey = key;
+        const axis = {stroke: style("--ink"), grid: {stroke: style("--line"), width: 1}, ticks: {stroke: style("--line"), width: 1}};
+        this.plot = new uPlot({
+            width, height: 360, scales: {x: {time: false}}, legend: {show: false},
+            axes: [axis, {...axis, size: 70, values: (u, ticks) => ticks.map((y) => short(Number(scale.from(y).toPrecision(3))))}],
+            series: [{}, ...this.series.map((s, i) => ({stroke: hues[i % hues.length], width: 1, points: {show: false},
+                paths: uPlot.paths.stepped({align: 1})}))],
+            cursor: {drag: {x: true, y: false, setScale: false}},
+            hooks: {setSelect: [(u) => this.selected(u)], setCursor: [(u) => this.readOut(u)], draw: [(u) => this.drawLines(u)]},
+        }, this.data, box);
+        this.plot.over.addEventListener("dblclick", () => this.zoom(null));
+        this.plot.over.addEventListener("wheel", (event) => {
+            event.preventDefault();
+            this.zoomBy(event.deltaY < 0 ? 0.7 : 1 / 0.7, this.channel(this.plot.posToVal(event.offsetX, "x")));
+        });
+    }
+
+    selected(u) {
+        if (u.select.width < 3)
+            return;
+        const ends = [u.posToVal(u.select.left, "x"), u.posToVal(u.select.left + u.select.width, "x")].map((e) => this.channel(e));
+        u.setSelect({left: 0, width: 0, top: 0, height: 0}, false);
+        this.zoom([Math.floor(Math.min(...ends)), Math.ceil(Math.max(...ends))]);
+    }
+
+    shownRange() { return this.head ? [this.head.x0, this.head.x1] : [0, 0]; }
+
+    zoom(range) {
+        const last = this.head ? this.head.nx - 1 : 0;
+        this.range = range && [Math.max(0, Math.min(range[0], last)), Math.max(0, Math.min(range[1], last))];
+        this.look();
+    }
+
+    zoomBy(factor, centre) {
+        const [a, b] = this.shownRange(), middle = centre ?? (a + b) / 2;
+        const range = [Math.round(middle - (middle - a) * factor), Math.round(middle + (b - middle) * factor)];
+        if (range[1] > range[0])
+            this.zoom(range);
+    }
+
+    pan(part) {
+        const [a, b] = this.shownRange();
+        const by = Math.max(-a, Math.min(Math.round((b - a + 1) * part), this.head.nx - 1 - b));
+        this.zoom([a + by, b + by]);
+    }
+
+    readOut(u) {
+        const i = u.cursor.idx;
+        if (i === null || i === undefined || !this.head)
+            return;
+        const step = (this.head.x1 - this.head.x0 + 1) / this.head.columns;
+        const channel = this.head.x0 + Math.floor(i * step);
+        const counts = this.series.map((s) => `${s.y}${this.ts.length > 1 ? "/" + s.t : ""}: ${short(s.values[i])}`).join("  ");
+        byId("readout").textContent = `channel ${channel}${step > 1 ? "… (maximum)" : ""}  energy ${short(this.energy(channel))}  ${counts}`;
+    }
+
+    drawLines(u) {
+        const {ctx, bbox} = u;
+        ctx.save();
+        ctx.font = `${11 * devicePixelRatio}px sans-serif`;
+        byId("elements").value.split(/[ ,]+/).forEach((element, i) => {
+            ctx.strokeStyle = ctx.fillStyle = hues[(i + 1) % hues.length];
+            for (const [name, energy] of Object.entries(elementLines[element] ?? {})) {
+                const x = u.valToPos(energy, "x", true);
+                if (x < bbox.left || x > bbox.left + bbox.width)
+                    continue;
+                ctx.setLineDash([4, 4]);
+                ctx.beginPath();
+                ctx.moveTo(x, bbox.top);
+                ctx.lineTo(x, bbox.top + bbox.height);
+                ctx.stroke();
+                ctx.fillText(`${element} ${name}`, x + 3, bbox.top + (12 + 12 * (i % 4)) * devicePixelRatio);
+            }
+        });
+        ctx.restore();
+    }
+
+    // ---- regions: their own bins come whole, whatever the zoom is
+
+    addRegion(from, to) {
+        if (this.regions.length >= mostRegions || to < from || !this.series.length)
+            return;
+        this.regions.push({from, to, y: this.series[0].y, t: this.series[0].t});
+        this.lookAtRegions();
+        this.showRegions();
+    }
+
+    forgetRegions() { this.leaveRegions(); this.regions = []; this.showRegions(); }
+    leaveRegions() { this.regions.forEach((_, i) => this.app.live.leave(firstRegion + i)); }
+
+    lookAtRegions() {
+        const module = this.app.module();
+        this.regions.forEach((r, i) => {
+            const a = Math.max(r.from - sideBins, 0), b = r.to + sideBins;
+            this.app.live.look(firstRegion + i, module.name, [a, b, r.y, r.y, r.t, r.t], b - a + 1, 1, (m) => {
+                r.result = sumOf(m, r);
+                this.showRegions();
+            });
+        });
+    }
+
+    showRegions() {
+        byId("regions").tBodies[0].replaceChildren(...this.regions.map((r, i) => {
+            const row = document.createElement("tr");
+            const cells = [`${r.from}–${r.to}`, `${r.y}, ${r.t}`, short(r.result?.sum), short(r.result?.net), short(r.result?.error)];
+            cells.forEach((text) => { row.insertCell().textContent = text; });
+            const button = document.createElement("button");
+            button.textContent = "×";
+            button.addEventListener("click", () => {
+                this.leaveRegions();
+                this.regions.splice(i, 1);
+                this.lookAtRegions();
+                this.showRegions();
+            });
+            row.insertCell().append(button);
+            return row;
+        }));
+    }
+
+    csv() {
+        const head = this.head, step = (head.x1 - head.x0 + 1) / head.columns;
+        const rows = [["channel", "energy", ...this.series.map((s) => `channel ${s.y} frame ${s.t}`)]];
+        for (let i = 0; i < head.columns; ++i) {
+            const channel = head.x0 + Math.floor(i * step);
+            rows.push([channel, this.energy(channel), ...this.series.map((s) => s.values[i])]);
+        }
+        saveCsv(`${this.app.module().name}.csv`, rows);
+    }
+
+    png() { savePng(`${this.app.module().name}.png`, this.plot.ctx.canvas); }
+    key(event) {
+        const moves = {ArrowLeft: () => this.pan(-0.25), ArrowRight: () => this.pan(0.25), "+": () => this.zoomBy(0.5),
+            "-": () => this.zoomBy(2), f: () => this.zoom(null), r: () => this.addRegion(...this.shownRange()), l: () => {
+                byId("scale").selectedIndex = (byId("scale").selectedIndex + 1) % 3;
+                this.draw();
+            }};
+        moves[event.key]?.();
+        return event.key in moves;
+    }
+}
+
+// The counts from..to, less a straight line through the means of the bins beside them, as far as there are some. The
+// error is that of counting, in the region and in the bins that the line comes from.
+export function sumOf(message, {from, to}) {
+    const at = (x) => message.values[x - message.x0];
+    let sum = 0, beside = 0, bins = 0;
+    const last = Math.min(to, message.nx - 1);
+    for (let x = from; x <= last; ++x)
+        sum += at(x);
+    const sides = [[message.x0, from - 1], [last + 1, message.x1]].filter(([a, b]) => b >= a);
+    const means = sides.map(([a, b]) => {
+        let total = 0;
+        for (let x = a; x <= b; ++x)
+            total += at(x);
+        beside += total / (b - a + 1) ** 2;
+        bins += b - a + 1;
+        return total / (b - a + 1);
+    });
+    const width = last - from + 1;
+    const background = bins ? width * means.reduce((a, b) => a + b, 0) / means.length : 0;
+    const variance = sum + (means.length ? beside * (width / means.length) ** 2 : 0);
+    return {sum, net: sum - background, error: Math.sqrt(Math.max(variance, 0))};
+}

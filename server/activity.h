@@ -1,0 +1,34 @@
+// server: what the process is busy with, for those who ask while it is: which sessions there are, whose line runs, how
+// far it is. The command thread writes it and never waits for a reader longer than a reader needs to copy a row.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kestrel {
+
+using activity_clock = std::chrono::system_clock;
+
+// Called by the command thread as things happen. `peer` is "terminal" or a dotted address; a line comes masked.
+void activity_open(int cn, std::string_view peer);
+void activity_close(int cn);
+void activity_begin(int cn, std::string_view line);
+void activity_end();
+// Progress may come from any thread.
+void activity_progress(int cn, int done, int total, std::string_view label);
+
+// Bytes that sessions were sent; any thread.
+extern std::atomic<std::uint64_t> sv_bytes_out;
+
+// The words of `kestrelctl status` about sessions and the line that runs, and the samples about them.
+void activity_status(std::string &out);
+void activity_metrics(std::string &out);
+
+// Interrupts the line that runs as ^C does; with a session's number (not -1) only when it is that session's line. What
+// was done or why not, in one line without its end.
+std::string activity_stop(int cn);
+
+} // namespace kestrel

@@ -1,0 +1,27 @@
+// server: who may connect, and where the server listens: the options -allow and -listen. IPv4, as the sessions are.
+#pragma once
+
+#include <cstdint>
+#include <netinet/in.h>
+#include <string_view>
+#include <vector>
+
+namespace kestrel {
+
+// The addresses whose first `bits` bits are those of `address`; both in the host's byte order.
+struct ip_network {
+    std::uint32_t address = 0;
+    int bits = 32;
+};
+
+// "NETWORK[,NETWORK]", each a dotted address with "/bits" behind it or without (that one address). Nothing of the list
+// is taken when one of them is not; an empty list is none.
+bool sv_parse_networks(std::string_view text, std::vector<ip_network> &networks);
+
+// A dotted address; false for anything else.
+bool sv_parse_address(std::string_view text, in_addr &address);
+
+// Without networks everybody may.
+bool sv_is_allowed(const std::vector<ip_network> &networks, in_addr peer);
+
+} // namespace kestrel
