@@ -1,4 +1,4 @@
-// server: network mode. One select loop accepts sessions, assembles their lines and runs them.
+// server: network mode. One loop accepts sessions, assembles their lines and runs them.
 //
 // A turn looks at the sockets once and then serves what has been received, one line a session and round. A
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
@@ -330,7 +330,7 @@ void serve(loop_state &loop) {
 
 // Takes what came on the watched sockets. What a session has received is served before more is taken.
 void receive_from_ready(loop_state &loop) {
-    for (const auto &[cn, room] : loop.watch.ready()) {
+    for (const auto &[cn, room] : loop.watch.sessions()) {
         if (room)
             outbox_try(cn);
         else if (client[cn].valid && sv_received(client[cn].received).empty()) {
@@ -343,16 +343,13 @@ void receive_from_ready(loop_state &loop) {
 
 void turn(loop_state &loop) {
     find_sessions(loop);
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(loop.watch.descriptor(), &readable);
+    fd_set others;
+    FD_ZERO(&others);
     if (nr_conns < sv_max_clients)
-        FD_SET(listen_socket, &readable);
-    int highest = std::max(loop.watch.descriptor(), listen_socket);
-    if (user_select_add)
-        highest = user_select_add(&readable, highest);
-    timeval timeout{loop.sessions.empty() ? select_seconds : 0, 0};
-    if (::select(highest + 1, &readable, nullptr, nullptr, &timeout) < 0) {
+        FD_SET(listen_socket, &others);
+    const int highest = user_select_add ? user_select_add(&others, listen_socket) : listen_socket;
+    loop.watch.watch_others(others, highest);
+    if (!loop.watch.wait(loop.sessions.empty() ? select_seconds * 1000 : 0)) {
         if (errno == EINTR)
             return;
         const int error = errno;
@@ -360,11 +357,10 @@ void turn(loop_state &loop) {
         sv_die(error);
     }
     if (user_select_test)
-        user_select_test(&readable);
-    if (FD_ISSET(listen_socket, &readable))
+        user_select_test(&loop.watch.others());
+    if (FD_ISSET(listen_socket, &loop.watch.others()))
         accept_session(loop.watch);
-    if (FD_ISSET(loop.watch.descriptor(), &readable))
-        receive_from_ready(loop);
+    receive_from_ready(loop);
     if (!loop.sessions.empty())
         serve(loop);
 }

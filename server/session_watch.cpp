@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
+#include <sys/epoll.h>
 
 namespace kestrel {
 
 namespace {
+
+constexpr std::uint32_t other = 1U << 16; // added to descriptors that are not sessions
 
 epoll_event event_of(int cn, bool room) {
     epoll_event event{};
@@ -34,16 +38,35 @@ void session_watch::watch_for(int cn, int fd, bool room) {
         watched = room;
 }
 
-std::span<const session_watch::ready_session> session_watch::ready() {
-    const int count = ::epoll_wait(set_.get(), events_.data(), static_cast<int>(events_.size()), 0);
-    const std::size_t some = static_cast<std::size_t>(std::max(count, 0));
-    for (std::size_t i = 0; i < some; ++i) {
-        const int cn = static_cast<int>(events_[i].data.u32);
-        ready_[i] = {cn, room_[static_cast<std::size_t>(cn)]};
+void session_watch::watch_others(const fd_set &set, int highest) {
+    if (std::memcmp(&set, &others_, sizeof set) == 0)
+        return;
+    for (int fd = 0; fd <= std::max(highest, highest_other_); ++fd) {
+        const bool wanted = FD_ISSET(fd, &set), watched = FD_ISSET(fd, &others_);
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = other + static_cast<std::uint32_t>(fd);
+        if (wanted != watched)
+            ::epoll_ctl(set_.get(), wanted ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, fd, &event);
     }
-    const std::span<ready_session> found(ready_.data(), some);
-    std::sort(found.begin(), found.end(), [](auto &a, auto &b) { return a.cn < b.cn; });
-    return found;
+    others_ = set;
+    highest_other_ = highest;
+}
+
+bool session_watch::wait(int timeout_ms) {
+    epoll_event events[sv_max_clients];
+    const int count = ::epoll_wait(set_.get(), events, sv_max_clients, timeout_ms);
+    ready_count_ = 0;
+    FD_ZERO(&others_ready_);
+    for (int i = 0; i < count; ++i) {
+        const std::uint32_t who = events[i].data.u32;
+        if (who >= other)
+            FD_SET(who - other, &others_ready_);
+        else
+            ready_[ready_count_++] = {static_cast<int>(who), room_[who]};
+    }
+    std::sort(ready_.data(), ready_.data() + ready_count_, [](auto &a, auto &b) { return a.cn < b.cn; });
+    return count >= 0;
 }
 
 } // namespace kestrel

@@ -1,13 +1,15 @@
-// server: the sessions' sockets in one epoll set, so that silent sessions cost nothing in a turn of the loop.
-// Used by the command thread. A closed socket leaves the set by itself: no other process keeps it open.
+// server: what the network loop waits for, in one epoll set: the sessions' sockets, of which silent ones cost
+// nothing, and the few other descriptors. Used by the command thread. A closed socket leaves the set by itself:
+// no other process keeps it open.
 #pragma once
 
 #include "server/session.h"
 #include "support/fd.h"
 
 #include <array>
+#include <cstddef>
 #include <span>
-#include <sys/epoll.h>
+#include <sys/select.h>
 
 namespace kestrel {
 
@@ -16,8 +18,8 @@ class session_watch {
     // Makes the set: false with errno.
     bool open();
 
-    // Readable for select while a socket of the set is ready.
-    int descriptor() const { return set_.get(); }
+    // The other descriptors that are watched for reading: those of this set, whatever they were before.
+    void watch_others(const fd_set &set, int highest);
 
     // Watches a new session's socket for what it sends. False with errno when the kernel cannot.
     bool add(int cn, int fd);
@@ -29,14 +31,20 @@ class session_watch {
         int cn;
         bool room; // it was watched for room to send
     };
-    // The sessions whose sockets are ready, in order of slots; good until the next call.
-    std::span<const ready_session> ready();
+    // Waits until a descriptor is ready, or that long. False with errno.
+    bool wait(int timeout_ms);
+    // What the last wait found: the sessions, in order of slots, and which of the others.
+    std::span<const ready_session> sessions() const { return {ready_.data(), ready_count_}; }
+    const fd_set &others() const { return others_ready_; }
 
   private:
     unique_fd set_;
     std::array<bool, sv_max_clients> room_{};
-    std::array<epoll_event, sv_max_clients> events_;
     std::array<ready_session, sv_max_clients> ready_;
+    std::size_t ready_count_ = 0;
+    fd_set others_{};
+    fd_set others_ready_{};
+    int highest_other_ = -1;
 };
 
 } // namespace kestrel
