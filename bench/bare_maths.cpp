@@ -52,7 +52,8 @@ void accumulate(std::size_t first, std::size_t last) {
 
 void accumulate_long(std::size_t first, std::size_t last) {
     for (std::size_t row = first; row < last; ++row)
-        sums[row] = sum_of<std::uint32_t, std::uint32_t>(reinterpret_cast<const std::uint32_t *>(a) + row * nx, nx);
+        sums[row] =
+            sum_of<std::uint32_t, std::uint32_t>(reinterpret_cast<const std::uint32_t *>(a) + row * nx, nx);
 }
 
 void row_sums(std::size_t first, std::size_t last) {
@@ -107,9 +108,12 @@ constexpr struct {
     const char *name;
     void (*loop)(std::size_t, std::size_t);
     bool of_plane;
-} loops[] = {{"accumulate", accumulate, false}, {"accumulate-long", accumulate_long, false},
-             {"integrate-t", row_sums, false},  {"integrate-xy", plane_sum, true},
-             {"centroid-x", centroid_x, false}, {"re-bin", bin_2x2, false},
+} loops[] = {{"accumulate", accumulate, false},
+             {"accumulate-long", accumulate_long, false},
+             {"integrate-t", row_sums, false},
+             {"integrate-xy", plane_sum, true},
+             {"centroid-x", centroid_x, false},
+             {"re-bin", bin_2x2, false},
              {"add", add, false}};
 
 } // namespace
@@ -137,7 +141,8 @@ int main(int argc, char **argv) {
                         others.emplace_back(loop.loop, k * share, (k + 1) * share);
                     loop.loop(0, share);
                 }
-                std::printf("%.9f\n", std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+                std::printf("%.9f\n",
+                            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
                 std::fflush(stdout);
             }
 }

@@ -123,7 +123,8 @@ std::size_t type_code(int utype) {
     return utype == el_long ? 0 : utype == el_float ? 1 : 2;
 }
 
-int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop, const binary_operation &o) {
+int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop,
+                 const binary_operation &o) {
     constexpr int at_once = 64; // rows of a part
     const auto rows_a = umaths_all_rows(cn, a);
     const auto rows_b = rows_a ? umaths_all_rows(cn, b) : std::nullopt;
@@ -145,7 +146,8 @@ int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop l
 }
 
 // Row by row: they may not be held together.
-int combine_read(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop, const binary_operation &o) {
+int combine_read(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop,
+                 const binary_operation &o) {
     for (int plane = 0; plane < a.dt; ++plane)
         for (int row = 0; row < a.dy; ++row) {
             const std::byte *from_a = umaths_get_line(cn, row, plane, a);
@@ -174,7 +176,8 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
         return -1;
     }
     const binary_operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
-                      static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
+                             static_cast<float>(q.real("threshold", 1.0)),
+                             static_cast<float>(q.real("scale"))};
     const umaths_destination to = umaths_destination_of(q);
     const umaths_region size_a = umaths_whole(handle_a), size_b = umaths_whole(handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {

@@ -24,7 +24,8 @@ constexpr std::size_t line_bytes = 64; // of the cache
 template <class T> void fetch_ahead(const T *at) {
     constexpr std::uintptr_t distance = 4096;
     for (std::size_t line = 0; line < lanes * sizeof(T); line += line_bytes)
-        __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + distance + line));
+        __builtin_prefetch(
+            reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + distance + line));
 }
 
 // Sixteen elements to an address at the start of a line of the cache.
@@ -46,28 +47,23 @@ template <class T> void store_past_cache(const T *from, T *to) {
 #endif
 }
 
-// Stores value(i) for each i below count, sixteen at a time; ahead(i) goes before sixteen.
-template <class T, class Value, class Ahead>
-void store_each(T *__restrict out, std::size_t count, bool past_cache, Value value, Ahead ahead) {
+// Stores `count` results: sixteen(i, to) makes those from i on, one(i) a single one.
+template <class T, class Sixteen, class One>
+void store_each(T *__restrict out, std::size_t count, bool past_cache, Sixteen sixteen, One one) {
     std::size_t i = 0;
     if (past_cache) {
         for (; i < count && reinterpret_cast<std::uintptr_t>(out + i) % line_bytes != 0; ++i)
-            out[i] = value(i);
+            out[i] = one(i);
         for (; i + lanes <= count; i += lanes) {
-            ahead(i);
             alignas(line_bytes) T line[lanes];
-            for (std::size_t k = 0; k < lanes; ++k)
-                line[k] = value(i + k);
+            sixteen(i, line);
             store_past_cache(line, out + i);
         }
     }
-    for (; i + lanes <= count; i += lanes) {
-        ahead(i);
-        for (std::size_t k = 0; k < lanes; ++k)
-            out[i + k] = value(i + k);
-    }
+    for (; i + lanes <= count; i += lanes)
+        sixteen(i, out + i);
     for (; i < count; ++i)
-        out[i] = value(i);
+        out[i] = one(i);
 }
 
 // ---- sums
@@ -92,7 +88,8 @@ template <class T, class S> void totals(const T *const *rows, std::size_t count,
 }
 
 template <class T, class S> void add(const T *const *rows, std::size_t count, S *__restrict sums) {
-    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2], *__restrict d = rows[3];
+    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
+                        *__restrict d = rows[3];
     const auto one = [&](std::size_t i) { sums[i] = sums[i] + a[i] + b[i] + c[i] + d[i]; };
     std::size_t i = 0;
     for (; i + lanes <= count; i += lanes) {
@@ -139,7 +136,8 @@ template <class T> void moments(const T *const *rows, std::size_t count, double 
 template <class T>
 void add_moments(const T *const *rows, std::size_t count, double first, double *__restrict f,
                  double *__restrict fc) {
-    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2], *__restrict d = rows[3];
+    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
+                        *__restrict d = rows[3];
     const auto one = [&](std::size_t i) {
         const double va = a[i], vb = b[i], vc = c[i], vd = d[i];
         f[i] = f[i] + va + vb + vc + vd;
@@ -159,53 +157,77 @@ void add_moments(const T *const *rows, std::size_t count, double first, double *
 // ---- bins
 
 // What bins are summed in: what is left of a sum of counts is the same in 32 bits.
-template <class T> struct bin_sum {
-    using type = T;
-};
-template <> struct bin_sum<float> {
-    using type = double;
-};
+template <class T> struct bin_sum { using type = T; };
+template <> struct bin_sum<float> { using type = double; };
 
-constexpr std::size_t bins_at_once = 512; // their sums stay in the nearest cache
-
-template <class T, class S>
-void bin_by(const T *from, std::size_t factor, std::size_t bins, S *__restrict sums) {
-    for (std::size_t j = 0; j < bins; ++j) {
-        S sum = from[j * factor];
-        for (std::size_t k = 1; k < factor; ++k)
-            sum += from[j * factor + k];
-        sums[j] += sum;
-    }
+template <class S, class T> S one_bin(const T *from, std::size_t factor) {
+    S sum = from[0];
+    for (std::size_t k = 1; k < factor; ++k)
+        sum += from[k];
+    return sum;
 }
 
-// The usual factors as constants have faster loops.
-template <class T, class S>
-void bin_row(const T *from, std::size_t factor, std::size_t bins, S *__restrict sums) {
-    switch (factor) {
-    case 1:
-        return bin_by(from, 1, bins, sums);
-    case 2:
-        return bin_by(from, 2, bins, sums);
-    case 4:
-        return bin_by(from, 4, bins, sums);
-    default:
-        return bin_by(from, factor, bins, sums);
+template <class T, class S> struct any_factor {
+    std::size_t factor;
+    void add_sixteen(const T *from, S *sums) const {
+        for (std::size_t k = 0; k < lanes; ++k)
+            sums[k] += one_bin<S>(from + k * factor, factor);
     }
+};
+
+// The same for a usual factor. The elements are sorted first: the vectoriser needs it so.
+template <class T, class S, std::size_t Factor> struct fixed_factor {
+    static constexpr std::size_t factor = Factor;
+    static void add_sixteen(const T *from, S *sums) {
+        T sorted[Factor][lanes];
+        for (std::size_t k = 0; k < lanes; ++k)
+            for (std::size_t f = 0; f < Factor; ++f)
+                sorted[f][k] = from[k * Factor + f];
+        for (std::size_t k = 0; k < lanes; ++k) {
+            S sum = sorted[0][k];
+            for (std::size_t f = 1; f < Factor; ++f)
+                sum += sorted[f][k];
+            sums[k] += sum;
+        }
+    }
+};
+
+template <class T, class S, class By>
+void bin_by(const By &by, const T *const *rows, std::size_t number, std::size_t bins, T *out,
+            bool past_cache) {
+    const auto sixteen = [&](std::size_t j, T *to) {
+        S sums[lanes] = {};
+        for (std::size_t r = 0; r < number; ++r) {
+            const T *from = rows[r] + j * by.factor;
+            for (std::size_t k = 0; k < by.factor; ++k)
+                fetch_ahead(from + k * lanes);
+            by.add_sixteen(from, sums);
+        }
+        for (std::size_t k = 0; k < lanes; ++k)
+            to[k] = static_cast<T>(sums[k]);
+    };
+    const auto one = [&](std::size_t j) {
+        S sum = 0;
+        for (std::size_t r = 0; r < number; ++r)
+            sum += one_bin<S>(rows[r] + j * by.factor, by.factor);
+        return static_cast<T>(sum);
+    };
+    store_each(out, bins, past_cache, sixteen, one);
 }
 
 template <class T>
 void bin(const T *const *rows, std::size_t number, std::size_t factor, std::size_t bins, T *out,
          bool past_cache) {
-    typename bin_sum<T>::type sums[bins_at_once];
-    for (std::size_t at = 0; at < bins; at += bins_at_once) {
-        const std::size_t some = bins - at < bins_at_once ? bins - at : bins_at_once;
-        for (std::size_t j = 0; j < some; ++j)
-            sums[j] = 0;
-        for (std::size_t r = 0; r < number; ++r)
-            bin_row(rows[r] + at * factor, factor, some, sums);
-        store_each(
-            out + at, some, past_cache, [&](std::size_t j) { return static_cast<T>(sums[j]); },
-            [](std::size_t) {});
+    using S = typename bin_sum<T>::type;
+    switch (factor) {
+    case 1:
+        return bin_by<T, S>(fixed_factor<T, S, 1>(), rows, number, bins, out, past_cache);
+    case 2:
+        return bin_by<T, S>(fixed_factor<T, S, 2>(), rows, number, bins, out, past_cache);
+    case 4:
+        return bin_by<T, S>(fixed_factor<T, S, 4>(), rows, number, bins, out, past_cache);
+    default:
+        return bin_by<T, S>(any_factor<T, S>{factor}, rows, number, bins, out, past_cache);
     }
 }
 
@@ -214,13 +236,14 @@ void bin(const T *const *rows, std::size_t number, std::size_t factor, std::size
 template <class A, class B, class F>
 void combine_each(const A *__restrict a, const B *__restrict b, float *__restrict out, std::size_t count,
                   bool past_cache, F f) {
-    store_each(
-        out, count, past_cache,
-        [&](std::size_t i) { return f(static_cast<float>(a[i]), static_cast<float>(b[i])); },
-        [&](std::size_t i) {
-            fetch_ahead(a + i);
-            fetch_ahead(b + i);
-        });
+    const auto one = [&](std::size_t i) { return f(static_cast<float>(a[i]), static_cast<float>(b[i])); };
+    const auto sixteen = [&](std::size_t i, float *__restrict to) {
+        fetch_ahead(a + i);
+        fetch_ahead(b + i);
+        for (std::size_t k = 0; k < lanes; ++k)
+            to[k] = one(i + k);
+    };
+    store_each(out, count, past_cache, sixteen, one);
 }
 
 template <class A, class B>

@@ -13,8 +13,9 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t touched_from = 1 << 20;     // bytes
-constexpr std::size_t past_cache_from = 16 << 20; // bytes; the last level of cache is shared with other programs
+constexpr std::size_t touched_from = 1 << 20; // bytes
+constexpr std::size_t past_cache_from = 16
+                                        << 20; // bytes; the last level of cache is shared with other programs
 
 int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
     const auto refuse = [&out] {

@@ -65,7 +65,8 @@ struct umaths_rows {
     const std::byte *first = nullptr;
     std::size_t row_apart = 0, plane_apart = 0; // bytes
     const std::byte *at(int row, int plane) const {
-        return first + static_cast<std::size_t>(row) * row_apart + static_cast<std::size_t>(plane) * plane_apart;
+        return first + static_cast<std::size_t>(row) * row_apart +
+               static_cast<std::size_t>(plane) * plane_apart;
     }
     template <class T> const T *row(int row, int plane) const {
         return reinterpret_cast<const T *>(at(row, plane));

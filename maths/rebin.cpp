@@ -1,6 +1,5 @@
 // `maths re-bin`: a region at a lower resolution.
 #include "maths/kernels.h"
-#include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
 #include "maths/share.h"
@@ -50,8 +49,8 @@ void bin_into(T *out, const factors &by, const result_size &size, int row, int p
         for (int y = 0; y < by.y; ++y)
             lines.push_back(at(row * by.y + y, plane * by.t + t));
     umaths_loops_of<T>(umaths_loops())
-        .bin(lines.data(), lines.size(), static_cast<std::size_t>(by.x), static_cast<std::size_t>(size.nx), out,
-             past_cache);
+        .bin(lines.data(), lines.size(), static_cast<std::size_t>(by.x), static_cast<std::size_t>(size.nx),
+             out, past_cache);
 }
 
 template <class T>
@@ -65,7 +64,8 @@ int rebin_held(int cn, UMaths &r, const factors &by, const result_size &size, UM
         return -1;
     const int blocks = (size.ny + at_once - 1) / at_once;
     const bool all = umaths_share(cn, r, blocks * size.nt, [&](int part) {
-        const int plane = part / blocks, top = part % blocks * at_once, end = std::min(top + at_once, size.ny);
+        const int plane = part / blocks, top = part % blocks * at_once,
+                  end = std::min(top + at_once, size.ny);
         std::vector<const T *> lines;
         to->touch(top, plane, end - top);
         for (int row = top; row < end; ++row)
@@ -88,7 +88,8 @@ int rebin_read(int cn, UMaths &r, const factors &by, const result_size &size, UM
                 const std::span<const T> line = umaths_row<T>(cn, row, t, r);
                 if (line.empty())
                     return umaths_read_error(cn, r);
-                bin_row(line, static_cast<std::size_t>(by.x), nx, &sums[static_cast<std::size_t>(row / by.y) * nx]);
+                bin_row(line, static_cast<std::size_t>(by.x), nx,
+                        &sums[static_cast<std::size_t>(row / by.y) * nx]);
             }
         for (int row = 0; row < size.ny; ++row) {
             T *const line = reinterpret_cast<T *>(umaths_get_output(cn, row, plane, out));

@@ -53,7 +53,8 @@ void umaths_over_frames(const UMaths &r, const umaths_rows &rows, int top, int c
             four(umaths_four_rows<T>(rows, top + row, 0, frame, 1), row, frame);
     for (; frame < r.dt; ++frame)
         for (int row = 0; row < count; ++row)
-            one(std::span<const T>(rows.row<T>(top + row, frame), static_cast<std::size_t>(r.dx)), row, frame);
+            one(std::span<const T>(rows.row<T>(top + row, frame), static_cast<std::size_t>(r.dx)), row,
+                frame);
 }
 
 // Shorter rows are not worth a place of their own in memory.

@@ -9,11 +9,10 @@
 
 namespace kestrel {
 
-unsigned umaths_max_threads = 0;
-
 namespace {
 
-constexpr std::size_t worth_a_thread = 2 << 20; // bytes; to start a thread takes as long as reading some 100 KiB
+constexpr std::size_t worth_a_thread =
+    2 << 20; // bytes; to start a thread takes as long as reading some 100 KiB
 
 struct shared_work {
     const std::function<void(int)> &work;
@@ -39,7 +38,7 @@ bool do_one(shared_work &shared) {
 unsigned threads_for(const UMaths &r, int parts) {
     const std::size_t bytes = static_cast<std::size_t>(r.dx) * static_cast<std::size_t>(r.dy) *
                               static_cast<std::size_t>(r.dt) * static_cast<std::size_t>(r.elem_size);
-    const unsigned most = umaths_max_threads ? umaths_max_threads : std::thread::hardware_concurrency();
+    const unsigned most = std::thread::hardware_concurrency(); // as many as this process may use
     const std::size_t worth = std::min(bytes / worth_a_thread, static_cast<std::size_t>(parts));
     return static_cast<unsigned>(std::clamp<std::size_t>(worth, 1, std::max(most, 1U)));
 }

@@ -8,10 +8,8 @@
 
 namespace kestrel {
 
-// At most so many threads; 0: one a processor. Results do not depend on it (a variable for the tests).
-extern unsigned umaths_max_threads;
-
-// Calls work(0) to work(parts - 1), each once and in any order, on several threads when the region is large. The
+// Calls work(0) to work(parts - 1), each once and in any order, on all processors when the region is large; what the parts
+// are does not depend on how many there are, and so neither does the result. The
 // calling thread works, too, and looks for ^C between parts: false after "! Terminated by ^C". std::bad_alloc of
 // a part passes through, once no thread is at work any more.
 bool umaths_share(int cn, UMaths &reader, int parts, const std::function<void(int)> &work);

@@ -171,8 +171,7 @@ int write_all(int cn, const reduced_axis &a, const moments &m, F value_of, UMath
 // ones.
 constexpr std::size_t cached_sums = 8192;
 
-template <class T>
-void sum_frames(const UMaths &r, const umaths_rows &rows, int top, int count, moments &m) {
+template <class T> void sum_frames(const UMaths &r, const umaths_rows &rows, int top, int count, moments &m) {
     const std::size_t width = static_cast<std::size_t>(r.dx);
     const auto place = [&](int row) { return static_cast<std::size_t>(row) * width; };
     const auto c = [&](int frame) { return r.t + frame + 0.5; };
