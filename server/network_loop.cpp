@@ -13,6 +13,7 @@
 #include "server/loops.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "server/service.h"
 #include "server/session_watch.h"
 #include "support/fd.h"
 #include "support/vanished_peer.h"
@@ -172,7 +173,7 @@ void accept_session(session_watch &watch) {
     }
     fd.release(); // the slot's now
     client[cn].addr = peer;
-    activity_open(cn, dotted);
+    activity_open(cn, std::string(dotted) + ":" + std::to_string(ntohs(peer.sin_port)));
     ++nr_conns;
     if (sv_hooks.user_connect)
         sv_hooks.user_connect(cn);
@@ -216,6 +217,7 @@ std::size_t service_line_of(int cn) {
         sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
     activity_end();
+    sv_service_turn();
     if (log_file)
         sv_log(log_file, "\n");
     return client[cn].valid ? user_prompt(cn) : 0;
@@ -371,6 +373,7 @@ void receive_from_ready(loop_state &loop) {
 }
 
 void turn(loop_state &loop) {
+    sv_service_turn();
     find_sessions(loop);
     fd_set others;
     FD_ZERO(&others);
@@ -412,6 +415,7 @@ void network_loop(const char *program, int port) {
     sv_control_start(port);
     sv_print_banner(program, mode);
     run_startup();
+    sv_service_tell("READY=1");
     loop_state loop;
     if (!loop.watch.open())
         cannot_listen("Can't watch sessions\n", errno);
@@ -419,6 +423,7 @@ void network_loop(const char *program, int port) {
     loop.round.reserve(sv_max_clients);
     while (!close_server)
         turn(loop);
+    sv_service_tell("STOPPING=1");
     shut_down();
     sv_control_stop();
     listening.reset();

@@ -4,10 +4,12 @@ import gc
 import inspect
 import os
 import pathlib
+import signal
 import socket
 import subprocess
 import sys
 import threading
+import time
 
 import numpy
 import pytest
@@ -253,6 +255,48 @@ def test_threads_share_a_connection_and_tasks_too(server, k):
             assert (await far.command("echo 'x'")).texts == ["x"]
 
     asyncio.run(many())
+
+
+def test_an_interrupt_stops_the_servers_command_and_gives_the_prompt_back(server, tmp_path):
+    script = tmp_path / "client.py"
+    script.write_text(f"""import sys, kestrel
+k = kestrel.connect("127.0.0.1", {server.port})
+other = kestrel.connect("127.0.0.1", {server.port})
+print("ready", flush=True)
+try:
+    k.sleep(60)
+except KeyboardInterrupt:
+    print("stopped", k.eval.int(5), other.eval.int(6))
+far = kestrel.connect("127.0.0.1", {server.port}, control="/nowhere")
+print("again", flush=True)
+try:
+    far.sleep(0.5)
+except KeyboardInterrupt:
+    try:
+        far.eval.int(7)
+    except kestrel.ConnectionLost:
+        print("closed", k.eval.int(8))
+""")
+    program = subprocess.Popen([sys.executable, script], stdout=subprocess.PIPE, text=True,
+                               env={**os.environ, "PYTHONPATH": str(PYTHON / "src")}, preexec_fn=lambda: signal.signal(
+                                   signal.SIGINT, signal.default_int_handler))
+    for shown in ("ready\n", "again\n"):
+        while (line := program.stdout.readline()) != shown:
+            assert line, program.wait()
+            assert line == "stopped 5 6\n"
+        time.sleep(0.3)
+        program.send_signal(signal.SIGINT)
+    assert program.stdout.read() == "closed 8\n" and program.wait() == 0
+
+
+def test_a_cancelled_task_stops_its_command_too(server):
+    async def main():
+        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+            with pytest.raises(asyncio.TimeoutError):
+                await asyncio.wait_for(far.sleep(60.0), 0.3)
+            assert await far.eval.int(5) == 5
+
+    asyncio.run(main())
 
 
 @pytest.mark.parametrize("text,value", [("5", 5), ("-5", -5), ("$FFFFFFFF", -1), ("#101", 5), ("1e-07", 1e-07), ("inf", float("inf")),
