@@ -34,7 +34,8 @@ bool is_sound(std::span<const std::byte> record) {
 
 // The bytes between flags and doubles stay zero: two saves of the same are the same.
 void put_dead_times(std::span<std::byte> bytes, int index, const ChannelDTC &record) {
-    const std::span<std::byte> to = bytes.subspan(static_cast<std::size_t>(index) * record_bytes, record_bytes);
+    const std::span<std::byte> to =
+        bytes.subspan(static_cast<std::size_t>(index) * record_bytes, record_bytes);
     std::memcpy(to.data(), &record, record_bytes);
     std::fill_n(to.begin() + sizeof record.flags, first_double - sizeof record.flags, std::byte{0});
 }

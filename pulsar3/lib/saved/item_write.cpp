@@ -15,7 +15,8 @@ using bytes_in = std::span<const std::byte>;
 
 constexpr std::size_t timing_a = 2, num_tf = 9; // words of the globals
 constexpr std::uint32_t run_bits = 1U << 28 | 1U << 29 | 1U << 31;
-constexpr int own_first = 1, own_last = plr3_control_words - plr3_feature_words; // what the card lets be written
+constexpr int own_first = 1,
+              own_last = plr3_control_words - plr3_feature_words; // what the card lets be written
 
 PLR3Path &card_of(int path, int card) {
     return *plr3_path(plr3_leaf(*plr3_path(path), path, card));
