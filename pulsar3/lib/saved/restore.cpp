@@ -42,7 +42,10 @@ int override_source(int path) {
                  "variable PLR3PLAYBACK=%s\n",
                  value);
     const field_value source[] = {{plr3_register_field("chan-cont", "source"), found->source}};
-    return plr3_change_fields("plr3_restore_settings", path, -1, source);
+    for (int chan = 0; chan < plr3_path(path)->num_chan; ++chan)
+        if (const int status = plr3_change_fields("plr3_restore_settings", path, chan, source); status != 0)
+            return status;
+    return 0;
 }
 
 int check_idle(int path) {
