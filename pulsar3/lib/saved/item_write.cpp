@@ -139,15 +139,16 @@ bool plr3_item_is_sound(const saved_item &item, bytes_in bytes) {
 }
 
 void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes) {
+    const bool globals = item.kind == saved_kind::globals;
+    if (!globals && !(item.kind == saved_kind::region && item.region == 0))
+        return;
     std::vector<std::uint32_t> words = saved_words(bytes);
-    if (item.kind == saved_kind::globals) {
+    if (globals) {
         words[timing_a] &= ~run_bits;
         words[num_tf] = 0;
-    } else if (item.kind == saved_kind::region && item.region == 0) {
+    } else {
         std::fill_n(words.begin(), own_first, 0U);
         std::fill(words.begin() + own_last, words.end(), 0U);
-    } else {
-        return;
     }
     save_words(bytes, words);
 }
