@@ -71,7 +71,7 @@ def test_values_that_cannot_be_are_told_before_anything_is_written(client, saved
 
 def test_regions_of_interest_are_a_table_that_may_be_missing(client, saved, folder):
     path = folder / "chan0_region7.dat"
-    path.write_bytes(struct.pack("<7I", 3, 10, 12, 12, 13, 4095, 4095).ljust(516, b"\0"))
+    path.write_bytes(struct.pack("<7I", 3, 10, 12, 12, 13, 4095, 4095).ljust(516, b"\1"))  # what lies behind does not count
     do(client, f"pulsar3 restore-settings 0 '{folder}'")
     words = {bin: saved.do(f"card get-register 0 0 7 {bin}") for bin in (9, 10, 12, 13, 14, 4094, 4095)}
     assert words == {9: 0, 10: 1, 12: 1, 13: 2, 14: 0, 4094: 0, 4095: 3}

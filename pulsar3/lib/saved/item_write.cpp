@@ -138,19 +138,39 @@ bool plr3_item_is_sound(const saved_item &item, bytes_in bytes) {
     }
 }
 
-void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes) {
-    const bool globals = item.kind == saved_kind::globals;
-    if (!globals && !(item.kind == saved_kind::region && item.region == 0))
-        return;
+namespace {
+
+void keep_globals(std::span<std::byte> bytes) {
     std::vector<std::uint32_t> words = saved_words(bytes);
-    if (globals) {
-        words[timing_a] &= ~run_bits;
-        words[num_tf] = 0;
-    } else {
-        std::fill_n(words.begin(), own_first, 0U);
-        std::fill(words.begin() + own_last, words.end(), 0U);
-    }
+    words[timing_a] &= ~run_bits;
+    words[num_tf] = 0;
     save_words(bytes, words);
+}
+
+void keep_control(std::span<std::byte> bytes) {
+    std::vector<std::uint32_t> words = saved_words(bytes);
+    std::fill_n(words.begin(), own_first, 0U);
+    std::fill(words.begin() + own_last, words.end(), 0U);
+    save_words(bytes, words);
+}
+
+void keep_roi(std::span<std::byte> bytes) {
+    auto table = saved_value<roi_table>(bytes);
+    std::fill(table.regions.begin() + table.count, table.regions.end(), roi_region{});
+    save_value(bytes, table);
+}
+
+} // namespace
+
+void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes) {
+    if (item.kind == saved_kind::globals)
+        keep_globals(bytes);
+    else if (item.kind == saved_kind::region && item.region == 0)
+        keep_control(bytes);
+    else if (item.kind == saved_kind::roi)
+        keep_roi(bytes);
+    else if (item.kind == saved_kind::dead_times)
+        clear_dead_time_gaps(bytes);
 }
 
 } // namespace kestrel

@@ -43,7 +43,8 @@ int plr3_write_item(int path, const saved_item &item, std::span<const std::byte>
 // Whether what a file holds can be: bounds of what does not go to the card as it is.
 bool plr3_item_is_sound(const saved_item &item, std::span<const std::byte> bytes);
 
-// Clears what a restore does not write: the words that a card puts there itself, run bits, number of time frames.
+// Clears what a restore does not write: the words that a card puts there itself, run bits, number of time frames, and what
+// lies in the gaps of a table. The bytes must be sound.
 void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes);
 
 // Words of a channel's control registers, the first of which and the last four are the card's own.
