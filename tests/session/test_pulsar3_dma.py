@@ -2,7 +2,7 @@
 
 import pytest
 from kestrel_data import do, result
-from test_pulsar3_saved import INDEX, configure, failed, no_modules_left, play  # noqa: F401 (fixtures)
+from saved_cards import INDEX, configure, failed, no_modules_left, play  # noqa: F401 (fixtures)
 
 
 KINDS = ["-kind=3 -generation=1", "-kind=3v7 -generation=2", "-kind=4", "-kind=3mini"]

@@ -60,8 +60,7 @@ int plr3_set_gain(int path, int first_chan, int num_chan, int stage1, int stage2
 }
 
 int plr3_get_gain(int path, int first_chan, std::span<int> stage1, std::span<int> stage2) {
-    if (const int status =
-            check_channels("plr3_get_gain", path, first_chan, static_cast<int>(stage1.size()));
+    if (const int status = check_channels("plr3_get_gain", path, first_chan, static_cast<int>(stage1.size()));
         status != 0)
         return status;
     for (std::size_t i = 0; i < stage1.size(); ++i) {

@@ -60,8 +60,8 @@ int plr3_get_b2b_status(int path, int card, int lane, b2b_status &status) {
     if (const int refused = check_lane(name, path, lane, 0); refused != 0)
         return refused;
     std::array<std::uint32_t, 3> words{};
-    if (const int failed = plr3_board_read(name, path, card, board_bus::mgt,
-                                           lane_address(lane, loopback_word), words);
+    if (const int failed =
+            plr3_board_read(name, path, card, board_bus::mgt, lane_address(lane, loopback_word), words);
         failed != 0)
         return failed;
     status = {static_cast<int>(words[0]), plr3_bits(words[1], 0, 0) != 0, plr3_bits(words[2], 0, 0) != 0,

@@ -23,8 +23,8 @@ int i2c_write(FemHandle &fem, std::uint32_t address, words_in words) {
 
 int i2c_read(FemHandle &fem, std::uint32_t address, words_out words) {
     std::vector<std::uint8_t> bytes(words.size());
-    const int status = pulsar3FemI2CReadRegAddr(fem, static_cast<int>(address & 255),
-                                                static_cast<int>(address >> 8), bytes);
+    const int status =
+        pulsar3FemI2CReadRegAddr(fem, static_cast<int>(address & 255), static_cast<int>(address >> 8), bytes);
     for (std::size_t i = 0; status == 0 && i < words.size(); ++i)
         words[i] = bytes[i];
     return status;

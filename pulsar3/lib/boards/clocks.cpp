@@ -83,8 +83,10 @@ int plr3_check_clock_setup(const char *function, const ClockSetup &s) {
         const char *what;
         int value, highest;
     } limits[] = {
-        {"clock source", s.clk_src, plr3_clock_sources - 1},       {"flags", s.flags, plr3_clock_flags},
-        {"test pulse", s.tp_type, plr3_test_pulses},               {"ADC clock delay", s.adc_clk_delay, plr3_delay_max},
+        {"clock source", s.clk_src, plr3_clock_sources - 1},
+        {"flags", s.flags, plr3_clock_flags},
+        {"test pulse", s.tp_type, plr3_test_pulses},
+        {"ADC clock delay", s.adc_clk_delay, plr3_delay_max},
         {"FPGA clock delay", s.fpga_clk_delay, plr3_delay_max},
     };
     for (const auto &[what, value, highest] : limits)
@@ -98,9 +100,8 @@ int plr3_clocks_setup_int(int path, int card, const ClockSetup &setup) {
     constexpr const char *name = "plr3_clocks_setup_int";
     namespace map = board_map;
     const std::uint32_t control = word(setup.clk_src) | word(setup.tp_type) << 4 | drives(setup) << 8;
-    for (const auto &[address, value] : {std::pair{map::generator_hold, 1U},
-                                         {map::generator_control, control},
-                                         {map::generator_hold, 0U}})
+    for (const auto &[address, value] :
+         {std::pair{map::generator_hold, 1U}, {map::generator_control, control}, {map::generator_hold, 0U}})
         if (const int status = plr3_board_set(name, path, card, board_bus::card_spi, address, value);
             status != 0)
             return status;
@@ -115,8 +116,8 @@ int plr4_clocks_setup_int(int path, int card, const ClockSetup &setup) {
     int status = plr3_board_write(name, path, card, board_bus::i2c,
                                   map::chip_control << 8 | map::generator_device, control);
     if (status == 0)
-        status = plr3_board_set(name, path, card, board_bus::i2c,
-                                map::chip_apply << 8 | map::generator_device, 1);
+        status =
+            plr3_board_set(name, path, card, board_bus::i2c, map::chip_apply << 8 | map::generator_device, 1);
     if (status != 0)
         return status;
     return plr3_wait_lock(name, path, card, board_bus::i2c, map::chip_status << 8 | map::generator_device,
@@ -126,8 +127,8 @@ int plr4_clocks_setup_int(int path, int card, const ClockSetup &setup) {
 int plr3m_clocks_setup_int(int path, int card, const ClockSetup &setup) {
     constexpr const char *name = "plr3m_clocks_setup_int";
     const std::uint32_t control[] = {word(setup.clk_src), word(setup.tp_type), drives(setup), 1};
-    if (const int status = plr3_board_write(name, path, card, board_bus::clock_block,
-                                            board_map::block_control, control);
+    if (const int status =
+            plr3_board_write(name, path, card, board_bus::clock_block, board_map::block_control, control);
         status != 0)
         return status;
     return plr3_wait_lock(name, path, card, board_bus::clock_block, board_map::block_status,

@@ -22,7 +22,8 @@ enum plr3_clock_flag : int {
     plr3_clock_no_check = 1, // a generator that does not lock is no failure
     plr3_clock_drive = 2,    // this card drives its clock onto the mid-plane
 };
-inline constexpr int plr3_clock_sources = 3, plr3_clock_flags = 3, plr3_test_pulses = 3; // the last two: highest
+inline constexpr int plr3_clock_sources = 3, plr3_clock_flags = 3,
+                     plr3_test_pulses = 3; // the last two: highest
 inline constexpr int plr3_delay_max = 255;
 
 // 0, or plr3_out_of_range with a text that begins with the function's name.

@@ -29,8 +29,7 @@ int port_at(const engine_words &words, std::size_t first) {
 
 int plr3_ethernet_status(int path, int card, ethernet_state &state) {
     engine_words words{};
-    const int status =
-        plr3_board_read("plr3_ethernet_status", path, card, board_bus::data_link, 0, words);
+    const int status = plr3_board_read("plr3_ethernet_status", path, card, board_bus::data_link, 0, words);
     if (status != 0)
         return status;
     state.card_mac = bytes_at<6>(words, 0);

@@ -24,8 +24,8 @@ int plr3_read_lm82_regs(int path, int card, int sensor,
     for (std::size_t i = 0; i < registers.size(); ++i) {
         std::uint32_t byte = 0;
         const auto number = static_cast<std::uint32_t>(lm82_registers[i].number);
-        if (const int status = plr3_board_read(name, path, card, board_bus::i2c, i2c_address(sensor, number),
-                                               {&byte, 1});
+        if (const int status =
+                plr3_board_read(name, path, card, board_bus::i2c, i2c_address(sensor, number), {&byte, 1});
             status != 0)
             return status;
         registers[i] = static_cast<std::uint8_t>(byte);

@@ -8,7 +8,7 @@
 
 namespace kestrel {
 
-inline constexpr int plr3_max_roi = 64;          // regions of a channel
+inline constexpr int plr3_max_roi = 64;              // regions of a channel
 inline constexpr std::uint32_t plr3_roi_bins = 4096; // of whole spectra, in which regions are given
 
 struct roi_region {

@@ -198,8 +198,12 @@ int plr3_set_good_thres(int path, int chan, int threshold) {
 
 int plr3_set_sync_mode(int path, int mode) {
     const field_value values[] = {{plr3_register_field("clock-control", "sync"), mode}};
-    if (const int status = plr3_change_fields("plr3_set_sync_mode", path, -1, values); status != 0)
-        return status;
+    const PLR3Path *p = plr3_path(path);
+    if (!p)
+        return plr3_fail(plr3_invalid_path, "plr3_set_sync_mode: invalid path %d", path);
+    for (int card = 0; card < p->num_cards; ++card) // one that fails is not hidden by the next
+        if (const int status = plr3_change_fields("plr3_set_sync_mode", path, card, values); status != 0)
+            return status;
     plr3_path(path)->sync_mode = mode;
     return 0;
 }

@@ -26,8 +26,8 @@ inline constexpr int plr3_max_paths = 34;
 inline constexpr int plr3_max_sub_paths = 33;
 inline constexpr int plr3_max_cards = 32; // of one system
 inline constexpr int plr3_chans_per_card_max = 16;
-inline constexpr int plr3_default_bins = 4096; // energy bins of a spectrum
-inline constexpr int plr3_nr_scalers = 9;      // of a channel and time frame
+inline constexpr int plr3_default_bins = 4096;               // energy bins of a spectrum
+inline constexpr int plr3_nr_scalers = 9;                    // of a channel and time frame
 inline constexpr double plr3_default_clock_period = 1.25e-8; // seconds: 80 MHz
 
 enum PulsarDummy : int {
@@ -72,9 +72,9 @@ enum plr3_dtc_flag : int {
 
 // How a card's clocks are set up.
 struct ClockSetup {
-    int clk_src = 0; // of plr3_clock_source
-    int flags = 0;   // of plr3_clock_flag
-    int tp_type = 0; // shape of the test pulse: 0 none, 1..3
+    int clk_src = 0;                           // of plr3_clock_source
+    int flags = 0;                             // of plr3_clock_flag
+    int tp_type = 0;                           // shape of the test pulse: 0 none, 1..3
     int adc_clk_delay = 0, fpga_clk_delay = 0; // steps, 0..255
 };
 
@@ -109,8 +109,8 @@ struct PLR3Path {
     int mem_layout = 0;
     int sync_mode = 0; // whose run line the cards follow
     ClockSetup clock_setup;
-    double clock_period = plr3_default_clock_period; // seconds a tick
-    cpu_set_t scope_cpu_set = no_processors();       // for the threads that receive scope data; none: any
+    double clock_period = plr3_default_clock_period;    // seconds a tick
+    cpu_set_t scope_cpu_set = no_processors();          // for the threads that receive scope data; none: any
     std::array<roi_table, plr3_chans_per_card_max> roi; // of this card's channels
     Plr3mReadoutMode readout_mode = Plr3mRd_Auto;
     PulsarDummy dummy_system = PulsarReal;

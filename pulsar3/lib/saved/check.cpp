@@ -68,8 +68,8 @@ int plr3_check_settings(int path, const std::string &directory, bool clock, cons
         if (plr3_interrupted())
             return plr3_fail(plr3_failed, "%s: interrupted", name);
         saved_bytes own;
-        if (const int status = plr3_read_item(name, path, saved.item, own); status != 0)
-            return status;
+        if (const int status = plr3_read_item(path, saved.item, own); status != 0)
+            return plr3_fail(status, "%s: %s", name, plr3_get_error_message());
         plr3_keep_restored(saved.item, saved.bytes);
         plr3_keep_restored(saved.item, own);
         differences += compare(saved.item, saved.bytes, own, say);

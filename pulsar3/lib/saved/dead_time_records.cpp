@@ -32,11 +32,17 @@ bool is_sound(std::span<const std::byte> record) {
 
 } // namespace
 
-// The bytes between flags and doubles stay zero: two saves of the same are the same.
 void put_dead_times(std::span<std::byte> bytes, int index, const ChannelDTC &record) {
-    const std::span<std::byte> to = bytes.subspan(static_cast<std::size_t>(index) * record_bytes, record_bytes);
+    const std::span<std::byte> to =
+        bytes.subspan(static_cast<std::size_t>(index) * record_bytes, record_bytes);
     std::memcpy(to.data(), &record, record_bytes);
-    std::fill_n(to.begin() + sizeof record.flags, first_double - sizeof record.flags, std::byte{0});
+    clear_dead_time_gaps(to); // two saves of the same are the same
+}
+
+void clear_dead_time_gaps(std::span<std::byte> bytes) {
+    constexpr std::size_t gap = sizeof(ChannelDTC::flags);
+    for (std::size_t at = gap; at < bytes.size(); at += record_bytes)
+        std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), first_double - gap, std::byte{0});
 }
 
 ChannelDTC get_dead_times(std::span<const std::byte> bytes, int index) {

@@ -13,6 +13,8 @@ inline constexpr std::size_t old_dead_time_bytes = 40;
 void put_dead_times(std::span<std::byte> bytes, int index, const ChannelDTC &record);
 ChannelDTC get_dead_times(std::span<const std::byte> bytes, int index);
 bool dead_times_are_sound(std::span<const std::byte> bytes);
+// The four bytes of each record that mean nothing become zero.
+void clear_dead_time_gaps(std::span<std::byte> bytes);
 // The older file's records as those of now.
 saved_bytes renew_dead_times(std::span<const std::byte> old);
 

@@ -15,7 +15,8 @@ using bytes_in = std::span<const std::byte>;
 
 constexpr std::size_t timing_a = 2, num_tf = 9; // words of the globals
 constexpr std::uint32_t run_bits = 1U << 28 | 1U << 29 | 1U << 31;
-constexpr int own_first = 1, own_last = plr3_control_words - plr3_feature_words; // what the card lets be written
+constexpr int own_first = 1,
+              own_last = plr3_control_words - plr3_feature_words; // what the card lets be written
 
 PLR3Path &card_of(int path, int card) {
     return *plr3_path(plr3_leaf(*plr3_path(path), path, card));
@@ -137,18 +138,39 @@ bool plr3_item_is_sound(const saved_item &item, bytes_in bytes) {
     }
 }
 
-void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes) {
+namespace {
+
+void keep_globals(std::span<std::byte> bytes) {
     std::vector<std::uint32_t> words = saved_words(bytes);
-    if (item.kind == saved_kind::globals) {
-        words[timing_a] &= ~run_bits;
-        words[num_tf] = 0;
-    } else if (item.kind == saved_kind::region && item.region == 0) {
-        std::fill_n(words.begin(), own_first, 0U);
-        std::fill(words.begin() + own_last, words.end(), 0U);
-    } else {
-        return;
-    }
+    words[timing_a] &= ~run_bits;
+    words[num_tf] = 0;
     save_words(bytes, words);
+}
+
+void keep_control(std::span<std::byte> bytes) {
+    std::vector<std::uint32_t> words = saved_words(bytes);
+    std::fill_n(words.begin(), own_first, 0U);
+    std::fill(words.begin() + own_last, words.end(), 0U);
+    save_words(bytes, words);
+}
+
+void keep_roi(std::span<std::byte> bytes) {
+    auto table = saved_value<roi_table>(bytes);
+    std::fill(table.regions.begin() + table.count, table.regions.end(), roi_region{});
+    save_value(bytes, table);
+}
+
+} // namespace
+
+void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes) {
+    if (item.kind == saved_kind::globals)
+        keep_globals(bytes);
+    else if (item.kind == saved_kind::region && item.region == 0)
+        keep_control(bytes);
+    else if (item.kind == saved_kind::roi)
+        keep_roi(bytes);
+    else if (item.kind == saved_kind::dead_times)
+        clear_dead_time_gaps(bytes);
 }
 
 } // namespace kestrel

@@ -35,15 +35,16 @@ struct saved_item {
 // The items of an open path, in order; none, with a text kept, when the table of block memories cannot be right.
 std::vector<saved_item> plr3_saved_items(int path);
 
-// The item as the system has it now, or a negative status with a text that begins with the function's name.
-int plr3_read_item(const char *function, int path, const saved_item &item, saved_bytes &bytes);
+// The item as the system has it now, or a negative status with its text kept.
+int plr3_read_item(int path, const saved_item &item, saved_bytes &bytes);
 // Puts it into the system. The bytes are of the item's size and sound.
 int plr3_write_item(int path, const saved_item &item, std::span<const std::byte> bytes);
 
 // Whether what a file holds can be: bounds of what does not go to the card as it is.
 bool plr3_item_is_sound(const saved_item &item, std::span<const std::byte> bytes);
 
-// Clears what a restore does not write: the words that a card puts there itself, run bits, number of time frames.
+// Clears what a restore does not write: the words that a card puts there itself, run bits, number of time frames, and what
+// lies in the gaps of a table. The bytes must be sound.
 void plr3_keep_restored(const saved_item &item, std::span<std::byte> bytes);
 
 // Words of a channel's control registers, the first of which and the last four are the card's own.

@@ -18,9 +18,9 @@ struct playback_source {
     int source; // of the channel control register
 };
 constexpr std::array playback_sources{
-    playback_source{"adc", 0},     playback_source{"alt", 1},     playback_source{"mux", 2},
-    playback_source{"pb0", 3},     playback_source{"pb1", 4},     playback_source{"pb-chan", 5},
-    playback_source{"PB-CHAN", 5}, playback_source{"grst", 6},    playback_source{"GRST", 6},
+    playback_source{"adc", 0},     playback_source{"alt", 1},  playback_source{"mux", 2},
+    playback_source{"pb0", 3},     playback_source{"pb1", 4},  playback_source{"pb-chan", 5},
+    playback_source{"PB-CHAN", 5}, playback_source{"grst", 6}, playback_source{"GRST", 6},
 };
 
 // Where the environment says so, all channels take their samples from elsewhere than was saved.
@@ -42,7 +42,10 @@ int override_source(int path) {
                  "variable PLR3PLAYBACK=%s\n",
                  value);
     const field_value source[] = {{plr3_register_field("chan-cont", "source"), found->source}};
-    return plr3_change_fields("plr3_restore_settings", path, -1, source);
+    for (int chan = 0; chan < plr3_path(path)->num_chan; ++chan)
+        if (const int status = plr3_change_fields("plr3_restore_settings", path, chan, source); status != 0)
+            return status;
+    return 0;
 }
 
 int check_idle(int path) {
@@ -50,9 +53,8 @@ int check_idle(int path) {
         return plr3_fail(plr3_invalid_path, "plr3_restore_settings: invalid path %d", path);
     if (const int status = plr3_note_ended_runs(path); status != 0)
         return status;
-    return plr3_run_is_on(path)
-               ? plr3_fail(plr3_failed, "plr3_restore_settings: path %d is counting", path)
-               : 0;
+    return plr3_run_is_on(path) ? plr3_fail(plr3_failed, "plr3_restore_settings: path %d is counting", path)
+                                : 0;
 }
 
 int restore(int path, const std::string &directory, bool force, bool clock) {

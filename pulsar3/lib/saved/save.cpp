@@ -12,7 +12,7 @@ namespace {
 
 int save_item(int path, const std::string &directory, const saved_item &item) {
     saved_bytes bytes;
-    const int status = plr3_read_item("plr3_save_settings", path, item, bytes);
+    const int status = plr3_read_item(path, item, bytes);
     return status != 0 ? status : plr3_put_saved(plr3_saved_name(directory, item.file), bytes);
 }
 
