@@ -20,7 +20,7 @@ inline constexpr std::size_t views_of_browser = 16;
 struct live_text {
     std::uint32_t number = 0;
     std::shared_ptr<const std::string> text;
-    void set(std::string fresh);
+    bool set(std::string fresh); // true when it is another
 };
 
 class live_state {
@@ -36,7 +36,6 @@ class live_state {
   private:
     server_watch watch_;
     std::vector<seen_module> modules_;
-    std::uint64_t announced_ = 0;
     unsigned ticks_ = 0;
 };
 
