@@ -4,12 +4,6 @@
 
 namespace kestrel::display {
 
-namespace {
-
-constexpr unsigned ticks_a_second = 10;
-
-} // namespace
-
 bool live_text::set(std::string fresh) {
     if (text && *text == fresh)
         return false;

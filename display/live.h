@@ -15,6 +15,7 @@
 namespace kestrel::display {
 
 inline constexpr std::size_t views_of_browser = 16;
+inline constexpr unsigned ticks_a_second = 40; // looks at the modules; a view changes ten times a second at most
 
 // A text that all browsers get when it is new.
 struct live_text {
@@ -26,7 +27,7 @@ struct live_text {
 class live_state {
   public:
     explicit live_state(std::string server_path) : watch_(std::move(server_path)) {}
-    void tick(); // ten times a second
+    void tick();
 
     view_table views;
     enum { modules_text, server_text, announced_text, text_count };

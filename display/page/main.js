@@ -119,7 +119,7 @@ class App {
             const item = document.createElement("li"), button = document.createElement("button");
             const details = document.createElement("small");
             const changed = m.changed ? ` · changed ${new Date(m.changed).toLocaleTimeString()}` : "";
-            details.textContent = `${m.nx} × ${m.ny} × ${m.nt}  ${m.title}${changed}`;
+            details.textContent = `${m.nx} × ${m.ny} × ${m.nt}${m.title === m.name ? "" : "  " + m.title}${changed}`;
             button.append(m.name, details);
             button.setAttribute("aria-current", m.name === this.chosen);
             button.addEventListener("click", () => this.choose(m.name));
