@@ -18,13 +18,6 @@ from display import Browser, Display
 from kestrel_session import Server
 
 
-def children(pid):
-    found = []
-    for child in pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split():
-        found += [int(child), *children(int(child))]
-    return found
-
-
 def resident(*pids):
     """MB; a process that has gone counts nothing."""
     total = 0
@@ -57,14 +50,14 @@ def main():
             browser.wait("!!display.named('plr3_hist0')")
             browser.run("display.choose('plr3_hist0', arguments[0])", tab)
         browser.run("document.getElementById('frames').value = 'newest'")
-        stopped = children(frozen.driver.service.process.pid)
+        stopped = frozen.processes()
         for pid in stopped:
             os.kill(pid, signal.SIGSTOP)
         seen, end = [], time.monotonic() + 60 * minutes
         while time.monotonic() < end:
             time.sleep(60)
             seen.append((resident(server.process.pid), resident(display.process.pid),
-                         resident(*children(browser.driver.service.process.pid))))
+                         resident(*browser.processes())))
             print("server %.1f  display %.1f  browser %.1f MB" % seen[-1], flush=True)
         first = seen[len(seen) // 10]
         print("grown by: server %.1f  display %.1f  browser %.1f MB" % tuple(b - a for a, b in zip(first, seen[-1])))

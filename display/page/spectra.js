@@ -22,7 +22,13 @@ export class Spectra {
 
     show() { this.shown = true; this.look(); }
     hide() { this.shown = false; this.app.live.leave(view); this.leaveRegions(); }
-    select() { this.range = null; this.head = null; this.forgetRegions(); this.look(); }
+    select() {
+        this.range = null;
+        this.head = null;
+        this.app.live.leave(view); // what was sent before is asked for anew
+        this.forgetRegions();
+        this.look();
+    }
 
     look() {
         const module = this.app.module();
