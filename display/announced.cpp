@@ -1,6 +1,5 @@
 #include "display/announced.h"
 
-#include <algorithm>
 #include <deque>
 #include <mutex>
 
@@ -8,7 +7,7 @@ namespace kestrel::display {
 
 namespace {
 
-constexpr std::size_t kept = 100;
+constexpr std::size_t kept = 16;
 
 std::mutex mutex;
 std::deque<announcement> announcements;
@@ -23,12 +22,9 @@ void announce(const std::string &module, const std::string &how) {
         announcements.pop_front();
 }
 
-std::vector<announcement> announced_since(std::uint64_t number) {
+std::vector<announcement> last_announcements() {
     const std::lock_guard guard(mutex);
-    std::vector<announcement> found;
-    std::copy_if(announcements.begin(), announcements.end(), std::back_inserter(found),
-                 [number](const announcement &a) { return a.number > number; });
-    return found;
+    return {announcements.begin(), announcements.end()};
 }
 
 } // namespace kestrel::display

@@ -15,7 +15,7 @@ struct announcement {
 };
 
 void announce(const std::string &module, const std::string &how);
-// Those later than this number, of the last few.
-std::vector<announcement> announced_since(std::uint64_t number);
+// The last few, oldest first.
+std::vector<announcement> last_announcements();
 
 } // namespace kestrel::display

@@ -4,27 +4,18 @@
 
 namespace kestrel::display {
 
-namespace {
-
-constexpr unsigned ticks_a_second = 10;
-
-} // namespace
-
-void live_text::set(std::string fresh) {
+bool live_text::set(std::string fresh) {
     if (text && *text == fresh)
-        return;
+        return false;
     text = std::make_shared<const std::string>(std::move(fresh));
     ++number;
+    return true;
 }
 
 void live_state::tick() {
     views.refresh();
-    for (const announcement &a : announced_since(announced_)) {
-        announced_ = a.number;
-        texts[announced_text].set(json_announcement(a));
-        ++texts[announced_text].number; // the same once more is news, too
-    }
-    if (ticks_++ % ticks_a_second != 0)
+    const bool news = texts[announced_text].set(json_announcements(last_announcements()));
+    if (ticks_++ % ticks_a_second != 0 && !news)
         return;
     modules_ = look_at_modules(modules_);
     texts[modules_text].set(json_modules(modules_));

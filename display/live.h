@@ -15,18 +15,19 @@
 namespace kestrel::display {
 
 inline constexpr std::size_t views_of_browser = 16;
+inline constexpr unsigned ticks_a_second = 40; // looks at the modules; a view changes ten times a second at most
 
 // A text that all browsers get when it is new.
 struct live_text {
     std::uint32_t number = 0;
     std::shared_ptr<const std::string> text;
-    void set(std::string fresh);
+    bool set(std::string fresh); // true when it is another
 };
 
 class live_state {
   public:
     explicit live_state(std::string server_path) : watch_(std::move(server_path)) {}
-    void tick(); // ten times a second
+    void tick();
 
     view_table views;
     enum { modules_text, server_text, announced_text, text_count };
@@ -36,7 +37,6 @@ class live_state {
   private:
     server_watch watch_;
     std::vector<seen_module> modules_;
-    std::uint64_t announced_ = 0;
     unsigned ticks_ = 0;
 };
 

@@ -68,8 +68,13 @@ std::string json_server(const server_words &words) {
            member("status", words.status) + "," + member("metrics", words.metrics) + "}";
 }
 
-std::string json_announcement(const announcement &a) {
-    return "{\"type\":\"announced\"," + member("module", a.module) + "," + member("how", a.how) + "}";
+std::string json_announcements(const std::vector<announcement> &announcements) {
+    std::string out = "{\"type\":\"announced\",\"last\":[";
+    for (const announcement &a : announcements) {
+        out += out.back() == '[' ? "{" : ",{";
+        out += "\"number\":" + std::to_string(a.number) + "," + member("module", a.module) + "," + member("how", a.how) + "}";
+    }
+    return out + "]}";
 }
 
 } // namespace kestrel::display

@@ -16,6 +16,6 @@ std::string json_quoted(std::string_view text);
 
 std::string json_modules(const std::vector<seen_module> &modules);
 std::string json_server(const server_words &words);
-std::string json_announcement(const announcement &a);
+std::string json_announcements(const std::vector<announcement> &announcements);
 
 } // namespace kestrel::display

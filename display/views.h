@@ -2,6 +2,7 @@
 // same share one view, which is worked out once a tick.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -36,6 +37,7 @@ static_assert(sizeof(view_head) == 64);
 struct view {
     view_request request;
     std::uint32_t number = 0; // of the newest contents; 0: there are none
+    std::chrono::steady_clock::time_point changed{}; // when these contents came
     std::shared_ptr<const std::string> contents; // view_head and elements; columns and rows 0: no such module
 };
 
@@ -43,7 +45,7 @@ class view_table {
   public:
     // The view of that request; the next refresh works it out when it is new.
     std::shared_ptr<view> find(const view_request &request);
-    // Works out all that somebody still has; in turns, when that is more than a tick has time for.
+    // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick has time for.
     void refresh();
 
   private:

@@ -30,7 +30,7 @@ namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using beast::error_code;
 
-constexpr std::chrono::milliseconds tick_time{100};
+constexpr std::chrono::milliseconds tick_time{1000 / ticks_a_second};
 constexpr std::chrono::seconds http_time{15};   // for a request or an answer
 constexpr std::chrono::seconds silent_time{60}; // then a browser that answers no ping is gone
 constexpr std::size_t connections_max = 512;

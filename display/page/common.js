@@ -19,6 +19,17 @@ export function numbersOf(text, most = 64) {
     return found.length ? [...new Set(found)].sort((a, b) => a - b) : [0];
 }
 
+// Which axes of a module are channels and frames: the cards' histograms have the channels along t.
+export function layout(module) {
+    const turned = module.name.startsWith("plr3_hist");
+    return {
+        channels: turned ? module.nt : module.ny,
+        frames: turned ? module.ny : module.nt,
+        box: (c0, c1, f0, f1) => turned ? [f0, f1, c0, c1] : [c0, c1, f0, f1], // y0, y1, t0, t1
+        place: (channel, frame) => turned ? {y: frame, t: channel} : {y: channel, t: frame},
+    };
+}
+
 export const scales = {
     linear: {to: (y) => y, from: (y) => y},
     log: {to: (y) => Math.log10(Math.max(y, 0.5)), from: (y) => 10 ** y}, // an empty bin stands at half a count

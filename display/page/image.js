@@ -1,6 +1,6 @@
 // A plane of a module in false colour: x and y of one frame, or x and frames of one channel (a waterfall); profiles along
 // the row and the column that were clicked.
-import {byId, everything, saveCsv, savePng, short, style} from "./common.js";
+import {byId, everything, layout, saveCsv, savePng, short, style} from "./common.js";
 
 const view = 1;
 
@@ -59,8 +59,8 @@ export class Picture {
         const waterfall = byId("plane").value === "xt", n = Number(byId("planenumber").value) || 0;
         byId("planename").textContent = waterfall ? "channel" : "frame";
         const width = Math.max(200, (byId("image").clientWidth || 800) - 130);
-        const box = waterfall ? [0, everything, n, n, 0, everything] : [0, everything, 0, everything, n, n];
-        this.app.live.look(view, module.name, box, width, 480, (m) => this.draw(m));
+        const plane = layout(module).box(...(waterfall ? [n, n, 0, everything] : [0, everything, n, n]));
+        this.app.live.look(view, module.name, [0, everything, ...plane], width, 480, (m) => this.draw(m));
     }
 
     draw(message) {

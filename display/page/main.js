@@ -1,11 +1,13 @@
 // The page: modules, tabs, keys. Each tab's view is a class of its own: show, hide, select, csv, png, key.
-import {byId} from "./common.js";
+import {byId, everything, numbersOf} from "./common.js";
 import {Fit} from "./fit.js";
 import {Picture} from "./image.js";
 import {Live} from "./live.js";
 import {Overview} from "./overview.js";
 import {Rates} from "./rates.js";
 import {Spectra} from "./spectra.js";
+
+const progressView = 6; // what cards have reached in their run
 
 class App {
     constructor() {
@@ -37,6 +39,22 @@ class App {
     module() { return this.named(this.chosen); }
     named(name) { return this.list.find((m) => m.name === name); }
 
+    // The frames that are asked for; "newest" is the last one that a run of cards has ended.
+    frames() { return byId("frames").value.trim() === "newest" ? [this.newest ?? 0] : numbersOf(byId("frames").value); }
+
+    followRun() {
+        const progress = this.list.find((m) => m.name.startsWith("plr3_progress"));
+        if (!progress)
+            return;
+        this.live.look(progressView, progress.name, [0, 0, 0, everything, 0, 0], 1, 64, (m) => {
+            const newest = Math.max(0, Math.min(...m.values) - 1);
+            const moved = newest !== this.newest && byId("frames").value.trim() === "newest";
+            this.newest = newest;
+            if (moved)
+                this.tab().look?.();
+        });
+    }
+
     showTab(name) {
         this.tabs[this.open]?.hide();
         this.open = name;
@@ -52,13 +70,23 @@ class App {
             this.takeModules(text.modules);
         else if (text.type === "server")
             this.takeServer(text);
-        else if (text.type === "announced" && byId("follow").checked && this.named(text.module))
-            this.choose(text.module, {display1d: "spectra", display2d: "image"}[text.how]);
+        else if (text.type === "announced")
+            this.takeAnnouncements(text.last);
+    }
+
+    // What was announced before this page came is no news.
+    takeAnnouncements(last) {
+        const tabs = {display1d: "spectra", display2d: "image"};
+        const news = last.filter((a) => a.number > (this.announced ?? Infinity) && tabs[a.how] && this.named(a.module));
+        this.announced = last.at(-1)?.number ?? 0;
+        if (news.length && byId("follow").checked)
+            this.choose(news.at(-1).module, tabs[news.at(-1).how]);
     }
 
     takeModules(list) {
         const before = JSON.stringify([this.module()?.nx, this.module()?.ny, this.module()?.nt]);
         this.list = list;
+        this.followRun();
         this.tabs.fit.modules(list);
         this.tabs.rates.modules(list);
         this.showModules();
@@ -91,7 +119,7 @@ class App {
             const item = document.createElement("li"), button = document.createElement("button");
             const details = document.createElement("small");
             const changed = m.changed ? ` · changed ${new Date(m.changed).toLocaleTimeString()}` : "";
-            details.textContent = `${m.nx} × ${m.ny} × ${m.nt}  ${m.title}${changed}`;
+            details.textContent = `${m.nx} × ${m.ny} × ${m.nt}${m.title === m.name ? "" : "  " + m.title}${changed}`;
             button.append(m.name, details);
             button.setAttribute("aria-current", m.name === this.chosen);
             button.addEventListener("click", () => this.choose(m.name));

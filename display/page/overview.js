@@ -1,5 +1,5 @@
 // Many channels at a glance: one canvas, a small spectrum each.
-import {byId, everything, hues, saveCsv, savePng, scales, style} from "./common.js";
+import {byId, everything, hues, layout, saveCsv, savePng, scales, style} from "./common.js";
 
 const view = 2, mostChannels = 256, tileHeight = 90;
 
@@ -19,11 +19,12 @@ export class Overview {
         if (!this.shown || !module)
             return;
         const width = byId("tiles").clientWidth || 800;
-        this.channels = Math.min(module.ny, mostChannels);
+        const axes = layout(module), frame = Math.min(this.app.frames()[0], axes.frames - 1);
+        this.channels = Math.min(axes.channels, mostChannels);
         this.across = Math.max(1, Math.min(8, Math.floor(width / 140)));
-        const frame = Math.min(Number(byId("frames").value.match(/\d+/)?.[0] ?? 0), module.nt - 1);
+        this.frame = frame;
         const columns = Math.floor(width / this.across * devicePixelRatio) - 6;
-        this.app.live.look(view, module.name, [0, everything, 0, this.channels - 1, frame, frame], columns, this.channels,
+        this.app.live.look(view, module.name, [0, everything, ...axes.box(0, this.channels - 1, frame, frame)], columns, this.channels,
             (m) => this.draw(m));
     }
 
@@ -31,6 +32,7 @@ export class Overview {
         const begun = performance.now();
         const canvas = byId("tiles"), ratio = devicePixelRatio;
         this.head = message;
+        const {frame} = this;
         const down = Math.ceil(message.rows / this.across);
         const width = Math.floor((canvas.clientWidth || 800) * ratio), height = Math.max(1, Math.floor(down * tileHeight * ratio));
         if (canvas.width !== width || canvas.height !== height) {
@@ -56,12 +58,12 @@ export class Overview {
                 ctx.lineTo(left + i * step, bottom - (scale(values[i] || 0) - floor) * room);
             ctx.stroke();
             ctx.fillStyle = ink;
-            ctx.fillText(`${message.y0 + row}  ${top}`, left + 2, bottom - tall + 14 * ratio + base);
+            ctx.fillText(`${row}  ${top}`, left + 2, bottom - tall + 14 * ratio + base);
         }
         this.times.push(performance.now() - begun);
         if (this.times.length > 100)
             this.times.shift();
-        byId("overviewnote").textContent = `${message.rows} channels of ${message.nx} bins, frame ${message.t0}; ` +
+        byId("overviewnote").textContent = `${message.rows} channels of ${message.nx} bins, frame ${frame}; ` +
             `number and highest bin; drawn in ${this.times.at(-1).toFixed(1)} ms`;
     }
 
@@ -78,7 +80,7 @@ export class Overview {
     csv() {
         const rows = [];
         for (let row = 0; row < this.head.rows; ++row)
-            rows.push([this.head.y0 + row, ...this.head.values.subarray(row * this.head.columns, (row + 1) * this.head.columns)]);
+            rows.push([row, ...this.head.values.subarray(row * this.head.columns, (row + 1) * this.head.columns)]);
         saveCsv(`${this.app.module().name}-overview.csv`, rows);
     }
 

@@ -1,6 +1,6 @@
 // Spectra over one another: scales, energy axis, zoom and pan, cursor, regions, lines of elements.
 import uPlot from "./uPlot.esm.js";
-import {byId, everything, hues, numbersOf, saveCsv, savePng, scales, short, style} from "./common.js";
+import {byId, everything, hues, layout, numbersOf, saveCsv, savePng, scales, short, style} from "./common.js";
 import {elementLines} from "./lines.js";
 
 const view = 0, firstRegion = 8, mostRegions = 6, sideBins = 3;
@@ -9,8 +9,8 @@ export class Spectra {
     constructor(app) {
         this.app = app;
         this.range = null; // [first, last] channel, null: all
-        this.regions = []; // {from, to, row: {y, t}, result}
-        this.series = [];  // {y, t, values}, as they came
+        this.regions = []; // {from, to, channel, frame, y, t, result}
+        this.series = [];  // {channel, frame, y, t, values}, as they came
         for (const id of ["channels", "frames"])
             byId(id).addEventListener("change", () => { this.forgetRegions(); this.look(); });
         for (const id of ["scale", "offset", "gain", "elements"])
@@ -22,20 +22,27 @@ export class Spectra {
 
     show() { this.shown = true; this.look(); }
     hide() { this.shown = false; this.app.live.leave(view); this.leaveRegions(); }
-    select() { this.range = null; this.forgetRegions(); this.data = null; this.look(); }
+    select() {
+        this.range = null;
+        this.head = null;
+        this.app.live.leave(view); // what was sent before is asked for anew
+        this.forgetRegions();
+        this.look();
+    }
 
     look() {
         const module = this.app.module();
         if (!this.shown || !module)
             return;
-        this.ys = numbersOf(byId("channels").value).filter((n) => n < module.ny);
-        this.ts = numbersOf(byId("frames").value).filter((n) => n < module.nt);
-        this.ys = this.ys.length ? this.ys : [0];
-        this.ts = this.ts.length ? this.ts : [0];
+        const axes = this.axes = layout(module);
+        const inside = (numbers, count) => numbers.some((n) => n < count) ? numbers.filter((n) => n < count) : [0];
+        this.channels = inside(numbersOf(byId("channels").value), axes.channels);
+        this.frames = inside(this.app.frames(), axes.frames);
         const [x0, x1] = this.range ?? [0, everything];
-        const rows = (this.ys.at(-1) - this.ys[0] + 1) * (this.ts.at(-1) - this.ts[0] + 1);
-        this.app.live.look(view, module.name, [x0, x1, this.ys[0], this.ys.at(-1), this.ts[0], this.ts.at(-1)],
-            Math.round(byId("plot").clientWidth * devicePixelRatio) || 1000, rows, (m) => this.take(m));
+        const [c0, c1, f0, f1] = [this.channels[0], this.channels.at(-1), this.frames[0], this.frames.at(-1)];
+        const rows = (c1 - c0 + 1) * (f1 - f0 + 1);
+        this.app.live.look(view, module.name, [x0, x1, ...axes.box(c0, c1, f0, f1)], Math.round(byId("plot").clientWidth * devicePixelRatio) || 1000, rows,
+            (m) => this.take(m));
         this.lookAtRegions();
     }
 
@@ -43,11 +50,12 @@ export class Spectra {
         const height = message.y1 - message.y0 + 1;
         this.head = message;
         this.series = [];
-        for (const t of this.ts)
-            for (const y of this.ys) {
+        for (const frame of this.frames)
+            for (const channel of this.channels) {
+                const {y, t} = this.axes.place(channel, frame);
                 const row = (t - message.t0) * height + y - message.y0;
                 if (row >= 0 && row < message.rows)
-                    this.series.push({y, t, values: message.values.subarray(row * message.columns, (row + 1) * message.columns)});
+                    this.series.push({channel, frame, y, t, values: message.values.subarray(row * message.columns, (row + 1) * message.columns)});
             }
         this.draw();
     }
@@ -100,7 +108,7 @@ export class Spectra {
     shownRange() { return this.head ? [this.head.x0, this.head.x1] : [0, 0]; }
 
     zoom(range) {
-        const last = this.head ? this.head.nx - 1 : 0;
+        const last = this.head ? this.head.nx - 1 : Infinity;
         this.range = range && [Math.max(0, Math.min(range[0], last)), Math.max(0, Math.min(range[1], last))];
         this.look();
     }
@@ -124,7 +132,7 @@ export class Spectra {
             return;
         const step = (this.head.x1 - this.head.x0 + 1) / this.head.columns;
         const channel = this.head.x0 + Math.floor(i * step);
-        const counts = this.series.map((s) => `${s.y}${this.ts.length > 1 ? "/" + s.t : ""}: ${short(s.values[i])}`).join("  ");
+        const counts = this.series.map((s) => `${s.channel}${this.frames.length > 1 ? "/" + s.frame : ""}: ${short(s.values[i])}`).join("  ");
         byId("readout").textContent = `channel ${channel}${step > 1 ? "… (maximum)" : ""}  energy ${short(this.energy(channel))}  ${counts}`;
     }
 
@@ -154,7 +162,8 @@ export class Spectra {
     addRegion(from, to) {
         if (this.regions.length >= mostRegions || to < from || !this.series.length)
             return;
-        this.regions.push({from, to, y: this.series[0].y, t: this.series[0].t});
+        const {channel, frame, y, t} = this.series[0];
+        this.regions.push({from, to, channel, frame, y, t});
         this.lookAtRegions();
         this.showRegions();
     }
@@ -176,7 +185,7 @@ export class Spectra {
     showRegions() {
         byId("regions").tBodies[0].replaceChildren(...this.regions.map((r, i) => {
             const row = document.createElement("tr");
-            const cells = [`${r.from}–${r.to}`, `${r.y}, ${r.t}`, short(r.result?.sum), short(r.result?.net), short(r.result?.error)];
+            const cells = [`${r.from}–${r.to}`, `${r.channel}, ${r.frame}`, short(r.result?.sum), short(r.result?.net), short(r.result?.error)];
             cells.forEach((text) => { row.insertCell().textContent = text; });
             const button = document.createElement("button");
             button.textContent = "×";
@@ -193,7 +202,7 @@ export class Spectra {
 
     csv() {
         const head = this.head, step = (head.x1 - head.x0 + 1) / head.columns;
-        const rows = [["channel", "energy", ...this.series.map((s) => `channel ${s.y} frame ${s.t}`)]];
+        const rows = [["channel", "energy", ...this.series.map((s) => `channel ${s.channel} frame ${s.frame}`)]];
         for (let i = 0; i < head.columns; ++i) {
             const channel = head.x0 + Math.floor(i * step);
             rows.push([channel, this.energy(channel), ...this.series.map((s) => s.values[i])]);

@@ -64,10 +64,9 @@ def test_the_display_answers_what_the_server_announces(start, names):
         name = names("told" + how)
         reply = client.lines(f"module create '{name}' {shape} header")
         assert reply[-1] == "* 0" and not any(line.startswith("!") for line in reply), reply
-        told = [page.text("announced") for _ in range(1)]
-        assert told[-1]["module"] == name
-        while told[-1]["how"] != how and told[-1]["how"] != "shape":
-            told.append(page.text("announced"))
+        wanted = [(name, "config"), (name, how), (name, "shape")]
+        while [(a["module"], a["how"]) for a in page.text("announced")["last"]][-3:] != wanted:
+            pass
     assert client.lines("send imgd 'module open \"nothing there\" display1d'")[-2:] == [
         "! - No module 'nothing there' that can be shown", "* -1"]
     assert client.lines("send imgd 'module set-shape \"x\" 0 1 1'")[-1] == "* -1"

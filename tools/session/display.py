@@ -20,6 +20,15 @@ class Display(Server):
         self.http_port = int(re.search(r":(\d+)/", self.url)[1])
 
 
+def descendants(pid):
+    """A process's children and theirs."""
+    found = []
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        for child in (task / "children").read_text().split():
+            found += [int(child), *descendants(int(child))]
+    return found
+
+
 class Browser:
     """Headless Chromium on a page; the page's own objects are read by scripts."""
 
@@ -50,6 +59,9 @@ class Browser:
         from selenium.webdriver.common.action_chains import ActionChains
         self.run("document.activeElement.blur()")
         ActionChains(self.driver).send_keys(*keys).perform()
+
+    def processes(self):
+        return descendants(self.driver.service.process.pid)
 
     def complaints(self):
         return [entry for entry in self.driver.get_log("browser") if entry["level"] in ("SEVERE", "WARNING")]
