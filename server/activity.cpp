@@ -192,8 +192,8 @@ void activity_metrics(std::string &out) {
                   std::to_string(ever));
     metric_single(out, "kestrel_sent_bytes_total", "counter", "Bytes sent to sessions.",
                   std::to_string(sv_bytes_out.load(std::memory_order_relaxed)));
-    metric_single(out, "kestrel_line_running_seconds", "gauge", "For how long the present line has run, 0 for none.",
-                  as_text(busy_now));
+    metric_single(out, "kestrel_line_running_seconds", "gauge",
+                  "For how long the present line has run, 0 for none.", as_text(busy_now));
     metric_family(out, "kestrel_line_seconds", "histogram", "Time that lines of sessions took.");
     std::uint64_t sum = 0;
     for (std::size_t i = 0; i < histogram.counts.size(); ++i) {

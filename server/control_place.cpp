@@ -46,7 +46,7 @@ bool free_place(const std::string &path, const sockaddr_un &address, std::string
         return errno == ENOENT;
     }
     if (S_ISLNK(status.st_mode) || !S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid()) {
-        why = path + (S_ISLNK(status.st_mode)    ? " is a symbolic link"
+        why = path + (S_ISLNK(status.st_mode)     ? " is a symbolic link"
                       : !S_ISSOCK(status.st_mode) ? " is there and no socket"
                                                   : " belongs to somebody else");
         return false;

@@ -66,8 +66,7 @@ int count_threads() {
 }
 
 std::string status_text(int port) {
-    std::string out =
-        "server port " + std::to_string(port) + " pid " + std::to_string(::getpid()) + "\n";
+    std::string out = "server port " + std::to_string(port) + " pid " + std::to_string(::getpid()) + "\n";
     activity_status(out);
     out += "threads " + std::to_string(count_threads()) + "\n";
     if (sv_hooks.status)
@@ -125,8 +124,7 @@ bool take_request(asking &a, int port) {
 }
 
 bool send_answer(asking &a) {
-    const ssize_t n =
-        ::send(a.fd.get(), a.answer.data() + a.sent, a.answer.size() - a.sent, MSG_NOSIGNAL);
+    const ssize_t n = ::send(a.fd.get(), a.answer.data() + a.sent, a.answer.size() - a.sent, MSG_NOSIGNAL);
     if (n < 0)
         return errno == EAGAIN || errno == EINTR;
     a.sent += static_cast<std::size_t>(n);

@@ -13,10 +13,10 @@ struct server_options {
     std::string startup_file;
     bool startup = false;
     int detach = 0;
-    in_addr listen{INADDR_ANY};       // -listen: the address of this machine that sessions come to
-    std::vector<ip_network> allowed;  // -allow: whose sessions are taken; empty: everybody's
-    std::string control;              // -control: the control socket's path; empty: the usual place
-    std::string control_group;        // -control-group: who may use it besides its owner
+    in_addr listen{INADDR_ANY};      // -listen: the address of this machine that sessions come to
+    std::vector<ip_network> allowed; // -allow: whose sessions are taken; empty: everybody's
+    std::string control;             // -control: the control socket's path; empty: the usual place
+    std::string control_group;       // -control-group: who may use it besides its owner
 };
 
 extern int user_default_port;                 // 1972
