@@ -73,7 +73,7 @@ export class Picture {
         canvas.height = message.rows;
         const width = Math.max(200, (byId("image").clientWidth || 800) - 130);
         canvas.style.width = `${width}px`;
-        canvas.style.height = `${Math.min(480, Math.max(message.rows, 160))}px`;
+        canvas.style.height = `${Math.min(480, Math.max(width * message.rows / message.columns, 160))}px`;
         canvas.getContext("2d").putImageData(new ImageData(new Uint8ClampedArray(pixels.buffer), message.columns, message.rows), 0, 0);
         this.mark ??= [message.columns >> 1, message.rows >> 1];
         this.profiles();

@@ -139,6 +139,8 @@ export class Spectra {
     drawLines(u) {
         const {ctx, bbox} = u;
         ctx.save();
+        ctx.textAlign = "left";
+        let row = 0;
         ctx.font = `${11 * devicePixelRatio}px sans-serif`;
         byId("elements").value.split(/[ ,]+/).forEach((element, i) => {
             ctx.strokeStyle = ctx.fillStyle = hues[(i + 1) % hues.length];
@@ -151,7 +153,7 @@ export class Spectra {
                 ctx.moveTo(x, bbox.top);
                 ctx.lineTo(x, bbox.top + bbox.height);
                 ctx.stroke();
-                ctx.fillText(`${element} ${name}`, x + 3, bbox.top + (12 + 12 * (i % 4)) * devicePixelRatio);
+                ctx.fillText(`${element} ${name}`, x + 3, bbox.top + (12 + 12 * (row++ % 6)) * devicePixelRatio);
             }
         });
         ctx.restore();

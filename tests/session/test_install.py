@@ -9,6 +9,10 @@ from kestrel_session import KESTREL, ROOT
 BUILD = os.environ.get("KESTREL_BUILD", str(ROOT / "build"))
 
 
+PAGE = sorted([path.name for path in (ROOT / "display" / "page").iterdir() if path.suffix in (".html", ".css", ".js")] +
+              ["uPlot.esm.js", "uPlot.min.css"])
+
+
 def run(*command, **how):
     return subprocess.run(command, capture_output=True, text=True, timeout=60, **how)
 
@@ -31,11 +35,10 @@ def options():
 
 def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
-    page = [f for f in files if f.startswith("share/kestrel/display/")]
-    assert {"index.html", "main.js", "uPlot.esm.js", "uPlot.min.css"} <= {f.rpartition("/")[2] for f in page}
-    assert sorted({*files} - {*page}) == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
+    assert files == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
                      "share/bash-completion/completions/kestrel", "share/bash-completion/completions/kestrelctl",
-                     "share/man/man1/kestrel.1", "share/man/man1/kestrelctl.1"]
+                     *(f"share/kestrel/display/{name}" for name in PAGE), "share/man/man1/kestrel-display.1", "share/man/man1/kestrel.1",
+                     "share/man/man1/kestrelctl.1"]
     assert run(prefix / "bin/kestrel", "-server?").returncode == 1
     source = f'#include "{prefix}/include/kestrel/kestrel_module.h"\n'
     assert run("cc", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", "-xc", "-", input=source).stderr == ""
