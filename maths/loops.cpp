@@ -1,5 +1,7 @@
 #include "maths/loops.h"
 
+#include "support/processor.h"
+
 #ifdef __SSE2__
 #include <xmmintrin.h>
 #endif
@@ -10,10 +12,9 @@ namespace {
 
 const row_loops &best_loops() {
 #ifdef __x86_64__
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
+    if (processor_has_avx512())
         return loops_avx512;
-    if (__builtin_cpu_supports("avx2"))
+    if (processor_has_avx2())
         return loops_avx2;
 #endif
     return loops_plain;

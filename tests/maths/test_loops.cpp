@@ -1,6 +1,7 @@
 // Every version of the row loops gives the bits of plain single rows, for any length and any place in memory.
 #include "maths/kernels.h"
 #include "maths/loops.h"
+#include "support/processor.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
@@ -14,10 +15,9 @@ namespace {
 std::vector<const row_loops *> versions() {
     std::vector<const row_loops *> all{&loops_plain};
 #ifdef __x86_64__
-    if (__builtin_cpu_supports("avx2"))
+    if (processor_has_avx2())
         all.push_back(&loops_avx2);
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl"))
+    if (processor_has_avx512())
         all.push_back(&loops_avx512);
 #endif
     return all;
