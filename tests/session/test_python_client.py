@@ -323,3 +323,15 @@ def test_what_threads_say_between_two_commands_is_a_note_of_the_next():
 def test_types_hold():
     checked = subprocess.run(["mypy", "--strict", "--cache-dir=/dev/null", str(PYTHON / "src")], capture_output=True, text=True)
     assert checked.returncode == 0, checked.stdout + checked.stderr
+
+
+def test_pip_installs_it_without_any_network(tmp_path):
+    environment = {**os.environ, "PIP_NO_INDEX": "1", "PIP_ROOT_USER_ACTION": "ignore"}
+    installed = subprocess.run([sys.executable, "-m", "pip", "install", "--no-deps", "--target", tmp_path, str(PYTHON)],
+                               capture_output=True, text=True, env=environment)
+    assert installed.returncode == 0, installed.stderr
+    said = subprocess.run([sys.executable, "-c", "import kestrel; print(kestrel.__version__, kestrel.__file__)"], text=True,
+                          capture_output=True, cwd=tmp_path, env={**environment, "PYTHONPATH": str(tmp_path)})
+    assert said.stdout == f"1.0 {tmp_path}/kestrel/__init__.py\n", said.stderr
+    shown = subprocess.run([sys.executable, "-m", "pip", "list", "--path", tmp_path], capture_output=True, text=True)
+    assert "kestrel-client 1.0" in shown.stdout
