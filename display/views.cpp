@@ -105,14 +105,13 @@ bool read_box(const open_module &module, const view_head &h, std::vector<double>
 std::string packed(const view_head &head, const std::vector<double> &values) {
     std::string text(reinterpret_cast<const char *>(&head), sizeof head);
     text.resize(sizeof head + values.size() * head.element_size);
-    char *const to = text.data() + sizeof head;
-    if (head.element_size == sizeof(double)) {
-        std::memcpy(to, values.data(), values.size() * sizeof(double));
-        return text;
-    }
     for (std::size_t i = 0; i < values.size(); ++i) {
-        const auto value = static_cast<float>(values[i]);
-        std::memcpy(to + i * sizeof value, &value, sizeof value);
+        char *const to = text.data() + sizeof head + i * head.element_size;
+        const auto shorter = static_cast<float>(values[i]);
+        if (head.element_size == sizeof(double))
+            std::memcpy(to, &values[i], sizeof(double));
+        else
+            std::memcpy(to, &shorter, sizeof shorter);
     }
     return text;
 }

@@ -267,8 +267,7 @@ def test_a_browser_that_reads_nothing_loses_updates_and_costs_no_memory(display,
         data[:] = value
         while quick.view().rows[0, 0] != value:
             pass
-    assert resident(display) - memory < 60e6
-    assert quick.view is not None
+    assert resident(display) - memory < (60e6 if SCALE == 1 else 400e6)  # sanitizers keep what was freed
     lost = 0
     while lost == 0:
         lost = slow.view().lost
