@@ -214,8 +214,23 @@ double peak_vector::outside(const double *x, std::size_t index) const {
     return 0.0;
 }
 
-void peak_rivals::add(std::size_t main, const std::vector<double> &x, double residual) {
-    ends_.push_back({main, x, residual});
+void peak_rivals::add(std::size_t main, const std::vector<double> &x, double residual, bool at_noise) {
+    ends_.push_back({main, x, residual, at_noise});
+}
+
+// Fewer parameters that came further, by more than a unit of chi-squared, show that the end is not where these can
+// come to.
+bool peak_rivals::is_settled(const peak_vector &vector, std::size_t channels) const {
+    const std::size_t count = vector.parameters.size();
+    double best = std::numeric_limits<double>::infinity();
+    for (const end &other : ends_)
+        if (other.x.size() <= count)
+            best = std::min(best, other.residual);
+    const double enough = best * std::sqrt(1.0 + 1.0 / static_cast<double>(channels));
+    return std::any_of(ends_.begin(), ends_.end(), [&](const end &other) {
+        return other.at_noise && other.main == vector.main && other.x.size() == count &&
+               other.residual <= enough;
+    });
 }
 
 // By a small part of a peak's width and height, with the same things varied.
@@ -242,6 +257,8 @@ bool peak_rivals::cannot_be_beaten(const peak_vector &vector, const double *x, d
                                    std::size_t channels) {
     constexpr double same = 0.01;  // of a unit of chi-squared: a tenth of the errors
     constexpr double enough = 0.1; // of the distance, in the last steps
+    if (is_settled(vector, channels))
+        return true;
     double &oldest = reached_[steps_++ % remembered];
     const double before = oldest;
     oldest = residual;

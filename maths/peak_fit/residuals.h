@@ -72,10 +72,12 @@ class peak_profile {
 class peak_rivals {
   public:
     void forget() { ends_.clear(); }
-    void add(std::size_t main, const std::vector<double> &x, double residual);
+    // `at_noise`: what is left of the spectrum is no more than its own noise, of enough counts to tell.
+    void add(std::size_t main, const std::vector<double> &x, double residual, bool at_noise);
     void begin() { steps_ = 0; }
-    // A run stands at x, with that residual. True when it is about to end where another did, or when its last
-    // steps brought it so little nearer to the best that it will not get there.
+    // A run stands at x, with that residual. True when another has left nothing but noise by the same
+    // parameters, when it is about to end where another did, or when its last steps brought it so little nearer
+    // to the best that it will not get there.
     bool cannot_be_beaten(const peak_vector &vector, const double *x, double residual, std::size_t channels);
 
   private:
@@ -83,8 +85,10 @@ class peak_rivals {
         std::size_t main;
         std::vector<double> x;
         double residual;
+        bool at_noise;
     };
     std::vector<end> ends_;
+    bool is_settled(const peak_vector &vector, std::size_t channels) const;
     static constexpr std::size_t remembered = 4;
     std::size_t steps_ = 0;
     std::array<double, remembered> reached_{}; // in the last steps

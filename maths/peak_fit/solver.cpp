@@ -156,6 +156,7 @@ struct peak_fit_solver::state {
 
     peak_list seed(const pass_variant &variant, const peak_fit_start_t &start) const;
     peak_vector vary(const pass_variant &variant, const peak_fit_start_t &start, peak_list &seeds) const;
+    bool is_at_noise(std::size_t parameters) const;
     bool shows_tails() const { return area_of_unit_peak * found.height * found.fwhm >= enough_for_tails; }
     bool applies(int pass) const;
     bool try_pass(int pass, peak_fit_solver &solver, outcome &best);
@@ -199,6 +200,13 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
     }
     vector.set_ranges(used(seeds), found.fwhm, spectrum.size());
     return vector;
+}
+
+// Within twice the usual spread of chi-squared.
+bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
+    const double chi2 =
+        chi_squared(std::span(residual).first(residuals.data.size()), residuals.data, parameters);
+    return chi2 > 0.0 && chi2 <= 1.0 + 2.0 * std::sqrt(2.0 / static_cast<double>(residuals.data.size()));
 }
 
 bool peak_fit_solver::state::applies(int pass) const {
@@ -256,7 +264,7 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     keep_trial(solver, pass, seeds, tried.peaks);
     if (info <= 0 || !all_finite(used(tried.peaks)))
         return true;
-    residuals.rivals.add(tried.vector.main, tried.x, tried.residual);
+    residuals.rivals.add(tried.vector.main, tried.x, tried.residual, shows_tails() && is_at_noise(x.size()));
     if (tried.residual < best.residual)
         best = std::move(tried);
     return true;
