@@ -48,7 +48,7 @@ class script_file {
     off_t block_start_ = 0;
     off_t position_ = 0;
     struct stat seen_ {};
-    long long looked_ = 0; // the tick at which the file's state was last asked for
+    long long looked_ = 0;  // the tick at which the file's state was last asked for
     bool fresh_ = false;    // written so shortly before it was read that a change might not show
     bool seekable_ = false; // a pipe is read once, in order
     unsigned long generation_ = 0;
