@@ -7,6 +7,7 @@
   1000 other  the same with a number in each line that no other has, so that nothing is known of a line
   loop        a million passes of a three-line script loop: against Lua that compiles these three lines anew with
               load in each pass; processor time of both
+  straight    a script of 200,000 lines, each with a number of its own: against Lua that loads each line of a file
   300 idle    one line at a time again, beside 300 sessions that say nothing; and what a session takes of memory
 
 tools/install_packages bench/packages.txt and tools/build release --target bench_programs come first.
@@ -42,6 +43,18 @@ for pass = 1, {PASSES} do
     load(lines)()
 end
 assert(x == {PASSES} * 2 + 1)
+io.write(os.clock())
+"""
+
+
+LINES = 200_000
+STRAIGHT = [f"set-int 'x' %n*2+{number}" for number in range(LINES)]
+STRAIGHT_LUA = """
+n = 1
+for line in io.lines("{path}") do
+    load(line)()
+end
+assert(x == {last})
 io.write(os.clock())
 """
 
@@ -131,6 +144,28 @@ def loop(server):
            statistics.median(theirs / mine for mine, theirs in pairs), 10.0)
 
 
+def straight(server, scratch):
+    """A script of lines that no other is like, against Lua that compiles each line of a file."""
+    server.write("straight.cmd", ["set-int 'n' 1", *STRAIGHT])
+    path = scratch / "straight.lua"
+    path.write_text("".join(f"x = n * 2 + {number}\n" for number in range(LINES)))
+    program = STRAIGHT_LUA.format(path=path, last=LINES + 1)
+    client = server.client()
+
+    def ours():
+        start = processor_seconds(server)
+        assert client.lines("include 'straight.cmd'", 300) == ["* 0"]
+        return processor_seconds(server) - start
+
+    def lua():
+        return float(subprocess.run(["lua5.4", "-"], input=program, check=True, capture_output=True, text=True).stdout)
+
+    pairs = [(ours(), lua()) for _ in range(5)]
+    mine, theirs = (statistics.median(column) for column in zip(*pairs))
+    report("straight", LINES / mine, "lua with load", LINES / theirs,
+           statistics.median(theirs / mine for mine, theirs in pairs), 12.0)
+
+
 def resident(server):
     status = pathlib.Path(f"/proc/{server.process.pid}/status").read_text()
     return int(status.split("VmRSS:")[1].split()[0])
@@ -174,6 +209,7 @@ def main():
             running.append(echo := Peer(PROGRAMS / "echo_server", "{port}"))
             lines(server, redis, echo)
             loop(server)
+            straight(server, scratch)
             idle(server, redis, scratch / "crowded")
         finally:
             for process in running:

@@ -47,9 +47,9 @@ int write_whole(int fd, std::string_view text, bool failed_before) {
 }
 
 void tell_lost(int cn, log_state &log) {
-    const int error = log.untold.exchange(0);
-    if (error == 0)
+    if (log.untold.load() == 0) // an exchange in every line is dear
         return;
+    const int error = log.untold.exchange(0);
     const char *const why = std::strerror(error);
     std::fprintf(stderr, "server: Cannot write the %s: %s\n", log.name, why);
     sv_printf(cn, "! Cannot write the %s, what happens is not logged: %s\n", log.name, why);
