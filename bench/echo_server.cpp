@@ -1,5 +1,5 @@
-// bench: the least that a select loop can do: accept, look, receive, send back. The bound for line_client.
-//   echo_server PORT      ends with the process
+// bench: the least that a loop can do: accept, look, receive, send back. The bound for line_client.
+//   echo_server PORT [epoll]      looks with select, or epoll_wait; ends with the process
 #include "support/fd.h"
 
 #include <algorithm>
@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string_view>
+#include <sys/epoll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
@@ -29,52 +31,82 @@ unique_fd listen_on(int port) {
     return fd;
 }
 
-void accept_one(int listening, fd_set &open, int &highest) {
+int accept_one(int listening) {
     const int fd = ::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0 || fd >= FD_SETSIZE)
-        return;
     const int on = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    FD_SET(fd, &open);
-    highest = std::max(highest, fd);
+    return fd;
 }
 
-void echo(int fd, fd_set &open) {
+bool echo(int fd) {
     static char block[64 * 1024];
     const ssize_t n = ::recv(fd, block, sizeof block, 0);
-    if (n > 0 && ::send(fd, block, static_cast<std::size_t>(n), MSG_NOSIGNAL) == n)
-        return;
-    FD_CLR(fd, &open);
-    ::close(fd);
+    return n > 0 && ::send(fd, block, static_cast<std::size_t>(n), MSG_NOSIGNAL) == n;
+}
+
+int select_loop(int listening) {
+    fd_set open;
+    FD_ZERO(&open);
+    FD_SET(listening, &open);
+    int highest = listening;
+    for (;;) {
+        fd_set ready = open;
+        if (::select(highest + 1, &ready, nullptr, nullptr, nullptr) < 0)
+            return 1;
+        for (int fd = listening + 1; fd <= highest; ++fd) {
+            if (FD_ISSET(fd, &ready) && !echo(fd)) {
+                FD_CLR(fd, &open);
+                ::close(fd);
+            }
+        }
+        const int fd = FD_ISSET(listening, &ready) ? accept_one(listening) : -1;
+        if (fd < 0 || fd >= FD_SETSIZE)
+            continue;
+        FD_SET(fd, &open);
+        highest = std::max(highest, fd);
+    }
+}
+
+bool watch(const unique_fd &set, int fd) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    return ::epoll_ctl(set.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+int epoll_loop(int listening) {
+    const unique_fd set(::epoll_create1(EPOLL_CLOEXEC));
+    if (!watch(set, listening))
+        return 1;
+    for (;;) {
+        epoll_event events[64];
+        const int count = ::epoll_wait(set.get(), events, 64, -1);
+        if (count < 0)
+            return 1;
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == listening)
+                watch(set, accept_one(listening));
+            else if (!echo(fd))
+                ::close(fd);
+        }
+    }
 }
 
 } // namespace
 
-int echo_server(int port) {
+int echo_server(int port, bool with_epoll) {
     const unique_fd listening = listen_on(port);
     if (!listening) {
         std::perror("echo_server");
         return 1;
     }
-    fd_set open;
-    FD_ZERO(&open);
-    FD_SET(listening.get(), &open);
-    int highest = listening.get();
-    for (;;) {
-        fd_set ready = open;
-        if (::select(highest + 1, &ready, nullptr, nullptr, nullptr) < 0)
-            return 1;
-        if (FD_ISSET(listening.get(), &ready))
-            accept_one(listening.get(), open, highest);
-        for (int fd = listening.get() + 1; fd <= highest; ++fd) {
-            if (FD_ISSET(fd, &ready) && FD_ISSET(fd, &open))
-                echo(fd, open);
-        }
-    }
+    return with_epoll ? epoll_loop(listening.get()) : select_loop(listening.get());
 }
 
 } // namespace kestrel
 
 int main(int argc, char **argv) {
-    return kestrel::echo_server(argc > 1 ? std::atoi(argv[1]) : 0);
+    const bool with_epoll = argc > 2 && std::string_view(argv[2]) == "epoll";
+    return kestrel::echo_server(argc > 1 ? std::atoi(argv[1]) : 0, with_epoll);
 }

@@ -1,10 +1,11 @@
 #!/usr/bin/python3
-"""How fast the maths commands are, as ratios measured in one run:  bench/maths_speed.py [rounds]
+"""How fast the maths commands are, as ratios measured in one run:  bench/maths_speed.py [rounds [row ...]]
 
-On a float module of 256 MiB (2048 x 2048 x 16) in shared memory, the server's command against numpy on the same
-memory, both with one thread and sums in double precision, results in single. `accumulate` also against a plain
-loop in C++ (plain_sum.cpp, compiled here). The two of a pair run in turn; processor time of each, which other
-programs on the machine disturb less than the clock; medians. Results are compared, too. KESTREL names the program.
+Commands typed into a running server, on modules of 256 MiB (2048 x 2048 x 16 floats), which no cache holds, in shared
+memory; against the fastest that numpy has for the same memory, on one thread, and against bare loops in C++
+(bare_maths.cpp, compiled here with -O3 -march=native) on as many threads as the server may use: all processors, and
+then one. Clock time, the three in turn; medians. "new": the result module is made by each command, otherwise it exists, but
+nobody has it mapped. Results are compared, too. KESTREL names the server.
 """
 import os
 
@@ -27,146 +28,128 @@ import numpy as np
 NX, NY, NT = 2048, 2048, 16
 REGION = f"0 0 0 {NX - 1} {NY - 1} {NT - 1}"
 LONG = 600  # seconds before a reply is missed
+DATA = 464  # where a module's elements begin
+MODULES = pathlib.Path("/dev/shm")
+
+
+def module(name):
+    return kestrel_data.Module("kt_bench_" + name).data
+
+
+def seconds(action):
+    start = time.perf_counter()
+    action()
+    return time.perf_counter() - start
 
 
 class Bench:
-    def __init__(self, scratch, rounds):
-        self.rounds = rounds
+    def __init__(self, scratch, rounds, wanted):
+        self.rounds, self.wanted = rounds, wanted
+        self.processors = sorted(os.sched_getaffinity(0))
         self.server = kestrel_session.Server(scratch)
         self.client = self.server.client()
-        for name in "a", "b":
-            self.run(f"module create 'kt_bench_{name}' {NX} {NY} header float num-t {NT}")
+        for name, kind in ("a", "float"), ("b", "float"), ("l", ""):
+            self.run(f"module create 'kt_bench_{name}' {NX} {NY} header {kind} num-t {NT}")
             random = np.random.default_rng(ord(name))
-            for frame in self.module(name):
-                frame[:] = random.random((NY, NX), dtype="f4") * 1000
-            kestrel_data.do(self.client, f"module open 'kt_bench_{name}' header")  # handles 0 and 1
-
-    def module(self, name):
-        return kestrel_data.Module("kt_bench_" + name).data
+            for frame in module(name):
+                frame[:] = (random.random((NY, NX), dtype="f4") * 1000).astype(frame.dtype)
+            kestrel_data.do(self.client, f"module open 'kt_bench_{name}' header")  # handles 0, 1 and 2
+        program = pathlib.Path(scratch, "bare_maths")
+        subprocess.run(["c++", "-std=c++20", "-O3", "-march=native", "-o", program, ROOT / "bench" / "bare_maths.cpp",
+                        "-lpthread"], check=True)
+        self.bare = [subprocess.Popen([program, MODULES / f"kt_bench_{name}", MODULES / "kt_bench_b", str(DATA), str(NX),
+                                       str(NY), str(NT)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+                     for name in "al"]
 
     def run(self, line):
         reply = self.client.lines(line, LONG)[-1]
         assert reply.startswith("* ") and reply != "* -1", (line, reply)
         return float(reply[2:])
 
-    def processor(self):
-        """Nanoseconds that the server's command thread has run."""
-        return int(pathlib.Path(f"/proc/{self.server.process.pid}/schedstat").read_text().split()[0])
+    def bare_loop(self, name, threads):
+        process = self.bare[name == "accumulate-long"]
+        process.stdin.write(f"{name} {threads}\n")
+        process.stdin.flush()
+        return float(process.stdout.readline())
 
-    def ours(self, line):
-        start = self.processor()
-        result = self.run(line)
-        return (self.processor() - start) * 1e-9, result
+    def place(self, processors):
+        """The server and the bare loops on these."""
+        for pid in [self.server.process.pid, *(process.pid for process in self.bare)]:
+            for thread in os.listdir(f"/proc/{pid}/task"):
+                os.sched_setaffinity(int(thread), processors)
 
-    def compare(self, name, line, against, other, goal):
-        """`other` gives seconds and a result. Once unmeasured: modules are made and pages mapped."""
-        self.run(line)
-        other()
-        mine, theirs = zip(*[(self.ours(line)[0], other()[0]) for _ in range(self.rounds)])
-        mine, theirs = statistics.median(mine), statistics.median(theirs)
-        ratio = theirs / mine
-        print(f"{name:16} {mine * 1e3:7.1f} ms   {against:20} {theirs * 1e3:7.1f} ms   ratio {ratio:5.2f}"
-              f"   (goal {goal})", flush=True)
+    def compare(self, name, line, numpy, bare, goals=(None, None), result=None, check=None):
+        """`numpy` does the same as the command `line`, whose result module `result` is made anew in a second row."""
+        if self.wanted and not any(word in name for word in self.wanted):
+            return
+        for new in (False, True) if result else (False,):
+            for count in sorted({len(self.processors), 1}, reverse=True):
+                self.place(set(self.processors[:count]))
+                self.measure(name + (" new" if new else ""), line, numpy, bare, count,
+                             goals if count > 1 and not new else (None, None), result if new else None)
+        if check:
+            assert np.allclose(np.squeeze(module(result)), check(), rtol=1e-6), f"{name}: not what numpy gives"
+
+    def measure(self, name, line, numpy, bare, threads, goals, remove):
+        def ours():
+            if remove:
+                (MODULES / f"kt_bench_{remove}").unlink(missing_ok=True)
+            return seconds(lambda: self.run(line))
+
+        ours(), numpy()
+        took = [(ours(), seconds(numpy), self.bare_loop(bare, threads)) for _ in range(self.rounds)]
+        mine, theirs, loops = map(statistics.median, zip(*took))
+        ratios = [statistics.median(other / first for first, other in pairs)
+                  for pairs in ([(t[0], t[1]) for t in took], [(t[0], t[2]) for t in took])]
+        shown = [f"{ratio:5.2f}" + (f" (goal {goal})" if goal else "") for ratio, goal in zip(ratios, goals)]
+        print(f"{name:18} {threads} processors {mine * 1e3:7.1f} ms   numpy {theirs * 1e3:7.1f} ms {shown[0]:16}"
+              f"  bare {loops * 1e3:7.1f} ms {shown[1]}", flush=True)
 
     def close(self):
-        for path in pathlib.Path("/dev/shm").glob("kt_bench_*"):
+        for process in self.bare:
+            process.stdin.close()
+            process.wait()
+        for path in MODULES.glob("kt_bench_*"):
             path.unlink()
         self.server.close()
 
 
-def timed(action):
-    """Runs the action measured: a function that gives processor seconds and the result."""
-    def measure():
-        start = time.process_time()
-        result = action()
-        return time.process_time() - start, result
-    return measure
+def binned(a, out):
+    np.add(a[:, 0::2, 0::2], a[:, 0::2, 1::2], out=out)
+    out += a[:, 1::2, 0::2]
+    out += a[:, 1::2, 1::2]
+    return out
 
 
-class PlainLoop:
-    def __init__(self, scratch, path, offset, count):
-        program = pathlib.Path(scratch, "plain_sum")
-        subprocess.run(["c++", "-O3", "-o", program, ROOT / "bench" / "plain_sum.cpp"], check=True)
-        self.process = subprocess.Popen([program, path, str(offset), str(count)], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True)
-
-    def __call__(self):
-        self.process.stdin.write("\n")
-        self.process.stdin.flush()
-        seconds, result = self.process.stdout.readline().split()
-        return float(seconds), float(result)
-
-    def close(self):
-        self.process.stdin.close()
-        self.process.wait()
-
-
-def double_sum(array, axis):
-    return array.sum(axis, dtype="f8").astype("f4")
-
-
-def centroid(array, axis, weights):
-    return (np.einsum(array, [0, 1, 2], weights, [axis], [i for i in range(3) if i != axis], dtype="f8")
-            / array.sum(axis, dtype="f8")).astype("f4")
-
-
-def centroid_plain(array, axis, weights):
-    shape = [1, 1, 1]
-    shape[axis] = -1
-    return ((array * weights.reshape(shape)).sum(axis) / array.sum(axis, dtype="f8")).astype("f4")
-
-
-def binned(array):
-    return array.reshape(NT, NY // 2, 2, NX // 2, 2).sum((2, 4), dtype="f8").astype("f4")
-
-
-def check(name, ours, theirs):
-    assert np.allclose(np.squeeze(ours), theirs, rtol=1e-6), f"{name}: not what numpy gives"
+def measure(bench):
+    a, b, counts = module("a"), module("b"), module("l")
+    weights = np.arange(NX, dtype="f4") + np.float32(0.5)
+    plane, lines = np.zeros((NY, NX), "f4"), np.zeros((NT, NY), "f4")
+    bins, all_of = np.zeros((NT, NY // 2, NX // 2), "f4"), np.zeros_like(a)
+    bench.compare("accumulate", f"maths accumulate 0 {REGION}", lambda: a.sum(dtype="f8"), "accumulate", (4.5, 0.85))
+    bench.compare("accumulate long", f"maths accumulate 2 {REGION}", lambda: counts.sum(dtype="u8"), "accumulate-long",
+                  (2, 0.85))
+    bench.compare("integrate t", f"maths integrate 0 {REGION} t module 'kt_bench_t'", lambda: a.sum(axis=(1, 2)),
+                  "integrate-t", (3, 0.85), "t", lambda: a.sum(axis=(1, 2), dtype="f8"))
+    bench.compare("integrate xy", f"maths integrate 0 {REGION} xy module 'kt_bench_xy'", lambda: a.sum(axis=0, out=plane),
+                  "integrate-xy", (2.2, 0.8), "xy", lambda: a.sum(axis=0, dtype="f8"))
+    bench.compare("centroid x", f"maths centroid 0 {REGION} x module 'kt_bench_c'",
+                  lambda: np.divide(a @ weights, a.sum(axis=2), out=lines), "centroid-x", (5, 0.8), "c",
+                  lambda: a.astype("f8") @ weights.astype("f8") / a.sum(axis=2, dtype="f8"))
+    bench.compare("re-bin 2x2", f"maths re-bin 0 {REGION} x 2 y 2 module 'kt_bench_r'", lambda: binned(a, bins), "re-bin",
+                  (4, 0.7), "r", lambda: binned(a, bins))
+    bench.compare("binary-op add", "maths binary-op 0 1 add module 'kt_bench_s'", lambda: np.add(a, b, out=all_of), "add",
+                  (1.8, 0.8), "s", lambda: a + b)
 
 
 def main():
-    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 7
+    rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 9
     with tempfile.TemporaryDirectory() as scratch:
-        bench = Bench(scratch, rounds)
+        bench = Bench(scratch, rounds, sys.argv[2:])
         try:
-            measure(bench, scratch)
+            measure(bench)
         finally:
             bench.close()
-
-
-def measure(bench, scratch):
-    a, b = bench.module("a"), bench.module("b")
-    sum_up = f"maths accumulate 0 {REGION}"
-    bench.compare("accumulate", sum_up, "numpy", timed(lambda: a.sum(dtype="f8")), 2.5)
-    loop = PlainLoop(scratch, "/dev/shm/kt_bench_a", 464, a.size)
-    bench.compare("accumulate", sum_up, "plain loop", loop, 0.7)
-    assert np.isclose(loop()[1], a.sum(dtype="f8"), rtol=1e-12) and np.isclose(bench.run(sum_up), loop()[1], rtol=1e-5)
-    loop.close()
-
-    for target, axes in ("t", (1, 2)), ("xy", 0):
-        line = f"maths integrate 0 {REGION} {target} module 'kt_bench_{target}'"
-        bench.compare(f"integrate {target}", line, "numpy", timed(lambda: double_sum(a, axes)), 1.2)
-        check(line, bench.module(target), double_sum(a, axes))
-        bench.compare(f"integrate {target}", line, "numpy in float", timed(lambda: a.sum(axes)), "none")
-
-    for letter, axis in ("x", 2), ("t", 0):
-        weights = np.arange(a.shape[axis]) + 0.5
-        line = f"maths centroid 0 {REGION} {letter} module 'kt_bench_c{letter}'"
-        bench.compare(f"centroid {letter}", line, "numpy", timed(lambda: centroid_plain(a, axis, weights)), 4)
-        bench.compare(f"centroid {letter}", line, "numpy einsum", timed(lambda: centroid(a, axis, weights)), "none")
-        check(line, bench.module("c" + letter), centroid(a, axis, weights))
-
-    line = f"maths re-bin 0 {REGION} x 2 y 2 module 'kt_bench_r'"
-    bench.compare("re-bin 2x2", line, "numpy", timed(lambda: binned(a)), 3)
-    check(line, bench.module("r"), binned(a))
-
-    line = "maths binary-op 0 1 add module 'kt_bench_s'"
-    total = np.zeros_like(a)
-    # A result that nobody has mapped yet costs pages on both sides; so does none when it is mapped already.
-    bench.compare("binary-op add", line, "numpy a + b", timed(lambda: a + b), 1)
-    bench.run("module open 'kt_bench_s' header")
-    bench.compare("binary-op, open", line, "numpy out=", timed(lambda: np.add(a, b, out=total)), 1)
-    assert np.array_equal(bench.module("s"), total)
 
 
 if __name__ == "__main__":

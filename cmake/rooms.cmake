@@ -39,6 +39,21 @@ if(KESTREL_FUZZ)
 endif()
 target_link_libraries(kestrel_flags INTERFACE Threads::Threads)
 
+# Loops over elements that a directory has as loops_plain.cpp, loops_avx2.cpp and loops_avx512.cpp, the same text for
+# three kinds of processors: sets `out` to those that this machine's family can have.
+function(kestrel_loops out)
+    set(fast "$<$<NOT:$<CONFIG:Debug>>:-O3>")
+    set(found loops_plain.cpp)
+    set_source_files_properties(loops_plain.cpp PROPERTIES COMPILE_OPTIONS "${fast}")
+    if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+        list(APPEND found loops_avx2.cpp loops_avx512.cpp)
+        set_source_files_properties(loops_avx2.cpp PROPERTIES COMPILE_OPTIONS "${fast};-mavx2")
+        set_source_files_properties(loops_avx512.cpp PROPERTIES COMPILE_OPTIONS
+            "${fast};-mavx512f;-mavx512bw;-mavx512dq;-mavx512vl;-mprefer-vector-width=512")
+    endif()
+    set(${out} ${found} PARENT_SCOPE)
+endfunction()
+
 # kestrel_room(name SOURCES file... USES room... LIBRARIES library...)
 function(kestrel_room name)
     cmake_parse_arguments(ROOM "" "" "SOURCES;USES;LIBRARIES" ${ARGN})

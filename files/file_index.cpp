@@ -1,13 +1,14 @@
 #include "files/file_index.h"
 
 #include "files/commands.h"
-#include "files/replace_file.h"
+#include "files/lock_file.h"
 #include "parser/qualifiers.h"
 #include "parser/variables.h"
 #include "server/include_level.h"
 #include "server/output.h"
 #include "support/fd.h"
 #include "support/file_io.h"
+#include "support/replace_file.h"
 
 #include <cerrno>
 #include <charconv>

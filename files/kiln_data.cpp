@@ -2,7 +2,6 @@
 // from a handle, as floats in the header's byte order. What the header says of their sizes is held against them.
 #include "files/commands.h"
 #include "files/kiln_header.h"
-#include "files/replace_file.h"
 #include "instruments/timing/frame_times.h"
 #include "instruments/timing/kairo.h"
 #include "modules/store/view.h"
@@ -10,6 +9,7 @@
 #include "server/output.h"
 #include "support/byte_order.h"
 #include "support/file_io.h"
+#include "support/replace_file.h"
 #include "unified/handles/handles.h"
 #include "unified/read_pipeline.h"
 

@@ -1,8 +1,9 @@
 #include "files/kiln_place.h"
 
-#include "files/replace_file.h"
+#include "files/lock_file.h"
 #include "server/output.h"
 #include "support/file_io.h"
+#include "support/replace_file.h"
 
 #include <algorithm>
 #include <cerrno>

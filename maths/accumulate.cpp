@@ -17,14 +17,7 @@ double as_summand(std::uint64_t total) {
 }
 
 template <class T> bool sum_rows(int cn, UMaths &reader, double &sum) {
-    std::vector<sum_of<T>> totals;
-    for (int plane = 0; plane < reader.dt; ++plane) {
-        if (!umaths_plane_totals<T>(cn, plane, reader, totals))
-            return false;
-        for (const sum_of<T> total : totals)
-            sum += as_summand(total);
-    }
-    return true;
+    return umaths_row_totals<T>(cn, reader, [&sum](sum_of<T> total, int, int) { sum += as_summand(total); });
 }
 
 double umaths_accumulate(int, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {

@@ -1,7 +1,8 @@
 // `maths binary-op`: two volumes combined element by element, in single precision.
-#include "maths/kernels.h"
+#include "maths/loops.h"
 #include "maths/output.h"
 #include "maths/reader.h"
+#include "maths/share.h"
 #include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
@@ -17,14 +18,6 @@ namespace {
 constexpr pt_format binary_format(
     text_join<"%d %d + %d %d %d %d %d %d %d %d %d %d %d %d add sub mult div threshold %g scale %g ",
               umaths_output_words>);
-
-enum binary_operator : int { bin_add, bin_sub, bin_mult, bin_div };
-
-struct operation {
-    binary_operator code = bin_add;
-    float threshold = 1.0F; // a divisor up to this gives 0; at most 0: no test
-    float scale = 0.0F;     // 0: no scaling
-};
 
 struct volumes {
     umaths_region a, b;
@@ -124,100 +117,37 @@ int check_shapes(int cn, const umaths_region &a, const umaths_region &b) {
     return 0;
 }
 
-// ---------------------------------------------------------------- one line
-
-// Both operands become float first; every operator and scaling has its own loop.
-template <class A, class B, class F>
-void combine(const A *__restrict a, const B *__restrict b, float *__restrict out, int count, F f) {
-    constexpr int some = 16; // elements: a line of the cache, or two
-    int i = 0;
-    for (; i + some <= count; i += some) {
-        fetch_ahead(a + i);
-        fetch_ahead(b + i);
-        for (int k = i; k < i + some; ++k)
-            out[k] = f(static_cast<float>(a[k]), static_cast<float>(b[k]));
-    }
-    for (; i < count; ++i)
-        out[i] = f(static_cast<float>(a[i]), static_cast<float>(b[i]));
-}
-
-template <class A, class B>
-void divide_line(const A *a, const B *b, float *out, int count, const operation &o) {
-    const float s = o.scale, limit = o.threshold;
-    if (limit > 0.0F && s != 0.0F)
-        return combine(a, b, out, count,
-                       [s, limit](float x, float y) { return y > limit ? x * s / y : 0.0F; });
-    if (limit > 0.0F)
-        return combine(a, b, out, count, [limit](float x, float y) { return y > limit ? x / y : 0.0F; });
-    if (s != 0.0F)
-        return combine(a, b, out, count, [s](float x, float y) { return x * s / y; });
-    combine(a, b, out, count, [](float x, float y) { return x / y; });
-}
-
-template <class A, class B>
-void combine_line(const A *a, const B *b, float *out, int count, const operation &o) {
-    const float s = o.scale;
-    const bool scaled = s != 0.0F;
-    switch (o.code) {
-    case bin_add:
-        return scaled ? combine(a, b, out, count, [s](float x, float y) { return (x + y) * s; })
-                      : combine(a, b, out, count, [](float x, float y) { return x + y; });
-    case bin_sub:
-        return scaled ? combine(a, b, out, count, [s](float x, float y) { return (x - y) * s; })
-                      : combine(a, b, out, count, [](float x, float y) { return x - y; });
-    case bin_mult:
-        return scaled ? combine(a, b, out, count, [s](float x, float y) { return x * y * s; })
-                      : combine(a, b, out, count, [](float x, float y) { return x * y; });
-    default:
-        return divide_line(a, b, out, count, o);
-    }
-}
-
-using line_function = void (*)(const std::byte *, const std::byte *, float *, int, const operation &);
-
-template <class A, class B>
-void typed_line(const std::byte *a, const std::byte *b, float *out, int count, const operation &o) {
-    combine_line(reinterpret_cast<const A *>(a), reinterpret_cast<const B *>(b), out, count, o);
-}
-
-// By type of A + 3 x type of B, with 0 long, 1 float, 2 double.
-constexpr line_function line_functions[] = {
-    typed_line<std::uint32_t, std::uint32_t>,
-    typed_line<float, std::uint32_t>,
-    typed_line<double, std::uint32_t>,
-    typed_line<std::uint32_t, float>,
-    typed_line<float, float>,
-    typed_line<double, float>,
-    typed_line<std::uint32_t, double>,
-    typed_line<float, double>,
-    typed_line<double, double>,
-};
+// ---------------------------------------------------------------- the work
 
 std::size_t type_code(int utype) {
     return utype == el_long ? 0 : utype == el_float ? 1 : 2;
 }
 
-// A line of a large result: worked out piece by piece in a buffer that stays in the cache, and stored from
-// there without going through it.
-void line_past_cache(line_function line, const std::byte *a, std::size_t size_a, const std::byte *b,
-                     std::size_t size_b, float *out, int count, const operation &o) {
-    constexpr int piece_max = 2048;
-    float piece[piece_max];
-    for (int i = 0; i < count; i += piece_max) {
-        const int some = std::min(piece_max, count - i);
-        const std::size_t at = static_cast<std::size_t>(i);
-        line(a + at * size_a, b + at * size_b, piece, some, o);
-        copy_past_cache({piece, static_cast<std::size_t>(some)}, out + at);
-    }
+int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop,
+                 const binary_operation &o) {
+    constexpr int at_once = 64; // rows of a part
+    const auto rows_a = umaths_all_rows(cn, a);
+    const auto rows_b = rows_a ? umaths_all_rows(cn, b) : std::nullopt;
+    if (!rows_b)
+        return umaths_read_error(cn, rows_a ? b : a);
+    const auto to = umaths_all_output(cn, out);
+    if (!to)
+        return -1;
+    const int blocks = (a.dy + at_once - 1) / at_once;
+    const bool all = umaths_share(cn, a, blocks * a.dt, [&](int part) {
+        const int plane = part / blocks, top = part % blocks * at_once, end = std::min(top + at_once, a.dy);
+        to->touch(top, plane, end - top);
+        for (int row = top; row < end; ++row)
+            loop(rows_a->at(row, plane), rows_b->at(b.dy == 1 ? 0 : row, b.dt == 1 ? 0 : plane),
+                 to->row<float>(row, plane), static_cast<std::size_t>(a.dx), o, to->past_cache);
+        umaths_stores_done();
+    });
+    return all ? 0 : -1;
 }
 
-constexpr std::size_t cached_result = 0x1000000; // elements; a larger result would not stay in the cache
-
-int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const operation &o) {
-    const line_function line = line_functions[type_code(a.utype) + 3 * type_code(b.utype)];
-    const bool large =
-        static_cast<std::size_t>(a.dx) * static_cast<std::size_t>(a.dy) * static_cast<std::size_t>(a.dt) >
-        cached_result;
+// Row by row: they may not be held together.
+int combine_read(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop loop,
+                 const binary_operation &o) {
     for (int plane = 0; plane < a.dt; ++plane)
         for (int row = 0; row < a.dy; ++row) {
             const std::byte *from_a = umaths_get_line(cn, row, plane, a);
@@ -225,17 +155,18 @@ int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const opera
                 from_a ? umaths_get_line(cn, b.dy == 1 ? 0 : row, b.dt == 1 ? 0 : plane, b) : nullptr;
             if (!from_b)
                 return umaths_read_error(cn, from_a ? b : a);
-            std::byte *to = umaths_get_output(cn, row, plane, out);
+            std::byte *const to = umaths_get_output(cn, row, plane, out);
             if (!to)
                 return -1;
-            float *const result = reinterpret_cast<float *>(to);
-            if (large)
-                line_past_cache(line, from_a, static_cast<std::size_t>(a.elem_size), from_b,
-                                static_cast<std::size_t>(b.elem_size), result, a.dx, o);
-            else
-                line(from_a, from_b, result, a.dx, o);
+            loop(from_a, from_b, reinterpret_cast<float *>(to), static_cast<std::size_t>(a.dx), o, false);
         }
     return 0;
+}
+
+int combine_volumes(int cn, UMaths &a, UMaths &b, UMathsOutput &out, const binary_operation &o) {
+    const combine_loop loop = umaths_loops().combine[type_code(a.utype) + 3 * type_code(b.utype)];
+    return umaths_all_held(a) && umaths_all_held(b) ? combine_held(cn, a, b, out, loop, o)
+                                                    : combine_read(cn, a, b, out, loop, o);
 }
 
 int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const pt_value> arguments) {
@@ -244,8 +175,9 @@ int umaths_bin_op(int quals, int cn, int handle_a, int handle_b, std::span<const
         sv_printf(cn, "! ERROR: Must specify one of add, sub, mult, div\n");
         return -1;
     }
-    const operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
-                      static_cast<float>(q.real("threshold", 1.0)), static_cast<float>(q.real("scale"))};
+    const binary_operation o{static_cast<binary_operator>(q.which({"add", "sub", "mult", "div"})),
+                             static_cast<float>(q.real("threshold", 1.0)),
+                             static_cast<float>(q.real("scale"))};
     const umaths_destination to = umaths_destination_of(q);
     const umaths_region size_a = umaths_whole(handle_a), size_b = umaths_whole(handle_b);
     if (size_a.dx < 1 || size_a.dy < 1 || size_b.dx < 1 || size_b.dy < 1) {

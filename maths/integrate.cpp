@@ -54,65 +54,55 @@ std::size_t width_of(const projection &p) {
     return static_cast<std::size_t>(p.nx);
 }
 
-// Adds all rows of a plane to one line of sums, by fours where they can be held together.
-template <class T> bool add_to_line(int cn, UMaths &r, int plane, sum_of<T> *sums) {
-    int row = 0;
-    for (; umaths_plane_held(r) && row + 4 <= r.dy; row += 4) {
-        four_rows<T> rows;
-        if (!umaths_four_rows(cn, row, 1, plane, 0, r, rows))
-            return false;
-        add_rows(rows, static_cast<std::size_t>(r.dx), sums);
-    }
-    for (; row < r.dy; ++row) {
-        const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
-        if (line.empty())
-            return false;
-        add_row(line, sums);
-    }
-    return true;
-}
-
-// Adds each row of a plane to the line of sums of its own.
-template <class T> bool add_to_lines(int cn, UMaths &r, int plane, sum_of<T> *sums) {
-    for (int row = 0; row < r.dy; ++row) {
-        const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
-        if (line.empty())
-            return false;
-        add_row(line, sums + static_cast<std::size_t>(row) * line.size());
-    }
-    return true;
-}
-
-// Adds the totals of a plane's rows to where they belong.
-template <class T>
-bool add_totals(int cn, UMaths &r, const projection &p, int plane, std::vector<sum_of<T>> &totals,
-                std::vector<sum_of<T>> &sums) {
-    if (!umaths_plane_totals<T>(cn, plane, r, totals))
+// Adds every row to the line of sums of its plane, or to the one line that there is. Parts are columns, so that
+// each sum adds its elements in order.
+template <class T> bool add_held_lines(int cn, UMaths &r, bool one_line, sum_of<T> *sums) {
+    constexpr int columns = 1024; // of a part: their sums stay in the nearest cache
+    const auto rows = umaths_all_rows(cn, r);
+    if (!rows)
         return false;
-    const std::size_t t = static_cast<std::size_t>(plane);
-    for (std::size_t y = 0; y < totals.size(); ++y)
-        sums[p.target == to_y ? y : p.target == to_t ? t : t * width_of(p) + y] += totals[y];
+    const int blocks = (r.dx + columns - 1) / columns;
+    return umaths_share(cn, r, one_line ? blocks : blocks * r.dt, [&](int part) {
+        const int x = part % blocks * columns, first = part / blocks, end = one_line ? r.dt : first + 1;
+        const std::size_t from = static_cast<std::size_t>(x);
+        const std::size_t count = static_cast<std::size_t>(std::min(columns, r.dx - x));
+        sum_of<T> *const to = sums + static_cast<std::size_t>(first) * static_cast<std::size_t>(r.dx) + from;
+        for (int plane = first; plane < end; ++plane) {
+            int row = 0;
+            for (; row + 4 <= r.dy; row += 4) {
+                four_rows<T> four = umaths_four_rows<T>(*rows, row, 1, plane, 0);
+                for (const T *&line : four)
+                    line += from;
+                add_rows(four, count, to);
+            }
+            for (; row < r.dy; ++row)
+                add_row(std::span(rows->row<T>(row, plane) + from, count), to);
+        }
+    });
+}
+
+// Adds every row to the line of sums where it belongs.
+template <class T> bool add_lines(int cn, UMaths &r, const projection &p, sum_of<T> *sums) {
+    if (p.target != to_xy && umaths_all_held(r))
+        return add_held_lines<T>(cn, r, p.target == to_x, sums);
+    for (int plane = 0; plane < r.dt; ++plane)
+        for (int row = 0; row < r.dy; ++row) {
+            const std::span<const T> line = umaths_row<T>(cn, row, plane, r);
+            if (line.empty())
+                return false;
+            const int to = p.target == to_xy ? row : p.target == to_xt ? plane : 0;
+            add_row(line, sums + static_cast<std::size_t>(to) * line.size());
+        }
     return true;
 }
 
 template <class T> bool sum_region(int cn, UMaths &r, const projection &p, std::vector<sum_of<T>> &sums) {
-    std::vector<sum_of<T>> totals;
-    bool read = true;
-    for (int plane = 0; read && plane < r.dt; ++plane)
-        switch (p.target) {
-        case to_x:
-            read = add_to_line<T>(cn, r, plane, sums.data());
-            break;
-        case to_xt:
-            read = add_to_line<T>(cn, r, plane, &sums[static_cast<std::size_t>(plane) * width_of(p)]);
-            break;
-        case to_xy:
-            read = add_to_lines<T>(cn, r, plane, sums.data());
-            break;
-        default:
-            read = add_totals<T>(cn, r, p, plane, totals, sums);
-        }
-    return read;
+    if (p.target == to_x || p.target == to_xt || p.target == to_xy)
+        return add_lines<T>(cn, r, p, sums.data());
+    return umaths_row_totals<T>(cn, r, [&](sum_of<T> total, int row, int plane) {
+        const std::size_t y = static_cast<std::size_t>(row), t = static_cast<std::size_t>(plane);
+        sums[p.target == to_y ? y : p.target == to_t ? t : t * width_of(p) + y] += total;
+    });
 }
 
 // How many elements each result sums.
@@ -156,45 +146,47 @@ float result_of(double sum, std::uint64_t by, const float *before) {
 
 // Writes result rows from `top` on, as many as there are sums.
 template <class T>
-int write_rows(int cn, const projection &p, int top, std::span<const sum_of<T>> sums, std::uint64_t by,
-               UMathsOutput &out) {
+void write_rows(const projection &p, int top, std::span<const sum_of<T>> sums, std::uint64_t by,
+                const umaths_result_rows &out) {
     const bool add = p.add;
     for (int row = top; !sums.empty(); ++row, sums = sums.subspan(width_of(p))) {
-        T *line = reinterpret_cast<T *>(umaths_get_output(cn, row, 0, out));
-        if (!line)
-            return -1;
+        T *line = out.row<T>(row, 0);
         for (std::size_t i = 0; i < width_of(p); ++i)
             line[i] = result_of(sums[i], by, add ? &line[i] : nullptr);
     }
-    return 0;
 }
 
 // Rows whose sums fit the cache together are summed over all frames, four at a time, and written before the
 // next ones. Each result adds its elements in order of frames.
 constexpr std::size_t cached_sums = 16384;
 
-template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, std::vector<sum_of<T>> &sums) {
+template <class T>
+void sum_frames(const UMaths &r, const umaths_rows &rows, int top, int count, std::vector<sum_of<T>> &sums) {
     const std::size_t width = static_cast<std::size_t>(r.dx);
     const auto place = [&](int row) { return &sums[static_cast<std::size_t>(row) * width]; };
-    return umaths_over_frames<T>(
-        cn, r, top, rows,
+    umaths_over_frames<T>(
+        r, rows, top, count,
         [&](const four_rows<T> &lines, int row, int) { add_rows(lines, width, place(row)); },
         [&](std::span<const T> line, int row, int) { add_row(line, place(row)); });
 }
 
 template <class T>
 int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, UMathsOutput &out) {
+    const auto rows = umaths_all_rows(cn, r);
+    if (!rows)
+        return umaths_read_error(cn, r);
+    const auto to = umaths_all_output(cn, out);
+    if (!to)
+        return -1;
     const int at_once = std::clamp(static_cast<int>(cached_sums / width_of(p)), 1, p.ny);
-    std::vector<sum_of<T>> sums;
-    for (int top = 0; top < p.ny; top += at_once) {
-        const int count = std::min(at_once, p.ny - top);
-        sums.assign(static_cast<std::size_t>(count) * width_of(p), {});
-        if (!sum_frames<T>(cn, r, top, count, sums))
-            return umaths_read_error(cn, r);
-        if (write_rows<T>(cn, p, top, sums, by, out) != 0)
-            return -1;
-    }
-    return 0;
+    const bool all = umaths_share(cn, r, (p.ny + at_once - 1) / at_once, [&](int part) {
+        const int top = part * at_once, count = std::min(at_once, p.ny - top);
+        std::vector<sum_of<T>> sums(static_cast<std::size_t>(count) * width_of(p));
+        to->touch(top, 0, count);
+        sum_frames<T>(r, *rows, top, count, sums);
+        write_rows<T>(p, top, sums, by, *to);
+    });
+    return all ? 0 : -1;
 }
 
 template <class T> int integrate(int cn, UMaths &r, const projection &p, const umaths_destination &to) {
@@ -210,7 +202,11 @@ template <class T> int integrate(int cn, UMaths &r, const projection &p, const u
     std::vector<sum_of<T>> sums(width_of(p) * static_cast<std::size_t>(p.ny));
     if (!sum_region<T>(cn, r, p, sums) || (p.average && !divisor<T>(cn, r, p, by)))
         return umaths_read_error(cn, r);
-    return write_rows<T>(cn, p, 0, sums, by, out);
+    const auto rows = umaths_all_output(cn, out);
+    if (!rows)
+        return -1;
+    write_rows<T>(p, 0, sums, by, *rows);
+    return 0;
 }
 
 int umaths_integrate(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {

@@ -3,10 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#ifdef __SSE2__
-#include <xmmintrin.h>
-#endif
-
 namespace kestrel {
 
 namespace {
@@ -26,26 +22,6 @@ template <class S, class Term> S sum_terms(std::size_t count, Term term) {
     for (std::size_t i = whole; i < count; ++i)
         sum += term(i);
     return sum;
-}
-
-// Each row's sixteen partial sums, then those in order, then the tail: as sum_terms adds them.
-template <class T, class S> void total_rows(const four_rows<T> &rows, std::size_t count, S *totals) {
-    S part[4][lanes] = {};
-    const std::size_t whole = count - count % lanes;
-    for (std::size_t i = 0; i < whole; i += lanes)
-        for (std::size_t r = 0; r < 4; ++r) {
-            const T *from = rows[r] + i;
-            fetch_ahead(from);
-            for (std::size_t k = 0; k < lanes; ++k)
-                part[r][k] += from[k];
-        }
-    for (std::size_t r = 0; r < 4; ++r) {
-        totals[r] = S{};
-        for (const S p : part[r])
-            totals[r] += p;
-        for (std::size_t i = whole; i < count; ++i)
-            totals[r] += rows[r][i];
-    }
 }
 
 template <class T> moment moment_of(std::span<const T> row, double first) {
@@ -89,14 +65,6 @@ template <class T, class S> void add_each(std::span<const T> row, S *__restrict 
         sums[i] += from[i];
 }
 
-template <class T, class S>
-void add_each_of(const four_rows<T> &rows, std::size_t count, S *__restrict sums) {
-    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
-                        *__restrict d = rows[3];
-    for (std::size_t i = 0; i < count; ++i)
-        sums[i] = sums[i] + a[i] + b[i] + c[i] + d[i];
-}
-
 template <class T>
 void add_each_moment(std::span<const T> row, double c, double *__restrict f, double *__restrict fc) {
     const T *__restrict from = row.data();
@@ -104,18 +72,6 @@ void add_each_moment(std::span<const T> row, double c, double *__restrict f, dou
         const double value = from[i];
         f[i] += value;
         fc[i] += value * c;
-    }
-}
-
-template <class T>
-void add_each_moment_of(const four_rows<T> &rows, std::size_t count, double first, double *__restrict f,
-                        double *__restrict fc) {
-    const T *__restrict a = rows[0], *__restrict b = rows[1], *__restrict c = rows[2],
-                        *__restrict d = rows[3];
-    for (std::size_t i = 0; i < count; ++i) {
-        const double va = a[i], vb = b[i], vc = c[i], vd = d[i];
-        f[i] = f[i] + va + vb + vc + vd;
-        fc[i] = fc[i] + va * first + vb * (first + 1) + vc * (first + 2) + vd * (first + 3);
     }
 }
 
@@ -143,30 +99,13 @@ template <class T> double maximum_of(std::span<const T> row) {
     return static_cast<double>(largest);
 }
 
-template <std::size_t Factor, class T, class S>
-void bin_by(std::span<const T> row, std::size_t bins, S *sums) {
-    const T *from = row.data();
-    for (std::size_t j = 0; j < bins; ++j) {
-        S sum{};
-        for (std::size_t k = 0; k < Factor; ++k)
-            sum += from[j * Factor + k];
-        sums[j] += sum;
-    }
-}
-
 template <class T, class S>
 void bin_each(std::span<const T> row, std::size_t factor, std::size_t bins, S *sums) {
-    switch (factor) {
-    case 1:
-        return add_each(row.first(bins), sums);
-    case 2:
-        return bin_by<2>(row, bins, sums);
-    case 4:
-        return bin_by<4>(row, bins, sums);
-    default:
-        for (std::size_t j = 0; j < bins; ++j)
-            for (std::size_t k = 0; k < factor; ++k)
-                sums[j] += row[j * factor + k];
+    for (std::size_t j = 0; j < bins; ++j) {
+        S sum = row[j * factor];
+        for (std::size_t k = 1; k < factor; ++k)
+            sum += row[j * factor + k];
+        sums[j] += sum;
     }
 }
 
@@ -188,13 +127,13 @@ std::uint64_t row_total(std::span<const std::uint32_t> row) {
 }
 
 void row_totals(const four_rows<float> &rows, std::size_t count, double *totals) {
-    total_rows(rows, count, totals);
+    umaths_loops().of_float.totals(rows.data(), count, totals);
 }
 void row_totals(const four_rows<double> &rows, std::size_t count, double *totals) {
-    total_rows(rows, count, totals);
+    umaths_loops().totals_of_double(rows.data(), count, totals);
 }
 void row_totals(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *totals) {
-    total_rows(rows, count, totals);
+    umaths_loops().of_long.totals(rows.data(), count, totals);
 }
 
 void add_row(std::span<const float> row, double *sums) {
@@ -204,10 +143,10 @@ void add_row(std::span<const std::uint32_t> row, std::uint64_t *sums) {
     add_each(row, sums);
 }
 void add_rows(const four_rows<float> &rows, std::size_t count, double *sums) {
-    add_each_of(rows, count, sums);
+    umaths_loops().of_float.add(rows.data(), count, sums);
 }
 void add_rows(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint64_t *sums) {
-    add_each_of(rows, count, sums);
+    umaths_loops().of_long.add(rows.data(), count, sums);
 }
 
 moment row_moment(std::span<const float> row, double first) {
@@ -215,6 +154,12 @@ moment row_moment(std::span<const float> row, double first) {
 }
 moment row_moment(std::span<const std::uint32_t> row, double first) {
     return moment_of(row, first);
+}
+void row_moments(const four_rows<float> &rows, std::size_t count, double first, moment *of) {
+    umaths_loops().of_float.moments(rows.data(), count, first, of);
+}
+void row_moments(const four_rows<std::uint32_t> &rows, std::size_t count, double first, moment *of) {
+    umaths_loops().of_long.moments(rows.data(), count, first, of);
 }
 moment row_moment_above(std::span<const float> row, double first, double threshold) {
     return moment_of_above(row, first, threshold);
@@ -230,10 +175,10 @@ void add_moments(std::span<const std::uint32_t> row, double c, double *f, double
     add_each_moment(row, c, f, fc);
 }
 void add_moments(const four_rows<float> &rows, std::size_t count, double c, double *f, double *fc) {
-    add_each_moment_of(rows, count, c, f, fc);
+    umaths_loops().of_float.add_moments(rows.data(), count, c, f, fc);
 }
 void add_moments(const four_rows<std::uint32_t> &rows, std::size_t count, double c, double *f, double *fc) {
-    add_each_moment_of(rows, count, c, f, fc);
+    umaths_loops().of_long.add_moments(rows.data(), count, c, f, fc);
 }
 void add_moments_above(std::span<const float> row, double c, const double *thresholds, double *f,
                        double *fc) {
@@ -255,18 +200,6 @@ void add_maxima(std::span<const float> row, double *maxima) {
 }
 void add_maxima(std::span<const std::uint32_t> row, double *maxima) {
     take_maxima(row, maxima);
-}
-
-void copy_past_cache(std::span<const float> from, float *to) {
-    std::size_t i = 0;
-#ifdef __SSE2__
-    for (; i < from.size() && reinterpret_cast<std::uintptr_t>(to + i) % sizeof(__m128) != 0; ++i)
-        to[i] = from[i];
-    for (; i + 4 <= from.size(); i += 4)
-        _mm_stream_ps(to + i, _mm_loadu_ps(&from[i]));
-    _mm_sfence();
-#endif
-    std::copy(from.begin() + static_cast<std::ptrdiff_t>(i), from.end(), to + i);
 }
 
 void bin_row(std::span<const float> row, std::size_t factor, std::size_t bins, double *sums) {

@@ -3,6 +3,8 @@
 // partial sums, then those in order.
 #pragma once
 
+#include "maths/loops.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -22,13 +24,6 @@ double row_total(std::span<const float> row);
 double row_total(std::span<const double> row);
 std::uint64_t row_total(std::span<const std::uint32_t> row);
 
-// For loops over more than the cache holds. The processor fetches ahead by itself, but only within a page of
-// memory: this asks for the next one. An address outside the data does no harm, it is not fetched.
-template <class T> void fetch_ahead(const T *at) {
-    constexpr std::uintptr_t distance = 4096;
-    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<std::uintptr_t>(at) + distance));
-}
-
 // The totals of four rows of `count` elements.
 void row_totals(const four_rows<float> &rows, std::size_t count, double *totals);
 void row_totals(const four_rows<double> &rows, std::size_t count, double *totals);
@@ -43,12 +38,11 @@ void add_rows(const four_rows<std::uint32_t> &rows, std::size_t count, std::uint
 
 // The sum of row[i] and of row[i] * (first + i), over the elements not below `threshold`; first is the
 // coordinate of the row's first element.
-struct moment {
-    double f = 0.0;
-    double fc = 0.0;
-};
 moment row_moment(std::span<const float> row, double first);
 moment row_moment(std::span<const std::uint32_t> row, double first);
+// The moments of four rows, none left out.
+void row_moments(const four_rows<float> &rows, std::size_t count, double first, moment *of);
+void row_moments(const four_rows<std::uint32_t> &rows, std::size_t count, double first, moment *of);
 moment row_moment_above(std::span<const float> row, double first, double threshold);
 moment row_moment_above(std::span<const std::uint32_t> row, double first, double threshold);
 
@@ -68,9 +62,6 @@ double row_maximum(std::span<const std::uint32_t> row);
 // maxima[i] = the larger of maxima[i] and row[i]
 void add_maxima(std::span<const float> row, double *maxima);
 void add_maxima(std::span<const std::uint32_t> row, double *maxima);
-
-// Copies past the cache where the machine can: for results that are too large to stay in it.
-void copy_past_cache(std::span<const float> from, float *to);
 
 // sums[j] += the sum of elements j * factor ... j * factor + factor - 1, for `bins` bins.
 void bin_row(std::span<const float> row, std::size_t factor, std::size_t bins, double *sums);

@@ -13,7 +13,9 @@ namespace kestrel {
 
 namespace {
 
-constexpr std::size_t worth_touching = 1 << 20; // bytes
+constexpr std::size_t touched_from = 1 << 20; // bytes
+constexpr std::size_t past_cache_from = 16
+                                        << 20; // bytes; the last level of cache is shared with other programs
 
 int link_existing(int cn, const umaths_destination &to, UMathsOutput &out) {
     const auto refuse = [&out] {
@@ -78,27 +80,15 @@ int make_new(int cn, const umaths_destination &to, UMathsOutput &out) {
     return -1;
 }
 
-// Maps the pages that the result takes, at once and not one by one as it is written; where somebody else has
-// the module linked they are likely to be mapped already. Only a matter of speed: where it fails, nothing is
-// lost.
-void touch_pages([[maybe_unused]] const UMathsOutput &out) {
-#ifdef MADV_POPULATE_READ
+std::size_t size_of(int count) {
+    return static_cast<std::size_t>(count);
+}
+
+// Where somebody else has the module linked its pages are likely to be mapped already.
+bool worth_touching(const UMathsOutput &out, std::size_t bytes) {
     const module_view &mod = out.mod_head.view();
-    const bool flat = !mod.is_3d;
-    const int last_row = out.start_y + (flat ? out.ny * out.nt : out.ny) - 1;
-    const int last_plane = flat ? 0 : out.start_t + out.nt - 1;
-    const std::byte *first = mod.at(out.start_x, out.start_y, flat ? 0 : out.start_t);
-    const std::byte *last = mod.at(out.start_x + out.nx - 1, last_row, last_plane);
-    const std::size_t spanned = static_cast<std::size_t>(last - first);
-    const std::size_t taken = static_cast<std::size_t>(out.nx) * static_cast<std::size_t>(out.ny) *
-                              static_cast<std::size_t>(out.nt) * mod.element_size;
-    if (taken < worth_touching || taken < spanned / 2 || datamod_links(out.mod_head.head()) > 1)
-        return;
-    const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(first) / page * page;
-    ::madvise(reinterpret_cast<void *>(from), reinterpret_cast<std::uintptr_t>(last) - from,
-              MADV_POPULATE_READ);
-#endif
+    return bytes >= touched_from && size_of(out.nx) * 2 >= size_of(mod.num_x) &&
+           datamod_links(out.mod_head.head()) == 1;
 }
 
 } // namespace
@@ -134,7 +124,6 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     out.full_x = out.mod_head.view().num_x;
     out.full_y = out.mod_head.view().num_y;
     out.full_t = out.mod_head.view().num_t;
-    touch_pages(out);
     return 0;
 }
 
@@ -153,6 +142,34 @@ std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
     }
     out.mod_head.keep();
     return mod.at(out.start_x, y, t);
+}
+
+std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out) {
+    const auto *const first = umaths_get_output(cn, 0, 0, out);
+    if (!first || !umaths_get_output(cn, out.ny - 1, out.nt - 1, out))
+        return std::nullopt;
+    const module_view &mod = out.mod_head.view();
+    const std::size_t row = size_of(mod.num_x) * mod.element_size;
+    const std::size_t bytes = size_of(out.nx) * size_of(out.ny) * size_of(out.nt) * mod.element_size;
+    umaths_result_rows rows;
+    rows.first = mod.at(out.start_x, out.start_y, mod.is_3d ? out.start_t : 0);
+    rows.row_apart = row;
+    rows.plane_apart = row * size_of(mod.is_3d ? mod.num_y : out.ny);
+    rows.past_cache = bytes >= past_cache_from;
+    rows.untouched = worth_touching(out, bytes);
+    return rows;
+}
+
+void umaths_result_rows::touch([[maybe_unused]] int row, [[maybe_unused]] int plane,
+                               [[maybe_unused]] int rows) const {
+#ifdef MADV_POPULATE_READ
+    if (!untouched || rows < 1)
+        return;
+    const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(this->row<std::byte>(row, plane));
+    const std::uintptr_t from = begin / page * page, end = begin + size_of(rows) * row_apart;
+    ::madvise(reinterpret_cast<void *>(from), end - from, MADV_POPULATE_READ);
+#endif
 }
 
 void umaths_stop_output(UMathsOutput &out) {

@@ -6,6 +6,7 @@
 #include "support/text_join.h"
 
 #include <cstddef>
+#include <optional>
 
 namespace kestrel {
 
@@ -50,6 +51,23 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
 // Where result row `row` of plane `plane` goes, to be written at once; null after a line when it does not
 // fit.
 std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out);
+
+// Where all result rows go, to be written at once, by several threads where each writes rows of its own.
+struct umaths_result_rows {
+    std::byte *first = nullptr;
+    std::size_t row_apart = 0, plane_apart = 0; // bytes
+    bool past_cache = false;                    // too large to stay in the cache
+    bool untouched = false;                     // large, and its pages may not be mapped yet
+    template <class T> T *row(int row, int plane) const {
+        return reinterpret_cast<T *>(first + static_cast<std::size_t>(row) * row_apart +
+                                     static_cast<std::size_t>(plane) * plane_apart);
+    }
+    // Maps the pages of so many rows at once, and not one by one as they are written. Only a matter of speed:
+    // where it fails, nothing is lost.
+    void touch(int row, int plane, int rows) const;
+};
+// Nothing, after a line, when they do not fit.
+std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out);
 
 // Unlinks the destination, and removes it when it is new and nothing was written. The destructor does so,
 // too.

@@ -194,7 +194,19 @@ const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &r) {
 }
 
 bool umaths_all_held(const UMaths &r) {
-    return r.num_planes >= r.dt;
+    return r.look.has_value() || r.num_planes >= r.dt;
+}
+
+std::optional<umaths_rows> umaths_all_rows(int cn, UMaths &r) {
+    const int planes = std::max(r.num_planes, 1), lines = r.num_planes > 0 ? r.dy : r.num_lines;
+    for (int plane = 0; plane < r.dt; plane += planes)
+        for (int row = 0; row < r.dy; row += lines)
+            if (!umaths_get_line(cn, row, plane, r))
+                return std::nullopt;
+    if (r.look)
+        return umaths_rows{r.look->first, r.look->row_stride, r.look->frame_stride};
+    const std::size_t row = size_of(r.dx) * size_of(r.elem_size);
+    return umaths_rows{r.ptr.get(), row, row * size_of(r.dy)};
 }
 
 int umaths_stay_clear_of(int cn, const void *owner, UMaths &r) {

@@ -57,8 +57,25 @@ int umaths_start(int cn, const umaths_region &region, int handle, UMaths &reader
 // The first element of a region's row (0 based, dx elements follow); null on failure or ^C, after a line.
 const std::byte *umaths_get_line(int cn, int row, int plane, UMaths &reader);
 
-// True when every row can be had at no cost, in any order.
+// True when every row of the region can be had at no cost, in any order.
 bool umaths_all_held(const UMaths &reader);
+
+// Where all rows are, for loops that need not ask for each, and for worker threads.
+struct umaths_rows {
+    const std::byte *first = nullptr;
+    std::size_t row_apart = 0, plane_apart = 0; // bytes
+    const std::byte *at(int row, int plane) const {
+        return first + static_cast<std::size_t>(row) * row_apart +
+               static_cast<std::size_t>(plane) * plane_apart;
+    }
+    template <class T> const T *row(int row, int plane) const {
+        return reinterpret_cast<const T *>(at(row, plane));
+    }
+};
+
+// The rows of a region that is all held, after the lines that reading it prints. Good until the reader reads
+// anything else. Nothing on failure or ^C, after a line.
+std::optional<umaths_rows> umaths_all_rows(int cn, UMaths &reader);
 
 // True when the rows of one plane can be held at the same time.
 inline bool umaths_plane_held(const UMaths &reader) {

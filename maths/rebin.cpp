@@ -2,10 +2,12 @@
 #include "maths/kernels.h"
 #include "maths/output.h"
 #include "maths/reader.h"
+#include "maths/share.h"
 #include "parser/tree.h"
 #include "server/output.h"
 #include "support/element.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace kestrel {
@@ -34,43 +36,80 @@ int check_factors(int cn, const rebin_qualifiers &q, const factors &by, const UM
     return 0;
 }
 
-// Sums the planes that make result plane `plane`. False when a read failed.
-template <class T>
-bool sum_plane(int cn, UMaths &r, const factors &by, int plane, int nx, int ny,
-               std::vector<sum_of<T>> &sums) {
-    for (int k = 0; k < by.t; ++k)
-        for (int row = 0; row < ny * by.y; ++row) {
-            const std::span<const T> line = umaths_row<T>(cn, row, plane * by.t + k, r);
-            if (line.empty())
-                return false;
-            const std::size_t to = static_cast<std::size_t>(row / by.y) * static_cast<std::size_t>(nx);
-            bin_row(line, static_cast<std::size_t>(by.x), static_cast<std::size_t>(nx), &sums[to]);
-        }
-    return true;
+struct result_size {
+    int nx, ny, nt;
+};
+
+// A result row: the sum of the rows of by.y lines in by.t planes; at(row, plane) is where one begins.
+template <class T, class At>
+void bin_into(T *out, const factors &by, const result_size &size, int row, int plane, bool past_cache,
+              std::vector<const T *> &lines, At at) {
+    lines.clear();
+    for (int t = 0; t < by.t; ++t)
+        for (int y = 0; y < by.y; ++y)
+            lines.push_back(at(row * by.y + y, plane * by.t + t));
+    umaths_loops_of<T>(umaths_loops())
+        .bin(lines.data(), lines.size(), static_cast<std::size_t>(by.x), static_cast<std::size_t>(size.nx),
+             out, past_cache);
 }
 
-template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_destination &to) {
-    const int nx = r.dx / by.x, ny = r.dy / by.y, nt = r.dt / by.t;
-    UMathsOutput out;
-    if (umaths_start_output(cn, to, nx, ny, nt, out, RWMode::write,
-                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0 ||
-        umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
+template <class T>
+int rebin_held(int cn, UMaths &r, const factors &by, const result_size &size, UMathsOutput &out) {
+    constexpr int at_once = 64; // result rows of a part
+    const auto rows = umaths_all_rows(cn, r);
+    if (!rows)
+        return umaths_read_error(cn, r);
+    const auto to = umaths_all_output(cn, out);
+    if (!to)
         return -1;
-    std::vector<sum_of<T>> sums(static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny));
-    for (int plane = 0; plane < nt; ++plane) {
+    const int blocks = (size.ny + at_once - 1) / at_once;
+    const bool all = umaths_share(cn, r, blocks * size.nt, [&](int part) {
+        const int plane = part / blocks, top = part % blocks * at_once,
+                  end = std::min(top + at_once, size.ny);
+        std::vector<const T *> lines;
+        to->touch(top, plane, end - top);
+        for (int row = top; row < end; ++row)
+            bin_into(to->row<T>(row, plane), by, size, row, plane, to->past_cache, lines,
+                     [&](int y, int t) { return rows->row<T>(y, t); });
+        umaths_stores_done();
+    });
+    return all ? 0 : -1;
+}
+
+// Row by row: what is summed may not be held together.
+template <class T>
+int rebin_read(int cn, UMaths &r, const factors &by, const result_size &size, UMathsOutput &out) {
+    const std::size_t nx = static_cast<std::size_t>(size.nx);
+    std::vector<sum_of<T>> sums(nx * static_cast<std::size_t>(size.ny));
+    for (int plane = 0; plane < size.nt; ++plane) {
         sums.assign(sums.size(), {});
-        if (!sum_plane<T>(cn, r, by, plane, nx, ny, sums))
-            return umaths_read_error(cn, r);
-        for (int row = 0; row < ny; ++row) {
-            T *line = reinterpret_cast<T *>(umaths_get_output(cn, row, plane, out));
+        for (int t = plane * by.t; t < (plane + 1) * by.t; ++t)
+            for (int row = 0; row < size.ny * by.y; ++row) {
+                const std::span<const T> line = umaths_row<T>(cn, row, t, r);
+                if (line.empty())
+                    return umaths_read_error(cn, r);
+                bin_row(line, static_cast<std::size_t>(by.x), nx,
+                        &sums[static_cast<std::size_t>(row / by.y) * nx]);
+            }
+        for (int row = 0; row < size.ny; ++row) {
+            T *const line = reinterpret_cast<T *>(umaths_get_output(cn, row, plane, out));
             if (!line)
                 return -1;
-            const sum_of<T> *from = &sums[static_cast<std::size_t>(row) * static_cast<std::size_t>(nx)];
-            for (int i = 0; i < nx; ++i)
-                line[i] = static_cast<T>(from[i]);
+            const sum_of<T> *from = &sums[static_cast<std::size_t>(row) * nx];
+            std::transform(from, from + nx, line, [](sum_of<T> sum) { return static_cast<T>(sum); });
         }
     }
     return 0;
+}
+
+template <class T> int rebin(int cn, UMaths &r, const factors &by, const umaths_destination &to) {
+    const result_size size{r.dx / by.x, r.dy / by.y, r.dt / by.t};
+    UMathsOutput out;
+    if (umaths_start_output(cn, to, size.nx, size.ny, size.nt, out, RWMode::write,
+                            std::is_floating_point_v<T> ? mod_element::float32 : mod_element::u_int32) != 0 ||
+        umaths_stay_clear_of(cn, out.mod_head.head(), r) != 0)
+        return -1;
+    return umaths_all_held(r) ? rebin_held<T>(cn, r, by, size, out) : rebin_read<T>(cn, r, by, size, out);
 }
 
 int umaths_rebin(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {

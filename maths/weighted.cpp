@@ -86,7 +86,26 @@ template <class T, class F> bool each_row(int cn, UMaths &r, F f) {
     return true;
 }
 
+template <class T> bool sum_row_moments(int cn, UMaths &r, moments &m) {
+    const double first = r.x + 0.5;
+    const auto rows = umaths_all_rows(cn, r);
+    const std::size_t count = static_cast<std::size_t>(r.dx);
+    std::vector<moment> all;
+    if (!rows || !umaths_by_rows<T>(
+                     cn, r, *rows, all,
+                     [&](const four_rows<T> &four, moment *of) { row_moments(four, count, first, of); },
+                     [&](std::span<const T> row) { return row_moment(row, first); }))
+        return false;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        m.f[i] = all[i].f;
+        m.fc[i] = all[i].fc;
+    }
+    return true;
+}
+
 template <class T> bool sum_moments(int cn, UMaths &r, const reduced_axis &a, moments &m) {
+    if (a.axis == axis_x && umaths_all_held(r) && umaths_long_rows(r))
+        return sum_row_moments<T>(cn, r, m);
     return each_row<T>(cn, r, [&](std::span<const T> line, int row, int plane) {
         if (a.axis == axis_x) {
             const moment one = row_moment(line, r.x + 0.5);
@@ -130,15 +149,21 @@ double mean(double f, double fc) {
 
 // Writes result rows from `top` on, as many as there are sums.
 template <class F>
-int write_rows(int cn, const reduced_axis &a, int top, const moments &m, F value_of, UMathsOutput &out) {
+void write_rows(const reduced_axis &a, int top, const moments &m, F value_of, const umaths_result_rows &out) {
     const std::size_t width = static_cast<std::size_t>(a.nx);
     for (std::size_t from = 0; from < m.f.size(); from += width, ++top) {
-        float *line = reinterpret_cast<float *>(umaths_get_output(cn, top, 0, out));
-        if (!line)
-            return -1;
+        float *line = out.row<float>(top, 0);
         for (std::size_t i = 0; i < width; ++i)
             line[i] = static_cast<float>(value_of(m.f[from + i], m.fc[from + i]));
     }
+}
+
+template <class F>
+int write_all(int cn, const reduced_axis &a, const moments &m, F value_of, UMathsOutput &out) {
+    const auto to = umaths_all_output(cn, out);
+    if (!to)
+        return -1;
+    write_rows(a, 0, m, value_of, *to);
     return 0;
 }
 
@@ -146,12 +171,12 @@ int write_rows(int cn, const reduced_axis &a, int top, const moments &m, F value
 // ones.
 constexpr std::size_t cached_sums = 8192;
 
-template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, moments &m) {
+template <class T> void sum_frames(const UMaths &r, const umaths_rows &rows, int top, int count, moments &m) {
     const std::size_t width = static_cast<std::size_t>(r.dx);
     const auto place = [&](int row) { return static_cast<std::size_t>(row) * width; };
     const auto c = [&](int frame) { return r.t + frame + 0.5; };
-    return umaths_over_frames<T>(
-        cn, r, top, rows,
+    umaths_over_frames<T>(
+        r, rows, top, count,
         [&](const four_rows<T> &lines, int row, int frame) {
             add_moments(lines, width, c(frame), &m.f[place(row)], &m.fc[place(row)]);
         },
@@ -162,16 +187,21 @@ template <class T> bool sum_frames(int cn, UMaths &r, int top, int rows, moments
 
 template <class T, class F>
 int weigh_frames(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &out) {
+    const auto rows = umaths_all_rows(cn, r);
+    if (!rows)
+        return umaths_read_error(cn, r);
+    const auto to = umaths_all_output(cn, out);
+    if (!to)
+        return -1;
     const int at_once = std::clamp(static_cast<int>(cached_sums / static_cast<std::size_t>(r.dx)), 1, r.dy);
-    for (int top = 0; top < r.dy; top += at_once) {
-        const int rows = std::min(at_once, r.dy - top);
-        moments m(static_cast<std::size_t>(rows) * static_cast<std::size_t>(r.dx));
-        if (!sum_frames<T>(cn, r, top, rows, m))
-            return umaths_read_error(cn, r);
-        if (write_rows(cn, a, top, m, value_of, out) != 0)
-            return -1;
-    }
-    return 0;
+    const bool all = umaths_share(cn, r, (r.dy + at_once - 1) / at_once, [&](int part) {
+        const int top = part * at_once, count = std::min(at_once, r.dy - top);
+        moments m(static_cast<std::size_t>(count) * static_cast<std::size_t>(r.dx));
+        to->touch(top, 0, count);
+        sum_frames<T>(r, *rows, top, count, m);
+        write_rows(a, top, m, value_of, *to);
+    });
+    return all ? 0 : -1;
 }
 
 template <class T, class F>
@@ -181,7 +211,7 @@ int weigh(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOutput &ou
     moments m(a);
     if (!sum_moments<T>(cn, r, a, m))
         return umaths_read_error(cn, r);
-    return write_rows(cn, a, 0, m, value_of, out);
+    return write_all(cn, a, m, value_of, out);
 }
 
 // Opens the reader with all checks of the family; `refuse_double` is the command's own line.
@@ -247,7 +277,7 @@ int umaths_centroid(int quals, int cn, int handle, int x1, int y1, int t1, int x
     if (!(counts ? sum_moments_above<std::uint32_t>(cn, r, a, fraction, m)
                  : sum_moments_above<float>(cn, r, a, fraction, m)))
         return umaths_read_error(cn, r);
-    return write_rows(cn, a, 0, m, mean, out);
+    return write_all(cn, a, m, mean, out);
 }
 
 } // namespace

@@ -32,7 +32,7 @@ template <std::size_t Size> struct short_text {
 
 struct session_row {
     bool open = false;
-    short_text<16> peer;
+    short_text<24> peer; // its address and port
     activity_clock::time_point since;
     std::uint64_t lines = 0;
 };
@@ -170,6 +170,11 @@ void activity_status(std::string &out) {
                 .append(row.peer.view())
                 .append(" since " + local_time(row.since) + ", " + std::to_string(row.lines) + " lines\n");
     }
+}
+
+bool activity_is_busy() {
+    const std::lock_guard guard(mutex);
+    return running.cn >= 0;
 }
 
 void activity_metrics(std::string &out) {

@@ -17,6 +17,8 @@ void activity_open(int cn, std::string_view peer);
 void activity_close(int cn);
 void activity_begin(int cn, std::string_view line);
 void activity_end();
+// Whether a line runs. Any thread.
+bool activity_is_busy();
 // Progress may come from any thread.
 void activity_progress(int cn, int done, int total, std::string_view label);
 

@@ -4,6 +4,7 @@
 #include "server/control_place.h"
 #include "server/hooks.h"
 #include "server/options.h"
+#include "server/service.h"
 #include "server/session.h"
 #include "support/control_client.h"
 
@@ -18,6 +19,7 @@
 #include <list>
 #include <memory>
 #include <new>
+#include <optional>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -46,6 +48,8 @@ struct asking {
 
 struct control_state {
     int port = 0;
+    std::optional<std::chrono::milliseconds> beat = sv_service_interval(); // to the service manager
+    steady::time_point next_beat = steady::now();
     std::string path;
     unique_fd listening, wake;
     std::list<asking> connections; // of the thread
@@ -149,6 +153,25 @@ void accept_asking(control_state &c) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10)); // it stays in the backlog
 }
 
+// A manager that no longer hears of a server that hangs ends it and starts another.
+void tell_manager(control_state &c) {
+    if (!c.beat || steady::now() < c.next_beat)
+        return;
+    c.next_beat = steady::now() + *c.beat;
+    if (sv_service_turns())
+        sv_service_tell("WATCHDOG=1");
+}
+
+// How long nothing may happen until times are looked at, ms; -1: for ever.
+int a_while(const control_state &c) {
+    using std::chrono::milliseconds;
+    const milliseconds longest = c.connections.empty() ? milliseconds::max() : milliseconds(1000);
+    const milliseconds beat =
+        c.beat ? std::chrono::ceil<milliseconds>(c.next_beat - steady::now()) : milliseconds::max();
+    const milliseconds least = std::min(longest, std::max(beat, milliseconds(0)));
+    return least == milliseconds::max() ? -1 : static_cast<int>(std::min(least, milliseconds(60000)).count());
+}
+
 // One look at all descriptors; false when the thread is to end.
 bool turn(control_state &c) {
     std::vector<pollfd> wanted{{c.wake.get(), POLLIN, 0}};
@@ -156,8 +179,8 @@ bool turn(control_state &c) {
     wanted.push_back({c.listening.get(), accepts, 0});
     for (const asking &a : c.connections)
         wanted.push_back({a.fd.get(), static_cast<short>(a.answering ? POLLOUT : POLLIN), 0});
-    const int a_while = c.connections.empty() ? -1 : 1000; // ms, after which times are looked at
-    if (::poll(wanted.data(), wanted.size(), a_while) < 0)
+    tell_manager(c);
+    if (::poll(wanted.data(), wanted.size(), a_while(c)) < 0)
         return errno == EINTR;
     if (wanted[0].revents != 0)
         return false;
@@ -200,8 +223,10 @@ void sv_control_start(int port) {
     made->path = named ? sv_options.control : control_path(port);
     made->listening = control_listen(made->path, sv_options.control_group, !named, why);
     made->wake.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (made->listening && made->wake)
+    if ((made->listening || (made->beat && !named)) && made->wake)
         start_thread(*made);
+    if (made->thread.joinable() && !made->listening)
+        std::fprintf(stderr, "server: No control socket: %s\n", why.c_str());
     if (made->thread.joinable()) {
         control = std::move(made);
         return;
@@ -220,7 +245,8 @@ void sv_control_stop() {
         return;
     ::eventfd_write(control->wake.get(), 1);
     control->thread.join();
-    ::unlink(control->path.c_str());
+    if (control->listening)
+        ::unlink(control->path.c_str());
     control.reset();
 }
 

@@ -30,8 +30,10 @@ struct server_hooks {
 
 extern server_hooks sv_hooks;
 
-// Descriptors that other rooms watch in the select loop. The first adds to the set and returns the new
-// highest descriptor; the second is called with what is ready. Either may be null.
+// Descriptors that other rooms watch in the network loop, as if it were a select: the first adds to the set and
+// returns the new highest descriptor; the second is called with what is ready. Either may be null. They are
+// asked every turn, but the kernel is told of changes only: a descriptor that is to be closed is left out for
+// a turn before its number may stand for another.
 extern int (*user_select_add)(fd_set *set, int highest);
 extern void (*user_select_test)(const fd_set *set);
 

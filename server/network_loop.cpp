@@ -1,4 +1,4 @@
-// server: network mode. One select loop accepts sessions, assembles their lines and runs them.
+// server: network mode. One loop accepts sessions, assembles their lines and runs them.
 //
 // A turn looks at the sockets once and then serves what has been received, one line a session and round. A
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
@@ -13,6 +13,8 @@
 #include "server/loops.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "server/service.h"
+#include "server/session_watch.h"
 #include "support/fd.h"
 #include "support/vanished_peer.h"
 
@@ -136,7 +138,7 @@ void refuse_stranger(const char *dotted, int fd) {
     [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-void accept_session() {
+void accept_session(session_watch &watch) {
     const int cn = lowest_free_slot();
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
@@ -151,11 +153,6 @@ void accept_session() {
         std::fprintf(stderr, "Error in accept when listening for new connections\n");
         sv_die(error);
     }
-    if (fd.get() >= FD_SETSIZE) {
-        std::fprintf(stderr, "server: Connection refused, descriptor %d is beyond the limit of %d\n",
-                     fd.get(), FD_SETSIZE);
-        return;
-    }
     char dotted[INET_ADDRSTRLEN] = "";
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
     if (!sv_is_allowed(sv_options.allowed, peer.sin_addr)) {
@@ -164,6 +161,10 @@ void accept_session() {
     }
     std::printf("%d: New connection established to %s\n", cn, dotted);
     set_options(cn, fd.get());
+    if (!watch.add(cn, fd.get())) {
+        refuse_without_memory(cn, fd.get());
+        return;
+    }
     try {
         sv_fill_slot(cn, fd.get(), fd.get());
     } catch (const std::bad_alloc &) {
@@ -172,7 +173,7 @@ void accept_session() {
     }
     fd.release(); // the slot's now
     client[cn].addr = peer;
-    activity_open(cn, dotted);
+    activity_open(cn, std::string(dotted) + ":" + std::to_string(ntohs(peer.sin_port)));
     ++nr_conns;
     if (sv_hooks.user_connect)
         sv_hooks.user_connect(cn);
@@ -216,6 +217,7 @@ std::size_t service_line_of(int cn) {
         sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
     activity_end();
+    sv_service_turn();
     if (log_file)
         sv_log(log_file, "\n");
     return client[cn].valid ? user_prompt(cn) : 0;
@@ -272,22 +274,12 @@ void receive(int cn) {
     sv_disconnect_client(cn);
 }
 
-struct socket_sets {
-    fd_set read;
-    fd_set write;
-    int highest = -1;
-    struct watched {
-        int cn;
-        int fd;
-    };
-    std::vector<watched> sockets;
-    std::vector<int> sessions; // whose received bytes are there to be served
+struct loop_state {
+    session_watch watch;
+    std::vector<int> sessions;   // whose received bytes are there to be served
+    std::vector<int> round;      // those of them that are served again in this turn
+    bool peers_are_slow = false; // some session is watched for room to send
 };
-
-void watch(socket_sets &sets, fd_set &set, int fd) {
-    FD_SET(fd, &set);
-    sets.highest = std::max(sets.highest, fd);
-}
 
 // What is unsent, after closing the session if its peer is gone or takes nothing.
 bool waits_for_peer(int cn) {
@@ -299,33 +291,28 @@ bool waits_for_peer(int cn) {
     return false;
 }
 
-void set_watches(socket_sets &sets) {
-    FD_ZERO(&sets.read);
-    FD_ZERO(&sets.write);
-    sets.highest = -1;
-    sets.sockets.clear();
-    sets.sessions.clear();
-    const bool attention = outbox_attention();
-    int left = nr_conns; // the slots behind the last session are not looked at
-    for (int cn = 0; left > 0 && cn < sv_max_clients; ++cn) {
+// Looks at every session: who waits for its peer, and who has bytes to be served.
+void sort_sessions(loop_state &loop) {
+    loop.sessions.clear();
+    loop.peers_are_slow = false;
+    for (int cn = 0; cn < sv_max_clients; ++cn) {
         const client_descriptor &c = client[cn];
+        const bool waits = c.valid && waits_for_peer(cn);
         if (!c.valid)
             continue;
-        --left;
-        const bool waits = attention && waits_for_peer(cn);
-        if (!c.valid)
-            continue;
-        if (!waits && !sv_received(c.received).empty()) {
-            sets.sessions.push_back(cn);
-            continue;
-        }
-        watch(sets, waits ? sets.write : sets.read, c.in);
-        sets.sockets.push_back({cn, c.in});
+        loop.watch.watch_for(cn, c.in, waits);
+        loop.peers_are_slow |= waits;
+        if (!waits && !sv_received(c.received).empty())
+            loop.sessions.push_back(cn);
     }
-    if (nr_conns < sv_max_clients)
-        watch(sets, sets.read, listen_socket);
-    if (user_select_add)
-        sets.highest = user_select_add(&sets.read, sets.highest);
+}
+
+// Leaves in loop.sessions those that still have bytes to be served. Silent sessions are not looked at, unless
+// some peer is slow or gone.
+void find_sessions(loop_state &loop) {
+    if (outbox_attention() || loop.peers_are_slow)
+        return sort_sessions(loop);
+    std::erase_if(loop.sessions, [](int cn) { return sv_received(client[cn].received).empty(); });
 }
 
 // serve_one_line, where running out of memory ends this session only.
@@ -357,7 +344,9 @@ std::chrono::nanoseconds coarse_now() {
 }
 
 // Serves the sessions in rounds of one line each while turn_time lasts.
-void serve(std::vector<int> &sessions) {
+void serve(loop_state &loop) {
+    std::vector<int> &sessions = loop.round;
+    sessions.assign(loop.sessions.begin(), loop.sessions.end());
     const auto end = coarse_now() + turn_time;
     do {
         std::size_t kept = 0;
@@ -370,23 +359,29 @@ void serve(std::vector<int> &sessions) {
     outbox_try_all();
 }
 
-// Takes what came on the watched sockets.
-void receive_from_ready(socket_sets &sets) {
-    for (const auto &[cn, fd] : sets.sockets) {
-        if (FD_ISSET(fd, &sets.write))
+// Takes what came on the watched sockets. What a session has received is served before more is taken.
+void receive_from_ready(loop_state &loop) {
+    for (const auto &[cn, room] : loop.watch.sessions()) {
+        if (room)
             outbox_try(cn);
-        if (!FD_ISSET(fd, &sets.read) || !client[cn].valid)
-            continue;
-        receive(cn);
-        sets.sessions.push_back(cn);
+        else if (client[cn].valid && sv_received(client[cn].received).empty()) {
+            receive(cn);
+            loop.sessions.push_back(cn);
+        }
     }
-    std::sort(sets.sessions.begin(), sets.sessions.end());
+    std::sort(loop.sessions.begin(), loop.sessions.end());
 }
 
-void turn(socket_sets &sets) {
-    set_watches(sets);
-    timeval timeout{sets.sessions.empty() ? select_seconds : 0, 0};
-    if (::select(sets.highest + 1, &sets.read, &sets.write, nullptr, &timeout) < 0) {
+void turn(loop_state &loop) {
+    sv_service_turn();
+    find_sessions(loop);
+    fd_set others;
+    FD_ZERO(&others);
+    if (nr_conns < sv_max_clients)
+        FD_SET(listen_socket, &others);
+    const int highest = user_select_add ? user_select_add(&others, listen_socket) : listen_socket;
+    loop.watch.watch_others(others, highest);
+    if (!loop.watch.wait(loop.sessions.empty() ? select_seconds * 1000 : 0)) {
         if (errno == EINTR)
             return;
         const int error = errno;
@@ -394,12 +389,12 @@ void turn(socket_sets &sets) {
         sv_die(error);
     }
     if (user_select_test)
-        user_select_test(&sets.read);
-    if (FD_ISSET(listen_socket, &sets.read))
-        accept_session();
-    receive_from_ready(sets);
-    if (!sets.sessions.empty())
-        serve(sets.sessions);
+        user_select_test(&loop.watch.others());
+    if (FD_ISSET(listen_socket, &loop.watch.others()))
+        accept_session(loop.watch);
+    receive_from_ready(loop);
+    if (!loop.sessions.empty())
+        serve(loop);
 }
 
 void shut_down() {
@@ -420,11 +415,15 @@ void network_loop(const char *program, int port) {
     sv_control_start(port);
     sv_print_banner(program, mode);
     run_startup();
-    socket_sets sets;
-    sets.sockets.reserve(sv_max_clients); // a turn adds each session once
-    sets.sessions.reserve(sv_max_clients);
+    sv_service_tell("READY=1");
+    loop_state loop;
+    if (!loop.watch.open())
+        cannot_listen("Can't watch sessions\n", errno);
+    loop.sessions.reserve(sv_max_clients); // a turn adds each session once
+    loop.round.reserve(sv_max_clients);
     while (!close_server)
-        turn(sets);
+        turn(loop);
+    sv_service_tell("STOPPING=1");
     shut_down();
     sv_control_stop();
     listening.reset();

@@ -27,7 +27,8 @@ class script_file {
     // Byte offset of the next line.
     off_t tell() const { return position_; }
 
-    // Continues at that offset. What was kept of the file is dropped if the file has changed since.
+    // Continues at that offset. What was kept of the file is dropped if the file has changed since; of a change
+    // within the same tick of the clock (some milliseconds) the next tick tells.
     bool seek(off_t position);
 
     // Counts how often the kept contents were dropped: a parsed line is good for one generation.
@@ -40,13 +41,14 @@ class script_file {
     bool fill(); // reads on behind the block; false at the end of the file
     void note_status();
     void drop();
-    bool changed() const; // the file may differ from when the block was read
+    bool changed(); // the file may differ from when the block was read
 
     unique_fd fd_;
     std::string block_;
     off_t block_start_ = 0;
     off_t position_ = 0;
     struct stat seen_ {};
+    long long looked_ = 0;  // the tick at which the file's state was last asked for
     bool fresh_ = false;    // written so shortly before it was read that a change might not show
     bool seekable_ = false; // a pipe is read once, in order
     unsigned long generation_ = 0;

@@ -112,9 +112,13 @@ constinit const PARSE_TREE motor_tree[] = {
 };
 
 constinit const PARSE_TREE root[] = {
-    pt_row(row_help),   pt_row(row_echo),
-    pt_row(row_quit),   pt_row(row_shutdown),
-    pt_row(row_status), pt_subtree("motor", motor_tree, "stepper motors"),
+    pt_row(row_help),
+    pt_row(row_echo),
+    pt_row(row_quit),
+    pt_row(row_retrieve_tree),
+    pt_row(row_shutdown),
+    pt_row(row_status),
+    pt_subtree("motor", motor_tree, "stepper motors"),
     pt_end(),
 };
 

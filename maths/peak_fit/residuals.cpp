@@ -1,7 +1,10 @@
 #include "maths/peak_fit/residuals.h"
 
+#include "maths/peak_fit/loops.h"
+
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <minpack.h>
 #include <numeric>
 
@@ -20,14 +23,24 @@ constexpr double too_close = 0.8; // FWHM
 // MINPACK hands no pointer of the caller's to its callback, so each thread keeps here which fit it runs.
 thread_local peak_residuals *fit_of_thread = nullptr;
 
-void peak_fit_residuals(int *, int *, double *x, double *fvec, int *iflag) noexcept {
+void peak_fit_residuals(int *m, int *, double *x, double *fvec, int *iflag) noexcept {
     peak_residuals &fit = *fit_of_thread;
     ++fit.calls;
     if (fit.stopped && fit.stopped(fit.user)) {
         *iflag = -1;
         return;
     }
+    // Derivatives are asked for at a point that was taken: the last one that was tried.
+    constexpr int step = 1, derivative = 2;
+    const bool arrived = *iflag == derivative && fit.last_flag == step;
+    fit.last_flag = *iflag;
+    if (arrived && fit.cannot_win(x)) {
+        *iflag = peak_fit_left_early;
+        return;
+    }
     fit.evaluate(x, fvec);
+    if (*iflag == step)
+        fit.last_residual = enorm_(m, fvec);
 }
 
 double beyond(double value, double low, double high) {
@@ -42,26 +55,17 @@ void fill_gauss(peak_profile::values &v, int x1, std::size_t count) {
     const double centre = v.posn - x1, reach = gauss_reach * v.width;
     v.from = clamp_channel(std::ceil(centre - reach), count);
     v.to = std::max(v.from, clamp_channel(std::floor(centre + reach) + 1.0, count));
-    const double divisor = 2.0 * v.width * v.width;
-    for (std::size_t i = v.from; i < v.to; ++i) {
-        const double d = static_cast<double>(i) - centre;
-        v.at[i] = std::exp(-d * d / divisor);
-    }
+    peak_fit_best_loops().gauss(v.at.data(), centre, 1.0 / (2.0 * v.width * v.width), v.from, v.to);
 }
 
 void fill_lorentz(peak_profile::values &v, int x1, std::size_t count) {
-    const double centre = v.posn - x1, square = v.width * v.width;
     v.from = 0;
     v.to = count;
-    for (std::size_t i = 0; i < count; ++i) {
-        const double d = static_cast<double>(i) - centre;
-        v.at[i] = 1.0 / (d * d / square + 1.0);
-    }
+    peak_fit_best_loops().lorentz(v.at.data(), v.posn - x1, 1.0 / (v.width * v.width), count);
 }
 
 void subtract(std::span<double> residual, const peak_profile::values &v, double height) {
-    for (std::size_t i = v.from; i < v.to; ++i)
-        residual[i] -= height * v.at[i];
+    peak_fit_best_loops().subtract(residual.data() + v.from, v.at.data() + v.from, height, v.to - v.from);
 }
 
 } // namespace
@@ -210,6 +214,65 @@ double peak_vector::outside(const double *x, std::size_t index) const {
     return 0.0;
 }
 
+void peak_rivals::add(std::size_t main, const std::vector<double> &x, double residual, bool at_noise) {
+    ends_.push_back({main, x, residual, at_noise});
+}
+
+// Fewer parameters that came further, by more than a unit of chi-squared, show that the end is not where these can
+// come to.
+bool peak_rivals::is_settled(const peak_vector &vector, std::size_t channels) const {
+    const std::size_t count = vector.parameters.size();
+    double best = std::numeric_limits<double>::infinity();
+    for (const end &other : ends_)
+        if (other.x.size() <= count)
+            best = std::min(best, other.residual);
+    const double enough = best * std::sqrt(1.0 + 1.0 / static_cast<double>(channels));
+    return std::any_of(ends_.begin(), ends_.end(), [&](const end &other) {
+        return other.at_noise && other.main == vector.main && other.x.size() == count &&
+               other.residual <= enough;
+    });
+}
+
+// By a small part of a peak's width and height, with the same things varied.
+bool peak_rivals::is_near(const peak_vector &vector, const double *x, const end &other) {
+    using kind = peak_parameter::kind;
+    constexpr double part = 0.02;
+    if (vector.main != other.main || vector.parameters.size() != other.x.size())
+        return false;
+    double sigma = 0.0;
+    for (std::size_t i = other.x.size(); i-- > 0;) { // a peak's sigma comes after its position
+        const kind what = vector.parameters[i].what;
+        if (what == kind::sigma)
+            sigma = std::fabs(other.x[i]);
+        const double scale = what == kind::posn       ? sigma
+                             : what == kind::lor_frac ? 1.0
+                                                      : std::fabs(other.x[i]);
+        if (!(std::fabs(x[i] - other.x[i]) <= part * scale))
+            return false;
+    }
+    return true;
+}
+
+bool peak_rivals::cannot_be_beaten(const peak_vector &vector, const double *x, double residual,
+                                   std::size_t channels) {
+    constexpr double same = 0.01;  // of a unit of chi-squared: a tenth of the errors
+    constexpr double enough = 0.1; // of the distance, in the last steps
+    if (is_settled(vector, channels))
+        return true;
+    double &oldest = reached_[steps_++ % remembered];
+    const double before = oldest;
+    oldest = residual;
+    double best = std::numeric_limits<double>::infinity();
+    for (const end &other : ends_) {
+        best = std::min(best, other.residual);
+        const double worse = residual * residual - other.residual * other.residual;
+        if (worse >= 0.0 && worse * static_cast<double>(channels) <= same * other.residual * other.residual &&
+            is_near(vector, x, other))
+            return true;
+    }
+    return residual >= best && steps_ > remembered && before - residual < enough * (residual - best);
+}
+
 void peak_profile::prepare(std::size_t count) {
     for (values &v : slot_) {
         v.width = 0.0; // no profile has it, so the next one is worked out
@@ -283,6 +346,8 @@ int peak_residuals::minimise(std::vector<double> &x, double tolerance, std::vect
     integers_.resize(x.size());
     work_.resize(static_cast<std::size_t>(lwa));
     calls = 0;
+    last_flag = 0;
+    rivals.begin();
     prepare();
     fit_of_thread = this;
     lmdif1_(peak_fit_residuals, &m, &n, x.data(), residual.data(), &tolerance, &info, integers_.data(),

@@ -68,6 +68,35 @@ class peak_profile {
     std::size_t newest_ = 0;
 };
 
+// What the runs of the solver on one spectrum came to: a further one that cannot beat them is left early.
+class peak_rivals {
+  public:
+    void forget() { ends_.clear(); }
+    // `at_noise`: what is left of the spectrum is no more than its own noise, of enough counts to tell.
+    void add(std::size_t main, const std::vector<double> &x, double residual, bool at_noise);
+    void begin() { steps_ = 0; }
+    // A run stands at x, with that residual. True when another has left nothing but noise by the same
+    // parameters, when it is about to end where another did, or when its last steps brought it so little nearer
+    // to the best that it will not get there.
+    bool cannot_be_beaten(const peak_vector &vector, const double *x, double residual, std::size_t channels);
+
+  private:
+    struct end {
+        std::size_t main;
+        std::vector<double> x;
+        double residual;
+        bool at_noise;
+    };
+    std::vector<end> ends_;
+    bool is_settled(const peak_vector &vector, std::size_t channels) const;
+    static constexpr std::size_t remembered = 4;
+    std::size_t steps_ = 0;
+    std::array<double, remembered> reached_{}; // in the last steps
+    static bool is_near(const peak_vector &vector, const double *x, const end &other);
+};
+
+inline constexpr int peak_fit_left_early = -2; // minimise() of a run that cannot win; -1: it was stopped
+
 // Everything that one solver call works on.
 struct peak_residuals {
     int x1 = 0;
@@ -77,12 +106,19 @@ struct peak_residuals {
     int calls = 0;
     bool (*stopped)(const void *user) = nullptr; // asked at every call: an interrupt ends the solver
     const void *user = nullptr;
+    peak_rivals rivals;
     std::array<peak_profile, peak_fit_max_peaks> gauss, lorentz;
 
     void set_region(std::span<const double> spectrum, int first, int last);
     std::size_t count() const { return data.size() + vector->parameters.size(); }
     // Data minus model of each channel, then one residual a parameter: 0 while it is in its range.
     void evaluate(const double *x, double *residual) noexcept;
+    // True when the run, at x, is to be left.
+    bool cannot_win(const double *x) {
+        return rivals.cannot_be_beaten(*vector, x, last_residual, data.size());
+    }
+    double last_residual = 0.0; // of the last step that was tried
+    int last_flag = 0;          // what MINPACK asked for last
     // Room for `evaluate` with the present vector and region; to be called before it.
     void prepare();
     // Levenberg-Marquardt (J. J. More, B. S. Garbow & K. E. Hillstrom, User Guide for MINPACK-1, ANL-80-74):

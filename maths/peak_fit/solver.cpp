@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <minpack.h>
 
 namespace kestrel {
 
@@ -60,11 +61,9 @@ double smoothed_at(const peak_fit_found &found, double posn) {
     return found.smoothed[static_cast<std::size_t>(channel)];
 }
 
-double norm(std::span<const double> residual) {
-    double sum = 0.0;
-    for (const double r : residual)
-        sum += r * r;
-    return std::sqrt(sum);
+double norm(std::span<double> residual) {
+    int count = static_cast<int>(residual.size());
+    return enorm_(&count, residual.data());
 }
 
 void tell_odd_values(int cn, std::span<const peak_fit_peak_t> peaks) {
@@ -157,6 +156,7 @@ struct peak_fit_solver::state {
 
     peak_list seed(const pass_variant &variant, const peak_fit_start_t &start) const;
     peak_vector vary(const pass_variant &variant, const peak_fit_start_t &start, peak_list &seeds) const;
+    bool is_at_noise(std::size_t parameters) const;
     bool shows_tails() const { return area_of_unit_peak * found.height * found.fwhm >= enough_for_tails; }
     bool applies(int pass) const;
     bool try_pass(int pass, peak_fit_solver &solver, outcome &best);
@@ -202,6 +202,13 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
     return vector;
 }
 
+// Within twice the usual spread of chi-squared.
+bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
+    const double chi2 =
+        chi_squared(std::span(residual).first(residuals.data.size()), residuals.data, parameters);
+    return chi2 > 0.0 && chi2 <= 1.0 + 2.0 * std::sqrt(2.0 / static_cast<double>(residuals.data.size()));
+}
+
 bool peak_fit_solver::state::applies(int pass) const {
     const pass_variant &variant = passes[pass];
     if (request->single_pass >= 0)
@@ -244,7 +251,7 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     const double tolerance = pass < coarse_passes && start.fit_flags >= 0 ? coarse : fine;
     std::vector<double> x;
     const int info = solve(tried, tolerance, x);
-    if (info < 0)
+    if (info < 0 && info != peak_fit_left_early)
         return false;
     tried.x = x;
     tried.vector.unpack(x.data(), tried.peaks);
@@ -255,7 +262,10 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     if (request->debug >= 2)
         tell_odd_values(request->cn, used(tried.peaks));
     keep_trial(solver, pass, seeds, tried.peaks);
-    if (info > 0 && tried.residual < best.residual && all_finite(used(tried.peaks)))
+    if (info <= 0 || !all_finite(used(tried.peaks)))
+        return true;
+    residuals.rivals.add(tried.vector.main, tried.x, tried.residual, shows_tails() && is_at_noise(x.size()));
+    if (tried.residual < best.residual)
         best = std::move(tried);
     return true;
 }
@@ -268,6 +278,7 @@ void peak_fit_solver::state::refine(peak_fit_solver &solver, outcome &best, peak
         residuals.set_region(spectrum, region.x1, region.x2);
     const peak_list seeds = best.peaks;
     std::vector<double> x;
+    residuals.rivals.forget();
     const int info = solve(best, final_tolerance, x);
     const double reached = norm(residual);
     if (request->debug >= 1)
@@ -358,6 +369,7 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
     s.residuals.stopped = request.stopped;
     s.residuals.user = request.user;
     s.residuals.set_region(spectrum, region.x1, region.x2);
+    s.residuals.rivals.forget();
     state::outcome best;
     for (int pass = 0; pass < peak_fit_passes(); ++pass) {
         if (s.applies(pass) && !s.try_pass(pass, *this, best)) {

@@ -3,26 +3,25 @@
 #include "pulsar3/lib/counts/run.h"
 #include "pulsar3/lib/counts/scope.h"
 #include "pulsar3/lib/counts/shape.h"
-#include "pulsar3/lib/paths/access.h"
+#include "pulsar3/lib/paths/settings.h"
 #include "pulsar3/server/commands.h"
 #include "server/output.h"
 
+#include <array>
 #include <cmath>
 
 namespace kestrel {
 
 namespace {
 
-constexpr int multiplexer = 10, multiplexer_gen4 = 13; // global registers
 constexpr pt_format start_format("%d + %d read pause no-set = %d");
 
 // In scope mode the multiplexer is set to the channels' own data, unless it is to stay.
 int set_multiplexer(int path, int card, int flags) {
     if ((flags & plr3_run_scope) == 0)
         return 0;
-    const int offset = plr3_path(path)->features.generation == PulsarGen4 ? multiplexer_gen4 : multiplexer;
-    const std::uint32_t own_data = 0;
-    return plr3_write_card_reg(path, card, offset, {&own_data, 1});
+    constexpr std::array<int, 4> own_data{};
+    return plr3_set_fields(plr3_register_command("set-adc-mux"), path, card, own_data);
 }
 
 int pulsar3_start(int quals, int cn, int path, int card) {

@@ -1,5 +1,7 @@
 #include "sim/card/card.h"
 
+#include "sim/card/boards.h"
+
 #include <arpa/inet.h>
 
 namespace kestrel {
@@ -75,6 +77,7 @@ void card_power_up(card &c) {
     c.dma = {};
     c.next_frame = c.frames_ended = 0;
     power_up_devices(c);
+    boards_power_up(c);
     card_put_constants(c);
     for (std::uint32_t chan = 0; chan < static_cast<std::uint32_t>(c.channels); ++chan)
         c.words(card_target::registers).set(chan << 20 | chan_format, default_format);

@@ -1,5 +1,6 @@
 #include "sim/card/targets.h"
 
+#include "sim/card/boards.h"
 #include "sim/card/card.h"
 #include "sim/card/timing.h"
 
@@ -99,6 +100,7 @@ void after_write(card &c, const card_run &run, std::size_t items) {
         timing_registers_written(c);
     if (run.target == card_target::rdma)
         timing_link_written(c, run.address, items);
+    boards_written(c, run.target, run.address, items);
 }
 
 } // namespace
@@ -127,7 +129,10 @@ bool card_read(card &c, card_run run, std::span<std::uint32_t> items) {
 bool card_write(card &c, card_run run, std::span<const std::uint32_t> items) {
     if (run.target == card_target::i2c) {
         std::vector<std::uint32_t> copy(items.begin(), items.end());
-        return i2c_access(c, run, copy, true);
+        if (!i2c_access(c, run, copy, true))
+            return false;
+        boards_written(c, run.target, run.address, items.size());
+        return true;
     }
     const target_rule &rule = rule_of(run.target);
     if (!rule.writable || !fits(run, items.size()))

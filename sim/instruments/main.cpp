@@ -25,6 +25,7 @@ constinit const PARSE_TREE root[] = {
     pt_row(row_echo),
     pt_row(row_include),
     pt_row(row_quit),
+    pt_row(row_retrieve_tree),
     pt_row(row_radix),
     pt_row(row_shutdown),
     pt_row(row_sleep),

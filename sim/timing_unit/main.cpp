@@ -43,15 +43,25 @@ constinit const PARSE_TREE kairo_table[] = {
 };
 
 constinit const PARSE_TREE root[] = {
-    pt_row(row_help),       pt_row(row_echo),
-    pt_row(row_port),       pt_row(row_quit),
-    pt_row(row_radix),      pt_row(row_shutdown),
-    pt_row(row_sleep),      pt_row(row_status),
-    pt_row(row_eval),       pt_subtree("kairo", kairo_table, "the timing unit"),
-    pt_row(row_trigger),    pt_subtree("module", commands_module, "the frame times as a module"),
-    pt_row(row_get_nx),     pt_row(row_get_ny),
-    pt_row(row_get_nt),     pt_row(row_get_type),
-    pt_row(row_read_times), pt_end(),
+    pt_row(row_help),
+    pt_row(row_echo),
+    pt_row(row_port),
+    pt_row(row_retrieve_tree),
+    pt_row(row_quit),
+    pt_row(row_radix),
+    pt_row(row_shutdown),
+    pt_row(row_sleep),
+    pt_row(row_status),
+    pt_row(row_eval),
+    pt_subtree("kairo", kairo_table, "the timing unit"),
+    pt_row(row_trigger),
+    pt_subtree("module", commands_module, "the frame times as a module"),
+    pt_row(row_get_nx),
+    pt_row(row_get_ny),
+    pt_row(row_get_nt),
+    pt_row(row_get_type),
+    pt_row(row_read_times),
+    pt_end(),
 };
 
 [[noreturn]] void usage(const char *program, const std::string &why) {

@@ -66,7 +66,8 @@ TEST_F(script, is_read_anew_when_it_changes_under_a_loop) {
     EXPECT_EQ(next(file), "body 1");
     ASSERT_TRUE(file.seek(body));
     EXPECT_EQ(file.generation(), generation);
-    write("head\nbody 2\nnext\n"); // the same size
+    write("head\nbody 2\nnext\n");                              // the same size
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // more than a tick of the slowest clock
     ASSERT_TRUE(file.seek(body));
     EXPECT_NE(file.generation(), generation);
     EXPECT_EQ(next(file), "body 2");

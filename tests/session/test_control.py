@@ -69,8 +69,8 @@ def test_status_tells_who_runs_what_and_for_how_long(server):
     when = r"since \d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
     assert code == 0
     assert re.fullmatch(rf"server port {server.port} pid {server.process.pid}\nup \d+ s {when}\n"
-                        rf"running session 1 of 127\.0\.0\.1 {when}, \d+\.\d{{3}} s\nline sleep 600\n"
-                        rf"session 0 of 127\.0\.0\.1 {when}, 1 lines\nsession 1 of 127\.0\.0\.1 {when}, 1 lines\n"
+                        rf"running session 1 of 127\.0\.0\.1:\d+ {when}, \d+\.\d{{3}} s\nline sleep 600\n"
+                        rf"session 0 of 127\.0\.0\.1:\d+ {when}, 1 lines\nsession 1 of 127\.0\.0\.1:\d+ {when}, 1 lines\n"
                         r"threads \d+\ncommand sleep\nhandles 0\nmodules 0, 0 bytes\n", out), out
     assert control(f"-port={server.port}", "stop")[0] == 0
     client.recv_prompt()

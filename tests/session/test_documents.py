@@ -2,7 +2,7 @@
 
 A shown session is a block of "> command" lines, each with its reply. In a Markdown file it is a block fenced as
 ```session, and ```script NAME is a file that it uses; a file's blocks are one session. ```program build/NAME OPTIONS is a
-program that runs meanwhile; the ports that its options name stand for free ones, there and behind it, but for the base
+program that runs meanwhile; ```python run is a piece of a program, which may talk to the server (port 1972) and to these; the ports that its options name stand for free ones, there and behind it, but for the base
 port of cards. Progress lines ("@") are the clock's and may be missing. A session may include the scripts of examples/.
 In examples/, NAME.out is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
 """
@@ -10,10 +10,12 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 
 import pytest
 from kestrel_session import KESTREL, ROOT, SCALE, Process, Server, free_port
 
+sys.path.insert(0, str(ROOT / "python" / "src"))
 DOCUMENTS = [path for path in sorted([ROOT / "README.md", *(ROOT / "docs").rglob("*.md")])
              if "```session" in path.read_text()]
 SESSIONS = sorted(path for path in (ROOT / "examples").glob("*.out") if not path.with_suffix(".cmd").exists())
@@ -55,10 +57,23 @@ def check(client, text):
         assert shown == reply, command
 
 
+def check_tutorial(values):
+    """What the pieces of the tutorial's program have found."""
+    assert values["lost"] == 0 and pathlib.Path("spectrum.png").stat().st_size > 5000
+    for seen, found, rate in zip(values["seen_rates"], values["true_rates"], values["RATES"]):
+        assert seen < found and abs(found / rate - 1) < 0.03
+    for name, (energy, _) in values["LINES"].items():
+        assert abs(values["found"][name] - energy) < 0.004, name
+    assert 1.2 < values["spectrum"].sum() / values["counts_of_5"].sum() < 1.6
+
+
+CHECKS = {"tutorial.md": check_tutorial}
+
+
 @pytest.fixture(autouse=True)
 def no_modules():
     yield
-    for pattern in ("doc_*", "plr3_*", "kairo_times"):
+    for pattern in ("doc_*", "tutorial_*", "plr3_*", "kairo_times"):
         for module in pathlib.Path("/dev/shm").glob(pattern):
             module.unlink()
 
@@ -68,19 +83,25 @@ def with_examples(start):
 
 
 @pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
-def test_sessions_in_documents(start, path):
+def test_sessions_in_documents(start, path, tmp_path, monkeypatch):
     server = with_examples(start)
     client, ports = server.client(), {}
-    blocks = re.findall(r"^```(session|script (\S+)|program build/(.*?))\n(.*?)^```$", path.read_text(), re.M | re.S)
+    blocks = re.findall(r"^```(session|python run|script (\S+)|program build/(.*?))\n(.*?)^```$", path.read_text(),
+                        re.M | re.S)
     assert blocks
-    for _, script, program, text in blocks:
+    monkeypatch.chdir(tmp_path)
+    program_of = {"__name__": path.stem}
+    for kind, script, program, text in blocks:
         if script:
             server.write(script, text)
         elif program:
             name, *options = free_ports(program, ports).split()
             start(*options, kind=Simulator, program=name)
+        elif kind == "python run":
+            exec(compile(replace_ports(text, {**ports, "1972": str(server.port)}), path.name, "exec"), program_of)
         else:
             check(client, replace_ports(text, ports))
+    CHECKS.get(path.name, lambda _: None)(program_of)
 
 
 @pytest.mark.parametrize("path", SESSIONS, ids=lambda path: path.name)

@@ -10,7 +10,7 @@ BUILD = os.environ.get("KESTREL_BUILD", str(ROOT / "build"))
 
 
 PAGE = sorted([path.name for path in (ROOT / "display" / "page").iterdir() if path.suffix in (".html", ".css", ".js")] +
-              ["uPlot.esm.js", "uPlot.min.css"])
+              ["uPlot.LICENSE", "uPlot.esm.js", "uPlot.min.css"])
 
 
 def run(*command, **how):

@@ -244,6 +244,45 @@ def test_a_mini_model_sends_over_its_readout(client, play, mode):
         assert (scalers[:, :, 0] > 0).all() and (scalers[:, :, 3] > 0).all()
 
 
+def test_events_are_written_to_a_file_while_they_are_histogrammed(client, play, tmp_path, small_disk):
+    sim = play("-kind=3mini", "-cards=2", "-speed=10")
+    sim.do("events set -1 -1 rate 300000.0")
+    assert do(client, f"pulsar3 config 2 {FRAMES} 0 baseIP '{sim.net}1' send-hist-list") == 0
+    name = tmp_path / "events"
+    assert client.lines("pulsar3 hist list-mode 0")[0] == (
+        "! ERROR plr3_list_mode_stop: no list-mode file is written for path 0")
+    assert do(client, f"pulsar3 hist list-mode 0 '{name}'") == 0
+    assert client.lines(f"pulsar3 hist list-mode 0 '{name}'")[0] == (
+        f"! ERROR plr3_list_mode_start: Cannot make file {name}: File exists")
+    count(client)
+    [line, *_] = client.lines("pulsar3 hist list-mode 0")
+    data = numpy.frombuffer(name.read_bytes(), "<u4")
+    spectra = numpy.zeros((2 * CHANS, FRAMES, 4096), int)
+    at = records = 0
+    while at < data.size:
+        magic, chan, frame, events = data[at:at + 4]
+        assert magic == 0x4D534C4B and at + 4 + 2 * events <= data.size
+        numpy.add.at(spectra[chan, frame], data[at + 4:at + 4 + 2 * events:2] & 0xFFFF, 1)
+        at += 4 + 2 * int(events)
+        records += 1
+    assert line == f"# List-mode file {name}: {spectra.sum()} events in {records} records"
+    for card in range(2):
+        assert (spectra[card * CHANS:(card + 1) * CHANS] == module(f"plr3_hist{card}", CHANS, FRAMES, 4096)).all()
+    assert spectra.sum(axis=(1, 2)).all()
+    # A disk that is full ends the file behind a whole record, and nothing else.
+    short = small_disk / "short"
+    (small_disk / "others").write_bytes(bytes(200_000))
+    assert do(client, f"pulsar3 hist list-mode 0 '{short}'") == 0
+    count(client)
+    assert losses(client)[0][:2] == [FRAMES, FRAMES]
+    lines = client.lines("pulsar3 hist list-mode 0")
+    assert f"! ERROR: List-mode file {short} ended early: No space left on device" in lines and lines[-1] == "* -1"
+    data, at = numpy.frombuffer(short.read_bytes(), "<u4"), 0
+    while at < data.size:
+        at += 4 + 2 * int(data[at + 3])
+    assert 0 < at == data.size
+
+
 def test_a_readout_that_vanishes_is_opened_again(server, client, play):
     sim = play("-kind=3mini", "-speed=10")
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{sim.net}1' send-hist-frames") == 0

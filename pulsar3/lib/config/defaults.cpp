@@ -1,9 +1,8 @@
 // What registers and block memories hold after a first configuration: whole spectra of 4096 bins, nothing running,
 // every event counted, no correction.
 #include "pulsar3/lib/config/config_steps.h"
+#include "pulsar3/lib/paths/memories.h"
 #include "pulsar3/lib/paths/settings.h"
-
-#include <vector>
 
 namespace kestrel {
 
@@ -53,13 +52,7 @@ int write_registers(int path) {
 }
 
 int clear_memories(int path) {
-    for (const block_memory &memory : plr3_block_memories()) {
-        const std::vector<std::uint32_t> zeros(static_cast<std::size_t>(memory.words));
-        const auto write = [&](int chan) { return plr3_write_reg(path, chan, memory.region, 0, zeros); };
-        if (const int status = each_channel(path, write); status != 0)
-            return status;
-    }
-    return 0;
+    return plr3_init_brams(path, -1);
 }
 
 int write_format(int path) {

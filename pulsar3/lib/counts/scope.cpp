@@ -5,6 +5,7 @@
 #include "pulsar3/lib/paths/card_module.h"
 
 #include <future>
+#include <pthread.h>
 #include <string>
 #include <vector>
 
@@ -73,25 +74,51 @@ int check(int path, int card) {
     return 0;
 }
 
+// The module's words and how many of them a channel has: a row for each of the path.
+int find_words(const char *function, int path, std::size_t &width, std::span<std::uint32_t> &module) {
+    PLR3Path &top = *plr3_path(path);
+    if (top.scope_mod.look(top.message_to) != 0)
+        return plr3_fail(plr3_failed, "%s: the scope module of path %d cannot be used", function, path);
+    width = static_cast<std::size_t>(top.scope_mod.view().num_x);
+    module = plr3_words(top.scope_mod);
+    if (module.size() < width * static_cast<std::size_t>(top.max_num_chan))
+        return plr3_fail(plr3_failed, "%s: the scope module of path %d is too small", function, path);
+    return 0;
+}
+
+// The calling thread, which reads this card's data, to the processors that are set for that.
+void bind_thread(int path, int card) {
+    const PLR3Path &leaf = *plr3_path(plr3_leaf(*plr3_path(path), path, card));
+    const cpu_set_t &set = leaf.scope_cpu_set;
+    if (CPU_COUNT(&set) == 0)
+        return;
+    const int error = ::pthread_setaffinity_np(::pthread_self(), sizeof set, &set);
+    if (error != 0)
+        plr3_message(leaf.message_to,
+                     "The scope thread of card %d cannot be bound to its processors (errno %d)\n", card,
+                     error);
+}
+
 } // namespace
 
 int plr3_read_scope_data(int path, int card) {
     if (const int status = check(path, card); status != 0)
         return status;
-    PLR3Path &top = *plr3_path(path);
-    if (top.scope_mod.look(top.message_to) != 0)
-        return plr3_fail(plr3_failed, "plr3_read_scope_data: the scope module of path %d cannot be used",
-                         path);
-    const auto width = static_cast<std::size_t>(top.scope_mod.view().num_x);
-    const std::span<std::uint32_t> module = plr3_words(top.scope_mod);
-    if (module.size() < width * static_cast<std::size_t>(top.max_num_chan))
-        return plr3_fail(plr3_failed, "plr3_read_scope_data: the scope module of path %d is too small", path);
+    const PLR3Path &top = *plr3_path(path);
+    std::size_t width = 0;
+    std::span<std::uint32_t> module;
+    if (const int status = find_words("plr3_read_scope_data", path, width, module); status != 0)
+        return status;
     const int first = card < 0 ? 0 : card, end = card < 0 ? top.num_cards : card + 1;
-    const auto how =
-        top.disable_multi_thread || end - first == 1 ? std::launch::deferred : std::launch::async;
+    const bool side_by_side = !top.disable_multi_thread && end - first > 1;
+    const auto how = side_by_side ? std::launch::async : std::launch::deferred;
     std::vector<std::future<outcome>> cards;
     for (int one = first; one < end; ++one)
-        cards.push_back(std::async(how, read_card, path, one, module, width));
+        cards.push_back(std::async(how, [=] {
+            if (side_by_side)
+                bind_thread(path, one);
+            return read_card(path, one, module, width);
+        }));
     int status = 0;
     for (std::future<outcome> &one : cards) {
         const outcome o = one.get();
@@ -99,6 +126,24 @@ int plr3_read_scope_data(int path, int card) {
             status = plr3_fail(o.status, "%s", o.text.c_str());
     }
     return status;
+}
+
+int plr3_scope_row(int path, int chan, std::span<const std::uint32_t> &row) {
+    constexpr const char *name = "plr3_scope_row";
+    const PLR3Path *top = plr3_path(path);
+    if (!top)
+        return plr3_fail(plr3_invalid_path, "%s: invalid path %d", name, path);
+    if (chan < 0 || chan >= top->max_num_chan)
+        return plr3_fail(plr3_out_of_range, "%s: chan=%d out of range 0..%d", name, chan,
+                         top->max_num_chan - 1);
+    if (!top->scope_mod)
+        return plr3_fail(plr3_failed, "%s: path %d has no scope module", name, path);
+    std::size_t width = 0;
+    std::span<std::uint32_t> module;
+    if (const int status = find_words(name, path, width, module); status != 0)
+        return status;
+    row = module.subspan(static_cast<std::size_t>(chan) * width, width);
+    return 0;
 }
 
 } // namespace kestrel

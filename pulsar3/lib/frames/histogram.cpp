@@ -167,6 +167,20 @@ int plr3_histogram_thread_start(Histogram &h) {
     return 0;
 }
 
+int plr3_histogram_set_processors(Histogram &h, const cpu_set_t &processors) {
+    cpu_set_t wanted = processors;
+    if (CPU_COUNT(&wanted) == 0 &&
+        ::sched_getaffinity(0, sizeof wanted, &wanted) != 0) // those of this thread
+        return plr3_fail(plr3_failed, "channel %d: errno %d", h.chan_of_system, errno);
+    if (h.thread.joinable() && h.error_flags == 0) {
+        const int error = ::pthread_setaffinity_np(h.thread.native_handle(), sizeof wanted, &wanted);
+        if (error != 0)
+            return plr3_fail(plr3_failed, "channel %d: errno %d", h.chan_of_system, error);
+    }
+    h.cpu_set = processors;
+    return 0;
+}
+
 void plr3_histogram_thread_stop(Histogram &h) {
     if (!h.thread.joinable())
         return;

@@ -75,6 +75,8 @@ struct Histogram {
 
 // Starts the channel's thread; its socket must be open. 0, or a status with its text.
 int plr3_histogram_thread_start(Histogram &h);
+// Binds it to processors; none: any. 0, or plr3_failed with its text, and it stays where it was.
+int plr3_histogram_set_processors(Histogram &h, const cpu_set_t &processors);
 // Ends and joins it: never longer than the packets take that have come already.
 void plr3_histogram_thread_stop(Histogram &h);
 

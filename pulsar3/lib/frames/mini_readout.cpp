@@ -107,6 +107,20 @@ bool take_events(Histogram &h, const message_header &m, std::span<const std::byt
     return true;
 }
 
+// The events as they came, those of no bin or frame of ours too.
+void keep_events(mini_readout &r, const message_header &m, std::span<const std::byte> payload) {
+    std::shared_ptr<list_mode_file> file;
+    std::uint32_t chan = m.chan;
+    {
+        const std::lock_guard guard(r.mutex);
+        file = r.list_mode_fd;
+        chan += r.first_chan;
+    }
+    if (file && plr3_list_mode_add(*file, chan, m.time_frame, payload))
+        plr3_message(r.message_to, "List-mode file %s: %s, it ends with the record before\n",
+                     file->name.c_str(), std::strerror(file->error));
+}
+
 Histogram *channel_of(mini_readout &r, const message_header &m) {
     return m.chan < r.channels.size() ? r.channels[m.chan] : nullptr;
 }
@@ -138,6 +152,8 @@ bool take(mini_readout &r, const message_header &m, std::span<const std::byte> p
     if (m.kind == kind_scalers)
         return take_scalers(r, m, payload);
     Histogram &h = *channel_of(r, m);
+    if (m.kind == kind_events)
+        keep_events(r, m, payload);
     const bool taken = m.kind == kind_frame ? take_frame(h, m, payload) : take_events(h, m, payload);
     plr3_histogram_settled(h);
     return taken;

@@ -6,10 +6,12 @@
 #pragma once
 
 #include "pulsar3/lib/frames/histogram.h"
+#include "pulsar3/lib/frames/list_mode.h"
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <netinet/in.h>
 #include <span>
 #include <vector>
@@ -33,8 +35,10 @@ struct mini_readout {
     std::atomic<int> message_to{-1};
     std::vector<Histogram *> channels;
 
-    fair_mutex mutex; // guards the area
+    fair_mutex mutex; // guards the area and the file
     scaler_area scalers;
+    std::shared_ptr<list_mode_file> list_mode_fd; // that takes the events, too; null: none
+    std::uint32_t first_chan = 0;                 // the card's first channel in the system
 
     unique_fd socket, wake;
     std::atomic<bool> ending{false}, failed{false}, waiting{false}; // waiting: for a message, with none begun

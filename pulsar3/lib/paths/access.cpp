@@ -281,6 +281,12 @@ int plr3_read_card_reg(int path, int card, int offset, words_out values) {
                                 : plr3_read_glob_reg(path, card, offset, values);
 }
 
+int plr3_rmw_card_reg(int path, int card, int offset, std::uint32_t mask, std::uint32_t value,
+                      std::uint32_t &result) {
+    return is_generation4(path) ? plr4_rmw_glob_reg(path, card, offset, mask, value, result)
+                                : plr3_rmw_glob_reg(path, card, offset, mask, value, result);
+}
+
 int plr3_card_path(const char *function, int path, int card) {
     const PLR3Path *p = plr3_path(path);
     if (!p)

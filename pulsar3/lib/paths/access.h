@@ -37,6 +37,8 @@ int plr4_rmw_glob_reg(int path, int card, int offset, std::uint32_t mask, std::u
 // Whichever of the two suits the path's generation.
 int plr3_write_card_reg(int path, int card, int offset, std::span<const std::uint32_t> values);
 int plr3_read_card_reg(int path, int card, int offset, std::span<std::uint32_t> values);
+int plr3_rmw_card_reg(int path, int card, int offset, std::uint32_t mask, std::uint32_t value,
+                      std::uint32_t &result);
 
 // The leaf path of a card, for accesses that are not registers of the above; negative after a text that begins with
 // the function's name.

@@ -7,7 +7,18 @@
 
 namespace kestrel {
 
-enum class dummy_space : std::uint32_t { registers, local, rdma, readout_mode, fem_config };
+enum class dummy_space : std::uint32_t {
+    registers,
+    local,
+    rdma,
+    readout_mode,
+    fem_config,
+    card_spi,
+    channel_spi,
+    i2c,
+    clock_block,
+    mgt
+};
 
 class dummy_registers {
   public:

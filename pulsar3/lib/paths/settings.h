@@ -10,9 +10,22 @@ namespace kestrel {
 // that begins with the function's name.
 int plr3_set_register(const char *function, int path, int chan_or_card, std::span<const field_value> values);
 
+// Sets all fields of a command, their values in the order of the table, of a channel or card (-1: all). Neighbouring
+// words are one transfer. Bits that other commands set stay: one word is changed by the card itself, several are read
+// before. Nothing is written when a value is out of range or the generation lacks a field.
+int plr3_set_fields(const register_command &command, int path, int chan_or_card, std::span<const int> values);
+// Sets some fields of one word, its other bits kept.
+int plr3_change_fields(const char *function, int path, int chan_or_card, std::span<const field_value> values);
+
+// Whether a path's cards have the field.
+bool plr3_has_field(const PLR3Path &path, const register_field &field);
+
 // Scaler window 0 or 1: events from `low` to `high`, energy bins of 16 bits.
 int plr3_set_window(int path, int chan, int window, int low, int high);
 // Events above this are good ones.
 int plr3_set_good_thres(int path, int chan, int threshold);
+// What sets the time stamps of all cards to zero; whose run line the cards follow, kept with the path.
+int plr3_set_sync_mode(int path, int mode);
+int plr3_get_sync_mode(int path);
 
 } // namespace kestrel

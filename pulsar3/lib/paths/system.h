@@ -11,12 +11,14 @@
 #include "pulsar3/lib/frames/udp.h"
 #include "pulsar3/lib/paths/dummy.h"
 #include "pulsar3/lib/paths/features.h"
+#include "pulsar3/lib/paths/roi.h"
 #include "pulsar3/lib/wire/error.h"
 #include "pulsar3/lib/wire/fem.h"
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <sched.h>
 
 namespace kestrel {
 
@@ -24,8 +26,9 @@ inline constexpr int plr3_max_paths = 34;
 inline constexpr int plr3_max_sub_paths = 33;
 inline constexpr int plr3_max_cards = 32; // of one system
 inline constexpr int plr3_chans_per_card_max = 16;
-inline constexpr int plr3_default_bins = 4096; // energy bins of a spectrum
-inline constexpr int plr3_nr_scalers = 9;      // of a channel and time frame
+inline constexpr int plr3_default_bins = 4096;               // energy bins of a spectrum
+inline constexpr int plr3_nr_scalers = 9;                    // of a channel and time frame
+inline constexpr double plr3_default_clock_period = 1.25e-8; // seconds: 80 MHz
 
 enum PulsarDummy : int {
     PulsarReal = 0,
@@ -67,6 +70,14 @@ enum plr3_dtc_flag : int {
     plr3_dtc_use_good_event = 2, // the events above the good threshold are its events
 };
 
+// How a card's clocks are set up.
+struct ClockSetup {
+    int clk_src = 0;                           // of plr3_clock_source
+    int flags = 0;                             // of plr3_clock_flag
+    int tp_type = 0;                           // shape of the test pulse: 0 none, 1..3
+    int adc_clk_delay = 0, fpga_clk_delay = 0; // steps, 0..255
+};
+
 struct PLR3Path {
     std::unique_ptr<FemHandle> femHandle; // null for a node and for a dummy
     int type = 0;                         // 1: a node
@@ -96,7 +107,11 @@ struct PLR3Path {
     double deadtimeEnergy = 0;                           // at which dead times are taken
     int scaler_num_sub_frames = 1;                       // of a time frame
     int mem_layout = 0;
-    double clock_period = 1.25e-8; // seconds a tick: 80 MHz
+    int sync_mode = 0; // whose run line the cards follow
+    ClockSetup clock_setup;
+    double clock_period = plr3_default_clock_period;    // seconds a tick
+    cpu_set_t scope_cpu_set = no_processors();          // for the threads that receive scope data; none: any
+    std::array<roi_table, plr3_chans_per_card_max> roi; // of this card's channels
     Plr3mReadoutMode readout_mode = Plr3mRd_Auto;
     PulsarDummy dummy_system = PulsarReal;
     dummy_registers dummy; // of a dummy card
@@ -106,6 +121,11 @@ struct PLR3Path {
     static constexpr std::array<int, plr3_max_sub_paths> no_sub_paths() {
         std::array<int, plr3_max_sub_paths> none{};
         none.fill(-1);
+        return none;
+    }
+    static cpu_set_t no_processors() {
+        cpu_set_t none;
+        CPU_ZERO(&none);
         return none;
     }
 };

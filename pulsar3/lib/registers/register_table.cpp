@@ -10,28 +10,6 @@ namespace kestrel {
 
 namespace {
 
-constexpr auto chan = register_scope::channel;
-constexpr auto card = register_scope::card;
-
-constexpr register_field fields[] = {
-    {chan, "window0", 24, "low", 0, 15, 0, 65535, "energy bins of 16 bits", "set-window", on_every},
-    {chan, "window0", 24, "high", 16, 31, 0, 65535, "energy bins of 16 bits", "set-window", on_every},
-    {chan, "window1", 25, "low", 0, 15, 0, 65535, "energy bins of 16 bits", "set-window", on_every},
-    {chan, "window1", 25, "high", 16, 31, 0, 65535, "energy bins of 16 bits", "set-window", on_every},
-    {chan, "good-thres", 26, "threshold", 0, 15, 0, 65535, "energy bins of 16 bits", "set-good-thres",
-     on_every},
-    {chan, "format", 28, "nbits-eng", 0, 4, 1, 16, "bits", "format-run", on_every},
-    {chan, "format", 28, "nbits-aux1", 8, 11, 0, 15, "bits", "format-run", on_every},
-    {chan, "format", 28, "nbits-aux2", 12, 15, 0, 15, "bits", "format-run", on_every},
-    {chan, "format", 28, "aux1-mode", 16, 19, 0, 15, "", "format-run", on_every},
-    {chan, "format", 28, "aux2-mode", 20, 23, 0, 15, "", "format-run", on_every},
-    {card, "timing-a", 2, "source", 0, 2, 0, 3, "", "set-timing", on_every},
-    {card, "timing-a", 2, "hist-run", 28, 28, 0, 1, "", "start", on_every},
-    {card, "timing-a", 2, "count-enable", 29, 29, 0, 1, "", "start", on_every},
-    {card, "timing-a", 2, "scaler-run", 31, 31, 0, 1, "", "start", on_every},
-    {card, "num-tf", 9, "frames", 0, 31, 1, 2147483647, "time frames", "config", on_every},
-};
-
 constexpr block_memory memories[] = {
     {1, "event-lead", 1024, "correction of events by what leads them"},
     {2, "event-tail", 1024, "correction of events by what they follow"},
@@ -45,31 +23,86 @@ constexpr block_memory memories[] = {
 } // namespace
 
 std::span<const register_field> plr3_register_fields() {
-    return fields;
+    return register_rows::fields;
 }
 std::span<const block_memory> plr3_block_memories() {
     return memories;
 }
 
+namespace {
+
+[[noreturn]] void not_in_table(std::string_view name, std::string_view of) {
+    std::fprintf(stderr, "pulsar3: no %.*s of %.*s in the table of registers\n",
+                 static_cast<int>(name.size()), name.data(), static_cast<int>(of.size()), of.data());
+    std::abort();
+}
+
+} // namespace
+
 const register_field &plr3_register_field(std::string_view reg, std::string_view field) {
-    for (const register_field &row : fields)
+    for (const register_field &row : register_rows::fields)
         if (row.reg == reg && row.field == field)
             return row;
-    std::fprintf(stderr, "pulsar3: no register field %.*s of %.*s\n", static_cast<int>(field.size()),
-                 field.data(), static_cast<int>(reg.size()), reg.data());
-    std::abort();
+    not_in_table(field, reg);
+}
+
+const register_command &plr3_register_command(std::string_view name) {
+    for (const register_command &row : register_rows::commands)
+        if (row.name == name)
+            return row;
+    not_in_table("command", name);
+}
+
+std::vector<const register_field *> plr3_fields_of(std::string_view command) {
+    std::vector<const register_field *> fields;
+    for (const register_field &row : register_rows::fields)
+        if (row.command == command)
+            fields.push_back(&row);
+    return fields;
+}
+
+int plr3_check_field(const char *function, const field_value &value) {
+    const auto &[field, number] = value;
+    if (number >= field.lowest && number <= field.highest)
+        return 0;
+    return plr3_fail(plr3_out_of_range, "%s: %s %s=%d is out of range %d..%d", function, field.reg,
+                     field.field, number, field.lowest, field.highest);
 }
 
 int plr3_pack_fields(const char *function, std::span<const field_value> values, std::uint32_t &word) {
     word = 0;
-    for (const auto &[field, value] : values) {
-        if (value < field.lowest || value > field.highest)
-            return plr3_fail(plr3_out_of_range, "%s: %s %s=%d is out of range %d..%d", function, field.reg,
-                             field.field, value, field.lowest, field.highest);
-        word |=
-            static_cast<std::uint32_t>(value) << field.first_bit & plr3_mask(field.first_bit, field.last_bit);
+    for (const field_value &value : values) {
+        if (const int status = plr3_check_field(function, value); status != 0)
+            return status;
+        word |= plr3_field_bits(value);
     }
     return 0;
+}
+
+std::uint32_t plr3_field_mask(const register_field &field) {
+    return plr3_mask(field.first_bit, field.last_bit);
+}
+
+std::uint32_t plr3_field_bits(const field_value &value) {
+    return static_cast<std::uint32_t>(value.value) << value.field.first_bit & plr3_field_mask(value.field);
+}
+
+int plr3_field_value(const register_field &field, std::uint32_t word) {
+    const auto bits = static_cast<std::int64_t>(plr3_bits(word, field.first_bit, field.last_bit));
+    const std::int64_t values = std::int64_t{1} << (field.last_bit - field.first_bit + 1);
+    return static_cast<int>(field.lowest < 0 && bits >= values / 2 ? bits - values : bits);
+}
+
+std::string plr3_describe_word(register_scope scope, int offset, std::uint32_t word) {
+    std::string text;
+    for (const register_field &row : register_rows::fields) {
+        if (row.scope != scope || row.offset != offset)
+            continue;
+        const int value = plr3_field_value(row, word);
+        text += text.empty() ? std::string(row.reg) + ":" : ",";
+        text += " " + std::string(row.field) + " " + std::to_string(value);
+    }
+    return text;
 }
 
 } // namespace kestrel

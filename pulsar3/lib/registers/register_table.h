@@ -1,48 +1,42 @@
-// pulsar3/lib/registers: the fields of the cards' registers. One row a field: from it come the checks of the commands
-// that set it, and whoever prints or explains a register. A new field is one row.
+// pulsar3/lib/registers: what the tables of fields and block memories say, at run time.
 #pragma once
+
+#include "pulsar3/lib/registers/register_fields.h"
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
-
-enum class register_scope { channel, card };
-
-// Which generations have it; bits.
-enum register_generation : unsigned {
-    on_gen3 = 1,
-    on_gen3v7 = 2,
-    on_gen3mini = 4,
-    on_gen4 = 8,
-    on_every = on_gen3 | on_gen3v7 | on_gen3mini | on_gen4,
-};
-
-struct register_field {
-    register_scope scope;
-    const char *reg; // the register's name
-    int offset;      // words; of a card's register on generation 3
-    const char *field;
-    int first_bit, last_bit;
-    int lowest, highest; // what may be written
-    const char *unit;
-    const char *command; // that sets it
-    unsigned generations;
-};
 
 std::span<const register_field> plr3_register_fields();
 
 // The field of that register and name. Both must be in the table: a name that is not ends the process.
 const register_field &plr3_register_field(std::string_view reg, std::string_view field);
 
+// The command of that name, which must be in the table; its fields, in the order of its arguments.
+const register_command &plr3_register_command(std::string_view name);
+std::vector<const register_field *> plr3_fields_of(std::string_view command);
+
 struct field_value {
     const register_field &field;
     int value;
 };
-// One word of these fields, all of one register, the rest of it zero: 0, or plr3_out_of_range with a text that names
-// the function, the field, its value and its limits.
+// 0, or plr3_out_of_range with a text that names the function, the field, its value and its limits.
+int plr3_check_field(const char *function, const field_value &value);
+// One word of these fields, all of one register, the rest of it zero: 0, or what the check says.
 int plr3_pack_fields(const char *function, std::span<const field_value> values, std::uint32_t &word);
+
+// A field's bits in a word, in place; and its value in a word, with its sign if it has one.
+std::uint32_t plr3_field_mask(const register_field &field);
+std::uint32_t plr3_field_bits(const field_value &value);
+int plr3_field_value(const register_field &field, std::uint32_t word);
+
+// "chan-cont: source 3, invert 1": the register at that offset of generation 3, by its fields.
+// Empty where no row stands.
+std::string plr3_describe_word(register_scope scope, int offset, std::uint32_t word);
 
 // The block memories of a channel: regions that are tables, not registers.
 struct block_memory {

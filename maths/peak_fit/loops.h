@@ -1,0 +1,30 @@
+// maths/peak_fit: the loops over channels that fits spend their time in, in versions for what processors can do.
+// Plain pointers. Each version gives the same bits: eight partial sums, then those in order, then the tail, and
+// nothing contracted.
+#pragma once
+
+#include <cstddef>
+
+namespace kestrel {
+
+struct peak_fit_loops {
+    // The sum of a[i] * b[i].
+    double (*dot)(const double *a, const double *b, std::size_t count);
+    // to[i] -= by * from[i]
+    void (*subtract)(double *to, const double *from, double by, std::size_t count);
+    // at[i] = exp(-(i - centre)^2 * by), good to a few units of the last place where the exponent is above -700
+    void (*gauss)(double *at, double centre, double by, std::size_t first, std::size_t last);
+    // at[i] = 1 / ((i - centre)^2 * by + 1)
+    void (*lorentz)(double *at, double centre, double by, std::size_t count);
+};
+
+extern const peak_fit_loops peak_fit_loops_plain;
+#ifdef __x86_64__
+extern const peak_fit_loops peak_fit_loops_avx2;
+extern const peak_fit_loops peak_fit_loops_avx512;
+#endif
+
+// The version for this processor.
+const peak_fit_loops &peak_fit_best_loops();
+
+} // namespace kestrel

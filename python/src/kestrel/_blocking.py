@@ -1,0 +1,214 @@
+"""The blocking connection."""
+import select
+import socket
+import threading
+from typing import Any, Callable, List, Optional, Sequence
+
+import numpy.typing as npt
+
+from . import _control
+from ._reply import Progress, Reply
+from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
+from ._tree import TREE_LINE, Command, Group, parse_tree
+from ._typed import Commands
+from .errors import ConnectionLost
+
+BLOCK = 1 << 16
+DATA_WAIT = 30.0  # seconds without a byte of a box
+
+
+class Connection(Commands):
+    """A session of a server. Its methods are the server's commands: ``k.module.create("m", 10, 1)``.
+
+    A command that prints "!" lines raises CommandError; the others return the command's result, or what it printed when
+    it has none. ``notes`` are the "#" lines of the last command. ``on_progress``, when set, is called with each report
+    of progress. ^C stops the server's command, where the server is this machine's and its control socket can be had,
+    and raises KeyboardInterrupt when the prompt has come back; otherwise it closes the connection.
+    """
+
+    def __init__(self, host: str, port: int, timeout: Optional[float], control: Optional[str]) -> None:
+        super().__init__(Group("", ""), self._run)
+        self._session = Session()
+        self._lock = threading.RLock()
+        self._listener: Optional[socket.socket] = None
+        self._control = control or _control.usual_path(port)
+        self._sock: Optional[socket.socket] = socket.create_connection((host, port), timeout)
+        try:
+            self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            self._finish_reply()  # the first prompt
+            self._sock.settimeout(None)
+            self._group = parse_tree(tree_texts(self._exchange(TREE_LINE)))
+        except BaseException:
+            self.disconnect()
+            raise
+
+    # ---- what users call
+
+    def command(self, line: str) -> Reply:
+        """Runs any line, and gives all that the server answers."""
+        reply: Reply = self._locked(line, None)
+        return reply
+
+    def _size(self, handle: int, axis: str) -> int:
+        return int(self.command(f"unif-get-n{axis} {int(handle)}").result or 0)
+
+    @property
+    def notes(self) -> List[str]:
+        return self._session.reader.reply.notes
+
+    @property
+    def on_progress(self) -> Optional[Callable[[Progress], None]]:
+        return self._session.reader.on_progress
+
+    @on_progress.setter
+    def on_progress(self, callback: Optional[Callable[[Progress], None]]) -> None:
+        self._session.reader.on_progress = callback
+
+    def read(self, handle: int, box: Optional[Sequence[int]] = None, dtype: Any = None, *, dtc: bool = False,
+             ) -> npt.NDArray[Any]:
+        """A box (x, y, t, width, height, frames; None: all) of a handle as an array [t, y, x].
+
+        Without a dtype the handle's own elements come; float32, float64 and uint32 are converted to by the server.
+        ``dtc`` applies the handle's dead-time correction.
+        """
+        with self._lock:
+            if box is None:
+                box = (0, 0, 0, *(self._size(handle, axis) for axis in "xyt"))
+            element = self.command(f"unif-get-type {int(handle)}").result if dtype is None else 0
+            line, array = read_line(handle, box, int(element or 0), dtype, "dtc" if dtc else "")
+            if self._listener is None:
+                self._listen()
+            got = self._guarded(lambda: self._receive(line, bytes_of(array)))
+            self._session.end(line, None)
+            if got < array.nbytes:
+                raise short_read(got, array.nbytes)
+            return array
+
+    def disconnect(self) -> None:
+        """Closes the connection. Handles and variables of the session go with it."""
+        sock, self._sock = self._sock, None
+        listener, self._listener = self._listener, None
+        for each in (sock, listener):
+            if each is not None:
+                each.close()
+
+    def __enter__(self) -> "Connection":
+        return self
+
+    def __exit__(self, *_: Any) -> None:
+        self.disconnect()
+
+    def __repr__(self) -> str:
+        where = "closed" if self._sock is None else "%s:%d" % self._sock.getpeername()[:2]
+        return f"<kestrel connection {where}>"
+
+    # ---- how it works
+
+    def _run(self, command: Command, line: str) -> Any:
+        return self._locked(line, command)
+
+    def _locked(self, line: str, command: Optional[Command]) -> Any:
+        with self._lock:
+            self._guarded(lambda: self._exchange(line))
+            return self._session.end(line, command)
+
+    def _open(self) -> socket.socket:
+        if self._sock is None:
+            raise ConnectionLost("the connection is closed")
+        return self._sock
+
+    def _guarded(self, action: Callable[[], Any]) -> Any:
+        """The action; one that ends in the middle of a reply leaves the session at its prompt, or closes it."""
+        try:
+            return action()
+        except KeyboardInterrupt:
+            self._stop_and_drain()
+            raise
+        except BaseException:
+            if self._session.reader.at_prompt is False:
+                self.disconnect()
+            raise
+
+    def _exchange(self, line: str) -> Reply:
+        self._open().sendall(self._session.begin(line))
+        return self._finish_reply()
+
+    def _finish_reply(self) -> Reply:
+        while not self._complete():
+            self._take_block()
+        return self._session.reader.finish()
+
+    def _complete(self) -> bool:
+        reader = self._session.reader
+        if reader.asked:
+            self._open().sendall(RETRY)
+            reader.asked = False
+        return reader.certain or (reader.at_prompt and not select.select([self._open()], [], [], SETTLE)[0])
+
+    def _take_block(self) -> None:
+        data = self._open().recv(BLOCK)
+        if not data:
+            self.disconnect()
+            raise ConnectionLost("the server closed the connection")
+        self._session.reader.feed(data)
+
+    def _stop_and_drain(self) -> None:
+        try:
+            session = _control.session_of(self._control, "%s:%d" % self._open().getsockname()[:2])
+            if session is None:
+                raise OSError("not a session of that server")
+            _control.ask(self._control, f"stop {session}")
+            self._open().settimeout(_control.PATIENCE)
+            self._finish_reply()
+            self._open().settimeout(None)
+        except (OSError, KeyboardInterrupt):
+            self.disconnect()
+
+    # ---- the data channel
+
+    def _listen(self) -> None:
+        own = self._open().getsockname()[0]
+        listener = socket.create_server((own, 0), backlog=1)
+        try:
+            self.command(f"port {listener.getsockname()[1]}")
+        except BaseException:
+            listener.close()
+            raise
+        self._listener = listener
+
+    def _receive(self, line: str, into: memoryview) -> int:
+        """Sends the line and takes the bytes that come over the data channel: how many came."""
+        assert self._listener is not None
+        sock = self._open()
+        sock.sendall(self._session.begin(line))
+        got = 0
+        while True:
+            ready = select.select([self._listener, sock], [], [])[0]
+            if self._listener in ready:
+                got = self._take_box(self._listener, into)
+                break
+            self._take_block()
+            if self._complete():
+                return got
+        self._finish_reply()
+        return got
+
+    @staticmethod
+    def _take_box(listener: socket.socket, into: memoryview) -> int:
+        connection = listener.accept()[0]
+        with connection:
+            connection.settimeout(DATA_WAIT)
+            got = 0
+            while got < len(into):
+                count = connection.recv_into(into[got:])
+                if count == 0:
+                    break
+                got += count
+            return got
+
+
+def connect(host: str = "localhost", port: int = 1972, *, timeout: Optional[float] = 10.0,
+            control: Optional[str] = None) -> Connection:
+    """A session of the server there. ``timeout`` is that of connecting; ``control`` the server's control socket, where
+    it is not at its usual place."""
+    return Connection(host, port, timeout, control)

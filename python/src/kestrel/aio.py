@@ -1,0 +1,187 @@
+"""The asyncio connection: ``k = await kestrel.aio.connect(host, port)``, then ``await k.module.create("m", 10, 1)``."""
+import asyncio
+import socket
+from typing import Any, Awaitable, Callable, List, Optional, Sequence, TypeVar
+
+import numpy.typing as npt
+
+from . import _control
+from ._reply import Progress, Reply
+from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
+from ._tree import TREE_LINE, Command, Group, parse_tree
+from ._typed import AsyncCommands
+from .errors import ConnectionLost
+
+BLOCK = 1 << 16
+DATA_WAIT = 30.0  # seconds
+T = TypeVar("T")
+
+
+class AsyncConnection(AsyncCommands):
+    """As kestrel.Connection, with methods to await. A call that is cancelled stops the server's command, where the
+    server's control socket can be had, or closes the connection."""
+
+    def __init__(self, sock: socket.socket, control: str) -> None:
+        super().__init__(Group("", ""), self._run)
+        self._session = Session()
+        self._lock = asyncio.Lock()
+        self._sock: Optional[socket.socket] = sock
+        self._listener: Optional[socket.socket] = None
+        self._control = control
+
+    async def _start(self) -> None:
+        await self._finish_reply()  # the first prompt
+        self._group = parse_tree(tree_texts(await self._exchange(TREE_LINE)))
+
+    async def command(self, line: str) -> Reply:
+        """Runs any line, and gives all that the server answers."""
+        reply: Reply = await self._locked(line, None)
+        return reply
+
+    @property
+    def notes(self) -> List[str]:
+        return self._session.reader.reply.notes
+
+    def set_on_progress(self, callback: Optional[Callable[[Progress], None]]) -> None:
+        self._session.reader.on_progress = callback
+
+    async def read(self, handle: int, box: Optional[Sequence[int]] = None, dtype: Any = None, *, dtc: bool = False,
+                   ) -> npt.NDArray[Any]:
+        """A box (x, y, t, width, height, frames; None: all) of a handle as an array [t, y, x]."""
+        if box is None:
+            sizes = [int((await self.command(f"unif-get-n{axis} {int(handle)}")).result or 0) for axis in "xyt"]
+            box = (0, 0, 0, *sizes)
+        element = (await self.command(f"unif-get-type {int(handle)}")).result if dtype is None else 0
+        line, array = read_line(handle, box, int(element or 0), dtype, "dtc" if dtc else "")
+        if self._listener is None:
+            await self._listen()
+        async with self._lock:
+            got = await self._guarded(self._receive(line, bytes_of(array)))
+            self._session.end(line, None)
+        if got < array.nbytes:
+            raise short_read(got, array.nbytes)
+        return array
+
+    def disconnect(self) -> None:
+        """Closes the connection."""
+        sock, self._sock = self._sock, None
+        listener, self._listener = self._listener, None
+        for each in (sock, listener):
+            if each is not None:
+                each.close()
+
+    async def __aenter__(self) -> "AsyncConnection":
+        return self
+
+    async def __aexit__(self, *_: Any) -> None:
+        self.disconnect()
+
+    # ---- how it works
+
+    def _run(self, command: Command, line: str) -> Awaitable[Any]:
+        return self._locked(line, command)
+
+    async def _locked(self, line: str, command: Optional[Command]) -> Any:
+        async with self._lock:
+            await self._guarded(self._exchange(line))
+            return self._session.end(line, command)
+
+    def _open(self) -> socket.socket:
+        if self._sock is None:
+            raise ConnectionLost("the connection is closed")
+        return self._sock
+
+    async def _guarded(self, action: Awaitable[T]) -> T:
+        try:
+            return await action
+        except asyncio.CancelledError:
+            await self._stop_and_drain()
+            raise
+        except BaseException:
+            if not self._session.reader.at_prompt:
+                self.disconnect()
+            raise
+
+    async def _exchange(self, line: str) -> Reply:
+        await asyncio.get_running_loop().sock_sendall(self._open(), self._session.begin(line))
+        return await self._finish_reply()
+
+    async def _finish_reply(self) -> Reply:
+        reader = self._session.reader
+        while not reader.certain:
+            if reader.asked:
+                await asyncio.get_running_loop().sock_sendall(self._open(), RETRY)
+                reader.asked = False
+            wait = asyncio.get_running_loop().sock_recv(self._open(), BLOCK)
+            try:
+                data = await (asyncio.wait_for(wait, SETTLE) if reader.at_prompt else wait)
+            except asyncio.TimeoutError:
+                break
+            if not data:
+                self.disconnect()
+                raise ConnectionLost("the server closed the connection")
+            reader.feed(data)
+        return reader.finish()
+
+    async def _stop_and_drain(self) -> None:
+        try:
+            session = _control.session_of(self._control, "%s:%d" % self._open().getsockname()[:2])
+            if session is None:
+                raise OSError("not a session of that server")
+            _control.ask(self._control, f"stop {session}")
+            await asyncio.wait_for(self._finish_reply(), _control.PATIENCE)
+        except (OSError, asyncio.TimeoutError, asyncio.CancelledError):
+            self.disconnect()
+
+    async def _listen(self) -> None:
+        listener = socket.create_server((self._open().getsockname()[0], 0), backlog=1)
+        listener.setblocking(False)
+        try:
+            await self.command(f"port {listener.getsockname()[1]}")
+        except BaseException:
+            listener.close()
+            raise
+        self._listener = listener
+
+    async def _receive(self, line: str, into: memoryview) -> int:
+        assert self._listener is not None
+        taking = asyncio.ensure_future(self._take_box(self._listener, into))
+        try:
+            reply = await self._exchange(line)
+            if reply.errors and not taking.done():
+                return 0
+            return await asyncio.wait_for(taking, DATA_WAIT)
+        finally:
+            taking.cancel()
+
+    @staticmethod
+    async def _take_box(listener: socket.socket, into: memoryview) -> int:
+        loop = asyncio.get_running_loop()
+        connection, _ = await loop.sock_accept(listener)
+        with connection:
+            connection.setblocking(False)
+            got = 0
+            while got < len(into):
+                count = await loop.sock_recv_into(connection, into[got:])
+                if count == 0:
+                    break
+                got += count
+            return got
+
+
+async def connect(host: str = "localhost", port: int = 1972, *, timeout: float = 10.0,
+                  control: Optional[str] = None) -> AsyncConnection:
+    """A session of the server there."""
+    loop = asyncio.get_running_loop()
+    address = (await loop.getaddrinfo(host, port, family=socket.AF_INET, type=socket.SOCK_STREAM))[0][4]
+    sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    try:
+        sock.setblocking(False)
+        await asyncio.wait_for(loop.sock_connect(sock, address), timeout)
+        sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        connection = AsyncConnection(sock, control or _control.usual_path(port))
+        await asyncio.wait_for(connection._start(), timeout)
+        return connection
+    except BaseException:
+        sock.close()
+        raise

@@ -1,0 +1,33 @@
+"""What can go wrong."""
+from typing import List
+
+from ._reply import Reply
+
+
+class KestrelError(Exception):
+    """Everything that this package raises by itself."""
+
+
+class CommandError(KestrelError):
+    """The server answered a command with error lines: `errors` without their "!", the whole answer in `reply`."""
+
+    def __init__(self, line: str, reply: Reply) -> None:
+        super().__init__("; ".join(reply.errors))
+        self.line = line
+        self.reply = reply
+
+    @property
+    def errors(self) -> List[str]:
+        return self.reply.errors
+
+    @property
+    def result(self):  # type: ignore[no-untyped-def]
+        return self.reply.result
+
+
+class ConnectionLost(KestrelError, ConnectionError):
+    """The server is gone, or the connection was left in the middle of a reply."""
+
+
+class ModuleError(KestrelError):
+    """A shared-memory object that is no data module, or not a whole one."""

@@ -1,0 +1,72 @@
+#include "server/session_watch.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <sys/epoll.h>
+
+namespace kestrel {
+
+namespace {
+
+constexpr std::uint32_t other = 1U << 16; // added to descriptors that are not sessions
+
+epoll_event event_of(int cn, bool room) {
+    epoll_event event{};
+    event.events = room ? EPOLLOUT : EPOLLIN;
+    event.data.u32 = static_cast<std::uint32_t>(cn);
+    return event;
+}
+
+} // namespace
+
+bool session_watch::open() {
+    set_.reset(::epoll_create1(EPOLL_CLOEXEC));
+    return static_cast<bool>(set_);
+}
+
+bool session_watch::add(int cn, int fd) {
+    room_[static_cast<std::size_t>(cn)] = false;
+    epoll_event event = event_of(cn, false);
+    return ::epoll_ctl(set_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+void session_watch::watch_for(int cn, int fd, bool room) {
+    bool &watched = room_[static_cast<std::size_t>(cn)];
+    epoll_event event = event_of(cn, room);
+    if (watched != room && ::epoll_ctl(set_.get(), EPOLL_CTL_MOD, fd, &event) == 0)
+        watched = room;
+}
+
+void session_watch::watch_others(const fd_set &set, int highest) {
+    if (std::memcmp(&set, &others_, sizeof set) == 0)
+        return;
+    for (int fd = 0; fd <= std::max(highest, highest_other_); ++fd) {
+        const bool wanted = FD_ISSET(fd, &set), watched = FD_ISSET(fd, &others_);
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u32 = other + static_cast<std::uint32_t>(fd);
+        if (wanted != watched)
+            ::epoll_ctl(set_.get(), wanted ? EPOLL_CTL_ADD : EPOLL_CTL_DEL, fd, &event);
+    }
+    others_ = set;
+    highest_other_ = highest;
+}
+
+bool session_watch::wait(int timeout_ms) {
+    epoll_event events[sv_max_clients];
+    const int count = ::epoll_wait(set_.get(), events, sv_max_clients, timeout_ms);
+    ready_count_ = 0;
+    FD_ZERO(&others_ready_);
+    for (int i = 0; i < count; ++i) {
+        const std::uint32_t who = events[i].data.u32;
+        if (who >= other)
+            FD_SET(who - other, &others_ready_);
+        else
+            ready_[ready_count_++] = {static_cast<int>(who), room_[who]};
+    }
+    std::sort(ready_.data(), ready_.data() + ready_count_, [](auto &a, auto &b) { return a.cn < b.cn; });
+    return count >= 0;
+}
+
+} // namespace kestrel
