@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint32_t columns_max = 65536, rows_max = 4096;
 constexpr std::size_t elements_max = 2 << 20; // of one view
 constexpr std::size_t read_max = 16 << 20;    // elements of a module that one view may cover
-constexpr std::uint64_t tick_max = 64 << 20; // elements that one refresh reads; other views wait for the next
+constexpr std::uint64_t tick_max = 8 << 20; // elements that one refresh reads; other views wait for the next
 constexpr std::chrono::milliseconds least_time{95}; // between two contents of a view: with the ticks, 100 ms
 constexpr std::size_t exact_elements_max = 1 << 15; // more go as floats
 
