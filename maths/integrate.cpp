@@ -186,7 +186,7 @@ int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, U
         sum_frames<T>(r, *rows, top, count, sums);
         write_rows<T>(p, top, sums, by, *to);
     });
-    return all ? 0 : -1;
+    return umaths_written(out, all);
 }
 
 template <class T> int integrate(int cn, UMaths &r, const projection &p, const umaths_destination &to) {
@@ -206,7 +206,7 @@ template <class T> int integrate(int cn, UMaths &r, const projection &p, const u
     if (!rows)
         return -1;
     write_rows<T>(p, 0, sums, by, *rows);
-    return 0;
+    return umaths_written(out, true);
 }
 
 int umaths_integrate(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2) {
