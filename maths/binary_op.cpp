@@ -142,7 +142,7 @@ int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop l
                  to->row<float>(row, plane), static_cast<std::size_t>(a.dx), o, to->past_cache);
         umaths_stores_done();
     });
-    return umaths_written(out, all);
+    return all ? 0 : -1;
 }
 
 // Row by row: they may not be held together.

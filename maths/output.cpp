@@ -127,9 +127,7 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
     return 0;
 }
 
-namespace {
-
-std::byte *place_of(int cn, int row, int plane, const UMathsOutput &out) {
+std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
     if (out.type != UMOutputType::module) {
         sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
         return nullptr;
@@ -142,25 +140,13 @@ std::byte *place_of(int cn, int row, int plane, const UMathsOutput &out) {
         sv_printf(cn, "! Tried to write past end of image\n");
         return nullptr;
     }
+    out.mod_head.keep();
     return mod.at(out.start_x, y, t);
 }
 
-} // namespace
-
-std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
-    std::byte *const place = place_of(cn, row, plane, out);
-    if (place)
-        out.mod_head.keep();
-    return place;
-}
-
-int umaths_written(UMathsOutput &out, bool all) {
-    out.mod_head.keep();
-    return all ? 0 : -1;
-}
-
 std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out) {
-    if (!place_of(cn, 0, 0, out) || !place_of(cn, out.ny - 1, out.nt - 1, out))
+    const auto *const first = umaths_get_output(cn, 0, 0, out);
+    if (!first || !umaths_get_output(cn, out.ny - 1, out.nt - 1, out))
         return std::nullopt;
     const module_view &mod = out.mod_head.view();
     const std::size_t row = size_of(mod.num_x) * mod.element_size;

@@ -66,12 +66,8 @@ struct umaths_result_rows {
     // where it fails, nothing is lost.
     void touch(int row, int plane, int rows) const;
 };
-// Nothing, after a line, when they do not fit. A new destination goes again unless umaths_written() says that something
-// is in it.
+// Nothing, after a line, when they do not fit.
 std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out);
-
-// Rows were written, all of them or those before ^C: the command's result.
-int umaths_written(UMathsOutput &out, bool all);
 
 // Unlinks the destination, and removes it when it is new and nothing was written. The destructor does so,
 // too.

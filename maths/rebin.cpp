@@ -73,7 +73,7 @@ int rebin_held(int cn, UMaths &r, const factors &by, const result_size &size, UM
                      [&](int y, int t) { return rows->row<T>(y, t); });
         umaths_stores_done();
     });
-    return umaths_written(out, all);
+    return all ? 0 : -1;
 }
 
 // Row by row: what is summed may not be held together.
