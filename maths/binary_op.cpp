@@ -136,7 +136,7 @@ int combine_held(int cn, UMaths &a, UMaths &b, UMathsOutput &out, combine_loop l
     const int blocks = (a.dy + at_once - 1) / at_once;
     const bool all = umaths_share(cn, a, blocks * a.dt, [&](int part) {
         const int plane = part / blocks, top = part % blocks * at_once, end = std::min(top + at_once, a.dy);
-        to->touch(top, plane, end - top);
+        to->begin(top, plane, end - top);
         for (int row = top; row < end; ++row)
             loop(rows_a->at(row, plane), rows_b->at(b.dy == 1 ? 0 : row, b.dt == 1 ? 0 : plane),
                  to->row<float>(row, plane), static_cast<std::size_t>(a.dx), o, to->past_cache);

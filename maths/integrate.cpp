@@ -182,7 +182,7 @@ int integrate_frames(int cn, UMaths &r, const projection &p, std::uint64_t by, U
     const bool all = umaths_share(cn, r, (p.ny + at_once - 1) / at_once, [&](int part) {
         const int top = part * at_once, count = std::min(at_once, p.ny - top);
         std::vector<sum_of<T>> sums(static_cast<std::size_t>(count) * width_of(p));
-        to->touch(top, 0, count);
+        to->begin(top, 0, count);
         sum_frames<T>(r, *rows, top, count, sums);
         write_rows<T>(p, top, sums, by, *to);
     });
@@ -205,6 +205,7 @@ template <class T> int integrate(int cn, UMaths &r, const projection &p, const u
     const auto rows = umaths_all_output(cn, out);
     if (!rows)
         return -1;
+    rows->begin(0, 0, p.ny);
     write_rows<T>(p, 0, sums, by, *rows);
     return 0;
 }

@@ -84,6 +84,23 @@ std::size_t size_of(int count) {
     return static_cast<std::size_t>(count);
 }
 
+// Where a result row goes; null after a line when it does not fit.
+std::byte *find_row(int cn, int row, int plane, const UMathsOutput &out) {
+    if (out.type != UMOutputType::module) {
+        sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
+        return nullptr;
+    }
+    const module_view &mod = out.mod_head.view();
+    const bool flat = !mod.is_3d; // planes lie below each other
+    const int y = out.start_y + row + (flat ? plane * out.ny : 0);
+    const int t = flat ? 0 : out.start_t + plane;
+    if (row < 0 || plane < 0 || !mod.holds(out.start_x, y, t)) {
+        sv_printf(cn, "! Tried to write past end of image\n");
+        return nullptr;
+    }
+    return mod.at(out.start_x, y, t);
+}
+
 // Where somebody else has the module linked its pages are likely to be mapped already.
 bool worth_touching(const UMathsOutput &out, std::size_t bytes) {
     const module_view &mod = out.mod_head.view();
@@ -128,25 +145,14 @@ int umaths_start_output(int cn, const umaths_destination &to, int nx, int ny, in
 }
 
 std::byte *umaths_get_output(int cn, int row, int plane, UMathsOutput &out) {
-    if (out.type != UMOutputType::module) {
-        sv_printf(cn, "! Unknown output type %d\n", static_cast<int>(out.type));
-        return nullptr;
-    }
-    const module_view &mod = out.mod_head.view();
-    const bool flat = !mod.is_3d; // planes lie below each other
-    const int y = out.start_y + row + (flat ? plane * out.ny : 0);
-    const int t = flat ? 0 : out.start_t + plane;
-    if (row < 0 || plane < 0 || !mod.holds(out.start_x, y, t)) {
-        sv_printf(cn, "! Tried to write past end of image\n");
-        return nullptr;
-    }
-    out.mod_head.keep();
-    return mod.at(out.start_x, y, t);
+    std::byte *const found = find_row(cn, row, plane, out);
+    if (found)
+        out.written = true;
+    return found;
 }
 
 std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out) {
-    const auto *const first = umaths_get_output(cn, 0, 0, out);
-    if (!first || !umaths_get_output(cn, out.ny - 1, out.nt - 1, out))
+    if (!find_row(cn, 0, 0, out) || !find_row(cn, out.ny - 1, out.nt - 1, out))
         return std::nullopt;
     const module_view &mod = out.mod_head.view();
     const std::size_t row = size_of(mod.num_x) * mod.element_size;
@@ -157,22 +163,30 @@ std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out) {
     rows.plane_apart = row * size_of(mod.is_3d ? mod.num_y : out.ny);
     rows.past_cache = bytes >= past_cache_from;
     rows.untouched = worth_touching(out, bytes);
+    rows.written = &out.written;
     return rows;
 }
 
-void umaths_result_rows::touch([[maybe_unused]] int row, [[maybe_unused]] int plane,
+void umaths_result_rows::begin([[maybe_unused]] int row, [[maybe_unused]] int plane,
                                [[maybe_unused]] int rows) const {
+    written->store(true, std::memory_order_relaxed);
 #ifdef MADV_POPULATE_READ
     if (!untouched || rows < 1)
         return;
     const std::uintptr_t page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(this->row<std::byte>(row, plane));
-    const std::uintptr_t from = begin / page * page, end = begin + size_of(rows) * row_apart;
+    const std::uintptr_t first_byte = reinterpret_cast<std::uintptr_t>(this->row<std::byte>(row, plane));
+    const std::uintptr_t from = first_byte / page * page, end = first_byte + size_of(rows) * row_apart;
     ::madvise(reinterpret_cast<void *>(from), end - from, MADV_POPULATE_READ);
 #endif
 }
 
+UMathsOutput::~UMathsOutput() {
+    umaths_stop_output(*this);
+}
+
 void umaths_stop_output(UMathsOutput &out) {
+    if (out.written)
+        out.mod_head.keep();
     out.mod_head.reset();
     out.type = UMOutputType::none;
 }

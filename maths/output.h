@@ -5,6 +5,7 @@
 #include "parser/qualifiers.h"
 #include "support/text_join.h"
 
+#include <atomic>
 #include <cstddef>
 #include <optional>
 
@@ -41,7 +42,10 @@ struct UMathsOutput {
     int full_x = 0, full_y = 0, full_t = 0;
     mod_element data_float = mod_element::u_int32;
     RWMode rw_mode = RWMode::write;
-    result_module mod_head; // linked until the output stops
+    result_module mod_head;            // linked until the output stops
+    std::atomic<bool> written = false; // what is new stays
+    UMathsOutput() = default;
+    ~UMathsOutput();
 };
 
 // Links or makes the destination of an nx x ny x nt result: 0, or -1 after a line.
@@ -62,9 +66,10 @@ struct umaths_result_rows {
         return reinterpret_cast<T *>(first + static_cast<std::size_t>(row) * row_apart +
                                      static_cast<std::size_t>(plane) * plane_apart);
     }
-    // Maps the pages of so many rows at once, and not one by one as they are written. Only a matter of speed:
-    // where it fails, nothing is lost.
-    void touch(int row, int plane, int rows) const;
+    std::atomic<bool> *written = nullptr;
+    // To be called before so many rows are written. Where it pays it maps their pages at once, and not one by one
+    // as they are written.
+    void begin(int row, int plane, int rows) const;
 };
 // Nothing, after a line, when they do not fit.
 std::optional<umaths_result_rows> umaths_all_output(int cn, UMathsOutput &out);

@@ -67,7 +67,8 @@ int rebin_held(int cn, UMaths &r, const factors &by, const result_size &size, UM
         const int plane = part / blocks, top = part % blocks * at_once,
                   end = std::min(top + at_once, size.ny);
         std::vector<const T *> lines;
-        to->touch(top, plane, end - top);
+        lines.reserve(static_cast<std::size_t>(by.y) * static_cast<std::size_t>(by.t));
+        to->begin(top, plane, end - top);
         for (int row = top; row < end; ++row)
             bin_into(to->row<T>(row, plane), by, size, row, plane, to->past_cache, lines,
                      [&](int y, int t) { return rows->row<T>(y, t); });

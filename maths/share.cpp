@@ -15,7 +15,8 @@ constexpr std::size_t worth_a_thread =
     2 << 20; // bytes; to start a thread takes as long as reading some 100 KiB
 
 struct shared_work {
-    const std::function<void(int)> &work;
+    void (*call)(const void *, int);
+    const void *work;
     const int parts;
     std::atomic<int> next = 0;
     std::atomic<bool> stop = false;
@@ -28,7 +29,7 @@ bool do_one(shared_work &shared) {
     if (part >= shared.parts)
         return false;
     try {
-        shared.work(part);
+        shared.call(shared.work, part);
     } catch (const std::bad_alloc &) {
         shared.out_of_memory = shared.stop = true;
     }
@@ -45,8 +46,8 @@ unsigned threads_for(const UMaths &r, int parts) {
 
 } // namespace
 
-bool umaths_share(int cn, UMaths &r, int parts, const std::function<void(int)> &work) {
-    shared_work shared{work, parts};
+bool umaths_share(int cn, UMaths &r, int parts, void (*call)(const void *, int), const void *work) {
+    shared_work shared{call, work, parts};
     {
         std::vector<std::jthread> helpers;
         try {

@@ -163,6 +163,7 @@ int write_all(int cn, const reduced_axis &a, const moments &m, F value_of, UMath
     const auto to = umaths_all_output(cn, out);
     if (!to)
         return -1;
+    to->begin(0, 0, a.ny);
     write_rows(a, 0, m, value_of, *to);
     return 0;
 }
@@ -197,7 +198,7 @@ int weigh_frames(int cn, UMaths &r, const reduced_axis &a, F value_of, UMathsOut
     const bool all = umaths_share(cn, r, (r.dy + at_once - 1) / at_once, [&](int part) {
         const int top = part * at_once, count = std::min(at_once, r.dy - top);
         moments m(static_cast<std::size_t>(count) * static_cast<std::size_t>(r.dx));
-        to->touch(top, 0, count);
+        to->begin(top, 0, count);
         sum_frames<T>(r, *rows, top, count, m);
         write_rows(a, top, m, value_of, *to);
     });

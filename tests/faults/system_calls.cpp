@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/select.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -81,9 +81,9 @@ int __wrap_ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, con
     return interrupted() ? -1 : __real_ppoll(descriptors, count, timeout, mask);
 }
 
-int __real_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *timeout);
-int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *timeout) {
-    return interrupted() ? -1 : __real_select(count, read, write, except, timeout);
+int __real_epoll_wait(int set, epoll_event *events, int most, int timeout);
+int __wrap_epoll_wait(int set, epoll_event *events, int most, int timeout) {
+    return interrupted() ? -1 : __real_epoll_wait(set, events, most, timeout);
 }
 
 int __real_accept4(int fd, sockaddr *address, socklen_t *length, int flags);

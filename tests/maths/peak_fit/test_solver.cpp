@@ -1,5 +1,6 @@
 // Fits of spectra whose truth is known.
 #include "maths/peak_fit/job.h"
+#include "maths/peak_fit/residuals.h"
 #include "maths/peak_fit/solver.h"
 
 #include <gtest/gtest.h>
@@ -124,6 +125,53 @@ TEST_F(PeakSolver, SpectraThatCannotBeFitted) {
     stop_ = true;
     const peak_fit_peak_t peak{500, 1000, 8, 0, 0};
     EXPECT_EQ(fit(spectrum_of({&peak, 1}, 1024), "fe55").status, peak_fit_status::stopped);
+}
+
+peak_vector one_peak(bool lorentzian) {
+    peak_vector vector;
+    vector.num_peaks = 1;
+    vector.lorentzian = lorentzian;
+    vector.set_ranges(std::vector<peak_fit_peak_t>{{200.0, 1000.0, 5.0, 0.0, 0.0}}, 12.0, 500);
+    return vector;
+}
+
+TEST(PeakRivals, LetARunGoOnThatMayWin) {
+    const peak_vector plain = one_peak(false), tails = one_peak(true);
+    const std::vector<double> near{200.01, 1001.0, 5.01}, far{203.0, 1000.0, 5.0},
+        with_tails{200.0, 1000.0, 5.0, 0.1, 1.5};
+    peak_rivals rivals;
+    EXPECT_FALSE(rivals.cannot_be_beaten(plain, near.data(), 10.0, 100)) << "nobody to beat";
+    rivals.add(0, {200.0, 1000.0, 5.0}, 10.0, false);
+    rivals.begin();
+    EXPECT_FALSE(rivals.cannot_be_beaten(plain, far.data(), 10.0001, 100)) << "another valley";
+    EXPECT_FALSE(rivals.cannot_be_beaten(plain, near.data(), 9.9, 100)) << "better already";
+    EXPECT_FALSE(rivals.cannot_be_beaten(tails, with_tails.data(), 10.0001, 100)) << "other parameters";
+    rivals.add(0, with_tails, 12.0, true);
+    EXPECT_FALSE(rivals.cannot_be_beaten(tails, with_tails.data(), 14.0, 100))
+        << "fewer parameters came further";
+    rivals.begin();
+    for (double residual = 40.0; residual > 12.0; residual -= 4.0)
+        EXPECT_FALSE(rivals.cannot_be_beaten(plain, far.data(), residual, 100))
+            << "gets nearer: " << residual;
+}
+
+TEST(PeakRivals, EndARunThatCannotWin) {
+    const peak_vector plain = one_peak(false);
+    const std::vector<double> near{200.01, 1001.0, 5.01}, far{203.0, 1000.0, 5.0};
+    peak_rivals rivals;
+    rivals.add(0, {200.0, 1000.0, 5.0}, 10.0, false);
+    rivals.begin();
+    EXPECT_TRUE(rivals.cannot_be_beaten(plain, near.data(), 10.0001, 100)) << "comes to the same end";
+    rivals.begin();
+    for (int step = 0; step < 4; ++step)
+        EXPECT_FALSE(rivals.cannot_be_beaten(plain, far.data(), 20.0 - 0.1 * step, 100)) << step;
+    EXPECT_TRUE(rivals.cannot_be_beaten(plain, far.data(), 19.6, 100))
+        << "four steps, a twentieth of the way";
+    rivals.add(0, {200.0, 1000.0, 5.0}, 10.0, true);
+    rivals.begin();
+    EXPECT_TRUE(rivals.cannot_be_beaten(plain, far.data(), 50.0, 100)) << "nothing but noise is left";
+    rivals.forget();
+    EXPECT_FALSE(rivals.cannot_be_beaten(plain, far.data(), 50.0, 100)) << "another spectrum";
 }
 
 TEST(PeakBlocks, CoverEveryPointOnce) {
