@@ -15,7 +15,8 @@
 namespace kestrel::display {
 
 inline constexpr std::size_t views_of_browser = 16;
-inline constexpr unsigned ticks_a_second = 40; // looks at the modules; a view changes ten times a second at most
+inline constexpr unsigned ticks_a_second =
+    40; // looks at the modules; a view changes ten times a second at most
 
 // A text that all browsers get when it is new.
 struct live_text {

@@ -10,7 +10,10 @@ namespace {
 // Bytes of the UTF-8 character at the front, 0 where there is none.
 std::size_t utf8_length(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
-    const std::size_t length = first < 0x80 ? 1 : first >= 0xc2 && first < 0xe0 ? 2 : first >= 0xe0 && first < 0xf0 ? 3 : 0;
+    const std::size_t length = first < 0x80                    ? 1
+                               : first >= 0xc2 && first < 0xe0 ? 2
+                               : first >= 0xe0 && first < 0xf0 ? 3
+                                                               : 0;
     if (length == 0 || length > text.size())
         return 0;
     for (std::size_t i = 1; i < length; ++i)
@@ -36,7 +39,8 @@ std::string json_quoted(std::string_view text) {
         char escaped[8];
         if (length == 0) {
             out += '?';
-        } else if (length == 1 && (static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\' || c == '<')) {
+        } else if (length == 1 &&
+                   (static_cast<unsigned char>(c) < ' ' || c == '"' || c == '\\' || c == '<')) {
             std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
             out += escaped;
         } else {
@@ -72,7 +76,8 @@ std::string json_announcements(const std::vector<announcement> &announcements) {
     std::string out = "{\"type\":\"announced\",\"last\":[";
     for (const announcement &a : announcements) {
         out += out.back() == '[' ? "{" : ",{";
-        out += "\"number\":" + std::to_string(a.number) + "," + member("module", a.module) + "," + member("how", a.how) + "}";
+        out += "\"number\":" + std::to_string(a.number) + "," + member("module", a.module) + "," +
+               member("how", a.how) + "}";
     }
     return out + "]}";
 }

@@ -2,9 +2,9 @@
 // own on port 1970, and a web server beside it.
 #include "display/root_table.h"
 #include "display/web.h"
+#include "parser/command_counts.h"
 #include "parser/help.h"
 #include "parser/interpreter.h"
-#include "parser/command_counts.h"
 #include "parser/script.h"
 #include "server/allowed.h"
 #include "server/hooks.h"
@@ -59,14 +59,16 @@ struct display_option {
 };
 constexpr display_option words[] = {
     {"-http=", "[address:]port", "Serve the page there (default: 127.0.0.1:8970)", take_http},
-    {"-server=", "port or path", "Watch the server on that port, or with that control socket (default: 1972)", take_server},
+    {"-server=", "port or path", "Watch the server on that port, or with that control socket (default: 1972)",
+     take_server},
     {"-name=", "name", "The page may be asked for by this name of the machine, too", take_name},
 };
 
 [[noreturn]] void usage(const char *program) {
     std::fprintf(stderr, "%s\nUsage:\n\t%s [-options]\nOptions:\n", sv_credit, program);
     for (const display_option &o : words)
-        std::fprintf(stderr, "  %.*s<%s>  %s\n", static_cast<int>(o.word.size()), o.word.data(), o.value, o.help);
+        std::fprintf(stderr, "  %.*s<%s>  %s\n", static_cast<int>(o.word.size()), o.word.data(), o.value,
+                     o.help);
     std::fprintf(stderr, "and the options of the server (-server? lists them)\n");
     std::exit(1);
 }

@@ -40,7 +40,8 @@ void read_texts(const open_module &module, seen_module &seen) {
         seen.y_label = shown(head.y_label, MOD_LABEL_SIZE);
         seen.t_label = shown(head.t_label, MOD_LABEL_SIZE);
         seen.z_label = shown(head.z_label, MOD_LABEL_SIZE);
-        const auto count = static_cast<std::size_t>(std::clamp(head.labels_num, 0, static_cast<int>(labels_max)));
+        const auto count =
+            static_cast<std::size_t>(std::clamp(head.labels_num, 0, static_cast<int>(labels_max)));
         std::vector<std::int32_t> starts(count);
         if (read_at(module.fd.get(), starts.data(), count * sizeof starts[0], sizeof head) !=
             static_cast<ssize_t>(count * sizeof starts[0]))
@@ -49,7 +50,8 @@ void read_texts(const open_module &module, seen_module &seen) {
             char label[MOD_LABEL_SIZE] = "";
             if (start < static_cast<std::int32_t>(sizeof head) || start >= head.data_offset)
                 break;
-            const std::size_t room = std::min<std::size_t>(sizeof label, static_cast<std::size_t>(head.data_offset - start));
+            const std::size_t room =
+                std::min<std::size_t>(sizeof label, static_cast<std::size_t>(head.data_offset - start));
             if (read_at(module.fd.get(), label, room, static_cast<std::size_t>(start)) < 1)
                 break;
             seen.frame_labels.push_back(shown(label, room));
@@ -73,15 +75,15 @@ std::size_t fingerprint(const open_module &module) {
     std::size_t sum = bytes;
     for (std::size_t i = 0; i < samples; ++i) {
         const std::size_t at = bytes / samples * i;
-        const ssize_t n = read_at(module.fd.get(), block.data(), std::min(block.size(), bytes - at), m.data_offset + at);
+        const ssize_t n =
+            read_at(module.fd.get(), block.data(), std::min(block.size(), bytes - at), m.data_offset + at);
         if (n > 0)
             sum = sum * 31 + std::hash<std::string_view>{}({block.data(), static_cast<std::size_t>(n)});
     }
     return sum;
 }
 
-template <class Element>
-void widen(const std::vector<std::byte> &from, std::vector<double> &out) {
+template <class Element> void widen(const std::vector<std::byte> &from, std::vector<double> &out) {
     for (std::size_t i = 0; i < out.size(); ++i) {
         Element element;
         std::memcpy(&element, from.data() + i * sizeof element, sizeof element);
@@ -92,9 +94,10 @@ void widen(const std::vector<std::byte> &from, std::vector<double> &out) {
 } // namespace
 
 bool seen_module::operator==(const seen_module &other) const {
-    return name == other.name && title == other.title && x_label == other.x_label && y_label == other.y_label &&
-           changed_ms == other.changed_ms && shape.num_x == other.shape.num_x && shape.num_y == other.shape.num_y &&
-           shape.num_t == other.shape.num_t && shape.data_type == other.shape.data_type;
+    return name == other.name && title == other.title && x_label == other.x_label &&
+           y_label == other.y_label && changed_ms == other.changed_ms && shape.num_x == other.shape.num_x &&
+           shape.num_y == other.shape.num_y && shape.num_t == other.shape.num_t &&
+           shape.data_type == other.shape.data_type;
 }
 
 open_module open_for_reading(std::string_view name) {
@@ -111,8 +114,8 @@ open_module open_for_reading(std::string_view name) {
     const auto size = static_cast<std::size_t>(status.st_size);
     // The check looks at no more than the larger header of an object that has room for it.
     if (n < 0 || static_cast<std::size_t>(n) < std::min(size, head.size()) ||
-        kestrel_module_look(head.data(), size, &module.shape) != KESTREL_MODULE_OK || module.shape.num_x == 0 ||
-        module.shape.num_y == 0 || module.shape.num_t == 0)
+        kestrel_module_look(head.data(), size, &module.shape) != KESTREL_MODULE_OK ||
+        module.shape.num_x == 0 || module.shape.num_y == 0 || module.shape.num_t == 0)
         return module;
     module.fd = std::move(fd);
     return module;
@@ -140,8 +143,9 @@ std::vector<seen_module> look_at_modules(const std::vector<seen_module> &before)
         const auto by_name = [](const auto &a, const std::string &name) { return a.first < name; };
         const auto print = std::lower_bound(prints.begin(), prints.end(), found[i].name, by_name);
         const bool known = print != prints.end() && print->first == found[i].name;
-        const auto old = std::lower_bound(before.begin(), before.end(), found[i].name,
-                                          [](const auto &a, const std::string &name) { return a.name < name; });
+        const auto old =
+            std::lower_bound(before.begin(), before.end(), found[i].name,
+                             [](const auto &a, const std::string &name) { return a.name < name; });
         if (known && print->second != fresh[i].second)
             found[i].changed_ms = now;
         else if (known && old != before.end() && old->name == found[i].name)
@@ -151,8 +155,8 @@ std::vector<seen_module> look_at_modules(const std::vector<seen_module> &before)
     return found;
 }
 
-bool read_row(const open_module &module, std::size_t y, std::size_t t, std::size_t x0, std::vector<double> &out,
-              std::vector<std::byte> &scratch) {
+bool read_row(const open_module &module, std::size_t y, std::size_t t, std::size_t x0,
+              std::vector<double> &out, std::vector<std::byte> &scratch) {
     const kestrel_module &m = module.shape;
     const std::size_t bytes = out.size() * m.element_size;
     scratch.resize(bytes);

@@ -15,8 +15,10 @@ struct file_type {
     const char *ending, *type;
 };
 constexpr file_type types[] = {
-    {".html", "text/html; charset=utf-8"}, {".js", "text/javascript; charset=utf-8"},
-    {".css", "text/css; charset=utf-8"},   {".svg", "image/svg+xml"},
+    {".html", "text/html; charset=utf-8"},
+    {".js", "text/javascript; charset=utf-8"},
+    {".css", "text/css; charset=utf-8"},
+    {".svg", "image/svg+xml"},
 };
 
 const char *type_of(const fs::path &path) {

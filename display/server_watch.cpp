@@ -17,7 +17,8 @@ constexpr int pause_ms = 1000;
 } // namespace
 
 server_watch::server_watch(std::string path)
-    : path_(std::move(path)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), thread_([this] { ask_for_ever(); }) {}
+    : path_(std::move(path)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      thread_([this] { ask_for_ever(); }) {}
 
 server_watch::~server_watch() {
     ::eventfd_write(wake_, 1);

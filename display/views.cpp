@@ -14,9 +14,9 @@ namespace kestrel::display {
 namespace {
 
 constexpr std::uint32_t columns_max = 65536, rows_max = 4096;
-constexpr std::size_t elements_max = 2 << 20;       // of one view
-constexpr std::size_t read_max = 16 << 20;          // elements of a module that one view may cover
-constexpr std::uint64_t tick_max = 64 << 20;        // elements that one refresh reads; other views wait for the next
+constexpr std::size_t elements_max = 2 << 20; // of one view
+constexpr std::size_t read_max = 16 << 20;    // elements of a module that one view may cover
+constexpr std::uint64_t tick_max = 64 << 20; // elements that one refresh reads; other views wait for the next
 constexpr std::chrono::milliseconds least_time{95}; // between two contents of a view: with the ticks, 100 ms
 constexpr std::size_t exact_elements_max = 1 << 15; // more go as floats
 
@@ -118,7 +118,8 @@ std::string packed(const view_head &head, const std::vector<double> &values) {
 }
 
 double now_ms() {
-    return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch()).count();
+    return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 // How many elements it looked at.
@@ -138,7 +139,9 @@ std::uint64_t work_out(view &v) {
     head.element_size = values.size() > exact_elements_max ? sizeof(float) : sizeof(double);
     std::string text = packed(head, values);
     // Time and number alone are no change.
-    const auto body = [](const std::string &t) { return std::string_view(t).substr(offsetof(view_head, x0)); };
+    const auto body = [](const std::string &t) {
+        return std::string_view(t).substr(offsetof(view_head, x0));
+    };
     if (v.contents && body(*v.contents) == body(text))
         return looked_at;
     head.read_at_ms = read_at;

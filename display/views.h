@@ -36,7 +36,7 @@ static_assert(sizeof(view_head) == 64);
 
 struct view {
     view_request request;
-    std::uint32_t number = 0; // of the newest contents; 0: there are none
+    std::uint32_t number = 0;                        // of the newest contents; 0: there are none
     std::chrono::steady_clock::time_point changed{}; // when these contents came
     std::shared_ptr<const std::string> contents; // view_head and elements; columns and rows 0: no such module
 };

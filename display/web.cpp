@@ -95,7 +95,8 @@ class connection : public std::enable_shared_from_this<connection> {
         const std::string_view target(request.target().data(), request.target().size());
         const auto host = request[http::field::host];
         if (!is_our_host({host.data(), host.size()}, server_.options))
-            return reply(http::status::misdirected_request, "text/plain", "This is no name of this machine.\n");
+            return reply(http::status::misdirected_request, "text/plain",
+                         "This is no name of this machine.\n");
         if (target == "/live" && websocket::is_upgrade(request))
             return open_live();
         if (request.method() != http::verb::get && request.method() != http::verb::head)
@@ -267,7 +268,8 @@ bool web_start(const web_options &options) {
     web->files = read_page(page_folder());
     const bool good = !web->files.empty() && listen(*web);
     if (good) {
-        std::printf("Pages at http://%s:%d/\n", ::inet_ntoa(options.address), web->acceptor.local_endpoint().port());
+        std::printf("Pages at http://%s:%d/\n", ::inet_ntoa(options.address),
+                    web->acceptor.local_endpoint().port());
         accept_next(*web);
         tick_next(*web);
         web->thread = std::thread([] { web->io.run(); });

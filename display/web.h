@@ -11,8 +11,9 @@ namespace kestrel::display {
 struct web_options {
     in_addr address{};
     int port = 8970;
-    std::vector<std::string> names{}; // of this machine that pages may be asked for by, besides addresses and localhost
-    std::string server_path;        // the control socket of the server that is watched
+    std::vector<std::string>
+        names{}; // of this machine that pages may be asked for by, besides addresses and localhost
+    std::string server_path; // the control socket of the server that is watched
 };
 
 // Listens and starts the thread: false after a line on standard error.

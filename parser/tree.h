@@ -22,9 +22,9 @@ struct _pt_args {
     int opt_start = 0; // index of the first optional argument, nr_args when none
     std::string type;  // 'd', 'g', 'f', 's' or 'v' an argument
     int nr_quals = 0;
-    std::vector<std::string> name; // qualifier words
-    std::string qtype;             // '\0', 'd', 'g', 'f' or 's' a qualifier
-    char return_type = 0;          // 'd', 'g', 'f', 's', 'q' or 0
+    std::vector<std::string> name;                           // qualifier words
+    std::string qtype;                                       // '\0', 'd', 'g', 'f' or 's' a qualifier
+    char return_type = 0;                                    // 'd', 'g', 'f', 's', 'q' or 0
     mutable std::atomic<std::uint64_t> runs{0}, failures{0}; // of the command; any thread reads them
 };
 

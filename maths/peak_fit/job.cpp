@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cmath>
-#include <cstdint>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <new>
 #include <optional>

@@ -70,12 +70,14 @@ void plr3_board_remove(const Histogram &channel) {
 
 void plr3_board_metrics(std::string &out) {
     const std::vector<board_row> rows = read_board();
-    metric_family(out, "kestrel_frames_total", "counter", "Frames of the last run by channel and what became of them.");
+    metric_family(out, "kestrel_frames_total", "counter",
+                  "Frames of the last run by channel and what became of them.");
     for (const board_row &row : rows)
         for (std::size_t i = 0; i < std::size(frame_fates); ++i)
             metric_sample(out, "kestrel_frames_total", labels_of(row, frame_fates[i].name),
                           std::to_string(row.frames[i]));
-    metric_family(out, "kestrel_lost_packets_total", "counter", "Packets of the last run that were of no use.");
+    metric_family(out, "kestrel_lost_packets_total", "counter",
+                  "Packets of the last run that were of no use.");
     for (const board_row &row : rows)
         for (std::size_t i = 0; i < std::size(packet_fates); ++i)
             metric_sample(out, "kestrel_lost_packets_total", labels_of(row, packet_fates[i].name),
