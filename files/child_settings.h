@@ -46,9 +46,11 @@ class child_settings {
     child_settings(const child_settings &) = delete;
     child_settings &operator=(const child_settings &) = delete;
 
-    // 0 and the child's number, or errno.
-    int start(const char *program, char *const arguments[], pid_t &child) const {
-        return ::posix_spawn(&child, program, &files_, &attributes_, arguments, environ);
+    // Once: 0 and the child's number, or errno. The child alone has the copies then.
+    int start(const char *program, char *const arguments[], pid_t &child) {
+        const int error = ::posix_spawn(&child, program, &files_, &attributes_, arguments, environ);
+        high_.clear();
+        return error;
     }
 
   private:

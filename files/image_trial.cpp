@@ -80,17 +80,18 @@ std::string cause_of(int status, int output, milliseconds limit) {
 
 } // namespace
 
-std::string run_trial(const std::string &program, const std::string &argument, int file, milliseconds limit) {
+std::string run_trial(const std::string &program, const std::string &argument, int file, milliseconds limit,
+                      const std::string &second) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return "cannot be tried: " + std::string(std::strerror(errno));
     const unique_fd output(ends[0]);
     unique_fd input(ends[1]);
     const int descriptors[] = {file, input.get(), -1};
-    const child_settings settings(descriptors);
+    child_settings settings(descriptors);
     std::string name = program;
-    std::string word = argument;
-    char *arguments[] = {name.data(), word.data(), nullptr};
+    std::string word = argument, other = second;
+    char *arguments[] = {name.data(), word.data(), other.empty() ? nullptr : other.data(), nullptr};
     pid_t child = -1;
     const int error = settings.start(program.c_str(), arguments, child);
     if (error != 0)
@@ -105,7 +106,7 @@ std::string run_trial(const std::string &program, const std::string &argument, i
     return cause_of(status, output.get(), limit);
 }
 
-std::string try_image(int file) {
+std::string try_image(int file, const std::string &dataset) {
     std::error_code error;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
     struct stat status {};
@@ -113,7 +114,7 @@ std::string try_image(int file) {
         return "cannot be tried: " + (error ? error.message() : std::strerror(errno));
     const long long seconds = std::min<long long>(least_seconds + status.st_size / bytes_a_second, 24 * 3600);
     return run_trial((self.parent_path() / program_name).string(), std::to_string(seconds), file,
-                     std::chrono::seconds(seconds));
+                     std::chrono::seconds(seconds), dataset);
 }
 
 } // namespace kestrel

@@ -59,7 +59,7 @@ bool nexus_helper::start(const std::string &name, const std::string &records, st
         return false;
     }
     const int descriptors[] = {job.get(), answers.write.get(), -1, orders.read.get(), results_.get()};
-    const child_settings settings(descriptors);
+    child_settings settings(descriptors);
     std::string program = (self.parent_path() / program_name).string(), file = name;
     char *arguments[] = {program.data(), file.data(), nullptr};
     pid_t child = -1;

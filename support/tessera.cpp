@@ -238,21 +238,31 @@ bool tessera_reader::take_dataset(std::string &error) {
     return true;
 }
 
-bool tessera_reader::open(const std::string &name, std::string &error) {
+bool tessera_reader::open(const std::string &name, const std::string &dataset, std::string &error) {
     hdf5_quiet();
     file_ = hdf5_own<H5Fclose>(H5Fopen(name.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT));
     if (!file_.ok()) {
         error = "cannot be opened as an HDF5 file";
         return false;
     }
+    if (!dataset.empty())
+        return open_dataset(dataset, error);
     search s;
     H5Ovisit2(file_.get(), H5_INDEX_NAME, H5_ITER_INC, look_at, &s, H5O_INFO_BASIC);
     if (s.found.empty()) {
         error = "holds no 2-D or 3-D numeric dataset";
         return false;
     }
-    dataset_ = "/" + s.found;
-    data_ = hdf5_own<H5Dclose>(H5Dopen2(file_.get(), s.found.c_str(), H5P_DEFAULT));
+    return open_dataset("/" + s.found, error);
+}
+
+bool tessera_reader::open_dataset(const std::string &dataset, std::string &error) {
+    dataset_ = dataset;
+    data_ = hdf5_own<H5Dclose>(H5Dopen2(file_.get(), dataset.c_str(), H5P_DEFAULT));
+    if (!data_.ok() || !is_image(data_.get())) {
+        error = "has no 2-D or 3-D numeric dataset '" + dataset + "'";
+        return false;
+    }
     return take_dataset(error);
 }
 
