@@ -1,11 +1,7 @@
 #include "files/nexus_cards.h"
 
-#include "support/fd.h"
-
 #include <atomic>
-#include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <hdf5.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -24,20 +20,16 @@ std::size_t number_of(std::string_view text) {
 
 } // namespace
 
-bool nexus_module::map(const std::string &name, std::string &cause) {
-    const unique_fd fd(::shm_open(("/" + name).c_str(), O_RDONLY | O_CLOEXEC, 0));
+bool nexus_module::map(int descriptor, std::string &cause) {
     struct stat status {};
-    if (!fd || ::fstat(fd.get(), &status) != 0) {
-        cause = "module '" + name + "': " + std::strerror(errno);
-        return false;
-    }
-    memory = unique_mapping::map(fd.get(), static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED);
-    if (!memory || kestrel_module_look(memory.address(), memory.size(), &layout) != KESTREL_MODULE_OK ||
-        layout.element_size != sizeof(std::uint32_t) || layout.data_offset % sizeof(std::uint32_t) != 0) {
-        cause = "module '" + name + "' is not what a card counts into";
-        return false;
-    }
-    return true;
+    if (::fstat(descriptor, &status) == 0)
+        memory =
+            unique_mapping::map(descriptor, static_cast<std::size_t>(status.st_size), PROT_READ, MAP_SHARED);
+    if (memory && kestrel_module_look(memory.address(), memory.size(), &layout) == KESTREL_MODULE_OK &&
+        layout.element_size == sizeof(std::uint32_t) && layout.data_offset % sizeof(std::uint32_t) == 0)
+        return true;
+    cause = "a module is not what a card counts into";
+    return false;
 }
 
 const std::uint32_t *nexus_module::word(std::size_t x, std::size_t y, std::size_t t) const {
@@ -47,8 +39,8 @@ const std::uint32_t *nexus_module::word(std::size_t x, std::size_t y, std::size_
 
 bool nexus_card::open(nexus_file &file, const nexus_record &record, std::string &cause) {
     const std::string group(record.words[1]);
-    if (!counts_.map(std::string(record.words[2]), cause) ||
-        !status_.map(std::string(record.words[3]), cause))
+    if (!counts_.map(static_cast<int>(number_of(record.words[2])), cause) ||
+        !status_.map(static_cast<int>(number_of(record.words[3])), cause))
         return false;
     channels_ = number_of(record.words[4]);
     const std::size_t auxiliaries = number_of(record.words[5]);

@@ -16,7 +16,7 @@ struct nexus_module {
     unique_mapping memory;
     kestrel_module layout{};
 
-    bool map(const std::string &name, std::string &cause);
+    bool map(int descriptor, std::string &cause);
     const std::uint32_t *word(std::size_t x, std::size_t y, std::size_t t) const;
 };
 

@@ -108,13 +108,13 @@ void put_settings(nexus_records &out, const std::string &card_group, const run_c
 
 // The detector has the data, and an NXdata beside it what of them a viewer shows.
 void put_card(nexus_records &out, const nexus_request &request, const run_description &run,
-              const run_card &card, int first_channel) {
+              const run_card &card, int first_channel, int modules) {
     const std::string group = instrument + "/" + card_name(card), data = entry + "/" + card_name(card);
     out.add({"group", group, "NXdetector"});
     out.add({"text", group + "/description"}, "pulse processing card");
     out.add({"text", group + "/local_name"}, card_name(card));
     put_axes(out, request, run, group, card, first_channel);
-    out.add({"card", group, card.counts_module, card.status_module, std::to_string(card.channels.size()),
+    out.add({"card", group, std::to_string(modules), std::to_string(modules + 1), std::to_string(card.channels.size()),
              std::to_string(run.auxiliaries)});
     out.add({"attribute", group + "/counts", "interpretation"}, "spectrum");
     put_dead_time(out, run, group, card);
@@ -182,9 +182,10 @@ std::string nexus_start_records(const nexus_request &request, const run_descript
                                 const run_state &state) {
     nexus_records out;
     put_entry(out, request, run, state);
-    int first_channel = 0;
+    int first_channel = 0, modules = nexus_modules;
     for (const run_card &card : run.cards) {
-        put_card(out, request, run, card, first_channel);
+        put_card(out, request, run, card, first_channel, modules);
+        modules += 2;
         first_channel += static_cast<int>(card.channels.size());
     }
     return out.text();

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sys/mman.h>
 #include <sys/wait.h>
+#include <vector>
 
 namespace kestrel {
 
@@ -47,7 +48,8 @@ void nexus_helper::clear_up() const {
         ::unlink((name_ + ".part").c_str());
 }
 
-bool nexus_helper::start(const std::string &name, const std::string &records, std::string &cause) {
+bool nexus_helper::start(const std::string &name, const std::string &records, std::span<const int> modules,
+                         std::string &cause) {
     std::error_code error;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
     pipe_ends orders, answers;
@@ -58,7 +60,8 @@ bool nexus_helper::start(const std::string &name, const std::string &records, st
         cause = error ? error.message() : std::strerror(errno);
         return false;
     }
-    const int descriptors[] = {job.get(), answers.write.get(), -1, orders.read.get(), results_.get()};
+    std::vector<int> descriptors = {job.get(), answers.write.get(), -1, orders.read.get(), results_.get()};
+    descriptors.insert(descriptors.end(), modules.begin(), modules.end());
     child_settings settings(descriptors);
     std::string program = (self.parent_path() / program_name).string(), file = name;
     char *arguments[] = {program.data(), file.data(), nullptr};

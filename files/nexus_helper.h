@@ -4,6 +4,7 @@
 
 #include "support/fd.h"
 
+#include <span>
 #include <string>
 #include <sys/types.h>
 
@@ -16,8 +17,10 @@ class nexus_helper {
     nexus_helper &operator=(const nexus_helper &) = delete;
     ~nexus_helper(); // one that has not ended is killed, and what it wrote removed
 
-    // Starts it to write `name`, as the records say. False with a cause.
-    bool start(const std::string &name, const std::string &records, std::string &cause);
+    // Starts it to write `name`, as the records say, with these descriptors as nexus_modules ones.
+    // False with a cause.
+    bool start(const std::string &name, const std::string &records, std::span<const int> modules,
+               std::string &cause);
     // The end's records: false with errno.
     bool give_results(const std::string &records);
     void order(char what); // a nexus_order

@@ -3,7 +3,7 @@
 //
 //   group PATH CLASS         text PATH            attribute PATH NAME      names PATH NAME   (a text a line)
 //   TYPE PATH NxNx.. UNITS   an array: u8, i32, u32, u64, f64; "-" for no units
-//   link PATH TARGET         card PATH COUNTS STATUS CHANNELS AUXILIARIES
+//   link PATH TARGET         card PATH COUNTS STATUS CHANNELS AUXILIARIES   (the modules' descriptors)
 //   frames N HOW             the first record of the results: the run has so many, and "all" of them are there to be
 //                            copied as they are, or "final" ones only, since others may come still
 #pragma once
@@ -27,6 +27,7 @@ enum nexus_descriptor : int {
     nexus_answers = 1, // lines: "made", "copied", "whole", or "! " and the cause of a failure
     nexus_control = 3, // bytes as below; its end is the server's
     nexus_results = 4, // the records at the end
+    nexus_modules = 5, // the first of the modules that the cards name
 };
 enum nexus_order : char {
     nexus_end = 'E',    // the results are there: copy what is left

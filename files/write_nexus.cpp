@@ -14,6 +14,7 @@
 #include <memory>
 #include <poll.h>
 #include <sys/stat.h>
+#include <vector>
 
 namespace kestrel {
 
@@ -85,16 +86,16 @@ int take_run(int cn, nexus_follower &f, run_state &state) {
     return 0;
 }
 
-// Waits for the helper, which has all it needs. ^C ends it.
-int wait_for_file(int cn, nexus_follower &f) {
-    f.helper.order(nexus_rename);
+// Waits until the helper says so. ^C ends it, and what it does then.
+int wait_for(int cn, nexus_follower &f, const char *line) {
     sv_flush_all(cn);
-    while (!f.helper.has_ended()) {
+    f.helper.listen();
+    while (!f.helper.has_ended() && !f.helper.has_said(line)) {
         if (sv_wait_fd(f.helper.descriptor(), POLLIN, -1) == wait_result::interrupted)
             return refuse(cn, "NeXus file '" + f.name + "' was not written: interrupted");
         f.helper.listen();
     }
-    if (f.helper.has_said("whole"))
+    if (f.helper.has_said(line))
         return 0;
     f.helper.clear_up();
     return refuse(cn, "cannot write NeXus file '" + f.name + "': " + f.helper.cause());
@@ -114,17 +115,23 @@ int write_nexus(int quals, int cn, const char *name, int handle, int scaler_hand
     if (state.frames == 0 && !state.counting)
         return refuse(cn, "no time frame has been counted");
     const bool follow = q.given("follow") && state.counting;
+    std::vector<int> modules;
+    for (const run_card &card : f->description.cards)
+        modules.insert(modules.end(), {card.counts_module, card.status_module});
     std::string cause;
-    if (!f->helper.start(f->name, nexus_start_records(request, f->description, state), cause))
+    if (!f->helper.start(f->name, nexus_start_records(request, f->description, state), modules, cause))
         return refuse(cn, "cannot write NeXus file '" + f->name + "': " + cause);
     if (follow) {
+        if (wait_for(cn, *f, "made") != 0)
+            return -1;
         nexus_follow(std::move(f));
         return 0;
     }
     if (nexus_give_results(cn, *f, state) != 0)
         return -1;
     f->helper.order(nexus_end);
-    return wait_for_file(cn, *f);
+    f->helper.order(nexus_rename);
+    return wait_for(cn, *f, "whole");
 }
 
 } // namespace

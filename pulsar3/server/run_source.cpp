@@ -68,8 +68,8 @@ int describe_card(int card_path, run_description &run) {
                          leaf.startingCard);
     run_card card;
     card.index = leaf.startingCard;
-    card.counts_module = leaf.hist_mod.name();
-    card.status_module = leaf.tf_status_mod.name();
+    card.counts_module = datamod_descriptor(leaf.hist_mod.head());
+    card.status_module = datamod_descriptor(leaf.tf_status_mod.head());
     card.channels.resize(static_cast<std::size_t>(leaf.num_chan));
     for (std::size_t chan = 0; chan < card.channels.size(); ++chan) {
         card.channels[chan].dead_time = in_order(leaf.dtc[chan]);

@@ -33,7 +33,7 @@ def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
     page = [f for f in files if f.startswith("share/kestrel/display/")]
     assert {"index.html", "main.js", "uPlot.esm.js", "uPlot.min.css"} <= {f.rpartition("/")[2] for f in page}
-    assert sorted({*files} - {*page}) == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
+    assert sorted({*files} - {*page}) == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-nexus", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
                      "share/bash-completion/completions/kestrel", "share/bash-completion/completions/kestrelctl",
                      "share/man/man1/kestrel.1", "share/man/man1/kestrelctl.1"]
     assert run(prefix / "bin/kestrel", "-server?").returncode == 1

@@ -2,7 +2,6 @@
 import datetime
 import os
 import pathlib
-import resource
 import signal
 
 import h5py
@@ -199,9 +198,20 @@ def test_lost_frames_and_live_times_are_told(server, client, play):
         do(client, f"module create 'kairo_times' {FRAMES} 4 float")
         rows = Module("kairo_times").data
         rows[0], rows[1] = 0.25, 0.5 + numpy.arange(FRAMES)
-        sim.do("fault 0 frames 2 1")
+        sim.do("packets fault 0 1 lose packet 1")
+        run(client)
+        assert do(client, "file write-nexus 'run.nxs' 0") == 0
     finally:
         times.unlink(missing_ok=True)
+    with h5py.File(server.cwd / "run.nxs") as file:
+        entry = check_rules(file)
+        detector = entry["instrument/card0"]
+        frame = int(numpy.flatnonzero(detector["status"][:, 1] == 2)[0])
+        assert (detector["status"][:, 0] == 1).all() and not detector["counts"][frame, 1].any()
+        assert detector["packets_missing"][frame, 1] == 1
+        assert list(detector["loss/incomplete"]) == [0, 1] and "scalers" not in detector
+        live = entry["instrument/timing/live_time"]
+        assert list(live) == [0.5 + frame for frame in range(FRAMES)] and live.attrs["units"] == "s"
 
 
 def test_no_space_leaves_nothing(server, client, play, small_disk):
@@ -233,7 +243,7 @@ def follow(client, play, milliseconds=2000):
 
 
 def said(client, of="NeXus"):
-    return wait_until(lambda: [line for line in client.lines("1") if of in line], "line of the file")
+    return wait_until(lambda: [line for line in client.lines("sleep 0.01") if of in line], "line of the file")
 
 
 def test_a_run_is_followed_to_its_end(server, client, play):
@@ -310,6 +320,6 @@ def test_a_session_that_ends_takes_its_file_along(server, client, play):
     follow(client, play)
     client.close()
     other = server.client()
-    wait_until(lambda: other.lines("1") and helper_of(server) is None, "end of the helper")
-    wait_until(lambda: other.lines("1") and "a handle was closed" in server.stdout, "line on standard output")
+    wait_until(lambda: other.lines("sleep 0.01") and helper_of(server) is None, "end of the helper")
+    wait_until(lambda: other.lines("sleep 0.01") and "a handle was closed" in server.stdout, "line on standard output")
     assert os.listdir(server.cwd) == ["run.nxs.part"]
