@@ -267,7 +267,8 @@ int open_as(int cn, data_file &file, const open_quals &q) {
     if (q.given("raw"))
         return open_raw(cn, file, q);
     if (q.given("tessera"))
-        return q.given("nt") ? fault(cn, file.name, "has its number of frames in it") : open_image(cn, file, q.text("dataset"));
+        return q.given("nt") ? fault(cn, file.name, "has its number of frames in it")
+                             : open_image(cn, file, q.text("dataset"));
     return open_ascii(cn, file, q.given("ascii-id"), q.number("nt", 1));
 }
 

@@ -114,8 +114,8 @@ void put_card(nexus_records &out, const nexus_request &request, const run_descri
     out.add({"text", group + "/description"}, "pulse processing card");
     out.add({"text", group + "/local_name"}, card_name(card));
     put_axes(out, request, run, group, card, first_channel);
-    out.add({"card", group, std::to_string(modules), std::to_string(modules + 1), std::to_string(card.channels.size()),
-             std::to_string(run.auxiliaries)});
+    out.add({"card", group, std::to_string(modules), std::to_string(modules + 1),
+             std::to_string(card.channels.size()), std::to_string(run.auxiliaries)});
     out.add({"attribute", group + "/counts", "interpretation"}, "spectrum");
     put_dead_time(out, run, group, card);
     put_settings(out, group, card);

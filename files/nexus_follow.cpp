@@ -172,10 +172,13 @@ void files_connection_lost(int cn) {
         to = to == cn ? -1 : to;
 }
 
+// The helpers close their files; who has not after so long is ended.
 void files_exit() {
+    const auto end = steady::now() + std::chrono::seconds(10);
     for (const auto &f : followers)
         f->helper.leave();
-    while (std::ranges::any_of(followers, [](const auto &f) { return !f->helper.has_ended(); })) {
+    const auto is_busy = [](const auto &f) { return !f->helper.has_ended(); };
+    while (std::ranges::any_of(followers, is_busy) && steady::now() < end) {
         for (const auto &f : followers)
             f->helper.listen();
         ::usleep(1000);

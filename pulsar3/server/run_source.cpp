@@ -60,6 +60,8 @@ int describe_registers(int card_path, run_card &card) {
 
 int describe_card(int card_path, run_description &run) {
     const PLR3Path &leaf = *plr3_path(card_path);
+    if (leaf.num_chan == 0)
+        return 0; // none of its channels is in use
     if (!leaf.hist_mod || !leaf.tf_status_mod)
         return plr3_fail(plr3_failed, "card %d keeps its histograms, and no module has them",
                          leaf.startingCard);

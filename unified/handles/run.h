@@ -39,9 +39,9 @@ struct run_channel {
 
 // A card, whose channels are those of the path that follow the channels of the cards before it.
 struct run_card {
-    int index = 0; // in the installation
+    int index = 0;                              // in the installation
     int counts_module = -1, status_module = -1; // descriptors, good while the handle stands
-    std::vector<run_channel> channels; // that are in use
+    std::vector<run_channel> channels;          // that are in use
     std::vector<std::uint32_t> registers;
 };
 
