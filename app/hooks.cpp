@@ -51,16 +51,19 @@ void user_main(int argc, char **argv) {
         usage(argv[0]);
     links::clients_init();
     pulsar3_init();
+    files_init();
     set_data_dir();
 }
 
 void user_connect(int) {}
 // What the session has open goes with it.
 void user_disconnect(int cn) {
+    files_connection_lost(cn);
     unif_connection_lost(cn);
     pulsar3_connection_lost(cn);
 }
 void user_exit() {
+    files_exit();
     bench::bench_exit();
     pulsar3_exit();
 }
@@ -77,6 +80,12 @@ bool module_was_cut(int cn, bool begins) {
         return false;
     sv_printf(cn, "! ERROR: a data module was cut short by another process while the command used it\n");
     return true;
+}
+
+// What is looked after around every command.
+bool around_command(int cn, bool begins) {
+    files_turn(cn);
+    return module_was_cut(cn, begins);
 }
 
 void app_status(std::string &out) {
@@ -104,7 +113,7 @@ void app_metrics(std::string &out) {
 } // namespace
 
 server_hooks app_hooks() {
-    user_command_spoiled = module_was_cut;
+    user_command_spoiled = around_command;
     unified_file_hooks = files_hooks();
     server_hooks hooks;
     hooks.service = user_service;

@@ -28,7 +28,7 @@ namespace {
 
 constexpr pt_format open_format(
     "%s ascii ascii-id raw tessera nx %d ny %d nt %d byte short long float double int48 int64 intel motorola "
-    "skip %d = %d");
+    "skip %d dataset %s = %d");
 using open_quals = pt_qualifiers<open_format>;
 
 struct raw_layout {
@@ -236,16 +236,16 @@ int open_raw(int cn, data_file &file, const open_quals &q) {
     return 0;
 }
 
-int open_image(int cn, data_file &file) {
+int open_image(int cn, data_file &file, const std::string &dataset) {
     std::int64_t size = 0;
     if (open_data(cn, file.name, file.fd, size) != 0)
         return -1;
-    std::string error = try_image(file.fd.get());
+    std::string error = try_image(file.fd.get(), dataset);
     if (!error.empty())
         return fault(cn, file.name, error);
     // By its descriptor: the name may stand for another file by now.
     file.tessera = std::make_unique<tessera_reader>();
-    if (!file.tessera->open("/proc/self/fd/" + std::to_string(file.fd.get()), error))
+    if (!file.tessera->open("/proc/self/fd/" + std::to_string(file.fd.get()), dataset, error))
         return fault(cn, file.name, error);
     const tessera_shape shape = file.tessera->shape();
     file.nx = shape.nx;
@@ -262,10 +262,13 @@ int open_as(int cn, data_file &file, const open_quals &q) {
     }
     if (!q.given("raw") && raw_words_given(q))
         return fault(cn, file.name, "sizes, element type and byte order are given for raw data only");
+    if (!q.given("tessera") && q.given("dataset"))
+        return fault(cn, file.name, "only an HDF5 file has datasets");
     if (q.given("raw"))
         return open_raw(cn, file, q);
     if (q.given("tessera"))
-        return q.given("nt") ? fault(cn, file.name, "has its number of frames in it") : open_image(cn, file);
+        return q.given("nt") ? fault(cn, file.name, "has its number of frames in it")
+                             : open_image(cn, file, q.text("dataset"));
     return open_ascii(cn, file, q.given("ascii-id"), q.number("nt", 1));
 }
 
@@ -311,7 +314,7 @@ constinit const PARSE_TREE row_file_open = pt_command<file_open>(
     "Binary data of given size and type/Detector image file, or any HDF5 file/Width (raw)/"
     "Height (raw, default 1)/Frames (raw, ascii; default 1)/8-bit data/16-bit data/32-bit data/"
     "floating point data/Double prec floating data/48-bit data/64-bit data/Low byte first (raw)/"
-    "High byte first (raw)/Bytes before the data (raw)");
+    "High byte first (raw)/Bytes before the data (raw)/Which data (tessera; default the first image)");
 constinit const PARSE_TREE row_file_close =
     pt_command<file_close>("close", "%d = %d", "Close a unified path to a data file", "Unified handle");
 

@@ -1,5 +1,6 @@
 #include "files/image_trial.h"
 
+#include "files/child_settings.h"
 #include "server/wait.h"
 #include "support/fd.h"
 #include "support/file_io.h"
@@ -11,7 +12,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -27,40 +27,6 @@ using std::chrono::milliseconds;
 constexpr const char *program_name = "kestrel-try-image"; // beside this program
 constexpr int least_seconds = 10;
 constexpr long long bytes_a_second = 4 << 20; // of the file: compressed ones hold many times their size
-
-// The child's descriptors are the file, our pipe and no others: the HDF5 library opens its files without
-// close-on-exec. A process group of its own keeps a terminal's ^C from it.
-class trial_settings {
-  public:
-    trial_settings(int in, int out) {
-        posix_spawn_file_actions_init(&files_);
-        posix_spawn_file_actions_adddup2(&files_, in, STDIN_FILENO);
-        posix_spawn_file_actions_adddup2(&files_, out, STDOUT_FILENO);
-        posix_spawn_file_actions_addopen(&files_, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addclosefrom_np(&files_, STDERR_FILENO + 1);
-        posix_spawnattr_init(&attributes_);
-        sigset_t signals;
-        sigemptyset(&signals);
-        posix_spawnattr_setsigmask(&attributes_, &signals);
-        sigfillset(&signals);
-        posix_spawnattr_setsigdefault(&attributes_, &signals);
-        posix_spawnattr_setpgroup(&attributes_, 0);
-        posix_spawnattr_setflags(&attributes_,
-                                 POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-    }
-    ~trial_settings() {
-        posix_spawnattr_destroy(&attributes_);
-        posix_spawn_file_actions_destroy(&files_);
-    }
-    trial_settings(const trial_settings &) = delete;
-    trial_settings &operator=(const trial_settings &) = delete;
-    const posix_spawn_file_actions_t *files() const { return &files_; }
-    const posix_spawnattr_t *attributes() const { return &attributes_; }
-
-  private:
-    posix_spawn_file_actions_t files_;
-    posix_spawnattr_t attributes_;
-};
 
 // The child's status once it has ended; killed first if it is asked for so.
 int reap(pid_t child, bool kill) {
@@ -114,19 +80,20 @@ std::string cause_of(int status, int output, milliseconds limit) {
 
 } // namespace
 
-std::string run_trial(const std::string &program, const std::string &argument, int file, milliseconds limit) {
+std::string run_trial(const std::string &program, const std::string &argument, int file, milliseconds limit,
+                      const std::string &second) {
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return "cannot be tried: " + std::string(std::strerror(errno));
     const unique_fd output(ends[0]);
     unique_fd input(ends[1]);
-    const trial_settings settings(file, input.get());
+    const int descriptors[] = {file, input.get(), -1};
+    child_settings settings(descriptors);
     std::string name = program;
-    std::string word = argument;
-    char *arguments[] = {name.data(), word.data(), nullptr};
+    std::string word = argument, other = second;
+    char *arguments[] = {name.data(), word.data(), other.empty() ? nullptr : other.data(), nullptr};
     pid_t child = -1;
-    const int error =
-        ::posix_spawn(&child, program.c_str(), settings.files(), settings.attributes(), arguments, environ);
+    const int error = settings.start(program.c_str(), arguments, child);
     if (error != 0)
         return "cannot be tried: " + program + ": " + std::strerror(error);
     input.reset();
@@ -139,7 +106,7 @@ std::string run_trial(const std::string &program, const std::string &argument, i
     return cause_of(status, output.get(), limit);
 }
 
-std::string try_image(int file) {
+std::string try_image(int file, const std::string &dataset) {
     std::error_code error;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
     struct stat status {};
@@ -147,7 +114,7 @@ std::string try_image(int file) {
         return "cannot be tried: " + (error ? error.message() : std::strerror(errno));
     const long long seconds = std::min<long long>(least_seconds + status.st_size / bytes_a_second, 24 * 3600);
     return run_trial((self.parent_path() / program_name).string(), std::to_string(seconds), file,
-                     std::chrono::seconds(seconds));
+                     std::chrono::seconds(seconds), dataset);
 }
 
 } // namespace kestrel

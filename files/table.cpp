@@ -10,6 +10,7 @@ constinit const PARSE_TREE file_table[] = {
     pt_row(row_file_close),
     pt_row(row_file_get_next_index),
     pt_row(row_write_kiln_header),
+    pt_row(row_write_nexus),
     pt_row(row_kiln_default_saxs_det),
     pt_row(row_kiln_default_waxs_det),
     pt_row(row_kiln_default_cal_chan),

@@ -1,4 +1,4 @@
-// kestrel-try-image SECONDS: opens standard input as a detector image file and reads all of its data, as the server
+// kestrel-try-image SECONDS [DATASET]: opens standard input as a detector image file and reads all of its data, as the server
 // will. Ends with 0 when all went well, with 1 and the cause on standard output when not, or by a signal: the server
 // starts it anew for each file and survives what it does not. It keeps to its limits by itself, so that it ends, too,
 // when the server has gone.
@@ -41,20 +41,20 @@ int refuse(const char *cause) {
     return 1;
 }
 
-int try_image() {
+int try_image(const char *dataset) {
     kestrel::tessera_reader reader;
     std::string error;
     errno = 0;
-    if (reader.open("/proc/self/fd/0", error) && reader.read_all(error))
+    if (reader.open("/proc/self/fd/0", dataset, error) && reader.read_all(error))
         return 0;
     return refuse(errno == ENOMEM ? needs_memory : error.c_str());
 }
 
 int try_within(int argc, char **argv) {
-    if (argc != 2 || !keep_limits(argv[1]))
+    if (argc < 2 || argc > 3 || !keep_limits(argv[1]))
         return refuse("cannot be tried within limits");
     try {
-        return try_image();
+        return try_image(argc == 3 ? argv[2] : "");
     } catch (const std::bad_alloc &) {
         return refuse(needs_memory);
     }

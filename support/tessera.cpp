@@ -1,6 +1,7 @@
 #include "support/tessera.h"
 
 #include "support/fd.h"
+#include "support/hdf5_parts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,30 +14,9 @@
 
 namespace kestrel {
 
-static_assert(sizeof(long) >= sizeof(hid_t));
-
 namespace {
 
 constexpr std::size_t header_room = 64 * 1024; // for groups, attributes, texts
-
-template <herr_t (*Close)(hid_t)> int close_with(long id) {
-    return Close(static_cast<hid_t>(id));
-}
-
-template <herr_t (*Close)(hid_t)> tessera_id own(hid_t id) {
-    return {static_cast<long>(id), close_with<Close>};
-}
-
-// The library prints its error stack unless told not to; our callers print their own line.
-// Nor may it tidy up when the process ends: all our files are closed then, and after a file that could not be
-// closed (full disk) it would crash.
-void quiet_library() {
-    static const bool done = [] {
-        H5dont_atexit(); // only heeded before anything else
-        return H5Eset_auto2(H5E_DEFAULT, nullptr, nullptr) >= 0;
-    }();
-    static_cast<void>(done);
-}
 
 // Has the disk keep room for the file, without making it longer. The library cannot be trusted with a file
 // system that fills up between its writes. A file system that cannot promise is taken at its word.
@@ -55,50 +35,21 @@ void give_back(const std::string &name) {
         static_cast<void>(!::truncate(name.c_str(), status.st_size));
 }
 
-// Of variable length in UTF-8, as NeXus tools write their texts.
-tessera_id text_type() {
-    auto type = own<H5Tclose>(H5Tcopy(H5T_C_S1));
-    H5Tset_size(type.get(), H5T_VARIABLE);
-    H5Tset_cset(type.get(), H5T_CSET_UTF8);
-    return type;
-}
-
-bool put_text(hid_t place, const char *name, const std::string &text, bool attribute) {
-    const auto type = text_type();
-    const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
-    const char *value = text.c_str();
-    if (attribute) {
-        const auto id =
-            own<H5Aclose>(H5Acreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT));
-        return id.ok() && H5Awrite(id.get(), type.get(), &value) >= 0;
-    }
-    const auto id = own<H5Dclose>(
-        H5Dcreate2(place, name, type.get(), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    return id.ok() && H5Dwrite(id.get(), type.get(), H5S_ALL, H5S_ALL, H5P_DEFAULT, &value) >= 0;
-}
-
 bool put_int(hid_t place, const char *name, int value) {
-    const auto space = own<H5Sclose>(H5Screate(H5S_SCALAR));
+    const auto space = hdf5_own<H5Sclose>(H5Screate(H5S_SCALAR));
     const auto id =
-        own<H5Aclose>(H5Acreate2(place, name, H5T_NATIVE_INT, space.get(), H5P_DEFAULT, H5P_DEFAULT));
+        hdf5_own<H5Aclose>(H5Acreate2(place, name, H5T_NATIVE_INT, space.get(), H5P_DEFAULT, H5P_DEFAULT));
     return id.ok() && H5Awrite(id.get(), H5T_NATIVE_INT, &value) >= 0;
-}
-
-tessera_id make_group(hid_t place, const char *name, const char *nx_class) {
-    auto id = own<H5Gclose>(H5Gcreate2(place, name, H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
-    if (id.ok() && !put_text(id.get(), "NX_class", nx_class, true))
-        return {};
-    return id;
 }
 
 bool put_details(hid_t entry, const tessera_details &details) {
     if (details.empty())
         return true;
-    const auto group = make_group(entry, "details", "NXcollection");
+    const auto group = hdf5_group(entry, "details", "NXcollection");
     if (!group.ok())
         return false;
     for (const auto &[name, value] : details)
-        if (!put_text(group.get(), name.c_str(), value, false))
+        if (!hdf5_text(group.get(), name.c_str(), value, false))
             return false;
     return true;
 }
@@ -150,7 +101,7 @@ std::size_t element_bytes(tessera_type type) {
 
 bool tessera_writer::open(const std::string &name, tessera_type type, tessera_shape shape,
                           const std::string &title, const tessera_details &details) {
-    quiet_library();
+    hdf5_quiet();
     shape_ = shape;
     type_ = type;
     next_line_ = 0;
@@ -160,21 +111,21 @@ bool tessera_writer::open(const std::string &name, tessera_type type, tessera_sh
         header_room;
     if (!reserve(name, bytes))
         return false;
-    file_ = own<H5Fclose>(H5Fcreate(name.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
-    if (!file_.ok() || !reserve(name, bytes) || !put_text(file_.get(), "default", "entry", true))
+    file_ = hdf5_own<H5Fclose>(H5Fcreate(name.c_str(), H5F_ACC_TRUNC, H5P_DEFAULT, H5P_DEFAULT));
+    if (!file_.ok() || !reserve(name, bytes) || !hdf5_text(file_.get(), "default", "entry", true))
         return false;
-    const auto entry = make_group(file_.get(), "entry", "NXentry");
-    if (!entry.ok() || !put_text(entry.get(), "default", "data", true) ||
-        !put_text(entry.get(), "title", title, false) || !put_details(entry.get(), details))
+    const auto entry = hdf5_group(file_.get(), "entry", "NXentry");
+    if (!entry.ok() || !hdf5_text(entry.get(), "default", "data", true) ||
+        !hdf5_text(entry.get(), "title", title, false) || !put_details(entry.get(), details))
         return false;
-    const auto group = make_group(entry.get(), "data", "NXdata");
-    if (!group.ok() || !put_text(group.get(), "signal", "data", true))
+    const auto group = hdf5_group(entry.get(), "data", "NXdata");
+    if (!group.ok() || !hdf5_text(group.get(), "signal", "data", true))
         return false;
     const int rank = shape.nt > 1 ? 3 : 2;
     const hsize_t dims[3] = {static_cast<hsize_t>(shape.nt), static_cast<hsize_t>(shape.ny),
                              static_cast<hsize_t>(shape.nx)};
-    const auto space = own<H5Sclose>(H5Screate_simple(rank, dims + (3 - rank), nullptr));
-    data_ = own<H5Dclose>(
+    const auto space = hdf5_own<H5Sclose>(H5Screate_simple(rank, dims + (3 - rank), nullptr));
+    data_ = hdf5_own<H5Dclose>(
         H5Dcreate2(group.get(), "data", file_type(type), space.get(), H5P_DEFAULT, H5P_DEFAULT, H5P_DEFAULT));
     return data_.ok() && put_int(data_.get(), "data_type", static_cast<int>(type));
 }
@@ -183,8 +134,8 @@ bool tessera_writer::write_lines(const std::byte *at, int frame, int line, int l
     const int rank = shape_.nt > 1 ? 3 : 2;
     const hsize_t start[3] = {static_cast<hsize_t>(frame), static_cast<hsize_t>(line), 0};
     const hsize_t count[3] = {1, static_cast<hsize_t>(lines), static_cast<hsize_t>(shape_.nx)};
-    const auto in_file = own<H5Sclose>(H5Dget_space(data_.get()));
-    const auto in_memory = own<H5Sclose>(H5Screate_simple(2, count + 1, nullptr));
+    const auto in_file = hdf5_own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto in_memory = hdf5_own<H5Sclose>(H5Screate_simple(2, count + 1, nullptr));
     return H5Sselect_hyperslab(in_file.get(), H5S_SELECT_SET, start + (3 - rank), nullptr, count + (3 - rank),
                                nullptr) >= 0 &&
            H5Dwrite(data_.get(), memory_type(type_), in_memory.get(), in_file.get(), H5P_DEFAULT, at) >= 0;
@@ -242,16 +193,16 @@ struct search {
 };
 
 bool is_image(hid_t dataset) {
-    const auto space = own<H5Sclose>(H5Dget_space(dataset));
+    const auto space = hdf5_own<H5Sclose>(H5Dget_space(dataset));
     const int rank = H5Sget_simple_extent_ndims(space.get());
-    const auto type = own<H5Tclose>(H5Dget_type(dataset));
+    const auto type = hdf5_own<H5Tclose>(H5Dget_type(dataset));
     return (rank == 2 || rank == 3) && type.ok() && our_type(type.get()) != el_none;
 }
 
 herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user) {
     if (info->type != H5O_TYPE_DATASET)
         return 0;
-    const auto dataset = own<H5Dclose>(H5Dopen2(root, name, H5P_DEFAULT));
+    const auto dataset = hdf5_own<H5Dclose>(H5Dopen2(root, name, H5P_DEFAULT));
     if (!dataset.ok() || !is_image(dataset.get()))
         return 0;
     static_cast<search *>(user)->found = name;
@@ -263,13 +214,13 @@ herr_t look_at(hid_t root, const char *name, const H5O_info_t *info, void *user)
 bool tessera_reader::take_dataset(std::string &error) {
     // Data in other files: any file of the machine, a pipe to wait at, or a missing one that would read as
     // zeros.
-    const auto made = own<H5Pclose>(H5Dget_create_plist(data_.get()));
+    const auto made = hdf5_own<H5Pclose>(H5Dget_create_plist(data_.get()));
     if (H5Pget_external_count(made.get()) != 0 || H5Pget_layout(made.get()) == H5D_VIRTUAL) {
         error = "dataset " + dataset_ + " keeps its data in other files";
         return false;
     }
-    const auto space = own<H5Sclose>(H5Dget_space(data_.get()));
-    const auto type = own<H5Tclose>(H5Dget_type(data_.get()));
+    const auto space = hdf5_own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto type = hdf5_own<H5Tclose>(H5Dget_type(data_.get()));
     rank_ = H5Sget_simple_extent_ndims(space.get());
     hsize_t dims[3] = {1, 1, 1};
     if ((rank_ != 2 && rank_ != 3) ||
@@ -287,21 +238,31 @@ bool tessera_reader::take_dataset(std::string &error) {
     return true;
 }
 
-bool tessera_reader::open(const std::string &name, std::string &error) {
-    quiet_library();
-    file_ = own<H5Fclose>(H5Fopen(name.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT));
+bool tessera_reader::open(const std::string &name, const std::string &dataset, std::string &error) {
+    hdf5_quiet();
+    file_ = hdf5_own<H5Fclose>(H5Fopen(name.c_str(), H5F_ACC_RDONLY, H5P_DEFAULT));
     if (!file_.ok()) {
         error = "cannot be opened as an HDF5 file";
         return false;
     }
+    if (!dataset.empty())
+        return open_dataset(dataset, error);
     search s;
     H5Ovisit2(file_.get(), H5_INDEX_NAME, H5_ITER_INC, look_at, &s, H5O_INFO_BASIC);
     if (s.found.empty()) {
         error = "holds no 2-D or 3-D numeric dataset";
         return false;
     }
-    dataset_ = "/" + s.found;
-    data_ = own<H5Dclose>(H5Dopen2(file_.get(), s.found.c_str(), H5P_DEFAULT));
+    return open_dataset("/" + s.found, error);
+}
+
+bool tessera_reader::open_dataset(const std::string &dataset, std::string &error) {
+    dataset_ = dataset;
+    data_ = hdf5_own<H5Dclose>(H5Dopen2(file_.get(), dataset.c_str(), H5P_DEFAULT));
+    if (!data_.ok() || !is_image(data_.get())) {
+        error = "has no 2-D or 3-D numeric dataset '" + dataset + "'";
+        return false;
+    }
     return take_dataset(error);
 }
 
@@ -309,8 +270,8 @@ bool tessera_reader::read(void *buffer, int x, int y, int t, int dx, int dy, int
     const hsize_t start[3] = {static_cast<hsize_t>(t), static_cast<hsize_t>(y), static_cast<hsize_t>(x)};
     const hsize_t count[3] = {static_cast<hsize_t>(dt), static_cast<hsize_t>(dy), static_cast<hsize_t>(dx)};
     const int skip = 3 - rank_;
-    const auto in_file = own<H5Sclose>(H5Dget_space(data_.get()));
-    const auto in_memory = own<H5Sclose>(H5Screate_simple(3, count, nullptr));
+    const auto in_file = hdf5_own<H5Sclose>(H5Dget_space(data_.get()));
+    const auto in_memory = hdf5_own<H5Sclose>(H5Screate_simple(3, count, nullptr));
     return H5Sselect_hyperslab(in_file.get(), H5S_SELECT_SET, start + skip, nullptr, count + skip, nullptr) >=
                0 &&
            H5Dread(data_.get(), memory_type(type_), in_memory.get(), in_file.get(), H5P_DEFAULT, buffer) >= 0;
@@ -322,7 +283,7 @@ tessera_shape tessera_reader::piece() const {
     constexpr long long enough = 1 << 20; // elements
     const long long all[3] = {shape_.nx, shape_.ny, shape_.nt};
     hsize_t chunk[3] = {1, 1, 1};
-    const auto made = own<H5Pclose>(H5Dget_create_plist(data_.get()));
+    const auto made = hdf5_own<H5Pclose>(H5Dget_create_plist(data_.get()));
     if (H5Pget_layout(made.get()) == H5D_CHUNKED)
         H5Pget_chunk(made.get(), rank_, chunk + (3 - rank_));
     long long box[3];

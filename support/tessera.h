@@ -82,7 +82,8 @@ class tessera_writer {
 class tessera_reader {
   public:
     // The cause of a failure is left in `error`, in words.
-    bool open(const std::string &name, std::string &error);
+    // `dataset`: which to read; empty for the one that is found.
+    bool open(const std::string &name, const std::string &dataset, std::string &error);
     tessera_shape shape() const { return shape_; }
     element_type type() const { return type_; } // the type that read() hands out
     const std::string &dataset() const { return dataset_; }
@@ -93,6 +94,7 @@ class tessera_reader {
 
   private:
     tessera_shape piece() const;
+    bool open_dataset(const std::string &dataset, std::string &error);
     bool take_dataset(std::string &error);
 
     tessera_id file_;

@@ -234,6 +234,12 @@ off_t datamod_mod_size(const void *head) {
     return record == nullptr ? -1 : record->size;
 }
 
+int datamod_descriptor(const void *head) {
+    const std::lock_guard lock(img_mod_mutex);
+    const datamod_record *record = head == nullptr ? nullptr : find(head);
+    return record == nullptr ? -1 : record->fd;
+}
+
 int datamod_links(const void *head) {
     const std::lock_guard lock(img_mod_mutex);
     const datamod_record *record = head == nullptr ? nullptr : find(head);

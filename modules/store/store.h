@@ -42,6 +42,9 @@ int _os_unlink(void *head);
 // Capacity in bytes of a mapped module, or -1.
 off_t datamod_mod_size(const void *head);
 
+// The descriptor of a mapped module's object, which the list keeps; -1 for what is not mapped.
+int datamod_descriptor(const void *head);
+
 // How often a module is linked; 0 for what is not mapped.
 int datamod_links(const void *head);
 

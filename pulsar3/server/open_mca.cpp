@@ -74,8 +74,11 @@ int stop_mca(int number) {
     return source ? pulsar3_source_status(plr3_histogram_stop(source->path, -1)) : -1;
 }
 
-constexpr unified_source mca_source = {
-    .read = read_mca, .clear = clear_mca, .enable = start_mca, .disable = stop_mca};
+constexpr unified_source mca_source = {.read = read_mca,
+                                       .clear = clear_mca,
+                                       .enable = start_mca,
+                                       .disable = stop_mca,
+                                       .run = &pulsar3_histogram_run};
 
 constexpr pt_format open_mca_format("%d diag dtc calib = %d");
 using open_mca_quals = pt_qualifiers<open_mca_format>;

@@ -43,8 +43,11 @@ int stop_scalers(int number) {
     return source ? pulsar3_source_status(plr3_histogram_stop(source->path, -1)) : -1;
 }
 
-constexpr unified_source scaler_source = {
-    .read = read_scalers, .clear = clear_scalers, .enable = start_scalers, .disable = stop_scalers};
+constexpr unified_source scaler_source = {.read = read_scalers,
+                                          .clear = clear_scalers,
+                                          .enable = start_scalers,
+                                          .disable = stop_scalers,
+                                          .run = &pulsar3_scaler_run};
 
 constexpr pt_format open_scalers_format("%d dtc direct = %d");
 

@@ -23,6 +23,10 @@ const pulsar3_source *pulsar3_source_of(int number);
 // The library's status as a callback's result; a failure is explained with the library's text.
 int pulsar3_source_status(int status);
 
+// What the handle's data come from, for whoever writes a run down: of histograms, of scalers.
+struct run_source;
+extern const run_source pulsar3_histogram_run, pulsar3_scaler_run;
+
 // Whether a handle over this path, or over a card of it, is open.
 bool plr3_path_has_handles(int path);
 

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         return 0;
     kestrel::tessera_reader reader;
     std::string error;
-    if (!reader.open(name, error))
+    if (!reader.open(name, "", error))
         return 0;
     const auto [nx, ny, nt] = reader.shape();
     double corner[8];

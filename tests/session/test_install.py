@@ -35,7 +35,7 @@ def options():
 
 def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
-    assert files == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
+    assert files == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-nexus", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
                      "share/bash-completion/completions/kestrel", "share/bash-completion/completions/kestrelctl",
                      *(f"share/kestrel/display/{name}" for name in PAGE), "share/man/man1/kestrel-display.1", "share/man/man1/kestrel.1",
                      "share/man/man1/kestrelctl.1"]

@@ -30,7 +30,7 @@ TEST(tessera, what_is_written_in_uneven_pieces_reads_back_by_the_box) {
 
     tessera_reader reader;
     std::string error;
-    ASSERT_TRUE(reader.open(name, error)) << error;
+    ASSERT_TRUE(reader.open(name, "", error)) << error;
     EXPECT_EQ(reader.shape().nx, 5);
     EXPECT_EQ(reader.shape().ny, 4);
     EXPECT_EQ(reader.shape().nt, 3);

@@ -2,6 +2,7 @@
 
 #include "modules/store/view.h"
 #include "server/output.h"
+#include "unified/handles/run.h"
 
 #include <algorithm>
 #include <array>
@@ -406,6 +407,26 @@ int unified_read_gel(int handle, void *buffer, const unified_box &b) {
 int unified_source_file(int handle) {
     const _unif_open_tbl *entry = entry_of(handle);
     return entry != nullptr && entry->source.file != nullptr ? entry->source.file(entry->path) : -1;
+}
+
+std::optional<run_handle> unified_run_of(int cn, int handle) {
+    const _unif_open_tbl *entry = entry_or_complain(cn, handle);
+    if (entry == nullptr)
+        return std::nullopt;
+    if (entry->source.run == nullptr) {
+        sv_printf(cn, "! ERROR: handle %d is not of a path of the pulse processor\n", handle);
+        return std::nullopt;
+    }
+    return run_handle{entry->source.run, entry->path};
+}
+
+bool unified_is_run(int handle, const run_handle &run) {
+    const _unif_open_tbl *entry = entry_of(handle);
+    return entry != nullptr && entry->source.run == run.source && entry->path == run.path;
+}
+
+int unified_run_failed(int cn) {
+    return failed(cn, "");
 }
 
 int app_unified_clear(int cn, int handle, int x, int y, int t, int dx, int dy, int dt) {

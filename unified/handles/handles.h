@@ -53,6 +53,8 @@ struct unified_source {
     int (*place)(int path, unified_place *place) = nullptr;
     // The descriptor of the file whose contents the elements are, which must not be written meanwhile.
     int (*file)(int path) = nullptr;
+    // The run of counting that the elements come from (unified/handles/run.h).
+    const struct run_source *run = nullptr;
 };
 
 // Run on every row of doubles before (after = 0) and after (1) the correction.
