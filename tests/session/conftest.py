@@ -30,8 +30,14 @@ def start(tmp_path):
         return running[-1]
 
     yield begin
-    for process in running:
-        process.close()
+    complaints = []
+    for process in running:  # all of them: a complaint about one leaves no other running
+        try:
+            process.close()
+        except Exception as complaint:  # whatever it is
+            complaints.append(complaint)
+    if complaints:
+        raise complaints[0]
 
 
 @pytest.fixture
