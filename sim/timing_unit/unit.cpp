@@ -27,7 +27,7 @@ struct {
     int starts = 0;
 
     unit_view view;
-    bool triggered = false, resumed = false; // asked for, to be seen by the thread
+    bool resumed = false; // asked for, to be seen by the thread
     bool stopping = false, pausing = false, last_lap = false;
     clock_type::time_point part_began{};
 } unit;
@@ -84,9 +84,7 @@ bool run_frame(guard_type &guard, const unit_frame &frame, clock_type::time_poin
 }
 
 void run_table(guard_type &guard) {
-    clock_type::time_point due = clock_type::now();
-    unit.view.done = 0.0;
-    unit.view.halves = 0;
+    clock_type::time_point due = unit.part_began;
     for (int lap = 0; lap < unit.table.laps; ++lap) {
         unit.view.lap = lap;
         for (std::size_t i = 0; i < unit.table.frames.size(); ++i) {
@@ -104,30 +102,37 @@ void run_thread() {
     while (!unit.ending) {
         unit.changed.wait(guard, [] {
             return unit.ending || unit.view.state == unit_state::running ||
-                   (unit.view.state == unit_state::armed && (unit.triggered || unit.stopping));
+                   (unit.view.state == unit_state::armed && unit.stopping);
         });
-        if (!over()) {
-            unit.view.state = unit_state::running;
-            unit.triggered = false;
+        if (!over())
             run_table(guard);
-        }
         const bool again = unit.table.auto_rearm && !over() && !unit.last_lap;
         unit.view.state = again ? unit_state::armed : unit_state::idle;
-        unit.view.live = unit.triggered = unit.stopping = unit.pausing = unit.last_lap = false;
+        unit.view.live = unit.stopping = unit.pausing = unit.last_lap = false;
         unit.changed.notify_all();
     }
+}
+
+// From now on who asks sees a run; its time counts from here, whenever the thread wakes.
+void run() {
+    unit.view.state = unit_state::running;
+    unit.view.done = 0.0;
+    unit.view.halves = 0;
+    unit.part_began = clock_type::now();
+    unit.changed.notify_all();
 }
 
 bool begin(unit_state state) {
     if (unit.view.state != unit_state::idle || unit.table.frames.empty())
         return false;
-    unit.view.state = state;
     unit.view.lap = unit.view.frame = 0;
     unit.view.total = 0.0;
     for (const unit_frame &frame : unit.table.frames)
         unit.view.total += seconds_of(frame) * unit.table.laps;
     ++unit.starts;
-    unit.changed.notify_all();
+    unit.view.state = state;
+    if (state == unit_state::running)
+        run();
     return true;
 }
 
@@ -203,8 +208,7 @@ bool unit_trigger() {
     const guard_type guard(unit.lock);
     if (unit.view.state != unit_state::armed)
         return false;
-    unit.triggered = true;
-    unit.changed.notify_all();
+    run();
     return true;
 }
 
