@@ -1,5 +1,6 @@
 #include "maths/peak_fit/errors.h"
 
+#include "maths/peak_fit/loops.h"
 #include "maths/peak_fit/residuals.h"
 
 #include <Eigen/Dense>
@@ -52,9 +53,7 @@ Eigen::MatrixXd inverse(const Eigen::MatrixXd &matrix) {
 
 // A channel's variance is its expected count, taken as the mean of data and model: data alone would give an
 // empty channel no variance.
-Eigen::VectorXd variances(peak_residuals &residuals, const std::vector<double> &x) {
-    std::vector<double> residual(residuals.count());
-    residuals.evaluate(x.data(), residual.data());
+Eigen::VectorXd variances(const peak_residuals &residuals, std::span<const double> residual) {
     Eigen::VectorXd variance(static_cast<Eigen::Index>(residuals.data.size()));
     for (std::size_t i = 0; i < residuals.data.size(); ++i)
         variance(static_cast<Eigen::Index>(i)) = std::max(residuals.data[i] - 0.5 * residual[i], 0.0);
@@ -65,7 +64,9 @@ Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> 
     Eigen::VectorXd scale;
     const Eigen::MatrixXd j = jacobian(residuals, x, scale);
     const Eigen::MatrixXd normal = inverse(j.transpose() * j);
-    const Eigen::MatrixXd weighted = j.transpose() * variances(residuals, x).asDiagonal() * j;
+    std::vector<double> residual(residuals.count());
+    residuals.evaluate(x.data(), residual.data());
+    const Eigen::MatrixXd weighted = j.transpose() * variances(residuals, residual).asDiagonal() * j;
     Eigen::MatrixXd result = normal * weighted * normal;
     for (Eigen::Index c = 0; c < scale.size(); ++c) {
         const double by = scale(c) > 0.0 ? 1.0 / scale(c) : 0.0;
@@ -96,7 +97,49 @@ double deviation(const peak_vector &vector, std::vector<double> x, const Eigen::
     return square > 0.0 && std::isfinite(square) ? std::sqrt(square) : 0.0;
 }
 
+// The Lorentzians that have their part of the Gaussians' heights, of half widths sigma times `ratio`.
+Eigen::VectorXd tails_of(const peak_residuals &residuals, std::span<const peak_fit_peak_t> peaks,
+                         double ratio) {
+    const auto channels = static_cast<Eigen::Index>(residuals.data.size());
+    Eigen::VectorXd shape(channels), result = Eigen::VectorXd::Zero(channels);
+    for (const peak_fit_peak_t &p : peaks) {
+        const double centre = p.posn - residuals.x1, width = ratio * p.sigma;
+        peak_fit_best_loops().lorentz(shape.data(), centre, 1.0 / (width * width), residuals.data.size());
+        result += p.height * shape;
+    }
+    return result;
+}
+
 } // namespace
+
+peak_fit_tails peak_fit_find_tails(peak_residuals &residuals, const std::vector<double> &x) {
+    std::array<peak_fit_peak_t, peak_fit_max_peaks> peaks{};
+    residuals.vector->unpack(x.data(), peaks);
+    const auto used = std::span<const peak_fit_peak_t>(peaks).first(residuals.vector->num_peaks);
+    residuals.prepare();
+    std::vector<double> left(residuals.count());
+    residuals.evaluate(x.data(), left.data());
+    const auto channels = static_cast<Eigen::Index>(residuals.data.size());
+    const Eigen::Map<const Eigen::VectorXd> residual(left.data(), channels),
+        data(residuals.data.data(), channels);
+    const Eigen::VectorXd variance = variances(residuals, left);
+    Eigen::VectorXd scale;
+    const Eigen::MatrixXd j = jacobian(residuals, x, scale);
+    const Eigen::MatrixXd normal = inverse(j.transpose() * j);
+    peak_fit_tails found;
+    for (const double ratio : {peak_fit_usual_tail, 3.0, 8.0, 20.0}) {
+        // How the model changes when a small part of every Gaussian's height goes into its tails.
+        Eigen::VectorXd d = tails_of(residuals, used, ratio) - (data - residual);
+        d -= j * (normal * (j.transpose() * d)).eval();
+        const double spread = std::sqrt(d.cwiseAbs2().dot(variance)), shown = d.dot(residual);
+        if (!(spread > 0.0 && shown > 0.0))
+            continue;
+        found.score = std::max(found.score, shown / spread);
+        if (ratio == peak_fit_usual_tail)
+            found.part = shown / d.squaredNorm();
+    }
+    return found;
+}
 
 void peak_fit_error_bars(peak_residuals &residuals, const std::vector<double> &x,
                          std::span<peak_fit_sigmas> errors) {

@@ -12,7 +12,10 @@ struct peak_fit_loops {
     double (*dot)(const double *a, const double *b, std::size_t count);
     // to[i] -= by * from[i]
     void (*subtract)(double *to, const double *from, double by, std::size_t count);
-    // at[i] = exp(-(i - centre)^2 * by), good to a few units of the last place where the exponent is above -700
+    // to[i] = (to[i] - from[i]) * by
+    void (*difference)(double *to, const double *from, double by, std::size_t count);
+    void (*divide)(double *x, double by, std::size_t count);
+    // at[i] = exp(-(i - centre)^2 * by), good to 1e-13 of it where that is above 1e-18
     void (*gauss)(double *at, double centre, double by, std::size_t first, std::size_t last);
     // at[i] = 1 / ((i - centre)^2 * by + 1)
     void (*lorentz)(double *at, double centre, double by, std::size_t count);

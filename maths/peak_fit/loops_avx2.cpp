@@ -3,6 +3,6 @@
 
 namespace kestrel {
 
-constinit const peak_fit_loops peak_fit_loops_avx2{dot, subtract, gauss, lorentz};
+constinit const peak_fit_loops peak_fit_loops_avx2{dot, subtract, difference, divide, gauss, lorentz};
 
 } // namespace kestrel

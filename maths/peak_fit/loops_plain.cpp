@@ -3,6 +3,6 @@
 
 namespace kestrel {
 
-constinit const peak_fit_loops peak_fit_loops_plain{dot, subtract, gauss, lorentz};
+constinit const peak_fit_loops peak_fit_loops_plain{dot, subtract, difference, divide, gauss, lorentz};
 
 } // namespace kestrel

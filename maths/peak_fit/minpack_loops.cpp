@@ -1,6 +1,7 @@
-// maths/peak_fit: two of MINPACK's inner routines, in vector form. MINPACK's own callers find these before the
+// maths/peak_fit: three of MINPACK's inner routines, in vector form. MINPACK's own callers find these before the
 // library's, because a program's symbols come first. The algorithms are the library's (J. J. More, B. S. Garbow & K. E.
-// Hillstrom, User Guide for MINPACK-1, ANL-80-74): only the order in which sums are added differs.
+// Hillstrom, User Guide for MINPACK-1, ANL-80-74): only the order in which sums are added differs, and that a
+// derivative is a product with the step's inverse.
 #include "maths/peak_fit/loops.h"
 
 #include <algorithm>
@@ -71,6 +72,23 @@ extern "C" {
     return norm(x, static_cast<std::size_t>(*n));
 }
 
+// The Jacobian by forward differences: x is stepped by the root of what the function is good to.
+[[gnu::visibility("default")]] void fdjac2_(void (*function)(int *, int *, double *, double *, int *), int *m,
+                                            int *n, double *x, double *fvec, double *fjac, int *ldfjac,
+                                            int *iflag, double *epsfcn, double *) {
+    const double part = std::sqrt(std::max(*epsfcn, std::numeric_limits<double>::epsilon()));
+    for (int j = 0; j < *n; ++j) {
+        double *const column = fjac + static_cast<std::ptrdiff_t>(j) * *ldfjac;
+        const double old = x[j], step = old == 0.0 ? part : part * std::fabs(old);
+        x[j] = old + step;
+        function(m, n, x, column, iflag);
+        x[j] = old;
+        if (*iflag < 0)
+            return;
+        peak_fit_best_loops().difference(column, fvec, 1.0 / step, static_cast<std::size_t>(*m));
+    }
+}
+
 [[gnu::visibility("default")]] void qrfac_(int *m, int *n, double *a, int *lda, int *pivot, int *ipvt, int *,
                                            double *rdiag, double *acnorm, double *wa) {
     const std::size_t rows = static_cast<std::size_t>(*m), count = static_cast<std::size_t>(*n);
@@ -88,8 +106,7 @@ extern "C" {
         double length = norm(column, rows - j);
         if (length != 0.0) {
             length = column[0] < 0.0 ? -length : length;
-            for (std::size_t i = 0; i < rows - j; ++i)
-                column[i] /= length;
+            peak_fit_best_loops().divide(column, length, rows - j);
             column[0] += 1.0;
             for (std::size_t k = j + 1; k < count; ++k)
                 reflect(c, j, k, *pivot != 0);

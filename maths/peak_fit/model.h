@@ -18,6 +18,8 @@ struct peak_fit_peak_t {
     double lor_frac = 0.0;  // its fraction of the height, 0..1
 };
 
+inline constexpr double peak_fit_usual_tail = 1.5; // half width of a Lorentzian by sigma, to start with
+
 inline constexpr int peak_fit_tied_height = 1; // never on the first peak
 
 // Where a peak is looked for.

@@ -43,6 +43,17 @@ void peak_fit_residuals(int *m, int *, double *x, double *fvec, int *iflag) noex
         fit.last_residual = enorm_(m, fvec);
 }
 
+// A parameter of a range is varied as the angle whose square of the sine it is, between the range's ends: the solver
+// cannot leave the range, and meets no wall in which its steps get lost (F. James & M. Roos, Comput. Phys. Commun. 10
+// (1975) 343).
+double angle_of(double value, double low, double high) {
+    return std::asin(std::sqrt(std::clamp((value - low) / (high - low), 0.0, 1.0)));
+}
+double value_of(double angle, double low, double high) {
+    const double sine = std::sin(angle);
+    return low + (high - low) * sine * sine;
+}
+
 double beyond(double value, double low, double high) {
     return value < low ? low - value : value > high ? value - high : 0.0;
 }
@@ -146,11 +157,12 @@ std::vector<double> peak_vector::pack(std::span<const peak_fit_peak_t> peaks) co
     std::vector<double> x;
     for (const peak_parameter &p : parameters) {
         const peak_fit_peak_t &peak = peaks[p.peak];
-        x.push_back(p.what == kind::posn       ? peak.posn
-                    : p.what == kind::height   ? peak.height
-                    : p.what == kind::sigma    ? peak.sigma
-                    : p.what == kind::lor_frac ? peak.lor_frac
-                                               : peak.lor_width / peak.sigma);
+        x.push_back(p.what == kind::posn     ? peak.posn
+                    : p.what == kind::height ? peak.height
+                    : p.what == kind::sigma  ? peak.sigma
+                    : p.what == kind::lor_frac
+                        ? angle_of(peak.lor_frac, 0.0, 1.0)
+                        : angle_of(peak.lor_width / peak.sigma, ratio_least, ratio_most));
     }
     return x;
 }
@@ -167,9 +179,9 @@ void peak_vector::unpack(const double *x, std::span<peak_fit_peak_t> peaks) cons
         else if (p.what == kind::sigma)
             peaks[p.peak].sigma = value;
         else if (p.what == kind::lor_frac)
-            frac = value;
+            frac = value_of(value, 0.0, 1.0);
         else
-            ratio = value;
+            ratio = value_of(value, ratio_least, ratio_most);
     }
     for (std::size_t i = 0; i < num_peaks; ++i) {
         if (tie[i] != 0.0)
@@ -197,8 +209,10 @@ double peak_vector::outside(const double *x, std::size_t index) const {
         const double other = x[posn_at_[static_cast<std::size_t>(below[i])]];
         return far + beyond(value - other - gap[i], -gap_reach[i], gap_reach[i]) / gap_reach[i];
     }
-    case kind::height:
-        return 0.0; // evaluate() drives a negative height back itself
+    case kind::height: // evaluate() drives a negative height back itself
+    case kind::lor_frac:
+    case kind::lor_ratio:
+        return 0.0;
     case kind::sigma: {
         if (p.peak == main)
             return beyond(value, sigma_least, sigma_most) / sigma_least;
@@ -206,10 +220,6 @@ double peak_vector::outside(const double *x, std::size_t index) const {
         const double other = std::max(x[sigma_at_[main]], sigma_least);
         return beyond(value, 0.5 * other, 2.0 * other) / other;
     }
-    case kind::lor_frac:
-        return beyond(value, 0.0, 1.0);
-    case kind::lor_ratio:
-        return beyond(value, ratio_least, ratio_most);
     }
     return 0.0;
 }

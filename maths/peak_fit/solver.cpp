@@ -17,16 +17,18 @@ namespace {
 
 // A pass is a start pattern: how wide the peaks begin, by the width that was found, with which Lorentzian
 // fraction, and which line the main peak is taken for (another one than the first only where the heights of
-// the lines are not known).
+// the lines are not known). `onward` begins where the best pass yet ended, with the tails that it left over.
 struct pass_variant {
     double width;
     double lor_frac;
     int main;
+    bool onward = false;
 };
 constexpr pass_variant passes[] = {
-    {1.0, 0.0, 0},  {0.6, 0.0, 0}, {1.7, 0.0, 0}, {1.0, 0.1, 0}, {0.6, 0.1, 0}, {1.7, 0.1, 0}, {1.0, 0.4, 0},
-    {1.0, 0.0, 1},  {1.0, 0.0, 2}, // 0..8
-    {0.35, 0.0, 0}, {3.0, 0.0, 0}, {1.0, 0.0, 3}, {1.0, 0.0, 4}, {1.0, 0.0, 5}, {1.0, 0.0, 6}, {1.0, 0.0, 7},
+    {1.0, 0.0, 0},  {0.6, 0.0, 0}, {1.7, 0.0, 0}, {1.0, 0.1, 0, true}, {0.6, 0.1, 0},
+    {1.7, 0.1, 0},  {1.0, 0.4, 0}, {1.0, 0.0, 1}, {1.0, 0.0, 2}, // 0..8
+    {0.35, 0.0, 0}, {3.0, 0.0, 0}, {1.0, 0.0, 3}, {1.0, 0.0, 4},       {1.0, 0.0, 5},
+    {1.0, 0.0, 6},  {1.0, 0.0, 7},
 };
 constexpr int coarse_passes = 9; // the first ones need no more than a rough fit
 constexpr double coarse = 1e-4, fine = 1e-5, final_tolerance = 1e-6;
@@ -37,6 +39,7 @@ constexpr double weak = 0.01;                         // of the main height, the
 constexpr int most_channels = 1 << 20;                // in one fit
 constexpr double enough_for_tails = 3000.0;           // counts of the main peak; fewer do not show its tails
 constexpr double area_of_unit_peak = 1.06447;         // of a Gaussian of FWHM 1 and height 1
+constexpr double clear_tails = 1.5;                   // standard deviations; less is looked for in vain
 constexpr int out_of_calls = 5;                       // MINPACK: no convergence
 
 struct channel_range {
@@ -110,6 +113,13 @@ bool all_finite(std::span<const peak_fit_peak_t> peaks) {
     });
 }
 
+// Each is five times as high as the noise of one channel there.
+bool all_stand_out(std::span<const peak_fit_peak_t> peaks) {
+    return std::all_of(peaks.begin(), peaks.end(), [&](const peak_fit_peak_t &p) {
+        return p.height > 5.0 * std::sqrt(std::max(peak_fit_calc_point(peaks, p.posn), 1.0));
+    });
+}
+
 // Over the channels where the model counts at least one.
 double chi_squared(std::span<const double> residual, std::span<const double> data, std::size_t parameters) {
     double sum = 0.0;
@@ -141,6 +151,9 @@ struct peak_fit_solver::state {
         peak_vector vector;
         std::vector<double> x;
         double residual = std::numeric_limits<double>::infinity();
+        bool at_noise = false;    // it leaves nothing but the spectrum's own noise
+        bool names_lines = false; // at noise, and every line stands out: no other can be the main peak
+        peak_fit_tails tails;     // what is left over of them, where they are asked for
     };
 
     peak_residuals residuals;
@@ -156,9 +169,12 @@ struct peak_fit_solver::state {
 
     peak_list seed(const pass_variant &variant, const peak_fit_start_t &start) const;
     peak_vector vary(const pass_variant &variant, const peak_fit_start_t &start, peak_list &seeds) const;
+    static bool is_inside(const outcome &tried);
     bool is_at_noise(std::size_t parameters) const;
     bool shows_tails() const { return area_of_unit_peak * found.height * found.fwhm >= enough_for_tails; }
-    bool applies(int pass) const;
+    bool applies(int pass, const outcome &best) const;
+    void find_tails(outcome &tried);
+    void begin_onward(outcome &tried, const outcome &best) const;
     bool try_pass(int pass, peak_fit_solver &solver, outcome &best);
     int solve(const outcome &from, double tolerance, std::vector<double> &x);
     void keep_trial(peak_fit_solver &solver, int pass, peak_list seeds, peak_list fitted) const;
@@ -177,7 +193,7 @@ peak_fit_solver::state::peak_list peak_fit_solver::state::seed(const pass_varian
         p.height = std::max(p.height, weak * found.height);
         p.sigma = found.fwhm * variant.width * sigma_of_fwhm;
         p.lor_frac = start.lor_frac;
-        p.lor_width = start.lor_frac == 0.0 ? 0.0 : 1.5 * p.sigma;
+        p.lor_width = start.lor_frac == 0.0 ? 0.0 : peak_fit_usual_tail * p.sigma;
     }
     return seeds;
 }
@@ -202,20 +218,55 @@ peak_vector peak_fit_solver::state::vary(const pass_variant &variant, const peak
     return vector;
 }
 
-// Within twice the usual spread of chi-squared.
-bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
-    const double chi2 =
-        chi_squared(std::span(residual).first(residuals.data.size()), residuals.data, parameters);
-    return chi2 > 0.0 && chi2 <= 1.0 + 2.0 * std::sqrt(2.0 / static_cast<double>(residuals.data.size()));
+// No parameter is at the end of its range, where the solver may have been held up.
+bool peak_fit_solver::state::is_inside(const outcome &tried) {
+    for (std::size_t i = 0; i < tried.x.size(); ++i)
+        if (tried.vector.outside(tried.x.data(), i) > 0.0)
+            return false;
+    return true;
 }
 
-bool peak_fit_solver::state::applies(int pass) const {
+// Chi-squared within its usual spread, of which a Poisson channel of mean m has the variance 2 + 1/m.
+bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
+    constexpr double usual = 2.5; // standard deviations
+    double excess = static_cast<double>(parameters), variance = 0.0;
+    for (std::size_t i = 0; i < residuals.data.size(); ++i) {
+        const double model = residuals.data[i] - residual[i];
+        if (model < 1.0)
+            continue;
+        excess += residual[i] * residual[i] / model - 1.0;
+        variance += 2.0 + 1.0 / model;
+    }
+    return variance > 0.0 && excess <= usual * std::sqrt(variance);
+}
+
+void peak_fit_solver::state::find_tails(outcome &tried) {
+    const bool asked = !(request->constraints & peak_fit_no_lor) && !tried.vector.lorentzian;
+    if (asked && shows_tails())
+        tried.tails = peak_fit_find_tails(residuals, tried.x);
+}
+
+void peak_fit_solver::state::begin_onward(outcome &tried, const outcome &best) const {
+    constexpr double least = 0.02, most = 0.5;
+    if (best.pass < 0 || best.vector.main != tried.vector.main || best.vector.lorentzian)
+        return;
+    tried.peaks = best.peaks;
+    for (peak_fit_peak_t &p : used(tried.peaks)) {
+        p.lor_frac = std::clamp(best.tails.part, least, most);
+        p.lor_width = peak_fit_usual_tail * p.sigma;
+    }
+}
+
+bool peak_fit_solver::state::applies(int pass, const outcome &best) const {
     const pass_variant &variant = passes[pass];
     if (request->single_pass >= 0)
         return pass == request->single_pass && variant.main < request->lines.num_peaks;
-    if (variant.lor_frac > 0.0 && (request->constraints & peak_fit_no_lor || !shows_tails()))
+    if (variant.lor_frac > 0.0 && (request->constraints & peak_fit_no_lor || !shows_tails() ||
+                                   (best.at_noise && best.tails.score < clear_tails)))
         return false;
-    return variant.main == 0 || (variant.main < request->lines.num_peaks && request->lines.height[0] == 0.0);
+    if (variant.main == 0)
+        return true;
+    return variant.main < request->lines.num_peaks && request->lines.height[0] == 0.0 && !best.names_lines;
 }
 
 int peak_fit_solver::state::solve(const outcome &from, double tolerance, std::vector<double> &x) {
@@ -240,12 +291,14 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     const bool lorentzian = !(request->constraints & peak_fit_no_lor);
     peak_fit_start_t start =
         peak_fit_pattern(request->lines, variant.main, lorentzian ? variant.lor_frac : 0.0);
-    if (request->lines.height[0] == 0.0)
-        start.fit_flags = -1; // seeds from the spectrum alone are rough
+    if (request->lines.height[0] == 0.0 || variant.onward)
+        start.fit_flags = -1; // seeds from the spectrum alone are rough; small tails need the finer steps
     outcome tried;
     tried.pass = pass;
     tried.peaks = seed(variant, start);
     tried.vector = vary(variant, start, tried.peaks);
+    if (variant.onward)
+        begin_onward(tried, best);
     const peak_list seeds = tried.peaks;
     tried.x = tried.vector.pack(seeds);
     const double tolerance = pass < coarse_passes && start.fit_flags >= 0 ? coarse : fine;
@@ -264,9 +317,13 @@ bool peak_fit_solver::state::try_pass(int pass, peak_fit_solver &solver, outcome
     keep_trial(solver, pass, seeds, tried.peaks);
     if (info <= 0 || !all_finite(used(tried.peaks)))
         return true;
-    residuals.rivals.add(tried.vector.main, tried.x, tried.residual, shows_tails() && is_at_noise(x.size()));
-    if (tried.residual < best.residual)
+    tried.at_noise = shows_tails() && is_inside(tried) && is_at_noise(x.size());
+    residuals.rivals.add(tried.vector.main, tried.x, tried.residual, tried.at_noise);
+    if (tried.residual < best.residual) {
+        tried.names_lines = tried.at_noise && all_stand_out(used(tried.peaks));
+        find_tails(tried);
         best = std::move(tried);
+    }
     return true;
 }
 
@@ -372,7 +429,7 @@ peak_fit_fitted peak_fit_solver::peak_fit_run_solver(const peak_fit_request &req
     s.residuals.rivals.forget();
     state::outcome best;
     for (int pass = 0; pass < peak_fit_passes(); ++pass) {
-        if (s.applies(pass) && !s.try_pass(pass, *this, best)) {
+        if (s.applies(pass, best) && !s.try_pass(pass, *this, best)) {
             result.status = peak_fit_status::stopped;
             return result;
         }

@@ -44,12 +44,12 @@ TEST(FitLoops, GiveTheSameBitsInEveryVersion) {
     for (const std::size_t n : {1UL, 7UL, 8UL, 9UL, 490UL, 491UL}) {
         const std::vector<double> a = noise(n, 1), b = noise(n, 2);
         std::vector<double> gauss(n), lorentz(n), rest = a;
-        peak_fit_loops_plain.gauss(gauss.data(), 100.3, 0.01, 0, n);
+        peak_fit_loops_plain.gauss(gauss.data(), 100.3, 1e-4, 0, n);
         peak_fit_loops_plain.lorentz(lorentz.data(), 100.3, 0.01, n);
         peak_fit_loops_plain.subtract(rest.data(), b.data(), 1.7, n);
         for (const peak_fit_loops *loops : versions()) {
             std::vector<double> g(n), l(n), r = a;
-            loops->gauss(g.data(), 100.3, 0.01, 0, n);
+            loops->gauss(g.data(), 100.3, 1e-4, 0, n);
             loops->lorentz(l.data(), 100.3, 0.01, n);
             loops->subtract(r.data(), b.data(), 1.7, n);
             EXPECT_EQ(loops->dot(a.data(), b.data(), n), peak_fit_loops_plain.dot(a.data(), b.data(), n));
@@ -58,17 +58,19 @@ TEST(FitLoops, GiveTheSameBitsInEveryVersion) {
     }
 }
 
-TEST(FitLoops, AGaussianIsExactToAFewUnitsOfTheLastPlace) {
-    constexpr double epsilon = std::numeric_limits<double>::epsilon();
-    for (const double by : {1e-4, 0.0123, 0.5, 5.0}) {
-        std::vector<double> at(600);
-        peak_fit_loops_plain.gauss(at.data(), 300.5, by, 290, 311);
-        for (std::size_t i = 290; i < 311; ++i) {
-            const double d = static_cast<double>(i) - 300.5, exact = std::exp(-(d * d) * by);
-            EXPECT_NEAR(at[i], exact, 4 * epsilon * exact) << by << " " << i;
+TEST(FitLoops, AGaussianIsExactAsFarAsItReaches) {
+    for (const double sigma : {0.3, 0.9, 1.0, 1.1, 5.0, 9.0, 33.0, 1500.0}) {
+        const auto reach = static_cast<std::size_t>(9 * sigma);
+        const std::size_t first = 300, count = 2 * reach + 1;
+        const double centre = static_cast<double>(first + reach) + 0.3;
+        std::vector<double> at(first + count + 1);
+        peak_fit_loops_plain.gauss(at.data(), centre, 0.5 / (sigma * sigma), first, first + count);
+        for (std::size_t i = first; i < first + count; ++i) {
+            const double d = (static_cast<double>(i) - centre) / sigma, exact = std::exp(-0.5 * d * d);
+            EXPECT_NEAR(at[i], exact, 1e-13 * exact) << sigma << " " << i;
         }
-        EXPECT_EQ(at[289], 0.0);
-        EXPECT_EQ(at[311], 0.0);
+        EXPECT_EQ(at[first - 1], 0.0);
+        EXPECT_EQ(at[first + count], 0.0);
     }
 }
 
