@@ -63,10 +63,11 @@ Eigen::VectorXd variances(const peak_residuals &residuals, std::span<const doubl
 Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> &x) {
     Eigen::VectorXd scale;
     const Eigen::MatrixXd j = jacobian(residuals, x, scale);
-    const Eigen::MatrixXd normal = inverse(j.transpose() * j);
+    const Eigen::MatrixXd normal = inverse(j.transpose().lazyProduct(j));
     std::vector<double> residual(residuals.count());
     residuals.evaluate(x.data(), residual.data());
-    const Eigen::MatrixXd weighted = j.transpose() * variances(residuals, residual).asDiagonal() * j;
+    const Eigen::MatrixXd by_variance = variances(residuals, residual).asDiagonal() * j;
+    const Eigen::MatrixXd weighted = j.transpose().lazyProduct(by_variance);
     Eigen::MatrixXd result = normal * weighted * normal;
     for (Eigen::Index c = 0; c < scale.size(); ++c) {
         const double by = scale(c) > 0.0 ? 1.0 / scale(c) : 0.0;
@@ -125,12 +126,12 @@ peak_fit_tails peak_fit_find_tails(peak_residuals &residuals, const std::vector<
     const Eigen::VectorXd variance = variances(residuals, left);
     Eigen::VectorXd scale;
     const Eigen::MatrixXd j = jacobian(residuals, x, scale);
-    const Eigen::MatrixXd normal = inverse(j.transpose() * j);
+    const Eigen::MatrixXd normal = inverse(j.transpose().lazyProduct(j));
     peak_fit_tails found;
     for (const double ratio : {peak_fit_usual_tail, 3.0, 8.0, 20.0}) {
         // How the model changes when a small part of every Gaussian's height goes into its tails.
         Eigen::VectorXd d = tails_of(residuals, used, ratio) - (data - residual);
-        d -= j * (normal * (j.transpose() * d)).eval();
+        d -= j * (normal * (j.transpose() * d));
         const double spread = std::sqrt(d.cwiseAbs2().dot(variance)), shown = d.dot(residual);
         if (!(spread > 0.0 && shown > 0.0))
             continue;

@@ -228,7 +228,7 @@ bool peak_fit_solver::state::is_inside(const outcome &tried) {
 
 // Chi-squared within its usual spread, of which a Poisson channel of mean m has the variance 2 + 1/m.
 bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
-    constexpr double usual = 2.5; // standard deviations
+    constexpr double usual = 3.0; // standard deviations
     double excess = static_cast<double>(parameters), variance = 0.0;
     for (std::size_t i = 0; i < residuals.data.size(); ++i) {
         const double model = residuals.data[i] - residual[i];
@@ -264,8 +264,10 @@ bool peak_fit_solver::state::applies(int pass, const outcome &best) const {
     if (variant.lor_frac > 0.0 && (request->constraints & peak_fit_no_lor || !shows_tails() ||
                                    (best.at_noise && best.tails.score < clear_tails)))
         return false;
+    // It would only be left early; who watches the passes sees it so.
+    const bool settled = best.at_noise && !best.vector.lorentzian && best.vector.main == 0;
     if (variant.main == 0)
-        return true;
+        return !(settled && variant.lor_frac == 0.0 && request->debug == 0);
     return variant.main < request->lines.num_peaks && request->lines.height[0] == 0.0 && !best.names_lines;
 }
 

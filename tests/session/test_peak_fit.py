@@ -135,6 +135,16 @@ def test_spectra_with_tails(client, names, make):
     assert fit["lor_frac[0]"].mean() == pytest.approx(0.2, abs=0.01)
     assert fit["lor_wid[0]"].mean() == pytest.approx(12, abs=0.7)
     assert fit["posn[0]"].mean() == pytest.approx(589.5, abs=0.05)
+    # Small ones, too, with the errors that are stated: two in a hundred of the height.
+    height = 1e5 / 15.04
+    small = sum(part * height * (0.98 * np.exp(-((x - p) ** 2) / 72) + 0.02 / (((x - p) / 12.0) ** 2 + 1))
+                for p, part in ((589.5, 1.0), (649.04, 0.134)))
+    name = make(rng.poisson(small, (300, 1024)))
+    result(client, f"peak-fit module '{name}' '{names('w')}' 0 299 fe55")
+    fit = fitted(names("w"))
+    area = height * (0.98 * 6.0 * math.sqrt(2 * math.pi) + 0.02 * 12.0 * math.pi)
+    pulls = (fit["area[0]"][0] - area) / fit["area_err[0]"][0]
+    assert (fit["lor_frac[0]"][0] > 0).mean() > 0.98 and abs(pulls.mean()) < 0.35 and 0.7 < pulls.std() < 1.1
     plain = make(noisy(40, 1e5))
     result(client, f"peak-fit module '{plain}' '{names('p')}' 0 39 fe55")
     assert fitted(names("p"))["lor_frac[0]"].mean() < 0.01
