@@ -16,6 +16,11 @@ const _pt_args *used(const PARSE_TREE &command) {
     return std::atomic_ref(command.args).load(std::memory_order_acquire);
 }
 
+// One thread counts: it needs no locked addition.
+void count(std::atomic<std::uint64_t> &number) {
+    number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 // Calls f(words, command) for each command of the table and those below it.
 template <class Function>
 void for_each_command(const PARSE_TREE *table, const std::string &before, const Function &f) {
@@ -38,15 +43,17 @@ void write_counts(std::string &out, const char *name, std::atomic<std::uint64_t>
 } // namespace
 
 counted_command::counted_command(const PARSE_TREE &command)
-    : command_(command), outer_(running.exchange(&command, std::memory_order_relaxed)) {}
+    : command_(command), outer_(running.load(std::memory_order_relaxed)) {
+    running.store(&command, std::memory_order_relaxed);
+}
 
 counted_command::~counted_command() {
     running.store(outer_, std::memory_order_relaxed);
     if (!command_.args)
         return;
-    command_.args->runs.fetch_add(1, std::memory_order_relaxed);
+    count(command_.args->runs);
     if (failed_)
-        command_.args->failures.fetch_add(1, std::memory_order_relaxed);
+        count(command_.args->failures);
 }
 
 void pt_commands_status(std::string &out) {

@@ -61,6 +61,8 @@ struct program {
 
     // The name of the variable, when the whole expression is one variable; else empty.
     std::string_view single_variable() const;
+    // Whether it always has the same value, and does nothing else.
+    bool is_constant() const;
     // The text, when the whole expression is one string constant; else null.
     const std::string *string_constant() const;
 };

@@ -8,11 +8,14 @@
 //               | [ "%" ] name | number | string
 #include "parser/expression.h"
 
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
 
 namespace kestrel {
 
@@ -24,14 +27,23 @@ struct binary_operator {
     op code;
 };
 
-// Longer texts before their own beginnings.
+// By their first characters; longer texts before their own beginnings.
 constexpr binary_operator binary_operators[] = {
-    {"<<", 8, op::shl},   {">>", 8, op::shr}, {"<=", 7, op::le},      {">=", 7, op::ge},
-    {"==", 6, op::eq},    {"!=", 6, op::ne},  {"&&", 2, op::log_and}, {"||", 1, op::log_or},
-    {"*", 10, op::mult},  {"/", 10, op::div}, {"+", 9, op::add},      {"-", 9, op::sub},
-    {"<", 7, op::lt},     {">", 7, op::gt},   {"&", 5, op::bit_and},  {"^", 4, op::bit_xor},
+    {"!=", 6, op::ne},    {"&&", 2, op::log_and}, {"&", 5, op::bit_and}, {"*", 10, op::mult},
+    {"+", 9, op::add},    {"-", 9, op::sub},      {"/", 10, op::div},    {"<<", 8, op::shl},
+    {"<=", 7, op::le},    {"<", 7, op::lt},       {"==", 6, op::eq},     {">>", 8, op::shr},
+    {">=", 7, op::ge},    {">", 7, op::gt},       {"^", 4, op::bit_xor}, {"||", 1, op::log_or},
     {"|", 3, op::bit_or},
 };
+
+// The first operator that begins with a character, or the end of them.
+constexpr auto first_operator = [] {
+    std::array<unsigned char, 256> first{};
+    first.fill(static_cast<unsigned char>(std::size(binary_operators)));
+    for (std::size_t i = std::size(binary_operators); i-- > 0;)
+        first[static_cast<unsigned char>(binary_operators[i].text[0])] = static_cast<unsigned char>(i);
+    return first;
+}();
 
 struct cast_word {
     std::string_view text;
@@ -72,12 +84,10 @@ struct compiler {
 
     const binary_operator *peek_operator() const {
         const char first = peek();
-        const char second = peek(1);
-        if (first == '\0' || first == ' ')
-            return nullptr;
-        for (const binary_operator &o : binary_operators)
-            if (o.text[0] == first && (o.text.size() == 1 || o.text[1] == second))
-                return &o;
+        const binary_operator *o = binary_operators + first_operator[static_cast<unsigned char>(first)];
+        for (; o != std::end(binary_operators) && o->text[0] == first; ++o)
+            if (o->text.size() == 1 || o->text[1] == peek(1))
+                return o;
         return nullptr;
     }
 
@@ -290,8 +300,9 @@ struct compiler {
     bool decimal_constant() {
         const std::size_t start = at;
         bool real = false;
-        while (is_digit(peek()))
-            ++at;
+        std::uint64_t digits = 0; // stays above all limits once it is
+        for (; is_digit(peek()); ++at)
+            digits = std::min(digits * 10 + static_cast<std::uint64_t>(peek() - '0'), std::uint64_t{1} << 33);
         if (peek() == '.') {
             real = true;
             ++at;
@@ -309,12 +320,10 @@ struct compiler {
         }
         const std::string_view text = line.substr(start, at - start);
         if (!real) {
-            std::uint32_t value = 0;
-            const std::uint32_t most = start > 0 && line[start - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
-            if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc{} ||
-                value > most)
+            const std::uint64_t most = start > 0 && line[start - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
+            if (digits > most)
                 return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
-            emit(op::push_int, static_cast<std::int32_t>(value));
+            emit(op::push_int, static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)));
             return true;
         }
         const double value = std::strtod(std::string(text).c_str(), nullptr); // a tiny one is 0
@@ -331,6 +340,13 @@ std::string_view program::single_variable() const {
     if (code.size() != 1 || code[0].code != op::load)
         return {};
     return strings[static_cast<std::size_t>(code[0].a)];
+}
+
+bool program::is_constant() const {
+    for (const instruction &i : code)
+        if (i.code == op::load || i.code == op::store || i.code == op::call)
+            return false;
+    return true;
 }
 
 const std::string *program::string_constant() const {

@@ -254,23 +254,28 @@ PE_Value bad_cast(int cn, const std::string &word) {
     return {};
 }
 
-PE_Value load(int cn, const std::string &name, bool like_a_cast) {
+void load(int cn, const std::string &name, bool like_a_cast, PE_Value &out) {
     const Variable *v = get_variable(name);
-    if (!v && like_a_cast)
-        return bad_cast(cn, name);
+    if (!v && like_a_cast) {
+        out = bad_cast(cn, name);
+        return;
+    }
     if (!v) {
         sv_print(cn, "! Cannot find variable " + name + "\n");
-        return {};
+        return;
     }
     switch (v->type) {
     case vt_int:
-        return PE_Value::of(v->IntVar);
+        out.type = pe_int;
+        out.IntValue = v->IntVar;
+        return;
     case vt_double:
-        return PE_Value::of(v->DoubleVar);
-    case vt_qualifier:
-        return PE_Value::of(v->StringVar, pe_qualifier);
+        out.type = pe_double;
+        out.DoubleValue = v->DoubleVar;
+        return;
     default:
-        return PE_Value::of(v->StringVar);
+        out.type = v->type == vt_qualifier ? pe_qualifier : pe_string;
+        out.StringValue = v->StringVar;
     }
 }
 
@@ -341,7 +346,7 @@ PE_Value expression_run(int cn, const program &p) {
                 stack.push_back(PE_Value::of(text(i.a)));
                 break;
             case op::load:
-                stack.push_back(load(cn, text(i.a), i.b != 0));
+                load(cn, text(i.a), i.b != 0, stack.emplace_back());
                 break;
             case op::store:
                 if (!store(cn, text(i.a), stack.back()))

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -41,12 +42,25 @@ struct scratch {
     std::vector<pt_value> values;
     std::vector<std::string> strings; // of the values of type 's', in their order
 
+    std::size_t latest = 0;
+
     // The line in scanned form, known already if it ran lately.
     scanned_line &line(std::string_view text) {
+        if (typed[latest].text() == text)
+            return typed[latest];
         const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
-        scanned_line &found = typed[is_long ? 0 : std::hash<std::string_view>{}(text) % typed.size()];
-        found.assign(text);
-        return found;
+        latest = is_long ? 0 : place_of(text);
+        typed[latest].assign(text);
+        return typed[latest];
+    }
+
+  private:
+    // By the length and the last characters, which differ most often.
+    std::size_t place_of(std::string_view text) const {
+        std::uint64_t end = text.size();
+        text.substr(text.size() - std::min(text.size(), sizeof end))
+            .copy(reinterpret_cast<char *>(&end), sizeof end);
+        return (end * 0x9e3779b97f4a7c15 >> 32) % typed.size();
     }
 };
 
@@ -431,7 +445,7 @@ int out_of_memory(int cn) {
 }
 
 // Runs a line on a level of its own: `scanned`, or what `typed` expands to.
-int service(int cn, scanned_line *scanned, const char *typed, const delivery &to, int *status_out) {
+int service(int cn, scanned_line *scanned, std::string_view typed, const delivery &to, int *status_out) {
     if (status_out)
         *status_out = 0;
     try {
@@ -442,9 +456,10 @@ int service(int cn, scanned_line *scanned, const char *typed, const delivery &to
             return finish_error(cn);
         }
         if (!scanned) {
-            if (!preprocess(cn, typed, kept->expanded))
+            const bool is_short = has_short_form(typed);
+            if (is_short && !preprocess(cn, typed, kept->expanded))
                 return finish_error(cn);
-            scanned = &kept->line(kept->expanded);
+            scanned = &kept->line(is_short ? kept->expanded : typed);
         }
         line_state state(cn, *scanned, *kept);
         return run_line(state, to, status_out);
@@ -457,14 +472,14 @@ int service(int cn, scanned_line *scanned, const char *typed, const delivery &to
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {
-    return service(cn, &line, nullptr, {result_out, print_result, log, vlog}, status_out);
+    return service(cn, &line, {}, {result_out, print_result, log, vlog}, status_out);
 }
 
 int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) {
     return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, nullptr);
 }
 
-int user_service_script(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog,
+int user_service_script(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out) {
     return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, status_out);
 }

@@ -41,6 +41,13 @@ std::string expand_include(std::string_view rest) {
 
 } // namespace
 
+bool has_short_form(std::string_view line) {
+    std::size_t at = 0;
+    while (at < line.size() && (line[at] == ' ' || line[at] == '\t'))
+        ++at;
+    return at < line.size() && (line[at] == '@' || line[at] == '~');
+}
+
 bool preprocess(int cn, std::string_view line, std::string &out) {
     out = line;
     for (int expansions = 0;; ++expansions) {

@@ -80,7 +80,7 @@ void scanned_line::assign(std::string_view line) {
 void scanned_line::scan(int cn, std::size_t index, token &out) {
     while (read_ <= index)
         read_item();
-    const item &next = items_[index];
+    item &next = items_[index];
     out.ScannerInputPosn = next.position;
     out.qualifier_value = false;
     switch (next.kind) {
@@ -93,6 +93,10 @@ void scanned_line::scan(int cn, std::size_t index, token &out) {
     case item_kind::word:
         out.kind = token_kind::identifier;
         out.ScannedId = next.word;
+        return;
+    case item_kind::integer:
+        out.kind = token_kind::integer;
+        out.ScannedInt = next.value;
         return;
     case item_kind::bad:
         if (!next.message.empty())
@@ -118,6 +122,10 @@ void scanned_line::scan(int cn, std::size_t index, token &out) {
     case pe_int:
         out.kind = token_kind::integer;
         out.ScannedInt = value.IntValue;
+        if (next.code.is_constant()) {
+            next.kind = item_kind::integer;
+            next.value = value.IntValue;
+        }
         return;
     case pe_double:
         out.kind = token_kind::real;

@@ -42,6 +42,8 @@ class scanned_line {
     scanned_line(const scanned_line &) = delete;
     scanned_line &operator=(const scanned_line &) = delete;
 
+    std::string_view text() const { return text_; }
+
     // Becomes that line. What is known of the same line stays; of another one only the memory, unless it is
     // much.
     void assign(std::string_view line);
@@ -54,12 +56,13 @@ class scanned_line {
     std::size_t first_argument = 0;
 
   private:
-    enum class item_kind { word, help, end, expression, bad };
+    enum class item_kind { word, help, end, expression, integer, bad };
     struct item {
         item_kind kind = item_kind::end;
         std::size_t position = 0;
         std::string_view word;
         program code;
+        int value = 0; // of an integer
         std::string message;
     };
     void read_item();

@@ -120,9 +120,8 @@ bool run_line(int cn, std::string_view line, scanned_line *scanned, const includ
     show_line(cn, line, options);
     int was_value = 0;
     const int print = options.show_returns;
-    const int result =
-        scanned ? service_line(cn, *scanned, nullptr, print, nullptr, vlog_file, &was_value)
-                : user_service_script(cn, std::string(line).c_str(), print, nullptr, vlog_file, &was_value);
+    const int result = scanned ? service_line(cn, *scanned, nullptr, print, nullptr, vlog_file, &was_value)
+                               : user_service_script(cn, line, print, nullptr, vlog_file, &was_value);
     return result != -1 || was_value || !options.exit_on_error;
 }
 

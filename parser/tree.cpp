@@ -24,13 +24,17 @@ bool is_named(const PARSE_TREE &row, std::string_view word) {
 struct found {
     const PARSE_TREE *table = nullptr;
     const PARSE_TREE *row = nullptr;
+    std::string_view name; // the row's
+
+    // As it was written most often: in the same case.
+    bool is(const PARSE_TREE *in, std::string_view word) const { return table == in && name == word; }
 };
 std::array<found, 256> found_before;
 
 found &place_of(const PARSE_TREE *table, std::string_view word) {
     std::size_t hash = reinterpret_cast<std::uintptr_t>(table) >> 5;
     for (const char c : word)
-        hash = hash * 31 + static_cast<unsigned char>(lower_case(c));
+        hash = hash * 31 + static_cast<unsigned char>(c);
     return found_before[hash % found_before.size()];
 }
 } // namespace
@@ -44,11 +48,11 @@ std::size_t pt_size(const PARSE_TREE *table) {
 
 const PARSE_TREE *pt_find(const PARSE_TREE *table, std::string_view word) {
     found &known = place_of(table, word);
-    if (known.table == table && is_named(*known.row, word))
+    if (known.is(table, word))
         return known.row;
     for (const PARSE_TREE &row : pt_rows(table)) {
         if (is_named(row, word)) {
-            known = {table, &row};
+            known = {table, &row, row.name};
             return &row;
         }
     }

@@ -2,6 +2,7 @@
 
 #include "server/interrupt.h"
 #include "server/session.h"
+#include "support/light_mutex.h"
 #include "support/metrics_text.h"
 
 #include <algorithm>
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <span>
 
 namespace kestrel {
 
@@ -22,12 +22,14 @@ namespace {
 template <std::size_t Size> struct short_text {
     std::array<char, Size> text{};
     std::size_t length = 0;
-    void operator=(std::string_view from) {
-        length = from.copy(text.data(), Size);
-        for (char &c : std::span(text).first(length))
-            c = static_cast<unsigned char>(c) < ' ' ? '?' : c; // it stands in one line of a reply
+    void operator=(std::string_view from) { length = from.copy(text.data(), Size); }
+    // As it may stand in one line of a reply.
+    std::string shown() const {
+        std::string line(text.data(), length);
+        for (char &c : line)
+            c = static_cast<unsigned char>(c) < ' ' ? '?' : c;
+        return line;
     }
-    std::string_view view() const { return {text.data(), length}; }
 };
 
 struct session_row {
@@ -41,7 +43,6 @@ struct running_line {
     int cn = -1; // -1: nothing runs
     short_text<256> line;
     activity_clock::time_point since;
-    std::chrono::steady_clock::time_point begun;
     bool has_progress = false;
     int done = 0, total = 0;
     short_text<64> label;
@@ -54,7 +55,7 @@ struct busy_histogram {
     double seconds = 0.0;
 };
 
-std::mutex mutex; // guards what follows, for as long as a copy takes
+light_mutex mutex; // guards what follows, for as long as a copy takes
 std::array<session_row, sv_max_clients> sessions;
 running_line running;
 busy_histogram busy;
@@ -76,7 +77,9 @@ std::string as_text(double value, int digits = 3) {
 }
 
 std::string local_time(activity_clock::time_point when) {
-    const std::time_t seconds = activity_clock::to_time_t(when);
+    using wall_clock = std::chrono::system_clock;
+    const auto ago = std::chrono::duration_cast<wall_clock::duration>(activity_clock::now() - when);
+    const std::time_t seconds = wall_clock::to_time_t(wall_clock::now() - ago);
     std::tm parts{};
     ::localtime_r(&seconds, &parts);
     char text[32] = "";
@@ -91,10 +94,10 @@ void describe_running(std::string &out, const running_line &now, std::string_vie
     }
     out += "running session " + std::to_string(now.cn) + " of " + std::string(peer) + " since " +
            local_time(now.since) + ", " + as_text(seconds_since(now.since)) + " s\n";
-    out.append("line ").append(now.line.view()).append("\n");
+    out.append("line ").append(now.line.shown()).append("\n");
     if (now.has_progress)
         out.append("progress " + std::to_string(now.done) + " of " + std::to_string(now.total) + " '")
-            .append(now.label.view())
+            .append(now.label.shown())
             .append("'\n");
 }
 
@@ -115,22 +118,21 @@ void activity_close(int cn) {
     sessions[static_cast<std::size_t>(cn)].open = false;
 }
 
-void activity_begin(int cn, std::string_view line) {
+void activity_begin(int cn, std::string_view line, activity_clock::time_point now) {
     const std::lock_guard guard(mutex);
     running.cn = cn;
     running.line = line;
-    running.since = activity_clock::now();
-    running.begun = std::chrono::steady_clock::now();
+    running.since = now;
     running.has_progress = false;
     if (is_slot(cn))
         ++sessions[static_cast<std::size_t>(cn)].lines;
 }
 
-void activity_end() {
+void activity_end(activity_clock::time_point now) {
     const std::lock_guard guard(mutex);
     if (running.cn < 0)
         return; // the line had not begun
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - running.begun;
+    const std::chrono::duration<double> took = now - running.since;
     running.cn = -1;
     const auto *const bound = std::lower_bound(std::begin(busy_bounds), std::end(busy_bounds), took.count());
     ++busy.counts[static_cast<std::size_t>(bound - std::begin(busy_bounds))];
@@ -155,7 +157,7 @@ void activity_status(std::string &out) {
         const std::lock_guard guard(mutex);
         now = running;
         if (is_slot(now.cn))
-            peer = sessions[static_cast<std::size_t>(now.cn)].peer.view();
+            peer = sessions[static_cast<std::size_t>(now.cn)].peer.shown();
     }
     out += "up " + as_text(seconds_since(started), 0) + " s since " + local_time(started) + "\n";
     describe_running(out, now, peer);
@@ -167,7 +169,7 @@ void activity_status(std::string &out) {
         }
         if (row.open)
             out.append("session " + std::to_string(cn) + " of ")
-                .append(row.peer.view())
+                .append(row.peer.shown())
                 .append(" since " + local_time(row.since) + ", " + std::to_string(row.lines) + " lines\n");
     }
 }
@@ -189,8 +191,7 @@ void activity_metrics(std::string &out) {
         open = static_cast<int>(
             std::count_if(sessions.begin(), sessions.end(), [](const session_row &row) { return row.open; }));
         if (running.cn >= 0)
-            busy_now =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - running.begun).count();
+            busy_now = seconds_since(running.since);
     }
     metric_single(out, "kestrel_sessions", "gauge", "Sessions that are open.", std::to_string(open));
     metric_single(out, "kestrel_sessions_opened_total", "counter", "Sessions that were opened.",

@@ -10,13 +10,14 @@
 
 namespace kestrel {
 
-using activity_clock = std::chrono::system_clock;
+using activity_clock = std::chrono::steady_clock;
 
-// Called by the command thread as things happen. `peer` is "terminal" or a dotted address; a line comes masked.
+// Called by the command thread as things happen; it says what time it is, because asking costs as much as a short
+// line. `peer` is "terminal" or a dotted address; a line comes masked.
 void activity_open(int cn, std::string_view peer);
 void activity_close(int cn);
-void activity_begin(int cn, std::string_view line);
-void activity_end();
+void activity_begin(int cn, std::string_view line, activity_clock::time_point now);
+void activity_end(activity_clock::time_point now);
 // Whether a line runs. Any thread.
 bool activity_is_busy();
 // Progress may come from any thread.

@@ -11,8 +11,8 @@
 #include "server/outbox.h"
 #include "server/receive.h"
 #include "server/session.h"
+#include "support/light_mutex.h"
 
-#include <mutex>
 #include <netinet/in.h>
 
 namespace kestrel {
@@ -33,7 +33,7 @@ struct session_fields {
 };
 
 struct client_descriptor : session_fields {
-    std::mutex output_mutex;
+    light_mutex output_mutex;
 };
 
 extern client_descriptor client[sv_max_clients];

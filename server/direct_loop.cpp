@@ -165,7 +165,7 @@ bool read_line(std::string &line) {
 }
 
 void tell_activity(const std::string &line) try {
-    activity_begin(terminal, sv_masked(line));
+    activity_begin(terminal, sv_masked(line), activity_clock::now());
 } catch (const std::bad_alloc &) { // the line runs all the same
 }
 
@@ -184,7 +184,7 @@ void serve_lines() {
         sv_quit = 0;
         tell_activity(line);
         sv_hooks.service(terminal, line.c_str(), 1, nullptr, nullptr);
-        activity_end();
+        activity_end(activity_clock::now());
     }
 }
 

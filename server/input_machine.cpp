@@ -1,6 +1,7 @@
 #include "server/input_machine.h"
 
 #include <algorithm>
+#include <array>
 
 namespace kestrel {
 
@@ -120,16 +121,20 @@ input_event plain_byte(input_machine &m, unsigned char byte) {
     return input_event::more;
 }
 
+constexpr std::array<bool, 256> is_ordinary = [] {
+    std::array<bool, 256> ordinary{};
+    for (std::size_t byte = ' '; byte < ordinary.size(); ++byte)
+        ordinary[byte] = byte != BACKSPACE && byte != telnet_iac;
+    return ordinary;
+}();
+
 // Stores the ordinary characters that `bytes` begins with, as far as the line has room; inside a plain line.
 std::size_t take_ordinary(input_machine &m, std::string_view bytes) {
     const std::size_t most = std::min(bytes.size(), sv_line_max - m.edit.len);
     std::size_t n = 0;
-    for (; n < most; ++n) {
-        const unsigned char byte = static_cast<unsigned char>(bytes[n]);
-        if (byte < ' ' || byte == BACKSPACE || byte == telnet_iac)
-            break;
-        m.edit.input[m.edit.len + n] = bytes[n];
-    }
+    while (n < most && is_ordinary[static_cast<unsigned char>(bytes[n])])
+        ++n;
+    bytes.copy(m.edit.input + m.edit.len, n);
     m.edit.len += n;
     m.edit.input[m.edit.len] = '\0';
     return n;

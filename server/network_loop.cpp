@@ -24,7 +24,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/tcp.h>
@@ -77,10 +76,10 @@ void run_startup() {
     sv_quit = 0;
     if (sv_options.startup) {
         activity_open(0, "this machine");
-        activity_begin(0, sv_options.startup_file);
+        activity_begin(0, sv_options.startup_file, activity_clock::now());
     }
     sv_run_startup_file();
-    activity_end();
+    activity_end(activity_clock::now());
     activity_close(0);
     sv_flush(0);
     sv_free_slot(0);
@@ -190,34 +189,40 @@ void close_without_memory(int cn) {
     sv_disconnect_client(cn);
 }
 
-void log_line(int cn, const std::string &masked) {
+// The line as others may see it.
+void tell_line(int cn, std::string_view masked, activity_clock::time_point now) {
+    activity_begin(cn, masked, now);
     if (!log_file && !vlog_file)
         return;
-    const std::string shown = std::to_string(cn) + ": " + masked;
+    const std::string shown = std::to_string(cn) + ": " + std::string(masked);
     if (log_file)
         sv_log(log_file, shown + " ");
     if (vlog_file)
         sv_log(vlog_file, shown + "\n");
 }
 
-// Runs the line in edit.input. The session may be gone afterwards; returns what is unsent.
-std::size_t service_line_of(int cn) {
+// Runs the line in edit.input; it begins at `now`, which then is its end. The session may be gone afterwards; returns
+// what is unsent.
+std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     line_edit &edit = client[cn].machine.edit;
     char line[sv_line_max + 1];
     std::memcpy(line, edit.input, edit.len + 1);
     sv_ln_start(edit);
     sv_quit = 0;
     try {
-        const std::string shown = sv_masked(line);
-        activity_begin(cn, shown);
-        log_line(cn, shown);
+        if (sv_has_secret(line)) {
+            tell_line(cn, sv_masked(line), now);
+        } else {
+            tell_line(cn, line, now);
+        }
         sv_tell_lost_logs(cn); // before the line's own reply, which ends with its result
         sv_hooks.service(cn, line, 1, log_file, vlog_file);
     } catch (const std::bad_alloc &) {
         sv_printf(cn, "! Out of memory, the line is dropped\n* -1\n");
     }
-    activity_end();
-    sv_service_turn();
+    now = activity_clock::now();
+    activity_end(now);
+    sv_service_turn(now);
     if (log_file)
         sv_log(log_file, "\n");
     return client[cn].valid ? user_prompt(cn) : 0;
@@ -225,7 +230,7 @@ std::size_t service_line_of(int cn) {
 
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
 // when more bytes are to be served.
-bool serve_one_line(int cn, std::size_t &unsent) {
+bool serve_one_line(int cn, activity_clock::time_point &now, std::size_t &unsent) {
     client_descriptor &c = client[cn];
     std::string reply;
     std::string notice;
@@ -244,7 +249,7 @@ bool serve_one_line(int cn, std::size_t &unsent) {
     if (event == input_event::disconnect)
         sv_disconnect_client(cn);
     if (event == input_event::line)
-        unsent = service_line_of(cn);
+        unsent = service_line_of(cn, now);
     return c.valid && event != input_event::pause && !sv_received(c.received).empty();
 }
 
@@ -316,46 +321,44 @@ void find_sessions(loop_state &loop) {
 }
 
 // serve_one_line, where running out of memory ends this session only.
-bool serve_one_line_or_close(int cn, std::size_t &unsent) {
+bool serve_one_line_or_close(int cn, activity_clock::time_point &now, std::size_t &unsent) {
     try {
-        return serve_one_line(cn, unsent);
+        return serve_one_line(cn, now, unsent);
     } catch (const std::bad_alloc &) {
         close_without_memory(cn);
         return false;
     }
 }
 
-// True when the session is to have another line in this turn.
-bool serve_session(int cn) {
+// True when the session is to have another line in this turn. `now` is kept true: a line begins when the one before it
+// ended, or what was sent was sent.
+bool serve_session(int cn, activity_clock::time_point &now) {
     if (!client[cn].valid)
         return false;
     std::size_t unsent = 0;
-    const bool more = serve_one_line_or_close(cn, unsent);
+    const bool more = serve_one_line_or_close(cn, now, unsent);
     if (!client[cn].valid || (more && unsent < gathered_between_lines))
         return more;
-    return outbox_try(cn) == outbox_status::empty && more;
-}
-
-// The time to a few milliseconds, for next to nothing: a round of short lines should not pay for a clock.
-std::chrono::nanoseconds coarse_now() {
-    timespec now{};
-    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+    if (outbox_try(cn) != outbox_status::empty || !more)
+        return false;
+    now = activity_clock::now();
+    return true;
 }
 
 // Serves the sessions in rounds of one line each while turn_time lasts.
 void serve(loop_state &loop) {
     std::vector<int> &sessions = loop.round;
     sessions.assign(loop.sessions.begin(), loop.sessions.end());
-    const auto end = coarse_now() + turn_time;
+    activity_clock::time_point now = activity_clock::now();
+    const activity_clock::time_point end = now + turn_time;
     do {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < sessions.size(); ++i) {
-            if (serve_session(sessions[i]))
+            if (serve_session(sessions[i], now))
                 sessions[kept++] = sessions[i];
         }
         sessions.resize(kept);
-    } while (!sessions.empty() && !close_server && coarse_now() < end);
+    } while (!sessions.empty() && !close_server && now < end);
     outbox_try_all();
 }
 
@@ -373,7 +376,6 @@ void receive_from_ready(loop_state &loop) {
 }
 
 void turn(loop_state &loop) {
-    sv_service_turn();
     find_sessions(loop);
     fd_set others;
     FD_ZERO(&others);
@@ -388,6 +390,7 @@ void turn(loop_state &loop) {
         std::printf("select returns error %d\n", error);
         sv_die(error);
     }
+    sv_service_turn(activity_clock::now());
     if (user_select_test)
         user_select_test(&loop.watch.others());
     if (FD_ISSET(listen_socket, &loop.watch.others()))

@@ -54,8 +54,8 @@ std::optional<std::chrono::milliseconds> sv_service_interval() {
     return std::max(std::chrono::milliseconds(1), std::chrono::milliseconds(*period / 2000));
 }
 
-void sv_service_turn() {
-    last_turn.store(steady::now().time_since_epoch().count(), std::memory_order_relaxed);
+void sv_service_turn(steady::time_point now) {
+    last_turn.store(now.time_since_epoch().count(), std::memory_order_relaxed);
 }
 
 bool sv_service_turns() {

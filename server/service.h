@@ -14,8 +14,8 @@ void sv_service_tell(std::string_view state);
 // How often the manager wants to hear of a server that turns: half of WATCHDOG_USEC. Nothing when it does not.
 std::optional<std::chrono::milliseconds> sv_service_interval();
 
-// The session loop has come round, or has done a line.
-void sv_service_turn();
+// The session loop has come round now, or has done a line.
+void sv_service_turn(std::chrono::steady_clock::time_point now);
 
 // False when the loop has not come round for a minute although no command runs: it hangs. A command may take as long as it
 // likes. Any thread.
