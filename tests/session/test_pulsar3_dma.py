@@ -212,7 +212,7 @@ def test_what_these_cards_have_no_way_to_is_refused_with_a_line(client, line, fu
 
 @pytest.mark.parametrize("line", [
     "setup-clocks 9", "dma reset 9 0 0", "dma read-adc-clk 9 0", "dma setup-adc-mmcm 9 0 0 0", "dma reset-adc-mmcm 9 0",
-    "dma read-lm82-regs 9 0 0", "dma set-adc-temp 9 0 0", "dma set-int-pack-gap 9 0 0", "dma show-b2b-status 9 0",
+    "dma read-lm82-regs 9 0 0", "dma read-lm82-regs 9 0 7", "dma set-adc-temp 9 0 0", "dma set-int-pack-gap 9 0 0", "dma show-b2b-status 9 0",
     "dma ethernet-status 9 0", "dma toggle-enb 9 0", "dma read-time-stat-a 9 0", "dma print-scope 9 0",
     "dma read-status-block 9 0", "adc-board get-gain 9 0", "adc-board set-gain 9 -1 0 0", "adc-board read-psu 9 0"])
 def test_a_path_that_is_not_open_is_refused(client, line):
