@@ -1,4 +1,5 @@
 """Low-level commands: the DMA engine, clocks, sensors, links, ADC boards; what these cards have no way to."""
+import time
 
 import pytest
 from kestrel_data import do, result
@@ -106,6 +107,14 @@ def test_clocks_are_set_up_measured_and_lock_where_their_source_is(client, syste
     do(client, "pulsar3 setup-clocks 0")
     assert real(client, "dma get-clock-period 0") == (1.25e-8, [])
     assert [sim.do(f"card get-global {card} {control}") for card in (0, 1)] == [0x3E00, 0x3E00]
+
+
+def test_an_interrupt_ends_the_wait_for_a_clock_and_says_so(server, client, system):
+    system("-kind=3v7 -generation=2", 2)
+    client.send("pulsar3 setup-clocks 0 -1 external\n")
+    time.sleep(0.3)
+    server.interrupt()
+    assert client.recv_prompt() == b"! ERROR plr3_clocks_setup_int: interrupted\r\n* -1\r\n"
 
 
 def test_the_phases_of_clocks_take_effect_with_a_reset(client, system):
