@@ -28,6 +28,15 @@ inline unique_fd open_regular(const char *name, int flags, mode_t mode = 0) {
     return fd;
 }
 
+// Whether what stands there is a pipe, a device or a socket, whose place no file may take; then errno says so.
+inline bool is_special_file(const char *name) {
+    struct stat status {};
+    if (::stat(name, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))
+        return false;
+    errno = ENOTSUP;
+    return true;
+}
+
 struct close_file {
     void operator()(std::FILE *file) const { std::fclose(file); }
 };

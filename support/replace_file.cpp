@@ -31,6 +31,8 @@ replace_step give_up(const std::string &aside, replace_step step) {
 } // namespace
 
 replace_step replace_file(const std::string &path, std::string_view bytes, mode_t mode) {
+    if (is_special_file(path.c_str()))
+        return replace_step::open;
     const std::string aside = path + ".new";
     unique_fd fd = open_regular(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
     if (!fd)

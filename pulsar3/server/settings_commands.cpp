@@ -1,6 +1,7 @@
 // `pulsar3`: setting the clocks up, saving a system's state and bringing it back.
 #include "parser/qualifiers.h"
 #include "pulsar3/lib/boards/clocks.h"
+#include "pulsar3/lib/paths/system.h"
 #include "pulsar3/lib/saved/saved.h"
 #include "pulsar3/lib/wire/error.h"
 #include "pulsar3/server/commands.h"
@@ -27,6 +28,25 @@ int pulsar3_setup_clocks(int quals, int cn, int path, int card) {
                           plr3_clocks_setup(path, pulsar3_card(card), source, flags, q.number("test-pulse")));
 }
 
+// What the library tells meanwhile goes to who gave the command; otherwise it goes to who configured the path.
+class told_here {
+  public:
+    told_here(int path, int cn) : path_(plr3_path(path)), before_(path_ ? path_->message_to : -1) {
+        if (path_)
+            path_->message_to = cn;
+    }
+    told_here(const told_here &) = delete;
+    told_here &operator=(const told_here &) = delete;
+    ~told_here() {
+        if (path_)
+            path_->message_to = before_;
+    }
+
+  private:
+    PLR3Path *path_;
+    int before_;
+};
+
 constexpr pt_format save_settings_format("%d %s = %d");
 
 int pulsar3_save_settings(int, int cn, int path, const char *directory) {
@@ -38,6 +58,7 @@ constexpr pt_format restore_settings_format("%d %s force clock = %d");
 int pulsar3_restore_settings(int quals, int cn, int path, const char *directory) {
     const pt_qualifiers<restore_settings_format> q(quals);
     const bool force = q.given("force");
+    const told_here here(path, cn);
     return pulsar3_status(cn, q.given("clock") ? plr3_restore_settings_and_clock(path, directory, force)
                                                : plr3_restore_settings(path, directory, force));
 }
@@ -49,6 +70,7 @@ int pulsar3_check_settings(int quals, int cn, int path, const char *directory) {
     const auto say = [cn](std::string_view difference) {
         sv_printf(cn, "# %.*s\n", static_cast<int>(difference.size()), difference.data());
     };
+    const told_here here(path, cn);
     return pulsar3_status(cn, plr3_check_settings(path, directory, clock, say));
 }
 

@@ -75,6 +75,8 @@ std::optional<table_words> words_of_text(int cn, const char *name, std::string_v
 std::optional<table_words> words_of_bytes(int cn, const char *name, std::string_view bytes, bool swap) {
     if (bytes.size() % 4 != 0)
         return refuse(cn, name, "a binary table has four bytes a word");
+    if (bytes.empty())
+        return table_words{};
     table_words words(bytes.size() / 4);
     std::memcpy(words.data(), bytes.data(), bytes.size());
     const bool turn = swap != (std::endian::native == std::endian::big);

@@ -4,7 +4,7 @@ import time
 
 import numpy
 import pytest
-from kestrel_data import do, held
+from kestrel_data import do, held, result
 from kestrel_session import wait_until
 from test_pulsar3_cards import cards, play  # noqa: F401 (a fixture)
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
@@ -218,6 +218,9 @@ def test_shapes_follow_the_format(client, play):
     assert losses(client)[1][:2] == [FRAMES, FRAMES]
     assert client.lines("pulsar3 format-run 0 0 nbits-eng 16 nbits-aux1 15")[0].startswith(
         "! ERROR plr3_format_run: channel 0: frames of 16 energy bits and 15 auxiliary bits do not fit")
+    for chan in (CHANS, 2147483647, -2):
+        assert result(client, f"pulsar3 format-run 0 {chan} nbits-eng 9") == (
+            -6, [f"! ERROR plr3_format_run: illegal channel specified ({chan})"])
     assert sim.do("card get-register 0 0 0 28") == 10 | 2 << 8
     assert do(client, "pulsar3 format-run 0 -1 nbits-eng 12 nbits-aux1 0") == 0
     count(client)

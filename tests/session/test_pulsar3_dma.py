@@ -1,4 +1,5 @@
 """Low-level commands: the DMA engine, clocks, sensors, links, ADC boards; what these cards have no way to."""
+import time
 
 import pytest
 from kestrel_data import do, result
@@ -108,6 +109,14 @@ def test_clocks_are_set_up_measured_and_lock_where_their_source_is(client, syste
     assert [sim.do(f"card get-global {card} {control}") for card in (0, 1)] == [0x3E00, 0x3E00]
 
 
+def test_an_interrupt_ends_the_wait_for_a_clock_and_says_so(server, client, system):
+    system("-kind=3v7 -generation=2", 2)
+    client.send("pulsar3 setup-clocks 0 -1 external\n")
+    time.sleep(0.3)
+    server.interrupt()
+    assert client.recv_prompt() == b"! ERROR plr3_clocks_setup_int: interrupted\r\n* -1\r\n"
+
+
 def test_the_phases_of_clocks_take_effect_with_a_reset(client, system):
     system("-kind=4", 2)
     do(client, "pulsar3 dma setup-adc-mmcm 0 -1 255 1")
@@ -212,7 +221,7 @@ def test_what_these_cards_have_no_way_to_is_refused_with_a_line(client, line, fu
 
 @pytest.mark.parametrize("line", [
     "setup-clocks 9", "dma reset 9 0 0", "dma read-adc-clk 9 0", "dma setup-adc-mmcm 9 0 0 0", "dma reset-adc-mmcm 9 0",
-    "dma read-lm82-regs 9 0 0", "dma set-adc-temp 9 0 0", "dma set-int-pack-gap 9 0 0", "dma show-b2b-status 9 0",
+    "dma read-lm82-regs 9 0 0", "dma read-lm82-regs 9 0 7", "dma set-adc-temp 9 0 0", "dma set-int-pack-gap 9 0 0", "dma show-b2b-status 9 0",
     "dma ethernet-status 9 0", "dma toggle-enb 9 0", "dma read-time-stat-a 9 0", "dma print-scope 9 0",
     "dma read-status-block 9 0", "adc-board get-gain 9 0", "adc-board set-gain 9 -1 0 0", "adc-board read-psu 9 0"])
 def test_a_path_that_is_not_open_is_refused(client, line):

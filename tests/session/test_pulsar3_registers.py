@@ -1,5 +1,6 @@
 """Commands that set registers: every field of the table at its limits, as the card holds it; tables of block memories."""
 import collections
+import os
 import pathlib
 import struct
 import sys
@@ -190,8 +191,11 @@ def test_block_memories_take_tables_from_wherever_they_are(client, play, tmp_pat
         [line] = fails(client, f"pulsar3 load-{name} 0 0 from-local-file '{binary}' binary", -6)
         assert line == f"! ERROR plr3_load_memory: {size + 1} words do not fit into the {size} of {name}"
         assert memory(name, 0) == expected
-        load(name, "0 zero")
+        binary.write_bytes(b"")  # a table of no words
+        load(name, f"0 from-local-file '{binary}' binary")
         assert memory(name, 0) == [0] * size
+        load(name, "1 zero")
+        assert memory(name, 1) == [0] * size
     name = names("table")
     do(client, f"module create '{name}' 4 3 header double")
     Module(name).data[:] = [[1, 2, 3, 4], [5, 6, 7, 8], [9, 2**32 - 1, -1, -2**31]]
@@ -302,6 +306,10 @@ def test_dead_times_follow_the_trigger_that_is_in_use(client, play, tmp_path):
         "! ERROR: channels 1 to 2 are out of range 0..1"]
     assert fails(client, f"pulsar3 dtc from-trigger 0 '{tmp_path}/no/file'") == [
         f"! ERROR: Cannot write script '{tmp_path}/no/file': No such file or directory"]
+    os.mkfifo(tmp_path / "pipe")
+    assert fails(client, f"pulsar3 dtc from-trigger 0 '{tmp_path}/pipe'") == [
+        f"! ERROR: Cannot write script '{tmp_path}/pipe': Operation not supported"]
+    assert (tmp_path / "pipe").is_fifo() and not (tmp_path / "pipe.new").exists()
     sim.close()
     assert result(client, f"pulsar3 dtc from-trigger 0 '{tmp_path}/new'")[0] < 0
     assert times() == before and not (tmp_path / "new").exists()

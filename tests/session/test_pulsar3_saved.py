@@ -1,5 +1,6 @@
 """Saving a system's state and bringing it back: every word; full disks, cards that die, clocks, threads, dummies."""
 import contextlib
+import os
 import struct
 import time
 
@@ -133,6 +134,13 @@ def test_a_save_that_cannot_write_leaves_nothing_half_done(client, saved, folder
     assert struct.unpack_from("<I", (folder / "chan0_region1.dat").read_bytes(), 20) == (77,)
     assert (folder / "dtc_parameters2.dat").read_bytes() == old
     assert not list(folder.glob("*.new"))
+    # Pipes and devices are not replaced by files.
+    pipe = folder / "chan0_region2.dat"
+    pipe.unlink()
+    os.mkfifo(pipe)
+    line = failed(client, f"pulsar3 save-settings 0 '{folder}'")
+    assert line == f"! ERROR plr3_save_settings: Cannot open output file {pipe}"
+    assert pipe.is_fifo() and not list(folder.glob("*.new"))
     # A disk that is full: of one file it is the old one or the new one that stands there.
     (small_disk / "chan0_region6.dat").write_bytes(b"old" * 100)
     with contextlib.suppress(OSError), open(small_disk / "ballast", "wb") as ballast:
@@ -168,6 +176,41 @@ def test_a_card_that_dies_ends_a_save_and_a_restore_with_a_line(client, saved, f
     for _ in range(2):  # the first access may find the dead connection
         value, _ = result(client, f"pulsar3 restore-settings 0 '{folder}'")
     assert value == 0
+    assert difference_lines(client, folder) == []
+
+
+def slow(sim, seconds=0.05):
+    """Every answer of the card comes late."""
+    sim.do(f"control fault 0 stall times -1 argument {int(1000 * seconds)}")
+
+
+@pytest.mark.parametrize("command", ["save", "restore", "check"])
+def test_an_interrupt_ends_it_with_a_line(server, client, saved, folder, command):
+    before = {path.name: path.read_bytes() for path in folder.iterdir()}
+    slow(saved)
+    client.send(f"pulsar3 {command}-settings 0 '{folder}'\n")
+    time.sleep(0.3)
+    began = time.monotonic()
+    server.interrupt()
+    assert client.recv_prompt() == f"! ERROR plr3_{command}_settings: interrupted\r\n* -1\r\n".encode()
+    assert time.monotonic() - began < 2 * SCALE
+    assert {path.name: path.read_bytes() for path in folder.iterdir()} == before
+    saved.do("control no-faults")
+    do(client, f"pulsar3 restore-settings 0 '{folder}'")
+    assert difference_lines(client, folder) == []
+
+
+@pytest.mark.parametrize("command", ["save", "restore", "check"])
+def test_a_card_that_falls_silent_ends_it_after_its_time(client, saved, folder, command):
+    before = {path.name: path.read_bytes() for path in folder.iterdir()}
+    saved.do("control fault 0 drop after 6 times -1")
+    began = time.monotonic()
+    line = failed(client, f"pulsar3 {command}-settings 0 '{folder}'", status=-4)
+    assert 4.5 < time.monotonic() - began < 8 * SCALE
+    assert line.startswith(f"! ERROR plr3_{command}_settings: ") and line.endswith("returns -4"), line
+    assert {path.name: path.read_bytes() for path in folder.iterdir()} == before
+    saved.do("control no-faults")
+    do(client, f"pulsar3 restore-settings 0 '{folder}'")
     assert difference_lines(client, folder) == []
 
 

@@ -4,7 +4,7 @@ import struct
 
 import pytest
 from kestrel_data import do, result
-from saved_cards import (RECORD, difference_lines, failed, folder, no_modules_left, play,  # noqa: F401
+from saved_cards import (RECORD, configure, difference_lines, failed, folder, no_modules_left, play,  # noqa: F401
                          saved, writes_of)
 
 FILES = ["chan0_region0.dat", "chan0_region1.dat", "chan0_region6.dat", "card0_global.dat", "card0_term_flags.dat",
@@ -48,6 +48,37 @@ def test_a_file_that_cannot_be_right_is_told_before_anything_is_written(client, 
     assert writes_of(saved) == []
     do(client, f"pulsar3 restore-settings 0 '{folder}'")
     assert writes_of(saved) != []
+
+
+def test_files_are_taken_in_their_order(client, play, folder):
+    sim = play("-chans=2", "-kind=3v7", "-cards=2")
+    configure(client, sim, 2)
+    do(client, f"pulsar3 save-settings 0 '{folder}'")
+    order = ["chan0_region0", "chan0_region6", "chan1_region0", "chan3_region6", "card0_global", "card0_term_flags",
+             "card1_global", "card1_term_flags", "dtc_parameters2", "chan0_gain", "chan0_offset", "chan3_gain",
+             "chan3_offset", "card0_clocks", "card0_scope_cpu_set", "card1_clocks", "card1_scope_cpu_set",
+             "chan0_hist_cpu_set", "chan3_hist_cpu_set", "sync_mode", "card0_revision"]
+    for name in reversed(order):
+        (folder / f"{name}.dat").write_bytes(b"")
+        line = failed(client, f"pulsar3 restore-settings 0 '{folder}' clock")
+        assert line == f"! ERROR plr3_restore_settings: Error reading input file {folder}/{name}.dat"
+        (folder / f"{name}.dat").unlink()
+        (folder / f"{name}.dat").mkdir()
+        line = failed(client, f"pulsar3 save-settings 0 '{folder}'")
+        assert line == f"! ERROR plr3_save_settings: Cannot open output file {folder}/{name}.dat"
+    no_folder = folder / "settings.txt"
+    line = failed(client, f"pulsar3 restore-settings 0 '{no_folder}'")
+    assert line == f"! ERROR plr3_restore_settings: Cannot open input file {no_folder}/chan0_region0.dat"
+
+
+def test_who_restores_is_told_what_is_missing(server, client, saved, folder):
+    path = folder / "chan0_region7.dat"
+    path.unlink()
+    other = server.client()
+    for command in ("restore", "check"):
+        assert result(other, f"pulsar3 {command}-settings 0 '{folder}'") == (
+            0, [f"# Making null roi as file '{path}' is missing"])
+    assert client.lines("1+1") == ["* 2"]
 
 
 def test_values_that_cannot_be_are_told_before_anything_is_written(client, saved, folder):

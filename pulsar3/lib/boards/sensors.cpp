@@ -19,7 +19,9 @@ int plr3_read_lm82_regs(int path, int card, int sensor,
                         std::span<std::uint8_t, lm82_registers.size()> registers) {
     constexpr const char *name = "plr3_read_lm82_regs";
     const int last = static_cast<int>(board_sensors.size()) - 1;
-    if (plr3_path(path) && (sensor < 0 || sensor > last))
+    if (!plr3_path(path))
+        return plr3_fail(plr3_invalid_path, "%s: invalid path %d", name, path);
+    if (sensor < 0 || sensor > last)
         return plr3_fail(plr3_out_of_range, "%s: sensor %d is out of range 0..%d", name, sensor, last);
     for (std::size_t i = 0; i < registers.size(); ++i) {
         std::uint32_t byte = 0;

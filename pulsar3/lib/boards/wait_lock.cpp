@@ -28,7 +28,9 @@ int plr3_wait_lock(const char *function, int path, int card, board_bus bus, std:
             return status;
         if ((state & 1) != 0)
             return 0;
-        if (plr3_interrupted() || std::chrono::steady_clock::now() > end)
+        if (plr3_interrupted())
+            return plr3_fail(plr3_failed, "%s: interrupted", function);
+        if (std::chrono::steady_clock::now() > end)
             return plr3_fail(plr3_failed, "%s: the clock of card %d does not lock", function, card);
         std::this_thread::sleep_for(between_looks);
     }

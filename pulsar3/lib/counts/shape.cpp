@@ -305,9 +305,9 @@ int plr3_format_run(int path, int chan, const format_request &request) {
         return status;
     if (plr3_run_is_on(path))
         return plr3_fail(plr3_failed, "plr3_format_run: path %d is counting", path);
-    const int first = chan < 0 ? 0 : chan, end = chan < 0 ? top->num_chan : chan + 1;
     if (chan < -1 || chan >= top->num_chan)
         return plr3_fail(plr3_out_of_range, "plr3_format_run: illegal channel specified (%d)", chan);
+    const int first = chan < 0 ? 0 : chan, end = chan < 0 ? top->num_chan : chan + 1;
     for (int one = first; one < end; ++one)
         if (const int status = write_format(path, one, request); status != 0)
             return status;

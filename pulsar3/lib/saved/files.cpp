@@ -46,7 +46,7 @@ std::string plr3_saved_name(const std::string &directory, const std::string &fil
 
 int plr3_put_saved(const std::string &name, std::span<const std::byte> bytes) {
     aside_file file(name + ".new");
-    if (!file.opened())
+    if (!file.opened() || is_special_file(name.c_str()))
         return plr3_fail(plr3_failed, "plr3_save_settings: Cannot open output file %s", name.c_str());
     if (!file.write(bytes))
         return plr3_fail(plr3_failed, "plr3_save_settings: Error writing output file %s", name.c_str());

@@ -60,13 +60,13 @@ int check_idle(int path) {
 int restore(int path, const std::string &directory, bool force, bool clock) {
     if (const int status = check_idle(path); status != 0)
         return status;
-    if (!force)
-        if (const int status = plr3_compare_revisions(path, directory); status != 0)
-            return status;
     std::vector<loaded_item> items;
     if (const int status = plr3_load_items("plr3_restore_settings", path, directory, clock, items);
         status != 0)
         return status;
+    if (!force)
+        if (const int status = plr3_compare_revisions(path, directory); status != 0)
+            return status;
     for (const loaded_item &loaded : items) {
         if (plr3_interrupted())
             return plr3_fail(plr3_failed, "plr3_restore_settings: interrupted");
