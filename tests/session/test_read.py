@@ -55,6 +55,20 @@ def test_ascii_rows_in_every_radix(server, client, source):
     client.lines("radix 10")
 
 
+def test_many_rows_are_those_of_printf(server, client, names):
+    """More than one thread's worth of text, of rows that end anywhere in its pieces."""
+    for kind, form, end in ("", "%u", "\t"), ("float", "%.8g", " "):
+        shape = (211, 997)
+        name = names("many" + kind)
+        do(client, f"module create '{name}' {shape[1]} {shape[0]} header {kind}")
+        values = np.random.default_rng(1).integers(0, 1 << 32, shape, "u4")
+        Module(name).data[:] = values if not kind else values / 999
+        handle = do(client, f"module open '{name}' header")
+        do(client, f"read 0 0 0 {shape[1]} {shape[0]} 1 from {handle} to-local-file 'many.txt'")
+        expected = "".join("".join(form % value + end for value in row) + "\n" for row in Module(name).data)
+        assert (server.cwd / "many.txt").read_text() == expected
+
+
 def test_radix_16_of_255_and_0(server, client, names):
     do(client, f"module create '{names('m')}' 2 1 header")
     Module(names("m")).data[0] = (255, 0)
