@@ -226,7 +226,8 @@ bool peak_fit_solver::state::is_inside(const outcome &tried) {
     return true;
 }
 
-// Chi-squared within its usual spread, of which a Poisson channel of mean m has the variance 2 + 1/m.
+// Chi-squared within its usual spread, of which a Poisson channel of mean m has the variance 2 + 1/m. Far below it the
+// channels are no counts (a mean of many spectra, say), and nobody knows how noisy they are.
 bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
     constexpr double usual = 3.0; // standard deviations
     double excess = static_cast<double>(parameters), variance = 0.0;
@@ -237,7 +238,7 @@ bool peak_fit_solver::state::is_at_noise(std::size_t parameters) const {
         excess += residual[i] * residual[i] / model - 1.0;
         variance += 2.0 + 1.0 / model;
     }
-    return variance > 0.0 && excess <= usual * std::sqrt(variance);
+    return variance > 0.0 && std::fabs(excess) <= usual * std::sqrt(variance);
 }
 
 void peak_fit_solver::state::find_tails(outcome &tried) {
