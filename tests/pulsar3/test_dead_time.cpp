@@ -3,7 +3,7 @@
 #include "pulsar3/lib/counts/corrected.h"
 #include "pulsar3/lib/counts/dead_time.h"
 #include "pulsar3/lib/counts/histogram_read.h"
-#include "pulsar3/lib/counts/rate_solver.h"
+#include "support/rate_solver.h"
 #include "pulsar3/lib/counts/scalers.h"
 
 #include <algorithm>
