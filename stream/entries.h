@@ -17,6 +17,9 @@ namespace kestrel::stream {
 // A command's words: texts that are made for it, and bytes that stay where they are until it has been appended.
 class broker_words {
   public:
+    broker_words() = default;
+    broker_words(broker_words &&) = default; // the texts of a deque stay where they are
+    broker_words &operator=(broker_words &&) = default;
     broker_words &text(std::string word) {
         views_.push_back(owned_.emplace_back(std::move(word)));
         bytes_ += views_.back().size();

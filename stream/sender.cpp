@@ -115,7 +115,8 @@ broker_words sender::meta_of(const published_run &run, const char *state, const 
         if (card >= 0)
             sum += a;
     }
-    return words.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
+    words.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
+    return words;
 }
 
 // The end of a run that is over, or cut short, once the broker knows of each frame.

@@ -254,7 +254,8 @@ bool sender::seal_strangers() {
             broker_.command({"HMGET", broker_.key(meta_key(run)), "sent", "lost", "epoch"});
         const std::uint64_t sent = static_cast<std::uint64_t>(meta.at(0).integer().value_or(0));
         const std::uint64_t lost = static_cast<std::uint64_t>(meta.at(1).integer().value_or(0));
-        broker_words seal, stop;
+        std::vector<broker_words> commands(2);
+        broker_words &seal = commands[0], &stop = commands[1];
         seal.text("HSET").text(broker_.key(meta_key(run))).field("state", std::string("sealed"));
         seal.field("end", std::string("cut")).field("frames", sent + lost);
         stop.text("XADD")
@@ -267,7 +268,7 @@ bool sender::seal_strangers() {
             .field("sent", sent)
             .field("lost", lost);
         stop.field("epoch", std::string(meta.at(2).text().value_or("1")));
-        if (!meta || together({seal, stop}) != 1)
+        if (!meta || together(commands) != 1)
             return false;
     }
     strangers_sealed_ = true;

@@ -15,9 +15,10 @@ namespace kestrel::stream {
 // What a string of so many bytes costs the broker: its allocator has four sizes a power of two, and the key, its entry and
 // its time of expiry come with it.
 constexpr std::size_t broker_cost(std::size_t bytes) {
-    constexpr std::size_t around = 192;
-    const std::size_t step = bytes < 64 ? 16 : std::bit_floor(bytes - 1) / 4;
-    return (bytes + 16 + step - 1) / step * step + around;
+    constexpr std::size_t header = 16, around = 192;
+    const std::size_t size = bytes + header;
+    const std::size_t step = size <= 64 ? 16 : std::bit_floor(size - 1) / 4;
+    return (size + step - 1) / step * step + around;
 }
 
 class broker_stock {

@@ -1,0 +1,190 @@
+"""Runs on a broker: what a publisher tells of them, and that the account is exact whatever becomes of the broker."""
+import os
+import signal
+import time
+
+import numpy
+import pytest
+from broker import Broker, Follower, Proxy, Publisher
+from kestrel_data import Module, do
+from kestrel_session import wait_until
+from test_pulsar3_cards import play  # noqa: F401 (a fixture)
+from test_pulsar3_counting import BINS, CHANS, configured, count, sent
+from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
+
+FRAMES = 40
+
+
+@pytest.fixture
+def broker(tmp_path):
+    broker = Broker(tmp_path / "broker")
+    yield broker
+    broker.close()
+
+
+@pytest.fixture
+def publisher(start, broker, no_modules_left):
+    return start("-site=" + broker.site, kind=Publisher)
+
+
+def begin(client, frames=FRAMES, milliseconds=5):
+    assert do(client, f"pulsar3 setup-timing 0 internal time {milliseconds / 1000} frames {frames}") == 0
+    assert do(client, "pulsar3 hist start 0") == 0
+
+
+def end(client, frames=FRAMES):
+    assert do(client, f"pulsar3 check-progress 0 num-t {frames}") == frames
+    assert do(client, "pulsar3 hist stop 0") == 0
+
+
+def sealed(broker, runs=1, frames=FRAMES, cards=1):
+    """The newest of so many runs, once it is sealed; its account holds, and the streams hold what it says."""
+    def look():
+        found = broker.runs()
+        return len(found) == runs and broker.meta(found[-1]).get("state") == "sealed" and found[-1]
+
+    run = wait_until(look, "sealed run")
+    meta = {k: int(v) for k, v in broker.meta(run).items() if k.split(":")[0] in ("frames", "sent", "lost", "epoch")}
+    assert meta["frames"] == frames * cards == meta["sent"] + meta["lost"]
+    return run, meta
+
+
+def stored(broker, run, card=0):
+    """Frame -> its counts, or None where they are lost."""
+    found = {}
+    for i, fields in broker.entries(f"kestrel:{run}:f:{card}"):
+        payload = broker("GET", fields["key"]) if fields["lost"] == b"0" else None
+        found[int(i.split("-")[0]) - 1] = payload and numpy.frombuffer(payload, "<u4").reshape(CHANS, BINS)
+    return found
+
+
+def test_every_frame_of_every_card_is_there(client, play, broker, publisher):
+    configured(client, play, "-kind=4", ncards=2, frames=FRAMES)
+    begin(client)
+    end(client)
+    run, meta = sealed(broker, cards=2)
+    assert meta["lost"] == 0 and broker.meta(run)["end"] == "whole"
+    for card in range(2):
+        frames = stored(broker, run, card)
+        assert list(frames) == list(range(FRAMES))
+        for frame, counts in frames.items():
+            for chan in range(CHANS):
+                assert (counts[chan] == sent(card, chan, frame)).all()
+    start, stop = broker.entries("kestrel:runs")
+    assert start[1]["event"] == b"start" and stop[1]["event"] == b"stop" and stop[1]["frames"] == b"%d" % (2 * FRAMES)
+    # The next is another run, and knows nothing of it.
+    begin(client, 3)
+    end(client, 3)
+    assert sealed(broker, 2, 3, 2)[1]["sent"] == 6
+
+
+LONG = 200  # frames of 5 ms: the cards' clocks run ten times as fast as they say
+
+
+def freeze(broker):
+    broker.freeze(5)
+
+
+def pause(broker):
+    broker("CLIENT", "PAUSE", 3000)
+    broker.connection = None
+    time.sleep(3.2)
+
+
+def kill_clients(broker):
+    for _ in range(20):
+        broker("CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes")
+        time.sleep(0.02)
+
+
+@pytest.mark.parametrize("disturb, new_epoch", [(Broker.restart, True), (freeze, False), (pause, False), (kill_clients, False)],
+                         ids=["killed", "stopped", "paused", "clients-killed"])
+def test_the_account_is_exact_whatever_the_broker_does(client, play, broker, publisher, disturb, new_epoch):
+    configured(client, play, "-kind=4", frames=LONG)
+    begin(client, LONG, 50)
+    wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
+    disturb(broker)
+    end(client, LONG)
+    run, meta = sealed(broker, frames=LONG)
+    assert meta["epoch"] == (2 if new_epoch else 1) and meta["lost"] == 0
+    there = stored(broker, run)
+    if new_epoch:
+        again = next(f for _, f in broker.entries("kestrel:runs") if f["event"] == b"again")
+        first, last = (int(n) for n in again["gap"].decode().removeprefix("0:").split(".."))
+        assert first == 0 and last >= 20 and list(there) == list(range(last + 1, LONG))
+    else:
+        assert list(there) == list(range(LONG))
+    assert all((counts[0] == sent(0, 0, frame)).all() for frame, counts in there.items())
+    assert publisher.client().lines("show")[-1] == "* 0"
+
+
+def test_a_ring_that_is_full_costs_payloads_and_no_headers(client, play, broker, start):
+    publisher = start("-site=" + broker.site, "-ring=1", kind=Publisher)  # 32 frames
+    configured(client, play, "-kind=4", frames=LONG)
+    begin(client, LONG, 50)
+    wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
+    broker.process.send_signal(signal.SIGSTOP)
+    end(client, LONG)
+    time.sleep(0.2)
+    broker.process.send_signal(signal.SIGCONT)
+    run, meta = sealed(broker, frames=LONG)
+    there = stored(broker, run)
+    lost = [frame for frame, counts in there.items() if counts is None]
+    assert list(there) == list(range(LONG)) and len(lost) == meta["lost"] > 20
+    assert lost == list(range(lost[0], lost[-1] + 1)) and lost[-1] < LONG - 20  # the newest were kept
+    assert f"{meta['sent']} sent, {meta['lost']} lost, 0 waiting" in "".join(publisher.client().lines("show"))
+
+
+def test_a_broker_of_8_megabytes_keeps_what_fits_and_evicts_nothing(client, play, tmp_path, start, no_modules_left):
+    broker = Broker(tmp_path / "small", "--maxmemory", "8mb")
+    try:
+        start("-site=" + broker.site, kind=Publisher)
+        configured(client, play, "-kind=4", frames=LONG)
+        for runs in 1, 2, 3:
+            begin(client, LONG, 20)
+            end(client, LONG)
+            run, meta = sealed(broker, runs, LONG)
+            kept = [frame for frame, counts in stored(broker, run).items() if counts is not None]
+            assert meta["lost"] == 0 and kept == list(range(LONG - len(kept), LONG)) and len(kept) > 60
+        info = dict(line.split(":", 1) for line in broker("INFO").decode().splitlines() if ":" in line)
+        assert info["evicted_keys"] == "0" and int(info["used_memory_dataset"]) < 0.6 * 8 * 2**20
+    finally:
+        broker.close()
+
+
+def test_a_connection_cut_anywhere_costs_nothing(client, play, broker, start, tmp_path, no_modules_left):
+    proxy = Proxy(tmp_path, broker.socket)
+    try:
+        # In the midst of the first questions, of a payload, of headers, of answers.
+        proxy.cut_next(*[(up, None) for up in (1, 20, 100, 300, 700, 1500, 5000, 40000, 66500, 67500, 200000)],
+                       *[(None, down) for down in (1, 5, 8, 100, 8000, 9000, 9100, 9200, 9300, 9600, 10000)])
+        start("-site=" + proxy.site, kind=Publisher)
+        configured(client, play, "-kind=4", frames=LONG)
+        begin(client, LONG, 50)
+        end(client, LONG)
+        run, meta = sealed(broker, frames=LONG)
+        assert proxy.made > 10 and meta["lost"] == 0
+        there = stored(broker, run)
+        assert list(there) == list(range(LONG))
+        assert all((counts[0] == sent(0, 0, frame)).all() for frame, counts in there.items())
+    finally:
+        proxy.close()
+
+
+def test_a_publisher_that_was_killed_goes_on_where_it_was(client, play, broker, start, no_modules_left):
+    configured(client, play, "-kind=4", frames=LONG)
+    for frames in LONG, 5:  # once during a run, once between two
+        publisher = start("-site=" + broker.site, kind=Publisher)
+        before = len(broker.runs())
+        begin(client, frames, 50)
+        wait_until(lambda: len(broker.runs()) > before, "run")
+        publisher.process.kill()
+        publisher.process.wait()
+        publisher.process.returncode = 0  # as was meant
+        end(client, frames)
+    start("-site=" + broker.site, kind=Publisher)
+    run, meta = sealed(broker, 2, 5)
+    assert meta["lost"] == 0 and list(stored(broker, run)) == list(range(5))
+    first = broker.meta(broker.runs()[0])
+    assert first["state"] == "sealed" and int(first["frames"]) == int(first["sent"]) + int(first["lost"])
+    assert list(stored(broker, broker.runs()[0])) == list(range(int(first["frames"])))
