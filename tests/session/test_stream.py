@@ -188,3 +188,83 @@ def test_a_publisher_that_was_killed_goes_on_where_it_was(client, play, broker, 
     first = broker.meta(broker.runs()[0])
     assert first["state"] == "sealed" and int(first["frames"]) == int(first["sent"]) + int(first["lost"])
     assert list(stored(broker, broker.runs()[0])) == list(range(int(first["frames"])))
+
+
+def followed(follower, what):
+    """The follower's account, once its lines match."""
+    follower.wait_stdout(what)
+    line = next(text for text in follower.client().lines("show") if " frames: " in text)
+    return [int(word) for word in line.replace(";", "").replace(",", "").split() if word.isdigit()][:4]
+
+
+def test_a_follower_has_the_same_modules(server, client, play, broker, publisher, start, names):
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    configured(client, play, "-kind=4", ncards=2, frames=FRAMES)
+    do(client, "pulsar3 dtc set-params 0 -1 0.0 4e-7 0.0 3e-7")
+    assert do(client, "pulsar3 open-scalers 0 dtc") == 0
+    for runs in 1, 2:
+        begin(client)
+        end(client)
+        sealed(broker, runs, cards=2)
+        assert followed(follower, f"(?s)(run .* ends: whole.*){{{runs}}}") == [80 * runs, 80 * runs, 0, 0]
+        for card in range(2):
+            for kind in "hist", "tf_status":
+                assert (Module(f"{names.prefix}plr3_{kind}{card}").data == Module(f"plr3_{kind}{card}").data).all()
+    # Scalers go out when they are read.
+    do(client, f"read 0 0 0 9 {2 * CHANS} {FRAMES} from 0 to-local-file 'words' raw")
+    run = broker.runs()[-1]
+    wait_until(lambda: len(broker.entries(f"kestrel:{run}:s")) == FRAMES, "scalers")
+    assert do(client, "pulsar3 open-scalers 0") == 1
+    do(client, f"read 0 0 0 9 {2 * CHANS} {FRAMES} from 1 to-local-file 'raw' raw")
+    factors = [numpy.frombuffer(fields["factors"], "<f8") for _, fields in broker.entries(f"kestrel:{run}:s")]
+    counted, corrected = (numpy.fromfile(server.cwd / name, kind).reshape(FRAMES, 2 * CHANS, 9)
+                          for name, kind in (("raw", "<u4"), ("words", "<f8")))
+    assert numpy.array_equal(corrected[:, :, 5], counted[:, :, 5] * factors) and (numpy.array(factors) != 1).all()
+    wait_until(lambda: Module(f"{names.prefix}plr3_scalar_tf_status1").data[0].all(), "scalers of the follower")
+    for card in range(2):
+        assert (Module(f"{names.prefix}plr3_scalers{card}").data == Module(f"plr3_scalers{card}").data).all()
+
+
+def test_a_follower_names_what_is_gone_and_says_resync(client, play, broker, publisher, start, names):
+    configured(client, play, "-kind=4", frames=LONG)
+    begin(client, LONG, 50)
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
+    follower.process.send_signal(signal.SIGSTOP)
+    run = broker.runs()[0]
+    behind = int(broker.meta(run)["sent"])
+    wait_until(lambda: int(broker.meta(run)["sent"]) > behind + 20, "frames that it does not see")
+    broker.restart()  # with them, and without its files
+    wait_until(lambda: broker.runs() and broker.meta(run), "run in a new epoch")
+    deleted = int(broker.meta(run)["sent"]) + 3
+    wait_until(lambda: int(broker.meta(run)["sent"]) > deleted, "more frames")
+    broker("DEL", f"kestrel:{run}:d:0:{deleted}")
+    follower.process.send_signal(signal.SIGCONT)
+    end(client, LONG)
+    acquired, received, lost, skipped = followed(follower, f"run {run} ends: whole")
+    assert acquired == LONG == received + lost and skipped == 0 and lost > 20
+    assert "# resync: card 0 goes on at frame" in follower.stdout and f"# card 0 lost {deleted}..{deleted}" in follower.stdout
+    status = Module(f"{names.prefix}plr3_tf_status0").data
+    assert (status[0, :, 0] == 1).sum() == received and (status[0, :, 0] == 2).sum() == lost
+    here = Module(f"{names.prefix}plr3_hist0").data[0]
+    assert all((here[frame] == sent(0, 0, frame)).all() for frame in range(LONG) if status[0, frame, 0] == 1)
+
+
+def test_a_follower_of_the_newest_skips_and_one_that_was_killed_comes_back(client, play, broker, publisher, start, names):
+    configured(client, play, "-kind=4", frames=LONG)
+    begin(client, LONG, 50)
+    first = start("-site=" + broker.site, "-live", "-rename=" + names.prefix, kind=Follower)
+    wait_until(lambda: os.path.exists(f"/dev/shm/{names.prefix}plr3_tf_status0"), "modules")
+    first.process.kill()
+    first.process.wait()
+    first.process.returncode = 0
+    end(client, LONG)
+    run, _ = sealed(broker, frames=LONG)
+    again = start("-site=" + broker.site, "-live", "-rename=" + names.prefix, kind=Follower)
+    assert followed(again, f"run {run} ends: whole") == [LONG, 1, 0, LONG - 1]
+    assert (Module(f"{names.prefix}plr3_hist0").data[0, LONG - 1] == sent(0, 0, LONG - 1)).all()
+    every = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    assert followed(every, f"run {run} ends: whole") == [LONG, LONG, 0, 0]
+    # On the machine that counts, its own modules are nobody else's.
+    own = start("-site=" + broker.site, "-all", kind=Follower)
+    assert own.wait_stdout("card 0 is one of this machine's own: -rename=PREFIX")
