@@ -9,7 +9,7 @@ namespace kestrel::stream {
 
 namespace {
 
-constexpr std::size_t frames_at_once = 128, bytes_at_once = 8 << 20;
+constexpr std::size_t frames_at_once = 256, bytes_at_once = 8 << 20;
 
 std::string hexadecimal(std::uint32_t word) {
     char text[9];
@@ -168,15 +168,18 @@ bool sender::take_back(const batch &frames) {
 // Whole payloads, the oldest first, then whole runs. What is left when only one run's headers are is what it needs.
 bool sender::make_room(std::size_t bytes) {
     const std::size_t most = budget_ - std::min(budget_, bytes);
+    broker_words del;
+    del.text("DEL");
+    while (stock_.bytes() > most && stock_.payloads() > 0)
+        del.text(*stock_.take_oldest_payload());
+    if (del.words().size() > 1 && !broker_.command(del.words()))
+        return false;
     while (stock_.bytes() > most) {
-        if (const auto key = stock_.take_oldest_payload()) {
-            if (!broker_.command({"DEL", *key}))
-                return false;
-        } else if (const auto run = stock_.take_oldest_run()) {
-            if (!remove_run(*run))
-                return false;
-        } else
-            return true;
+        const auto run = stock_.take_oldest_run();
+        if (!run)
+            break;
+        if (!remove_run(*run))
+            return false;
     }
     return true;
 }
