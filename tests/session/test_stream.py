@@ -1,13 +1,17 @@
 """Runs on a broker: what a publisher tells of them, and that the account is exact whatever becomes of the broker."""
+import contextlib
 import os
+import random
 import signal
+import socket
+import threading
 import time
 
 import numpy
 import pytest
 from broker import Broker, Follower, Proxy, Publisher
 from kestrel_data import Module, do
-from kestrel_session import wait_until
+from kestrel_session import ROOT, wait_until
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import BINS, CHANS, configured, count, sent
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
@@ -268,3 +272,72 @@ def test_a_follower_of_the_newest_skips_and_one_that_was_killed_comes_back(clien
     # On the machine that counts, its own modules are nobody else's.
     own = start("-site=" + broker.site, "-all", kind=Follower)
     assert own.wait_stdout("card 0 is one of this machine's own: -rename=PREFIX")
+
+
+def test_the_roles_of_the_example_may_do_what_they_need(client, play, tmp_path, start, names, no_modules_left):
+    rules = (ROOT / "packaging" / "broker.acl").read_text()
+    (tmp_path / "acl").write_text(rules.replace("user default off", "user default on nopass ~* +@all"))
+    for role in "publisher", "follower":
+        (tmp_path / role).write_text(f"{role}:CHANGE-{role}\n")
+    broker = Broker(tmp_path / "broker", "--aclfile", tmp_path / "acl")
+    try:
+        as_role = {role: {"KESTREL_BROKER_AUTH": str(tmp_path / role)} for role in ("publisher", "follower")}
+        start("-site=" + broker.site, "-budget=1", kind=Publisher, env=as_role["publisher"])  # so that it removes, too
+        follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower, env=as_role["follower"])
+        configured(client, play, "-kind=4", frames=FRAMES)
+        begin(client)
+        end(client)
+        sealed(broker)
+        acquired, received, lost, _ = followed(follower, "ends: whole")
+        assert acquired == FRAMES == received + lost
+        begin(client)
+        end(client)
+        wait_until(lambda: any(broker.meta(run).get("state") == "sealed" for run in broker.runs()[-1:]), "second run")
+        assert [line for line in broker("ACL", "LOG")] == []
+        # One that nobody knows is told so, and goes on trying.
+        stranger = start("-site=" + broker.site, kind=Publisher, env={"KESTREL_BROKER_AUTH": str(tmp_path / "nobody")},
+                         prepare=lambda _: (tmp_path / "nobody").write_text("publisher:wrong\n"))
+        wait_until(lambda: "refuses us" in stranger.client().lines("show")[0], "refusal")
+    finally:
+        broker.close()
+
+
+NONSENSE = [b"+PONG\r\n", b":7\r\n", b"$-1\r\n", b"*-1\r\n", b"$3\r\nabc\r\n", b"-ERR no\r\n", b"*2\r\n:1\r\n$-1\r\n",
+            b"*1\r\n*2\r\n$3\r\n1-0\r\n*2\r\n$3\r\nrun\r\n$-1\r\n", b"*1\r\n*2\r\n$3\r\n9-0\r\n*4\r\n$4\r\nlost\r\n:0\r\n$3\r\nkey\r\n:1\r\n",
+            b"*1\r\n*2\r\n$20\r\n18446744073709551615\r\n*0\r\n", b"*6\r\n$5\r\nepoch\r\n$2\r\n-5\r\n$5\r\nstate\r\n:1\r\n$5\r\ncards\r\n$3\r\n0 x\r\n",
+            b"$99999999999\r\n", b"*1000000\r\n", b"junk\r\n", b""]
+
+
+def test_a_broker_that_answers_nonsense_does_no_harm(client, play, tmp_path, start, names, no_modules_left):
+    path, answers = tmp_path / "nonsense.sock", random.Random(1)
+    listener = socket.socket(socket.AF_UNIX)
+    listener.bind(str(path))
+    listener.listen()
+    asked = []
+
+    def answer(link):
+        with contextlib.suppress(OSError):
+            while data := link.recv(65536):
+                asked.append(data)
+                count = max(1, data.count(b"\r\n$4\r\n"))
+                link.sendall(b"+PONG\r\n" if b"PING" in data else b"".join(answers.choices(NONSENSE, k=count)))
+        link.close()
+
+    def accept():
+        with contextlib.suppress(OSError):
+            while True:
+                threading.Thread(target=answer, args=(listener.accept()[0],), daemon=True).start()
+
+    threading.Thread(target=accept, daemon=True).start()
+    publisher = start(f"-site=unix:{path}", kind=Publisher)
+    follower = start(f"-site=unix:{path}", "-all", "-rename=" + names.prefix, kind=Follower)
+    configured(client, play, "-kind=4", frames=FRAMES)
+    begin(client)
+    end(client)
+    wait_until(lambda: len(asked) > 60, "questions")
+    listener.shutdown(socket.SHUT_RDWR)
+    listener.close()
+    for program in publisher, follower:
+        assert program.client().lines("eval") and program.alive()
+    waiting = publisher.client().lines("show")
+    assert f"{FRAMES} frames" in waiting[1]
