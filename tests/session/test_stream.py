@@ -12,6 +12,7 @@ import pytest
 from broker import Broker, Follower, Proxy, Publisher
 from kestrel_data import Module, do
 from kestrel_session import ROOT, wait_until
+from test_control import ask
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import BINS, CHANS, configured, count, sent
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
@@ -137,6 +138,11 @@ def test_a_ring_that_is_full_costs_payloads_and_no_headers(client, play, broker,
     assert list(there) == list(range(LONG)) and len(lost) == meta["lost"] > 20
     assert lost == list(range(lost[0], lost[-1] + 1)) and lost[-1] < LONG - 20  # the newest were kept
     assert f"{meta['sent']} sent, {meta['lost']} lost, 0 waiting" in "".join(publisher.client().lines("show"))
+    told = ask(f"{os.environ['XDG_RUNTIME_DIR']}/kestrel-{publisher.port}.sock", b"metrics\n")
+    counts = {line.split()[0]: int(line.split()[1]) for line in told.splitlines() if line.startswith("kestrel_stream_")}
+    assert counts["kestrel_stream_lost_frames_total"] == meta["lost"]
+    assert counts["kestrel_stream_acquired_frames_total"] == LONG == meta["lost"] + counts["kestrel_stream_sent_frames_total"]
+    assert counts["kestrel_stream_waiting_frames"] == counts["kestrel_stream_ring_bytes"] == 0
 
 
 def test_a_broker_of_8_megabytes_keeps_what_fits_and_evicts_nothing(client, play, tmp_path, start, no_modules_left):
