@@ -8,6 +8,7 @@
 #include "server/options.h"
 
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,6 +36,7 @@ bool take_option(std::string_view argument, std::span<const program_option> opti
 }
 
 void user_main(int argc, char **argv) {
+    std::signal(SIGPIPE, SIG_IGN); // before there are threads that write to the broker
     running->begin(argc, argv);
     if (sv_options.port == 0)
         sv_options.port = running->port;

@@ -33,6 +33,9 @@ struct follow_state {
     std::atomic<bool> ending{false};
 };
 
+// A line on standard output.
+void follower_says(const std::string &line);
+
 class follower {
   public:
     follower(broker_site site, const follow_options &options, follow_state &state)

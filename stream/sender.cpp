@@ -135,8 +135,10 @@ bool sender::seal(published_run &run) {
         stop.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
         commands.push_back(std::move(stop));
     }
-    run.sealed = together(commands) == 1;
-    return run.sealed;
+    const bool done = together(commands) == 1;
+    const std::lock_guard guard(p_.mutex);
+    run.sealed = done;
+    return done;
 }
 
 // A run that begins, or is there again ("again") after its broker was away.
