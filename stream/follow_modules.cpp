@@ -76,11 +76,12 @@ bool followed_card::open(const card_shape &shape, const std::string &rename) {
     return true;
 }
 
+// What is written after a word becomes "not yet" may not be seen before it, and what was before another, not after.
 void followed_card::set_status(result_module &module, std::uint64_t frame, std::size_t plane,
                                std::span<const std::uint32_t> words) {
     for (std::size_t chan = 0; chan < words.size(); ++chan)
-        std::atomic_ref(*word_of(module, chan, frame, plane)).store(words[chan], std::memory_order_release);
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+        std::atomic_ref(*word_of(module, chan, frame, plane))
+            .exchange(words[chan], std::memory_order_acq_rel);
 }
 
 std::uint32_t *followed_card::counts_of(std::uint64_t frame, std::size_t channel) {
