@@ -13,9 +13,9 @@ namespace kestrel::display {
 
 namespace {
 
-constexpr std::size_t modules_max = 1000;  // more are not listed
-constexpr std::size_t labels_max = 512;    // of a module
-constexpr std::size_t samples = 64;        // blocks looked at for changes
+constexpr std::size_t modules_max = 1000; // more are not listed
+constexpr std::size_t labels_max = 512;   // of a module
+constexpr std::size_t samples = 64;       // blocks looked at for changes
 
 ssize_t read_at(int fd, void *to, std::size_t bytes, std::size_t offset) {
     return ::pread(fd, to, bytes, static_cast<off_t>(offset));

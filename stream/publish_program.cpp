@@ -43,7 +43,7 @@ const program_option options[] = {
 
 void begin(int argc, char **argv) {
     take_options(argc, argv, options);
-    const broker_site site = chosen_site();
+    const broker_site &site = chosen_site();
     runs = std::make_unique<publication>(ring_bytes);
     watching = std::thread([prefix = site.prefix] { watch_runs(*runs, prefix); });
     sending = std::thread([site] { sender(*runs, site, limits).send_until_end(); });

@@ -139,7 +139,7 @@ bool card_seen::has_scalers(std::uint64_t frame) const {
 }
 
 std::shared_ptr<frame_contents> card_seen::copy(std::uint64_t frame) const {
-    const auto contents = std::make_shared<frame_contents>();
+    auto contents = std::make_shared<frame_contents>();
     const std::size_t bytes = shape.auxiliaries * shape.energies * sizeof(std::uint32_t);
     std::vector<std::uint32_t> before, missing, after;
     contents->payload.resize(shape.channels * bytes);

@@ -5,8 +5,8 @@
 // steps up to the first uncertain one in lanes; take the rest one by one.
 #include "support/rate_solver.h"
 
-#include "support/rate_lanes.h"
 #include "support/dead_time.h"
+#include "support/rate_lanes.h"
 
 #include <algorithm>
 #include <array>

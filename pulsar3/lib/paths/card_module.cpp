@@ -10,7 +10,8 @@ namespace kestrel {
 namespace {
 
 bool fits(const module_view &view, const module_shape &s) {
-    return view.data_type == mod_code_of(s.element) && view.num_x == s.x && view.num_y == s.y && view.num_t == s.t;
+    return view.data_type == mod_code_of(s.element) && view.num_x == s.x && view.num_y == s.y &&
+           view.num_t == s.t;
 }
 
 } // namespace
