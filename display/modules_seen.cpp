@@ -5,18 +5,17 @@
 #include <chrono>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 namespace kestrel::display {
 
 namespace {
 
-constexpr const char *folder = "/dev/shm"; // where Linux keeps the objects
-constexpr std::size_t modules_max = 1000;  // more are not listed
-constexpr std::size_t labels_max = 512;    // of a module
-constexpr std::size_t samples = 64;        // blocks looked at for changes
+constexpr std::size_t modules_max = 1000; // more are not listed
+constexpr std::size_t labels_max = 512;   // of a module
+constexpr std::size_t samples = 64;       // blocks looked at for changes
 
 ssize_t read_at(int fd, void *to, std::size_t bytes, std::size_t offset) {
     return ::pread(fd, to, bytes, static_cast<off_t>(offset));
@@ -100,32 +99,11 @@ bool seen_module::operator==(const seen_module &other) const {
            shape.data_type == other.shape.data_type;
 }
 
-open_module open_for_reading(std::string_view name) {
-    open_module module;
-    if (name.empty() || name.front() == '.' || name.find('/') != name.npos || name.find('\0') != name.npos)
-        return module;
-    const std::string path = std::string(folder) + "/" + std::string(name);
-    unique_fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-    struct stat status {};
-    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))
-        return module;
-    alignas(mod_header3d) std::array<std::byte, sizeof(mod_header3d)> head{};
-    const ssize_t n = read_at(fd.get(), head.data(), head.size(), 0);
-    const auto size = static_cast<std::size_t>(status.st_size);
-    // The check looks at no more than the larger header of an object that has room for it.
-    if (n < 0 || static_cast<std::size_t>(n) < std::min(size, head.size()) ||
-        kestrel_module_look(head.data(), size, &module.shape) != KESTREL_MODULE_OK ||
-        module.shape.num_x == 0 || module.shape.num_y == 0 || module.shape.num_t == 0)
-        return module;
-    module.fd = std::move(fd);
-    return module;
-}
-
 std::vector<seen_module> look_at_modules(const std::vector<seen_module> &before) {
     static std::vector<std::pair<std::string, std::size_t>> prints; // of the last look, by name
     std::vector<std::pair<std::string, std::size_t>> fresh;
     std::vector<seen_module> found;
-    const std::unique_ptr<DIR, int (*)(DIR *)> objects(::opendir(folder), ::closedir);
+    const std::unique_ptr<DIR, int (*)(DIR *)> objects(::opendir(mod_folder), ::closedir);
     while (const dirent *entry = objects && found.size() < modules_max ? ::readdir(objects.get()) : nullptr) {
         const open_module module = open_for_reading(entry->d_name);
         if (!module.fd || std::string_view(entry->d_name).find_first_of("<>\"&") != std::string_view::npos)

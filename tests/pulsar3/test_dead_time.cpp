@@ -3,8 +3,8 @@
 #include "pulsar3/lib/counts/corrected.h"
 #include "pulsar3/lib/counts/dead_time.h"
 #include "pulsar3/lib/counts/histogram_read.h"
-#include "pulsar3/lib/counts/rate_solver.h"
 #include "pulsar3/lib/counts/scalers.h"
+#include "support/rate_solver.h"
 
 #include <algorithm>
 #include <bit>

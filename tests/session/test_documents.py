@@ -1,13 +1,14 @@
 """Every session shown in the documents and examples runs just so.
 
 A shown session is a block of "> command" lines, each with its reply. In a Markdown file it is a block fenced as
-```session, and ```script NAME is a file that it uses; a file's blocks are one session. ```program build/NAME OPTIONS is a
+```session, and ```script NAME is a file that it uses; a file's blocks are one session. ```program build/NAME OPTIONS, or redis-server OPTIONS, is a
 program that runs meanwhile; ```python run is a piece of a program, which may talk to the server (port 1972) and to these; the ports that its options name stand for free ones, there and behind it, but for the base
 port of cards. Progress lines ("@") are the clock's and may be missing. A session may include the scripts of examples/.
 In examples/, NAME.out is a session with the scripts beside it. "0x..." stands for any address; modules are called doc_..., and go with the test.
 """
 import pathlib
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -20,6 +21,14 @@ DOCUMENTS = [path for path in sorted([ROOT / "README.md", *(ROOT / "docs").rglob
              if "```session" in path.read_text()]
 SESSIONS = sorted(path for path in (ROOT / "examples").glob("*.out") if not path.with_suffix(".cmd").exists())
 TYPED = sorted(path for path in (ROOT / "examples").glob("*.cmd") if path.with_suffix(".out").exists())
+
+
+class Broker(Process):
+    """A redis-server on the port that the document names."""
+
+    def __init__(self, scratch, *options):
+        super().__init__(scratch, *options, "--dir", "/tmp", program=shutil.which("redis-server"))
+        self.wait_stdout("Ready to accept connections")
 
 
 class Simulator(Server):
@@ -38,7 +47,7 @@ class Simulator(Server):
 def free_ports(program, ports):
     """The program's line with the ports that it names as `ports` has them; new ones are added there."""
     names = "text|gate" if program.startswith("sim_card") else "port|gate"
-    for port in re.findall(rf"-(?:{names})=(\d+)", program):
+    for port in re.findall(rf"-(?:{names})[= ](\d+)", program):
         ports.setdefault(port, str(free_port()))
     return replace_ports(program, ports)
 
@@ -86,7 +95,7 @@ def with_examples(start):
 def test_sessions_in_documents(start, path, tmp_path, monkeypatch):
     server = with_examples(start)
     client, ports = server.client(), {}
-    blocks = re.findall(r"^```(session|python run|script (\S+)|program build/(.*?))\n(.*?)^```$", path.read_text(),
+    blocks = re.findall(r"^```(session|python run|script (\S+)|program (.*?))\n(.*?)^```$", path.read_text(),
                         re.M | re.S)
     assert blocks
     monkeypatch.chdir(tmp_path)
@@ -95,8 +104,11 @@ def test_sessions_in_documents(start, path, tmp_path, monkeypatch):
         if script:
             server.write(script, text)
         elif program:
-            name, *options = free_ports(program, ports).split()
-            start(*options, kind=Simulator, program=name)
+            name, *options = shlex.split(free_ports(program.removeprefix("build/"), ports))
+            if name == "redis-server":
+                start(*options, kind=Broker)
+            else:
+                start(*options, kind=Simulator, program=name)
         elif kind == "python run":
             exec(compile(replace_ports(text, {**ports, "1972": str(server.port)}), path.name, "exec"), program_of)
         else:

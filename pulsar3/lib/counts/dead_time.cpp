@@ -1,7 +1,7 @@
 #include "pulsar3/lib/counts/dead_time.h"
 
-#include "pulsar3/lib/counts/rate_solver.h"
 #include "support/dead_time.h"
+#include "support/rate_solver.h"
 
 #include <algorithm>
 #include <cmath>
@@ -43,20 +43,18 @@ struct channel_terms {
     dtc_terms terms;
 };
 
-double at_energy(double gradient, double offset, double energy) {
-    return gradient == 0 || energy == 0 ? offset : gradient * energy + offset;
-}
-
 channel_terms terms_of(const ChannelDTC &p, double energy, double clock_period) {
     channel_terms t;
     t.omit = (p.flags & plr3_dtc_omit) != 0;
     t.all = (p.flags & plr3_dtc_use_good_event) != 0 ? plr3_scaler_all_good : plr3_scaler_all_event;
     t.clock_period = clock_period;
     t.terms = dtc_make_terms(
-        at_energy(p.processDeadTimeAllEventGradient, p.processDeadTimeAllEventOffset, energy),
-        at_energy(p.processDeadTimeAllEventRateGradient, p.processDeadTimeAllEventRateOffset, energy),
-        at_energy(p.processDeadTimeInWindowGradient, p.processDeadTimeInWindowOffset, energy),
-        at_energy(p.processDeadTimeInWindowRateGradient, p.processDeadTimeInWindowRateOffset, energy));
+        plr3_dtc_at_energy(p.processDeadTimeAllEventGradient, p.processDeadTimeAllEventOffset, energy),
+        plr3_dtc_at_energy(p.processDeadTimeAllEventRateGradient, p.processDeadTimeAllEventRateOffset,
+                           energy),
+        plr3_dtc_at_energy(p.processDeadTimeInWindowGradient, p.processDeadTimeInWindowOffset, energy),
+        plr3_dtc_at_energy(p.processDeadTimeInWindowRateGradient, p.processDeadTimeInWindowRateOffset,
+                           energy));
     return t;
 }
 

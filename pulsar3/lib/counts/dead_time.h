@@ -38,6 +38,11 @@ int plr3_getDeadtimeCorrectionFlags(int path, int chan, int &flags);
 int plr3_setDeadtimeCalculationEnergy(int path, double energy);
 int plr3_getDeadtimeCalculationEnergy(int path, double &energy);
 
+// A parameter at an energy.
+inline double plr3_dtc_at_energy(double gradient, double offset, double energy) {
+    return gradient == 0 || energy == 0 ? offset : gradient * energy + offset;
+}
+
 // The path is open and has the channel, which may be `least` or more (-1 stands for all): 0, or a status with a text of
 // the function's.
 int plr3_check_channel(const char *function, int path, int chan, int least);

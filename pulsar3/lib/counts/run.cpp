@@ -1,6 +1,7 @@
 #include "pulsar3/lib/counts/run.h"
 
 #include "pulsar3/lib/counts/progress.h"
+#include "pulsar3/lib/counts/run_sheet.h"
 #include "pulsar3/lib/counts/shape.h"
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/registers/bits.h"
@@ -115,12 +116,14 @@ int start_system(const char *function, int path, int card, bool enable) {
     for (int one = first; one < end; ++one) // a run that is on, or was left on, ends
         if (const int status = rmw_word(path, one, timing_a, stop_mask, 0); status != 0)
             return status;
+    plr3_sheets_clear(path, first, end);
     if (const int status = plr3_follow_formats(path, first, end); status != 0)
         return status;
     for (int one = first; one < end; ++one)
         if (const int status = prepare_card(path, one); status != 0)
             return status;
     plr3_begin_progress(path, first, end);
+    plr3_sheets_begin(path, first, end);
     for (int one = end - 1; one >= first; --one)
         if (const int status = start_card(path, one, enable); status != 0)
             return status;
@@ -203,6 +206,7 @@ int note_end(int path, int card) {
     leaf.run_started = false;
     const std::uint64_t sent = (leaf.run_flags & plr3_run_hist) != 0 ? frames : 0;
     for_channels(leaf, [sent](Histogram &h) { plr3_histogram_end_run(h, sent); });
+    plr3_sheet_end(leaf, sent);
     return 0;
 }
 

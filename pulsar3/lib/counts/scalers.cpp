@@ -1,5 +1,6 @@
 #include "pulsar3/lib/counts/scalers.h"
 
+#include "pulsar3/lib/counts/run_sheet.h"
 #include "pulsar3/lib/counts/shape.h"
 
 #include <algorithm>
@@ -137,7 +138,11 @@ int fetch_box(PLR3Path &card, const module_view &view, const plr3_scaler_box &b)
     const std::size_t first = frame * count_of(b.frame) + row * count_of(b.chan) + count_of(b.scaler);
     const std::size_t last = frame * count_of(b.frame + b.num_frame - 1) +
                              row * count_of(b.chan + b.num_chan - 1) + count_of(b.scaler + b.num_scaler - 1);
-    return fetch(card, word_at(view, 0, 0, 0), first, last + 1 - first);
+    const std::vector<bool> over = plr3_frames_over(card, b.frame, b.num_frame);
+    const int status = fetch(card, word_at(view, 0, 0, 0), first, last + 1 - first);
+    if (status == 0 && b.num_scaler == plr3_nr_scalers)
+        plr3_mark_scalers(card, b.frame, over, b.chan, b.num_chan);
+    return status;
 }
 
 int read_part(const card_part &part, std::span<std::uint32_t> buffer, const plr3_scaler_box &whole,

@@ -1,6 +1,7 @@
 #include "pulsar3/lib/counts/shape.h"
 
 #include "pulsar3/lib/counts/run.h"
+#include "pulsar3/lib/counts/run_sheet.h"
 #include "pulsar3/lib/frames/count_board.h"
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/lib/paths/card_module.h"
@@ -256,7 +257,7 @@ int plr3_histogram_mkmod(PLR3Path &card) {
     if (plr3_has_histograms(card))
         if (const int status = make_histograms(card, shape); status != 0)
             return status;
-    if (plr3_sends_scalers(card))
+    if (plr3_has_histograms(card) || plr3_sends_scalers(card))
         if (const int status =
                 make_status(card.scalar_tf_status_mod, card, "plr3_scalar_tf_status", shape.frames);
             status != 0)
@@ -266,6 +267,8 @@ int plr3_histogram_mkmod(PLR3Path &card) {
                                             "plr3_scalers" + std::to_string(card.startingCard),
                                             {plr3_nr_scalers, card.chans_per_card, shape.frames}, true);
         status != 0)
+        return status;
+    if (const int status = plr3_make_run_sheet(card); status != 0)
         return status;
     place_frames(card);
     return 0;
@@ -282,8 +285,8 @@ void plr3_place_scalers(PLR3Path &card) {
 }
 
 void plr3_keep_card_modules(PLR3Path &card) {
-    for (result_module *module :
-         {&card.hist_mod, &card.tf_status_mod, &card.scalers_mod, &card.scalar_tf_status_mod})
+    for (result_module *module : {&card.hist_mod, &card.tf_status_mod, &card.scalers_mod,
+                                  &card.scalar_tf_status_mod, &card.run_sheet_mod})
         module->keep();
 }
 

@@ -10,7 +10,8 @@ namespace kestrel {
 namespace {
 
 bool fits(const module_view &view, const module_shape &s) {
-    return view.data_type == MOD_U_INT32 && view.num_x == s.x && view.num_y == s.y && view.num_t == s.t;
+    return view.data_type == mod_code_of(s.element) && view.num_x == s.x && view.num_y == s.y &&
+           view.num_t == s.t;
 }
 
 } // namespace
@@ -26,7 +27,7 @@ int plr3_make_module(result_module &module, int to, const std::string &name, con
     } else if (ours && errno != ENOENT) {
         datamod_free_name(name.c_str()); // what another process has left of it
     }
-    const module_plan plan{mod_element::u_int32, shape.x, shape.y, shape.t, shape.is_3d};
+    const module_plan plan{shape.element, shape.x, shape.y, shape.t, shape.is_3d};
     if (module.make(to, name.c_str(), plan) != 0)
         return plr3_fail(plr3_failed, "plr3_do_config: cannot make module '%s'", name.c_str());
     return 0;

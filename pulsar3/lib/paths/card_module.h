@@ -9,10 +9,11 @@
 
 namespace kestrel {
 
-// Of 32-bit words.
+// Of 32-bit words, where it does not say otherwise.
 struct module_shape {
     int x = 0, y = 0, t = 1;
     bool is_3d = true;
+    mod_element element = mod_element::u_int32;
 };
 
 // `ours`: its name is our own; a module that somebody else named is left to him when it does not fit. 0, or a status

@@ -95,7 +95,8 @@ struct PLR3Path {
     int startingCard = 0;
     Pulsar3_features features;
     UDPconnection udpsock; // for scope data
-    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod, scalar_tf_status_mod, progress_mod;
+    result_module scope_mod, hist_mod, scalers_mod, tf_status_mod, scalar_tf_status_mod, progress_mod,
+        run_sheet_mod;
     // Of a card's channels. They end before the modules go that their threads write to.
     std::array<std::unique_ptr<Histogram>, plr3_chans_per_card_max> histogram;
     std::unique_ptr<mini_readout> readout; // of a mini model that sends by itself

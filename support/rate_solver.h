@@ -1,4 +1,4 @@
-// pulsar3/lib/counts: from the rate that a channel sees to the rate that it was given: the root of the dead-time model.
+// support: from the rate that a channel sees to the rate that it was given: the root of the dead-time model.
 // Numbers only.
 //
 // The root is what 56 steps of bisection end at, to the last bit: dtc_rate_by_bisection() takes them one by one,

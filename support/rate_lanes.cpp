@@ -1,4 +1,4 @@
-#include "pulsar3/lib/counts/rate_lanes.h"
+#include "support/rate_lanes.h"
 
 #include <cstring>
 #include <limits>

@@ -3,10 +3,10 @@
 // decides are put to the model as the bisection has it. So: find the root by Newton's iteration, several lanes at a
 // time; find two numbers below and above it where the model, with all errors taken into account, is certain; take the
 // steps up to the first uncertain one in lanes; take the rest one by one.
-#include "pulsar3/lib/counts/rate_solver.h"
+#include "support/rate_solver.h"
 
-#include "pulsar3/lib/counts/rate_lanes.h"
 #include "support/dead_time.h"
+#include "support/rate_lanes.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
-// pulsar3/lib/counts: the part of finding true rates that is done for several values at a time.
+// support: the part of finding true rates that is done for several values at a time.
 #pragma once
 
-#include "pulsar3/lib/counts/rate_solver.h"
+#include "support/rate_solver.h"
 
 #include <array>
 #include <cstddef>

@@ -1,0 +1,20 @@
+#include "stream/publication.h"
+
+namespace kestrel::stream {
+
+frame_account publication::total(const published_run &run) const {
+    frame_account sum;
+    for (const run_lane &lane : run.lanes)
+        if (lane.card >= 0)
+            sum += ring.account(lane.number);
+    return sum;
+}
+
+frame_account publication::total() const {
+    frame_account sum = before;
+    for (const auto &run : runs)
+        sum += total(*run);
+    return sum;
+}
+
+} // namespace kestrel::stream

@@ -1,0 +1,31 @@
+// stream: a stream of the broker, read page by page.
+#pragma once
+
+#include "stream/entries.h"
+
+#include <string>
+#include <string_view>
+
+namespace kestrel::stream {
+
+// f(frame, fields) for each entry of a stream from a frame on; false when the connection failed.
+template <class F> bool for_entries(broker &b, const std::string &stream, std::uint64_t from, F f) {
+    constexpr std::size_t entries_at_once = 1000;
+    const std::string count = std::to_string(entries_at_once);
+    for (;;) {
+        const broker_reply page = b.command({"XRANGE", stream, entry_id(from), "+", "COUNT", count});
+        if (!page)
+            return false;
+        for (std::size_t i = 0; i < page.size(); ++i) {
+            const auto frame = frame_of_entry(page.at(i).at(0).text().value_or(""));
+            if (!frame || *frame < from)
+                return true; // no stream of ours
+            f(*frame, page.at(i).at(1));
+            from = *frame + 1;
+        }
+        if (page.size() < entries_at_once)
+            return true;
+    }
+}
+
+} // namespace kestrel::stream

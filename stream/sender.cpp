@@ -1,0 +1,175 @@
+#include "stream/sender.h"
+
+#include <algorithm>
+
+namespace kestrel::stream {
+
+namespace {
+
+constexpr std::chrono::milliseconds longest_sleep{200}, pause_when_full{100};
+
+std::string seconds_of(std::int64_t us) {
+    return std::to_string(us / 1000000) + "." + std::to_string(1000000 + us % 1000000).substr(1);
+}
+
+} // namespace
+
+void sender::send_until_end() {
+    std::unique_lock lock(p_.mutex);
+    while (!p_.ending) {
+        const std::uint64_t changes = p_.changes;
+        lock.unlock();
+        const bool more = turn();
+        lock.lock();
+        if (!more)
+            p_.news.wait_for(lock, broker_.is_connected() ? longest_sleep : broker_back_off::shortest,
+                             [&] { return p_.ending || (broker_.is_connected() && p_.changes != changes); });
+    }
+}
+
+bool sender::turn() {
+    if (!broker_.is_connected()) {
+        if (broker_.ready() && !recover() && broker_.is_connected())
+            broker_.refuse("the broker does not take what it is told");
+        if (!broker_.is_connected()) {
+            note_state();
+            return false;
+        }
+    }
+    apply_known();
+    bool more = false;
+    if (std::chrono::steady_clock::now() >= refused_ + pause_when_full) {
+        batch frames = collect();
+        more = !frames.empty() && send(frames);
+    }
+    std::vector<std::shared_ptr<published_run>> runs;
+    {
+        const std::lock_guard guard(p_.mutex);
+        runs.assign(p_.runs.begin(), p_.runs.end());
+    }
+    for (const auto &run : runs) {
+        if (run->epoch == 0 && broker_.is_connected() && recover_run(*run))
+            more = true;
+        if (run->epoch > 0 && broker_.is_connected() && !run->sealed)
+            seal(*run);
+    }
+    if (broker_.is_connected())
+        seal_strangers();
+    note_state();
+    return more;
+}
+
+void sender::note_state() {
+    const std::lock_guard guard(p_.mutex);
+    p_.broker.connected = broker_.is_connected();
+    p_.broker.cause = broker_.cause();
+    p_.broker.bytes = stock_.bytes();
+    p_.broker.budget = budget_;
+    // What was sealed, and gets nothing more, is remembered as numbers only.
+    while (!p_.runs.empty() && p_.runs.front()->cut && p_.runs.front()->sealed) {
+        const published_run &run = *p_.runs.front();
+        p_.before += p_.total(run);
+        for (const run_lane &lane : run.lanes)
+            p_.ring.remove_lane(lane.number);
+        p_.runs.pop_front();
+    }
+}
+
+int sender::together(const std::vector<broker_words> &commands) {
+    broker_.append({"MULTI"});
+    for (const broker_words &c : commands)
+        broker_.append(c.words());
+    broker_.append({"EXEC"});
+    for (std::size_t i = 0; i <= commands.size(); ++i)
+        if (!broker_.next())
+            return -1;
+    const broker_reply done = broker_.next();
+    if (!done)
+        return -1;
+    bool good = done.size() == commands.size();
+    for (std::size_t i = 0; i < done.size(); ++i)
+        good = good && !done.at(i).error();
+    if (done.size() > 0 && !good)
+        broker_.disconnect(); // a part of it: what the broker has is read again
+    return good ? 1 : done.size() > 0 ? -1 : 0;
+}
+
+// The mutex is held.
+broker_words sender::meta_of(const published_run &run, const char *state, const char *end,
+                             std::span<const outgoing> told) const {
+    broker_words words;
+    words.text("HSET").text(broker_.key(meta_key(run.id))).field("state", std::string(state));
+    words.field("epoch", run.epoch).field("broker", broker_run_);
+    if (*end != '\0')
+        words.field("end", std::string(end));
+    frame_account sum;
+    for (std::size_t lane = 0; lane < run.lanes.size(); ++lane) {
+        frame_account a = p_.ring.account(run.lanes[lane].number);
+        for (const outgoing &o : told)
+            if (o.run.get() == &run && o.lane == lane)
+                ++(o.stored ? a.sent : a.lost);
+        const int card = run.lanes[lane].card;
+        const std::string name = card < 0 ? "scalers" : std::to_string(card);
+        for (const auto &[what, n] : {std::pair{"frames:", a.acquired}, {"sent:", a.sent}, {"lost:", a.lost}})
+            words.text(what + name).text(std::to_string(n));
+        if (card >= 0)
+            sum += a;
+    }
+    words.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
+    return words;
+}
+
+// The end of a run that is over, or cut short, once the broker knows of each frame.
+bool sender::seal(published_run &run) {
+    std::vector<broker_words> commands;
+    {
+        const std::lock_guard guard(p_.mutex);
+        if ((!run.over && !run.cut) || p_.total(run).waiting() > 0)
+            return false;
+        commands.push_back(meta_of(run, "sealed", run.over ? "whole" : "cut"));
+        const frame_account sum = p_.total(run);
+        broker_words stop;
+        stop.text("XADD").text(broker_.key("runs")).text("*").field("event", std::string("stop"));
+        stop.field("run", run.id).field("time", seconds_of(now_us())).field("epoch", run.epoch);
+        stop.field("end", std::string(run.over ? "whole" : "cut"));
+        stop.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
+        commands.push_back(std::move(stop));
+    }
+    const bool done = together(commands) == 1;
+    const std::lock_guard guard(p_.mutex);
+    run.sealed = done;
+    return done;
+}
+
+// A run that begins, or is there again ("again") after its broker was away.
+bool sender::announce(published_run &run, const std::string &event, const std::string &gaps) {
+    std::vector<broker_words> commands;
+    {
+        const std::lock_guard guard(p_.mutex);
+        commands.push_back(meta_of(run, run.over || run.cut ? "stopped" : "armed"));
+    }
+    std::string cards, shapes;
+    for (const card_shape &card : run.cards) {
+        cards += (cards.empty() ? "" : " ") + std::to_string(card.index);
+        shapes += (shapes.empty() ? "" : " ") + shape_text(card);
+    }
+    broker_words &meta = commands.front();
+    meta.field("begun", seconds_of(run.begun_us)).field("cards", cards).field("shapes", shapes);
+    meta.field("settings", run.settings);
+    broker_words start;
+    start.text("XADD").text(broker_.key("runs")).text("*").field("event", event).field("run", run.id);
+    start.field("time", seconds_of(run.begun_us)).field("epoch", run.epoch).field("cards", cards);
+    start.field("shapes", shapes).field("settings", run.settings);
+    if (!gaps.empty())
+        start.field("gap", gaps);
+    const std::size_t bytes = start.size() + meta.size();
+    commands.push_back(std::move(start));
+    if (together(commands) != 1)
+        return false;
+    if (std::ranges::find(stock_.runs(), run.id, &broker_stock::run_kept::run) == stock_.runs().end())
+        stock_.add_run(run.id);
+    stock_.add_headers(run.id, broker_cost(bytes));
+    return true;
+}
+
+} // namespace kestrel::stream

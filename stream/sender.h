@@ -1,0 +1,86 @@
+// stream: the publisher's hand: tells the broker of runs and frames, and takes away what there is no more room for. One
+// thread, which alone waits for the broker.
+#pragma once
+
+#include "stream/broker.h"
+#include "stream/entries.h"
+#include "stream/publication.h"
+#include "stream/stock.h"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace kestrel::stream {
+
+struct sender_limits {
+    std::chrono::seconds keep{3600}; // a payload's life
+    std::size_t budget = 0;          // bytes at the broker; 0: what the share of its maxmemory is
+};
+
+class sender {
+  public:
+    sender(publication &p, broker_site site, const sender_limits &limits)
+        : p_(p), broker_(std::move(site)), limits_(limits) {}
+
+    void send_until_end();
+
+  private:
+    // A frame on its way, and what becomes of it.
+    struct outgoing {
+        std::shared_ptr<published_run> run;
+        std::size_t lane = 0;
+        frame_ring::next_frame frame;
+        bool stored = false;
+    };
+    using batch = std::vector<outgoing>;
+
+    bool turn(); // whether there may be more at once
+    void note_state();
+
+    // sender_recover.cpp: after a connection was made, the broker is asked what it has.
+    bool recover();
+    bool read_broker();
+    bool take_stock();
+    bool take_stock_of(const std::string &run);
+    bool take_stock_of_frames(const std::string &run, int card);
+    bool forget_doubtful();
+    bool recover_run(published_run &run);
+    bool recover_lane(run_lane &lane, std::uint64_t told, std::string &gap);
+    bool read_fates(run_lane &lane, std::uint64_t from);
+    bool announce(published_run &run, const std::string &event, const std::string &gaps);
+    bool seal_strangers();
+    void apply_known();
+
+    // sender_frames.cpp
+    batch collect();
+    bool send(batch &frames);
+    bool store_payloads(batch &frames);
+    bool tell(batch &frames);
+    bool take_back(const batch &frames); // payloads without a header
+    broker_words header_of(const outgoing &o) const;
+    broker_words scalers_of(const outgoing &o) const;
+    bool make_room(std::size_t bytes);
+    bool remove_run(const std::string &run);
+
+    // Commands that count all together or not at all: 1 done, 0 refused, -1 the connection failed.
+    int together(const std::vector<broker_words> &commands);
+    // `told`: frames that the same transaction tells of.
+    broker_words meta_of(const published_run &run, const char *state, const char *end = "",
+                         std::span<const outgoing> told = {}) const;
+    bool seal(published_run &run);
+    std::string payload_of(const outgoing &o) const;
+
+    publication &p_;
+    broker broker_;
+    sender_limits limits_;
+    broker_stock stock_;
+    std::string broker_run_; // which life of the broker it is
+    std::size_t budget_ = 0;
+    bool has_stock_ = false, strangers_sealed_ = false;
+    std::vector<std::string> strangers_;              // runs there that are not ours and not sealed
+    batch doubtful_;                                  // whose fate a lost connection has left open
+    std::chrono::steady_clock::time_point refused_{}; // the broker had no room
+};
+
+} // namespace kestrel::stream

@@ -1,0 +1,204 @@
+// stream: frames on their way to the broker: first the payloads, then, all together, the headers that say which of them
+// are there. A header that is refused has its payload taken back.
+#include "stream/sender.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace kestrel::stream {
+
+namespace {
+
+constexpr std::size_t frames_at_once = 256, bytes_at_once = 8 << 20;
+
+std::string hexadecimal(std::uint32_t word) {
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", word);
+    return text;
+}
+
+} // namespace
+
+std::string sender::payload_of(const outgoing &o) const {
+    return broker_.key(payload_key(o.run->id, o.run->lanes[o.lane].card, o.frame.frame));
+}
+
+// The oldest run's first; a frame of each lane in turn, so that cards keep step.
+sender::batch sender::collect() {
+    batch frames;
+    std::size_t bytes = 0;
+    const std::size_t bytes_most = std::min(bytes_at_once, std::max<std::size_t>(budget_ / 8, 1));
+    const std::lock_guard guard(p_.mutex);
+    for (const auto &run : p_.runs)
+        for (std::uint64_t ahead = 0; run->epoch > 0; ++ahead) {
+            bool any = false;
+            for (std::size_t lane = 0; lane < run->lanes.size(); ++lane) {
+                if (!run->lanes[lane].known.empty())
+                    continue;
+                const auto next = p_.ring.next(run->lanes[lane].number, ahead);
+                if (!next)
+                    continue;
+                const std::size_t size = next->contents ? next->contents->payload.size() : 0;
+                if (frames.size() == frames_at_once || (!frames.empty() && bytes + size > bytes_most))
+                    return frames;
+                bytes += size;
+                frames.push_back({run, lane, *next, false});
+                any = true;
+            }
+            if (!any)
+                break;
+        }
+    return frames;
+}
+
+bool sender::send(batch &frames) {
+    std::size_t bytes = 0;
+    for (const outgoing &o : frames)
+        bytes += broker_cost(o.frame.contents ? o.frame.contents->payload.size() : 0) + broker_cost(256);
+    stock_.expire(broker_stock::clock::now());
+    doubtful_ = frames;
+    const bool done = make_room(bytes) && store_payloads(frames) && tell(frames);
+    if (broker_.is_connected())
+        doubtful_.clear();
+    return done;
+}
+
+bool sender::store_payloads(batch &frames) {
+    const std::string keep = std::to_string(limits_.keep.count());
+    const auto expires = broker_stock::clock::now() + limits_.keep;
+    const auto has_payload = [](const outgoing &o) {
+        return o.frame.contents && o.run->lanes[o.lane].card >= 0;
+    };
+    for (const outgoing &o : frames)
+        if (has_payload(o)) {
+            broker_words set;
+            set.text("SET").text(payload_of(o)).bytes(o.frame.contents->payload).text("EX").text(keep);
+            if (!broker_.append(set.words()))
+                return false;
+        }
+    for (outgoing &o : frames) {
+        if (!has_payload(o)) {
+            o.stored = o.frame.contents != nullptr; // scalers lie in the entry itself
+            continue;
+        }
+        const broker_reply done = broker_.next();
+        if (!done)
+            return false;
+        o.stored = done.is_ok(); // refused for want of room: the frame is lost, and told of
+        if (o.stored)
+            stock_.add_payload(payload_of(o), o.frame.contents->payload.size(), expires);
+    }
+    return true;
+}
+
+broker_words sender::header_of(const outgoing &o) const {
+    const run_lane &lane = o.run->lanes[o.lane];
+    const card_shape &card = o.run->cards[o.lane];
+    broker_words words;
+    words.text("XADD").text(lane.stream).text(entry_id(o.frame.frame));
+    words.field("time", std::to_string(o.frame.time_us)).field("lost", o.stored ? 0U : 1U);
+    if (!o.stored)
+        return words;
+    const frame_contents &c = *o.frame.contents;
+    words.field("key", payload_of(o)).field("bytes", c.payload.size()).field("crc32c", hexadecimal(c.crc));
+    words.field("dtype", std::string("<u4"));
+    words.field("shape", std::to_string(card.channels) + "," + std::to_string(card.auxiliaries) + "," +
+                             std::to_string(card.energies));
+    words.field("axes", std::string("channel,auxiliary_bin,energy")).field("units", std::string(",,bin"));
+    words.field("status", c.status).field("missing", c.missing);
+    return words;
+}
+
+broker_words sender::scalers_of(const outgoing &o) const {
+    broker_words words;
+    words.text("XADD").text(o.run->lanes[o.lane].stream).text(entry_id(o.frame.frame));
+    words.field("time", std::to_string(o.frame.time_us)).field("lost", o.stored ? 0U : 1U);
+    if (!o.stored)
+        return words;
+    const frame_contents &c = *o.frame.contents;
+    constexpr std::size_t counted = scalers_a_channel * sizeof(std::uint32_t);
+    const std::size_t channels = c.payload.size() / (counted + sizeof(double));
+    const auto bytes = std::span(c.payload);
+    words.field("shape", std::to_string(channels) + "," + std::to_string(scalers_a_channel));
+    words.field("axes", std::string("channel,scaler")).field("units", std::string(","));
+    words.field("crc32c", hexadecimal(c.crc));
+    words.field("dtype:scalers", std::string("<u4")).text("scalers").bytes(bytes.first(channels * counted));
+    words.field("dtype:factors", std::string("<f8")).text("factors").bytes(bytes.subspan(channels * counted));
+    return words;
+}
+
+bool sender::tell(batch &frames) {
+    std::vector<broker_words> commands;
+    for (const outgoing &o : frames)
+        commands.push_back(o.run->lanes[o.lane].card < 0 ? scalers_of(o) : header_of(o));
+    {
+        const std::lock_guard guard(p_.mutex);
+        for (std::size_t i = 0; i < frames.size(); ++i)
+            if (const published_run &run = *frames[i].run;
+                i + 1 == frames.size() || frames[i + 1].run.get() != &run)
+                commands.push_back(meta_of(run, run.over || run.cut ? "stopped" : "running", "", frames));
+    }
+    const int done = together(commands);
+    if (done < 0)
+        return false;
+    if (done == 0) {
+        refused_ = std::chrono::steady_clock::now();
+        if (take_back(frames))
+            make_room(budget_ / 8);
+        return false;
+    }
+    const std::lock_guard guard(p_.mutex);
+    for (std::size_t i = 0; i < frames.size(); ++i) {
+        p_.ring.told(frames[i].run->lanes[frames[i].lane].number, !frames[i].stored);
+        stock_.add_headers(frames[i].run->id, broker_cost(commands[i].size()));
+    }
+    return true;
+}
+
+bool sender::take_back(const batch &frames) {
+    for (const outgoing &o : frames)
+        if (o.stored && o.run->lanes[o.lane].card >= 0) {
+            stock_.forget_payload(payload_of(o));
+            if (!broker_.command({"DEL", payload_of(o)}))
+                return false;
+        }
+    return true;
+}
+
+// Whole payloads, the oldest first, then whole runs. What is left when only one run's headers are is what it needs.
+bool sender::make_room(std::size_t bytes) {
+    const std::size_t most = budget_ - std::min(budget_, bytes);
+    broker_words del;
+    del.text("DEL");
+    while (stock_.bytes() > most && stock_.payloads() > 0)
+        del.text(*stock_.take_oldest_payload());
+    if (del.words().size() > 1 && !broker_.command(del.words()))
+        return false;
+    while (stock_.bytes() > most) {
+        const auto run = stock_.take_oldest_run();
+        if (!run)
+            break;
+        if (!remove_run(*run))
+            return false;
+    }
+    return true;
+}
+
+// Its keys, and its entries in the list of runs.
+bool sender::remove_run(const std::string &run) {
+    const broker_reply cards = broker_.command({"HGET", broker_.key(meta_key(run)), "cards"});
+    std::string_view list = cards.text().value_or("");
+    while (!list.empty()) {
+        const std::size_t end = std::min(list.find(' '), list.size());
+        broker_.command({"DEL", broker_.key(run + ":f:" + std::string(list.substr(0, end)))});
+        list.remove_prefix(std::min(end + 1, list.size()));
+    }
+    broker_.command({"DEL", broker_.key(scalers_key(run)), broker_.key(meta_key(run))});
+    const broker_reply entries = broker_.command({"XRANGE", broker_.key("runs"), "-", "+"});
+    for (std::size_t i = 0; i < entries.size(); ++i)
+        if (const auto id = entries.at(i).at(0).text(); id && entries.at(i).at(1).field("run").text() == run)
+            broker_.command({"XDEL", broker_.key("runs"), *id});
+    return broker_.is_connected();
+}
+
+} // namespace kestrel::stream

@@ -1,0 +1,154 @@
+// stream: what the broker has, asked after each connection that was made. It may be the same broker, one that was started
+// anew with or without its data, or a replica that has become the master: what it says is what counts.
+#include "stream/read_entries.h"
+#include "stream/sender.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace kestrel::stream {
+
+namespace {
+
+constexpr std::size_t usual_budget = std::size_t{256} << 20; // of a broker without a limit
+constexpr std::size_t share_percent = 55;                    // of its maxmemory, all of our keys together
+
+// The value of "name:value" in what INFO says.
+std::string_view info_of(std::string_view info, std::string_view name) {
+    const std::size_t at = info.find("\n" + std::string(name) + ":");
+    if (at == info.npos)
+        return {};
+    info.remove_prefix(at + name.size() + 2);
+    return info.substr(0, info.find_first_of("\r\n"));
+}
+
+std::size_t number_of(std::string_view text) {
+    std::size_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
+} // namespace
+
+bool sender::recover() {
+    {
+        const std::lock_guard guard(p_.mutex);
+        ++p_.broker.connections;
+    }
+    if (!read_broker() || !take_stock() || !forget_doubtful())
+        return false;
+    std::vector<std::shared_ptr<published_run>> runs;
+    {
+        const std::lock_guard guard(p_.mutex);
+        runs.assign(p_.runs.begin(), p_.runs.end());
+    }
+    return std::ranges::all_of(runs, [this](const auto &run) { return recover_run(*run); });
+}
+
+// Which life of which broker it is, and how much of its memory is ours.
+bool sender::read_broker() {
+    const broker_reply server = broker_.command({"INFO", "server"}),
+                       memory = broker_.command({"INFO", "memory"});
+    if (!server.text() || !memory.text()) {
+        broker_.refuse("the broker does not tell of itself (INFO)");
+        return false;
+    }
+    const std::string run(info_of(*server.text(), "run_id"));
+    has_stock_ = has_stock_ && run == broker_run_;
+    broker_run_ = run;
+    const std::size_t most = number_of(info_of(*memory.text(), "maxmemory"));
+    budget_ = most == 0 ? usual_budget : most / 100 * share_percent;
+    if (limits_.budget > 0)
+        budget_ = most == 0 ? limits_.budget : std::min(budget_, limits_.budget);
+    return true;
+}
+
+// Payloads that were on their way when the connection was lost: they are sent again, or are no payloads of ours.
+bool sender::forget_doubtful() {
+    for (const outgoing &o : doubtful_) {
+        const run_lane &lane = o.run->lanes[o.lane];
+        if (lane.card < 0)
+            continue;
+        const broker_reply there =
+            broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
+        if (!there)
+            return false;
+        if (there.size() > 0)
+            continue;
+        stock_.forget_payload(payload_of(o));
+        if (!broker_.command({"DEL", payload_of(o)}))
+            return false;
+    }
+    doubtful_.clear();
+    return true;
+}
+
+bool sender::recover_run(published_run &run) {
+    const broker_reply meta =
+        broker_.command({"HMGET", broker_.key(meta_key(run.id)), "epoch", "broker", "state"});
+    if (!meta)
+        return false;
+    const auto epoch = static_cast<std::uint64_t>(std::max(0LL, meta.at(0).integer().value_or(0)));
+    const bool same = epoch > 0 && epoch >= run.epoch && meta.at(1).text() == broker_run_;
+    std::string gaps;
+    for (run_lane &lane : run.lanes) {
+        std::uint64_t told = 0;
+        {
+            const std::lock_guard guard(p_.mutex);
+            told = p_.ring.account(lane.number).told();
+        }
+        if (!recover_lane(lane, told, gaps))
+            return false;
+    }
+    std::erase(strangers_, run.id);
+    const bool first = epoch == 0 && run.epoch == 0;
+    const bool goes_on = same && gaps.empty();
+    const std::uint64_t before = run.epoch;
+    {
+        const std::lock_guard guard(p_.mutex);
+        run.epoch = goes_on ? epoch : std::max(epoch, run.epoch) + 1;
+        run.sealed = goes_on && meta.at(2).text() == "sealed";
+        p_.broker.epochs += goes_on || first ? 0 : 1;
+    }
+    if (goes_on || announce(run, first ? "start" : "again", gaps))
+        return true;
+    const std::lock_guard guard(p_.mutex);
+    run.epoch = before;
+    return false;
+}
+
+// Frames that it knows of and we do not have learnt, or the other way round: a gap.
+bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::string &gaps) {
+    const broker_reply last = broker_.command({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
+    if (!last)
+        return false;
+    const auto frame = frame_of_entry(last.at(0).at(0).text().value_or(""));
+    const std::uint64_t there = frame ? *frame + 1 : 0;
+    lane.known.clear();
+    if (there < told)
+        gaps += (gaps.empty() ? "" : " ") + (lane.card < 0 ? "scalers" : std::to_string(lane.card)) + ":" +
+                std::to_string(there) + ".." + std::to_string(told - 1);
+    return there <= told || read_fates(lane, told);
+}
+
+bool sender::read_fates(run_lane &lane, std::uint64_t from) {
+    std::uint64_t next = from;
+    return for_entries(broker_, lane.stream, from, [&](std::uint64_t frame, broker_value fields) {
+        for (; next < frame; ++next)
+            lane.known.push_back(true); // of a gap that was announced
+        lane.known.push_back(fields.field("lost").text() != "0");
+        ++next;
+    });
+}
+
+void sender::apply_known() {
+    const std::lock_guard guard(p_.mutex);
+    for (const auto &run : p_.runs)
+        for (run_lane &lane : run->lanes)
+            while (!lane.known.empty() && p_.ring.account(lane.number).waiting() > 0) {
+                p_.ring.told(lane.number, lane.known.front());
+                lane.known.pop_front();
+            }
+}
+
+} // namespace kestrel::stream
