@@ -17,6 +17,7 @@ using steady = std::chrono::steady_clock;
 constexpr auto look_every = std::chrono::milliseconds(500);
 constexpr auto nobody_for = std::chrono::seconds(2); // before it is said
 constexpr int most_lines = 20;                       // of one sort
+constexpr int most_idle_looks = 2;                   // at workers who do not get what is sent: it is lost
 
 std::uint64_t new_id() {
     std::random_device random;
@@ -66,7 +67,7 @@ class far_fit {
     peak_fit_counts counts_;
     bool away_ = false;  // the broker; and its line is printed
     bool alone_ = false; // nobody works; and its line is printed
-    int workers_ = 0, refused_ = 0;
+    int workers_ = 0, refused_ = 0, idle_looks_ = 0;
     steady::time_point look_at_{}, worker_seen_ = steady::now();
 };
 
@@ -113,7 +114,7 @@ void far_fit::begin_again() {
     post_.withdraw(entries_out());
     post_.announce();
     ledger_.all_again();
-    look_at_ = {};
+    idle_looks_ = 0;
 }
 
 void far_fit::check_refusal() {
@@ -180,7 +181,10 @@ void far_fit::look_after() {
         return;
     look_at_ = steady::now() + look_every;
     const std::vector<std::string> out = entries_out();
-    if (!post_.keep_alive(!out.empty()))
+    const fit_post::holding held = post_.keep_alive();
+    const bool in_vain = held == fit_post::holding::job && workers_ > 0 && !out.empty();
+    idle_looks_ = in_vain ? idle_looks_ + 1 : 0;
+    if (held == fit_post::holding::nothing || idle_looks_ >= most_idle_looks)
         return begin_again();
     const std::vector<std::string> dead = post_.claim(out, ledger_.patience());
     post_.withdraw(dead);

@@ -1,5 +1,6 @@
 #include "stream/fits/post.h"
 
+#include <algorithm>
 #include <climits>
 
 namespace kestrel::stream {
@@ -7,13 +8,14 @@ namespace kestrel::stream {
 namespace {
 
 constexpr long long lately = 3000, long_ago = 600000; // ms
+constexpr long long most_workers = 100000;
 
 } // namespace
 
 fit_post::fit_post(broker_site site, const fit_job &job)
     : broker_(std::move(site)), id_(fit_id_text(job.id)), job_(fit_encode_job(job)),
-      stream_(fit_stream_key(broker_.site())), consumer_(std::string(fit_command_prefix) + id_),
-      keys_(fit_keys_of(broker_.site(), job.id)) {}
+      stream_(fit_stream_key(broker_.site())), workers_(fit_workers_key(broker_.site())),
+      consumer_("command-" + id_), keys_(fit_keys_of(broker_.site(), job.id)) {}
 
 void fit_post::note(const broker_value &reply) {
     if (const auto error = reply.error())
@@ -82,43 +84,46 @@ std::vector<std::string> fit_post::claim(std::span<const std::string> entries,
     return claimed;
 }
 
-// A worker that ends a block takes it out of the stream and says so in the list, in one transaction.
-bool fit_post::keep_alive(bool some_are_sent) {
+// A worker that ends a block gives it out of its hands and says so in the list, in one transaction.
+fit_post::holding fit_post::keep_alive() {
     ask({"PEXPIRE", keys_.results, fit_job_life});
     ask({"PEXPIRE", keys_.done, fit_job_life});
     ask({"MULTI"});
     ask({"PEXPIRE", keys_.job, fit_job_life});
     ask({"PEXPIRE", stream_, fit_stream_life});
-    ask({"XLEN", stream_});
+    ask({"XPENDING", stream_, fit_group});
     ask({"LLEN", keys_.done});
     const broker_reply all = ask({"EXEC"});
     if (all.size() != 4)
-        return true; // not known: the broker is gone, or refuses
-    const bool kept = all.at(0).integer() == 1 && all.at(1).integer() == 1;
-    return kept && (!some_are_sent || all.at(2).integer() != 0 || all.at(3).integer() != 0);
+        return holding::work; // not known: the broker is gone, or refuses
+    if (all.at(0).integer() != 1 || all.at(1).integer() != 1 || all.at(2).error())
+        return holding::nothing;
+    return all.at(2).at(0).integer() == 0 && all.at(3).integer() == 0 ? holding::job : holding::work;
 }
 
 int fit_post::workers() {
+    const std::string then = std::to_string(fit_broker_time(broker_) - lately);
+    const broker_reply count = ask({"ZCOUNT", workers_, then, "+inf"});
+    return static_cast<int>(std::clamp<long long>(count.integer().value_or(-1), -1, most_workers));
+}
+
+void fit_post::forget_workers() {
+    const std::string then = std::to_string(fit_broker_time(broker_) - long_ago);
+    ask({"ZREMRANGEBYSCORE", workers_, "-inf", then});
     const broker_reply consumers = broker_.command({"XINFO", "CONSUMERS", stream_, fit_group});
-    if (consumers.error() || !consumers)
-        return -1;
-    int alive = 0;
     for (std::size_t i = 0; i < consumers.size(); ++i) {
-        const broker_value consumer = consumers.at(i);
-        const auto name = consumer.field("name").text();
-        const long long idle = consumer.field("idle").integer().value_or(long_ago);
-        if (name && idle > long_ago && consumer.field("pending").integer() == 0)
+        const auto name = consumers.at(i).field("name").text();
+        if (name && consumers.at(i).field("idle").integer() > long_ago &&
+            consumers.at(i).field("pending").integer() == 0)
             ask({"XGROUP", "DELCONSUMER", stream_, fit_group, *name});
-        else if (name && idle < lately && !name->starts_with(fit_command_prefix))
-            ++alive;
     }
-    return alive;
 }
 
 void fit_post::remove(std::span<const std::string> entries) {
     ask({"DEL", keys_.job, keys_.results, keys_.done});
     withdraw(entries);
     ask({"XGROUP", "DELCONSUMER", stream_, fit_group, consumer_});
+    forget_workers();
 }
 
 } // namespace kestrel::stream

@@ -34,11 +34,13 @@ class fit_post {
     void withdraw(std::span<const std::string> entries);
     // Those of the blocks whose worker has said nothing for so long.
     std::vector<std::string> claim(std::span<const std::string> entries, std::chrono::milliseconds patience);
-    // Prolongs the life of all keys; false when blocks that were sent are no longer there.
-    bool keep_alive(bool some_are_sent);
-    // How many have answered lately, and -1 when that cannot be told; who is gone for long is forgotten.
+    // Prolongs the life of all keys, and says what the broker has: the job, with blocks in some worker's hands or done;
+    // the job alone; or less.
+    enum class holding { work, job, nothing };
+    holding keep_alive();
+    // How many have said lately that they work; -1 when that cannot be told.
     int workers();
-    // Removes what the job has at the broker.
+    // Removes what the job has at the broker, and the names of workers that are gone for long.
     void remove(std::span<const std::string> entries);
 
   private:
@@ -47,9 +49,10 @@ class fit_post {
         return ask(std::span(words.begin(), words.size()));
     }
     void note(const broker_value &reply);
+    void forget_workers();
 
     broker broker_;
-    std::string id_, job_, stream_, consumer_, refusal_;
+    std::string id_, job_, stream_, workers_, consumer_, refusal_;
     fit_keys keys_;
 };
 

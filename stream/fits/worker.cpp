@@ -17,6 +17,7 @@ namespace {
 using steady = std::chrono::steady_clock;
 constexpr int nobody = -1; // in place of a session: standard output
 constexpr auto beat_every = std::chrono::milliseconds(200);
+constexpr auto present_every = std::chrono::seconds(1);
 constexpr auto sweep_every = std::chrono::seconds(10);
 constexpr const char *forgotten = "60000"; // ms without a word: its command would have claimed it
 constexpr const char *wait_most = "1000";  // ms for a block
@@ -42,7 +43,8 @@ int microseconds_since(steady::time_point begin) {
 } // namespace
 
 fit_worker::fit_worker(broker_site site, const volatile std::sig_atomic_t &quit)
-    : broker_(std::move(site)), quit_(quit), name_(new_name()), stream_(fit_stream_key(broker_.site())) {}
+    : broker_(std::move(site)), quit_(quit), name_(new_name()), stream_(fit_stream_key(broker_.site())),
+      workers_(fit_workers_key(broker_.site())) {}
 
 void fit_worker::refuse(const std::string &what, const std::string &cause) {
     say("! " + what + " is refused: " + cause);
@@ -56,11 +58,19 @@ bool fit_worker::connected() {
         return true;
     }
     if (!away_)
-        say("# The broker " + broker_.site().text() + " is away (" + broker_.cause() +
-                             "): trying again");
+        say("# The broker " + broker_.site().text() + " is away (" + broker_.cause() + "): trying again");
     away_ = true;
     std::this_thread::sleep_for(broker_back_off::shortest);
     return false;
+}
+
+void fit_worker::say_present() {
+    if (steady::now() < present_at_)
+        return;
+    present_at_ = steady::now() + present_every;
+    const std::string now = std::to_string(fit_broker_time(broker_));
+    broker_.command({"ZADD", workers_, now, name_});
+    broker_.command({"PEXPIRE", workers_, fit_stream_life});
 }
 
 void fit_worker::make_group() {
@@ -108,16 +118,20 @@ std::optional<fit_worker::entry> fit_worker::forgotten_entry() {
     return found;
 }
 
-bool fit_worker::know_job(std::uint64_t id) {
-    if (job_ && job_->id == id)
+// False when the block cannot be fitted; it is left to others where the broker will not say what the job is.
+bool fit_worker::know_job(const entry &e) {
+    if (job_ && job_->id == e.job)
         return true;
-    const broker_reply bytes = broker_.command({"GET", fit_keys_of(broker_.site(), id).job});
-    if (!bytes.text())
-        return false; // it has ended
-    std::string cause;
-    job_ = fit_decode_job(*bytes.text(), id, cause);
-    if (!job_)
-        return refuse("Job " + fit_id_text(id), cause), false;
+    const broker_reply bytes = broker_.command({"GET", fit_keys_of(broker_.site(), e.job).job});
+    std::string cause(bytes.error().value_or(""));
+    job_ = bytes.text() ? fit_decode_job(*bytes.text(), e.job, cause) : std::nullopt;
+    if (!cause.empty())
+        refuse("Job " + fit_id_text(e.job), cause);
+    if (!job_) {
+        if (!bytes.error())
+            drop(e.id); // its job has ended
+        return false;
+    }
     job_->request.cn = nobody;
     job_->request.stopped = taken_away;
     job_->request.user = this;
@@ -134,6 +148,7 @@ bool fit_worker::is_still_ours() {
     if (steady::now() < beat_at_ || !broker_.is_connected())
         return !lost_;
     beat_at_ = steady::now() + beat_every;
+    say_present();
     const broker_reply ours = broker_.command({"XCLAIM", stream_, fit_group, name_, "0", at_hand_, "JUSTID"});
     lost_ = ours && ours.size() == 0;
     return !lost_;
@@ -161,10 +176,8 @@ fit_result fit_worker::fit(const fit_block &block) {
 
 void fit_worker::work(const entry &e) {
     std::string cause;
-    if (!know_job(e.job)) {
-        drop(e.id);
+    if (!know_job(e))
         return;
-    }
     const std::optional<fit_block> block = fit_decode_block(e.block, *job_, cause);
     if (!block) {
         refuse("Block " + e.id, cause);
@@ -215,13 +228,17 @@ void fit_worker::run() {
     while (quit_ == 0) {
         if (!connected())
             continue;
+        say_present();
         std::optional<entry> found = forgotten_entry();
         if (!found)
             found = next_entry();
         if (found)
             work(*found);
     }
-    if (broker_.is_connected())
+    broker_.command({"ZREM", workers_, name_});
+    // A block that is still in its hands would be lost with it.
+    if (broker_.is_connected() &&
+        broker_.command({"XPENDING", stream_, fit_group, "-", "+", "1", name_}).size() == 0)
         broker_.command({"XGROUP", "DELCONSUMER", stream_, fit_group, name_});
 }
 

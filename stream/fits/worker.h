@@ -30,8 +30,9 @@ class fit_worker {
     std::optional<entry> forgotten_entry();
     std::optional<entry> entry_of(const broker_value &value);
     void make_group();
+    void say_present();
     void work(const entry &e);
-    bool know_job(std::uint64_t id);
+    bool know_job(const entry &e);
     fit_result fit(const fit_block &block);
     bool store(const entry &e, int number, std::string_view result);
     void drop(const std::string &entry_id);
@@ -41,12 +42,12 @@ class fit_worker {
 
     broker broker_;
     const volatile std::sig_atomic_t &quit_;
-    std::string name_, stream_;
+    std::string name_, stream_, workers_;
     std::optional<fit_job> job_; // of the block before
     std::string at_hand_;        // the entry of the block that is being fitted
     bool lost_ = false;          // and it is somebody else's by now
     bool away_ = false;          // the broker; and its line is printed
-    std::chrono::steady_clock::time_point beat_at_{}, sweep_at_{};
+    std::chrono::steady_clock::time_point beat_at_{}, sweep_at_{}, present_at_{};
 };
 
 } // namespace kestrel::stream

@@ -86,7 +86,7 @@ class Broker:
 
     def fit_stream(self):
         """The stream of blocks, as soon as it is there."""
-        return wait_until(lambda: next((key for key in self.keys() if ":fits:" in key), None), "stream of blocks")
+        return wait_until(lambda: next((key for key in self.keys() if ":fits:" in key and key[-1] != "s"), None), "stream of blocks")
 
 
 class Worker(Process):
