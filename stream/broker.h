@@ -108,6 +108,8 @@ class broker {
     bool is_connected() const { return context_ != nullptr; }
     const broker_back_off &back_off() const { return back_off_; }
     void disconnect();
+    // Closes a connection that is of no use for that cause; the next is made after a while.
+    void refuse(std::string cause) { fail(std::move(cause)); }
 
     // One command and its reply. A connection that fails is closed.
     broker_reply command(std::span<const std::string_view> words);
