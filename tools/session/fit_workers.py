@@ -33,8 +33,8 @@ class Site(broker.Broker):
 
 
 class Worker(Process):
-    def __init__(self, scratch, site):
-        super().__init__(scratch, site, program=WORKER)
+    def __init__(self, scratch, site, **how):
+        super().__init__(scratch, site, program=WORKER, **how)
         self.wait_stdout("# Worker .* at ")
 
     def kill(self):
