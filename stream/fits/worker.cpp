@@ -78,22 +78,22 @@ void fit_worker::make_group() {
     broker_.command({"PEXPIRE", stream_, fit_stream_life});
 }
 
-// [id, [name, value, ...]]; what is no block of a job is taken out of the stream.
-std::optional<fit_worker::entry> fit_worker::entry_of(const broker_value &value) {
+// [id, [name, value, ...]] in a reply; what is no block of a job is taken out of the stream.
+std::optional<fit_worker::entry> fit_worker::entry_of(broker_reply &reply, broker_value value) {
     const auto id = value.at(0).text();
     if (!id)
         return std::nullopt;
     const auto job = fit_id_of(value.at(1).field("job").text().value_or(""));
     const auto block = value.at(1).field("block").text();
     if (job && block)
-        return entry{std::string(*id), std::string(*block), *job};
+        return entry{std::move(reply), std::string(*id), *block, *job};
     refuse("Entry " + std::string(*id), "it is no block of a job");
     drop(std::string(*id));
     return std::nullopt;
 }
 
 std::optional<fit_worker::entry> fit_worker::next_entry() {
-    const broker_reply reply = broker_.command(
+    broker_reply reply = broker_.command(
         {"XREADGROUP", "GROUP", fit_group, name_, "COUNT", "1", "BLOCK", wait_most, "STREAMS", stream_, ">"});
     if (const auto error = reply.error()) {
         if (error->starts_with("NOGROUP"))
@@ -103,16 +103,16 @@ std::optional<fit_worker::entry> fit_worker::next_entry() {
         std::this_thread::sleep_for(broker_back_off::shortest);
         return std::nullopt;
     }
-    return entry_of(reply.at(0).at(1).at(0)); // of one stream, one entry
+    return entry_of(reply, reply.at(0).at(1).at(0)); // of one stream, one entry
 }
 
 // A block that a worker took whose command has not claimed it either: of a job that is gone, mostly.
 std::optional<fit_worker::entry> fit_worker::forgotten_entry() {
     if (steady::now() < sweep_at_)
         return std::nullopt;
-    const broker_reply reply =
+    broker_reply reply =
         broker_.command({"XAUTOCLAIM", stream_, fit_group, name_, forgotten, "0", "COUNT", "1"});
-    std::optional<entry> found = entry_of(reply.at(1).at(0));
+    std::optional<entry> found = entry_of(reply, reply.at(1).at(0));
     if (!found)
         sweep_at_ = steady::now() + sweep_every;
     return found;

@@ -22,13 +22,15 @@ class fit_worker {
 
   private:
     struct entry {
-        std::string id, block;
+        broker_reply reply; // in which the block lies
+        std::string id;
+        std::string_view block;
         std::uint64_t job = 0;
     };
     bool connected();
     std::optional<entry> next_entry();
     std::optional<entry> forgotten_entry();
-    std::optional<entry> entry_of(const broker_value &value);
+    std::optional<entry> entry_of(broker_reply &reply, broker_value value);
     void make_group();
     void say_present();
     void work(const entry &e);

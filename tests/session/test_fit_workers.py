@@ -18,6 +18,12 @@ from test_peak_fit import noisy
 CHANNELS = 1024
 
 
+def many(count):
+    """So many points, or fewer where fits are slow."""
+    return int(count / SCALE)
+
+
+
 @pytest.fixture
 def broker():
     site = Site()
@@ -125,7 +131,7 @@ def test_any_axis_and_what_cannot_be_a_number(broker, workers, scan, kind):
 
 
 def test_workers_are_waited_for_come_and_go(broker, workers, scan, tmp_path):
-    fit = scan(noisy(3000, 1e4))
+    fit = scan(noisy(many(3000), 1e4))
     here = fit("x fe55")
     there = in_background(fit, "x fe55", broker.site)
     time.sleep(2.7)
@@ -144,7 +150,7 @@ def test_workers_are_waited_for_come_and_go(broker, workers, scan, tmp_path):
 def test_workers_that_are_killed_at_random_lose_nothing(client, broker, workers, scan):
     """Some 50 blocks on this machine, more on a slower one."""
     do(client, "peak-fit max-threads 2")
-    fit = scan(noisy(9000, 1e5, seed=9))
+    fit = scan(noisy(many(9000), 1e5, seed=9))
     here = fit("x fe55")
     there = in_background(fit, "x fe55", broker.site)
     running = workers(3)
@@ -203,7 +209,7 @@ def test_an_interrupt_ends_the_job_and_leaves_nothing(server, client, broker, wo
 
 def test_a_broker_that_is_killed_and_comes_back_empty(broker, workers, scan):
     workers(2)
-    fit = scan(noisy(6000, 1e4))
+    fit = scan(noisy(many(6000), 1e4))
     here = fit("x fe55")
     there = in_background(fit, "x fe55", broker.site)
     wait_until(broker.job_key, "job")
@@ -220,7 +226,7 @@ def test_a_broker_that_is_killed_and_comes_back_empty(broker, workers, scan):
 
 def test_a_broker_that_forgets_and_one_that_stands_still(broker, workers, scan):
     workers(2)
-    fit = scan(noisy(6000, 1e4))
+    fit = scan(noisy(many(6000), 1e4))
     here = fit("x fe55")
     there = in_background(fit, "x fe55", broker.site)
     wait_until(broker.job_key, "job")
