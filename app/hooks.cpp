@@ -15,6 +15,7 @@
 #include "pulsar3/server/commands.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "stream/fits/command.h"
 #include "support/metrics_text.h"
 #include "unified/handles/handles.h"
 
@@ -52,6 +53,7 @@ void user_main(int argc, char **argv) {
     links::clients_init();
     pulsar3_init();
     files_init();
+    stream::fit_far_init();
     set_data_dir();
 }
 

@@ -1,6 +1,7 @@
 // The `peak-fit` commands: which spectra, which lines, where the results go.
 #include "maths/commands.h"
 #include "maths/module_rows.h"
+#include "maths/peak_fit/far.h"
 #include "maths/peak_fit_handle.h"
 #include "maths/reader.h"
 #include "parser/call.h"
@@ -207,7 +208,7 @@ int peak_fit_module(int quals, int cn, const char *source, const char *result, i
 
 // ---- spectra of a unified handle
 
-constexpr pt_format unified_format(text_join<"%d %d %d %d %d %d %d %s x y t width %g ", line_words>);
+constexpr pt_format unified_format(text_join<"%d %d %d %d %d %d %d %s + %s x y t width %g ", line_words>);
 
 int choose_axes(int cn, const pt_qualifiers<unified_format> &q, peak_fit_scan &sc) {
     if (q.count({"x", "y", "t"}) > 1) {
@@ -220,8 +221,20 @@ int choose_axes(int cn, const pt_qualifiers<unified_format> &q, peak_fit_scan &s
     return 0;
 }
 
+// The points are fitted by a site's workers, who have no session to tell anything to.
+int choose_workers(const char *site, peak_fit_request &request) {
+    if (!peak_fit_far.reach) {
+        sv_printf(request.cn, "! This program knows no workers\n");
+        return -1;
+    }
+    request.site = site;
+    request.tell = false;
+    request.debug = 0;
+    return peak_fit_far.reach(request.cn, request.site) ? 0 : -1;
+}
+
 int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
-                     const char *result) {
+                     const char *result, const char *site) {
     const pt_qualifiers<unified_format> q(quals);
     peak_fit_request request = new_request(cn);
     peak_fit_scan sc;
@@ -244,6 +257,8 @@ int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int 
     }
     request.last = sc.channels() - 1;
     request.tell = request.debug >= 1 || sc.nq() * sc.ns() <= told_most;
+    if (OptionalArgumentCount > 0 && choose_workers(site, request) != 0)
+        return -1;
     return guarded(cn, [&] { return peak_fit_fit_scan(request, sc, result); });
 }
 
@@ -281,9 +296,10 @@ constinit const PARSE_TREE peak_fit_table[] = {
             line_help>),
     pt_command<peak_fit_unified>(
         "unified", unified_format, "Peak fit usually fluorescence data from unified read handle",
-        text_join<"Unified handle/x1/y1/t1/x2/y2/t2/Result module/Energy is along X/Energy is along Y/"
-                  "Energy is along T/Typical FWHM (in bins) to guide seeding/",
-                  line_help>),
+        text_join<
+            "Unified handle/x1/y1/t1/x2/y2/t2/Result module/Site of the workers that fit (without it, threads here do)/Energy is along X/Energy is along Y/"
+            "Energy is along T/Typical FWHM (in bins) to guide seeding/",
+            line_help>),
     pt_command<peak_fit_set_debug>("debug", debug_format, "Set debugging message level",
                                    "Level/Force a single pass, usually 0..8 only"),
     pt_command<peak_fit_set_max_threads>("max-threads", "%d = %d",

@@ -62,7 +62,7 @@ int fit_copies(const peak_fit_request &request, const peak_fit_scan &sc, const c
     peak_spectra spectra;
     peak_fit_counts counts;
     int done = 0;
-    for (int q0 = 0, s0 = 0; s0 < sc.ns() && !counts.stopped;) {
+    for (int q0 = 0, s0 = 0; s0 < sc.ns() && !counts.ended();) {
         const piece p = piece_at(sc, q0, s0, most, neighbours);
         if (read_piece(request.cn, sc, p, buffer, spectra) != 0 ||
             (done == 0 && peak_fit_open_results(request, result, sc.nq(), sc.ns(), output) != 0))

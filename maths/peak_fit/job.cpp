@@ -1,5 +1,6 @@
 #include "maths/peak_fit/job.h"
 
+#include "maths/peak_fit/far.h"
 #include "maths/peak_fit/recorder.h"
 #include "server/interrupt.h"
 #include "server/output.h"
@@ -10,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -21,11 +21,12 @@
 
 namespace kestrel {
 
+peak_fit_far_hooks peak_fit_far;
+
 namespace {
 
 constexpr int fewest_for_threads = 65; // spectra along the scan axis
 constexpr auto poll_every = std::chrono::milliseconds(50);
-constexpr auto show_after = std::chrono::seconds(1);
 constexpr auto show_every = std::chrono::milliseconds(500);
 
 std::atomic<std::uint64_t> points_done{0}, points_failed{0}; // of all commands so far
@@ -50,17 +51,9 @@ struct peak_fit_job {
     crew *together = nullptr;
     bool calling_thread = false;
     int done = 0, total = 0;
-    std::chrono::steady_clock::time_point shown = std::chrono::steady_clock::now() + show_after - show_every;
+    peak_fit_progress progress;
     peak_fit_counts counts;
 };
-
-void show(int cn, int done, int total, std::chrono::steady_clock::time_point &shown) {
-    const auto now = std::chrono::steady_clock::now();
-    if (now - shown < show_every)
-        return;
-    sv_timebar(cn, done, total, "Peak fit");
-    shown = now;
-}
 
 bool stopped_together(const void *together) {
     return static_cast<const crew *>(together)->stop.load(std::memory_order_relaxed);
@@ -71,53 +64,14 @@ bool interrupted(const void *together) {
     return sv_quit > 0 || stopped_together(together);
 }
 
-bool all_finite(const std::vector<double> &spectrum) {
-    return std::all_of(spectrum.begin(), spectrum.end(), [](double value) { return std::isfinite(value); });
-}
-
-// The spectrum with `neighbours` more on each side, as far as there are any. How many were added.
-int sum_neighbours(const peak_spectra &spectra, int q, int s, int neighbours, std::vector<double> &sum) {
-    const int from = std::max(0, q - neighbours), to = std::min(spectra.nq - 1, q + neighbours);
-    spectra.get(q, s, sum);
-    for (int other = from; other <= to; ++other)
-        if (other != q)
-            spectra.add(other, s, sum);
-    return to - from;
-}
-
 struct worker {
     peak_fit_job &job;
-    peak_fit_solver solver;
-    std::vector<double> spectrum;
+    peak_fit_point fitter;
     std::optional<peak_fit_recorder> recorder;
 
     int point(int q, int s) const {
         return job.part.first_point + job.part.first_q + (q - job.part.q1) +
                (job.part.first_s + s) * job.part.scan_nq;
-    }
-
-    peak_fit_fitted fit(int q, int s) {
-        const peak_fit_request &request = job.request;
-        job.part.spectra->get(q, s, spectrum);
-        if (!all_finite(spectrum)) {
-            peak_fit_fitted failed;
-            failed.num_peaks = request.lines.num_peaks;
-            return failed;
-        }
-        peak_fit_fitted fitted = solver.peak_fit_run_solver(request, point(q, s), spectrum);
-        if (!(request.constraints & peak_fit_by_top_sum))
-            return fitted;
-        for (int n = 1, added = 0;
-             fitted.status == peak_fit_status::insufficient && n <= peak_fit_most_neighbours; n *= 2) {
-            const int more = sum_neighbours(*job.part.spectra, q, s, n, spectrum);
-            if (more == added || !all_finite(spectrum))
-                break;
-            added = more;
-            if (request.tell)
-                sv_printf(request.cn, "# Retrying with num_neb=%d\n", n);
-            fitted = solver.peak_fit_run_solver(request, point(q, s), spectrum);
-        }
-        return fitted;
     }
 
     void tell(int q, int s, const peak_fit_fitted &fitted) const {
@@ -133,34 +87,27 @@ struct worker {
             p.sigma, p.lor_width, p.lor_frac);
     }
 
-    void count(const peak_fit_fitted &fitted) {
-        job.counts.errors += fitted.status == peak_fit_status::failed;
-        job.counts.insufficient += fitted.status == peak_fit_status::insufficient;
-        job.counts.near_ends += fitted.near_ends;
-        job.counts.high_at_ends += fitted.high_at_ends;
-    }
-
     // False when ^C came.
     bool one(int q, int s) {
         if (job.calling_thread) {
             if (sv_poll_quit(job.request.cn) > 0)
                 job.together->stop = true;
-            show(job.request.cn, job.done + job.together->fitted, job.total, job.shown);
+            job.progress.show(job.request.cn, job.done + job.together->fitted, job.total);
         }
         if (job.together->stop)
             return false;
         if (recorder)
-            recorder->begin(job.request, solver, point(q, s));
-        const peak_fit_fitted fitted = fit(q, s);
+            recorder->begin(job.request, fitter.solver, point(q, s));
+        const peak_fit_fitted fitted = fitter.fit(job.request, *job.part.spectra, q, s, point(q, s));
         if (recorder)
             recorder->store();
         if (fitted.status == peak_fit_status::stopped)
             return false;
         if (job.request.tell)
             tell(q, s, fitted);
-        count(fitted);
+        peak_fit_count(job.counts, fitted.status, fitted.near_ends, fitted.high_at_ends);
         peak_fit_put(*job.output, job.part.first_q + (q - job.part.q1), job.part.first_s + s,
-                     peak_fit_values(fitted, job.request.lines, spectrum));
+                     peak_fit_values(fitted, job.request.lines, fitter.spectrum));
         ++job.together->fitted;
         return true;
     }
@@ -179,7 +126,7 @@ void tell_out_of_memory(const peak_fit_job &job) {
 void peak_fit_unified_do(peak_fit_job &job) {
     int left = points_of(job);
     try {
-        worker w{job, {}, {}, {}};
+        worker w{job, {}, {}};
         if (job.calling_thread && job.request.debug > 1 && job.total < fewest_for_threads)
             w.recorder.emplace();
         for (int s = 0; s < job.part.spectra->ns; ++s)
@@ -202,14 +149,14 @@ void run_thread(peak_fit_job &job) {
 }
 
 // Waits for every worker, listening for ^C.
-void wait_for(crew &together, int cn, int done, int total, std::chrono::steady_clock::time_point shown) {
+void wait_for(crew &together, int cn, int done, int total, peak_fit_progress progress) {
     std::unique_lock lock(together.mutex);
     while (together.running > 0) {
         together.finished.wait_for(lock, poll_every);
         lock.unlock();
         if (sv_poll_quit(cn) > 0)
             together.stop = true;
-        show(cn, done + together.fitted, total, shown);
+        progress.show(cn, done + together.fitted, total);
         lock.lock();
     }
 }
@@ -276,7 +223,7 @@ peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
         if (!start(job, nthreads, threads))
             counts.errors += points_of(job);
     }
-    wait_for(*whole.together, whole.request.cn, whole.done, whole.total, whole.shown);
+    wait_for(*whole.together, whole.request.cn, whole.done, whole.total, whole.progress);
     counts.errors += join(threads, whole.request.cn);
     for (const peak_fit_job &job : jobs)
         counts += job.counts;
@@ -285,13 +232,12 @@ peak_fit_counts fit_on_threads(const peak_fit_job &whole) {
 
 } // namespace
 
-peak_fit_counts &peak_fit_counts::operator+=(const peak_fit_counts &other) {
-    errors += other.errors;
-    insufficient += other.insufficient;
-    near_ends += other.near_ends;
-    high_at_ends += other.high_at_ends;
-    stopped |= other.stopped;
-    return *this;
+void peak_fit_progress::show(int cn, int done, int total) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_)
+        return;
+    sv_timebar(cn, done, total, "Peak fit");
+    next_ = now + show_every;
 }
 
 std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads) {
@@ -305,6 +251,8 @@ std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads
 
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
                                   const result_module &output, int done, int total) {
+    if (!request.site.empty() && peak_fit_far.fit_part)
+        return peak_fit_far.fit_part(request, part, output, done, total);
     crew together;
     peak_fit_job job;
     job.first = part.q1;
@@ -329,6 +277,8 @@ int peak_fit_close(int cn, const peak_fit_counts &c, int total) {
         sv_printf(cn, "! Fitting terminated by ^C\n");
         return -1;
     }
+    if (c.abandoned)
+        return -1;
     points_done.fetch_add(static_cast<std::uint64_t>(total), std::memory_order_relaxed);
     points_failed.fetch_add(static_cast<std::uint64_t>(c.errors), std::memory_order_relaxed);
     const int warnings = c.insufficient + c.near_ends + c.high_at_ends;

@@ -2,22 +2,13 @@
 // points of the result module and print; the calling thread waits for them and listens for ^C.
 #pragma once
 
+#include "maths/peak_fit/point.h"
 #include "maths/peak_fit/results.h"
-#include "maths/peak_fit/solver.h"
-#include "maths/peak_fit/spectra.h"
 
+#include <chrono>
 #include <string>
 
 namespace kestrel {
-
-struct peak_fit_counts {
-    int errors = 0;       // points that are left unfitted
-    int insufficient = 0; // too few counts to fit
-    int near_ends = 0;    // peaks near x1 or x2
-    int high_at_ends = 0; // large values near x1 or x2
-    bool stopped = false;
-    peak_fit_counts &operator+=(const peak_fit_counts &other);
-};
 
 // A part of a scan that lies in memory: points q1..q2 of the spectra are fitted (the others are neighbours),
 // for every s; they become points first_q.. and first_s.. of the result.
@@ -35,7 +26,16 @@ struct peak_fit_block {
 };
 std::vector<peak_fit_block> peak_fit_blocks(int first, int last, int max_threads);
 
-// Fits a part; `done` of `total` points were fitted before, for the progress line.
+// The progress line: from one second after its making on, every half second.
+class peak_fit_progress {
+  public:
+    void show(int cn, int done, int total);
+
+  private:
+    std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+};
+
+// Fits a part here, or where request.site says; `done` of `total` points were fitted before, for the progress line.
 peak_fit_counts peak_fit_fit_part(const peak_fit_request &request, const peak_fit_part &part,
                                   const result_module &output, int done, int total);
 
@@ -44,7 +44,5 @@ int peak_fit_close(int cn, const peak_fit_counts &counts, int total);
 
 // The points that commands have fitted so far, as samples of metrics. Any thread.
 void peak_fit_metrics(std::string &out);
-
-inline constexpr int peak_fit_most_neighbours = 16; // on each side, that are added to a poor spectrum
 
 } // namespace kestrel

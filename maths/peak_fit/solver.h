@@ -8,6 +8,7 @@
 #include <array>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace kestrel {
@@ -27,6 +28,7 @@ struct peak_fit_request {
     int first = 0, last = 0; // channels that are searched for the main peak
     double width = 0.0;      // typical FWHM, channels; 0 unknown
     bool tell = true;        // a line about each point and its warnings
+    std::string site;        // whose workers fit; empty: this process does
     // Asked at every call of the solver: an interrupt ends it.
     bool (*stopped)(const void *user) = nullptr;
     const void *user = nullptr;

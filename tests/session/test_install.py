@@ -35,9 +35,11 @@ def options():
 
 def test_what_is_installed(prefix):
     files = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if path.is_file())
-    assert files == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-follow", "bin/kestrel-nexus", "bin/kestrel-publish", "bin/kestrel-try-image", "bin/kestrelctl", "include/kestrel/kestrel_module.h",
+    assert files == ["bin/kestrel", "bin/kestrel-display", "bin/kestrel-follow", "bin/kestrel-nexus", "bin/kestrel-publish", "bin/kestrel-try-image", "bin/kestrel-worker",
+                     "bin/kestrelctl", "include/kestrel/kestrel_module.h",
                      "share/bash-completion/completions/kestrel", "share/bash-completion/completions/kestrelctl",
-                     *(f"share/kestrel/display/{name}" for name in PAGE), "share/man/man1/kestrel-display.1", "share/man/man1/kestrel-follow.1", "share/man/man1/kestrel-publish.1", "share/man/man1/kestrel.1",
+                     *(f"share/kestrel/display/{name}" for name in PAGE), "share/man/man1/kestrel-display.1", "share/man/man1/kestrel-follow.1", "share/man/man1/kestrel-publish.1",
+                     "share/man/man1/kestrel-worker.1", "share/man/man1/kestrel.1",
                      "share/man/man1/kestrelctl.1"]
     assert run(prefix / "bin/kestrel", "-server?").returncode == 1
     source = f'#include "{prefix}/include/kestrel/kestrel_module.h"\n'
