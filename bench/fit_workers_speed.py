@@ -34,9 +34,9 @@ def compare(client, names, broker, words, count):
     handle = kestrel_data.do(client, f"module open '{name}' header")
     times = [], []
     for _ in range(ROUNDS):
-        for taken, site, result in (times[0], "", "here"), (times[1], f"'{broker.site}'", "there"):
+        for taken, how, result in (times[0], "unified", "here"), (times[1], f"workers '{broker.site}'", "there"):
             begin = time.perf_counter()
-            line = f"peak-fit unified {handle} 0 0 0 {CHANNELS - 1} {count - 1} 0 '{names(result + str(count))}' {site} x {words}"
+            line = f"peak-fit {how} {handle} 0 0 0 {CHANNELS - 1} {count - 1} 0 '{names(result + str(count))}' x {words}"
             reply = client.lines(line, 600)
             taken.append(time.perf_counter() - begin)
             assert reply[-1] == "* 0", reply

@@ -208,7 +208,9 @@ int peak_fit_module(int quals, int cn, const char *source, const char *result, i
 
 // ---- spectra of a unified handle
 
-constexpr pt_format unified_format(text_join<"%d %d %d %d %d %d %d %s + %s x y t width %g ", line_words>);
+constexpr pt_format unified_format(text_join<"%d %d %d %d %d %d %d %s x y t width %g ", line_words>);
+// The same with the site of the workers before it: a command has room for no more keywords.
+constexpr pt_format workers_format(text_join<"%s %d %d %d %d %d %d %d %s x y t width %g ", line_words>);
 
 int choose_axes(int cn, const pt_qualifiers<unified_format> &q, peak_fit_scan &sc) {
     if (q.count({"x", "y", "t"}) > 1) {
@@ -233,14 +235,14 @@ int choose_workers(const char *site, peak_fit_request &request) {
     return peak_fit_far.reach(request.cn, request.site) ? 0 : -1;
 }
 
-int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
-                     const char *result, const char *site) {
+// Both commands' keywords are the same. Without a site the threads here fit.
+int fit_region(int quals, int cn, int handle, const umaths_region &region, const char *result,
+               const char *site) {
     const pt_qualifiers<unified_format> q(quals);
     peak_fit_request request = new_request(cn);
     peak_fit_scan sc;
     if (choose_lines(choice_of(q), request) != 0 || choose_axes(cn, q, sc) != 0)
         return -1;
-    const umaths_region region = umaths_make_region(x1, y1, t1, x2, y2, t2);
     if (umaths_check_region(cn, region, handle, 0) != 0)
         return -1;
     sc.handle = handle;
@@ -257,9 +259,19 @@ int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int 
     }
     request.last = sc.channels() - 1;
     request.tell = request.debug >= 1 || sc.nq() * sc.ns() <= told_most;
-    if (OptionalArgumentCount > 0 && choose_workers(site, request) != 0)
+    if (site && choose_workers(site, request) != 0)
         return -1;
     return guarded(cn, [&] { return peak_fit_fit_scan(request, sc, result); });
+}
+
+int peak_fit_unified(int quals, int cn, int handle, int x1, int y1, int t1, int x2, int y2, int t2,
+                     const char *result) {
+    return fit_region(quals, cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2), result, nullptr);
+}
+
+int peak_fit_workers(int quals, int cn, const char *site, int handle, int x1, int y1, int t1, int x2, int y2,
+                     int t2, const char *result) {
+    return fit_region(quals, cn, handle, umaths_make_region(x1, y1, t1, x2, y2, t2), result, site);
 }
 
 // ---- settings
@@ -287,6 +299,10 @@ int peak_fit_set_max_threads(int, int cn, int threads) {
     return 0;
 }
 
+constexpr fixed_text region_help(
+    "Unified handle/x1/y1/t1/x2/y2/t2/Result module/Energy is along X/Energy is along Y/"
+    "Energy is along T/Typical FWHM (in bins) to guide seeding/");
+
 constinit const PARSE_TREE peak_fit_table[] = {
     pt_command<peak_fit_module>(
         "module", module_format, "Peak fit usually fluorescence data in module",
@@ -296,15 +312,14 @@ constinit const PARSE_TREE peak_fit_table[] = {
             line_help>),
     pt_command<peak_fit_unified>(
         "unified", unified_format, "Peak fit usually fluorescence data from unified read handle",
-        text_join<
-            "Unified handle/x1/y1/t1/x2/y2/t2/Result module/Site of the workers that fit (without it, threads here do)/Energy is along X/Energy is along Y/"
-            "Energy is along T/Typical FWHM (in bins) to guide seeding/",
-            line_help>),
+        text_join<region_help, line_help>),
     pt_command<peak_fit_set_debug>("debug", debug_format, "Set debugging message level",
                                    "Level/Force a single pass, usually 0..8 only"),
     pt_command<peak_fit_set_max_threads>("max-threads", "%d = %d",
                                          "Set maximum number of thread to use (1 to disable threading)",
                                          "Number of threads, 1..64"),
+    pt_command<peak_fit_workers>("workers", workers_format, "As unified, but fitted by the workers of a site",
+                                 text_join<"Site: HOST:PORT or unix:/PATH, #PREFIX/", region_help, line_help>),
     pt_end(),
 };
 

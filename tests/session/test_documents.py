@@ -44,6 +44,17 @@ class Simulator(Server):
         assert self.listens(), self.stderr
 
 
+class Worker(Process):
+    """A program that does its work where a broker says."""
+
+    def __init__(self, scratch, *options):
+        super().__init__(scratch, *options, program=pathlib.Path(KESTREL).parent / "kestrel-worker")
+        self.wait_stdout("\n")
+
+
+OTHER_KINDS = {"redis-server": Broker, "kestrel-worker": Worker}
+
+
 def free_ports(program, ports):
     """The program's line with the ports that it names as `ports` has them; new ones are added there."""
     names = "text|gate" if program.startswith("sim_card") else "port|gate"
@@ -105,8 +116,8 @@ def test_sessions_in_documents(start, path, tmp_path, monkeypatch):
             server.write(script, text)
         elif program:
             name, *options = shlex.split(free_ports(program.removeprefix("build/"), ports))
-            if name == "redis-server":
-                start(*options, kind=Broker)
+            if name in OTHER_KINDS:
+                start(*options, kind=OTHER_KINDS[name])
             else:
                 start(*options, kind=Simulator, program=name)
         elif kind == "python run":
