@@ -2,11 +2,13 @@
 
 #include "support/file_io.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
+#include <numeric>
 #include <sys/time.h>
 
 namespace kestrel::stream {
@@ -196,12 +198,26 @@ bool broker::append(std::span<const std::string_view> words) {
         sizes.push_back(word.size());
     }
     const int count = static_cast<int>(words.size());
-    return redisAppendCommandArgv(context_.get(), count, texts.data(), sizes.data()) == REDIS_OK ||
-           fail(context_->errstr);
+    if (redisAppendCommandArgv(context_.get(), count, texts.data(), sizes.data()) != REDIS_OK)
+        return fail(context_->errstr);
+    // The broker works on these while the next are put together, and they are still in the cache.
+    constexpr std::size_t worth_sending = 128 * 1024;
+    unsent_ = std::accumulate(sizes.begin(), sizes.end(), unsent_);
+    return unsent_ < worth_sending || send();
+}
+
+bool broker::send() {
+    int done = 0;
+    unsent_ = 0;
+    while (done == 0)
+        if (redisBufferWrite(context_.get(), &done) != REDIS_OK)
+            return fail(errno == EAGAIN ? "takes nothing" : context_->errstr);
+    return true;
 }
 
 broker_reply broker::next() {
     void *reply = nullptr;
+    unsent_ = 0; // all is sent before a reply is waited for
     if (context_ == nullptr)
         return {};
     if (redisGetReply(context_.get(), &reply) == REDIS_OK && reply != nullptr)

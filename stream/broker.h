@@ -131,6 +131,7 @@ class broker {
   private:
     bool connect();
     bool announce();
+    bool send();
     bool fail(std::string cause);
 
     broker_site site_;
@@ -138,6 +139,7 @@ class broker {
     broker_back_off back_off_;
     std::unique_ptr<redisContext, free_broker_context> context_;
     std::string cause_;
+    std::size_t unsent_ = 0; // bytes of commands, about
 };
 
 } // namespace kestrel::stream
