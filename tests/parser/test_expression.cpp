@@ -8,14 +8,14 @@ using namespace kestrel;
 namespace {
 
 std::string dump(std::string_view text) {
-    program p;
+    std::vector<instruction> code;
     std::string message;
     std::size_t at = 0;
-    if (!expression_compile(text, at, p, message))
+    if (!expression_compile(text, at, code, message))
         return "error: " + message;
     if (at != text.size())
         return "stopped at " + std::to_string(at);
-    return expression_dump(p);
+    return expression_dump({text, code});
 }
 
 } // namespace
@@ -35,7 +35,7 @@ TEST(expression, operators_bind_as_listed) {
         {"1?2:0?4:5", "int:1 jz:4 int:2 jump:9 int:0 jz:8 int:4 jump:9 int:5"},
         {"(int)2.5+1", "double:2.500000 cast:1 int:1 add"},
         {"(1+2)*3", "int:1 int:2 add int:3 mult"},
-        {"(a)-5", "load:a int:5 sub"},
+        {"(a)-5", "loadcast:a int:5 sub"},
         {"(a)~5", "int:5 compl badcast:a"},
         {"(a)!=5", "load:a int:5 ne"},
         {"(a)5", "int:5 badcast:a"},
