@@ -58,6 +58,7 @@ struct compiler {
     std::vector<instruction> &out;
     std::string &message;
     std::size_t start = out.size(); // targets count from here
+    const binary_operator *follows = nullptr;
     int depth = 0;
 
     char peek(std::size_t ahead = 0) const { return at + ahead < line.size() ? line[at + ahead] : '\0'; }
@@ -83,10 +84,12 @@ struct compiler {
     std::int32_t here() const { return static_cast<std::int32_t>(out.size() - start); }
 
     std::string_view take_name() {
-        const std::size_t first = at;
-        while (is_name_char(peek()))
-            ++at;
-        return line.substr(first, at - first);
+        std::size_t end = at;
+        while (end < line.size() && is_name_char(line[end]))
+            ++end;
+        const std::string_view name = line.substr(at, end - at);
+        at = end;
+        return name;
     }
 
     const binary_operator *peek_operator() const {
@@ -109,14 +112,17 @@ struct compiler {
         return true;
     }
 
+    // Leaves in `follows` the operator behind it, which binds less.
     bool binary(int lowest) {
         if (!operand())
             return false;
-        for (const binary_operator *o = peek_operator(); o && o->precedence >= lowest; o = peek_operator()) {
-            at += o->text.size();
-            if (!binary(o->precedence + 1))
+        follows = peek_operator();
+        while (follows && follows->precedence >= lowest) {
+            const binary_operator &o = *follows;
+            at += o.text.size();
+            if (!binary(o.precedence + 1))
                 return false;
-            emit(o->code);
+            emit(o.code);
         }
         return true;
     }
@@ -309,8 +315,11 @@ struct compiler {
         const std::size_t first = at;
         bool real = false;
         std::uint64_t digits = 0; // stays above all limits once it is
-        for (; is_digit(peek()); ++at)
-            digits = std::min(digits * 10 + static_cast<std::uint64_t>(peek() - '0'), std::uint64_t{1} << 33);
+        std::size_t end = at;
+        for (; end < line.size() && is_digit(line[end]); ++end)
+            digits =
+                std::min(digits * 10 + static_cast<std::uint64_t>(line[end] - '0'), std::uint64_t{1} << 33);
+        at = end;
         if (peek() == '.') {
             real = true;
             ++at;
@@ -362,9 +371,9 @@ bool expression_compile(std::string_view line, std::size_t &at, std::vector<inst
 
 std::string expression_dump(const program &p) {
     static constexpr const char *names[] = {
-        "int", "double", "string", "load",  "loadcast", "store",      "add",     "sub",  "mult", "div", "shl",
-        "shr", "lt",     "gt",     "le",    "ge",       "eq",         "ne",      "and",  "xor",  "or",  "land",
-        "lor", "neg",    "compl",  "not",   "cast",     "castformat", "badcast", "call", "jump", "jz"};
+        "int", "double", "string", "load", "loadcast", "store",      "add",     "sub",  "mult", "div", "shl",
+        "shr", "lt",     "gt",     "le",   "ge",       "eq",         "ne",      "and",  "xor",  "or",  "land",
+        "lor", "neg",    "compl",  "not",  "cast",     "castformat", "badcast", "call", "jump", "jz"};
     std::string text;
     for (const instruction &i : p.code) {
         text += text.empty() ? "" : " ";

@@ -501,7 +501,7 @@ int service_line(int cn, scanned_line &line, Variable *result_out, int print_res
     return service(cn, &line, {}, comes::again, {result_out, print_result, log, vlog}, status_out);
 }
 
-int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) {
+int user_service(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog) {
     return service(cn, nullptr, line, comes::again, {nullptr, print_result, log, vlog}, nullptr);
 }
 
