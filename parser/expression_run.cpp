@@ -327,9 +327,9 @@ bool is_unary(op code) {
     return code >= op::negate && code <= op::invert;
 }
 
-// The value of a program of integers that nothing can go wrong with, as most are: without types, and so much
-// faster. Nothing for any other, of which nothing has been done then.
-std::optional<int> run_integers(const program &p) {
+} // namespace
+
+std::optional<int> expression_run_integers(const program &p) {
     std::array<int, 16> stack;
     std::size_t depth = 0;
     for (std::size_t next = 0; next < p.code.size();) {
@@ -359,11 +359,7 @@ std::optional<int> run_integers(const program &p) {
     return stack[0];
 }
 
-} // namespace
-
 PE_Value expression_run(int cn, const program &p) {
-    if (const std::optional<int> value = run_integers(p))
-        return PE_Value::of(*value);
     static std::vector<PE_Value> stack; // nothing that runs below evaluates another expression
     stack.clear();
     for (std::size_t next = 0; next < p.code.size();) {
@@ -399,9 +395,8 @@ PE_Value expression_run(int cn, const program &p) {
                 stack.back() = cast(cn, stack.back(), static_cast<value_type>(i.a));
                 break;
             case op::cast_format:
-                stack.back() = stack.back().type == pe_error
-                                   ? not_a_string(cn, stack.back())
-                                   : cast_with_format(cn, stack.back(), p.text(i));
+                stack.back() = stack.back().type == pe_error ? not_a_string(cn, stack.back())
+                                                             : cast_with_format(cn, stack.back(), p.text(i));
                 break;
             case op::bad_cast:
                 stack.back() = bad_cast(cn, p.text(i));

@@ -105,15 +105,20 @@ void scanned_line::assign(std::string_view line) {
 
 void scanned_line::evaluate(int cn, item &i, token &out) {
     const program code = program_of(i);
+    if (const std::optional<int> value = expression_run_integers(code)) {
+        out.kind = token_kind::integer;
+        out.ScannedInt = *value;
+        if (code.is_constant()) {
+            i.kind = item_kind::integer;
+            i.value = *value;
+        }
+        return;
+    }
     PE_Value value = expression_run(cn, code);
     switch (value.type) {
     case pe_int:
         out.kind = token_kind::integer;
         out.ScannedInt = value.IntValue;
-        if (i.kind == item_kind::expression && code.is_constant()) {
-            i.kind = item_kind::integer;
-            i.value = value.IntValue;
-        }
         return;
     case pe_double:
         out.kind = token_kind::real;

@@ -1,4 +1,5 @@
-// An expression: compiled and run, it gives a value or an error line, and never more than a string may hold.
+// An expression: compiled and run, it gives a value or an error line, and never more than a string may hold; run as
+// integers alone, the same.
 #include "parser/expression.h"
 #include "server/client_descriptor.h"
 
@@ -23,7 +24,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const program p{text, code};
     if (at == 0 || at > text.size() || expression_dump(p).empty())
         std::abort();
+    const std::optional<int> integer = expression_run_integers(p);
     const PE_Value value = expression_run(0, p);
+    if (integer && (value.type != pe_int || value.IntValue != *integer))
+        std::abort();
     if (value.StringValue.size() > string_value_max)
         std::abort();
     return 0;
