@@ -65,7 +65,9 @@ void scanned_line::take_expression(item &next) {
 void scanned_line::read_item() {
     while (at_ < text_.size() && is_blank(text_[at_]))
         ++at_;
-    item &next = items_.emplace_back();
+    if (items_.size() == items_.capacity())
+        items_.reserve(2 * items_.size() + 4); // now: without memory nothing of the line is lost
+    item next;
     next.position = at_;
     if (at_ == text_.size()) {
         next.kind = item_kind::end;
@@ -81,6 +83,7 @@ void scanned_line::read_item() {
         next.kind = item_kind::bad;
         message_ = "Syntax error";
     }
+    items_.push_back(next);
 }
 
 program scanned_line::program_of(const item &i) const {

@@ -57,10 +57,11 @@ constexpr double busy_bounds[] = {0.001, 0.01, 0.1, 1.0, 10.0, 100.0, 1000.0}; /
 
 // Written by the command thread, without a lock.
 struct busy_histogram {
-    std::array<std::atomic<std::uint64_t>, std::size(busy_bounds) + 1> counts{}; // the last: longer than any bound
+    std::array<std::atomic<std::uint64_t>, std::size(busy_bounds) + 1>
+        counts{}; // the last: longer than any bound
     std::atomic<double> seconds = 0.0;
 };
-running_line begun; // last, by the command thread alone
+running_line begun;                   // last, by the command thread alone
 watched_record<running_line> running; // the same for other threads
 busy_histogram busy;
 std::array<std::atomic<std::uint64_t>, sv_max_clients> lines; // of each session
