@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +21,8 @@ enum class op : std::uint8_t {
     push_int,
     push_double,
     push_string,
-    load, // a = index of the name, b = 1: in parentheses before "-", where a cast may be meant
+    load,
+    load_or_cast, // in parentheses before "-", where a cast may be meant
     store,
     add,
     sub,
@@ -41,39 +44,46 @@ enum class op : std::uint8_t {
     negate,
     complement,
     invert,
-    cast,         // a = value_type, b = 1 + index of the format string, 0 without one
-    bad_cast,     // a = index of the cast word
-    call,         // a = index of the function's name
+    cast,         // a = value_type
+    cast_format,  // to a string; names the format
+    bad_cast,     // names the cast word
+    call,         // names the function
     jump,         // a = target
     jump_if_zero, // a = target; takes the control of "?:" from the stack
 };
 
 struct instruction {
     op code;
-    std::int32_t a = 0;
-    std::int32_t b = 0;
-    double d = 0.0;
+    std::int32_t a;      // a value or a target; where in the line a string, name or format stands
+    std::int32_t length; // of that
+    double d;
 };
 
+// Views of what was compiled and of the line that it was compiled from.
 struct program {
-    std::vector<instruction> code;
-    std::vector<std::string> strings; // names, string constants, formats
+    std::string_view line;
+    std::span<const instruction> code;
 
-    // The name of the variable, when the whole expression is one variable; else empty.
-    std::string_view single_variable() const;
+    // The string, name or format of an instruction.
+    std::string_view text(const instruction &i) const {
+        return line.substr(static_cast<std::size_t>(i.a), static_cast<std::size_t>(i.length));
+    }
     // Whether it always has the same value, and does nothing else.
     bool is_constant() const;
-    // The text, when the whole expression is one string constant; else null.
-    const std::string *string_constant() const;
 };
 
 inline constexpr int expression_depth_max = 200; // parentheses, casts, calls, unary operators, ...
 
-// Compiles the expression that starts at `at` (not blank) and moves `at` behind it. On a syntax error returns
-// false with the parser's message.
-bool expression_compile(std::string_view line, std::size_t &at, program &out, std::string &message);
+// Compiles the expression that starts at `at` (not blank), appends its code, and moves `at` behind it. On a syntax
+// error returns false with the parser's message.
+bool expression_compile(std::string_view line, std::size_t &at, std::vector<instruction> &out,
+                        std::string &message);
 
-// Runs it; an error prints its "!" line to the session and gives a value of type pe_error.
+// The value of a program of integers that nothing can go wrong with, as most are: without types, and so much
+// faster. Nothing for any other, of which nothing has been done then.
+std::optional<int> expression_run_integers(const program &p);
+
+// Runs any; an error prints its "!" line to the session and gives a value of type pe_error.
 PE_Value expression_run(int cn, const program &p);
 
 // A printable form for tests: one instruction a word.

@@ -55,8 +55,10 @@ constexpr cast_word cast_words[] = {
 struct compiler {
     std::string_view line;
     std::size_t at;
-    program &out;
+    std::vector<instruction> &out;
     std::string &message;
+    std::size_t start = out.size(); // targets count from here
+    const binary_operator *follows = nullptr;
     int depth = 0;
 
     char peek(std::size_t ahead = 0) const { return at + ahead < line.size() ? line[at + ahead] : '\0'; }
@@ -66,20 +68,28 @@ struct compiler {
         return false;
     }
 
-    void emit(op code, std::int32_t a = 0, std::int32_t b = 0, double d = 0.0) {
-        out.code.push_back({code, a, b, d});
+    instruction &emit(op code, std::int32_t a = 0) {
+        instruction &made = out.emplace_back();
+        made.code = code;
+        made.a = a;
+        return made;
     }
 
-    std::int32_t keep(std::string_view text) {
-        out.strings.emplace_back(text);
-        return static_cast<std::int32_t>(out.strings.size() - 1);
+    // An instruction that names a part of the line.
+    void emit(op code, std::string_view part) {
+        emit(code, static_cast<std::int32_t>(part.data() - line.data())).length =
+            static_cast<std::int32_t>(part.size());
     }
+
+    std::int32_t here() const { return static_cast<std::int32_t>(out.size() - start); }
 
     std::string_view take_name() {
-        const std::size_t start = at;
-        while (is_name_char(peek()))
-            ++at;
-        return line.substr(start, at - start);
+        std::size_t end = at;
+        while (end < line.size() && is_name_char(line[end]))
+            ++end;
+        const std::string_view name = line.substr(at, end - at);
+        at = end;
+        return name;
     }
 
     const binary_operator *peek_operator() const {
@@ -102,33 +112,36 @@ struct compiler {
         return true;
     }
 
+    // Leaves in `follows` the operator behind it, which binds less.
     bool binary(int lowest) {
         if (!operand())
             return false;
-        for (const binary_operator *o = peek_operator(); o && o->precedence >= lowest; o = peek_operator()) {
-            at += o->text.size();
-            if (!binary(o->precedence + 1))
+        follows = peek_operator();
+        while (follows && follows->precedence >= lowest) {
+            const binary_operator &o = *follows;
+            at += o.text.size();
+            if (!binary(o.precedence + 1))
                 return false;
-            emit(o->code);
+            emit(o.code);
         }
         return true;
     }
 
     bool ternary() {
         ++at;
-        const std::size_t control = out.code.size();
+        const std::size_t control = out.size();
         emit(op::jump_if_zero);
         if (!expression())
             return false;
         if (peek() != ':')
             return fail("Expected ':' in conditional expression");
         ++at;
-        const std::size_t taken = out.code.size();
+        const std::size_t taken = out.size();
         emit(op::jump);
-        out.code[control].a = static_cast<std::int32_t>(out.code.size());
+        out[control].a = here();
         if (!expression())
             return false;
-        out.code[taken].a = static_cast<std::int32_t>(out.code.size());
+        out[taken].a = here();
         return true;
     }
 
@@ -148,7 +161,7 @@ struct compiler {
             std::string_view text;
             if (!string_constant(text))
                 return false;
-            emit(op::push_string, keep(text));
+            emit(op::push_string, text);
             return true;
         }
         case '$':
@@ -189,37 +202,36 @@ struct compiler {
             if (peek() != ')')
                 return fail("Expected ')'");
             ++at;
-            emit(op::call, keep(text));
+            emit(op::call, text);
             return true;
         }
         if (peek() == '=' && peek(1) != '=') {
             ++at;
             if (!expression())
                 return false;
-            emit(op::store, keep(text));
+            emit(op::store, text);
             return true;
         }
-        emit(op::load, keep(text));
+        emit(op::load, text);
         return true;
     }
 
     bool bracket() {
         std::string_view word, format;
         bool formatted = false;
-        const std::size_t start = at;
+        const std::size_t inside = at + 1;
         if (take_cast(word, format, formatted))
             return cast(word, format, formatted);
         if (!message.empty())
             return false;
-        at = start + 1;
+        at = inside;
         if (!expression())
             return false;
         if (peek() != ')')
             return fail("Expected ')'");
         ++at;
-        if (peek() == '-' && out.code.back().code == op::load &&
-            line.substr(start + 1, at - start - 2) == word)
-            out.code.back().b = 1;
+        if (peek() == '-' && out.back().code == op::load && line.substr(inside, at - inside - 1) == word)
+            out.back().code = op::load_or_cast;
         return true;
     }
 
@@ -260,11 +272,13 @@ struct compiler {
                 continue;
             if (formatted && w.type != pe_string)
                 return fail("Only a cast to string takes a format");
-            const std::int32_t kept = formatted ? keep(format) + 1 : 0;
-            emit(op::cast, w.type, kept);
+            if (formatted)
+                emit(op::cast_format, format);
+            else
+                emit(op::cast, w.type);
             return true;
         }
-        emit(op::bad_cast, keep(word));
+        emit(op::bad_cast, word);
         return true;
     }
 
@@ -287,22 +301,25 @@ struct compiler {
     }
 
     bool radix_constant(int radix) {
-        const std::size_t start = ++at;
+        const std::size_t first = ++at;
         while (radix == 2 ? peek() == '0' || peek() == '1'
                           : std::isxdigit(static_cast<unsigned char>(peek())))
             ++at;
-        if (at == start)
+        if (at == first)
             return fail(radix == 2 ? "Expected binary digits after '#'"
                                    : "Expected hexadecimal digits after '$'");
-        return push_unsigned(line.substr(start, at - start), radix);
+        return push_unsigned(line.substr(first, at - first), radix);
     }
 
     bool decimal_constant() {
-        const std::size_t start = at;
+        const std::size_t first = at;
         bool real = false;
         std::uint64_t digits = 0; // stays above all limits once it is
-        for (; is_digit(peek()); ++at)
-            digits = std::min(digits * 10 + static_cast<std::uint64_t>(peek() - '0'), std::uint64_t{1} << 33);
+        std::size_t end = at;
+        for (; end < line.size() && is_digit(line[end]); ++end)
+            digits =
+                std::min(digits * 10 + static_cast<std::uint64_t>(line[end] - '0'), std::uint64_t{1} << 33);
+        at = end;
         if (peek() == '.') {
             real = true;
             ++at;
@@ -318,9 +335,9 @@ struct compiler {
                     ++at;
             }
         }
-        const std::string_view text = line.substr(start, at - start);
+        const std::string_view text = line.substr(first, at - first);
         if (!real) {
-            const std::uint64_t most = start > 0 && line[start - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
+            const std::uint64_t most = first > 0 && line[first - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
             if (digits > most)
                 return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
             emit(op::push_int, static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)));
@@ -329,34 +346,23 @@ struct compiler {
         const double value = std::strtod(std::string(text).c_str(), nullptr); // a tiny one is 0
         if (!std::isfinite(value))
             return fail("Real constant '" + std::string(text) + "' is out of range");
-        emit(op::push_double, 0, 0, value);
+        emit(op::push_double).d = value;
         return true;
     }
 };
 
 } // namespace
 
-std::string_view program::single_variable() const {
-    if (code.size() != 1 || code[0].code != op::load)
-        return {};
-    return strings[static_cast<std::size_t>(code[0].a)];
-}
-
 bool program::is_constant() const {
     for (const instruction &i : code)
-        if (i.code == op::load || i.code == op::store || i.code == op::call)
+        if (i.code == op::load || i.code == op::load_or_cast || i.code == op::store || i.code == op::call)
             return false;
     return true;
 }
 
-const std::string *program::string_constant() const {
-    return code.size() == 1 && code[0].code == op::push_string ? &strings[0] : nullptr;
-}
-
-bool expression_compile(std::string_view line, std::size_t &at, program &out, std::string &message) {
+bool expression_compile(std::string_view line, std::size_t &at, std::vector<instruction> &out,
+                        std::string &message) {
     message.clear();
-    out.code.clear();
-    out.strings.clear();
     compiler c{line, at, out, message};
     const bool good = c.expression();
     at = c.at;
@@ -365,9 +371,9 @@ bool expression_compile(std::string_view line, std::size_t &at, program &out, st
 
 std::string expression_dump(const program &p) {
     static constexpr const char *names[] = {
-        "int",  "double", "string", "load",  "store", "add",  "sub",     "mult", "div",  "shl",
-        "shr",  "lt",     "gt",     "le",    "ge",    "eq",   "ne",      "and",  "xor",  "or",
-        "land", "lor",    "neg",    "compl", "not",   "cast", "badcast", "call", "jump", "jz"};
+        "int", "double", "string", "load", "loadcast", "store",      "add",     "sub",  "mult", "div", "shl",
+        "shr", "lt",     "gt",     "le",   "ge",       "eq",         "ne",      "and",  "xor",  "or",  "land",
+        "lor", "neg",    "compl",  "not",  "cast",     "castformat", "badcast", "call", "jump", "jz"};
     std::string text;
     for (const instruction &i : p.code) {
         text += text.empty() ? "" : " ";
@@ -378,10 +384,12 @@ std::string expression_dump(const program &p) {
             break;
         case op::push_string:
         case op::load:
+        case op::load_or_cast:
         case op::store:
-        case op::call:
+        case op::cast_format:
         case op::bad_cast:
-            text += ":" + p.strings[static_cast<std::size_t>(i.a)];
+        case op::call:
+            text += ":" + std::string(p.text(i));
             break;
         case op::push_int:
         case op::cast:

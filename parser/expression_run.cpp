@@ -5,6 +5,7 @@
 
 #include "server/output.h"
 
+#include <array>
 #include <cctype>
 #include <charconv>
 #include <climits>
@@ -72,42 +73,42 @@ bool shift(int cn, op code, int a, int count, int &out) {
     return true;
 }
 
-// Any operator on two integers; false after a line to the session.
-bool integers(int cn, op code, int a, int b, int &out) {
+bool can_fail(op code) {
+    return code == op::div || code == op::shl || code == op::shr;
+}
+
+// An operator on two integers that cannot fail.
+int safe_integers(op code, int a, int b) {
     switch (code) {
     case op::add:
-        out = wrap(bits(a) + bits(b));
-        return true;
+        return wrap(bits(a) + bits(b));
     case op::sub:
-        out = wrap(bits(a) - bits(b));
-        return true;
+        return wrap(bits(a) - bits(b));
     case op::mult:
-        out = wrap(bits(a) * bits(b));
-        return true;
-    case op::div:
-        return divide(cn, a, b, out);
-    case op::shl:
-    case op::shr:
-        return shift(cn, code, a, b, out);
+        return wrap(bits(a) * bits(b));
     case op::bit_and:
-        out = a & b;
-        return true;
+        return a & b;
     case op::bit_xor:
-        out = a ^ b;
-        return true;
+        return a ^ b;
     case op::bit_or:
-        out = a | b;
-        return true;
+        return a | b;
     case op::log_and:
-        out = a != 0 && b != 0;
-        return true;
+        return a != 0 && b != 0;
     case op::log_or:
-        out = a != 0 || b != 0;
-        return true;
+        return a != 0 || b != 0;
     default:
-        out = compare(code, a, b);
-        return true;
+        return compare(code, a, b);
     }
+}
+
+// Any operator on two integers; false after a line to the session.
+bool integers(int cn, op code, int a, int b, int &out) {
+    if (code == op::div)
+        return divide(cn, a, b, out);
+    if (can_fail(code))
+        return shift(cn, code, a, b, out);
+    out = safe_integers(code, a, b);
+    return true;
 }
 
 PE_Value add_strings(int cn, PE_Value &a, const PE_Value &b) {
@@ -151,18 +152,27 @@ PE_Value not_integer(int cn, const PE_Value &a, const PE_Value &b) {
     return {};
 }
 
+int unary_integer(op code, int a) {
+    switch (code) {
+    case op::negate:
+        return wrap(0U - bits(a));
+    case op::complement:
+        return ~a;
+    default:
+        return a == 0;
+    }
+}
+
 PE_Value unary(int cn, op code, const PE_Value &a) {
+    if (a.type == pe_int)
+        return PE_Value::of(unary_integer(code, a.IntValue));
     if (code == op::negate) {
-        if (a.type == pe_int)
-            return PE_Value::of(wrap(0U - bits(a.IntValue)));
         if (a.type == pe_double)
             return PE_Value::of(-a.DoubleValue);
         sv_printf(cn, "! Cannot negate type %d\n", a.type);
         return {};
     }
-    if (a.type != pe_int)
-        return not_integer(cn, a, a);
-    return PE_Value::of(code == op::complement ? ~a.IntValue : static_cast<int>(a.IntValue == 0));
+    return not_integer(cn, a, a);
 }
 
 // The number that the whole text spells, blanks around it allowed.
@@ -195,7 +205,7 @@ std::string text_of(const PE_Value &v) {
     return text;
 }
 
-PE_Value cast_with_format(int cn, const PE_Value &v, const std::string &format) {
+PE_Value cast_with_format(int cn, const PE_Value &v, std::string_view format) {
     static constexpr const char *start = "! ERROR in cast to string with format string";
     if (format.empty() || std::string_view("diouxXeEfFgGs").find(format.back()) == std::string_view::npos) {
         sv_print(cn, "! ERROR in cast to string with format string. Expected last character of format string "
@@ -219,7 +229,12 @@ PE_Value cast_with_format(int cn, const PE_Value &v, const std::string &format) 
     return PE_Value::of(std::move(*text));
 }
 
-PE_Value cast(int cn, const PE_Value &v, value_type to, const std::string *format) {
+PE_Value not_a_string(int cn, const PE_Value &v) {
+    sv_printf(cn, "! Cannot convert type %d to string\n", v.type);
+    return {};
+}
+
+PE_Value cast(int cn, const PE_Value &v, value_type to) {
     switch (to) {
     case pe_int:
         if (v.type == pe_int)
@@ -234,12 +249,8 @@ PE_Value cast(int cn, const PE_Value &v, value_type to, const std::string *forma
         sv_printf(cn, "! Cannot convert type %d to double\n", v.type);
         return {};
     case pe_string:
-        if (v.type == pe_error) {
-            sv_printf(cn, "! Cannot convert type %d to string\n", v.type);
-            return {};
-        }
-        if (format)
-            return cast_with_format(cn, v, *format);
+        if (v.type == pe_error)
+            return not_a_string(cn, v);
         return PE_Value::of(v.is_number() ? text_of(v) : v.StringValue);
     default:
         if (v.type == pe_string || v.type == pe_qualifier)
@@ -249,19 +260,19 @@ PE_Value cast(int cn, const PE_Value &v, value_type to, const std::string *forma
     }
 }
 
-PE_Value bad_cast(int cn, const std::string &word) {
-    sv_print(cn, "! Cannot recognise cast (" + word + "), expect (int), (double) or (string)\n");
+PE_Value bad_cast(int cn, std::string_view word) {
+    sv_print(cn, "! Cannot recognise cast (" + std::string(word) + "), expect (int), (double) or (string)\n");
     return {};
 }
 
-void load(int cn, const std::string &name, bool like_a_cast, PE_Value &out) {
+void load(int cn, std::string_view name, bool like_a_cast, PE_Value &out) {
     const Variable *v = get_variable(name);
     if (!v && like_a_cast) {
         out = bad_cast(cn, name);
         return;
     }
     if (!v) {
-        sv_print(cn, "! Cannot find variable " + name + "\n");
+        sv_print(cn, "! Cannot find variable " + std::string(name) + "\n");
         return;
     }
     switch (v->type) {
@@ -280,14 +291,14 @@ void load(int cn, const std::string &name, bool like_a_cast, PE_Value &out) {
 }
 
 // Sets the variable that a read would find, else a new global. An error value changes none.
-bool store(int cn, const std::string &name, const PE_Value &value) {
+bool store(int cn, std::string_view name, const PE_Value &value) {
     if (value.type == pe_error)
         return false;
     Variable *v = get_variable(name);
     if (!v)
         v = make_variable(cn, name, true);
     if (!v) {
-        sv_printf(cn, "! Cannot make variable %s\n", name.c_str());
+        sv_print(cn, "! Cannot make variable " + std::string(name) + "\n");
         return false;
     }
     v->StringVar = value.StringValue;
@@ -312,15 +323,45 @@ PE_Value binary(int cn, op code, PE_Value &a, const PE_Value &b) {
 bool is_binary(op code) {
     return code >= op::add && code <= op::log_or;
 }
+bool is_unary(op code) {
+    return code >= op::negate && code <= op::invert;
+}
 
 } // namespace
+
+std::optional<int> expression_run_integers(const program &p) {
+    std::array<int, 16> stack;
+    std::size_t depth = 0;
+    for (std::size_t next = 0; next < p.code.size();) {
+        const instruction &i = p.code[next++];
+        if (depth == stack.size())
+            return std::nullopt;
+        if (is_binary(i.code)) {
+            if (can_fail(i.code))
+                return std::nullopt;
+            --depth;
+            stack[depth - 1] = safe_integers(i.code, stack[depth - 1], stack[depth]);
+        } else if (is_unary(i.code)) {
+            stack[depth - 1] = unary_integer(i.code, stack[depth - 1]);
+        } else if (i.code == op::push_int) {
+            stack[depth++] = i.a;
+        } else if (i.code == op::load) {
+            const Variable *v = get_variable(p.text(i));
+            if (!v || v->type != vt_int)
+                return std::nullopt;
+            stack[depth++] = v->IntVar;
+        } else if (i.code == op::jump || (i.code == op::jump_if_zero && stack[--depth] == 0)) {
+            next = static_cast<std::size_t>(i.a);
+        } else if (i.code != op::jump_if_zero) {
+            return std::nullopt;
+        }
+    }
+    return stack[0];
+}
 
 PE_Value expression_run(int cn, const program &p) {
     static std::vector<PE_Value> stack; // nothing that runs below evaluates another expression
     stack.clear();
-    const auto text = [&p](std::int32_t index) -> const std::string & {
-        return p.strings[static_cast<std::size_t>(index)];
-    };
     for (std::size_t next = 0; next < p.code.size();) {
         const instruction &i = p.code[next++];
         if (is_binary(i.code)) {
@@ -333,34 +374,35 @@ PE_Value expression_run(int cn, const program &p) {
             stack.pop_back();
         } else {
             switch (i.code) {
-            case op::push_int: {
-                PE_Value &pushed = stack.emplace_back();
-                pushed.type = pe_int;
-                pushed.IntValue = i.a;
+            case op::push_int:
+                stack.push_back(PE_Value::of(i.a));
                 break;
-            }
             case op::push_double:
                 stack.push_back(PE_Value::of(i.d));
                 break;
             case op::push_string:
-                stack.push_back(PE_Value::of(text(i.a)));
+                stack.push_back(PE_Value::of(std::string(p.text(i))));
                 break;
             case op::load:
-                load(cn, text(i.a), i.b != 0, stack.emplace_back());
+            case op::load_or_cast:
+                load(cn, p.text(i), i.code == op::load_or_cast, stack.emplace_back());
                 break;
             case op::store:
-                if (!store(cn, text(i.a), stack.back()))
+                if (!store(cn, p.text(i), stack.back()))
                     stack.back() = {};
                 break;
             case op::cast:
-                stack.back() =
-                    cast(cn, stack.back(), static_cast<value_type>(i.a), i.b ? &text(i.b - 1) : nullptr);
+                stack.back() = cast(cn, stack.back(), static_cast<value_type>(i.a));
+                break;
+            case op::cast_format:
+                stack.back() = stack.back().type == pe_error ? not_a_string(cn, stack.back())
+                                                             : cast_with_format(cn, stack.back(), p.text(i));
                 break;
             case op::bad_cast:
-                stack.back() = bad_cast(cn, text(i.a));
+                stack.back() = bad_cast(cn, p.text(i));
                 break;
             case op::call:
-                stack.back() = function_call(cn, text(i.a), stack.back());
+                stack.back() = function_call(cn, p.text(i), stack.back());
                 break;
             case op::jump:
                 next = static_cast<std::size_t>(i.a);

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <span>
 #include <vector>
 
 namespace kestrel {
@@ -34,18 +35,25 @@ namespace {
 
 int nesting = 0; // lines being interpreted, one inside the other
 
+enum class comes { again, once }; // whether a line is likely to be run again
+
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    std::array<scanned_line, 8> typed; // a polling client repeats a few lines; scripts keep their own
+    std::array<scanned_line, 8> typed; // a polling client repeats a few lines
+    scanned_line read_once;            // from a script, which keeps those that it repeats
     token next;
-    std::vector<pt_value> values;
-    std::vector<std::string> strings; // of the values of type 's', in their order
+    std::vector<pt_value> values;     // a command's arguments, behind them what an earlier line left
+    std::vector<std::string> strings; // of the values of type 's', in their order; the same
 
     std::size_t latest = 0;
 
     // The line in scanned form, known already if it ran lately.
-    scanned_line &line(std::string_view text) {
+    scanned_line &line(std::string_view text, comes how_often) {
+        if (how_often == comes::once) {
+            read_once.assign(text);
+            return read_once;
+        }
         if (typed[latest].text() == text)
             return typed[latest];
         const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
@@ -76,12 +84,10 @@ class nested_scratch {
         if (level_ >= line_nesting_max || !kept_[level_])
             return;
         scratch &kept = *kept_[level_];
-        kept.values.clear();
-        kept.strings.clear();
-        for (std::string *text : {&kept.expanded, &kept.next.ScannedString}) {
-            if (text->capacity() > kept_string_max)
-                *text = {};
-        }
+        for (std::string *text : {&kept.expanded, &kept.next.ScannedString})
+            give_back(*text);
+        for (std::string &text : kept.strings)
+            give_back(text);
     }
     nested_scratch(const nested_scratch &) = delete;
     nested_scratch &operator=(const nested_scratch &) = delete;
@@ -89,7 +95,12 @@ class nested_scratch {
     scratch *get() const { return level_ < line_nesting_max ? kept_[level_].get() : nullptr; }
 
   private:
-    static constexpr std::size_t kept_string_max = 4096;
+    static void give_back(std::string &text) {
+        constexpr std::size_t kept_string_max = 4096;
+        if (text.capacity() > kept_string_max)
+            text = {};
+    }
+
     static inline std::unique_ptr<scratch> kept_[line_nesting_max];
     int level_;
 };
@@ -105,6 +116,8 @@ struct line_state {
     scanned_line &line;
     std::size_t index = 0; // the next item
     int quals = 0;
+    std::size_t given = 0; // values
+    std::size_t texts = 0; // strings
     unsigned too_long = 0; // bit i: the last text of qualifier i is longer than its place
     std::size_t too_long_at = 0;
     token &next;
@@ -200,35 +213,48 @@ int refuse_type(line_state &state, int number, char type) {
     return finish_error(state.cn);
 }
 
+// Keeps the string just scanned. A value points at it when all are there.
+void take_string(line_state &state) {
+    if (state.texts == state.strings.size())
+        state.strings.emplace_back();
+    state.strings[state.texts++].swap(state.next.ScannedString);
+}
+
 // Stores the value just scanned if an argument of this type takes it.
-bool take_value(line_state &state, char type) {
-    token &t = state.next;
+bool take_value(line_state &state, char type, pt_value &out) {
+    const token &t = state.next;
     switch (t.kind) {
     case token_kind::integer:
         if (type == 's')
             return false;
-        if (type == 'd' || type == 'v')
-            state.values.push_back({'d', t.ScannedInt, 0.0, nullptr});
+        out.type = type == 'd' || type == 'v' ? 'd' : 'f';
+        if (out.type == 'd')
+            out.i = t.ScannedInt;
         else
-            state.values.push_back({'f', 0, static_cast<double>(t.ScannedInt), nullptr});
+            out.d = t.ScannedInt;
         return true;
     case token_kind::real:
         if (type == 'd' || type == 's')
             return false;
-        state.values.push_back({'f', 0, t.ScannedDouble, nullptr});
+        out.type = 'f';
+        out.d = t.ScannedDouble;
         return true;
     default:
         if (type != 's' && type != 'v')
             return false;
-        state.strings.push_back(std::move(t.ScannedString));
-        state.values.push_back({'s', 0, 0.0, nullptr}); // pointed at its string when all are there
+        out.type = 's';
+        take_string(state);
         return true;
     }
 }
 
 int take_arguments(line_state &state, const PARSE_TREE &command, const _pt_args &args) {
-    while (static_cast<int>(state.values.size()) < args.nr_args) {
-        const int taken = static_cast<int>(state.values.size());
+    const std::size_t wanted = static_cast<std::size_t>(args.nr_args);
+    if (state.values.size() < wanted)
+        state.values.resize(wanted);
+    std::fill_n(state.values.begin(), wanted, pt_value{}); // those not given are zero and null
+    for (; state.given < wanted; ++state.given) {
+        const int taken = static_cast<int>(state.given);
         state.scan();
         switch (state.next.kind) {
         case token_kind::end_of_line:
@@ -249,8 +275,8 @@ int take_arguments(line_state &state, const PARSE_TREE &command, const _pt_args 
         case token_kind::undefined_variable:
             return refuse_undefined(state);
         default: {
-            const char type = args.type[static_cast<std::size_t>(taken)];
-            if (!take_value(state, type))
+            const char type = args.type[state.given];
+            if (!take_value(state, type, state.values[state.given]))
                 return refuse_type(state, taken + 1, type);
         }
         }
@@ -329,10 +355,9 @@ int take_qualifiers(line_state &state, const PARSE_TREE &command, const _pt_args
 // ---------------------------------------------------------------- calling
 
 void set_call_globals(const line_state &state, const _pt_args &args) {
-    const std::size_t given = state.values.size();
-    TotalArgumentCount = static_cast<int>(given);
+    TotalArgumentCount = static_cast<int>(state.given);
     OptionalArgumentCount = std::max(0, TotalArgumentCount - args.opt_start);
-    const std::size_t kept = std::min(given, call_arguments_max - 1);
+    const std::size_t kept = std::min(state.given, call_arguments_max - 1);
     for (std::size_t i = 0; i < kept; ++i)
         ArgumentType[i] = state.values[i].type;
     ArgumentType[kept] = '\0';
@@ -353,7 +378,7 @@ int integer_result(char type, const pt_result &result) {
 
 void point_at_strings(line_state &state) {
     std::size_t next = 0;
-    for (pt_value &v : state.values)
+    for (pt_value &v : std::span(state.values).first(state.given))
         if (v.type == 's')
             v.s = state.strings[next++].c_str();
 }
@@ -385,11 +410,11 @@ int run_command(line_state &state, const delivery &to) {
     set_call_globals(state, args);
     ResultIsPrinted = to.print_result && !to.result_out;
     point_at_strings(state);
-    state.values.resize(static_cast<std::size_t>(args.nr_args)); // the missing ones are zero and null
     pt_result result;
     if (user_command_spoiled && nesting == 1)
         user_command_spoiled(state.cn, true);
-    command.fn.call(state.quals, state.cn, state.values, result);
+    const std::size_t all = static_cast<std::size_t>(args.nr_args);
+    command.fn.call(state.quals, state.cn, std::span(state.values).first(all), result);
     if (user_command_spoiled && user_command_spoiled(state.cn, false))
         result = {-1, -1.0, {}};
     const int radix = ResultRadix ? ResultRadix : sv_get_radix(state.cn);
@@ -444,8 +469,9 @@ int out_of_memory(int cn) {
     return finish_error(cn);
 }
 
-// Runs a line on a level of its own: `scanned`, or what `typed` expands to.
-int service(int cn, scanned_line *scanned, std::string_view typed, const delivery &to, int *status_out) {
+// Runs a line on a level of its own: `scanned`, or what `text` expands to.
+int service(int cn, scanned_line *scanned, std::string_view text, comes how_often, const delivery &to,
+            int *status_out) {
     if (status_out)
         *status_out = 0;
     try {
@@ -456,10 +482,10 @@ int service(int cn, scanned_line *scanned, std::string_view typed, const deliver
             return finish_error(cn);
         }
         if (!scanned) {
-            const bool is_short = has_short_form(typed);
-            if (is_short && !preprocess(cn, typed, kept->expanded))
+            const bool is_short = has_short_form(text);
+            if (is_short && !preprocess(cn, text, kept->expanded))
                 return finish_error(cn);
-            scanned = &kept->line(is_short ? kept->expanded : typed);
+            scanned = &kept->line(is_short ? kept->expanded : text, how_often);
         }
         line_state state(cn, *scanned, *kept);
         return run_line(state, to, status_out);
@@ -472,20 +498,20 @@ int service(int cn, scanned_line *scanned, std::string_view typed, const deliver
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {
-    return service(cn, &line, {}, {result_out, print_result, log, vlog}, status_out);
+    return service(cn, &line, {}, comes::again, {result_out, print_result, log, vlog}, status_out);
 }
 
-int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) {
-    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, nullptr);
+int user_service(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog) {
+    return service(cn, nullptr, line, comes::again, {nullptr, print_result, log, vlog}, nullptr);
 }
 
 int user_service_script(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out) {
-    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, status_out);
+    return service(cn, nullptr, line, comes::once, {nullptr, print_result, log, vlog}, status_out);
 }
 
 int user_service_result(int cn, const char *line, Variable *result_out, int *status_out) {
-    return service(cn, nullptr, line, {result_out, 0, nullptr, nullptr}, status_out);
+    return service(cn, nullptr, line, comes::again, {result_out, 0, nullptr, nullptr}, status_out);
 }
 
 std::string pt_quoted(std::string_view text) {

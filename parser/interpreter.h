@@ -31,7 +31,7 @@ int service_line(int cn, scanned_line &line, Variable *result_out, int print_res
                  std::FILE *vlog, int *status_out);
 
 // The same for a line as it was typed: "@" macros and "~" include short forms are expanded first.
-int user_service(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog);
+int user_service(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog);
 int user_service_script(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out);
 // ... and with the typed result stored instead of printed.

@@ -33,99 +33,95 @@ bool scanned_line::take_word(item &next) {
     while (end < text_.size() && is_word_char(text_[end]))
         ++end;
     next.kind = item_kind::word;
-    next.word = std::string_view(text_).substr(at_, end - at_);
+    next.text = std::string_view(text_).substr(at_, end - at_);
     at_ = end;
     return true;
+}
+
+// A single instruction, as most are, becomes an item that needs no program.
+void scanned_line::take_expression(item &next) {
+    next.code = code_.size();
+    const bool good = expression_compile(text_, at_, code_, message_);
+    next.code_end = code_.size();
+    next.kind = good ? item_kind::expression : item_kind::bad;
+    if (!good || next.code_end - next.code != 1)
+        return;
+    const instruction &only = code_.back();
+    switch (only.code) {
+    case op::push_int:
+        next.kind = item_kind::integer;
+        next.value = only.a;
+        return;
+    case op::push_string:
+    case op::load:
+        next.kind = only.code == op::load ? item_kind::variable : item_kind::string;
+        next.text = program_of(next).text(only);
+        return;
+    default:
+        return;
+    }
 }
 
 void scanned_line::read_item() {
     while (at_ < text_.size() && is_blank(text_[at_]))
         ++at_;
-    if (read_ == items_.size())
-        items_.emplace_back();
-    item &next = items_[read_];
+    if (items_.size() == items_.capacity())
+        items_.reserve(2 * items_.size() + 4); // now: without memory nothing of the line is lost
+    item next;
     next.position = at_;
-    next.message.clear();
     if (at_ == text_.size()) {
         next.kind = item_kind::end;
     } else if (text_[at_] == '?') {
         next.kind = item_kind::help;
         ++at_;
     } else if (!take_word(next)) {
-        const bool good = expression_compile(text_, at_, next.code, next.message);
-        next.kind = good ? item_kind::expression : item_kind::bad;
+        take_expression(next);
     }
     // An item ends at a blank; help may follow at once.
     const bool ended = at_ == text_.size() || is_blank(text_[at_]) || text_[at_] == '?';
-    if (!ended && (next.kind == item_kind::word || next.kind == item_kind::expression)) {
+    if (!ended && next.kind != item_kind::help && next.kind != item_kind::bad) {
         next.kind = item_kind::bad;
-        next.message = "Syntax error";
+        message_ = "Syntax error";
     }
-    ++read_;
+    items_.push_back(next);
+}
+
+program scanned_line::program_of(const item &i) const {
+    return {text_, std::span(code_).subspan(i.code, i.code_end - i.code)};
 }
 
 void scanned_line::assign(std::string_view line) {
-    constexpr std::size_t kept_text = 1024, kept_items = 16;
+    constexpr std::size_t kept_text = 1024, kept_items = 16, kept_code = 128;
     if (line == text_)
         return;
-    if (text_.capacity() > kept_text || items_.size() > kept_items) {
+    if (text_.capacity() > kept_text || items_.size() > kept_items || code_.capacity() > kept_code) {
         text_ = {};
         items_ = {};
+        code_ = {};
     }
     command = nullptr;
-    read_ = at_ = 0;
+    items_.clear();
+    code_.clear();
+    at_ = 0;
     text_ = line;
 }
 
-void scanned_line::scan(int cn, std::size_t index, token &out) {
-    while (read_ <= index)
-        read_item();
-    item &next = items_[index];
-    out.ScannerInputPosn = next.position;
-    out.qualifier_value = false;
-    switch (next.kind) {
-    case item_kind::end:
-        out.kind = token_kind::end_of_line;
-        return;
-    case item_kind::help:
-        out.kind = token_kind::help;
-        return;
-    case item_kind::word:
-        out.kind = token_kind::identifier;
-        out.ScannedId = next.word;
-        return;
-    case item_kind::integer:
+void scanned_line::evaluate(int cn, item &i, token &out) {
+    const program code = program_of(i);
+    if (const std::optional<int> value = expression_run_integers(code)) {
         out.kind = token_kind::integer;
-        out.ScannedInt = next.value;
-        return;
-    case item_kind::bad:
-        if (!next.message.empty())
-            sv_printf(cn, "! %s\n", next.message.c_str());
-        out.kind = token_kind::unexpected;
-        return;
-    case item_kind::expression:
-        break;
-    }
-    if (const std::string *constant = next.code.string_constant()) {
-        out.kind = token_kind::string;
-        out.ScannedString = *constant;
+        out.ScannedInt = *value;
+        if (code.is_constant()) {
+            i.kind = item_kind::integer;
+            i.value = *value;
+        }
         return;
     }
-    const std::string_view single = next.code.single_variable();
-    if (!single.empty() && !get_variable(single)) {
-        out.kind = token_kind::undefined_variable;
-        out.ScannedString = single;
-        return;
-    }
-    PE_Value value = expression_run(cn, next.code);
+    PE_Value value = expression_run(cn, code);
     switch (value.type) {
     case pe_int:
         out.kind = token_kind::integer;
         out.ScannedInt = value.IntValue;
-        if (next.code.is_constant()) {
-            next.kind = item_kind::integer;
-            next.value = value.IntValue;
-        }
         return;
     case pe_double:
         out.kind = token_kind::real;
@@ -143,6 +139,47 @@ void scanned_line::scan(int cn, std::size_t index, token &out) {
         return;
     case pe_error:
         out.kind = token_kind::unexpected;
+    }
+}
+
+void scanned_line::scan(int cn, std::size_t index, token &out) {
+    while (items_.size() <= index)
+        read_item();
+    item &next = items_[index];
+    out.ScannerInputPosn = next.position;
+    out.qualifier_value = false;
+    switch (next.kind) {
+    case item_kind::end:
+        out.kind = token_kind::end_of_line;
+        return;
+    case item_kind::help:
+        out.kind = token_kind::help;
+        return;
+    case item_kind::word:
+        out.kind = token_kind::identifier;
+        out.ScannedId = next.text;
+        return;
+    case item_kind::string:
+        out.kind = token_kind::string;
+        out.ScannedString = next.text;
+        return;
+    case item_kind::integer:
+        out.kind = token_kind::integer;
+        out.ScannedInt = next.value;
+        return;
+    case item_kind::bad:
+        if (!message_.empty())
+            sv_printf(cn, "! %s\n", message_.c_str());
+        out.kind = token_kind::unexpected;
+        return;
+    case item_kind::variable:
+        if (get_variable(next.text))
+            return evaluate(cn, next, out);
+        out.kind = token_kind::undefined_variable;
+        out.ScannedString = next.text;
+        return;
+    case item_kind::expression:
+        return evaluate(cn, next, out);
     }
 }
 

@@ -56,21 +56,24 @@ class scanned_line {
     std::size_t first_argument = 0;
 
   private:
-    enum class item_kind { word, help, end, expression, integer, bad };
+    enum class item_kind { word, help, end, string, integer, variable, expression, bad };
     struct item {
         item_kind kind = item_kind::end;
         std::size_t position = 0;
-        std::string_view word;
-        program code;
-        int value = 0; // of an integer
-        std::string message;
+        std::string_view text; // of a word or string; a variable's name
+        int value = 0;         // of an integer
+        std::size_t code = 0, code_end = 0;
     };
     void read_item();
     bool take_word(item &next);
+    void take_expression(item &next);
+    program program_of(const item &i) const;
+    void evaluate(int cn, item &i, token &out);
 
     std::string text_;
     std::vector<item> items_;
-    std::size_t read_ = 0; // this many items are of this line, those behind them wait to be used again
+    std::vector<instruction> code_; // of all items
+    std::string message_;           // of a bad item, which nobody reads past
     std::size_t at_ = 0;
 };
 

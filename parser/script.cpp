@@ -79,6 +79,8 @@ class scanned_lines {
   public:
     // The line in scanned form; null for one that is not kept (a macro's text may change from pass to pass).
     scanned_line *find(int cn, off_t offset, std::string_view line) {
+        if (lines_.empty() && !loops_are_open())
+            return nullptr;
         const auto known = lines_.find(offset);
         if (known != lines_.end() && known->second.bytes == line)
             return known->second.scanned.get();

@@ -6,36 +6,63 @@
 #include <cstdio>
 #include <deque>
 #include <new>
-#include <unordered_map>
+#include <vector>
 
 namespace kestrel {
 
 namespace {
 
 // Variables in the order in which they were made, found by name. A deque keeps their addresses.
-struct scope {
-    std::deque<Variable> list;
-    std::unordered_map<std::string_view, Variable *> by_name; // keys are views of the variables' own names
+class scope {
+  public:
+    const std::deque<Variable> &list() const { return list_; }
 
-    Variable *find(std::string_view name) const {
-        const auto found = by_name.find(name);
-        return found == by_name.end() ? nullptr : found->second;
-    }
+    Variable *find(std::string_view name) const { return list_.empty() ? nullptr : places_[place_of(name)]; }
 
     Variable *make(std::string_view name) {
         if (Variable *existing = find(name)) {
             existing->StringVar.clear();
             return existing;
         }
-        list.push_back({vt_int, std::string(name), 0, 0.0, {}});
+        if (places_.size() < 2 * (list_.size() + 1))
+            grow();
+        Variable &made = list_.emplace_back();
         try {
-            by_name.emplace(list.back().name, &list.back());
+            made.name = name;
         } catch (const std::bad_alloc &) {
-            list.pop_back();
+            list_.pop_back();
             throw;
         }
-        return &list.back();
+        return places_[place_of(made.name)] = &made;
     }
+
+    void clear() {
+        list_.clear();
+        places_.clear();
+    }
+
+  private:
+    // Where a variable of that name is, or would be: never full, and a power of two in size.
+    std::size_t place_of(std::string_view name) const {
+        std::size_t hash = 0;
+        for (const char c : name)
+            hash = hash * 31 + static_cast<unsigned char>(c);
+        for (;; ++hash) {
+            const std::size_t place = hash & (places_.size() - 1);
+            const Variable *v = places_[place];
+            if (!v || v->name == name)
+                return place;
+        }
+    }
+
+    void grow() {
+        places_.assign(std::max<std::size_t>(16, 2 * places_.size()), nullptr);
+        for (Variable &v : list_)
+            places_[place_of(v.name)] = &v;
+    }
+
+    std::deque<Variable> list_;
+    std::vector<Variable *> places_;
 };
 
 scope globals;
@@ -136,10 +163,10 @@ int set_variable(int cn, std::string_view name, const Variable &value, bool glob
 
 void list_variables(int cn) {
     sv_printf(cn, "# Globals:\n");
-    for (const Variable &v : globals.list)
+    for (const Variable &v : globals.list())
         print_variable(cn, v);
     sv_printf(cn, "# Current locals:\n");
-    for (const Variable &v : variables[current].list)
+    for (const Variable &v : variables[current].list())
         print_variable(cn, v);
 }
 
@@ -151,8 +178,7 @@ bool variables_enter_level() {
 }
 
 void variables_leave_level() {
-    variables[current].by_name.clear();
-    variables[current].list.clear();
+    variables[current].clear();
     if (current > 0)
         --current;
 }

@@ -1,5 +1,5 @@
 // server: what the process is busy with, for those who ask while it is: which sessions there are, whose line runs, how
-// far it is. The command thread writes it and never waits for a reader longer than a reader needs to copy a row.
+// far it is. The command thread writes what changes with each line without a lock.
 #pragma once
 
 #include <atomic>

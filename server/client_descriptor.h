@@ -11,7 +11,7 @@
 #include "server/outbox.h"
 #include "server/receive.h"
 #include "server/session.h"
-#include "support/light_mutex.h"
+#include "support/owned_mutex.h"
 
 #include <netinet/in.h>
 
@@ -33,7 +33,7 @@ struct session_fields {
 };
 
 struct client_descriptor : session_fields {
-    light_mutex output_mutex;
+    owned_mutex output_mutex;
 };
 
 extern client_descriptor client[sv_max_clients];

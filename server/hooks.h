@@ -12,7 +12,8 @@ namespace kestrel {
 
 struct server_hooks {
     // Interprets one command line (arguments: session, line, print the result, command log, verbose log).
-    int (*service)(int cn, const char *line, int print_result, std::FILE *log, std::FILE *vlog) = nullptr;
+    int (*service)(int cn, std::string_view line, int print_result, std::FILE *log,
+                   std::FILE *vlog) = nullptr;
     // Runs the start-up file on session 0; takes the opened descriptor over.
     void (*include_startup)(int cn, const char *name, int fd) = nullptr;
     // Candidates for the word before the end of `line`, each a whole line.

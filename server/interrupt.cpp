@@ -11,11 +11,13 @@ namespace kestrel {
 
 volatile std::sig_atomic_t sv_quit = 0;
 void (*user_quit_handler)(int) = nullptr;
+std::atomic<std::uint64_t> sv_running_line{0};
 
 namespace {
 
 const pthread_t command_thread = pthread_self(); // static initialisation runs on the main thread
-std::atomic<unsigned> interrupts{0};             // that came, as other threads see them
+std::atomic<std::uint64_t> meant{0};             // the line that the next interrupt is for, 0: any
+std::atomic<unsigned> interrupts{0}, missed{0};  // that came; whose line had ended
 
 } // namespace
 
@@ -29,21 +31,29 @@ void quit_handler(int signal) {
         pthread_kill(command_thread, signal);
         return;
     }
+    const std::uint64_t line = meant.exchange(0);
+    if (line != 0 && line != sv_running_line.load(std::memory_order_relaxed)) {
+        missed.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     sv_quit = sv_quit + 1;
     interrupts.fetch_add(1, std::memory_order_relaxed);
     if (user_quit_handler)
         user_quit_handler(0);
 }
 
-bool sv_interrupt_command_thread() {
+interrupt_result sv_interrupt_line(std::uint64_t line) {
     using steady = std::chrono::steady_clock;
-    const unsigned before = interrupts;
+    const unsigned came = interrupts, late = missed;
     const auto end = steady::now() + std::chrono::milliseconds(100);
+    meant = line;
     if (pthread_kill(command_thread, SIGINT) != 0)
-        return false;
-    while (interrupts == before && steady::now() < end)
+        return interrupt_result::no_answer;
+    while (interrupts == came && missed == late && steady::now() < end)
         std::this_thread::sleep_for(std::chrono::microseconds(100));
-    return interrupts != before;
+    if (interrupts != came)
+        return interrupt_result::came;
+    return missed != late ? interrupt_result::line_has_ended : interrupt_result::no_answer;
 }
 
 int sv_poll_quit(int cn) {

@@ -3,7 +3,9 @@
 
 #include "server/wait.h" // waits that it ends
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 
 namespace kestrel {
 
@@ -11,8 +13,13 @@ extern volatile std::sig_atomic_t sv_quit; // interrupts since the line began
 extern void (*user_quit_handler)(int);     // called with 0 from the signal handler
 void quit_handler(int signal);
 
-// Sends the command thread the interrupt that ^C sends, and waits until it has come (at most 100 ms). Any other thread.
-bool sv_interrupt_command_thread();
+// The number of the session's line that runs, 0 for none. Written by the command thread.
+extern std::atomic<std::uint64_t> sv_running_line;
+
+// Interrupts that line as ^C does, and no other one: what came of it, after 100 ms at most. One thread at a time, and not
+// the command thread.
+enum class interrupt_result { came, line_has_ended, no_answer };
+interrupt_result sv_interrupt_line(std::uint64_t line);
 
 // True on the thread that runs the loop and every command.
 bool sv_on_command_thread();

@@ -126,9 +126,11 @@ void sv_close_log(std::FILE *&log) {
 bool sv_has_secret(std::string_view line) {
     // Looked for by a letter that is rare in commands: the "w" of the word.
     constexpr std::size_t mark = secret_word.find('w');
-    for (std::size_t at = mark; at < line.size(); ++at)
-        if ((line[at] | ' ') == 'w' && secret_word_at(line, at - mark))
-            return true;
+    for (const char letter : {'w', 'W'}) {
+        for (std::size_t at = line.find(letter, mark); at != line.npos; at = line.find(letter, at + 1))
+            if (secret_word_at(line, at - mark))
+                return true;
+    }
     return false;
 }
 

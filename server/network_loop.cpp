@@ -205,8 +205,9 @@ void tell_line(int cn, std::string_view masked, activity_clock::time_point now) 
 // what is unsent.
 std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     line_edit &edit = client[cn].machine.edit;
-    char line[sv_line_max + 1];
-    std::memcpy(line, edit.input, edit.len + 1);
+    char typed[sv_line_max];
+    std::memcpy(typed, edit.input, edit.len);
+    const std::string_view line(typed, edit.len);
     sv_ln_start(edit);
     sv_quit = 0;
     try {

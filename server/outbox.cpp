@@ -113,14 +113,6 @@ outbox_status send_some(client_descriptor &c) {
 }
 
 void append_crlf(std::string &to, std::string_view bytes) {
-    constexpr std::size_t short_line = 64;
-    if (bytes.size() <= short_line && bytes.find('\n') == bytes.size() - 1) { // most replies, in one go
-        char line[short_line + 1];
-        bytes.copy(line, bytes.size() - 1);
-        std::memcpy(line + bytes.size() - 1, "\r\n", 2);
-        to.append(line, bytes.size() + 1);
-        return;
-    }
     while (!bytes.empty()) {
         const std::size_t lf = bytes.find('\n');
         to.append(bytes.substr(0, lf));

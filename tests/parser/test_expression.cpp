@@ -8,14 +8,14 @@ using namespace kestrel;
 namespace {
 
 std::string dump(std::string_view text) {
-    program p;
+    std::vector<instruction> code;
     std::string message;
     std::size_t at = 0;
-    if (!expression_compile(text, at, p, message))
+    if (!expression_compile(text, at, code, message))
         return "error: " + message;
     if (at != text.size())
         return "stopped at " + std::to_string(at);
-    return expression_dump(p);
+    return expression_dump({text, code});
 }
 
 } // namespace
@@ -35,7 +35,7 @@ TEST(expression, operators_bind_as_listed) {
         {"1?2:0?4:5", "int:1 jz:4 int:2 jump:9 int:0 jz:8 int:4 jump:9 int:5"},
         {"(int)2.5+1", "double:2.500000 cast:1 int:1 add"},
         {"(1+2)*3", "int:1 int:2 add int:3 mult"},
-        {"(a)-5", "load:a int:5 sub"},
+        {"(a)-5", "loadcast:a int:5 sub"},
         {"(a)~5", "int:5 compl badcast:a"},
         {"(a)!=5", "load:a int:5 ne"},
         {"(a)5", "int:5 badcast:a"},
@@ -62,4 +62,27 @@ TEST(expression, faults_of_syntax_are_named) {
     for (int i = 0; i < 100000; ++i)
         chain += "+1";
     EXPECT_FALSE(dump(chain).starts_with("error: ")) << "a long chain needs no depth";
+}
+
+TEST(expression, of_integers_gives_the_same_without_types) {
+    const auto run = [](std::string_view text, PE_Value &general) {
+        std::vector<instruction> code;
+        std::string message;
+        std::size_t at = 0;
+        EXPECT_TRUE(expression_compile(text, at, code, message)) << text;
+        general = expression_run(-1, {text, code});
+        return expression_run_integers({text, code});
+    };
+    PE_Value general;
+    for (const char *text : {"1+2*3", "-2147483647-1", "2147483647+1", "65536*65536*3", "~5&12|3^9", "!0?4:5",
+                             "0?1:2", "1<2&&3>=4||0!=1"}) {
+        EXPECT_EQ(run(text, general), general.IntValue) << text;
+        EXPECT_EQ(general.type, pe_int) << text;
+    }
+    testing::internal::CaptureStdout(); // of errors
+    for (const char *text :
+         {"1/0", "4/2", "1<<2", "1.5", "'a'", "1+2.0", "sin(1)", "a=3", "%nobody", "(double)1",
+          "1+(2+(3+(4+(5+(6+(7+(8+(9+(10+(11+(12+(13+(14+(15+(16+17)))))))))))))))"})
+        EXPECT_FALSE(run(text, general)) << text;
+    testing::internal::GetCapturedStdout();
 }

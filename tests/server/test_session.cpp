@@ -1,4 +1,5 @@
 // A session's output and input over a socket pair.
+#include "server/activity.h"
 #include "server/client_descriptor.h"
 #include "server/data_channel.h"
 #include "server/input.h"
@@ -9,6 +10,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <future>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <regex>
@@ -229,6 +232,31 @@ TEST_F(session, stops_reading_at_an_interrupt) {
     EXPECT_EQ(sv_wait_retry(cn), -1);
     EXPECT_TRUE(sv_is_valid(cn));
     user.join();
+    ::sigaction(SIGINT, &before, nullptr);
+}
+
+TEST_F(session, is_interrupted_in_the_line_that_was_meant_and_in_no_other) {
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = quit_handler;
+    ::sigaction(SIGINT, &action, &before);
+    const auto stop = [](std::uint64_t number) {
+        return std::async(std::launch::async, sv_interrupt_line, number).get();
+    };
+    sv_quit = 0;
+    activity_begin(cn, "first", activity_clock::now());
+    const std::uint64_t first = sv_running_line;
+    EXPECT_EQ(stop(first), interrupt_result::came);
+    EXPECT_EQ(sv_quit, 1);
+    activity_end(activity_clock::now());
+    sv_quit = 0;
+    EXPECT_EQ(stop(first), interrupt_result::line_has_ended);
+    activity_begin(cn, "second", activity_clock::now());
+    EXPECT_EQ(stop(first), interrupt_result::line_has_ended);
+    EXPECT_EQ(sv_quit, 0);
+    ::raise(SIGINT); // ^C means whatever runs
+    EXPECT_EQ(sv_quit, 1);
+    activity_end(activity_clock::now());
     ::sigaction(SIGINT, &before, nullptr);
 }
 
