@@ -15,13 +15,6 @@ std::size_t number_of(std::string_view text) {
     return number;
 }
 
-std::size_t bytes_of_fields(const broker_value &fields) {
-    std::size_t bytes = 0;
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        bytes += fields.at(i).text().value_or("").size();
-    return bytes;
-}
-
 } // namespace
 
 // Of each run in the list, once in each life of the broker.
