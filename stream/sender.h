@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel::stream {
@@ -43,7 +44,9 @@ class sender {
     bool read_broker();
     bool take_stock();
     bool take_stock_of(const std::string &run);
-    bool take_stock_of_frames(const std::string &run, int card);
+    using payloads_by_age = std::vector<std::pair<long long, std::string>>; // microseconds, key
+    bool take_stock_of_frames(const std::string &run, int card, payloads_by_age &payloads);
+    bool take_stock_of_payloads(const payloads_by_age &payloads);
     bool forget_doubtful(bool counted);
     bool recover_run(published_run &run);
     bool recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gap);

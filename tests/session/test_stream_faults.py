@@ -32,9 +32,9 @@ def broker(tmp_path):
 class Card:
     """Modules of a card, as the readout library writes them."""
 
-    def __init__(self, client, index=CARD, places=PLACES):
-        self.client, self.index = client, index
-        shapes = {"hist": (BINS, places, "", CHANS), "tf_status": (CHANS, places, "", 2),
+    def __init__(self, client, index=CARD, places=PLACES, bins=BINS):
+        self.client, self.index, self.bins = client, index, bins
+        shapes = {"hist": (bins, places, "", CHANS), "tf_status": (CHANS, places, "", 2),
                   "scalers": (9, CHANS, "", places), "scalar_tf_status": (CHANS, places, "", 2)}
         for kind, (x, y, element, t) in shapes.items():
             do(client, f"module create '{self.name(kind)}' {x} {y} header {element} num-t {t}")
@@ -50,7 +50,7 @@ class Card:
     def begin(self, **words):
         self.sheet[0, 0] = 0
         self.status[:] = self.scaler_status[:] = 0
-        row = {"state": 1, "frames": 0, "channels": CHANS, "energies": BINS, "auxiliaries": 1, "places": self.places,
+        row = {"state": 1, "frames": 0, "channels": CHANS, "energies": self.bins, "auxiliaries": 1, "places": self.places,
                "circular": 0, "clock": 1.25e-8, "first": 0, "cards": 1} | words
         for name, value in row.items():
             self.sheet[0, SHEET[name]] = value
@@ -82,7 +82,7 @@ def run_of(broker, index=CARD, runs=1):
     """The newest of so many runs that have that card."""
     def look():
         found = [f["run"].decode() for _, f in broker.entries("kestrel:runs") if f.get("cards") == b"%d" % index]
-        return len(found) == runs and found[-1]
+        return len(dict.fromkeys(found)) == runs and found[-1]
     return wait_until(look, "run")
 
 
@@ -391,7 +391,7 @@ def test_the_roles_of_fits_may_do_what_they_need_and_no_role_more(client, tmp_pa
         workers[0].stop()
         assert workers[0].wait_exit() == 0
         time.sleep(0.3)
-        assert broker("ACL", "LOG") == []
+        assert all(worker.stdout.count("\n") == 1 for worker in workers) and broker("ACL", "LOG") == []
         for role, commands in FORBIDDEN.items():
             broker.connection = None
             broker("AUTH", role, "CHANGE-" + role)
@@ -406,3 +406,49 @@ def test_the_roles_of_fits_may_do_what_they_need_and_no_role_more(client, tmp_pa
                 worker.wait_exit()
             worker.close()
         broker.close()
+
+
+def test_after_a_restart_the_oldest_payloads_of_all_cards_go_first(broker, start, client):
+    cards = [Card(client, CARD + i, bins=16384) for i in (1, 2)]  # 128 KiB a frame
+    try:
+        begun = time.time()
+        publisher = start("-site=" + broker.site, kind=Publisher)
+        for card in cards:
+            card.begin(cards=2, begun=begun)
+        run = wait_until(lambda: broker.runs() and broker.runs()[-1], "run")
+        for frame in range(PLACES - 1):
+            for card in cards:
+                card.count(frame)
+            wait_until(lambda frame=frame: broker.meta(run).get("sent") == str(2 * frame + 2), "frame")
+        publisher.process.kill()
+        publisher.process.wait()
+        publisher.process.returncode = 0  # as was meant
+        start("-site=" + broker.site, "-budget=1", kind=Publisher)
+        for card in cards:
+            card.count(PLACES - 1)
+            card.end(PLACES)
+        in_state(broker, run, "sealed")
+        kept = [[frame for frame in range(PLACES) if broker("EXISTS", f"kestrel:{run}:d:{card.index}:{frame}")] for card in cards]
+        assert all(frames and frames == list(range(frames[0], PLACES)) for frames in kept), kept
+        assert abs(kept[0][0] - kept[1][0]) <= 1, kept
+    finally:
+        for card in cards:
+            card.remove()
+
+
+def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(broker, start, card):
+    both = [start("-site=" + broker.site, kind=Publisher) for _ in range(2)]
+    card.begin()
+    run = run_of(broker)
+    for frame in range(PLACES):
+        card.count(frame)
+        time.sleep(0.02)
+    card.end(PLACES)
+    meta = in_state(broker, run, "sealed")
+    assert (meta["frames"], meta["sent"], meta["lost"], meta["epoch"]) == (str(PLACES), str(PLACES), "0", "1")
+    for _, fields in broker.entries(f"kestrel:{run}:f:{CARD}"):
+        assert broker("STRLEN", fields["key"]) == CHANS * BINS * 4
+    wait_until(lambda: all(f"{PLACES} sent, 0 lost, 0 waiting" in "".join(p.client().lines("show")) for p in both), "account")
+    before = [processor_time(p.process) for p in both]
+    time.sleep(1.5)
+    assert all(processor_time(p.process) - b < 0.3 for p, b in zip(both, before))
