@@ -317,7 +317,7 @@ def test_a_follower_does_not_spin_over_entries_of_somebody_else(broker, start, n
 
 
 def test_a_socket_whose_name_is_too_long_is_no_site(start, tmp_path):
-    worker = subprocess.run([BUILD / "kestrel-worker", "unix:/" + "x" * 120], capture_output=True, text=True)
+    worker = subprocess.run([BUILD / "kestrel-worker", "unix:/" + "x" * 120], capture_output=True, text=True, timeout=20)
     assert worker.returncode == 2 and "is no site" in worker.stderr
 
 
