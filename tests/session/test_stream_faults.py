@@ -304,6 +304,21 @@ def test_a_follower_makes_nothing_of_shapes_that_no_card_has(shapes, broker, sta
     assert not [name for name in os.listdir("/dev/shm") if name.startswith(names.prefix)]
 
 
+@pytest.mark.parametrize("shape", ["4 4 header", "4 4 header double num-t 2", f"{BINS} {PLACES} header num-t {CHANS}"])
+def test_a_follower_takes_the_place_of_modules_of_another_shape(shape, broker, client, start, names, card):
+    start("-site=" + broker.site, kind=Publisher)
+    do(client, f"module create '{names('plr3_hist')}{CARD}' {shape}")
+    old = Module(f"{names('plr3_hist')}{CARD}").data
+    old[:] = 7
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    card.begin()
+    card.count(*range(PLACES))
+    card.end(PLACES)
+    follower.wait_stdout("ends: whole")
+    assert (Module(f"{names('plr3_hist')}{CARD}").data == card.counts).all()
+    assert old.shape == card.counts.shape or (old == 7).all()  # who has the old one keeps it
+
+
 def test_a_follower_does_not_spin_over_entries_of_somebody_else(broker, start, names):
     follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
     run = "20261122T070644.123456Z"
