@@ -299,9 +299,9 @@ int peak_fit_set_max_threads(int, int cn, int threads) {
     return 0;
 }
 
-constexpr fixed_text region_help(
-    "Unified handle/x1/y1/t1/x2/y2/t2/Result module/Energy is along X/Energy is along Y/"
-    "Energy is along T/Typical FWHM (in bins) to guide seeding/");
+constexpr fixed_text
+    region_help("Unified handle/x1/y1/t1/x2/y2/t2/Result module/Energy is along X/Energy is along Y/"
+                "Energy is along T/Typical FWHM (in bins) to guide seeding/");
 
 constinit const PARSE_TREE peak_fit_table[] = {
     pt_command<peak_fit_module>(
@@ -310,16 +310,17 @@ constinit const PARSE_TREE peak_fit_table[] = {
             "Source module/Result module/First row/Last row/"
             "First energy point to scan for the K-alpha peak/Last energy point to scan for the K-alpha peak/",
             line_help>),
-    pt_command<peak_fit_unified>(
-        "unified", unified_format, "Peak fit usually fluorescence data from unified read handle",
-        text_join<region_help, line_help>),
+    pt_command<peak_fit_unified>("unified", unified_format,
+                                 "Peak fit usually fluorescence data from unified read handle",
+                                 text_join<region_help, line_help>),
     pt_command<peak_fit_set_debug>("debug", debug_format, "Set debugging message level",
                                    "Level/Force a single pass, usually 0..8 only"),
     pt_command<peak_fit_set_max_threads>("max-threads", "%d = %d",
                                          "Set maximum number of thread to use (1 to disable threading)",
                                          "Number of threads, 1..64"),
-    pt_command<peak_fit_workers>("workers", workers_format, "As unified, but fitted by the workers of a site",
-                                 text_join<"Site: HOST:PORT or unix:/PATH, #PREFIX/", region_help, line_help>),
+    pt_command<peak_fit_workers>(
+        "workers", workers_format, "As unified, but fitted by the workers of a site",
+        text_join<"Site: HOST:PORT or unix:/PATH, #PREFIX/", region_help, line_help>),
     pt_end(),
 };
 

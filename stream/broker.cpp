@@ -10,6 +10,7 @@
 #include <hiredis/hiredis.h>
 #include <numeric>
 #include <sys/time.h>
+#include <sys/un.h>
 
 namespace kestrel::stream {
 
@@ -32,7 +33,7 @@ bool is_prefix(std::string_view text) {
 bool take_place(std::string_view text, broker_site &site) {
     if (text.starts_with("unix:")) {
         site.path = text.substr(5);
-        return site.path.starts_with("/");
+        return site.path.starts_with("/") && site.path.size() < sizeof sockaddr_un{}.sun_path;
     }
     const std::size_t colon = text.rfind(':');
     site.host = text.substr(0, colon);
@@ -148,8 +149,11 @@ bool broker::fail(std::string cause) {
     return false;
 }
 
-void broker::disconnect() {
-    context_.reset();
+void broker::refuse(std::string cause) {
+    if (broker_back_off::clock::now() >= made_ + broker_back_off::longest)
+        back_off_.worked();
+    fail(std::move(cause));
+    refused_ = true;
 }
 
 bool broker::ready() {
@@ -170,7 +174,10 @@ bool broker::connect() {
         return fail(std::strerror(errno));
     if (!announce())
         return false;
-    back_off_.worked();
+    made_ = broker_back_off::clock::now();
+    if (!refused_)
+        back_off_.worked();
+    refused_ = false;
     return true;
 }
 
@@ -206,24 +213,45 @@ bool broker::append(std::span<const std::string_view> words) {
     return unsent_ < worth_sending || send();
 }
 
+// Each wait is bounded by `patience_`, all of them by this: a peer may take or give a byte at a time.
+constexpr int patience_for_all = 10;
+
 bool broker::send() {
     int done = 0;
     unsent_ = 0;
-    while (done == 0)
+    const auto until = broker_back_off::clock::now() + patience_for_all * patience_;
+    while (done == 0) {
         if (redisBufferWrite(context_.get(), &done) != REDIS_OK)
             return fail(errno == EAGAIN ? "takes nothing" : context_->errstr);
+        if (done == 0 && broker_back_off::clock::now() > until)
+            return fail("takes too little");
+    }
     return true;
 }
 
+// All is sent before a reply is waited for.
 broker_reply broker::next() {
+    constexpr std::size_t most_bytes = std::size_t{1} << 30,
+                          bytes_a_read = std::size_t{16} << 10; // of hiredis
     void *reply = nullptr;
-    unsent_ = 0; // all is sent before a reply is waited for
-    if (context_ == nullptr)
+    if (context_ == nullptr || !send())
         return {};
-    if (redisGetReply(context_.get(), &reply) == REDIS_OK && reply != nullptr)
-        return broker_reply(static_cast<redisReply *>(reply));
+    const auto until = broker_back_off::clock::now() + patience_for_all * patience_;
+    for (std::size_t reads = 0; redisGetReplyFromReader(context_.get(), &reply) == REDIS_OK; ++reads) {
+        if (reply != nullptr)
+            return broker_reply(static_cast<redisReply *>(reply));
+        if (reads > most_bytes / bytes_a_read || broker_back_off::clock::now() > until) {
+            refuse("an answer without an end");
+            return {};
+        }
+        if (redisBufferRead(context_.get()) != REDIS_OK)
+            break;
+    }
     const bool late = context_->err == REDIS_ERR_IO && errno == EAGAIN;
-    fail(late ? "no answer in time" : context_->errstr);
+    if (context_->err == REDIS_ERR_PROTOCOL)
+        refuse(context_->errstr);
+    else
+        fail(late ? "no answer in time" : context_->errstr);
     return {};
 }
 

@@ -107,9 +107,9 @@ class broker {
     bool ready();
     bool is_connected() const { return context_ != nullptr; }
     const broker_back_off &back_off() const { return back_off_; }
-    void disconnect();
-    // Closes a connection that is of no use for that cause; the next is made after a while.
-    void refuse(std::string cause) { fail(std::move(cause)); }
+    // Closes a connection that is of no use for that cause; the next is made after a while, which grows as long as
+    // connections are refused soon after they were made.
+    void refuse(std::string cause);
 
     // One command and its reply. A connection that fails is closed.
     broker_reply command(std::span<const std::string_view> words);
@@ -140,6 +140,8 @@ class broker {
     std::unique_ptr<redisContext, free_broker_context> context_;
     std::string cause_;
     std::size_t unsent_ = 0; // bytes of commands, about
+    bool refused_ = false;   // the connection before this one
+    broker_back_off::clock::time_point made_{};
 };
 
 } // namespace kestrel::stream

@@ -3,8 +3,10 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 
 namespace kestrel::stream {
 
@@ -13,7 +15,12 @@ namespace {
 constexpr std::size_t words_max = std::size_t{1}
                                   << 28; // of a frame: 1 GiB, twice what a string of the broker holds
 
+constexpr std::size_t axis_max = std::numeric_limits<int>::max(); // of a module
+
+// JSON knows no other numbers.
 std::string json_number(double value) {
+    if (!std::isfinite(value))
+        return "null";
     char text[40];
     std::snprintf(text, sizeof text, "%.17g", value);
     return text;
@@ -89,7 +96,8 @@ std::optional<card_shape> shape_of_text(int index, std::string_view text) {
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     const card_shape c{index, n[0], n[4], n[1], n[2], n[3], n[5]};
-    const bool fits = text.empty() && c.channels <= c.module_channels && c.module_channels <= 1024 &&
+    const bool fits = text.empty() && c.auxiliaries * c.places <= axis_max &&
+                      c.channels <= c.module_channels && c.module_channels <= 1024 &&
                       c.auxiliaries <= words_max / c.energies &&
                       c.auxiliaries * c.energies <= words_max / c.module_channels &&
                       c.auxiliaries * c.energies * c.module_channels <= (words_max << 8) / c.places;

@@ -43,7 +43,18 @@ void follower::follow_until_end() {
     }
 }
 
+// An error is no answer: the broker is loading, or does not let us; it is asked again after a while.
+broker_reply follower::ask(std::span<const std::string_view> words) {
+    broker_reply reply = broker_.command(words);
+    const auto error = reply.error();
+    if (!error)
+        return reply;
+    broker_.refuse(std::string(*error));
+    return {};
+}
+
 bool follower::turn() {
+    read_ = false;
     if (!read_runs())
         return false;
     if (!coming_.empty() && (ended_ || !options_.all)) {
@@ -63,13 +74,14 @@ bool follower::turn() {
 // ---------------------------------------------------------------- runs
 
 bool follower::read_runs() {
-    const broker_reply list = broker_.command({"XRANGE", broker_.key("runs"), "(" + runs_seen_, "+"});
+    const broker_reply list = ask({"XRANGE", broker_.key("runs"), "(" + runs_seen_, "+"});
     if (!list)
         return false;
     for (std::size_t i = 0; i < list.size(); ++i) {
         const broker_value fields = list.at(i).at(1);
         const std::string event = text_of(fields.field("event"));
         runs_seen_ = text_of(list.at(i).at(0));
+        read_ = true;
         if (event == "start" || event == "again")
             take_run({text_of(fields.field("run")), text_of(fields.field("cards")),
                       text_of(fields.field("shapes")), count_of(fields.field("epoch"))},
@@ -133,7 +145,7 @@ bool follower::begin_run(const announced_run &run) {
 
 // The run's end, when it is sealed and all of it was read; or when it is gone.
 bool follower::look_at_end() {
-    const broker_reply meta = broker_.command({"HGETALL", broker_.key(meta_key(run_))});
+    const broker_reply meta = ask({"HGETALL", broker_.key(meta_key(run_))});
     if (!meta)
         return false;
     if (meta.size() == 0) {
@@ -148,8 +160,7 @@ bool follower::look_at_end() {
     for (followed_stream &stream : cards_) {
         const std::uint64_t frames =
             count_of(meta.field("frames:" + std::to_string(stream.card.shape().index)));
-        const broker_reply more =
-            broker_.command({"XRANGE", stream.key, entry_id(stream.next), "+", "COUNT", "1"});
+        const broker_reply more = ask({"XRANGE", stream.key, entry_id(stream.next), "+", "COUNT", "1"});
         if (!more)
             return false;
         if (more.size() > 0)
@@ -185,9 +196,15 @@ bool follower::wait_for_news() {
         words.text(std::to_string(stream.next) + "-0");
     if (!run_.empty())
         words.text(std::to_string(scalers_next_) + "-0");
-    const broker_reply news = broker_.command(words.words());
+    const auto asked = broker_back_off::clock::now();
+    const broker_reply news = ask(words.words());
     if (!news)
         return false;
+    // What cannot be read comes at once, again and again: whoever wrote it is no publisher.
+    const bool in_vain = !read_ && (told_ || news.size() == 0);
+    if (in_vain && broker_back_off::clock::now() < asked + broker_back_off::shortest)
+        std::this_thread::sleep_for(broker_back_off::shortest);
+    told_ = news.size() > 0;
     return news.size() > 0 || ended_ || look_at_end();
 }
 

@@ -59,6 +59,10 @@ class follower {
     };
 
     bool turn();
+    broker_reply ask(std::span<const std::string_view> words);
+    broker_reply ask(std::initializer_list<std::string_view> words) {
+        return ask(std::span(words.begin(), words.size()));
+    }
     bool read_runs();
     void take_run(const announced_run &run, bool again);
     bool begin_run(const announced_run &run);
@@ -85,6 +89,8 @@ class follower {
     std::deque<followed_stream> cards_;
     std::uint64_t scalers_next_ = 0;
     bool listed_ = false; // what there was at the start
+    bool read_ = false;   // something, in this turn
+    bool told_ = false;   // that there is something to read, in the turn before
 };
 
 } // namespace kestrel::stream

@@ -42,6 +42,7 @@ void follower::count_lost(followed_stream &stream, std::uint64_t first, std::uin
     }
     stream.lost_end = end;
     stream.next = end;
+    read_ = true;
     const std::lock_guard guard(state_.mutex);
     state_.account.acquired += end - first;
     (options_.all ? state_.account.lost : state_.account.skipped) += end - first;
@@ -50,6 +51,7 @@ void follower::count_lost(followed_stream &stream, std::uint64_t first, std::uin
 void follower::count_received(followed_stream &stream, std::uint64_t frame) {
     tell_lost(stream);
     stream.next = frame + 1;
+    read_ = true;
     const std::lock_guard guard(state_.mutex);
     ++state_.account.acquired;
     ++state_.account.received;
@@ -71,7 +73,7 @@ void follower::resync(const std::string &why) {
 // The entries of the stream from the next frame on.
 bool follower::read_frames(followed_stream &stream) {
     const broker_reply entries =
-        broker_.command({"XRANGE", stream.key, entry_id(stream.next), "+", "COUNT", frames_at_once});
+        ask({"XRANGE", stream.key, entry_id(stream.next), "+", "COUNT", frames_at_once});
     std::vector<header> headers;
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const broker_value fields = entries.at(i).at(1);
@@ -87,7 +89,7 @@ bool follower::read_frames(followed_stream &stream) {
 
 // Only the newest entry, and not what lies between.
 bool follower::read_newest(followed_stream &stream) {
-    const broker_reply last = broker_.command({"XREVRANGE", stream.key, "+", "-", "COUNT", "1"});
+    const broker_reply last = ask({"XREVRANGE", stream.key, "+", "-", "COUNT", "1"});
     if (!last)
         return false;
     const auto frame = frame_of_entry(last.at(0).at(0).text().value_or(""));
@@ -111,6 +113,10 @@ bool follower::fetch(followed_stream &stream, const std::vector<header> &headers
         const broker_reply payload = h.key.empty() ? broker_reply() : broker_.next();
         if (!h.key.empty() && !payload)
             return false;
+        if (const auto error = payload.error(); error && !error->starts_with("WRONGTYPE")) {
+            broker_.refuse(std::string(*error)); // it may be there: its header is read again
+            return false;
+        }
         const auto bytes = bytes_of(payload.text().value_or(""));
         const bool good = !bytes.empty() && has_sum(bytes, h.crc);
         if (good && stream.card.put(h.frame, bytes, h.status, h.missing)) {
@@ -129,13 +135,14 @@ bool follower::fetch(followed_stream &stream, const std::vector<header> &headers
 bool follower::read_scalers() {
     if (run_.empty())
         return true;
-    const broker_reply entries = broker_.command(
+    const broker_reply entries = ask(
         {"XRANGE", broker_.key(scalers_key(run_)), entry_id(scalers_next_), "+", "COUNT", frames_at_once});
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const auto frame = frame_of_entry(entries.at(i).at(0).text().value_or(""));
         if (!frame || *frame < scalers_next_)
             break;
         scalers_next_ = *frame + 1;
+        read_ = true;
         auto words = bytes_of(entries.at(i).at(1).field("scalers").text().value_or(""));
         for (followed_stream &stream : cards_) {
             const std::size_t bytes =

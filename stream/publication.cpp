@@ -1,5 +1,7 @@
 #include "stream/publication.h"
 
+#include <algorithm>
+
 namespace kestrel::stream {
 
 frame_account publication::total(const published_run &run) const {
@@ -8,6 +10,11 @@ frame_account publication::total(const published_run &run) const {
         if (lane.card >= 0)
             sum += ring.account(lane.number);
     return sum;
+}
+
+bool publication::is_told(const published_run &run) const {
+    return std::ranges::all_of(
+        run.lanes, [this](const run_lane &lane) { return ring.account(lane.number).waiting() == 0; });
 }
 
 frame_account publication::total() const {

@@ -62,9 +62,11 @@ struct publication {
         news.notify_all();
     }
 
-    // Frames of all cards; the scalers' are not among them. The mutex is held for these three.
+    // Frames of all cards; the scalers' are not among them. The mutex is held for these four.
     frame_account total() const;
     frame_account total(const published_run &run) const;
+    // Of its scalers, too, nothing waits.
+    bool is_told(const published_run &run) const;
 };
 
 // Follows the runs of this machine until the publication is ending.

@@ -8,6 +8,13 @@
 
 namespace kestrel::stream {
 
+inline std::size_t bytes_of_fields(const broker_value &fields) {
+    std::size_t bytes = 0;
+    for (std::size_t i = 0; i < fields.size(); ++i)
+        bytes += fields.at(i).text().value_or("").size();
+    return bytes;
+}
+
 // f(frame, fields) for each entry of a stream from a frame on; false when the connection failed.
 template <class F> bool for_entries(broker &b, const std::string &stream, std::uint64_t from, F f) {
     constexpr std::size_t entries_at_once = 1000;

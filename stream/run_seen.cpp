@@ -11,6 +11,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <limits>
+#include <sys/stat.h>
 
 namespace kestrel::stream {
 
@@ -99,6 +100,7 @@ bool card_seen::take_sheet(const std::vector<double> &rows) {
 bool card_seen::fits() const {
     const card_shape &s = shape;
     return s.channels > 0 && s.channels <= s.module_channels && s.energies > 0 && s.auxiliaries > 0 &&
+           s.auxiliaries <= frame_words_most / s.energies && s.frame_words() <= frame_words_most &&
            is_words(counts_, s.energies, s.places * s.auxiliaries, s.module_channels) &&
            counts_.shape.num_x == s.energies && is_words(status_, s.module_channels, s.places, 2) &&
            cards_of_run > 0;
@@ -107,6 +109,11 @@ bool card_seen::fits() const {
 bool card_seen::is_same_run() const {
     double now = 0;
     return sheet_.read(&now, sizeof now, run_sheet_begun, 0, 0) && now == begun;
+}
+
+bool card_seen::is_removed() const {
+    struct stat status {};
+    return ::fstat(sheet_.fd.get(), &status) != 0 || status.st_nlink == 0;
 }
 
 std::optional<std::uint64_t> card_seen::frames() const {

@@ -25,6 +25,8 @@ struct card_shape {
 };
 
 inline constexpr std::size_t scalers_a_channel = 9;
+inline constexpr std::size_t frame_words_most = std::size_t{1}
+                                                << 27; // 512 MiB: the longest string of a broker
 
 // A channel's dead time when its run began: seconds, the rate terms in seconds squared.
 struct channel_dead_time {
@@ -47,6 +49,8 @@ class card_seen {
     std::vector<channel_dead_time> dead_times;
 
     bool is_same_run() const;
+    // Whether its sheet has been removed; what was open stays as it was, and nobody writes there any more.
+    bool is_removed() const;
     // The frames of the run, those without a place not counted; nothing while it goes on.
     std::optional<std::uint64_t> frames() const;
     // Whether the frame is whole, or known to be lost, in all channels; its scalers likewise.

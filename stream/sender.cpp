@@ -38,10 +38,12 @@ bool sender::turn() {
     }
     apply_known();
     bool more = false;
-    if (std::chrono::steady_clock::now() >= refused_ + pause_when_full) {
-        batch frames = collect();
-        more = !frames.empty() && send(frames);
+    if (std::chrono::steady_clock::now() < refused_ + pause_when_full) {
+        note_state();
+        return false;
     }
+    batch frames = collect();
+    more = !frames.empty() && send(frames);
     std::vector<std::shared_ptr<published_run>> runs;
     {
         const std::lock_guard guard(p_.mutex);
@@ -66,7 +68,8 @@ void sender::note_state() {
     p_.broker.bytes = stock_.bytes();
     p_.broker.budget = budget_;
     // What was sealed, and gets nothing more, is remembered as numbers only.
-    while (!p_.runs.empty() && p_.runs.front()->cut && p_.runs.front()->sealed) {
+    while (!p_.runs.empty() && p_.runs.front()->cut && p_.runs.front()->sealed &&
+           p_.is_told(*p_.runs.front())) {
         const published_run &run = *p_.runs.front();
         p_.before += p_.total(run);
         for (const run_lane &lane : run.lanes)
@@ -80,18 +83,43 @@ int sender::together(const std::vector<broker_words> &commands) {
     for (const broker_words &c : commands)
         broker_.append(c.words());
     broker_.append({"EXEC"});
-    for (std::size_t i = 0; i <= commands.size(); ++i)
-        if (!broker_.next())
+    refusal_.clear();
+    for (std::size_t i = 0; i <= commands.size(); ++i) {
+        const broker_reply queued = broker_.next();
+        if (!queued)
             return -1;
+        note(queued);
+    }
     const broker_reply done = broker_.next();
     if (!done)
         return -1;
-    bool good = done.size() == commands.size();
+    note(done);
     for (std::size_t i = 0; i < done.size(); ++i)
-        good = good && !done.at(i).error();
-    if (done.size() > 0 && !good)
-        broker_.disconnect(); // a part of it: what the broker has is read again
-    return good ? 1 : done.size() > 0 ? -1 : 0;
+        note(done.at(i));
+    if (done.size() == commands.size() && refusal_.empty())
+        return 1;
+    if (refusal_.empty())
+        refusal_ = "the broker does not take what it is told";
+    if (done.size() == 0)
+        return 0;
+    broker_.refuse(refusal_); // a part of it: what the broker has is read again
+    return -1;
+}
+
+void sender::note(const broker_value &reply) {
+    if (refusal_.empty())
+        refusal_ = reply.error().value_or("");
+}
+
+// After a refusal: what is older makes room, where that is why; else the broker is of no use for now.
+void sender::give_way() {
+    if (!broker_.is_connected())
+        return;
+    refused_ = std::chrono::steady_clock::now();
+    if (refusal_.starts_with("OOM"))
+        make_room(budget_ - std::min(budget_, stock_.bytes()) + budget_ / 8);
+    else
+        broker_.refuse(refusal_);
 }
 
 // The mutex is held.
@@ -135,10 +163,12 @@ bool sender::seal(published_run &run) {
         stop.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
         commands.push_back(std::move(stop));
     }
-    const bool done = together(commands) == 1;
+    const int done = together(commands);
+    if (done == 0)
+        give_way();
     const std::lock_guard guard(p_.mutex);
-    run.sealed = done;
-    return done;
+    run.sealed = done == 1;
+    return run.sealed;
 }
 
 // A run that begins, or is there again ("again") after its broker was away.
@@ -166,8 +196,7 @@ bool sender::announce(published_run &run, const std::string &event, const std::s
     commands.push_back(std::move(start));
     if (together(commands) != 1)
         return false;
-    if (std::ranges::find(stock_.runs(), run.id, &broker_stock::run_kept::run) == stock_.runs().end())
-        stock_.add_run(run.id);
+    stock_.add_run(run.id);
     stock_.add_headers(run.id, broker_cost(bytes));
     return true;
 }

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel::stream {
@@ -43,11 +44,13 @@ class sender {
     bool read_broker();
     bool take_stock();
     bool take_stock_of(const std::string &run);
-    bool take_stock_of_frames(const std::string &run, int card);
-    bool forget_doubtful();
+    using payloads_by_age = std::vector<std::pair<long long, std::string>>; // microseconds, key
+    bool take_stock_of_frames(const std::string &run, int card, payloads_by_age &payloads);
+    bool take_stock_of_payloads(const payloads_by_age &payloads);
+    bool forget_doubtful(bool counted);
     bool recover_run(published_run &run);
-    bool recover_lane(run_lane &lane, std::uint64_t told, std::string &gap);
-    bool read_fates(run_lane &lane, std::uint64_t from);
+    bool recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gap);
+    bool read_fates(run_lane &lane, std::uint64_t from, std::uint64_t end);
     bool announce(published_run &run, const std::string &event, const std::string &gaps);
     bool seal_strangers();
     void apply_known();
@@ -61,10 +64,14 @@ class sender {
     broker_words header_of(const outgoing &o) const;
     broker_words scalers_of(const outgoing &o) const;
     bool make_room(std::size_t bytes);
+    bool is_under_way(const std::string &run) const;
+    bool remove(const broker_words &del);
     bool remove_run(const std::string &run);
 
-    // Commands that count all together or not at all: 1 done, 0 refused, -1 the connection failed.
+    // Commands that count all together or not at all: 1 done, 0 refused (refusal_), -1 the connection failed.
     int together(const std::vector<broker_words> &commands);
+    void note(const broker_value &reply);
+    void give_way();
     // `told`: frames that the same transaction tells of.
     broker_words meta_of(const published_run &run, const char *state, const char *end = "",
                          std::span<const outgoing> told = {}) const;
@@ -75,6 +82,7 @@ class sender {
     broker broker_;
     sender_limits limits_;
     broker_stock stock_;
+    std::string refusal_;    // what the broker said instead of doing something
     std::string broker_run_; // which life of the broker it is
     std::size_t budget_ = 0;
     bool has_stock_ = false, strangers_sealed_ = false;

@@ -17,6 +17,11 @@ std::string hexadecimal(std::uint32_t word) {
     return text;
 }
 
+// Scalers may come when the frames are sealed.
+const char *state_when_told(const published_run &run) {
+    return run.sealed ? "sealed" : run.over || run.cut ? "stopped" : "running";
+}
+
 } // namespace
 
 std::string sender::payload_of(const outgoing &o) const {
@@ -66,8 +71,10 @@ bool sender::send(batch &frames) {
 bool sender::store_payloads(batch &frames) {
     const std::string keep = std::to_string(limits_.keep.count());
     const auto expires = broker_stock::clock::now() + limits_.keep;
-    const auto has_payload = [](const outgoing &o) {
-        return o.frame.contents && o.run->lanes[o.lane].card >= 0;
+    // One that is larger than all that may be kept is lost.
+    const auto has_payload = [this](const outgoing &o) {
+        return o.frame.contents && o.run->lanes[o.lane].card >= 0 &&
+               broker_cost(o.frame.contents->payload.size()) <= budget_;
     };
     for (const outgoing &o : frames)
         if (has_payload(o)) {
@@ -78,7 +85,7 @@ bool sender::store_payloads(batch &frames) {
         }
     for (outgoing &o : frames) {
         if (!has_payload(o)) {
-            o.stored = o.frame.contents != nullptr; // scalers lie in the entry itself
+            o.stored = o.frame.contents && o.run->lanes[o.lane].card < 0; // scalers lie in the entry itself
             continue;
         }
         const broker_reply done = broker_.next();
@@ -136,15 +143,14 @@ bool sender::tell(batch &frames) {
         for (std::size_t i = 0; i < frames.size(); ++i)
             if (const published_run &run = *frames[i].run;
                 i + 1 == frames.size() || frames[i + 1].run.get() != &run)
-                commands.push_back(meta_of(run, run.over || run.cut ? "stopped" : "running", "", frames));
+                commands.push_back(meta_of(run, state_when_told(run), "", frames));
     }
     const int done = together(commands);
     if (done < 0)
         return false;
     if (done == 0) {
-        refused_ = std::chrono::steady_clock::now();
         if (take_back(frames))
-            make_room(budget_ / 8);
+            give_way();
         return false;
     }
     const std::lock_guard guard(p_.mutex);
@@ -159,10 +165,29 @@ bool sender::take_back(const batch &frames) {
     for (const outgoing &o : frames)
         if (o.stored && o.run->lanes[o.lane].card >= 0) {
             stock_.forget_payload(payload_of(o));
-            if (!broker_.command({"DEL", payload_of(o)}))
+            broker_words del;
+            del.text("DEL").text(payload_of(o));
+            if (!remove(del))
                 return false;
         }
     return true;
+}
+
+// What is not removed is not known any more, and read again.
+bool sender::remove(const broker_words &del) {
+    const broker_reply done = broker_.command(del.words());
+    if (done.integer())
+        return true;
+    has_stock_ = false;
+    if (done)
+        broker_.refuse(std::string(done.error().value_or("the broker does not remove what it is told")));
+    return false;
+}
+
+// Whether more is told of it, which must find what was told before.
+bool sender::is_under_way(const std::string &id) const {
+    const std::lock_guard guard(p_.mutex);
+    return std::ranges::any_of(p_.runs, [&](const auto &run) { return run->id == id && !run->sealed; });
 }
 
 // Whole payloads, the oldest first, then whole runs. What is left when only one run's headers are is what it needs.
@@ -172,9 +197,9 @@ bool sender::make_room(std::size_t bytes) {
     del.text("DEL");
     while (stock_.bytes() > most && stock_.payloads() > 0)
         del.text(*stock_.take_oldest_payload());
-    if (del.words().size() > 1 && !broker_.command(del.words()))
+    if (del.words().size() > 1 && !remove(del))
         return false;
-    while (stock_.bytes() > most) {
+    while (stock_.bytes() > most && !stock_.runs().empty() && !is_under_way(stock_.runs().front().run)) {
         const auto run = stock_.take_oldest_run();
         if (!run)
             break;

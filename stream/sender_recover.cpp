@@ -35,7 +35,10 @@ bool sender::recover() {
         const std::lock_guard guard(p_.mutex);
         ++p_.broker.connections;
     }
-    if (!read_broker() || !take_stock() || !forget_doubtful())
+    if (!read_broker())
+        return false;
+    const bool counted = !has_stock_; // with the rest
+    if (!take_stock() || !forget_doubtful(counted))
         return false;
     std::vector<std::shared_ptr<published_run>> runs;
     {
@@ -50,7 +53,9 @@ bool sender::read_broker() {
     const broker_reply server = broker_.command({"INFO", "server"}),
                        memory = broker_.command({"INFO", "memory"});
     if (!server.text() || !memory.text()) {
-        broker_.refuse("the broker does not tell of itself (INFO)");
+        const broker_value &silent = server.text() ? memory : server;
+        broker_.refuse("the broker does not tell of itself: " +
+                       std::string(silent.error().value_or("no INFO")));
         return false;
     }
     const std::string run(info_of(*server.text(), "run_id"));
@@ -64,7 +69,7 @@ bool sender::read_broker() {
 }
 
 // Payloads that were on their way when the connection was lost: they are sent again, or are no payloads of ours.
-bool sender::forget_doubtful() {
+bool sender::forget_doubtful(bool counted) {
     for (const outgoing &o : doubtful_) {
         const run_lane &lane = o.run->lanes[o.lane];
         if (lane.card < 0)
@@ -73,8 +78,11 @@ bool sender::forget_doubtful() {
             broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
         if (!there)
             return false;
-        if (there.size() > 0)
+        if (there.size() > 0) {
+            if (!counted)
+                stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
             continue;
+        }
         stock_.forget_payload(payload_of(o));
         if (!broker_.command({"DEL", payload_of(o)}))
             return false;
@@ -97,7 +105,11 @@ bool sender::recover_run(published_run &run) {
             const std::lock_guard guard(p_.mutex);
             told = p_.ring.account(lane.number).told();
         }
-        if (!recover_lane(lane, told, gaps))
+        std::uint64_t places = 0; // of the scalers' lane: all cards'
+        for (const card_shape &card : run.cards)
+            if (lane.card < 0 || lane.card == card.index)
+                places = std::max<std::uint64_t>(places, card.places);
+        if (!recover_lane(lane, told, places, gaps))
             return false;
     }
     std::erase(strangers_, run.id);
@@ -110,15 +122,20 @@ bool sender::recover_run(published_run &run) {
         run.sealed = goes_on && meta.at(2).text() == "sealed";
         p_.broker.epochs += goes_on || first ? 0 : 1;
     }
+    if (goes_on)
+        stock_.add_run(run.id); // also one whose announcement was taken, but not answered
     if (goes_on || announce(run, first ? "start" : "again", gaps))
         return true;
-    const std::lock_guard guard(p_.mutex);
-    run.epoch = before;
+    {
+        const std::lock_guard guard(p_.mutex);
+        run.epoch = before;
+    }
+    give_way();
     return false;
 }
 
 // Frames that it knows of and we do not have learnt, or the other way round: a gap.
-bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::string &gaps) {
+bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gaps) {
     const broker_reply last = broker_.command({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
     if (!last)
         return false;
@@ -128,17 +145,25 @@ bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::string &gaps)
     if (there < told)
         gaps += (gaps.empty() ? "" : " ") + (lane.card < 0 ? "scalers" : std::to_string(lane.card)) + ":" +
                 std::to_string(there) + ".." + std::to_string(told - 1);
-    return there <= told || read_fates(lane, told);
+    return there <= told || read_fates(lane, told, std::min(there, places));
 }
 
-bool sender::read_fates(run_lane &lane, std::uint64_t from) {
+// Frames that the run has no place for are somebody else's; behind them the stream takes none of ours.
+bool sender::read_fates(run_lane &lane, std::uint64_t from, std::uint64_t end) {
     std::uint64_t next = from;
-    return for_entries(broker_, lane.stream, from, [&](std::uint64_t frame, broker_value fields) {
+    const auto lost_until = [&](std::uint64_t frame) {
         for (; next < frame; ++next)
             lane.known.push_back(true); // of a gap that was announced
+    };
+    const bool read = for_entries(broker_, lane.stream, from, [&](std::uint64_t frame, broker_value fields) {
+        lost_until(std::min(frame, end));
+        if (frame >= end)
+            return;
         lane.known.push_back(fields.field("lost").text() != "0");
         ++next;
     });
+    lost_until(end);
+    return read;
 }
 
 void sender::apply_known() {

@@ -15,13 +15,6 @@ std::size_t number_of(std::string_view text) {
     return number;
 }
 
-std::size_t bytes_of_fields(const broker_value &fields) {
-    std::size_t bytes = 0;
-    for (std::size_t i = 0; i < fields.size(); ++i)
-        bytes += fields.at(i).text().value_or("").size();
-    return bytes;
-}
-
 } // namespace
 
 // Of each run in the list, once in each life of the broker.
@@ -56,36 +49,43 @@ bool sender::take_stock_of(const std::string &run) {
     if (meta.field("state").text() != "sealed")
         strangers_.push_back(run);
     std::string_view cards = meta.field("cards").text().value_or("");
+    payloads_by_age payloads;
     while (!cards.empty()) {
         const std::size_t end = std::min(cards.find(' '), cards.size());
-        if (!take_stock_of_frames(run, static_cast<int>(number_of(cards.substr(0, end)))))
+        if (!take_stock_of_frames(run, static_cast<int>(number_of(cards.substr(0, end))), payloads))
             return false;
         cards.remove_prefix(std::min(end + 1, cards.size()));
     }
+    std::ranges::stable_sort(payloads, {}, &payloads_by_age::value_type::first);
+    if (!take_stock_of_payloads(payloads))
+        return false;
     return for_entries(broker_, broker_.key(scalers_key(run)), 0, [&](std::uint64_t, broker_value fields) {
         stock_.add_headers(run, broker_cost(bytes_of_fields(fields)));
     });
 }
 
-bool sender::take_stock_of_frames(const std::string &run, int card) {
-    std::vector<std::string> keys;
-    const bool read = for_entries(broker_, broker_.key(frames_key(run, card)), 0,
-                                  [&](std::uint64_t frame, broker_value fields) {
-                                      stock_.add_headers(run, broker_cost(bytes_of_fields(fields)));
-                                      if (fields.field("lost").text() == "0")
-                                          keys.push_back(broker_.key(payload_key(run, card, frame)));
-                                  });
-    for (const std::string &key : keys)
+bool sender::take_stock_of_frames(const std::string &run, int card, payloads_by_age &payloads) {
+    return for_entries(broker_, broker_.key(frames_key(run, card)), 0,
+                       [&](std::uint64_t frame, broker_value fields) {
+                           stock_.add_headers(run, broker_cost(bytes_of_fields(fields)));
+                           if (fields.field("lost").text() == "0")
+                               payloads.emplace_back(fields.field("time").integer().value_or(0),
+                                                     broker_.key(payload_key(run, card, frame)));
+                       });
+}
+
+bool sender::take_stock_of_payloads(const payloads_by_age &payloads) {
+    for (const auto &[time, key] : payloads)
         broker_.append({"STRLEN", key});
     const auto expires = broker_stock::clock::now() + limits_.keep;
-    for (const std::string &key : keys) {
+    for (const auto &[time, key] : payloads) {
         const broker_reply size = broker_.next();
         if (!size)
             return false;
         if (const auto bytes = size.integer(); bytes && *bytes > 0)
             stock_.add_payload(key, static_cast<std::size_t>(*bytes), expires);
     }
-    return read;
+    return true;
 }
 
 // Runs that were left open by a publisher that is no more, once it is certain that they are not on here.

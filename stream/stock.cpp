@@ -4,6 +4,11 @@
 
 namespace kestrel::stream {
 
+void broker_stock::add_run(const std::string &run) {
+    if (std::ranges::find(runs_, run, &run_kept::run) == runs_.end())
+        runs_.push_back({run, 0});
+}
+
 void broker_stock::add_headers(const std::string &run, std::size_t bytes) {
     const auto found = std::ranges::find(runs_, run, &run_kept::run);
     if (found == runs_.end())

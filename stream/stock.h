@@ -23,13 +23,13 @@ constexpr std::size_t broker_cost(std::size_t bytes) {
 
 class broker_stock {
   public:
-    using clock = std::chrono::system_clock;
+    using clock = std::chrono::steady_clock; // the broker counts the seconds itself
     struct run_kept {
         std::string run;
         std::size_t bytes = 0; // of its headers and scalers
     };
 
-    void add_run(const std::string &run) { runs_.push_back({run, 0}); }
+    void add_run(const std::string &run); // once
     // Headers or scalers of a run that is there.
     void add_headers(const std::string &run, std::size_t bytes);
     void add_payload(const std::string &key, std::size_t bytes, clock::time_point expires);

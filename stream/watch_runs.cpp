@@ -144,11 +144,12 @@ bool watcher::follow(watched_run &w) {
         over = over && frames && w.next[card] >= *frames;
     }
     more = follow_scalers(w) || more;
-    const bool cut = !std::ranges::all_of(w.cards, [](const card_seen &c) { return c.is_same_run(); });
+    const bool same = std::ranges::all_of(w.cards, &card_seen::is_same_run);
+    const bool cut = !same || (!more && std::ranges::any_of(w.cards, &card_seen::is_removed));
     if (over == w.run->over && !cut) // only this thread changes it
         return more;
     const std::lock_guard guard(p_.mutex);
-    w.run->over = w.run->over || (over && !cut);
+    w.run->over = w.run->over || (over && same);
     w.run->cut = cut;
     p_.changed();
     return more;

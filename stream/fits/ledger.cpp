@@ -7,7 +7,6 @@ namespace kestrel::stream {
 namespace {
 
 constexpr int sent_before_a_time_is_known = 4;
-constexpr int most_points = 4096; // of a block
 
 } // namespace
 
@@ -16,7 +15,7 @@ fit_ledger::fit_ledger(int q1, int q2, int ns, std::size_t point_bytes)
 
 int fit_ledger::points_of_next() const {
     const auto by_bytes =
-        static_cast<int>(std::clamp<std::size_t>(most_block_bytes / point_bytes_, 1, most_points));
+        static_cast<int>(std::clamp<std::size_t>(most_block_bytes / point_bytes_, 1, fit_most_points));
     if (timed_points_ == 0)
         return std::min(first_points, by_bytes);
     const long long wanted = std::chrono::microseconds(long_enough).count() * timed_points_ /

@@ -243,6 +243,8 @@ std::optional<fit_block> fit_decode_block(std::string_view bytes, const fit_job 
         return refuse(cause, "its spectra are not as many as it says");
     if (record->q1 < 0 || record->q1 > record->q2 || record->q2 >= record->nq)
         return refuse(cause, "its points lie outside its spectra");
+    if (!product({record->q2 - record->q1 + 1, record->ns}, fit_most_points))
+        return refuse(cause, "its points are too many");
     const auto *first = reinterpret_cast<const std::byte *>(bytes.data() + sizeof *record);
     const std::size_t spectrum = element * static_cast<std::size_t>(job.channels);
     return fit_block{record->number,

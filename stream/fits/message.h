@@ -17,6 +17,7 @@
 namespace kestrel::stream {
 
 inline constexpr std::size_t fit_most_bytes = std::size_t{256} << 20; // of a message
+inline constexpr int fit_most_points = 4096;                          // of a block
 
 // Points q1..q2 along the scan axis, for s1..s2 of the second one.
 struct fit_box {

@@ -19,9 +19,9 @@ constexpr int nobody = -1; // in place of a session: standard output
 constexpr auto beat_every = std::chrono::milliseconds(200);
 constexpr auto present_every = std::chrono::seconds(1);
 constexpr auto sweep_every = std::chrono::seconds(10);
-constexpr const char *forgotten = "60000"; // ms without a word: its command would have claimed it
-constexpr const char *wait_most = "1000";  // ms for a block
-constexpr int most_tries = 20;
+constexpr const char *forgotten = "60000";         // ms without a word: its command would have claimed it
+constexpr const char *wait_most = "1000";          // ms for a block
+constexpr int most_tries = 20, most_refusals = 50; // of a result, on a connection and on all
 
 void say(const std::string &line) {
     std::puts(line.c_str());
@@ -93,17 +93,19 @@ std::optional<fit_worker::entry> fit_worker::entry_of(broker_reply &reply, broke
 }
 
 std::optional<fit_worker::entry> fit_worker::next_entry() {
+    const auto asked = steady::now();
     broker_reply reply = broker_.command(
         {"XREADGROUP", "GROUP", fit_group, name_, "COUNT", "1", "BLOCK", wait_most, "STREAMS", stream_, ">"});
-    if (const auto error = reply.error()) {
-        if (error->starts_with("NOGROUP"))
-            make_group();
-        else
-            refuse("Asking for a block", std::string(*error));
-        std::this_thread::sleep_for(broker_back_off::shortest);
-        return std::nullopt;
-    }
-    return entry_of(reply, reply.at(0).at(1).at(0)); // of one stream, one entry
+    const std::string error(reply.error().value_or(""));
+    if (error.starts_with("NOGROUP"))
+        make_group();
+    else if (!error.empty() && error != refusal_)
+        refuse("Asking for a block", error); // once
+    refusal_ = error;
+    const broker_value block = reply.at(0).at(1).at(0); // of one stream, one entry
+    if (!block && steady::now() < asked + broker_back_off::shortest)
+        std::this_thread::sleep_for(broker_back_off::shortest); // it has not waited
+    return entry_of(reply, block);
 }
 
 // A block that a worker took whose command has not claimed it either: of a job that is gone, mostly.
@@ -191,8 +193,10 @@ void fit_worker::work(const entry &e) {
     if (lost_)
         return;
     const std::string bytes = fit_encode_result(e.job, result);
+    int refusals = 0;
     while (!store(e, result.number, bytes) && quit_ == 0)
-        connected(); // or waits a little
+        if (connected() && ++refusals == most_refusals) // or waits a little
+            return refuse("Result of block " + e.id, "the broker does not take it");
 }
 
 // All or nothing, and nothing once the job has ended: that a key of its is touched meanwhile means trying again.

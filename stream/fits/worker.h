@@ -45,6 +45,7 @@ class fit_worker {
     broker broker_;
     const volatile std::sig_atomic_t &quit_;
     std::string name_, stream_, workers_;
+    std::string refusal_;        // what the broker said last when it was asked for a block
     std::optional<fit_job> job_; // of the block before
     std::string at_hand_;        // the entry of the block that is being fitted
     bool lost_ = false;          // and it is somebody else's by now

@@ -1,4 +1,4 @@
-// kestrel-worker SITE: fits the blocks of spectra that `peak-fit unified` sends to a site, on one processor.
+// kestrel-worker SITE: fits the blocks of spectra that `peak-fit workers` sends to a site, on one processor.
 #include "stream/fits/worker.h"
 
 #include <cstdio>

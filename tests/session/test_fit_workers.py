@@ -2,7 +2,6 @@
 import itertools
 import pathlib
 import random
-import re
 import struct
 import threading
 import time
@@ -12,7 +11,7 @@ import pytest
 from broker import BrokerError
 from fit_workers import WORKER, Site, Worker
 from kestrel_data import Module, do, refused
-from kestrel_session import ROOT, SCALE, Process, wait_until
+from kestrel_session import SCALE, Process, wait_until
 from test_peak_fit import noisy
 
 CHANNELS = 1024
@@ -321,26 +320,6 @@ def test_the_broker_s_own_refusals_end_the_command(broker, scan):
     broker("CONFIG", "SET", "maxmemory", 1)
     value, lines, _ = fit("x fe55", broker.site)
     assert value == -1 and lines[0].startswith(f"! The broker {broker.site} refuses: OOM "), lines
-
-
-def test_the_access_rule_of_the_manual_suffices(start, broker, names, tmp_path):
-    text = (ROOT / "docs/manual/peak-fit.md").read_text()
-    rule = re.search(r"    user fits ((?:.*\n)(?: {9}.*\n)*)", text)[1].replace("PASSWORD", "secret").replace("kestrel:", "t:")
-    broker("ACL", "SETUSER", "fits", *rule.split())
-    broker("ACL", "SETUSER", "default", "resetkeys")
-    (tmp_path / "who").write_text("fits:secret\n")
-    environment = {"KESTREL_BROKER_AUTH": str(tmp_path / "who")}
-    client = start(env=environment).client()
-    do(client, f"module create '{names('s')}' 1024 200 header")
-    Module(names("s")).data[:] = noisy(200, 1e4)
-    handle = do(client, f"module open '{names('s')}' header")
-    worker = Worker(tmp_path / "worker", broker.site, env=environment)
-    try:
-        assert do(client, f"peak-fit workers '{broker.site}' {handle} 0 0 0 1023 199 0 '{names('r')}' x fe55") == 0
-        assert worker.stdout.count("\n") == 1, worker.stdout
-        assert broker("ACL", "LOG") == []
-    finally:
-        worker.close()
 
 
 def test_sites_that_cannot_be(client, names, scan, broker):

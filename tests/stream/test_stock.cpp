@@ -12,6 +12,7 @@ TEST(Stock, PayloadsGoBeforeRunsAndTheLastRunStays) {
     broker_stock stock;
     const auto now = broker_stock::clock::now();
     stock.add_run("old");
+    stock.add_run("old"); // told twice
     stock.add_headers("old", 100);
     stock.add_run("new");
     stock.add_headers("new", 50);

@@ -218,6 +218,18 @@ TEST(fit_message, blocks_that_lie_about_their_spectra_are_refused) {
     EXPECT_GT(fit_block_bytes({nullptr, el_double, 8, 8, 8, 1 << 30, 1, 1}, {0, 0, 0, 0}, 0), fit_most_bytes);
 }
 
+TEST(fit_message, a_block_of_more_points_than_one_has_is_refused) {
+    fit_job job = a_job();
+    job.channels = 1;
+    const std::vector<std::uint32_t> elements(fit_most_points + 1);
+    for (const int points : {fit_most_points, fit_most_points + 1}) {
+        const peak_spectra spectra = {
+            reinterpret_cast<const std::byte *>(elements.data()), el_long, 4, 4, 4, 1, points, 1};
+        const std::string bytes = fit_encode_block(id, 0, spectra, {0, points - 1, 0, 0}, 0);
+        EXPECT_EQ(fit_decode_block(bytes, job, cause).has_value(), points == fit_most_points);
+    }
+}
+
 TEST(fit_message, job_numbers_are_16_digits) {
     EXPECT_EQ("0123456789abcdef", fit_id_text(id));
     EXPECT_EQ(id, fit_id_of("0123456789abcdef"));
