@@ -5,13 +5,11 @@ import os
 import re
 import socket
 import subprocess
-import sys
 import threading
 import time
-import types
 
 import pytest
-from broker import BUILD, Broker, BrokerError, Connection, Follower, Publisher
+from broker import BUILD, Broker, BrokerError, Follower, Publisher
 from fit_workers import Worker
 from kestrel_data import Module, do
 from kestrel_session import ROOT, wait_until
@@ -336,36 +334,11 @@ def test_a_socket_whose_name_is_too_long_is_no_site(start, tmp_path):
     assert worker.returncode == 2 and "is no site" in worker.stderr
 
 
-class Reader:
-    """What the manual's reader asks of python3-redis."""
-
-    def __init__(self, unix_socket_path):
-        self.ask = Connection(unix_socket_path)
-
-    @staticmethod
-    def _entries(found):
-        return [(i, dict(zip(f[::2], f[1::2]))) for i, f in found]
-
-    def xrevrange(self, key, count):
-        return self._entries(self.ask("XREVRANGE", key, "+", "-", "COUNT", count))
-
-    def hget(self, key, field):
-        return self.ask("HGET", key, field)
-
-    def get(self, key):
-        return self.ask("GET", key)
-
-    def xread(self, after, block):
-        found = self.ask("XREAD", "BLOCK", block, "STREAMS", *after, *after.values())
-        return [(key, self._entries(entries)) for key, entries in found or []]
-
-
-def test_the_readers_of_the_manual_read_a_run_to_its_end(broker, start, card, capsys, monkeypatch):
+def test_the_readers_of_the_manual_read_a_run_to_its_end(broker, start, card, capsys):
     python, shell = re.findall(r"```(?:python|sh)\n(.*?)```", (ROOT / "docs" / "stream-format.md").read_text(), re.DOTALL)
     start("-site=" + broker.site, kind=Publisher)
     card.begin()
     card.count(*range(PLACES))
-    monkeypatch.setitem(sys.modules, "redis", types.SimpleNamespace(Redis=Reader))
     words = {"/run/redis/redis.sock": str(broker.socket), ":f:0": f":f:{CARD}", ":d:0:17": f":d:{CARD}:5",
              "redis-cli": f"redis-cli -s {broker.socket}"}
     for old, new in words.items():
