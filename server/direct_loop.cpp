@@ -191,7 +191,6 @@ void serve_lines() {
 } // namespace
 
 void direct_loop(const char *program) {
-    use_network = 0;
     sv_close_log(log_file); // the terminal keeps no log
     sv_close_log(vlog_file);
     sv_fill_slot(terminal, STDIN_FILENO, STDOUT_FILENO);

@@ -85,6 +85,7 @@ int sv_main(int argc, char **argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0); // operators and programs read it through pipes
     sv_parse_options(argc, argv);
     raise_descriptor_limit();
+    use_network = sv_options.port == 0 ? 0 : 1; // before threads are started that print
     if (sv_hooks.user_main)
         sv_hooks.user_main(argc, argv);
     install_signals();

@@ -411,7 +411,6 @@ void shut_down() {
 } // namespace
 
 void network_loop(const char *program, int port) {
-    use_network = 1;
     unique_fd listening = open_listening_socket(port);
     listen_socket = listening.get();
     char mode[64];
