@@ -17,7 +17,7 @@ using clock_type = std::chrono::steady_clock;
 
 namespace {
 
-constexpr int card = 9000, channels = 2, energies = 4096, places = 2000;
+constexpr int card = 9000, channels = 2, energies = 4096, places = 8000;
 constexpr std::size_t frame_bytes = std::size_t{4} * channels * energies;
 
 struct fake_card {
@@ -76,25 +76,27 @@ double broker_seconds(broker &b) {
     return sum;
 }
 
-// Keys that are new, as a frame's is.
-double plain_sets(broker &b, const std::vector<std::byte> &bytes, int count, int round) {
+// Keys that are new, as a frame's is; 0 when one is refused. They are removed again.
+double plain_sets(broker &b, const std::vector<std::byte> &bytes, int count) {
     constexpr int at_once = 128;
+    const std::string_view payload(reinterpret_cast<const char *>(bytes.data()), bytes.size());
+    std::vector<std::string> keys;
+    std::vector<std::string_view> remove{"DEL"};
+    for (int i = 0; i < count; ++i)
+        keys.push_back(b.key("plain:" + std::to_string(now_us()) + ":" + std::to_string(i)));
+    remove.insert(remove.end(), keys.begin(), keys.end());
     const auto begun = clock_type::now();
-    for (int done = 0; done < count; done += at_once) {
-        for (int i = done; i < std::min(count, done + at_once); ++i) {
-            broker_words set;
-            set.text("SET")
-                .text(b.key("plain:" + std::to_string(round * places + i)))
-                .bytes(bytes)
-                .text("EX")
-                .text("60");
-            b.append(set.words());
-        }
-        for (int i = done; i < std::min(count, done + at_once); ++i)
-            if (!b.next().is_ok())
-                std::printf("! a SET was refused\n");
+    bool good = true;
+    for (int done = 0; done < count && good; done += at_once) {
+        const int end = std::min(count, done + at_once);
+        for (int i = done; i < end; ++i)
+            b.append({"SET", keys[static_cast<std::size_t>(i)], payload, "EX", "60"});
+        for (int i = done; i < end; ++i)
+            good = b.next().is_ok() && good;
     }
-    return count / seconds_since(begun);
+    const double rate = count / seconds_since(begun);
+    b.command(remove);
+    return good ? rate : 0;
 }
 
 template <class F> void wait_for(F condition) {
@@ -204,7 +206,11 @@ int main(int argc, char **argv) {
     std::vector<double> sets, sent, ratios, busy;
     for (int round = 0; round < 7; ++round) {
         const double before = broker_seconds(plain);
-        sets.push_back(plain_sets(plain, bytes, places, round));
+        sets.push_back(plain_sets(plain, bytes, places));
+        if (sets.back() == 0) {
+            std::printf("! a SET was refused: the broker has too little room\n");
+            return 1;
+        }
         const double between = broker_seconds(plain);
         sent.push_back(frames(fake, publisher, places));
         ratios.push_back(sent.back() / sets.back());

@@ -1,22 +1,18 @@
 #include "stream/broker.h"
 
-#include "support/file_io.h"
-
+#include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <hiredis/hiredis.h>
-#include <numeric>
+#include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
+#include <sys/uio.h>
 
 namespace kestrel::stream {
 
 namespace {
-
-constexpr int usual_port = 6379;
 
 std::optional<long long> number_of(std::string_view text) {
     long long number = 0;
@@ -24,69 +20,11 @@ std::optional<long long> number_of(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size() ? std::optional(number) : std::nullopt;
 }
 
-// A prefix goes into keys and into the patterns of access rules.
-bool is_prefix(std::string_view text) {
-    constexpr std::string_view good = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.";
-    return !text.empty() && text.size() <= 64 && text.find_first_not_of(good) == text.npos;
-}
-
-bool take_place(std::string_view text, broker_site &site) {
-    if (text.starts_with("unix:")) {
-        site.path = text.substr(5);
-        return site.path.starts_with("/") && site.path.size() < sizeof sockaddr_un{}.sun_path;
-    }
-    const std::size_t colon = text.rfind(':');
-    site.host = text.substr(0, colon);
-    const auto port = colon == text.npos ? usual_port : number_of(text.substr(colon + 1));
-    site.port = static_cast<int>(port && *port > 0 && *port < 65536 ? *port : 0);
-    return !site.host.empty() && site.port != 0 && site.host.find_first_of("@/ ") == site.host.npos;
-}
-
-bool take_credentials(broker_site &site, std::string &cause) {
-    const char *name = std::getenv("KESTREL_BROKER_AUTH");
-    if (name == nullptr || *name == '\0')
-        return true;
-    char bytes[512];
-    const unique_fd file = open_regular(name, O_RDONLY);
-    const ssize_t size = file ? read_full(file.get(), bytes, sizeof bytes) : -1;
-    if (size < 0) {
-        cause = "cannot read '" + std::string(name) + "': " + std::strerror(errno);
-        return false;
-    }
-    std::string_view line(bytes, static_cast<std::size_t>(size));
-    line = line.substr(0, line.find('\n'));
-    const std::size_t colon = line.find(':');
-    if (colon != line.npos)
-        site.user = line.substr(0, colon);
-    site.password = line.substr(colon == line.npos ? 0 : colon + 1);
-    if (site.password.empty())
-        cause = "'" + std::string(name) + "' has no password in its first line";
-    return !site.password.empty();
-}
-
 timeval as_timeval(std::chrono::milliseconds time) {
     return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
 }
 
 } // namespace
-
-// ---------------------------------------------------------------- site
-
-std::string broker_site::text() const {
-    return (host.empty() ? "unix:" + path : host + ":" + std::to_string(port)) + "#" + prefix;
-}
-
-std::optional<broker_site> broker_site_of(std::string_view text, std::string &cause) {
-    broker_site site;
-    const std::size_t hash = text.rfind('#');
-    if (hash != text.npos)
-        site.prefix = text.substr(hash + 1);
-    if (!is_prefix(site.prefix) || !take_place(text.substr(0, hash), site)) {
-        cause = "'" + std::string(text) + "' is no site: HOST:PORT or unix:/PATH, and #PREFIX";
-        return std::nullopt;
-    }
-    return take_credentials(site, cause) ? std::optional(site) : std::nullopt;
-}
 
 // ---------------------------------------------------------------- replies
 
@@ -145,6 +83,7 @@ void free_broker_context::operator()(redisContext *context) const {
 bool broker::fail(std::string cause) {
     cause_ = std::move(cause);
     context_.reset();
+    out_.clear();
     back_off_.failed(broker_back_off::clock::now());
     return false;
 }
@@ -195,37 +134,51 @@ bool broker::announce() {
     return alive.text() == "PONG" || fail(std::string(alive.error().value_or("no broker answers there")));
 }
 
+void broker::put_count(char what, std::size_t count) {
+    char digits[24];
+    const auto [end, error] = std::to_chars(std::begin(digits), std::end(digits), count);
+    out_ += what;
+    out_.append(digits, end).append("\r\n");
+}
+
 bool broker::append(std::span<const std::string_view> words) {
     if (context_ == nullptr)
         return false;
-    std::vector<const char *> texts;
-    std::vector<std::size_t> sizes;
+    constexpr std::size_t worth_sending = 128 * 1024, // the broker works on it while more is put together
+        large = 16 * 1024;                            // a word that is not copied: it goes out at once
+    put_count('*', words.size());
     for (const std::string_view word : words) {
-        texts.push_back(word.data() != nullptr ? word.data() : "");
-        sizes.push_back(word.size());
+        put_count('$', word.size());
+        if (word.size() < large)
+            out_ += word;
+        else if (!send(word))
+            return false;
+        out_ += "\r\n";
     }
-    const int count = static_cast<int>(words.size());
-    if (redisAppendCommandArgv(context_.get(), count, texts.data(), sizes.data()) != REDIS_OK)
-        return fail(context_->errstr);
-    // The broker works on these while the next are put together, and they are still in the cache.
-    constexpr std::size_t worth_sending = 128 * 1024;
-    unsent_ = std::accumulate(sizes.begin(), sizes.end(), unsent_);
-    return unsent_ < worth_sending || send();
+    return out_.size() < worth_sending || send();
 }
 
 // Each wait is bounded by `patience_`, all of them by this: a peer may take or give a byte at a time.
 constexpr int patience_for_all = 10;
 
-bool broker::send() {
-    int done = 0;
-    unsent_ = 0;
+bool broker::send(std::string_view behind) {
     const auto until = broker_back_off::clock::now() + patience_for_all * patience_;
-    while (done == 0) {
-        if (redisBufferWrite(context_.get(), &done) != REDIS_OK)
-            return fail(errno == EAGAIN ? "takes nothing" : context_->errstr);
-        if (done == 0 && broker_back_off::clock::now() > until)
+    const std::size_t all = out_.size() + behind.size();
+    for (std::size_t done = 0; done < all;) {
+        const std::size_t first = std::min(done, out_.size()), second = done - first;
+        std::array<iovec, 2> parts{{{out_.data() + first, out_.size() - first},
+                                    {const_cast<char *>(behind.data()) + second, behind.size() - second}}};
+        msghdr message{};
+        message.msg_iov = parts.data();
+        message.msg_iovlen = parts.size();
+        const ssize_t sent = ::sendmsg(context_->fd, &message, MSG_NOSIGNAL);
+        if (sent < 0 && errno != EINTR)
+            return fail(errno == EAGAIN ? "takes nothing" : std::strerror(errno));
+        done += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
+        if (done < all && broker_back_off::clock::now() > until)
             return fail("takes too little");
     }
+    out_.clear();
     return true;
 }
 
@@ -257,6 +210,15 @@ broker_reply broker::next() {
 
 broker_reply broker::command(std::span<const std::string_view> words) {
     return append(words) ? next() : broker_reply();
+}
+
+broker_reply broker::commands(std::initializer_list<std::initializer_list<std::string_view>> all) {
+    broker_reply last;
+    for (const auto &words : all)
+        append(words);
+    for (std::size_t i = 0; i < all.size(); ++i)
+        last = next();
+    return last;
 }
 
 } // namespace kestrel::stream

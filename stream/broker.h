@@ -122,6 +122,8 @@ class broker {
         return append(std::span(words.begin(), words.size()));
     }
     broker_reply next();
+    // Several in one go: the reply to the last one.
+    broker_reply commands(std::initializer_list<std::initializer_list<std::string_view>> all);
 
     const broker_site &site() const { return site_; }
     std::string key(std::string_view name) const { return site_.key(name); }
@@ -131,7 +133,8 @@ class broker {
   private:
     bool connect();
     bool announce();
-    bool send();
+    void put_count(char what, std::size_t count);
+    bool send(std::string_view behind = {}); // what is put together, and that
     bool fail(std::string cause);
 
     broker_site site_;
@@ -139,8 +142,8 @@ class broker {
     broker_back_off back_off_;
     std::unique_ptr<redisContext, free_broker_context> context_;
     std::string cause_;
-    std::size_t unsent_ = 0; // bytes of commands, about
-    bool refused_ = false;   // the connection before this one
+    std::string out_;      // commands that are put together
+    bool refused_ = false; // the connection before this one
     broker_back_off::clock::time_point made_{};
 };
 

@@ -5,8 +5,10 @@
 #include "stream/broker.h"
 #include "stream/run_seen.h"
 
-#include <deque>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,31 +16,37 @@
 
 namespace kestrel::stream {
 
-// A command's words: texts that are made for it, and bytes that stay where they are until it has been appended.
+// A command's words, put together one by one.
 class broker_words {
   public:
-    broker_words() = default;
-    broker_words(broker_words &&) = default; // the texts of a deque stay where they are
-    broker_words &operator=(broker_words &&) = default;
-    broker_words &text(std::string word) {
-        views_.push_back(owned_.emplace_back(std::move(word)));
-        bytes_ += views_.back().size();
+    broker_words &text(std::string_view word) {
+        text_ += word;
+        ends_.push_back(text_.size());
         return *this;
     }
     broker_words &bytes(std::span<const std::byte> bytes) {
-        views_.emplace_back(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-        bytes_ += bytes.size();
-        return *this;
+        return text({reinterpret_cast<const char *>(bytes.data()), bytes.size()});
     }
-    broker_words &field(const char *name, std::string value) { return text(name).text(std::move(value)); }
-    broker_words &field(const char *name, std::uint64_t value) { return field(name, std::to_string(value)); }
-    std::span<const std::string_view> words() const { return views_; }
-    std::size_t size() const { return bytes_; }
+    broker_words &field(std::string_view name, std::string_view value) { return text(name).text(value); }
+    broker_words &field(std::string_view name, std::uint64_t value) {
+        return field(name, std::to_string(value));
+    }
+    // Good until the next word.
+    std::vector<std::string_view> words() const {
+        std::vector<std::string_view> words;
+        words.reserve(ends_.size());
+        for (std::size_t begin = 0; const std::size_t end : ends_) {
+            words.push_back(std::string_view(text_).substr(begin, end - begin));
+            begin = end;
+        }
+        return words;
+    }
+    std::size_t count() const { return ends_.size(); }
+    std::size_t size() const { return text_.size(); }
 
   private:
-    std::deque<std::string> owned_; // whose texts do not move
-    std::vector<std::string_view> views_;
-    std::size_t bytes_ = 0;
+    std::string text_;
+    std::vector<std::size_t> ends_;
 };
 
 // Keys of a run, without the site's prefix.

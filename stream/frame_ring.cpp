@@ -63,10 +63,10 @@ void frame_ring::drop_oldest() {
 std::optional<frame_ring::next_frame> frame_ring::next(lane_number number, std::uint64_t ahead) const {
     const lane_state &lane = lane_of(number);
     const std::uint64_t frame = lane.account.told() + ahead;
-    for (const waiting_frames &w : lane.waiting)
-        if (frame - w.first < w.count)
-            return next_frame{frame, w.time_us, w.contents};
-    return std::nullopt;
+    const auto at = std::ranges::partition_point(
+        lane.waiting, [frame](const waiting_frames &w) { return w.first + w.count <= frame; });
+    return at == lane.waiting.end() ? std::nullopt
+                                    : std::optional(next_frame{frame, at->time_us, at->contents});
 }
 
 void frame_ring::told(lane_number number, bool lost) {

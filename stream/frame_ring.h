@@ -11,17 +11,28 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kestrel::stream {
+
+// Memory that is read into at once is not zeroed before.
+template <class T> struct unzeroed : std::allocator<T> {
+    template <class U> struct rebind { using other = unzeroed<U>; };
+    template <class U> void construct(U *at) const { ::new (static_cast<void *>(at)) U; }
+    template <class U, class... A> void construct(U *at, A &&...value) const {
+        ::new (static_cast<void *>(at)) U(std::forward<A>(value)...);
+    }
+};
 
 // What is told of a frame, and its counts. Shared: a frame that is being sent may lose its place in the ring meanwhile.
 struct frame_contents {
     std::int64_t time_us = 0;    // since the epoch, when it was final
     std::string status, missing; // a channel each, "1,1,2": as in the status module, and the packets missing
-    std::vector<std::byte> payload;
+    std::vector<std::byte, unzeroed<std::byte>> payload;
     std::uint32_t crc = 0;
 };
 

@@ -129,29 +129,27 @@ bool card_seen::read_status(const open_module &module, std::uint64_t frame, std:
     return module.read(words.data(), words.size() * sizeof words[0], 0, frame, plane);
 }
 
-bool card_seen::all_set(const open_module &module, std::uint64_t frame) const {
-    std::vector<std::uint32_t> words;
+// `words`: the frame's status in each channel.
+bool card_seen::all_set(const open_module &module, std::uint64_t frame,
+                        std::vector<std::uint32_t> &words) const {
     return frame < shape.places && read_status(module, frame, 0, words) &&
            std::ranges::find(words, 0U) == words.end();
 }
 
-bool card_seen::is_final(std::uint64_t frame) const {
-    return all_set(status_, frame);
-}
-
 bool card_seen::has_scalers(std::uint64_t frame) const {
     const std::size_t channels = shape.module_channels;
+    std::vector<std::uint32_t> words;
     return is_words(scalers_, scalers_a_channel, channels, shape.places) &&
-           is_words(scaler_status_, channels, shape.places, 1) && all_set(scaler_status_, frame);
+           is_words(scaler_status_, channels, shape.places, 1) && all_set(scaler_status_, frame, words);
 }
 
 std::shared_ptr<frame_contents> card_seen::copy(std::uint64_t frame) const {
+    std::vector<std::uint32_t> before, missing, after;
+    if (!all_set(status_, frame, before) || !read_status(status_, frame, 1, missing))
+        return nullptr;
     auto contents = std::make_shared<frame_contents>();
     const std::size_t bytes = shape.auxiliaries * shape.energies * sizeof(std::uint32_t);
-    std::vector<std::uint32_t> before, missing, after;
     contents->payload.resize(shape.channels * bytes);
-    if (!read_status(status_, frame, 0, before) || !read_status(status_, frame, 1, missing))
-        return nullptr;
     for (std::size_t chan = 0; chan < shape.channels; ++chan)
         if (!counts_.read(&contents->payload[chan * bytes], bytes, 0, frame * shape.auxiliaries, chan))
             return nullptr;

@@ -53,10 +53,10 @@ class card_seen {
     bool is_removed() const;
     // The frames of the run, those without a place not counted; nothing while it goes on.
     std::optional<std::uint64_t> frames() const;
-    // Whether the frame is whole, or known to be lost, in all channels; its scalers likewise.
-    bool is_final(std::uint64_t frame) const;
+    // Whether the frame's scalers are whole, or known to be lost, in all channels.
     bool has_scalers(std::uint64_t frame) const;
-    // A final frame, the words of its channels one after the other; null where it is not there any more.
+    // A frame that is whole, or known to be lost, in all channels: their words one after the other. Null while it is not,
+    // or where it is not there any more.
     std::shared_ptr<frame_contents> copy(std::uint64_t frame) const;
     // Appends the frame's scalers and factors of the channels in use.
     bool copy_scalers(std::uint64_t frame, std::vector<std::uint32_t> &scalers,
@@ -65,7 +65,7 @@ class card_seen {
   private:
     bool read_status(const open_module &module, std::uint64_t frame, std::size_t plane,
                      std::vector<std::uint32_t> &words) const;
-    bool all_set(const open_module &module, std::uint64_t frame) const;
+    bool all_set(const open_module &module, std::uint64_t frame, std::vector<std::uint32_t> &words) const;
     bool take_sheet(const std::vector<double> &rows);
     bool fits() const;
 

@@ -42,8 +42,7 @@ bool sender::turn() {
         note_state();
         return false;
     }
-    batch frames = collect();
-    more = !frames.empty() && send(frames);
+    more = send_some();
     std::vector<std::shared_ptr<published_run>> runs;
     {
         const std::lock_guard guard(p_.mutex);
@@ -78,13 +77,21 @@ void sender::note_state() {
     }
 }
 
-int sender::together(const std::vector<broker_words> &commands) {
+void sender::append_together(std::span<const broker_words> commands) {
     broker_.append({"MULTI"});
     for (const broker_words &c : commands)
         broker_.append(c.words());
     broker_.append({"EXEC"});
+}
+
+int sender::together(std::span<const broker_words> commands) {
+    append_together(commands);
+    return answer_to(commands.size());
+}
+
+int sender::answer_to(std::size_t commands) {
     refusal_.clear();
-    for (std::size_t i = 0; i <= commands.size(); ++i) {
+    for (std::size_t i = 0; i <= commands; ++i) {
         const broker_reply queued = broker_.next();
         if (!queued)
             return -1;
@@ -96,7 +103,7 @@ int sender::together(const std::vector<broker_words> &commands) {
     note(done);
     for (std::size_t i = 0; i < done.size(); ++i)
         note(done.at(i));
-    if (done.size() == commands.size() && refusal_.empty())
+    if (done.size() == commands && refusal_.empty())
         return 1;
     if (refusal_.empty())
         refusal_ = "the broker does not take what it is told";
@@ -126,10 +133,10 @@ void sender::give_way() {
 broker_words sender::meta_of(const published_run &run, const char *state, const char *end,
                              std::span<const outgoing> told) const {
     broker_words words;
-    words.text("HSET").text(broker_.key(meta_key(run.id))).field("state", std::string(state));
+    words.text("HSET").text(broker_.key(meta_key(run.id))).field("state", state);
     words.field("epoch", run.epoch).field("broker", broker_run_);
     if (*end != '\0')
-        words.field("end", std::string(end));
+        words.field("end", end);
     frame_account sum;
     for (std::size_t lane = 0; lane < run.lanes.size(); ++lane) {
         frame_account a = p_.ring.account(run.lanes[lane].number);
@@ -157,9 +164,9 @@ bool sender::seal(published_run &run) {
         commands.push_back(meta_of(run, "sealed", run.over ? "whole" : "cut"));
         const frame_account sum = p_.total(run);
         broker_words stop;
-        stop.text("XADD").text(broker_.key("runs")).text("*").field("event", std::string("stop"));
+        stop.text("XADD").text(broker_.key("runs")).text("*").field("event", "stop");
         stop.field("run", run.id).field("time", seconds_of(now_us())).field("epoch", run.epoch);
-        stop.field("end", std::string(run.over ? "whole" : "cut"));
+        stop.field("end", run.over ? "whole" : "cut");
         stop.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
         commands.push_back(std::move(stop));
     }

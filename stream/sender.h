@@ -8,6 +8,7 @@
 #include "stream/stock.h"
 
 #include <chrono>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,20 +57,29 @@ class sender {
     void apply_known();
 
     // sender_frames.cpp
+    bool send_some(); // whether there may be more at once
     batch collect();
     bool send(batch &frames);
-    bool store_payloads(batch &frames);
-    bool tell(batch &frames);
+    bool settle();
+    bool has_payload(const outgoing &o) const;
+    bool append_payloads(batch &frames, std::vector<broker_words> &headers);
+    bool take_answers(batch &frames, std::vector<broker_words> &headers);
+    void tell(batch frames, std::vector<broker_words> headers);
+    void note_told();
+    void give_back();
     bool take_back(const batch &frames); // payloads without a header
     broker_words header_of(const outgoing &o) const;
-    broker_words scalers_of(const outgoing &o) const;
+    void tell_counts(broker_words &words, const outgoing &o) const;
+    void tell_scalers(broker_words &words, const outgoing &o) const;
     bool make_room(std::size_t bytes);
     bool is_under_way(const std::string &run) const;
     bool remove(const broker_words &del);
     bool remove_run(const std::string &run);
 
     // Commands that count all together or not at all: 1 done, 0 refused (refusal_), -1 the connection failed.
-    int together(const std::vector<broker_words> &commands);
+    int together(std::span<const broker_words> commands);
+    void append_together(std::span<const broker_words> commands);
+    int answer_to(std::size_t commands);
     void note(const broker_value &reply);
     void give_way();
     // `told`: frames that the same transaction tells of.
@@ -86,8 +96,13 @@ class sender {
     std::string broker_run_; // which life of the broker it is
     std::size_t budget_ = 0;
     bool has_stock_ = false, strangers_sealed_ = false;
-    std::vector<std::string> strangers_;              // runs there that are not ours and not sealed
-    batch doubtful_;                                  // whose fate a lost connection has left open
+    std::vector<std::string> strangers_; // runs there that are not ours and not sealed
+    batch doubtful_;                     // whose fate a lost connection leaves open
+    struct {
+        batch frames;
+        std::vector<std::size_t> sizes; // of their headers
+        std::size_t commands = 0;
+    } telling_; // whose headers are on their way: the broker's answer was not read yet
     std::chrono::steady_clock::time_point refused_{}; // the broker had no room
 };
 

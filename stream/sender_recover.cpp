@@ -31,6 +31,7 @@ std::size_t number_of(std::string_view text) {
 } // namespace
 
 bool sender::recover() {
+    telling_.frames.clear(); // they are doubtful now
     {
         const std::lock_guard guard(p_.mutex);
         ++p_.broker.connections;

@@ -104,17 +104,10 @@ bool sender::seal_strangers() {
         const std::uint64_t lost = static_cast<std::uint64_t>(meta.at(1).integer().value_or(0));
         std::vector<broker_words> commands(2);
         broker_words &seal = commands[0], &stop = commands[1];
-        seal.text("HSET").text(broker_.key(meta_key(run))).field("state", std::string("sealed"));
-        seal.field("end", std::string("cut")).field("frames", sent + lost);
-        stop.text("XADD")
-            .text(broker_.key("runs"))
-            .text("*")
-            .field("event", std::string("stop"))
-            .field("run", run);
-        stop.field("end", std::string("cut"))
-            .field("frames", sent + lost)
-            .field("sent", sent)
-            .field("lost", lost);
+        seal.text("HSET").text(broker_.key(meta_key(run))).field("state", "sealed");
+        seal.field("end", "cut").field("frames", sent + lost);
+        stop.text("XADD").text(broker_.key("runs")).text("*").field("event", "stop").field("run", run);
+        stop.field("end", "cut").field("frames", sent + lost).field("sent", sent).field("lost", lost);
         stop.field("epoch", std::string(meta.at(2).text().value_or("1")));
         if (!meta || together(commands) != 1)
             return false;

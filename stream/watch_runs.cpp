@@ -110,7 +110,7 @@ bool watcher::acquire(watched_run &w, std::size_t lane, std::shared_ptr<frame_co
 bool watcher::follow_card(watched_run &w, std::size_t card) {
     const card_seen &c = w.cards[card];
     for (int i = 0; i < frames_a_turn; ++i) {
-        std::shared_ptr<frame_contents> contents = c.is_final(w.next[card]) ? c.copy(w.next[card]) : nullptr;
+        std::shared_ptr<frame_contents> contents = c.copy(w.next[card]);
         if (!contents)
             return false;
         acquire(w, card, std::move(contents));

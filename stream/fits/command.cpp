@@ -133,11 +133,12 @@ void far_fit::send_blocks() {
             counts_.abandoned = true;
             return;
         }
-        const std::string entry =
-            post_.send(fit_encode_block(job_.id, *number, *part_.spectra, box, neighbours_of(request_)));
+        const std::string block =
+            fit_encode_block(job_.id, *number, *part_.spectra, box, neighbours_of(request_));
+        const std::string entry = post_.send(block);
         if (entry.empty())
             return;
-        ledger_.sent(*number, entry);
+        ledger_.sent(*number, entry, block.size());
     }
 }
 

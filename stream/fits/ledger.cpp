@@ -7,25 +7,31 @@ namespace kestrel::stream {
 namespace {
 
 constexpr int sent_before_a_time_is_known = 4;
+constexpr long long blocks_left_a_worker = 4; // of what is in no block yet
+constexpr long long smallest = 10;            // a block's share of a long one
 
 } // namespace
 
 fit_ledger::fit_ledger(int q1, int q2, int ns, std::size_t point_bytes)
     : q1_(q1), q2_(q2), ns_(ns), q_(q1), point_bytes_(std::max<std::size_t>(point_bytes, 1)) {}
 
-int fit_ledger::points_of_next() const {
+int fit_ledger::points_of_next(int workers) const {
+    const std::size_t bytes = all_points_ == 0 ? point_bytes_ : (all_bytes_ + all_points_ - 1) / all_points_;
     const auto by_bytes =
-        static_cast<int>(std::clamp<std::size_t>(most_block_bytes / point_bytes_, 1, fit_most_points));
+        static_cast<int>(std::clamp<std::size_t>(most_block_bytes / bytes, 1, fit_most_points));
     if (timed_points_ == 0)
         return std::min(first_points, by_bytes);
     const long long wanted = std::chrono::microseconds(long_enough).count() * timed_points_ /
                              std::max(timed_microseconds_, timed_points_);
-    return static_cast<int>(std::clamp<long long>(wanted, 1, by_bytes));
+    const long long nq = q2_ - q1_ + 1, left = (ns_ - s_) * nq - (q_ - q1_);
+    const long long share = left / (blocks_left_a_worker * std::max(workers, 1));
+    return static_cast<int>(
+        std::clamp<long long>(std::min(wanted, std::max(share, wanted / smallest)), 1, by_bytes));
 }
 
 // Whole rows of the scan where a block is long enough for them, else a piece of one.
-int fit_ledger::cut() {
-    const int most = points_of_next(), nq = q2_ - q1_ + 1;
+int fit_ledger::cut(int workers) {
+    const int most = points_of_next(workers), nq = q2_ - q1_ + 1;
     fit_box box{q_, std::min(q2_, q_ + most - 1), s_, s_};
     if (q_ == q1_ && most >= nq)
         box.s2 = std::min(ns_ - 1, s_ + most / nq - 1);
@@ -34,7 +40,7 @@ int fit_ledger::cut() {
         q_ = q1_;
         s_ = box.s2 + 1;
     }
-    blocks_.push_back({box, block_state::waiting, 0, {}});
+    blocks_.push_back({box, block_state::waiting, 0, {}, 0});
     return static_cast<int>(blocks_.size()) - 1;
 }
 
@@ -46,7 +52,7 @@ std::optional<int> fit_ledger::next(int workers) {
         return waiting_.front();
     if (s_ == ns_)
         return std::nullopt;
-    const int number = cut();
+    const int number = cut(workers);
     waiting_.push_back(number);
     return number;
 }
@@ -58,16 +64,19 @@ void fit_ledger::leave(int number) {
     if (b.state != block_state::sent)
         return;
     --sent_;
-    bytes_out_ -= static_cast<std::size_t>(b.box.points()) * point_bytes_;
+    bytes_out_ -= b.bytes;
 }
 
-void fit_ledger::sent(int number, std::string_view entry) {
+void fit_ledger::sent(int number, std::string_view entry, std::size_t bytes) {
     leave(number);
     block &b = mutable_at(number);
     b.state = block_state::sent;
     b.entry = entry;
     ++sent_;
-    bytes_out_ += static_cast<std::size_t>(b.box.points()) * point_bytes_;
+    b.bytes = bytes;
+    bytes_out_ += bytes;
+    all_bytes_ += bytes;
+    all_points_ += static_cast<std::size_t>(b.box.points());
 }
 
 bool fit_ledger::finished(int number, int microseconds) {

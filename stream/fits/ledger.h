@@ -1,5 +1,5 @@
 // stream/fits: the book of a job's blocks: which points each has, which is waiting, sent, done or given up, and how large
-// the next one is. Pure: no broker, no clock.
+// the next one is: towards the end smaller ones, so that the workers end together. Pure: no broker, no clock.
 #pragma once
 
 #include "stream/fits/message.h"
@@ -29,14 +29,15 @@ class fit_ledger {
         block_state state = block_state::waiting;
         int failures = 0;
         std::string entry; // its place in the stream while it is sent
+        std::size_t bytes = 0;
     };
 
-    // All points q1..q2 by ns, of that many bytes each.
+    // All points q1..q2 by ns, of that many bytes each as long as none was sent.
     fit_ledger(int q1, int q2, int ns, std::size_t point_bytes);
 
     // The block to send next, for so many workers; nothing when enough are out or none is left.
     std::optional<int> next(int workers);
-    void sent(int number, std::string_view entry);
+    void sent(int number, std::string_view entry, std::size_t bytes);
     // A good result came: false when the block was done before.
     bool finished(int number, int microseconds);
     // A worker ended over the block, or what it said was nonsense.
@@ -55,12 +56,13 @@ class fit_ledger {
   private:
     block &mutable_at(int number) { return blocks_[static_cast<std::size_t>(number)]; }
     void leave(int number); // the state that the block is in
-    int points_of_next() const;
-    int cut();
+    int points_of_next(int workers) const;
+    int cut(int workers);
 
     int q1_, q2_, ns_;
     int q_, s_ = 0; // the first point that is in no block; s_ == ns_ when all are
     std::size_t point_bytes_;
+    std::size_t all_bytes_ = 0, all_points_ = 0; // that were sent
     std::vector<block> blocks_;
     std::deque<int> waiting_;
     int sent_ = 0;

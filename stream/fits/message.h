@@ -34,7 +34,8 @@ struct fit_job {
     int type = 0; // of an element: long, float or double
 };
 
-// Points q1..q2 of the spectra, all s; the others are neighbours. The bytes are the message's, not aligned.
+// Points q1..q2 of the spectra, all s; the others are neighbours. The bytes are the message's, not aligned, or the
+// counts' that were unpacked.
 struct fit_block {
     int number = 0;
     peak_spectra spectra;
@@ -55,12 +56,14 @@ struct fit_result {
 std::string fit_encode_job(const fit_job &job);
 std::optional<fit_job> fit_decode_job(std::string_view bytes, std::uint64_t id, std::string &cause);
 
-// The size of the block's message, which may be too long to be sent.
+// What the block's spectra take at a worker, which may be too much to be sent; counts are packed on their way.
 std::size_t fit_block_bytes(const peak_spectra &spectra, const fit_box &box, int neighbours);
 // A box of the spectra, with as many neighbours on each side as there are, at most `neighbours`.
 std::string fit_encode_block(std::uint64_t id, int number, const peak_spectra &spectra, const fit_box &box,
                              int neighbours);
-std::optional<fit_block> fit_decode_block(std::string_view bytes, const fit_job &job, std::string &cause);
+// `counts` is where they are unpacked to, and stay.
+std::optional<fit_block> fit_decode_block(std::string_view bytes, const fit_job &job,
+                                          std::vector<std::uint32_t> &counts, std::string &cause);
 
 std::string fit_encode_result(std::uint64_t id, const fit_result &result);
 // Of a block with that many points, and that many values a point.

@@ -141,8 +141,7 @@ bool fit_worker::know_job(const entry &e) {
 }
 
 void fit_worker::drop(const std::string &entry_id) {
-    broker_.command({"XACK", stream_, fit_group, entry_id});
-    broker_.command({"XDEL", stream_, entry_id});
+    broker_.commands({{"XACK", stream_, fit_group, entry_id}, {"XDEL", stream_, entry_id}});
 }
 
 // Told by the way, so that the command knows that somebody works on the block.
@@ -180,7 +179,7 @@ void fit_worker::work(const entry &e) {
     std::string cause;
     if (!know_job(e))
         return;
-    const std::optional<fit_block> block = fit_decode_block(e.block, *job_, cause);
+    const std::optional<fit_block> block = fit_decode_block(e.block, *job_, counts_, cause);
     if (!block) {
         refuse("Block " + e.id, cause);
         drop(e.id);
@@ -204,20 +203,19 @@ bool fit_worker::store(const entry &e, int number, std::string_view result) {
     const fit_keys keys = fit_keys_of(broker_.site(), e.job);
     const std::string field = std::to_string(number);
     for (int i = 0; i < most_tries && broker_.is_connected(); ++i) {
-        broker_.command({"WATCH", keys.job});
-        if (broker_.command({"EXISTS", keys.job}).integer() == 0) {
+        if (broker_.commands({{"WATCH", keys.job}, {"EXISTS", keys.job}}).integer() == 0) {
             broker_.command({"UNWATCH"});
             drop(e.id);
             return broker_.is_connected();
         }
-        broker_.command({"MULTI"});
-        broker_.command({"HSETNX", keys.results, field, result});
-        broker_.command({"PEXPIRE", keys.results, fit_job_life});
-        broker_.command({"RPUSH", keys.done, field});
-        broker_.command({"PEXPIRE", keys.done, fit_job_life});
-        broker_.command({"XACK", stream_, fit_group, e.id});
-        broker_.command({"XDEL", stream_, e.id});
-        const broker_reply done = broker_.command({"EXEC"});
+        const broker_reply done = broker_.commands({{"MULTI"},
+                                                    {"HSETNX", keys.results, field, result},
+                                                    {"PEXPIRE", keys.results, fit_job_life},
+                                                    {"RPUSH", keys.done, field},
+                                                    {"PEXPIRE", keys.done, fit_job_life},
+                                                    {"XACK", stream_, fit_group, e.id},
+                                                    {"XDEL", stream_, e.id},
+                                                    {"EXEC"}});
         if (done.error()) {
             refuse("Result of block " + e.id, std::string(*done.error()));
             return true;

@@ -45,11 +45,12 @@ class fit_worker {
     broker broker_;
     const volatile std::sig_atomic_t &quit_;
     std::string name_, stream_, workers_;
-    std::string refusal_;        // what the broker said last when it was asked for a block
-    std::optional<fit_job> job_; // of the block before
-    std::string at_hand_;        // the entry of the block that is being fitted
-    bool lost_ = false;          // and it is somebody else's by now
-    bool away_ = false;          // the broker; and its line is printed
+    std::string refusal_;               // what the broker said last when it was asked for a block
+    std::optional<fit_job> job_;        // of the block before
+    std::vector<std::uint32_t> counts_; // the block's, unpacked: kept, so that its memory is
+    std::string at_hand_;               // the entry of the block that is being fitted
+    bool lost_ = false;                 // and it is somebody else's by now
+    bool away_ = false;                 // the broker; and its line is printed
     std::chrono::steady_clock::time_point beat_at_{}, sweep_at_{}, present_at_{};
 };
 

@@ -32,9 +32,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::string cause;
     if (const auto job = fit_decode_job(bytes, id, cause))
         check(fit_encode_job(*job).size() == size && job->request.last < job->channels);
-    fit_job job{id, {}, 4, el_float};
-    if (const auto block = fit_decode_block(bytes, job, cause))
-        look_at(*block);
+    for (const int type : {el_float, el_long}) { // the second is packed
+        const fit_job job{id, {}, 4, type};
+        std::vector<std::uint32_t> counts;
+        if (const auto block = fit_decode_block(bytes, job, counts, cause))
+            look_at(*block);
+    }
     if (const auto result = fit_decode_result(bytes, id, 0, 2, 3, cause))
         check(result->points.size() == 2 && result->points[1].values.size() == 3);
     return 0;

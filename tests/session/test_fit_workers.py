@@ -244,7 +244,7 @@ def test_a_broker_that_forgets_and_one_that_stands_still(broker, workers, scan):
     nothing_is_left(broker)
 
 
-def head(kind, size, job, version=1):
+def head(kind, size, job, version=2):
     return struct.pack("<4sHHQQ", b"KFIT", version, kind, size, int(job, 16))
 
 
@@ -267,7 +267,7 @@ def test_answers_that_cannot_be_are_refused_and_the_points_fitted_again(broker, 
     body += points * (struct.pack("<IBBH", 0, 0, 0, 0) + values * struct.pack("<d", 0.0))
     lie(broker, job, number, b"")
     wait_until(lambda: (taken := consume(broker, "liar")) and taken[2] == block, "block again")
-    lie(broker, job, number, head(3, 24 + len(body), job, version=2) + body)
+    lie(broker, job, number, head(3, 24 + len(body), job, version=3) + body)
     for nonsense in (99999, -1, "abc", 2 ** 40):  # blocks that nobody sent
         broker("RPUSH", f"t:fit:{job}:done", nonsense)
     workers(2)

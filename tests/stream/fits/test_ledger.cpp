@@ -1,6 +1,7 @@
 // The book of a job's blocks: every point in one block, no block lost or counted twice, whatever happens to it.
 #include "stream/fits/ledger.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <random>
 
@@ -11,10 +12,11 @@ namespace {
 constexpr int many = 1000; // workers
 
 // Sends what is to be sent; the numbers.
-std::vector<int> send_all(fit_ledger &ledger, int workers = many) {
+std::vector<int> send_all(fit_ledger &ledger, int workers = many, std::size_t point_bytes = 4096) {
     std::vector<int> numbers;
     while (const auto number = ledger.next(workers)) {
-        ledger.sent(*number, std::to_string(*number));
+        ledger.sent(*number, std::to_string(*number),
+                    static_cast<std::size_t>(ledger.at(*number).box.points()) * point_bytes);
         numbers.push_back(*number);
     }
     return numbers;
@@ -61,14 +63,29 @@ TEST(fit_ledger, blocks_take_200_ms_once_a_time_is_known_and_4_MiB_at_most) {
                        {100, 4096, 1024}, {1, 8, 4096},     {1000, 1 << 23, 1}};
     for (const auto &c : cases) {
         fit_ledger ledger(0, 999999, 1, c.bytes);
-        const std::vector<int> first = send_all(ledger);
+        const std::vector<int> first = send_all(ledger, 2, c.bytes);
         ASSERT_FALSE(first.empty());
         EXPECT_LE(ledger.at(first[0]).box.points(), fit_ledger::first_points);
         ledger.finished(first[0], c.microseconds * ledger.at(first[0]).box.points());
-        const std::vector<int> then = send_all(ledger);
+        const std::vector<int> then = send_all(ledger, 2, c.bytes);
         ASSERT_FALSE(then.empty());
         EXPECT_EQ(c.points, ledger.at(then[0]).box.points()) << c.microseconds;
     }
+}
+
+TEST(fit_ledger, blocks_get_smaller_towards_the_end_but_not_tiny) {
+    fit_ledger ledger(0, 19999, 1, 4096);
+    for (int number = 0; !ledger.settled(); ++number) {
+        send_all(ledger, 2, 400); // packed: less than it might have been
+        ledger.finished(number, 200 * ledger.at(number).box.points());
+    }
+    int most = 0, last = 0;
+    for (int number = 0; ledger.knows(number); ++number) {
+        last = ledger.at(number).box.points();
+        most = std::max(most, last);
+    }
+    EXPECT_EQ(1000, most) << "200 ms";
+    EXPECT_LE(last, 100) << "20 ms";
 }
 
 TEST(fit_ledger, no_more_is_out_than_the_workers_and_the_broker_can_take) {
