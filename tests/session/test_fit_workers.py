@@ -274,7 +274,7 @@ def test_answers_that_cannot_be_are_refused_and_the_points_fitted_again(broker, 
     value, lines, data = there()
     assert (value, data) == (here[0], here[2])
     assert lines[0] == "! What a worker says of points 0..3 is refused: 0 bytes are too few"
-    assert lines[1] == "! What a worker says of points 0..3 is refused: its version is 2, not 1"
+    assert lines[1] == "! What a worker says of points 0..3 is refused: its version is 3, not 2"
 
 
 @pytest.mark.parametrize("what", ["values", "length", "points"])
