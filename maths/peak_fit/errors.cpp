@@ -6,7 +6,9 @@
 #include <Eigen/Dense>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <memory>
 
 namespace kestrel {
 
@@ -29,18 +31,24 @@ struct solution {
 
     std::span<const double> column(std::size_t c) const { return {&columns[c * stride], channels}; }
     std::vector<double> variances(std::span<const double> data) const;
-    // Columns' products with each other, or with those of another matrix of the same shape.
-    Eigen::MatrixXd products(const std::vector<double> &others) const;
+    // Columns' products with each other; each channel counts with its weight.
+    Eigen::MatrixXd products() const;
+    Eigen::MatrixXd products(std::span<const double> weights) const;
 
     std::size_t channels, stride;
-    std::vector<double> left, columns, lengths;
+    std::unique_ptr<double[]> left, columns;
+    std::vector<double> lengths;
+
+  private:
+    template <class F> Eigen::MatrixXd symmetric(F element) const;
 };
 
 solution::solution(peak_residuals &residuals, const std::vector<double> &x)
-    : channels(residuals.data.size()), stride(residuals.count()), left(stride), columns(stride * x.size()),
-      lengths(x.size()) {
+    : channels(residuals.data.size()), stride(residuals.count()),
+      left(std::make_unique_for_overwrite<double[]>(stride)),
+      columns(std::make_unique_for_overwrite<double[]>(stride * x.size())), lengths(x.size()) {
     residuals.prepare();
-    residuals.evaluate(x.data(), left.data());
+    residuals.evaluate(x.data(), left.get());
     std::vector<double> beside = x;
     for (std::size_t c = 0; c < x.size(); ++c) {
         double *const at = &columns[c * stride];
@@ -48,21 +56,31 @@ solution::solution(peak_residuals &residuals, const std::vector<double> &x)
         beside[c] = x[c] + h;
         residuals.evaluate(beside.data(), at);
         beside[c] = x[c];
-        peak_fit_best_loops().difference(at, left.data(), -1.0 / h, channels);
+        peak_fit_best_loops().difference(at, left.get(), -1.0 / h, channels);
         lengths[c] = std::sqrt(dot(column(c), at));
         if (lengths[c] > 0.0)
             peak_fit_best_loops().divide(at, lengths[c], channels);
     }
 }
 
-Eigen::MatrixXd solution::products(const std::vector<double> &others) const {
+template <class F> Eigen::MatrixXd solution::symmetric(F element) const {
     const auto count = static_cast<Eigen::Index>(lengths.size());
     Eigen::MatrixXd result(count, count);
     for (Eigen::Index i = 0; i < count; ++i)
         for (Eigen::Index j = 0; j <= i; ++j)
             result(i, j) = result(j, i) =
-                dot(column(static_cast<std::size_t>(i)), &others[static_cast<std::size_t>(j) * stride]);
+                element(column(static_cast<std::size_t>(i)), column(static_cast<std::size_t>(j)));
     return result;
+}
+
+Eigen::MatrixXd solution::products() const {
+    return symmetric([](auto a, auto b) { return dot(a, b.data()); });
+}
+
+Eigen::MatrixXd solution::products(std::span<const double> weights) const {
+    return symmetric([weights](auto a, auto b) {
+        return peak_fit_best_loops().weighted_dot(a.data(), b.data(), weights.data(), a.size());
+    });
 }
 
 // A channel's variance is its expected count, taken as the mean of data and model: data alone would give an
@@ -74,9 +92,16 @@ std::vector<double> solution::variances(std::span<const double> data) const {
     return result;
 }
 
-// Inverse of a symmetric matrix of unit diagonal; directions that it does not determine are left out.
+// Inverse of a symmetric matrix of unit diagonal; directions that it does not determine are left out. There are none
+// where its determinant, which is no larger than e times its smallest eigenvalue, says so.
 Eigen::MatrixXd inverse(const Eigen::MatrixXd &matrix) {
     constexpr double undetermined = 1e-12;
+    const Eigen::LLT<Eigen::MatrixXd> factors(matrix);
+    if (factors.info() == Eigen::Success) {
+        const double root = factors.matrixLLT().diagonal().prod();
+        if (root * root > 100 * undetermined)
+            return factors.solve(Eigen::MatrixXd::Identity(matrix.rows(), matrix.cols()));
+    }
     const Eigen::SelfAdjointEigenSolver<Eigen::MatrixXd> solver(matrix);
     Eigen::VectorXd values = solver.eigenvalues();
     for (double &value : values)
@@ -87,12 +112,8 @@ Eigen::MatrixXd inverse(const Eigen::MatrixXd &matrix) {
 Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> &x) {
     const solution s(residuals, x);
     const std::vector<double> variances = s.variances(residuals.data);
-    std::vector<double> weighted = s.columns;
-    for (std::size_t c = 0; c < x.size(); ++c)
-        for (std::size_t i = 0; i < s.channels; ++i)
-            weighted[c * s.stride + i] *= variances[i];
-    const Eigen::MatrixXd normal = inverse(s.products(s.columns));
-    Eigen::MatrixXd result = normal * s.products(weighted) * normal;
+    const Eigen::MatrixXd normal = inverse(s.products());
+    Eigen::MatrixXd result = normal * s.products(variances) * normal;
     for (Eigen::Index c = 0; c < result.rows(); ++c) {
         const double length = s.lengths[static_cast<std::size_t>(c)], by = length > 0.0 ? 1.0 / length : 0.0;
         result.row(c) *= by;
@@ -101,23 +122,36 @@ Eigen::MatrixXd covariance(peak_residuals &residuals, const std::vector<double> 
     return result;
 }
 
-using quantity = double (*)(const peak_fit_peak_t &);
+// What errors are given of, a peak.
+constexpr std::size_t quantities = 4;
+using peak_quantities = std::array<double, quantities>;
 
-// Standard deviation of something that the parameters give.
-double deviation(const peak_vector &vector, std::vector<double> x, const Eigen::MatrixXd &c, std::size_t peak,
-                 quantity of) {
-    Eigen::VectorXd gradient(c.rows());
-    std::array<peak_fit_peak_t, peak_fit_max_peaks> peaks{};
+peak_quantities quantities_of(const peak_fit_peak_t &p) {
+    return {p.posn, p.height, p.sigma, peak_fit_area(p)};
+}
+
+// Their derivatives by the parameters, a column each, peak after peak.
+Eigen::MatrixXd gradients(const peak_vector &vector, std::vector<double> x) {
+    Eigen::MatrixXd result(x.size(), quantities * vector.num_peaks);
+    std::array<peak_fit_peak_t, peak_fit_max_peaks> above{}, below{};
     for (std::size_t i = 0; i < x.size(); ++i) {
         const double old = x[i], h = step_of(old);
         x[i] = old + h;
-        vector.unpack(x.data(), peaks);
-        const double above = of(peaks[peak]);
+        vector.unpack(x.data(), above);
         x[i] = old - h;
-        vector.unpack(x.data(), peaks);
-        gradient(static_cast<Eigen::Index>(i)) = (above - of(peaks[peak])) / (2.0 * h);
+        vector.unpack(x.data(), below);
         x[i] = old;
+        for (std::size_t peak = 0; peak < vector.num_peaks; ++peak) {
+            const peak_quantities up = quantities_of(above[peak]), down = quantities_of(below[peak]);
+            for (std::size_t q = 0; q < quantities; ++q)
+                result(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(quantities * peak + q)) =
+                    (up[q] - down[q]) / (2.0 * h);
+        }
     }
+    return result;
+}
+
+double deviation(const Eigen::VectorXd &gradient, const Eigen::MatrixXd &c) {
     const double square = gradient.dot(c * gradient);
     return square > 0.0 && std::isfinite(square) ? std::sqrt(square) : 0.0;
 }
@@ -152,14 +186,13 @@ peak_fit_tails peak_fit_find_tails(peak_residuals &residuals, const std::vector<
     const auto used = std::span<const peak_fit_peak_t>(peaks).first(residuals.vector->num_peaks);
     const solution s(residuals, x);
     const std::vector<double> variances = s.variances(residuals.data);
-    const Eigen::MatrixXd normal = inverse(s.products(s.columns));
+    const Eigen::MatrixXd normal = inverse(s.products());
     peak_fit_tails found;
     for (const double ratio : {peak_fit_usual_tail, 3.0, 8.0, 20.0}) {
         const std::vector<double> d = tail_direction(residuals, used, s, normal, ratio);
-        const double shown = dot(d, s.left.data());
-        double square = 0.0;
-        for (std::size_t i = 0; i < s.channels; ++i)
-            square += d[i] * d[i] * variances[i];
+        const double shown = dot(d, s.left.get());
+        const double square =
+            peak_fit_best_loops().weighted_dot(d.data(), d.data(), variances.data(), s.channels);
         if (!(square > 0.0 && shown > 0.0))
             continue;
         found.score = std::max(found.score, shown / std::sqrt(square));
@@ -173,12 +206,12 @@ void peak_fit_error_bars(peak_residuals &residuals, const std::vector<double> &x
                          std::span<peak_fit_sigmas> errors) {
     const peak_vector &vector = *residuals.vector;
     const Eigen::MatrixXd c = covariance(residuals, x);
+    const Eigen::MatrixXd by_parameters = gradients(vector, x);
     for (std::size_t i = 0; i < vector.num_peaks; ++i) {
-        const auto of = [&](quantity q) { return deviation(vector, x, c, i, q); };
-        errors[i] = {of([](const peak_fit_peak_t &p) { return p.posn; }),
-                     of([](const peak_fit_peak_t &p) { return p.height; }),
-                     of([](const peak_fit_peak_t &p) { return p.sigma; }),
-                     of([](const peak_fit_peak_t &p) { return peak_fit_area(p); })};
+        const auto of = [&](std::size_t q) {
+            return deviation(by_parameters.col(static_cast<Eigen::Index>(quantities * i + q)), c);
+        };
+        errors[i] = {of(0), of(1), of(2), of(3)};
     }
 }
 

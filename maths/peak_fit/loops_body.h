@@ -12,17 +12,55 @@ namespace {
 
 constexpr std::size_t lanes = 8;
 
+// All lanes as one value: the compiler takes arrays apart here.
+using lane_values = double __attribute__((vector_size(lanes * sizeof(double))));
+
+// By reference: how such a value is returned depends on the processor.
+void load_product(lane_values &to, std::size_t, const double *first) {
+    __builtin_memcpy(&to, first, sizeof to);
+}
+template <class... More>
+void load_product(lane_values &to, std::size_t at, const double *first, const More *...more) {
+    load_product(to, at, first);
+    const auto times = [&to, at](const double *next) {
+        lane_values value;
+        __builtin_memcpy(&value, next + at, sizeof value);
+        to *= value;
+    };
+    (times(more), ...);
+}
+
+// Four runs of lanes side by side: each waits for its own last addition only.
+template <class... More> double sum_of_products(std::size_t count, const double *first, const More *...more) {
+    constexpr std::size_t runs = 4;
+    lane_values part[runs] = {}, product;
+    std::size_t i = 0;
+    for (; i + runs * lanes <= count; i += runs * lanes)
+        for (std::size_t run = 0; run < runs; ++run) {
+            load_product(product, i + run * lanes, first + i + run * lanes, more...);
+            part[run] += product;
+        }
+    for (; i + lanes <= count; i += lanes) {
+        load_product(product, i, first + i, more...);
+        part[0] += product;
+    }
+    double sum[lanes];
+    const lane_values all = (part[0] + part[1]) + (part[2] + part[3]);
+    __builtin_memcpy(sum, &all, sizeof sum);
+    for (std::size_t half = lanes / 2; half > 0; half /= 2)
+        for (std::size_t k = 0; k < half; ++k)
+            sum[k] += sum[k + half];
+    for (; i < count; ++i)
+        sum[0] += (first[i] * ... * more[i]);
+    return sum[0];
+}
+
 double dot(const double *a, const double *b, std::size_t count) {
-    double part[lanes] = {}, sum = 0.0;
-    const std::size_t whole = count - count % lanes;
-    for (std::size_t i = 0; i < whole; i += lanes)
-        for (std::size_t k = 0; k < lanes; ++k)
-            part[k] += a[i + k] * b[i + k];
-    for (std::size_t k = 0; k < lanes; ++k)
-        sum += part[k];
-    for (std::size_t i = whole; i < count; ++i)
-        sum += a[i] * b[i];
-    return sum;
+    return sum_of_products(count, a, b);
+}
+
+double weighted_dot(const double *a, const double *b, const double *weights, std::size_t count) {
+    return sum_of_products(count, a, b, weights);
 }
 
 void subtract(double *__restrict to, const double *__restrict from, double by, std::size_t count) {
@@ -35,9 +73,25 @@ void difference(double *__restrict to, const double *__restrict from, double by,
         to[i] = (to[i] - from[i]) * by;
 }
 
+// By a product where the inverse is a number.
 void divide(double *x, double by, std::size_t count) {
+    constexpr double least = 1e-300;
+    if (by > least || by < -least) {
+        const double part = 1.0 / by;
+        for (std::size_t i = 0; i < count; ++i)
+            x[i] *= part;
+        return;
+    }
     for (std::size_t i = 0; i < count; ++i)
         x[i] /= by;
+}
+
+void exchange(double *__restrict a, double *__restrict b, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const double kept = a[i];
+        a[i] = b[i];
+        b[i] = kept;
+    }
 }
 
 // exp(x) for -700 < x < 700: x = n ln 2 + r with |r| < 0.35, and the series of exp(r), whose 14th term is below
@@ -72,9 +126,6 @@ double exp_of(double x) {
 // exp(-d^2 by) at d + lanes is that at d, times exp(-(2 d + lanes) lanes by); and this factor falls by the same part,
 // `fall`, at each such step: two products instead of an exponential. For as long as the roundings do not add up.
 constexpr std::size_t gauss_run = 16 * lanes;
-
-// All lanes as one value: the compiler takes arrays apart here.
-using lane_values = double __attribute__((vector_size(lanes * sizeof(double))));
 
 void gauss_steps(double *at, double d, double by, double fall, std::size_t count) {
     constexpr double step = static_cast<double>(lanes);

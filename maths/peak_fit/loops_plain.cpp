@@ -3,6 +3,7 @@
 
 namespace kestrel {
 
-constinit const peak_fit_loops peak_fit_loops_plain{dot, subtract, difference, divide, gauss, lorentz};
+constinit const peak_fit_loops peak_fit_loops_plain{dot,    weighted_dot, subtract, difference,
+                                                    divide, exchange,     gauss,    lorentz};
 
 } // namespace kestrel

@@ -1,7 +1,7 @@
 // maths/peak_fit: three of MINPACK's inner routines, in vector form. MINPACK's own callers find these before the
 // library's, because a program's symbols come first. The algorithms are the library's (J. J. More, B. S. Garbow & K. E.
-// Hillstrom, User Guide for MINPACK-1, ANL-80-74): only the order in which sums are added differs, and that a
-// derivative is a product with the step's inverse.
+// Hillstrom, User Guide for MINPACK-1, ANL-80-74): only the order in which sums are added differs, and that
+// derivatives and columns are multiplied by an inverse.
 #include "maths/peak_fit/loops.h"
 
 #include <algorithm>
@@ -41,7 +41,7 @@ struct columns {
 };
 
 void exchange(const columns &c, std::size_t j, std::size_t k, int *pivots) {
-    std::swap_ranges(c.at(j), c.at(j) + c.rows, c.at(k));
+    peak_fit_best_loops().exchange(c.at(j), c.at(k), c.rows);
     c.norms[k] = c.norms[j];
     c.first_norms[k] = c.first_norms[j];
     std::swap(pivots[j], pivots[k]);

@@ -43,16 +43,31 @@ bool same_bits(const std::vector<double> &a, const std::vector<double> &b) {
 TEST(FitLoops, GiveTheSameBitsInEveryVersion) {
     for (const std::size_t n : {1UL, 7UL, 8UL, 9UL, 490UL, 491UL}) {
         const std::vector<double> a = noise(n, 1), b = noise(n, 2);
-        std::vector<double> gauss(n), lorentz(n), rest = a;
+        std::vector<double> gauss(n), lorentz(n), rest = a, part = a;
         peak_fit_loops_plain.gauss(gauss.data(), 100.3, 1e-4, 0, n);
         peak_fit_loops_plain.lorentz(lorentz.data(), 100.3, 0.01, n);
         peak_fit_loops_plain.subtract(rest.data(), b.data(), 1.7, n);
+        peak_fit_loops_plain.divide(part.data(), 0.7, n);
+        long double exact = 0, weighted = 0, all = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            exact += static_cast<long double>(a[i]) * b[i];
+            weighted += static_cast<long double>(a[i]) * b[i] * lorentz[i];
+            all += std::fabs(static_cast<long double>(a[i]) * b[i]);
+        }
+        const double dot = peak_fit_loops_plain.dot(a.data(), b.data(), n);
+        const double of_three = peak_fit_loops_plain.weighted_dot(a.data(), b.data(), lorentz.data(), n);
+        EXPECT_NEAR(dot, static_cast<double>(exact), 1e-15 * static_cast<double>(all));
+        EXPECT_NEAR(of_three, static_cast<double>(weighted), 1e-15 * static_cast<double>(all));
         for (const peak_fit_loops *loops : versions()) {
-            std::vector<double> g(n), l(n), r = a;
+            std::vector<double> g(n), l(n), r = a, p = a, here = a, there = b;
             loops->gauss(g.data(), 100.3, 1e-4, 0, n);
             loops->lorentz(l.data(), 100.3, 0.01, n);
             loops->subtract(r.data(), b.data(), 1.7, n);
-            EXPECT_EQ(loops->dot(a.data(), b.data(), n), peak_fit_loops_plain.dot(a.data(), b.data(), n));
+            loops->divide(p.data(), 0.7, n);
+            loops->exchange(here.data(), there.data(), n);
+            EXPECT_TRUE(same_bits(p, part) && same_bits(here, b) && same_bits(there, a)) << n;
+            EXPECT_EQ(loops->dot(a.data(), b.data(), n), dot);
+            EXPECT_EQ(loops->weighted_dot(a.data(), b.data(), lorentz.data(), n), of_three);
             EXPECT_TRUE(same_bits(g, gauss) && same_bits(l, lorentz) && same_bits(r, rest)) << n;
         }
     }
