@@ -1,5 +1,4 @@
 """The blocking connection."""
-import select
 import socket
 import threading
 from typing import Any, Callable, List, Optional, Sequence
@@ -9,6 +8,7 @@ import numpy.typing as npt
 from . import _control
 from ._reply import Progress, Reply
 from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
+from ._sockets import readable, shut
 from ._tree import TREE_LINE, Command, Group, parse_tree
 from ._typed import Commands
 from .errors import ConnectionLost
@@ -32,12 +32,13 @@ class Connection(Commands):
         self._lock = threading.RLock()
         self._listener: Optional[socket.socket] = None
         self._control = control or _control.usual_path(port)
+        self._where = f"{host}:{port}"
         self._sock: Optional[socket.socket] = socket.create_connection((host, port), timeout)
         try:
             self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self._finish_reply()  # the first prompt
-            self._sock.settimeout(None)
             self._group = parse_tree(tree_texts(self._exchange(TREE_LINE)))
+            self._sock.settimeout(None)
         except BaseException:
             self.disconnect()
             raise
@@ -76,21 +77,26 @@ class Connection(Commands):
                 box = (0, 0, 0, *(self._size(handle, axis) for axis in "xyt"))
             element = self.command(f"unif-get-type {int(handle)}").result if dtype is None else 0
             line, array = read_line(handle, box, int(element or 0), dtype, "dtc" if dtc else "")
-            if self._listener is None:
-                self._listen()
-            got = self._guarded(lambda: self._receive(line, bytes_of(array)))
+            try:
+                if self._listener is None:
+                    self._listen()
+                got = self._guarded(lambda: self._receive(line, bytes_of(array)))
+            except BaseException:
+                self._forget_listener()  # where the server's connection may still wait
+                raise
             self._session.end(line, None)
             if got < array.nbytes:
                 raise short_read(got, array.nbytes)
             return array
 
     def disconnect(self) -> None:
-        """Closes the connection. Handles and variables of the session go with it."""
+        """Closes the connection. Handles and variables of the session go with it; a thread that waits for a command
+        gets ConnectionLost."""
         sock, self._sock = self._sock, None
-        listener, self._listener = self._listener, None
-        for each in (sock, listener):
-            if each is not None:
-                each.close()
+        if sock is not None:
+            shut(sock)
+            sock.close()
+        self._forget_listener()
 
     def __enter__(self) -> "Connection":
         return self
@@ -99,8 +105,7 @@ class Connection(Commands):
         self.disconnect()
 
     def __repr__(self) -> str:
-        where = "closed" if self._sock is None else "%s:%d" % self._sock.getpeername()[:2]
-        return f"<kestrel connection {where}>"
+        return f"<kestrel connection {'closed' if self._sock is None else self._where}>"
 
     # ---- how it works
 
@@ -124,9 +129,12 @@ class Connection(Commands):
         except KeyboardInterrupt:
             self._stop_and_drain()
             raise
-        except BaseException:
-            if self._session.reader.at_prompt is False:
+        except BaseException as error:
+            lost = isinstance(error, ConnectionError) or self._sock is None
+            if lost or not self._session.reader.at_prompt:
                 self.disconnect()
+            if lost and isinstance(error, Exception) and not isinstance(error, ConnectionLost):
+                raise ConnectionLost(f"the connection is lost: {error}") from error
             raise
 
     def _exchange(self, line: str) -> Reply:
@@ -143,7 +151,7 @@ class Connection(Commands):
         if reader.asked:
             self._open().sendall(RETRY)
             reader.asked = False
-        return reader.certain or (reader.at_prompt and not select.select([self._open()], [], [], SETTLE)[0])
+        return reader.certain or (reader.at_prompt and not readable(SETTLE, self._open()))
 
     def _take_block(self) -> None:
         data = self._open().recv(BLOCK)
@@ -154,11 +162,9 @@ class Connection(Commands):
 
     def _stop_and_drain(self) -> None:
         try:
-            session = _control.session_of(self._control, "%s:%d" % self._open().getsockname()[:2])
-            if session is None:
-                raise OSError("not a session of that server")
-            _control.ask(self._control, f"stop {session}")
+            _control.stop(self._control, self._open().getsockname())
             self._open().settimeout(_control.PATIENCE)
+            self._open().sendall(self._session.begin_again())  # of the reply, bytes may have been dropped
             self._finish_reply()
             self._open().settimeout(None)
         except (OSError, KeyboardInterrupt):
@@ -167,14 +173,13 @@ class Connection(Commands):
     # ---- the data channel
 
     def _listen(self) -> None:
-        own = self._open().getsockname()[0]
-        listener = socket.create_server((own, 0), backlog=1)
-        try:
-            self.command(f"port {listener.getsockname()[1]}")
-        except BaseException:
+        self._listener = socket.create_server((self._open().getsockname()[0], 0), backlog=1)
+        self.command(f"port {self._listener.getsockname()[1]}")
+
+    def _forget_listener(self) -> None:
+        listener, self._listener = self._listener, None
+        if listener is not None:
             listener.close()
-            raise
-        self._listener = listener
 
     def _receive(self, line: str, into: memoryview) -> int:
         """Sends the line and takes the bytes that come over the data channel: how many came."""
@@ -183,8 +188,7 @@ class Connection(Commands):
         sock.sendall(self._session.begin(line))
         got = 0
         while True:
-            ready = select.select([self._listener, sock], [], [])[0]
-            if self._listener in ready:
+            if self._listener in readable(None, self._listener, sock):
                 got = self._take_box(self._listener, into)
                 break
             self._take_block()

@@ -3,6 +3,8 @@ import math
 import operator
 from typing import Any, Dict, Tuple
 
+import numpy as np
+
 from ._tree import Command
 
 LINE_MAX = 1024  # characters; a longer one would end the server
@@ -56,6 +58,8 @@ def render(command: Command, arguments: Tuple[Any, ...], keywords: Dict[str, Any
         known = command.keywords.get(name)
         if known is None:
             raise TypeError(f"{command.path} has no keyword {name}; it has {', '.join(command.keywords) or 'none'}")
+        if isinstance(value, np.bool_):
+            value = bool(value)
         if value is None or value is False:
             continue
         words.append(known.word)
@@ -68,8 +72,8 @@ def render(command: Command, arguments: Tuple[Any, ...], keywords: Dict[str, Any
 
 def check_line(line: str) -> str:
     """The line itself; ValueError for one that a server would not take as one."""
-    if any(c in line for c in "\r\n\0"):
-        raise ValueError("a line has one line")
+    if any(c in line for c in "\r\n\0\udcff"):
+        raise ValueError("a line has one line, and no byte 255, which telnet keeps for itself")
     length = len(line.encode(errors="surrogateescape"))
     if length > LINE_MAX:
         raise ValueError(f"the line has {length} characters, and a server takes {LINE_MAX}")

@@ -47,7 +47,8 @@ class Module:
         if not name or "/" in name or "\0" in name:
             raise ValueError(f"{name!r} is no name of a module")
         self.name = name
-        fd = os.open(os.path.join(FOLDER, name), (os.O_RDWR if writable else os.O_RDONLY) | os.O_CLOEXEC | os.O_NOFOLLOW)
+        fd = os.open(os.path.join(FOLDER, name), (os.O_RDWR if writable else os.O_RDONLY) | os.O_CLOEXEC | os.O_NOFOLLOW |
+                     os.O_NONBLOCK)  # of what is no module, a pipe, an opening would wait
         try:
             status = os.fstat(fd)
             if status.st_size < _HEAD.itemsize:
@@ -68,7 +69,8 @@ class Module:
         return (status.st_dev, status.st_ino) == self._identity
 
     def __array__(self, dtype: Any = None, copy: Any = None) -> npt.NDArray[Any]:
-        return np.asarray(self.data, dtype=dtype)
+        array = np.asarray(self.data, dtype=dtype)
+        return array.copy() if copy and array is self.data else array
 
     def __repr__(self) -> str:
         return f"<module {self.name} {self.data.dtype} {self.data.shape} {self.title!r}>"
