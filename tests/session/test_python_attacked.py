@@ -182,3 +182,14 @@ def test_a_copy_of_a_module_is_one(k, names):
     copy, same = view.__array__(copy=True), view.__array__()
     view.data[0, 0] = 5
     assert copy[0, 0] == 0 and same[0, 0] == 5
+
+
+def test_pixels_of_the_image_display_are_words(k, names):
+    name = names("pixels")
+    k.module.create(name, 4, 2, header=True)
+    with open("/dev/shm/" + name, "r+b") as file:
+        for kind, dtype in ((32, "u2"), (33, "u2"), (40, "u4"), (47, "u4")):
+            file.seek(0)
+            file.write(kind.to_bytes(4, "little"))
+            file.flush()
+            assert kestrel.module(name).data.dtype == dtype

@@ -22,7 +22,8 @@ _HEAD3D = np.dtype({"names": ["data_type", "disp_type", "num_x", "num_y", "num_t
                               "z_label", "title", "labels_num", "labels_size", "data_offset"],
                     "formats": ["i4", "u4", "u4", "u4", "u4", _TEXT, _TEXT, _TEXT, _TEXT, _TEXT, "i4", "i4", "i4"],
                     "offsets": [0, 4, 8, 12, 16, 32, 114, 196, 278, 360, 444, 448, 456], "itemsize": 464})
-_ELEMENTS = {1: "u4", 2: "u2", 3: "f4", 4: "f8"}
+_ELEMENTS = {1: "u4", 2: "u2", 3: "f4", 4: "f8",
+             32: "u2", 33: "u2", **dict.fromkeys(range(40, 48), "u4")}  # of the image display: pixels as words
 
 
 def _text(raw: bytes) -> str:
