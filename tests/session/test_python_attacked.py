@@ -155,6 +155,18 @@ def test_a_line_right_behind_the_prompt_ends_no_reply_late(peer, line, result, c
         assert k.command("any").result == 5
 
 
+def test_a_line_without_an_end_costs_no_more_than_its_bytes():
+    def feed(blocks):
+        reader = ReplyReader()
+        reader.begin()
+        begun = time.process_time()
+        for _ in range(blocks):
+            reader.feed(b"x" * 4096)
+        return time.process_time() - begun
+
+    assert feed(8000) < 1
+
+
 def test_words_of_numpy_and_bytes_that_no_line_may_have(k, names):
     name = names("words")
     assert k.module.create(name, numpy.int64(4), numpy.uint8(2), header=numpy.bool_(True), float=numpy.bool_(False)) == 0

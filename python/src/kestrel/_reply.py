@@ -60,7 +60,7 @@ class ReplyReader:
         self.on_progress: Optional[Callable[[Progress], None]] = None
         self.reply = Reply()
         self.asked = False  # a question waits for its answer
-        self._buffer = b""
+        self._buffer = bytearray()  # of the line that has not ended
         self._held: Optional[str] = None  # a result line, which is a text once another line follows
         self._prompted = False  # the prompt came, and lines of the server's threads behind it
         self._awaited: Optional[bytes] = None  # the text up to which nothing counts
@@ -68,7 +68,7 @@ class ReplyReader:
     def begin(self) -> None:
         """A new line is sent. What the server's threads said meanwhile becomes notes of the new reply."""
         if self._buffer == PROMPT:
-            self._buffer = b""
+            self._buffer = bytearray()
         self.reply = Reply()
         self.asked = False
         self._held = None
@@ -92,9 +92,13 @@ class ReplyReader:
         return self._held is not None and self.at_prompt
 
     def feed(self, data: bytes) -> None:
-        *lines, self._buffer = (self._buffer + data).split(b"\n")
-        for line in lines:
-            self._line(line.rstrip(b"\r"))
+        first, *others = data.split(b"\n")
+        self._buffer += first
+        if others:
+            lines = [bytes(self._buffer), *others[:-1]]
+            self._buffer = bytearray(others[-1])
+            for line in lines:
+                self._line(line.rstrip(b"\r"))
         if self._buffer:
             self.asked = False
 
