@@ -82,6 +82,27 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
 
 
+def test_bytes_of_others_are_in_no_box(server, k):
+    def intrude(connection):
+        thief = socket.create_connection(connection._listener.getsockname(), source_address=("127.0.0.2", 0))
+        thief.sendall(bytes(4096))
+        return thief
+
+    handle = k.test.open(20, 10, 2, float=True)
+    want = k.read(handle)
+    with intrude(k):
+        assert (k.read(handle) == want).all() and want.any()
+
+    async def main():
+        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+            own = await far.test.open(20, 10, 2, float=True)
+            await far.read(own)
+            with intrude(far):
+                assert (await far.read(own) == want).all()
+
+    asyncio.run(main())
+
+
 def test_a_connection_that_is_closed_by_another_thread_or_task_does_not_wait_on(server):
     told = []
 

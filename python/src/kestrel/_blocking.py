@@ -8,10 +8,10 @@ import numpy.typing as npt
 from . import _control
 from ._reply import Progress, Reply
 from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
-from ._sockets import readable, shut
+from ._sockets import accept_from, readable, shut
 from ._tree import TREE_LINE, Command, Group, parse_tree
 from ._typed import Commands
-from .errors import ConnectionLost
+from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
 DATA_WAIT = 30.0  # seconds without a byte of a box
@@ -130,7 +130,7 @@ class Connection(Commands):
             self._stop_and_drain()
             raise
         except BaseException as error:
-            lost = isinstance(error, ConnectionError) or self._sock is None
+            lost = means_lost(error) or self._sock is None
             if lost or not self._session.reader.at_prompt:
                 self.disconnect()
             if lost and isinstance(error, Exception) and not isinstance(error, ConnectionLost):
@@ -189,7 +189,10 @@ class Connection(Commands):
         got = 0
         while True:
             if self._listener in readable(None, self._listener, sock):
-                got = self._take_box(self._listener, into)
+                connection = accept_from(self._listener, sock.getpeername()[0])
+                if connection is None:
+                    continue  # the server's may wait behind it
+                got = self._take_box(connection, into)
                 break
             self._take_block()
             if self._complete():
@@ -198,8 +201,7 @@ class Connection(Commands):
         return got
 
     @staticmethod
-    def _take_box(listener: socket.socket, into: memoryview) -> int:
-        connection = listener.accept()[0]
+    def _take_box(connection: socket.socket, into: memoryview) -> int:
         with connection:
             connection.settimeout(DATA_WAIT)
             got = 0

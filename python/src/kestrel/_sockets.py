@@ -13,6 +13,15 @@ def readable(seconds: Optional[float], *socks: socket.socket) -> List[socket.soc
     return [by_number[number] for number, _ in poll.poll(None if seconds is None else seconds * 1000)]
 
 
+def accept_from(listener: socket.socket, host: str) -> Optional[socket.socket]:
+    """The next connection, if it is one of this host: what others have to say is not looked at."""
+    connection, address = listener.accept()
+    if address[0] == host:
+        return connection
+    connection.close()
+    return None
+
+
 def shut(sock: socket.socket) -> None:
     """Wakes who waits for the socket, which then reads its end."""
     try:

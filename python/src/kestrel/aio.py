@@ -11,7 +11,7 @@ from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, t
 from ._sockets import shut
 from ._tree import TREE_LINE, Command, Group, parse_tree
 from ._typed import AsyncCommands
-from .errors import ConnectionLost
+from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
 DATA_WAIT = 30.0  # seconds
@@ -119,7 +119,7 @@ class AsyncConnection(AsyncCommands):
             await self._stop_and_drain()
             raise
         except BaseException as error:
-            lost = isinstance(error, ConnectionError)
+            lost = means_lost(error)
             if lost or not self._session.reader.at_prompt:
                 self._close()
             if lost and not isinstance(error, ConnectionLost):
@@ -165,7 +165,8 @@ class AsyncConnection(AsyncCommands):
 
     async def _receive(self, line: str, into: memoryview) -> int:
         assert self._listener is not None
-        taking = asyncio.ensure_future(self._take_box(self._listener, into))
+        host = self._open().getpeername()[0]
+        taking = asyncio.ensure_future(self._take_box(self._listener, host, into))
         try:
             reply = await self._exchange(line)
             if reply.errors and not taking.done():
@@ -175,9 +176,12 @@ class AsyncConnection(AsyncCommands):
             taking.cancel()
 
     @staticmethod
-    async def _take_box(listener: socket.socket, into: memoryview) -> int:
+    async def _take_box(listener: socket.socket, host: str, into: memoryview) -> int:
         loop = asyncio.get_running_loop()
-        connection, _ = await loop.sock_accept(listener)
+        connection, address = await loop.sock_accept(listener)
+        while address[0] != host:  # what others have to say is not looked at
+            connection.close()
+            connection, address = await loop.sock_accept(listener)
         with connection:
             connection.setblocking(False)
             got = 0

@@ -1,4 +1,5 @@
 """What can go wrong."""
+import socket
 from typing import List
 
 from ._reply import Reply
@@ -27,6 +28,11 @@ class CommandError(KestrelError):
 
 class ConnectionLost(KestrelError, ConnectionError):
     """The server is gone, or the connection was left in the middle of a reply."""
+
+
+def means_lost(error: BaseException) -> bool:
+    """Whether a socket's error says that its other end, or it itself, has gone."""
+    return isinstance(error, OSError) and not isinstance(error, (socket.timeout, TimeoutError))
 
 
 class ModuleError(KestrelError):
