@@ -2,6 +2,7 @@
 import asyncio
 import os
 import pathlib
+import pickle
 import resource
 import signal
 import socket
@@ -131,6 +132,33 @@ def test_a_connection_that_is_closed_by_another_thread_or_task_does_not_wait_on(
             await far.command("echo 'x'")
 
     asyncio.run(main())
+
+
+def test_a_progress_that_raises_ends_its_command_only(server, k, names):
+    def fail(progress):
+        raise RuntimeError(progress.label)
+
+    line = "read 0 0 0 200 3000 1 from {} to-module '{}'"
+    k.on_progress = fail
+    with pytest.raises(RuntimeError, match="Outputing Data"):
+        k.command(line.format(k.test.open(200, 3000, 1, float=True), names("to")))
+    assert [k.eval.int(n) for n in range(3)] == [0, 1, 2]
+
+    async def main():
+        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+            far.on_progress = fail
+            with pytest.raises(RuntimeError, match="Outputing Data"):
+                await far.command(line.format(await far.test.open(200, 3000, 1, float=True), names("far")))
+            assert [await far.eval.int(n) for n in range(3)] == [0, 1, 2]
+
+    asyncio.run(main())
+
+
+def test_errors_go_between_processes(k):
+    with pytest.raises(kestrel.CommandError) as caught:
+        k.command("no-such-command")
+    there = pickle.loads(pickle.dumps(caught.value))
+    assert (str(there), there.line, there.errors) == (str(caught.value), "no-such-command", caught.value.errors)
 
 
 def test_a_program_with_many_files_has_connections_too(server):

@@ -126,15 +126,13 @@ class Connection(Commands):
         """The action; one that ends in the middle of a reply leaves the session at its prompt, or closes it."""
         try:
             return action()
-        except KeyboardInterrupt:
-            self._stop_and_drain()
-            raise
         except BaseException as error:
-            lost = means_lost(error) or self._sock is None
-            if lost or not self._session.reader.at_prompt:
+            if isinstance(error, Exception) and (means_lost(error) or self._sock is None):
                 self.disconnect()
-            if lost and isinstance(error, Exception) and not isinstance(error, ConnectionLost):
-                raise ConnectionLost(f"the connection is lost: {error}") from error
+                if not isinstance(error, ConnectionLost):
+                    raise ConnectionLost(f"the connection is lost: {error}") from error
+            elif isinstance(error, KeyboardInterrupt) or not self._session.reader.at_prompt:
+                self._stop_and_drain()
             raise
 
     def _exchange(self, line: str) -> Reply:

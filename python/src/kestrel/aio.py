@@ -115,15 +115,13 @@ class AsyncConnection(AsyncCommands):
     async def _guarded(self, action: Awaitable[T]) -> T:
         try:
             return await action
-        except asyncio.CancelledError:
-            await self._stop_and_drain()
-            raise
         except BaseException as error:
-            lost = means_lost(error)
-            if lost or not self._session.reader.at_prompt:
+            if isinstance(error, Exception) and (means_lost(error) or self._sock is None):
                 self._close()
-            if lost and not isinstance(error, ConnectionLost):
-                raise ConnectionLost(f"the connection is lost: {error}") from error
+                if not isinstance(error, ConnectionLost):
+                    raise ConnectionLost(f"the connection is lost: {error}") from error
+            elif isinstance(error, asyncio.CancelledError) or not self._session.reader.at_prompt:
+                await self._stop_and_drain()
             raise
 
     async def _exchange(self, line: str) -> Reply:

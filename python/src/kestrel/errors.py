@@ -1,6 +1,6 @@
 """What can go wrong."""
 import socket
-from typing import List
+from typing import Any, List, Tuple
 
 from ._reply import Reply
 
@@ -16,6 +16,9 @@ class CommandError(KestrelError):
         super().__init__("; ".join(reply.errors))
         self.line = line
         self.reply = reply
+
+    def __reduce__(self) -> Tuple[Any, ...]:  # between processes
+        return CommandError, (self.line, self.reply)
 
     @property
     def errors(self) -> List[str]:
