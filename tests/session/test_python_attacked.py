@@ -17,6 +17,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python" / 
 import kestrel
 import kestrel.aio
 from kestrel._reply import ReplyReader
+from kestrel._sockets import readable
 
 TREE = b'* "SIZE 0"\r\n* "DONE"\r\n* 0\r\n'
 
@@ -81,6 +82,22 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         except KeyboardInterrupt:
             pass
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
+
+
+def test_a_client_that_is_slow_between_note_and_data_gets_its_box(k, monkeypatch):
+    take = k._take_block
+
+    def late():
+        time.sleep(0.05)
+        take()
+
+    handle = k.test.open(20, 10, 2, float=True)
+    want = k.read(handle)
+    monkeypatch.setattr(k, "_take_block", late)
+    monkeypatch.setattr(kestrel._blocking, "readable", lambda seconds, *socks: (
+        readable(seconds, *socks) if seconds is not None else readable(seconds, *socks[::-1][:1])))
+    for x in range(3):  # the reply is looked at first, and holds the prompt already
+        assert (k.read(handle, (x, 0, 0, 2, 10, 2)) == want[:, :, x:x + 2]).all()
 
 
 def test_bytes_of_others_are_in_no_box(server, k):

@@ -184,17 +184,16 @@ class Connection(Commands):
         assert self._listener is not None
         sock = self._open()
         sock.sendall(self._session.begin(line))
-        got = 0
-        while True:
-            if self._listener in readable(None, self._listener, sock):
+        connection = None
+        while connection is None:
+            whole = self._complete()  # what is refused comes without a connection, the rest has made it before
+            if self._listener in readable(0 if whole else None, self._listener, sock):
                 connection = accept_from(self._listener, sock.getpeername()[0])
-                if connection is None:
-                    continue  # the server's may wait behind it
-                got = self._take_box(connection, into)
-                break
-            self._take_block()
-            if self._complete():
-                return got
+            elif whole:
+                return 0
+            else:
+                self._take_block()
+        got = self._take_box(connection, into)
         self._finish_reply()
         return got
 
