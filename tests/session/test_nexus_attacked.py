@@ -1,6 +1,7 @@
 """NeXus files while handles, folders, disks and processes are taken away, and as corrupt files that are opened again."""
 import os
 import random
+import resource
 import signal
 import time
 
@@ -48,6 +49,20 @@ def test_a_disk_that_fills_while_a_run_is_followed(server, client, play, small_d
     assert said(client) == [f"! ERROR: cannot write NeXus file '{small_disk}/run': No space left on device"]
     assert os.listdir(small_disk) == ["filler"] and helper_of(server) is None
     wait_until(lambda: do(client, "pulsar3 check-progress 0 once") == FRAMES, "end of the run")
+    assert do(client, "file write-nexus 'run.nxs' 0 1") == 0
+
+
+def test_a_limit_of_size_is_a_full_disk(server, client, play):
+    begin(client, play)
+    run(client)
+    for size in 30000, 80000:  # of what is told to the helper, of what it writes
+        resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (size, resource.RLIM_INFINITY))
+        assert fails(client, "file write-nexus 'run.nxs' 0 1") == [
+            "! ERROR: cannot write NeXus file 'run.nxs': File too large"]
+        assert os.listdir(server.cwd) == [] and helper_of(server) is None
+    assert fails(client, "module create 'plr3_large' 100000 1 header") != []
+    assert do(client, "system 'head -c 90000 /dev/zero >f'") == 128 + signal.SIGXFSZ  # as everywhere else
+    resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
     assert do(client, "file write-nexus 'run.nxs' 0 1") == 0
 
 
