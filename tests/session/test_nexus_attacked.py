@@ -11,7 +11,7 @@ import pytest
 from kestrel_data import do
 from kestrel_session import wait_until
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
-from test_pulsar3_counting import histograms, statuses
+from test_pulsar3_counting import histograms, module, statuses
 from test_pulsar3_dummy import fails, no_modules_left  # noqa: F401 (a fixture)
 from test_write_nexus import CHANS, FRAMES, begin, check_rules, follow, helper_of, run, said
 
@@ -39,6 +39,22 @@ def test_every_number_is_the_modules_own(server, client, play):
             assert numpy.array_equal(detector["counts"], histograms(card, frames=FRAMES).swapaxes(0, 1))
             assert numpy.array_equal(detector["status"], status[0]) and (status[0] == 2).sum() == 1
             assert numpy.array_equal(detector["packets_missing"], status[1])
+
+
+def test_rows_are_channels_by_auxiliary_bins(server, client, play):
+    begin(client, play)
+    assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10 nbits-aux1 2") == 0
+    run(client)
+    assert do(client, "file write-nexus 'run.nxs' 0 eng-offset -1.5 eng-gain 0.5") == 0
+    with h5py.File(server.cwd / "run.nxs") as file:
+        for card in range(2):
+            detector = check_rules(file)[f"instrument/card{card}"]
+            words = module(f"plr3_hist{card}", CHANS, FRAMES, 4, 1024)
+            assert words.any()
+            assert numpy.array_equal(detector["counts"], words.swapaxes(0, 1).reshape(FRAMES, 4 * CHANS, 1024))
+            assert list(detector["auxiliary_bin"]) == [0, 1, 2, 3] * CHANS
+            assert list(detector["channel"]) == [card * CHANS + row // 4 for row in range(4 * CHANS)]
+            assert detector["energy"][0] == -1.5 and detector["energy"][1023] == -1.5 + 0.5 * 1023
 
 
 def test_a_disk_that_fills_while_a_run_is_followed(server, client, play, small_disk):

@@ -160,6 +160,10 @@ def test_a_progress_that_raises_ends_its_command_only(server, k, names):
     with pytest.raises(RuntimeError, match="Outputing Data"):
         k.command(line.format(k.test.open(200, 3000, 1, float=True), names("to")))
     assert [k.eval.int(n) for n in range(3)] == [0, 1, 2]
+    k.on_progress = lambda progress: k.eval.int(1)
+    with pytest.raises(RuntimeError, match="cannot run commands"):
+        k.command(line.format(k.test.open(200, 3000, 1, float=True), names("again")))
+    assert [k.eval.int(n) for n in range(3)] == [0, 1, 2]
 
     async def main():
         async with await kestrel.aio.connect("127.0.0.1", server.port) as far:

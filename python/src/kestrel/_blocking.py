@@ -30,6 +30,7 @@ class Connection(Commands):
         super().__init__(Group("", ""), self._run)
         self._session = Session()
         self._lock = threading.RLock()
+        self._replying = False
         self._listener: Optional[socket.socket] = None
         self._control = control or _control.usual_path(port)
         self._where = f"{host}:{port}"
@@ -124,7 +125,10 @@ class Connection(Commands):
 
     def _guarded(self, action: Callable[[], Any]) -> Any:
         """The action; one that ends in the middle of a reply leaves the session at its prompt, or closes it."""
+        if self._replying:
+            raise RuntimeError("a progress callback cannot run commands of the connection that calls it")
         try:
+            self._replying = True
             return action()
         except BaseException as error:
             if isinstance(error, Exception) and (means_lost(error) or self._sock is None):
@@ -134,6 +138,8 @@ class Connection(Commands):
             elif isinstance(error, KeyboardInterrupt) or not self._session.reader.at_prompt:
                 self._stop_and_drain()
             raise
+        finally:
+            self._replying = False
 
     def _exchange(self, line: str) -> Reply:
         self._open().sendall(self._session.begin(line))
