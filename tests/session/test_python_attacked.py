@@ -30,7 +30,8 @@ def k(server):
 
 @pytest.fixture
 def peer():
-    """peer(reply, ...): a server of this test's own; it answers a line with each of the replies, and closes."""
+    """peer(reply, ...): a server of this test's own; it answers a line with each of the replies, and closes. A reply that
+    is a tuple comes in parts, 0.2 s apart."""
     with socket.create_server(("127.0.0.1", 0)) as listener:
         def begin(*replies, close=True):
             def serve():
@@ -39,7 +40,11 @@ def peer():
                 for reply in replies:
                     if not connection.recv(4096):
                         break
-                    connection.sendall(reply)
+                    first, *others = reply if isinstance(reply, tuple) else (reply,)
+                    connection.sendall(first)
+                    for part in others:
+                        time.sleep(0.2)
+                        connection.sendall(part)
                 while not close and connection.recv(4096):
                     pass
                 connection.close()
@@ -206,6 +211,12 @@ def test_a_peer_that_goes_or_falls_silent(peer):
             assert repr(k) == "<kestrel connection closed>"
     with pytest.raises(OSError):  # in the middle of its tree
         kestrel.connect("127.0.0.1", peer(TREE, close=False), timeout=0.3)
+
+
+def test_parts_that_come_late_are_of_their_own_reply(peer):
+    parts = (b"> ", b"\r\n* 4\r\n> "), (b"* 5\r", b"\n>", b" "), (b"a\r\n> ", b"b\r\n* 6", b"\r\n> "), b"* 7\r\n> "
+    with kestrel.connect("127.0.0.1", peer(TREE + b"> ", *parts)) as k:
+        assert [k.command("any").result for _ in parts] == [4, 5, 6, 7]
 
 
 @pytest.mark.parametrize("line", [b"# of a thread\r\n", b"# of a thread\r\n@ 1 2 'x'\r\n# more\r\n"])

@@ -62,6 +62,7 @@ class ReplyReader:
         self.asked = False  # a question waits for its answer
         self._buffer = bytearray()  # of the line that has not ended
         self._held: Optional[str] = None  # a result line, which is a text once another line follows
+        self._first = True  # no line has been sent
         self._prompted = False  # the prompt came, and lines of the server's threads behind it
         self._awaited: Optional[bytes] = None  # the text up to which nothing counts
 
@@ -72,7 +73,7 @@ class ReplyReader:
         self.reply = Reply()
         self.asked = False
         self._held = None
-        self._prompted = False
+        self._first = self._prompted = False
 
     def begin_behind(self, text: bytes) -> None:
         """The reply is what follows a line that ends with this text: what came before may have been lost in part."""
@@ -88,8 +89,8 @@ class ReplyReader:
 
     @property
     def certain(self) -> bool:
-        """A prompt that follows a result: the reply is whole."""
-        return self._held is not None and self.at_prompt
+        """A prompt that follows a result, or the very first: the reply is whole."""
+        return (self._held is not None or self._first) and self.at_prompt
 
     def feed(self, data: bytes) -> None:
         first, *others = data.split(b"\n")

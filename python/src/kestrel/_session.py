@@ -12,7 +12,9 @@ from .errors import CommandError, KestrelError
 
 log = logging.getLogger("kestrel")
 
-SETTLE = 0.05  # seconds in which nothing may follow a prompt that no result stands before
+# Seconds in which nothing may follow a prompt that no result stands before: few commands end so, but a text may look so
+# when the network delivers it in two, and the second part comes after a packet was sent again.
+SETTLE = 0.5
 SYNC = "kestrel client is back"  # what the server is made to say where bytes may have been lost
 RETRY = b"N\n"  # the answer to a server that asks whether it should try again
 
