@@ -255,6 +255,9 @@ def test_words_of_numpy_and_bytes_that_no_line_may_have(k, names):
     for line in "echo 'a\udcffb'", "echo 'a\0b'", "echo 'a'\recho 'b'":
         with pytest.raises(ValueError):
             k.command(line)
+    for wrong in "3", b"3", None, 3j:
+        with pytest.raises(TypeError):
+            k.set_double("d", wrong)
     with pytest.raises(ValueError):
         k.eval.string("\udcff")  # would begin a telnet command
     for text in "a\\", "\\'", "%s%n", "' ; quit", "ü€𝄞", "\udce9", "@m", "~f", "# note", "! error", "* 5", "> ":

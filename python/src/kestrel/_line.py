@@ -1,6 +1,7 @@
 """From a Python call to the line that a server takes."""
 import math
 import operator
+import os
 from typing import Any, Dict, Tuple
 
 import numpy as np
@@ -18,6 +19,8 @@ def _whole(value: Any) -> str:
 
 
 def _real(value: Any) -> str:
+    if isinstance(value, (str, bytes)):
+        raise TypeError(f"a number is wanted, not {value!r}")
     number = float(value)
     if not math.isfinite(number):
         raise ValueError(f"{number} cannot be written in a line")
@@ -27,7 +30,7 @@ def _real(value: Any) -> str:
 def _string(value: Any) -> str:
     if not isinstance(value, str) and not hasattr(value, "__fspath__"):
         raise TypeError(f"a string is wanted, not {value!r}")
-    text = value if isinstance(value, str) else str(value)
+    text = value if isinstance(value, str) else os.fsdecode(value)
     if any(ord(c) < 32 or ord(c) == 127 for c in text):
         raise ValueError("a string in a line holds no control characters")
     for quote in "'\"":
