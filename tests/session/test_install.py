@@ -96,6 +96,7 @@ def test_completion_in_an_interactive_shell(prefix, tmp_path):
     os.close(shell.master)
 
 
+FAMILIES = {"AF_INET": "sessions and cards", "AF_UNIX": "the control socket", "AF_NETLINK": "getifaddrs: the host's MAC address"}
 # System calls that the server and its helpers make, and that a confined service could lose.
 CALLS = {"sched_setaffinity": "PLR3CPUS", "lchown": "-control-group", "fchown": "a file that is written anew",
          "prlimit64": "the limits of kestrel-try-image", "memfd_create": "the orders of kestrel-nexus",
@@ -126,6 +127,9 @@ def allowed_calls(unit):
 def test_the_service_may_call_what_the_server_needs(unit):
     if run("sh", "-c", "command -v systemd-analyze").returncode:
         pytest.skip("no systemd-analyze here")
-    allowed = allowed_calls((ROOT / "packaging" / unit).read_text())
+    text = (ROOT / "packaging" / unit).read_text()
+    families = re.search(r"^RestrictAddressFamilies=(.*)$", text, re.M)[1].split()
+    assert {family: why for family, why in FAMILIES.items() if family not in families} == {}
+    allowed = allowed_calls(text)
     assert len(allowed) > 100 and "reboot" not in allowed and "mount" not in allowed
     assert {call: why for call, why in CALLS.items() if call not in allowed} == {}
