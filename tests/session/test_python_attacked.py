@@ -89,6 +89,29 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
 
 
+def test_a_task_that_is_cancelled_at_any_time_leaves_the_session_usable(server):
+    async def main():
+        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+            handle = await far.test.open(1024, 256, 4, float=True)
+            want = await far.read(handle)
+
+            async def work():
+                while True:
+                    await far.eval.int(1)
+                    await far.read(handle)
+
+            for i in range(30):
+                task = asyncio.ensure_future(work())
+                await asyncio.sleep(0.001 + 0.0007 * i)
+                task.cancel()
+                with pytest.raises(asyncio.CancelledError):
+                    await task
+                assert [await far.eval.int(n) for n in range(3)] == [0, 1, 2]
+                assert (await far.read(handle, (i, 2, 3, 5, 4, 1)) == want[3:4, 2:6, i:i + 5]).all()
+
+    asyncio.run(main())
+
+
 def test_a_client_that_is_slow_between_note_and_data_gets_its_box(k, monkeypatch):
     take = k._take_block
 
