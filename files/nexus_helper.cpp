@@ -52,6 +52,9 @@ bool nexus_helper::start(const std::string &name, const std::string &records, st
                          std::string &cause) {
     std::error_code error;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    // The server may go to another folder meanwhile.
+    const std::filesystem::path absolute =
+        error ? std::filesystem::path() : std::filesystem::absolute(name, error);
     pipe_ends orders, answers;
     const unique_fd job(::memfd_create("nexus-job", MFD_CLOEXEC));
     results_.reset(::memfd_create("nexus-results", MFD_CLOEXEC));
@@ -70,7 +73,7 @@ bool nexus_helper::start(const std::string &name, const std::string &records, st
         cause = program + ": " + std::strerror(failed);
         return false;
     }
-    name_ = name;
+    name_ = absolute.string();
     child_ = child;
     control_ = std::move(orders.write);
     answers_ = std::move(answers.read);

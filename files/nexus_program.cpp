@@ -153,12 +153,20 @@ bool refuse(const std::string &cause) {
     return false;
 }
 
+// A file gets its name once it lies on the disk: what a disk or another machine's file system refuses late is told.
+bool reaches_disk(const std::string &part) {
+    const unique_fd fd(::open(part.c_str(), O_RDONLY | O_CLOEXEC));
+    return fd && ::fsync(fd.get()) == 0;
+}
+
 bool finish(nexus_work &work, const std::string &part, const std::string &name) {
     if (!do_records(work, nexus_results) || !copy_rest(work))
         return refuse(work.cause);
     work.cards.clear(); // whose datasets are open
     if (!work.file.close())
         return refuse(work.file.cause());
+    if (!reaches_disk(part))
+        return refuse(std::strerror(errno));
     if (!answer("copied"))
         return false;
     if (next_order(-1) != nexus_rename)

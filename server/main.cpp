@@ -47,6 +47,7 @@ void install_signals() {
     ::sigaction(SIGCHLD, &action, nullptr);
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);
+    ::sigaction(SIGXFSZ, &action, nullptr); // a limit of size (ulimit -f) is a full disk like another
 }
 
 void detach_from_terminal() {

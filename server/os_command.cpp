@@ -69,6 +69,7 @@ class spawn_settings {
         sigemptyset(&defaults);
         sigaddset(&defaults, SIGINT);
         sigaddset(&defaults, SIGPIPE);
+        sigaddset(&defaults, SIGXFSZ);
         posix_spawnattr_setsigdefault(&attributes_, &defaults);
         posix_spawnattr_setpgroup(&attributes_, 0);
         posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);

@@ -87,7 +87,20 @@ def check_tutorial(values):
     assert 1.2 < values["spectrum"].sum() / values["counts_of_5"].sum() < 1.6
 
 
-CHECKS = {"tutorial.md": check_tutorial}
+def check_scan(values):
+    """What the last point of the scan gave, after the methods that bluesky calls have been called."""
+    detector = values["detector"]
+    assert values["status"].success and values["status"].done
+    called = []
+    values["status"].add_callback(called.append)
+    assert called == [values["status"]]
+    detector.stage()
+    (name, reading), (described, about) = *detector.read().items(), *detector.describe().items()
+    assert name == described and [len(reading["value"])] == about["shape"] and min(reading["value"]) >= 0
+    detector.k.disconnect()
+
+
+CHECKS = {"tutorial.md": check_tutorial, "bluesky.md": check_scan}
 
 
 @pytest.fixture(autouse=True)

@@ -94,3 +94,42 @@ def test_completion_in_an_interactive_shell(prefix, tmp_path):
     shell.expect_closed()
     assert shell.wait_exit() == 0
     os.close(shell.master)
+
+
+FAMILIES = {"AF_INET": "sessions and cards", "AF_UNIX": "the control socket", "AF_NETLINK": "getifaddrs: the host's MAC address"}
+# System calls that the server and its helpers make, and that a confined service could lose.
+CALLS = {"sched_setaffinity": "PLR3CPUS", "lchown": "-control-group", "fchown": "a file that is written anew",
+         "prlimit64": "the limits of kestrel-try-image", "memfd_create": "the orders of kestrel-nexus",
+         "renameat2": "the name of a NeXus file", "recvmmsg": "cards", "pidfd_open": "the end of a helper"}
+
+
+def allowed_calls(unit):
+    """What its SystemCallFilter lines come to, one after the other."""
+    listed = run("systemd-analyze", "syscall-filter").stdout
+    sets, current = {}, None
+    for line in listed.splitlines():
+        if line.startswith("@"):
+            current = sets.setdefault(line.split()[0], [])
+        elif current is not None and line.strip() and not line.strip().startswith("#"):
+            current.append(line.strip())
+
+    def calls(word):
+        return set().union(*map(calls, sets[word])) if word.startswith("@") else {word}
+
+    allowed = set()
+    for line in re.findall(r"^SystemCallFilter=(.*)$", unit, re.M):
+        named = set().union(*map(calls, line.lstrip("~").split()))
+        allowed = allowed - named if line.startswith("~") else allowed | named
+    return allowed
+
+
+@pytest.mark.parametrize("unit", ["kestrel.service", "kestrel@.service"])
+def test_the_service_may_call_what_the_server_needs(unit):
+    if run("sh", "-c", "command -v systemd-analyze").returncode:
+        pytest.skip("no systemd-analyze here")
+    text = (ROOT / "packaging" / unit).read_text()
+    families = re.search(r"^RestrictAddressFamilies=(.*)$", text, re.M)[1].split()
+    assert {family: why for family, why in FAMILIES.items() if family not in families} == {}
+    allowed = allowed_calls(text)
+    assert len(allowed) > 100 and "reboot" not in allowed and "mount" not in allowed
+    assert {call: why for call, why in CALLS.items() if call not in allowed} == {}

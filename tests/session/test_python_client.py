@@ -320,9 +320,24 @@ def test_what_threads_say_between_two_commands_is_a_note_of_the_next():
     assert reader.asked and not reader.at_prompt
 
 
-def test_types_hold():
-    checked = subprocess.run(["mypy", "--strict", "--cache-dir=/dev/null", str(PYTHON / "src")], capture_output=True, text=True)
+def test_types_hold(tmp_path):
+    def check(*what):
+        return subprocess.run(["mypy", "--strict", "--cache-dir=/dev/null", *what], capture_output=True, text=True,
+                              env={**os.environ, "MYPYPATH": str(PYTHON / "src")})
+
+    checked = check(PYTHON / "src")
     assert checked.returncode == 0, checked.stdout + checked.stderr
+    program = tmp_path / "use.py"
+    program.write_text("""import kestrel, numpy, pathlib
+k = kestrel.connect()
+n: int = k.module.create("m", numpy.int64(4), 1, header=True)
+k.sleep(numpy.float32(0.1))
+k.dir(pathlib.Path("folder"))
+x: float = k.eval.double(n)
+k.set_int("n", "x")
+k.module.create("m", 1.5, 1)
+""")
+    assert [line.split(":")[1] for line in check(program).stdout.splitlines() if "error:" in line] == ["7", "8"]
 
 
 def test_pip_installs_it_without_any_network(tmp_path):

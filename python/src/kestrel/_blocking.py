@@ -1,5 +1,4 @@
 """The blocking connection."""
-import select
 import socket
 import threading
 from typing import Any, Callable, List, Optional, Sequence
@@ -9,9 +8,10 @@ import numpy.typing as npt
 from . import _control
 from ._reply import Progress, Reply
 from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
+from ._sockets import accept_from, readable, shut
 from ._tree import TREE_LINE, Command, Group, parse_tree
 from ._typed import Commands
-from .errors import ConnectionLost
+from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
 DATA_WAIT = 30.0  # seconds without a byte of a box
@@ -30,14 +30,16 @@ class Connection(Commands):
         super().__init__(Group("", ""), self._run)
         self._session = Session()
         self._lock = threading.RLock()
+        self._replying = False
         self._listener: Optional[socket.socket] = None
         self._control = control or _control.usual_path(port)
+        self._where = f"{host}:{port}"
         self._sock: Optional[socket.socket] = socket.create_connection((host, port), timeout)
         try:
             self._sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             self._finish_reply()  # the first prompt
-            self._sock.settimeout(None)
             self._group = parse_tree(tree_texts(self._exchange(TREE_LINE)))
+            self._sock.settimeout(None)
         except BaseException:
             self.disconnect()
             raise
@@ -76,21 +78,26 @@ class Connection(Commands):
                 box = (0, 0, 0, *(self._size(handle, axis) for axis in "xyt"))
             element = self.command(f"unif-get-type {int(handle)}").result if dtype is None else 0
             line, array = read_line(handle, box, int(element or 0), dtype, "dtc" if dtc else "")
-            if self._listener is None:
-                self._listen()
-            got = self._guarded(lambda: self._receive(line, bytes_of(array)))
+            try:
+                if self._listener is None:
+                    self._listen()
+                got = self._guarded(lambda: self._receive(line, bytes_of(array)))
+            except BaseException:
+                self._forget_listener()  # where the server's connection may still wait
+                raise
             self._session.end(line, None)
             if got < array.nbytes:
                 raise short_read(got, array.nbytes)
             return array
 
     def disconnect(self) -> None:
-        """Closes the connection. Handles and variables of the session go with it."""
+        """Closes the connection. Handles and variables of the session go with it; a thread that waits for a command
+        gets ConnectionLost."""
         sock, self._sock = self._sock, None
-        listener, self._listener = self._listener, None
-        for each in (sock, listener):
-            if each is not None:
-                each.close()
+        if sock is not None:
+            shut(sock)
+            sock.close()
+        self._forget_listener()
 
     def __enter__(self) -> "Connection":
         return self
@@ -99,8 +106,7 @@ class Connection(Commands):
         self.disconnect()
 
     def __repr__(self) -> str:
-        where = "closed" if self._sock is None else "%s:%d" % self._sock.getpeername()[:2]
-        return f"<kestrel connection {where}>"
+        return f"<kestrel connection {'closed' if self._sock is None else self._where}>"
 
     # ---- how it works
 
@@ -119,15 +125,21 @@ class Connection(Commands):
 
     def _guarded(self, action: Callable[[], Any]) -> Any:
         """The action; one that ends in the middle of a reply leaves the session at its prompt, or closes it."""
+        if self._replying:
+            raise RuntimeError("a progress callback cannot run commands of the connection that calls it")
         try:
+            self._replying = True
             return action()
-        except KeyboardInterrupt:
-            self._stop_and_drain()
-            raise
-        except BaseException:
-            if self._session.reader.at_prompt is False:
+        except BaseException as error:
+            if isinstance(error, Exception) and (means_lost(error) or self._sock is None):
                 self.disconnect()
+                if not isinstance(error, ConnectionLost):
+                    raise ConnectionLost(f"the connection is lost: {error}") from error
+            elif isinstance(error, KeyboardInterrupt) or not self._session.reader.at_prompt:
+                self._stop_and_drain()
             raise
+        finally:
+            self._replying = False
 
     def _exchange(self, line: str) -> Reply:
         self._open().sendall(self._session.begin(line))
@@ -143,7 +155,7 @@ class Connection(Commands):
         if reader.asked:
             self._open().sendall(RETRY)
             reader.asked = False
-        return reader.certain or (reader.at_prompt and not select.select([self._open()], [], [], SETTLE)[0])
+        return reader.certain or (reader.at_prompt and not readable(SETTLE, self._open()))
 
     def _take_block(self) -> None:
         data = self._open().recv(BLOCK)
@@ -154,11 +166,9 @@ class Connection(Commands):
 
     def _stop_and_drain(self) -> None:
         try:
-            session = _control.session_of(self._control, "%s:%d" % self._open().getsockname()[:2])
-            if session is None:
-                raise OSError("not a session of that server")
-            _control.ask(self._control, f"stop {session}")
+            _control.stop(self._control, self._open().getsockname())
             self._open().settimeout(_control.PATIENCE)
+            self._open().sendall(self._session.begin_again())  # of the reply, bytes may have been dropped
             self._finish_reply()
             self._open().settimeout(None)
         except (OSError, KeyboardInterrupt):
@@ -167,35 +177,34 @@ class Connection(Commands):
     # ---- the data channel
 
     def _listen(self) -> None:
-        own = self._open().getsockname()[0]
-        listener = socket.create_server((own, 0), backlog=1)
-        try:
-            self.command(f"port {listener.getsockname()[1]}")
-        except BaseException:
+        self._listener = socket.create_server((self._open().getsockname()[0], 0), backlog=1)
+        self.command(f"port {self._listener.getsockname()[1]}")
+
+    def _forget_listener(self) -> None:
+        listener, self._listener = self._listener, None
+        if listener is not None:
             listener.close()
-            raise
-        self._listener = listener
 
     def _receive(self, line: str, into: memoryview) -> int:
         """Sends the line and takes the bytes that come over the data channel: how many came."""
         assert self._listener is not None
         sock = self._open()
         sock.sendall(self._session.begin(line))
-        got = 0
-        while True:
-            ready = select.select([self._listener, sock], [], [])[0]
-            if self._listener in ready:
-                got = self._take_box(self._listener, into)
-                break
-            self._take_block()
-            if self._complete():
-                return got
+        connection = None
+        while connection is None:
+            whole = self._complete()  # what is refused comes without a connection, the rest has made it before
+            if self._listener in readable(0 if whole else None, self._listener, sock):
+                connection = accept_from(self._listener, sock.getpeername()[0])
+            elif whole:
+                return 0
+            else:
+                self._take_block()
+        got = self._take_box(connection, into)
         self._finish_reply()
         return got
 
     @staticmethod
-    def _take_box(listener: socket.socket, into: memoryview) -> int:
-        connection = listener.accept()[0]
+    def _take_box(connection: socket.socket, into: memoryview) -> int:
         with connection:
             connection.settimeout(DATA_WAIT)
             got = 0

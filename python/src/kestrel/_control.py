@@ -2,7 +2,7 @@
 import os
 import pathlib
 import socket
-from typing import List, Optional
+from typing import List, Optional, Tuple
 
 PATIENCE = 2.0  # seconds
 
@@ -29,6 +29,14 @@ def ask(path: str, request: str) -> List[str]:
             if not block:
                 return answer.decode(errors="replace").splitlines()
             answer += block
+
+
+def stop(path: str, own: Tuple[str, int]) -> None:
+    """Ends what the session of this socket's own address runs; OSError where that cannot be."""
+    session = session_of(path, "%s:%d" % own)
+    if session is None:
+        raise OSError("not a session of that server")
+    ask(path, f"stop {session}")
 
 
 def session_of(path: str, address: str) -> Optional[int]:

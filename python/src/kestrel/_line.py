@@ -1,7 +1,10 @@
 """From a Python call to the line that a server takes."""
 import math
 import operator
+import os
 from typing import Any, Dict, Tuple
+
+import numpy as np
 
 from ._tree import Command
 
@@ -16,6 +19,8 @@ def _whole(value: Any) -> str:
 
 
 def _real(value: Any) -> str:
+    if isinstance(value, (str, bytes)):
+        raise TypeError(f"a number is wanted, not {value!r}")
     number = float(value)
     if not math.isfinite(number):
         raise ValueError(f"{number} cannot be written in a line")
@@ -25,7 +30,7 @@ def _real(value: Any) -> str:
 def _string(value: Any) -> str:
     if not isinstance(value, str) and not hasattr(value, "__fspath__"):
         raise TypeError(f"a string is wanted, not {value!r}")
-    text = value if isinstance(value, str) else str(value)
+    text = value if isinstance(value, str) else os.fsdecode(value)
     if any(ord(c) < 32 or ord(c) == 127 for c in text):
         raise ValueError("a string in a line holds no control characters")
     for quote in "'\"":
@@ -56,6 +61,8 @@ def render(command: Command, arguments: Tuple[Any, ...], keywords: Dict[str, Any
         known = command.keywords.get(name)
         if known is None:
             raise TypeError(f"{command.path} has no keyword {name}; it has {', '.join(command.keywords) or 'none'}")
+        if isinstance(value, np.bool_):
+            value = bool(value)
         if value is None or value is False:
             continue
         words.append(known.word)
@@ -68,8 +75,8 @@ def render(command: Command, arguments: Tuple[Any, ...], keywords: Dict[str, Any
 
 def check_line(line: str) -> str:
     """The line itself; ValueError for one that a server would not take as one."""
-    if any(c in line for c in "\r\n\0"):
-        raise ValueError("a line has one line")
+    if any(c in line for c in "\r\n\0\udcff"):
+        raise ValueError("a line has one line, and no byte 255, which telnet keeps for itself")
     length = len(line.encode(errors="surrogateescape"))
     if length > LINE_MAX:
         raise ValueError(f"the line has {length} characters, and a server takes {LINE_MAX}")

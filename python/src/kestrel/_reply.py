@@ -12,6 +12,7 @@ Result = Union[int, float, str, None]
 
 PROMPT = b"> "
 QUESTION = b"~ Retry (Y/N)"  # the only one that a server asks; nothing follows until it is answered
+_MARKS = (b"#", b"!", b"@", b"~")  # of the lines that the server's threads print at any time
 _PROGRESS = re.compile(r"@ +(-?\d+) +(-?\d+)(?: +'(.*)')?$")
 
 
@@ -59,31 +60,46 @@ class ReplyReader:
         self.on_progress: Optional[Callable[[Progress], None]] = None
         self.reply = Reply()
         self.asked = False  # a question waits for its answer
-        self._buffer = b""
+        self._buffer = bytearray()  # of the line that has not ended
         self._held: Optional[str] = None  # a result line, which is a text once another line follows
+        self._first = True  # no line has been sent
+        self._prompted = False  # the prompt came, and lines of the server's threads behind it
+        self._awaited: Optional[bytes] = None  # the text up to which nothing counts
 
     def begin(self) -> None:
         """A new line is sent. What the server's threads said meanwhile becomes notes of the new reply."""
         if self._buffer == PROMPT:
-            self._buffer = b""
+            self._buffer = bytearray()
         self.reply = Reply()
         self.asked = False
         self._held = None
+        self._first = self._prompted = False
+
+    def begin_behind(self, text: bytes) -> None:
+        """The reply is what follows a line that ends with this text: what came before may have been lost in part."""
+        self.begin()
+        self._awaited = text
 
     @property
     def at_prompt(self) -> bool:
         """The prompt is the last that came. More may follow, unless `certain`."""
-        return self._buffer == PROMPT
+        if self._awaited is not None:
+            return False
+        return self._buffer == PROMPT or (self._prompted and not self._buffer)
 
     @property
     def certain(self) -> bool:
-        """A prompt that follows a result: the reply is whole."""
-        return self._held is not None and self._buffer == PROMPT
+        """A prompt that follows a result, or the very first: the reply is whole."""
+        return (self._held is not None or self._first) and self.at_prompt
 
     def feed(self, data: bytes) -> None:
-        *lines, self._buffer = (self._buffer + data).split(b"\n")
-        for line in lines:
-            self._line(line.rstrip(b"\r"))
+        first, *others = data.split(b"\n")
+        self._buffer += first
+        if others:
+            lines = [bytes(self._buffer), *others[:-1]]
+            self._buffer = bytearray(others[-1])
+            for line in lines:
+                self._line(line.rstrip(b"\r"))
         if self._buffer:
             self.asked = False
 
@@ -97,12 +113,19 @@ class ReplyReader:
 
     def _line(self, raw: bytes) -> None:
         self.asked = raw == QUESTION
-        if self._held is not None:
+        if self._awaited is not None:
+            if raw.endswith(self._awaited):
+                self._awaited = None
+            return
+        # What the server's threads print between two commands comes behind the prompt.
+        if raw.startswith(PROMPT) and raw[2:3] in _MARKS:
+            raw = raw[2:]
+            self._prompted = True
+        elif raw[:1] not in _MARKS:
+            self._prompted = False  # it was a text that looks so
+        if self._held is not None and not self._prompted:
             self.reply.texts.append(self._held)
             self._held = None
-        # What the server's threads print between two commands comes behind the prompt.
-        if raw.startswith(PROMPT) and raw[2:3] in (b"#", b"!", b"@", b"~"):
-            raw = raw[2:]
         line = raw.decode(errors="surrogateescape")
         mark = line[:1]
         if mark == "*" and line[1:2] == " ":

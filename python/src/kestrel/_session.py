@@ -12,7 +12,10 @@ from .errors import CommandError, KestrelError
 
 log = logging.getLogger("kestrel")
 
-SETTLE = 0.05  # seconds in which nothing may follow a prompt that no result stands before
+# Seconds in which nothing may follow a prompt that no result stands before: few commands end so, but a text may look so
+# when the network delivers it in two, and the second part comes after a packet was sent again.
+SETTLE = 0.5
+SYNC = "kestrel client is back"  # what the server is made to say where bytes may have been lost
 RETRY = b"N\n"  # the answer to a server that asks whether it should try again
 
 # Element types of handles: what arrives, little-endian.
@@ -34,6 +37,11 @@ class Session:
         check_line(line)
         self.reader.begin()
         return line.encode(errors="surrogateescape") + b"\n"
+
+    def begin_again(self) -> bytes:
+        """What to send after a reply that was left: an end for a line half sent, and a text to find the place by."""
+        self.reader.begin_behind(SYNC.encode())
+        return f"\necho '{SYNC}'\n".encode()
 
     def end(self, line: str, command: Optional[Command]) -> Any:
         """The value of the line that has ended; CommandError when the server said what is wrong."""

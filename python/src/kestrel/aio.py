@@ -8,9 +8,10 @@ import numpy.typing as npt
 from . import _control
 from ._reply import Progress, Reply
 from ._session import RETRY, SETTLE, Session, bytes_of, read_line, short_read, tree_texts
+from ._sockets import shut
 from ._tree import TREE_LINE, Command, Group, parse_tree
 from ._typed import AsyncCommands
-from .errors import ConnectionLost
+from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
 DATA_WAIT = 30.0  # seconds
@@ -42,7 +43,12 @@ class AsyncConnection(AsyncCommands):
     def notes(self) -> List[str]:
         return self._session.reader.reply.notes
 
-    def set_on_progress(self, callback: Optional[Callable[[Progress], None]]) -> None:
+    @property
+    def on_progress(self) -> Optional[Callable[[Progress], None]]:
+        return self._session.reader.on_progress
+
+    @on_progress.setter
+    def on_progress(self, callback: Optional[Callable[[Progress], None]]) -> None:
         self._session.reader.on_progress = callback
 
     async def read(self, handle: int, box: Optional[Sequence[int]] = None, dtype: Any = None, *, dtc: bool = False,
@@ -53,22 +59,26 @@ class AsyncConnection(AsyncCommands):
             box = (0, 0, 0, *sizes)
         element = (await self.command(f"unif-get-type {int(handle)}")).result if dtype is None else 0
         line, array = read_line(handle, box, int(element or 0), dtype, "dtc" if dtc else "")
-        if self._listener is None:
-            await self._listen()
         async with self._lock:
-            got = await self._guarded(self._receive(line, bytes_of(array)))
+            try:
+                if self._listener is None:
+                    await self._guarded(self._listen())
+                got = await self._guarded(self._receive(line, bytes_of(array)))
+            except BaseException:
+                self._forget_listener()  # where the server's connection may still wait
+                raise
             self._session.end(line, None)
         if got < array.nbytes:
             raise short_read(got, array.nbytes)
         return array
 
     def disconnect(self) -> None:
-        """Closes the connection."""
-        sock, self._sock = self._sock, None
-        listener, self._listener = self._listener, None
-        for each in (sock, listener):
-            if each is not None:
-                each.close()
+        """Closes the connection. A call that waits for the server gets ConnectionLost."""
+        if self._sock is None:
+            return
+        shut(self._sock)
+        if not self._lock.locked():  # else who waits closes: the loop would not tell it of a socket that is closed
+            self._close()
 
     async def __aenter__(self) -> "AsyncConnection":
         return self
@@ -86,6 +96,17 @@ class AsyncConnection(AsyncCommands):
             await self._guarded(self._exchange(line))
             return self._session.end(line, command)
 
+    def _close(self) -> None:
+        sock, self._sock = self._sock, None
+        if sock is not None:
+            sock.close()
+        self._forget_listener()
+
+    def _forget_listener(self) -> None:
+        listener, self._listener = self._listener, None
+        if listener is not None:
+            listener.close()
+
     def _open(self) -> socket.socket:
         if self._sock is None:
             raise ConnectionLost("the connection is closed")
@@ -94,12 +115,13 @@ class AsyncConnection(AsyncCommands):
     async def _guarded(self, action: Awaitable[T]) -> T:
         try:
             return await action
-        except asyncio.CancelledError:
-            await self._stop_and_drain()
-            raise
-        except BaseException:
-            if not self._session.reader.at_prompt:
-                self.disconnect()
+        except BaseException as error:
+            if isinstance(error, Exception) and (means_lost(error) or self._sock is None):
+                self._close()
+                if not isinstance(error, ConnectionLost):
+                    raise ConnectionLost(f"the connection is lost: {error}") from error
+            elif isinstance(error, asyncio.CancelledError) or not self._session.reader.at_prompt:
+                await self._stop_and_drain()
             raise
 
     async def _exchange(self, line: str) -> Reply:
@@ -118,34 +140,31 @@ class AsyncConnection(AsyncCommands):
             except asyncio.TimeoutError:
                 break
             if not data:
-                self.disconnect()
+                self._close()
                 raise ConnectionLost("the server closed the connection")
             reader.feed(data)
         return reader.finish()
 
     async def _stop_and_drain(self) -> None:
         try:
-            session = _control.session_of(self._control, "%s:%d" % self._open().getsockname()[:2])
-            if session is None:
-                raise OSError("not a session of that server")
-            _control.ask(self._control, f"stop {session}")
+            loop = asyncio.get_running_loop()
+            await loop.run_in_executor(None, _control.stop, self._control, self._open().getsockname())
+            await loop.sock_sendall(self._open(), self._session.begin_again())  # bytes may have been dropped
             await asyncio.wait_for(self._finish_reply(), _control.PATIENCE)
         except (OSError, asyncio.TimeoutError, asyncio.CancelledError):
-            self.disconnect()
+            self._close()
 
     async def _listen(self) -> None:
-        listener = socket.create_server((self._open().getsockname()[0], 0), backlog=1)
-        listener.setblocking(False)
-        try:
-            await self.command(f"port {listener.getsockname()[1]}")
-        except BaseException:
-            listener.close()
-            raise
-        self._listener = listener
+        self._listener = socket.create_server((self._open().getsockname()[0], 0), backlog=1)
+        self._listener.setblocking(False)
+        line = f"port {self._listener.getsockname()[1]}"
+        await self._exchange(line)
+        self._session.end(line, None)
 
     async def _receive(self, line: str, into: memoryview) -> int:
         assert self._listener is not None
-        taking = asyncio.ensure_future(self._take_box(self._listener, into))
+        host = self._open().getpeername()[0]
+        taking = asyncio.ensure_future(self._take_box(self._listener, host, into))
         try:
             reply = await self._exchange(line)
             if reply.errors and not taking.done():
@@ -155,9 +174,12 @@ class AsyncConnection(AsyncCommands):
             taking.cancel()
 
     @staticmethod
-    async def _take_box(listener: socket.socket, into: memoryview) -> int:
+    async def _take_box(listener: socket.socket, host: str, into: memoryview) -> int:
         loop = asyncio.get_running_loop()
-        connection, _ = await loop.sock_accept(listener)
+        connection, address = await loop.sock_accept(listener)
+        while address[0] != host:  # what others have to say is not looked at
+            connection.close()
+            connection, address = await loop.sock_accept(listener)
         with connection:
             connection.setblocking(False)
             got = 0

@@ -1,5 +1,6 @@
 """What can go wrong."""
-from typing import List
+import socket
+from typing import Any, List, Tuple
 
 from ._reply import Reply
 
@@ -16,6 +17,9 @@ class CommandError(KestrelError):
         self.line = line
         self.reply = reply
 
+    def __reduce__(self) -> Tuple[Any, ...]:  # between processes
+        return CommandError, (self.line, self.reply)
+
     @property
     def errors(self) -> List[str]:
         return self.reply.errors
@@ -27,6 +31,11 @@ class CommandError(KestrelError):
 
 class ConnectionLost(KestrelError, ConnectionError):
     """The server is gone, or the connection was left in the middle of a reply."""
+
+
+def means_lost(error: BaseException) -> bool:
+    """Whether a socket's error says that its other end, or it itself, has gone."""
+    return isinstance(error, OSError) and not isinstance(error, (socket.timeout, TimeoutError))
 
 
 class ModuleError(KestrelError):

@@ -22,7 +22,8 @@ _HEAD3D = np.dtype({"names": ["data_type", "disp_type", "num_x", "num_y", "num_t
                               "z_label", "title", "labels_num", "labels_size", "data_offset"],
                     "formats": ["i4", "u4", "u4", "u4", "u4", _TEXT, _TEXT, _TEXT, _TEXT, _TEXT, "i4", "i4", "i4"],
                     "offsets": [0, 4, 8, 12, 16, 32, 114, 196, 278, 360, 444, 448, 456], "itemsize": 464})
-_ELEMENTS = {1: "u4", 2: "u2", 3: "f4", 4: "f8"}
+_ELEMENTS = {1: "u4", 2: "u2", 3: "f4", 4: "f8",
+             32: "u2", 33: "u2", **dict.fromkeys(range(40, 48), "u4")}  # of the image display: pixels as words
 
 
 def _text(raw: bytes) -> str:
@@ -47,7 +48,8 @@ class Module:
         if not name or "/" in name or "\0" in name:
             raise ValueError(f"{name!r} is no name of a module")
         self.name = name
-        fd = os.open(os.path.join(FOLDER, name), (os.O_RDWR if writable else os.O_RDONLY) | os.O_CLOEXEC | os.O_NOFOLLOW)
+        fd = os.open(os.path.join(FOLDER, name), (os.O_RDWR if writable else os.O_RDONLY) | os.O_CLOEXEC | os.O_NOFOLLOW |
+                     os.O_NONBLOCK)  # of what is no module, a pipe, an opening would wait
         try:
             status = os.fstat(fd)
             if status.st_size < _HEAD.itemsize:
@@ -68,7 +70,8 @@ class Module:
         return (status.st_dev, status.st_ino) == self._identity
 
     def __array__(self, dtype: Any = None, copy: Any = None) -> npt.NDArray[Any]:
-        return np.asarray(self.data, dtype=dtype)
+        array = np.asarray(self.data, dtype=dtype)
+        return array.copy() if copy and array is self.data else array
 
     def __repr__(self) -> str:
         return f"<module {self.name} {self.data.dtype} {self.data.shape} {self.title!r}>"

@@ -9,26 +9,32 @@ from ._blocking import Connection, connect
 from ._commands import parameter_names
 from ._tree import Command, Group
 
-_TYPES = {"d": "int", "g": "float", "f": "float", "s": "str", "q": "str", "v": "Union[int, float, str]"}
+_TYPES = {"d": "int", "g": "float", "f": "float", "s": "str", "q": "str", "v": "Union[int, float, str]"}  # of results
+_ARGUMENTS = {"d": "Whole", "g": "Real", "f": "Real", "s": "Text", "v": "Union[Whole, Real, Text]"}
 _HEAD = '''"""Made from the server's tree by `python3 -m kestrel.stubs`; do not edit."""
-from typing import Any, Awaitable, Callable, Optional, Union
+from os import PathLike
+from typing import Any, Awaitable, Callable, Optional, SupportsFloat, SupportsIndex, Union
 
 from ._commands import Namespace
 from ._tree import Command, Group
+
+Whole = SupportsIndex  # numpy's numbers, too
+Real = SupportsFloat
+Text = Union[str, PathLike[str]]
 '''
 
 
 def _signature(command: Command) -> str:
     words = ["self"]
     for name, argument in zip(parameter_names(command), command.arguments):
-        kind = _TYPES[argument.kind]
+        kind = _ARGUMENTS[argument.kind]
         words.append(f"{name}: Optional[{kind}] = ..." if argument.optional else f"{name}: {kind}")
     if command.arguments:
         words.append("/")
     if command.keywords:
         words.append("*")
     for name, word in command.keywords.items():
-        words.append(f"{name}: Optional[{_TYPES[word.kind]}] = ..." if word.kind else f"{name}: bool = ...")
+        words.append(f"{name}: Optional[{_ARGUMENTS[word.kind]}] = ..." if word.kind else f"{name}: bool = ...")
     return ", ".join(words)
 
 
