@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <sched.h>
 #include <sys/epoll.h>
 
 namespace kestrel {
@@ -53,9 +54,36 @@ void session_watch::watch_others(const fd_set &set, int highest) {
     highest_other_ = highest;
 }
 
+// Looks again and again for a while, and leaves the processor to whoever wants it in between. 0: nothing came.
+int session_watch::look_awake(std::span<epoll_event> events, clock::time_point until) {
+    while (clock::now() < until) {
+        const int count = ::epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), 0);
+        if (count != 0)
+            return count;
+        ::sched_yield();
+    }
+    return 0;
+}
+
+// To fall asleep and to be woken costs more than a line: where the next one came at once, the one after it is waited for
+// awake.
+int session_watch::look(std::span<epoll_event> events, int timeout_ms) {
+    const auto sleep = [&] {
+        return ::epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeout_ms);
+    };
+    if (timeout_ms == 0)
+        return sleep();
+    const auto at_once = clock::now() + awake_for;
+    int count = awake_ ? look_awake(events, at_once) : 0;
+    if (count == 0)
+        count = sleep();
+    awake_ = count > 0 && clock::now() < at_once;
+    return count;
+}
+
 bool session_watch::wait(int timeout_ms) {
     epoll_event events[sv_max_clients];
-    const int count = ::epoll_wait(set_.get(), events, sv_max_clients, timeout_ms);
+    const int count = look(events, timeout_ms);
     ready_count_ = 0;
     FD_ZERO(&others_ready_);
     for (int i = 0; i < count; ++i) {

@@ -7,8 +7,10 @@
 #include "support/fd.h"
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <span>
+#include <sys/epoll.h>
 #include <sys/select.h>
 
 namespace kestrel {
@@ -38,7 +40,13 @@ class session_watch {
     const fd_set &others() const { return others_ready_; }
 
   private:
+    using clock = std::chrono::steady_clock;
+    static constexpr std::chrono::microseconds awake_for{100};
+    int look(std::span<epoll_event> events, int timeout_ms);
+    int look_awake(std::span<epoll_event> events, clock::time_point until);
+
     unique_fd set_;
+    bool awake_ = false; // what was waited for last came at once
     std::array<bool, sv_max_clients> room_{};
     std::array<ready_session, sv_max_clients> ready_;
     std::size_t ready_count_ = 0;
