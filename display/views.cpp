@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <limits>
@@ -20,7 +21,7 @@ constexpr std::uint64_t tick_max = 8 << 20; // elements that one refresh reads; 
 // Ten contents of a view a second in the mean; one may come early, so that what is written ten times a second is sent as
 // soon as it is written, whatever its phase.
 constexpr std::chrono::milliseconds mean_time{100}, early_time{50};
-constexpr std::size_t exact_elements_max = 1 << 15; // more go as floats
+constexpr int rest_share = 3; // times as long as a refresh took is rested after it
 
 int hex_digit(char c) {
     return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
@@ -78,12 +79,12 @@ view_head head_of(const view_request &r, const kestrel_module &m) {
     return h;
 }
 
-// The maximum of each group of elements; what is not a number counts only among its like.
+// The maximum of each group of elements that are numbers.
 void reduce_row(const std::vector<double> &row, double *out, std::uint32_t columns) {
     for (std::size_t c = 0; c < columns; ++c) {
         const std::size_t first = row.size() * c / columns, last = row.size() * (c + 1) / columns;
         for (std::size_t i = first; i < last; ++i)
-            if (!(row[i] <= out[c]) && row[i] == row[i])
+            if (row[i] > out[c])
                 out[c] = row[i];
     }
 }
@@ -102,6 +103,15 @@ bool read_box(const open_module &module, const view_head &h, std::vector<double>
         if (value == -std::numeric_limits<double>::infinity())
             value = std::numeric_limits<double>::quiet_NaN(); // nothing there was a number
     return true;
+}
+
+// Counts and floats do, and take half the room.
+bool fit_in_floats(const std::vector<double> &values) {
+    return std::all_of(values.begin(), values.end(), [](double v) {
+        constexpr double largest = std::numeric_limits<float>::max();
+        return !std::isfinite(v) ||
+               (std::abs(v) <= largest && static_cast<double>(static_cast<float>(v)) == v);
+    });
 }
 
 std::string packed(const view_head &head, const std::vector<double> &values) {
@@ -137,7 +147,7 @@ std::uint64_t work_out(view &v) {
         !read_box(module, head, values))
         head = {}, values.clear();
     const std::uint64_t looked_at = values.empty() ? 1 : covered;
-    head.element_size = values.size() > exact_elements_max ? sizeof(float) : sizeof(double);
+    head.element_size = fit_in_floats(values) ? sizeof(float) : sizeof(double);
     std::string text = packed(head, values);
     // Time and number alone are no change.
     const auto body = [](const std::string &t) {
@@ -180,6 +190,9 @@ std::shared_ptr<view> view_table::find(const view_request &request) {
 
 void view_table::refresh() {
     std::erase_if(views_, [](const auto &entry) { return entry.second.expired(); });
+    const auto begun = std::chrono::steady_clock::now();
+    if (begun < rest_until_)
+        return;
     std::uint64_t read = 0;
     auto next = views_.upper_bound(last_);
     for (std::size_t left = views_.size(); left > 0 && read < tick_max; --left) {
@@ -190,6 +203,8 @@ void view_table::refresh() {
             read += work_out(*v);
         last_ = (next++)->first;
     }
+    const auto now = std::chrono::steady_clock::now();
+    rest_until_ = now + rest_share * (now - begun);
 }
 
 } // namespace kestrel::display

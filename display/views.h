@@ -45,12 +45,14 @@ class view_table {
   public:
     // The view of that request; the next refresh works it out when it is new.
     std::shared_ptr<view> find(const view_request &request);
-    // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick has time for.
+    // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick
+    // has time for, and in a quarter of the time at most, however large the views are.
     void refresh();
 
   private:
     std::map<view_request, std::weak_ptr<view>> views_;
-    view_request last_; // that was worked out
+    view_request last_;                                  // that was worked out
+    std::chrono::steady_clock::time_point rest_until_{}; // the next refresh does nothing before
 };
 
 } // namespace kestrel::display

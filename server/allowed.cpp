@@ -1,9 +1,11 @@
 #include "server/allowed.h"
 
+#include "server/logs.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
-#include <string>
+#include <cstdio>
 
 namespace kestrel {
 
@@ -56,6 +58,18 @@ bool sv_is_allowed(const std::vector<ip_network> &networks, in_addr peer) {
     return networks.empty() || std::any_of(networks.begin(), networks.end(), [&](const ip_network &n) {
                return ((address ^ n.address) & mask_of(n.bits)) == 0;
            });
+}
+
+std::string sv_refusal(in_addr peer) {
+    char dotted[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &peer, dotted, sizeof dotted);
+    const std::string entry = std::string("Connection from ") + dotted + " refused\n";
+    std::fputs(entry.c_str(), stdout);
+    for (std::FILE *log : {log_file, vlog_file}) {
+        if (log && log != stdout)
+            sv_log(log, entry);
+    }
+    return std::string("! Connections from ") + dotted + " are not allowed\r\n";
 }
 
 } // namespace kestrel

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <netinet/in.h>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +21,9 @@ bool sv_parse_networks(std::string_view text, std::vector<ip_network> &networks)
 
 // A dotted address; false for anything else.
 bool sv_parse_address(std::string_view text, in_addr &address);
+
+// Tells standard output and the logs that this peer was refused, and returns the line that it gets. Any thread.
+std::string sv_refusal(in_addr peer);
 
 // Without networks everybody may.
 bool sv_is_allowed(const std::vector<ip_network> &networks, in_addr peer);

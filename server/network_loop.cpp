@@ -125,15 +125,8 @@ void refuse_without_memory(int cn, int fd) {
     std::fprintf(stderr, "server: Out of memory, connection %d refused\n", cn);
 }
 
-// The one line that somebody gets whom -allow leaves out; the logs and standard output tell of it.
-void refuse_stranger(const char *dotted, int fd) {
-    const std::string entry = std::string("Connection from ") + dotted + " refused\n";
-    std::fputs(entry.c_str(), stdout);
-    for (std::FILE *log : {log_file, vlog_file}) {
-        if (log && log != stdout)
-            sv_log(log, entry);
-    }
-    const std::string line = std::string("! Connections from ") + dotted + " are not allowed\r\n";
+void refuse_stranger(in_addr peer, int fd) {
+    const std::string line = sv_refusal(peer);
     [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
@@ -155,7 +148,7 @@ void accept_session(session_watch &watch) {
     char dotted[INET_ADDRSTRLEN] = "";
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
     if (!sv_is_allowed(sv_options.allowed, peer.sin_addr)) {
-        refuse_stranger(dotted, fd.get());
+        refuse_stranger(peer.sin_addr, fd.get());
         return;
     }
     std::printf("%d: New connection established to %s\n", cn, dotted);

@@ -137,12 +137,13 @@ class App {
     }
 
     pause() {
-        this.live.paused = !this.live.paused;
+        this.live.pause(!this.live.paused);
         this.tellState();
     }
 
     key(event) {
-        if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT|TEXTAREA)$/.test(event.target.tagName))
+        const pressed = event.target.tagName;
+        if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT)$/.test(pressed) || (pressed === "BUTTON" && event.key === " "))
             return;
         const number = Number(event.key), names = Object.keys(this.tabs);
         const keys = {" ": () => this.pause(), p: () => this.tab().png(), c: () => this.tab().csv(), "/": () => byId("filter").focus()};
