@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 namespace kestrel::display {
@@ -21,7 +22,7 @@ constexpr std::uint64_t tick_max = 8 << 20; // elements that one refresh reads; 
 // Ten contents of a view a second in the mean; one may come early, so that what is written ten times a second is sent as
 // soon as it is written, whatever its phase.
 constexpr std::chrono::milliseconds mean_time{100}, early_time{50};
-constexpr int rest_share = 3; // times as long as a refresh took is rested after it
+constexpr int rest_share = 3; // times as long as a refresh was busy is rested after it
 
 int hex_digit(char c) {
     return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
@@ -133,6 +134,13 @@ double now_ms() {
         .count();
 }
 
+// Of this thread on its processor; what it waited for others is none.
+std::chrono::nanoseconds busy_time() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 // How many elements it looked at.
 std::uint64_t work_out(view &v) {
     const double read_at = now_ms();
@@ -190,9 +198,9 @@ std::shared_ptr<view> view_table::find(const view_request &request) {
 
 void view_table::refresh() {
     std::erase_if(views_, [](const auto &entry) { return entry.second.expired(); });
-    const auto begun = std::chrono::steady_clock::now();
-    if (begun < rest_until_)
+    if (std::chrono::steady_clock::now() < rest_until_)
         return;
+    const auto begun = busy_time();
     std::uint64_t read = 0;
     auto next = views_.upper_bound(last_);
     for (std::size_t left = views_.size(); left > 0 && read < tick_max; --left) {
@@ -203,8 +211,7 @@ void view_table::refresh() {
             read += work_out(*v);
         last_ = (next++)->first;
     }
-    const auto now = std::chrono::steady_clock::now();
-    rest_until_ = now + rest_share * (now - begun);
+    rest_until_ = std::chrono::steady_clock::now() + rest_share * (busy_time() - begun);
 }
 
 } // namespace kestrel::display

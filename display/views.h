@@ -46,7 +46,7 @@ class view_table {
     // The view of that request; the next refresh works it out when it is new.
     std::shared_ptr<view> find(const view_request &request);
     // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick
-    // has time for, and in a quarter of the time at most, however large the views are.
+    // has time for, and in a quarter of a processor's time at most, however large the views are.
     void refresh();
 
   private:

@@ -10,6 +10,11 @@ export function style(name) {
     return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 }
 
+// The number that was typed, this one instead of what is none; such a field is marked by its pattern.
+export function numberOf(id, otherwise) {
+    return byId(id).validity.valid ? Number(byId(id).value) : otherwise;
+}
+
 // The index that was typed: what is none is 0 or the nearest one.
 export function indexOf(id) {
     return Math.min(Math.max(Math.floor(Number(byId(id).value)) || 0, 0), everything);

@@ -47,6 +47,8 @@ class App {
         if (!progress)
             return;
         this.live.look(progressView, progress.name, [0, 0, 0, everything, 0, 0], 1, 64, (m) => {
+            if (!m.rows)
+                return;
             const newest = Math.max(0, Math.min(...m.values) - 1);
             const moved = newest !== this.newest && byId("frames").value.trim() === "newest";
             this.newest = newest;

@@ -1,5 +1,5 @@
 // Rates of the channels of a pulse processor, as seen and corrected for dead time, and what was lost in its last run.
-import {byId, everything, indexOf, offer, saveCsv, short} from "./common.js";
+import {byId, everything, indexOf, numberOf, offer, saveCsv, short} from "./common.js";
 
 const view = 5, scalers = 9;
 const fates = ["whole", "incomplete", "missing", "no place", "kernel", "late", "repeated", "malformed"];
@@ -14,7 +14,7 @@ export function correctedRate(seen, deadTime) {
     let x = 0;
     for (let i = 0; i < 60; ++i)
         x += x < 1 ? (seen * deadTime * Math.exp(x) - x) / (1 - x) : 0;
-    return deadTime > 0 ? x / deadTime : seen;
+    return deadTime === 0 ? seen : x / deadTime;
 }
 
 // [path, channel, count of each fate] of every channel in the metrics' text.
@@ -66,7 +66,7 @@ export class Rates {
     }
 
     rows() {
-        const tick = (Number(byId("tick").value) || 12.5) * 1e-9, dead = (Number(byId("deadtime").value) || 0) * 1e-9;
+        const tick = numberOf("tick", NaN) * 1e-9, dead = numberOf("deadtime", NaN) * 1e-9;
         return Array.from({length: this.head?.rows ?? 0}, (_, channel) => {
             const s = this.head.values.subarray(channel * scalers, (channel + 1) * scalers);
             const live = (s[0] - s[1]) * tick, seen = s[3] / live;

@@ -1,6 +1,6 @@
 // Spectra over one another: scales, energy axis, zoom and pan, cursor, regions, lines of elements.
 import uPlot from "./uPlot.esm.js";
-import {bins, byId, everything, firstBin, hues, layout, most, numbersOf, saveCsv, savePng, scales, short, style, tickTexts} from "./common.js";
+import {bins, byId, everything, firstBin, hues, layout, most, numberOf, numbersOf, saveCsv, savePng, scales, short, style, tickTexts} from "./common.js";
 import {elementLines} from "./lines.js";
 
 const view = 0, firstRegion = 8, mostRegions = 6, sideBins = 3;
@@ -78,8 +78,8 @@ export class Spectra {
         this.draw();
     }
 
-    energy(channel) { return (Number(byId("offset").value) || 0) + (Number(byId("gain").value) || 1) * channel; }
-    channel(energy) { return (energy - (Number(byId("offset").value) || 0)) / (Number(byId("gain").value) || 1); }
+    energy(channel) { return numberOf("offset", 0) + numberOf("gain", 1) * channel; }
+    channel(energy) { return (energy - numberOf("offset", 0)) / numberOf("gain", 1); }
 
     draw() {
         const head = this.head;

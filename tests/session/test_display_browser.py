@@ -172,7 +172,7 @@ def test_a_paused_page_has_missed_nothing_when_it_goes_on(page, spectra):
 
 def test_large_counts_are_told_to_the_last_digit(page, client, names):
     name = names("large")
-    assert client.lines(f"module create '{name}' 60000 header") == ["* 0"]
+    assert client.lines(f"module create '{name}' 60000 1 header") == ["* 0"]
     data = Module(name).data[0]
     data[:] = 16777217
     choose(page, name)
@@ -208,6 +208,17 @@ def test_corrected_rates_are_the_inverse_of_the_dead_time(page):
     for rate, r in zip(got[:-1], seen):
         assert rate * math.exp(-rate * 4e-7) == pytest.approx(r, rel=1e-9) and rate <= 1 / 4e-7
     assert page.run("const {correctedRate} = await import('./rates.js'); return correctedRate(7, 0)") == 7
+
+
+@pytest.mark.parametrize("field, good, bad", [
+    ("gain", ["0.005", "1e-3", ".5", "10"], ["0", "0.00", "0e5", "-1", "0,005", "x", ""]),
+    ("offset", ["-0.02", "0"], ["1,5", "--1", ""]), ("tick", ["12.5"], ["0", "-3"]), ("deadtime", ["0", "400"], ["-1", "4 00"])])
+def test_a_number_that_is_none_is_marked_and_not_calculated_with(page, field, good, bad):
+    ask = "const {numberOf} = await import('./common.js'); return numberOf(arguments[0], 'none')"
+    for typed in good + bad:
+        page.set(field, typed)
+        assert page.run(ask, field) == (float(typed) if typed in good else "none"), typed
+        assert page.run("return document.querySelectorAll('input:invalid').length") == (typed in bad)
 
 
 def test_losses_of_two_systems_stay_apart(page):
