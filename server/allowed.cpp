@@ -31,6 +31,12 @@ bool parse_network(std::string_view text, ip_network &network) {
     return error == std::errc() && end == last && network.bits >= 0 && network.bits <= address_bits;
 }
 
+std::string dotted(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &address, text, sizeof text);
+    return text;
+}
+
 } // namespace
 
 bool sv_parse_address(std::string_view text, in_addr &address) {
@@ -60,16 +66,25 @@ bool sv_is_allowed(const std::vector<ip_network> &networks, in_addr peer) {
            });
 }
 
-std::string sv_refusal(in_addr peer) {
-    char dotted[INET_ADDRSTRLEN] = "";
-    ::inet_ntop(AF_INET, &peer, dotted, sizeof dotted);
-    const std::string entry = std::string("Connection from ") + dotted + " refused\n";
+void sv_log_refused(in_addr peer) {
+    const std::string entry = "Connection from " + dotted(peer) + " refused\n";
     std::fputs(entry.c_str(), stdout);
     for (std::FILE *log : {log_file, vlog_file}) {
         if (log && log != stdout)
             sv_log(log, entry);
     }
-    return std::string("! Connections from ") + dotted + " are not allowed\r\n";
+}
+
+std::string sv_refusal(in_addr peer) {
+    sv_log_refused(peer);
+    return "! Connections from " + dotted(peer) + " are not allowed\r\n";
+}
+
+bool sv_is_from_browser(std::string_view first) {
+    // What browsers send unasked for; the last is TLS.
+    static constexpr std::string_view beginnings[] = {"GET /", "HEAD /", "POST /", "OPTIONS /", "\x16\x03"};
+    return std::any_of(std::begin(beginnings), std::end(beginnings),
+                       [&](std::string_view b) { return first.starts_with(b); });
 }
 
 } // namespace kestrel

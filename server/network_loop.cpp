@@ -30,6 +30,7 @@
 #include <new>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace kestrel {
@@ -222,10 +223,20 @@ std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     return client[cn].valid ? user_prompt(cn) : 0;
 }
 
+void refuse_browser(int cn) {
+    sv_log_refused(client[cn].addr.sin_addr);
+    sv_printf(cn, "! A browser gets no session\n");
+    sv_disconnect_client(cn);
+}
+
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
 // when more bytes are to be served.
 bool serve_one_line(int cn, activity_clock::time_point &now, std::size_t &unsent) {
     client_descriptor &c = client[cn];
+    if (!std::exchange(c.met, true) && sv_is_from_browser(sv_received(c.received))) {
+        refuse_browser(cn);
+        return false;
+    }
     std::string reply;
     std::string notice;
     std::size_t used = 0;
