@@ -41,7 +41,7 @@ class Confined(Server):
 
 
 @pytest.mark.parametrize("request_line", ["POST / HTTP/1.1", "GET /" + "x" * 3000 + " HTTP/1.1", "OPTIONS / HTTP/1.1",
-                                          "\x16\x03\x01" + "y" * 3000])
+                                          "\x16\x03\x01" + "y" * 3000], ids=["post", "long", "preflight", "tls"])
 def test_a_page_in_a_browser_gives_no_commands(start, request_line):
     """What any page may make a browser send, the lines of its body being commands; a line of more than 1024 characters
     would end the server."""

@@ -99,7 +99,7 @@ def test_narrow_screens_get_the_maximum_of_each_column_and_row(display, module):
 def test_what_a_float_does_not_hold_is_sent_as_it_is(display, module, value):
     name, data = module(40000, kind="double")
     data[:] = value
-    assert (Socket(display).look(0, name, 0, 39999, 0, 0, 0, 0).rows == value).all()
+    assert (Socket(display).look(0, name, 0, 39999, 0, 0, 0, 0).rows.astype("f8") == value).all()
 
 
 def test_contents_name_the_request_they_answer(display, module):
@@ -122,6 +122,7 @@ def test_large_modules_take_a_part_of_the_processor_only(display, module):
     assert (processor_time(display) - before) / (time.monotonic() - begun) < 0.4
 
 
+@pytest.mark.skipif(SCALE != 1, reason="sanitizers look at memory through a pipe of their own")
 def test_a_display_without_descriptors_waits_for_them(display):
     limit = resource.prlimit(display.process.pid, resource.RLIMIT_NOFILE)
     get(display, "/")
