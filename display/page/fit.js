@@ -42,6 +42,7 @@ export class Fit {
             return;
         const point = Math.min(indexOf("fitpoint"), result.nx - 1);
         const row = Math.min(point, spectra.ny * spectra.nt - 1), y = row % spectra.ny, t = Math.floor(row / spectra.ny);
+        byId("fitnote").textContent = `Point ${point} of ${result.nx}: row y ${y}, t ${t} of the spectra`;
         this.labels = result.labels;
         this.app.live.look(resultView, result.name, [point, point, 0, 0, 0, everything], 1, result.nt, (m) => {
             this.values = new Map(this.labels.map((label, i) => [label, m.values[i]]));

@@ -77,6 +77,7 @@ export class Rates {
     draw() {
         if (!this.shown)
             return;
+        byId("ratenote").textContent = this.head?.rows ? `Frame ${this.head.t0} of ${this.head.nt}` : "";
         fill("ratetable", rateHeads, this.rows(), () => false);
         fill("losstable", lossHeads, this.lost, (value, i) => i > 2 && value > 0);
     }

@@ -75,7 +75,21 @@ export class Spectra {
                 if (row >= 0 && row < message.rows)
                     this.series.push({channel, frame, y, t, values: message.values.subarray(row * message.columns, (row + 1) * message.columns)});
             }
+        this.tellLines();
         this.draw();
+    }
+
+    // Which line is which; what was asked for and is not there is not among them.
+    tellLines() {
+        const texts = this.series.map((s) => `channel ${s.channel}, frame ${s.frame}`), told = texts.join();
+        if (this.told === told)
+            return;
+        this.told = told;
+        byId("legend").replaceChildren(...texts.map((textContent, i) => {
+            const name = Object.assign(document.createElement("span"), {textContent});
+            name.style.color = hues[i % hues.length];
+            return name;
+        }));
     }
 
     energy(channel) { return numberOf("offset", 0) + numberOf("gain", 1) * channel; }

@@ -77,6 +77,10 @@ def test_spectra_zoom_pan_scales_and_the_energy_axis(page, spectra):
     width = page.run("return Math.round(document.getElementById('plot').clientWidth * devicePixelRatio)")
     edges = [BINS * c // width for c in range(width + 1)]
     wait_drawn(page, [[data[c, a:b].max() for a, b in zip(edges, edges[1:])] for c in (2, 3, 7)])
+    assert page.run("return document.getElementById('legend').innerText").split("\n") == [f"channel {c}, frame 0" for c in (2, 3, 7)]
+    page.set("frames", "99")  # there is none: what is shown says so
+    assert page.run("return document.getElementById('legend').innerText").startswith("channel 2, frame 0")
+    page.set("frames", "0")
     page.run("display.tabs.spectra.zoom([1200, 1499])")
     wait_drawn(page, data[[2, 3, 7], 1200:1500])
     page.set("gain", "0.005")
