@@ -3,6 +3,7 @@
 #include "display/modules_seen.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -17,6 +18,7 @@ namespace {
 
 constexpr std::uint32_t columns_max = 65536, rows_max = 4096;
 constexpr std::size_t elements_max = 2 << 20; // of one view
+constexpr std::size_t held_max = 256 << 20;   // bytes of all contents together
 constexpr std::size_t read_max = 16 << 20;    // elements of a module that one view may cover
 constexpr std::uint64_t tick_max = 8 << 20; // elements that one refresh reads; other views wait for the next
 // Ten contents of a view a second in the mean; one may come early, so that what is written ten times a second is sent as
@@ -129,6 +131,19 @@ std::string packed(const view_head &head, const std::vector<double> &values) {
     return text;
 }
 
+// Bytes of all contents that somebody has: of views, and old ones on their way to slow browsers.
+std::atomic<std::size_t> held{0};
+
+std::shared_ptr<const std::string> hold_contents(std::string text) {
+    const std::size_t size = text.size();
+    const auto *const contents = new std::string(std::move(text));
+    held += size;
+    return {contents, [size](const std::string *c) {
+                held -= size;
+                delete c;
+            }};
+}
+
 double now_ms() {
     return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
         .count();
@@ -151,8 +166,10 @@ std::uint64_t work_out(view &v) {
         head = head_of(v.request, module.shape);
     const std::uint64_t covered =
         std::uint64_t{head.x1 - head.x0 + 1} * (head.y1 - head.y0 + 1) * (head.t1 - head.t0 + 1);
-    if (std::size_t{head.columns} * head.rows > elements_max || covered > read_max || !module.fd ||
-        !read_box(module, head, values))
+    const std::size_t elements = std::size_t{head.columns} * head.rows;
+    const std::size_t own = v.contents ? v.contents->size() : 0; // makes room
+    if (elements > elements_max || held + elements * sizeof(double) > held_max + own || covered > read_max ||
+        !module.fd || !read_box(module, head, values))
         head = {}, values.clear();
     const std::uint64_t looked_at = values.empty() ? 1 : covered;
     head.element_size = fit_in_floats(values) ? sizeof(float) : sizeof(double);
@@ -167,7 +184,7 @@ std::uint64_t work_out(view &v) {
     head.number = ++v.number;
     text.replace(0, sizeof head, reinterpret_cast<const char *>(&head), sizeof head);
     v.due = std::max(v.due, std::chrono::steady_clock::now()) + mean_time;
-    v.contents = std::make_shared<const std::string>(std::move(text));
+    v.contents = hold_contents(std::move(text));
     return looked_at;
 }
 

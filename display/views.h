@@ -38,7 +38,8 @@ struct view {
     view_request request;
     std::uint32_t number = 0;                    // of the newest contents; 0: there are none
     std::chrono::steady_clock::time_point due{}; // of the next contents, in the mean
-    std::shared_ptr<const std::string> contents; // view_head and elements; columns and rows 0: no such module
+    std::shared_ptr<const std::string>
+        contents; // view_head and elements; columns and rows 0: no such module, or no room
 };
 
 class view_table {

@@ -3,7 +3,7 @@
 import {byId, everything, firstBin, indexOf, layout, saveCsv, savePng, short, style} from "./common.js";
 
 const view = 1;
-const nothingThere = "Nothing can be shown: the module has gone, or the plane is larger than what the display reads at once.";
+const nothingThere = "Nothing can be shown: the module has gone, or the display has no room for as much of it.";
 
 // 256 colours from dark blue over green to yellow.
 const palette = Uint32Array.from({length: 256}, (_, i) => {

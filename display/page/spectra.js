@@ -4,7 +4,7 @@ import {bins, byId, everything, firstBin, hues, layout, most, numberOf, numbersO
 import {elementLines} from "./lines.js";
 
 const view = 0, firstRegion = 8, mostRegions = 6, sideBins = 3;
-const nothingThere = "Nothing can be shown: the module has gone, or is larger than what the display reads of it at once.";
+const nothingThere = "Nothing can be shown: the module has gone, or the display has no room for as much of it.";
 
 export class Spectra {
     constructor(app) {

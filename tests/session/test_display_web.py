@@ -317,6 +317,21 @@ def test_a_browser_that_reads_nothing_loses_updates_and_costs_no_memory(display,
     assert lost > 5
 
 
+def test_many_large_views_have_no_more_memory_than_there_is_for_all(display, module):
+    name, _ = module(4096, 512)
+    last = Socket(display)
+    before, greedy, ends = resident(display), [Socket(display) for _ in range(4)], iter(range(4095, 0, -1))
+    look = lambda: last.look(15, name, 0, 4095, 0, 511, 0, next(ends)).rows.size
+    for number, page in enumerate(greedy):
+        for i in range(16):
+            page.send(f"view {i} {name} 0 {4095 - 16 * number - i} 0 511 0 0 65536 4096")
+    wait_until(lambda: look() == 0, "end of the room")
+    assert resident(display) - before < (450e6 if SCALE == 1 else 1500e6)
+    for page in greedy:
+        page.close()
+    wait_until(lambda: look() == 4096 * 512, "room again")
+
+
 def test_the_link_port_and_the_page_take_only_allowed_peers(start):
     display = start("-allow=127.0.0.1", "-log=log", kind=Display)
     assert get(display, "/")[0] == 200
