@@ -44,7 +44,7 @@ bool browser_state::take_request(std::string_view request, live_state &live) {
         return false;
     const std::optional<view_request> wanted = parse_view(request.substr(1));
     if (wanted)
-        views_[number] = {live.views.find(*wanted), 0, 0};
+        views_[number] = {live.views.find(*wanted), 0, 0, ++asked_};
     return wanted.has_value();
 }
 
@@ -76,6 +76,7 @@ std::optional<live_message> browser_state::next(const live_state &live) {
         message_head head;
         head.view = static_cast<std::uint32_t>(number);
         head.lost = lost_;
+        head.asked = v.asked;
         return live_message{true, head, v.seen->contents};
     }
     return std::nullopt;

@@ -44,9 +44,9 @@ class live_state {
 // In front of a view's contents.
 struct message_head {
     char mark[4] = {'K', 'D', 'V', '1'};
-    std::uint32_t view = 0; // the browser's number of it
-    std::uint32_t lost = 0; // updates that this browser was too slow for, so far
-    std::uint32_t spare = 0;
+    std::uint32_t view = 0;  // the browser's number of it
+    std::uint32_t lost = 0;  // updates that this browser was too slow for, so far
+    std::uint32_t asked = 0; // which of this browser's requests for views it answers, from 1
 };
 
 struct live_message {
@@ -70,11 +70,13 @@ class browser_state {
         std::shared_ptr<view> seen;
         std::uint32_t sent = 0;  // number of the contents that it got
         std::uint32_t known = 0; // and that there were at the last tick
+        std::uint32_t asked = 0; // by which request
     };
     std::array<looked_at, views_of_browser> views_;
     std::array<std::uint32_t, live_state::text_count> texts_sent_{};
     std::uint32_t lost_ = 0;
-    std::size_t turn_ = 0; // the view to be looked at first
+    std::uint32_t asked_ = 0; // requests for views so far
+    std::size_t turn_ = 0;    // the view to be looked at first
 };
 
 } // namespace kestrel::display

@@ -92,13 +92,6 @@ template <class Element> void widen(const std::vector<std::byte> &from, std::vec
 
 } // namespace
 
-bool seen_module::operator==(const seen_module &other) const {
-    return name == other.name && title == other.title && x_label == other.x_label &&
-           y_label == other.y_label && changed_ms == other.changed_ms && shape.num_x == other.shape.num_x &&
-           shape.num_y == other.shape.num_y && shape.num_t == other.shape.num_t &&
-           shape.data_type == other.shape.data_type;
-}
-
 std::vector<seen_module> look_at_modules(const std::vector<seen_module> &before) {
     static std::vector<std::pair<std::string, std::size_t>> prints; // of the last look, by name
     std::vector<std::pair<std::string, std::size_t>> fresh;

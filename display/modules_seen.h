@@ -17,8 +17,6 @@ struct seen_module {
     std::int64_t changed_ms =
         0; // since the epoch, when a look at its samples found others; 0: not since we look
     std::vector<std::string> frame_labels{};
-
-    bool operator==(const seen_module &) const;
 };
 
 // Those with a header that is whole, by name. What `before` knew of changes is carried on.

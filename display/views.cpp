@@ -3,10 +3,13 @@
 #include "display/modules_seen.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 namespace kestrel::display {
@@ -15,12 +18,13 @@ namespace {
 
 constexpr std::uint32_t columns_max = 65536, rows_max = 4096;
 constexpr std::size_t elements_max = 2 << 20; // of one view
+constexpr std::size_t held_max = 256 << 20;   // bytes of all contents together
 constexpr std::size_t read_max = 16 << 20;    // elements of a module that one view may cover
 constexpr std::uint64_t tick_max = 8 << 20; // elements that one refresh reads; other views wait for the next
 // Ten contents of a view a second in the mean; one may come early, so that what is written ten times a second is sent as
 // soon as it is written, whatever its phase.
 constexpr std::chrono::milliseconds mean_time{100}, early_time{50};
-constexpr std::size_t exact_elements_max = 1 << 15; // more go as floats
+constexpr int rest_share = 3; // times as long as a refresh was busy is rested after it
 
 int hex_digit(char c) {
     return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
@@ -78,12 +82,12 @@ view_head head_of(const view_request &r, const kestrel_module &m) {
     return h;
 }
 
-// The maximum of each group of elements; what is not a number counts only among its like.
+// The maximum of each group of elements that are numbers.
 void reduce_row(const std::vector<double> &row, double *out, std::uint32_t columns) {
     for (std::size_t c = 0; c < columns; ++c) {
         const std::size_t first = row.size() * c / columns, last = row.size() * (c + 1) / columns;
         for (std::size_t i = first; i < last; ++i)
-            if (!(row[i] <= out[c]) && row[i] == row[i])
+            if (row[i] > out[c])
                 out[c] = row[i];
     }
 }
@@ -104,6 +108,15 @@ bool read_box(const open_module &module, const view_head &h, std::vector<double>
     return true;
 }
 
+// Counts and floats do, and take half the room.
+bool fit_in_floats(const std::vector<double> &values) {
+    return std::all_of(values.begin(), values.end(), [](double v) {
+        constexpr double largest = std::numeric_limits<float>::max();
+        return !std::isfinite(v) ||
+               (std::abs(v) <= largest && static_cast<double>(static_cast<float>(v)) == v);
+    });
+}
+
 std::string packed(const view_head &head, const std::vector<double> &values) {
     std::string text(reinterpret_cast<const char *>(&head), sizeof head);
     text.resize(sizeof head + values.size() * head.element_size);
@@ -118,9 +131,29 @@ std::string packed(const view_head &head, const std::vector<double> &values) {
     return text;
 }
 
+// Bytes of all contents that somebody has: of views, and old ones on their way to slow browsers.
+std::atomic<std::size_t> held{0};
+
+std::shared_ptr<const std::string> hold_contents(std::string text) {
+    const std::size_t size = text.size();
+    const auto *const contents = new std::string(std::move(text));
+    held += size;
+    return {contents, [size](const std::string *c) {
+                held -= size;
+                delete c;
+            }};
+}
+
 double now_ms() {
     return std::chrono::duration<double, std::milli>(std::chrono::system_clock::now().time_since_epoch())
         .count();
+}
+
+// Of this thread on its processor; what it waited for others is none.
+std::chrono::nanoseconds busy_time() {
+    timespec time{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 // How many elements it looked at.
@@ -133,11 +166,13 @@ std::uint64_t work_out(view &v) {
         head = head_of(v.request, module.shape);
     const std::uint64_t covered =
         std::uint64_t{head.x1 - head.x0 + 1} * (head.y1 - head.y0 + 1) * (head.t1 - head.t0 + 1);
-    if (std::size_t{head.columns} * head.rows > elements_max || covered > read_max || !module.fd ||
-        !read_box(module, head, values))
+    const std::size_t elements = std::size_t{head.columns} * head.rows;
+    const std::size_t own = v.contents ? v.contents->size() : 0; // makes room
+    if (elements > elements_max || held + elements * sizeof(double) > held_max + own || covered > read_max ||
+        !module.fd || !read_box(module, head, values))
         head = {}, values.clear();
     const std::uint64_t looked_at = values.empty() ? 1 : covered;
-    head.element_size = values.size() > exact_elements_max ? sizeof(float) : sizeof(double);
+    head.element_size = fit_in_floats(values) ? sizeof(float) : sizeof(double);
     std::string text = packed(head, values);
     // Time and number alone are no change.
     const auto body = [](const std::string &t) {
@@ -149,7 +184,7 @@ std::uint64_t work_out(view &v) {
     head.number = ++v.number;
     text.replace(0, sizeof head, reinterpret_cast<const char *>(&head), sizeof head);
     v.due = std::max(v.due, std::chrono::steady_clock::now()) + mean_time;
-    v.contents = std::make_shared<const std::string>(std::move(text));
+    v.contents = hold_contents(std::move(text));
     return looked_at;
 }
 
@@ -180,6 +215,9 @@ std::shared_ptr<view> view_table::find(const view_request &request) {
 
 void view_table::refresh() {
     std::erase_if(views_, [](const auto &entry) { return entry.second.expired(); });
+    if (std::chrono::steady_clock::now() < rest_until_)
+        return;
+    const auto begun = busy_time();
     std::uint64_t read = 0;
     auto next = views_.upper_bound(last_);
     for (std::size_t left = views_.size(); left > 0 && read < tick_max; --left) {
@@ -190,6 +228,7 @@ void view_table::refresh() {
             read += work_out(*v);
         last_ = (next++)->first;
     }
+    rest_until_ = std::chrono::steady_clock::now() + rest_share * (busy_time() - begun);
 }
 
 } // namespace kestrel::display

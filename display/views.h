@@ -38,19 +38,22 @@ struct view {
     view_request request;
     std::uint32_t number = 0;                    // of the newest contents; 0: there are none
     std::chrono::steady_clock::time_point due{}; // of the next contents, in the mean
-    std::shared_ptr<const std::string> contents; // view_head and elements; columns and rows 0: no such module
+    std::shared_ptr<const std::string>
+        contents; // view_head and elements; columns and rows 0: no such module, or no room
 };
 
 class view_table {
   public:
     // The view of that request; the next refresh works it out when it is new.
     std::shared_ptr<view> find(const view_request &request);
-    // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick has time for.
+    // Works out all that somebody still has, but for those that have just changed; in turns, when that is more than a tick
+    // has time for, and in a quarter of a processor's time at most, however large the views are.
     void refresh();
 
   private:
     std::map<view_request, std::weak_ptr<view>> views_;
-    view_request last_; // that was worked out
+    view_request last_;                                  // that was worked out
+    std::chrono::steady_clock::time_point rest_until_{}; // the next refresh does nothing before
 };
 
 } // namespace kestrel::display

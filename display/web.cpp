@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <list>
 #include <thread>
+#include <utility>
 
 namespace kestrel::display {
 
@@ -49,6 +50,7 @@ struct web_server {
     live_state live;
     asio::io_context io{1};
     tcp::acceptor acceptor{io};
+    bool accepts = true;
     asio::steady_timer ticks{io};
     std::list<std::weak_ptr<connection>> connections;
     std::thread thread;
@@ -211,20 +213,38 @@ class connection : public std::enable_shared_from_this<connection> {
     bool is_sending_ = false;
 };
 
+// A stranger is not served, and has no place among the connections: one line, at once or not at all.
+void refuse(tcp::socket &socket, in_addr peer) {
+    const std::string answer =
+        "HTTP/1.1 403 Forbidden\r\nContent-Type: text/plain\r\nConnection: close\r\n\r\n" + sv_refusal(peer);
+    error_code ignored;
+    socket.non_blocking(true, ignored);
+    socket.send(asio::buffer(answer), 0, ignored);
+}
+
+void serve(web_server &s, tcp::socket socket) {
+    std::erase_if(s.connections, [](const auto &c) { return c.expired(); });
+    error_code error;
+    const auto peer = socket.remote_endpoint(error);
+    if (error || s.connections.size() >= connections_max)
+        return;
+    const in_addr address{htonl(peer.address().to_v4().to_uint())};
+    if (!sv_is_allowed(sv_options.allowed, address))
+        return refuse(socket, address);
+    socket.set_option(tcp::no_delay(true), error);
+    const auto fresh = std::make_shared<connection>(std::move(socket), s);
+    s.connections.push_back(fresh);
+    fresh->read_request();
+}
+
 void accept_next(web_server &s) {
     s.acceptor.async_accept([&s](error_code error, tcp::socket socket) {
         if (error == asio::error::operation_aborted)
             return;
-        std::erase_if(s.connections, [](const auto &c) { return c.expired(); });
-        error_code ignored;
-        const auto peer = socket.is_open() ? socket.remote_endpoint(ignored) : tcp::endpoint();
-        const in_addr address{peer.address().is_v4() ? htonl(peer.address().to_v4().to_uint()) : 0};
-        if (!error && s.connections.size() < connections_max && sv_is_allowed(sv_options.allowed, address)) {
-            socket.set_option(tcp::no_delay(true), ignored);
-            const auto fresh = std::make_shared<connection>(std::move(socket), s);
-            s.connections.push_back(fresh);
-            fresh->read_request();
-        }
+        s.accepts = !error; // without a descriptor it stays in the backlog, and the next tick tries again
+        if (error)
+            return;
+        serve(s, std::move(socket));
         accept_next(s);
     });
 }
@@ -238,6 +258,8 @@ void tick_next(web_server &s) {
         for (const std::weak_ptr<connection> &c : s.connections)
             if (const std::shared_ptr<connection> open = c.lock())
                 open->after_tick();
+        if (!std::exchange(s.accepts, true))
+            accept_next(s);
         tick_next(s);
     });
 }

@@ -1,9 +1,11 @@
 #include "server/allowed.h"
 
+#include "server/logs.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
-#include <string>
+#include <cstdio>
 
 namespace kestrel {
 
@@ -27,6 +29,12 @@ bool parse_network(std::string_view text, ip_network &network) {
     const char *const last = text.data() + text.size();
     const auto [end, error] = std::from_chars(text.data() + slash + 1, last, network.bits);
     return error == std::errc() && end == last && network.bits >= 0 && network.bits <= address_bits;
+}
+
+std::string dotted(in_addr address) {
+    char text[INET_ADDRSTRLEN] = "";
+    ::inet_ntop(AF_INET, &address, text, sizeof text);
+    return text;
 }
 
 } // namespace
@@ -56,6 +64,27 @@ bool sv_is_allowed(const std::vector<ip_network> &networks, in_addr peer) {
     return networks.empty() || std::any_of(networks.begin(), networks.end(), [&](const ip_network &n) {
                return ((address ^ n.address) & mask_of(n.bits)) == 0;
            });
+}
+
+void sv_log_refused(in_addr peer) {
+    const std::string entry = "Connection from " + dotted(peer) + " refused\n";
+    std::fputs(entry.c_str(), stdout);
+    for (std::FILE *log : {log_file, vlog_file}) {
+        if (log && log != stdout)
+            sv_log(log, entry);
+    }
+}
+
+std::string sv_refusal(in_addr peer) {
+    sv_log_refused(peer);
+    return "! Connections from " + dotted(peer) + " are not allowed\r\n";
+}
+
+bool sv_is_from_browser(std::string_view first) {
+    // What browsers send unasked for; the last is TLS.
+    static constexpr std::string_view beginnings[] = {"GET /", "HEAD /", "POST /", "OPTIONS /", "\x16\x03"};
+    return std::any_of(std::begin(beginnings), std::end(beginnings),
+                       [&](std::string_view b) { return first.starts_with(b); });
 }
 
 } // namespace kestrel

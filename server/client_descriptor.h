@@ -23,6 +23,7 @@ struct session_fields {
     int out = -1; // what replies are written to
     sockaddr_in addr{};
     int radix = 10;
+    bool met = false;       // its first bytes were looked at
     bool is_socket = false; // a network session: `in` and `out` are the same socket
     bool ended = false;     // direct mode: the session is over, its slot stays until the loop ends
     session_outbox outbox;

@@ -30,6 +30,7 @@
 #include <new>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <utility>
 #include <vector>
 
 namespace kestrel {
@@ -125,15 +126,8 @@ void refuse_without_memory(int cn, int fd) {
     std::fprintf(stderr, "server: Out of memory, connection %d refused\n", cn);
 }
 
-// The one line that somebody gets whom -allow leaves out; the logs and standard output tell of it.
-void refuse_stranger(const char *dotted, int fd) {
-    const std::string entry = std::string("Connection from ") + dotted + " refused\n";
-    std::fputs(entry.c_str(), stdout);
-    for (std::FILE *log : {log_file, vlog_file}) {
-        if (log && log != stdout)
-            sv_log(log, entry);
-    }
-    const std::string line = std::string("! Connections from ") + dotted + " are not allowed\r\n";
+void refuse_stranger(in_addr peer, int fd) {
+    const std::string line = sv_refusal(peer);
     [[maybe_unused]] const ssize_t sent = ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
@@ -155,7 +149,7 @@ void accept_session(session_watch &watch) {
     char dotted[INET_ADDRSTRLEN] = "";
     ::inet_ntop(AF_INET, &peer.sin_addr, dotted, sizeof dotted);
     if (!sv_is_allowed(sv_options.allowed, peer.sin_addr)) {
-        refuse_stranger(dotted, fd.get());
+        refuse_stranger(peer.sin_addr, fd.get());
         return;
     }
     std::printf("%d: New connection established to %s\n", cn, dotted);
@@ -229,10 +223,20 @@ std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     return client[cn].valid ? user_prompt(cn) : 0;
 }
 
+void refuse_browser(int cn) {
+    sv_log_refused(client[cn].addr.sin_addr);
+    sv_printf(cn, "! A browser gets no session\n");
+    sv_disconnect_client(cn);
+}
+
 // Feeds the session's received bytes up to the end of one line, and runs it; says what is unsent then. True
 // when more bytes are to be served.
 bool serve_one_line(int cn, activity_clock::time_point &now, std::size_t &unsent) {
     client_descriptor &c = client[cn];
+    if (!std::exchange(c.met, true) && sv_is_from_browser(sv_received(c.received))) {
+        refuse_browser(cn);
+        return false;
+    }
     std::string reply;
     std::string notice;
     std::size_t used = 0;

@@ -34,11 +34,25 @@ bool wait_for(int fd, short events, steady::time_point end) {
     }
 }
 
+// Without a folder of the user's own there is one in /tmp, where anybody may have made it before.
+std::string temporary_folder() {
+    return "/tmp/kestrel-" + std::to_string(::geteuid());
+}
+
+bool is_planted(const std::string &path) {
+    struct stat status {};
+    const std::string folder = temporary_folder();
+    return path.starts_with(folder + "/") && ::lstat(folder.c_str(), &status) == 0 &&
+           (!S_ISDIR(status.st_mode) || status.st_uid != ::geteuid());
+}
+
 bool connect_to(const std::string &path, steady::time_point end, unique_fd &fd, std::string &answer) {
     sockaddr_un address{};
     struct stat status {};
     if (!control_address(path, address))
         return give_up(answer, path + " is too long for a socket");
+    if (is_planted(path))
+        return give_up(answer, "no server at " + path + ": its folder belongs to somebody else");
     if (::lstat(path.c_str(), &status) != 0)
         return give_up(answer, "no server at " + path + ": " + std::strerror(errno));
     if (!S_ISSOCK(status.st_mode))
@@ -59,12 +73,11 @@ std::string control_folder() {
     const char *const runtime = std::getenv("XDG_RUNTIME_DIR");
     if (runtime && *runtime == '/')
         return runtime;
-    const std::string user = std::to_string(::geteuid());
     struct stat status {};
-    const std::string run = "/run/user/" + user;
+    const std::string run = "/run/user/" + std::to_string(::geteuid());
     if (::stat(run.c_str(), &status) == 0 && status.st_uid == ::geteuid())
         return run;
-    return "/tmp/kestrel-" + user;
+    return temporary_folder();
 }
 
 std::string control_path(int port) {

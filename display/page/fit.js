@@ -1,6 +1,6 @@
 // A module of peak-fit results beside its spectra: the spectrum of a point, the fitted model over it, what is left.
 import uPlot from "./uPlot.esm.js";
-import {byId, everything, hues, offer, saveCsv, savePng, short, style} from "./common.js";
+import {bins, byId, everything, hues, indexOf, most, offer, saveCsv, savePng, short, style} from "./common.js";
 
 const spectrumView = 3, resultView = 4;
 const shapes = ["posn", "height", "sigma", "lor_wid", "lor_frac"];
@@ -30,7 +30,7 @@ export class Fit {
 
     modules(list) {
         offer(byId("fitresult"), list.filter((m) => m.labels.includes("posn[0]")).map((m) => m.name));
-        offer(byId("fitspectra"), list.filter((m) => m.nx >= 16 && !m.labels.includes("posn[0]")).map((m) => m.name),
+        offer(byId("fitspectra"), list.filter((m) => m.nx >= 16 && m.nx <= most.columns && !m.labels.includes("posn[0]")).map((m) => m.name),
             (name) => name === this.app.module()?.name);
         if (this.shown && !this.head)
             this.look();
@@ -40,14 +40,15 @@ export class Fit {
         const result = this.app.named(byId("fitresult").value), spectra = this.app.named(byId("fitspectra").value);
         if (!this.shown || !result || !spectra)
             return;
-        const point = Math.min(Number(byId("fitpoint").value) || 0, result.nx - 1);
+        const point = Math.min(indexOf("fitpoint"), result.nx - 1);
         const row = Math.min(point, spectra.ny * spectra.nt - 1), y = row % spectra.ny, t = Math.floor(row / spectra.ny);
+        byId("fitnote").textContent = `Point ${point} of ${result.nx}: row y ${y}, t ${t} of the spectra`;
         this.labels = result.labels;
         this.app.live.look(resultView, result.name, [point, point, 0, 0, 0, everything], 1, result.nt, (m) => {
             this.values = new Map(this.labels.map((label, i) => [label, m.values[i]]));
             this.draw();
         });
-        this.app.live.look(spectrumView, spectra.name, [0, everything, y, y, t, t], 65536, 1, (m) => {
+        this.app.live.look(spectrumView, spectra.name, [0, everything, y, y, t, t], most.columns, 1, (m) => {
             this.head = m;
             this.draw();
         });
@@ -91,7 +92,7 @@ export class Fit {
         }
         plot?.destroy();
         const axis = {stroke: style("--ink"), grid: {stroke: style("--line"), width: 1}};
-        const series = data.length === 3 ? [{stroke: hues[0], width: 1, paths: uPlot.paths.stepped({align: 1})}, {stroke: hues[1], width: 1}]
+        const series = data.length === 3 ? [{stroke: hues[0], width: 1, paths: bins}, {stroke: hues[1], width: 1}]
             : [{stroke: hues[4], width: 1}];
         return new uPlot({width, height, scales: {x: {time: false}}, axes: [axis, {...axis, size: 70}],
             series: [{}, ...series.map((s) => ({...s, points: {show: false}}))]}, data, byId(id));

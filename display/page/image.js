@@ -1,8 +1,9 @@
 // A plane of a module in false colour: x and y of one frame, or x and frames of one channel (a waterfall); profiles along
 // the row and the column that were clicked.
-import {byId, everything, layout, saveCsv, savePng, short, style} from "./common.js";
+import {byId, everything, firstBin, indexOf, layout, saveCsv, savePng, short, style} from "./common.js";
 
 const view = 1;
+const nothingThere = "Nothing can be shown: the module has gone, or the display has no room for as much of it.";
 
 // 256 colours from dark blue over green to yellow.
 const palette = Uint32Array.from({length: 256}, (_, i) => {
@@ -56,8 +57,10 @@ export class Picture {
         const module = this.app.module();
         if (!this.shown || !module)
             return;
-        const waterfall = byId("plane").value === "xt", n = Number(byId("planenumber").value) || 0;
-        byId("planename").textContent = waterfall ? "channel" : "frame";
+        const waterfall = byId("plane").value === "xt", n = indexOf("planenumber");
+        [this.upward, this.plane] = waterfall ? ["frame", "channel"] : ["channel", "frame"];
+        byId("planename").textContent = this.plane;
+        this.turned = layout(module).turned;
         const width = Math.max(200, (byId("image").clientWidth || 800) - 130);
         const plane = layout(module).box(...(waterfall ? [n, n, 0, everything] : [0, everything, n, n]));
         this.app.live.look(view, module.name, [0, everything, ...plane], width, 480, (m) => this.draw(m));
@@ -66,8 +69,12 @@ export class Picture {
     draw(message) {
         this.head = message;
         const canvas = byId("picture"), pixels = new Uint32Array(message.columns * message.rows);
-        if (!pixels.length)
+        if (!pixels.length) {
+            for (const id of ["picture", "profilex", "profiley"])
+                byId(id).getContext("2d").clearRect(0, 0, byId(id).width, byId(id).height);
+            byId("imagereadout").textContent = nothingThere;
             return;
+        }
         ranks(message.values, byId("colours").value).forEach((rank, i) => { pixels[i] = palette[rank]; });
         canvas.width = message.columns;
         canvas.height = message.rows;
@@ -81,25 +88,43 @@ export class Picture {
 
     profiles() {
         const {columns, rows, values} = this.head;
+        if (!rows)
+            return;
         const x = Math.min(this.mark[0], columns - 1), y = Math.min(this.mark[1], rows - 1);
         const along = Array.from(values.subarray(y * columns, (y + 1) * columns));
         const down = Array.from({length: rows}, (_, i) => values[i * columns + x]);
         line(byId("profilex"), along, parseInt(byId("picture").style.width), 120, false);
         line(byId("profiley"), down, 120, parseInt(byId("picture").style.height), true);
         this.shownProfiles = {x, y, along, down};
-        byId("imagereadout").textContent = `column ${x}, row ${y} of ${columns} × ${rows} (module ${this.head.nx} × ${this.head.ny} × ` +
-            `${this.head.nt}): ${short(values[y * columns + x])}`;
+        const xs = range(firstBin(this.head, x), firstBin(this.head, x + 1)), ys = range(this.rowOf(y), this.rowOf(y + 1));
+        byId("imagereadout").textContent = `x ${xs}, ${this.upward} ${ys}, ${this.plane} ${this.planeNumber()} ` +
+            `(module ${this.head.nx} × ${this.head.ny} × ${this.head.nt}): ${short(values[y * columns + x])}` +
+            `${/–/.test(xs + ys) ? " (maximum)" : ""}`;
     }
 
+    // The first of the channels or frames that a row of the picture shows the maximum of.
+    rowOf(row) {
+        const height = Math.max(this.head.y1 - this.head.y0, this.head.t1 - this.head.t0) + 1;
+        return Math.ceil(height * row / this.head.rows);
+    }
+
+    // What the display took for the number that was typed.
+    planeNumber() { return (this.plane === "channel") === this.turned ? this.head.t0 : this.head.y0; }
+
+    // The first line and the first column tell where in the module.
     csv() {
         const {columns, rows, values} = this.head;
-        saveCsv(`${this.app.module().name}-image.csv`,
-            Array.from({length: rows}, (_, y) => Array.from(values.subarray(y * columns, (y + 1) * columns))));
+        saveCsv(`${this.app.module().name}-image.csv`, [
+            [`${this.upward} / x`, ...Array.from({length: columns}, (_, x) => firstBin(this.head, x))],
+            ...Array.from({length: rows}, (_, y) => [this.rowOf(y), ...values.subarray(y * columns, (y + 1) * columns)])]);
     }
 
     png() { savePng(`${this.app.module().name}-image.png`, byId("picture")); }
     key() { return false; }
 }
+
+// From..before, both whole numbers.
+function range(from, before) { return before - from > 1 ? `${from}–${before - 1}` : `${from}`; }
 
 function line(canvas, values, width, height, upright) {
     canvas.width = width;

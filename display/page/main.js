@@ -47,6 +47,8 @@ class App {
         if (!progress)
             return;
         this.live.look(progressView, progress.name, [0, 0, 0, everything, 0, 0], 1, 64, (m) => {
+            if (!m.rows)
+                return;
             const newest = Math.max(0, Math.min(...m.values) - 1);
             const moved = newest !== this.newest && byId("frames").value.trim() === "newest";
             this.newest = newest;
@@ -137,12 +139,13 @@ class App {
     }
 
     pause() {
-        this.live.paused = !this.live.paused;
+        this.live.pause(!this.live.paused);
         this.tellState();
     }
 
     key(event) {
-        if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT|TEXTAREA)$/.test(event.target.tagName))
+        const pressed = event.target.tagName;
+        if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT)$/.test(pressed) || (pressed === "BUTTON" && event.key === " "))
             return;
         const number = Number(event.key), names = Object.keys(this.tabs);
         const keys = {" ": () => this.pause(), p: () => this.tab().png(), c: () => this.tab().csv(), "/": () => byId("filter").focus()};

@@ -20,7 +20,8 @@ export class Overview {
             return;
         const width = byId("tiles").clientWidth || 800;
         const axes = layout(module), frame = Math.min(this.app.frames()[0], axes.frames - 1);
-        this.channels = Math.min(axes.channels, mostChannels);
+        this.all = axes.channels;
+        this.channels = Math.min(this.all, mostChannels);
         this.across = Math.max(1, Math.min(8, Math.floor(width / 140)));
         this.frame = frame;
         const columns = Math.floor(width / this.across * devicePixelRatio) - 6;
@@ -63,7 +64,7 @@ export class Overview {
         this.times.push(performance.now() - begun);
         if (this.times.length > 100)
             this.times.shift();
-        byId("overviewnote").textContent = `${message.rows} channels of ${message.nx} bins, frame ${frame}; ` +
+        byId("overviewnote").textContent = `${message.rows} of ${this.all} channels, ${message.nx} bins, frame ${frame}; ` +
             `number and highest bin; drawn in ${this.times.at(-1).toFixed(1)} ms`;
     }
 

@@ -1,9 +1,10 @@
 // Spectra over one another: scales, energy axis, zoom and pan, cursor, regions, lines of elements.
 import uPlot from "./uPlot.esm.js";
-import {byId, everything, hues, layout, numbersOf, saveCsv, savePng, scales, short, style} from "./common.js";
+import {bins, byId, everything, firstBin, hues, layout, most, numberOf, numbersOf, saveCsv, savePng, scales, short, style, tickTexts} from "./common.js";
 import {elementLines} from "./lines.js";
 
 const view = 0, firstRegion = 8, mostRegions = 6, sideBins = 3;
+const nothingThere = "Nothing can be shown: the module has gone, or the display has no room for as much of it.";
 
 export class Spectra {
     constructor(app) {
@@ -39,17 +40,34 @@ export class Spectra {
         this.channels = inside(numbersOf(byId("channels").value), axes.channels);
         this.frames = inside(this.app.frames(), axes.frames);
         const [x0, x1] = this.range ?? [0, everything];
+        const columns = Math.round(byId("plot").clientWidth * devicePixelRatio) || 1000;
+        this.leaveOutFar(columns, Math.min(x1, module.nx - 1) - x0 + 1);
         const [c0, c1, f0, f1] = [this.channels[0], this.channels.at(-1), this.frames[0], this.frames.at(-1)];
-        const rows = (c1 - c0 + 1) * (f1 - f0 + 1);
-        this.app.live.look(view, module.name, [x0, x1, ...axes.box(c0, c1, f0, f1)], Math.round(byId("plot").clientWidth * devicePixelRatio) || 1000, rows,
-            (m) => this.take(m));
+        this.app.live.look(view, module.name, [x0, x1, ...axes.box(c0, c1, f0, f1)], columns, this.rowsBetween(), (m) => this.take(m));
         this.lookAtRegions();
+    }
+
+    rowsBetween() { return (this.channels.at(-1) - this.channels[0] + 1) * (this.frames.at(-1) - this.frames[0] + 1); }
+
+    // One view brings all rows from the first to the last, up to a limit: what is too far away goes, and the page says so.
+    leaveOutFar(columns, width) {
+        const out = [], perRow = Math.min(columns, width);
+        const tooMany = (rows) => rows > most.rows || rows * perRow > most.elements || rows * width > most.covered;
+        while (tooMany(this.rowsBetween()) && this.channels.length + this.frames.length > 2) {
+            const [word, list] = this.channels.length > 1 ? ["channel", this.channels] : ["frame", this.frames];
+            out.unshift(`${word} ${list.pop()}`);
+        }
+        byId("spectranote").textContent = out.length ? `Too far from the others to be shown with them: ${out.join(", ")}` : "";
     }
 
     take(message) {
         const height = message.y1 - message.y0 + 1;
         this.head = message;
         this.series = [];
+        if (!message.rows)
+            byId("spectranote").textContent = nothingThere;
+        else if (byId("spectranote").textContent === nothingThere)
+            byId("spectranote").textContent = "";
         for (const frame of this.frames)
             for (const channel of this.channels) {
                 const {y, t} = this.axes.place(channel, frame);
@@ -57,19 +75,32 @@ export class Spectra {
                 if (row >= 0 && row < message.rows)
                     this.series.push({channel, frame, y, t, values: message.values.subarray(row * message.columns, (row + 1) * message.columns)});
             }
+        this.tellLines();
         this.draw();
     }
 
-    energy(channel) { return (Number(byId("offset").value) || 0) + (Number(byId("gain").value) || 1) * channel; }
-    channel(energy) { return (energy - (Number(byId("offset").value) || 0)) / (Number(byId("gain").value) || 1); }
+    // Which line is which; what was asked for and is not there is not among them.
+    tellLines() {
+        const texts = this.series.map((s) => `channel ${s.channel}, frame ${s.frame}`), told = texts.join();
+        if (this.told === told)
+            return;
+        this.told = told;
+        byId("legend").replaceChildren(...texts.map((textContent, i) => {
+            const name = Object.assign(document.createElement("span"), {textContent});
+            name.style.color = hues[i % hues.length];
+            return name;
+        }));
+    }
+
+    energy(channel) { return numberOf("offset", 0) + numberOf("gain", 1) * channel; }
+    channel(energy) { return (energy - numberOf("offset", 0)) / numberOf("gain", 1); }
 
     draw() {
         const head = this.head;
         if (!head || !this.shown)
             return;
         const scale = scales[byId("scale").value];
-        const step = (head.x1 - head.x0 + 1) / head.columns;
-        const xs = Float64Array.from({length: head.columns}, (_, i) => this.energy(head.x0 + Math.floor(i * step)));
+        const xs = Float64Array.from({length: head.columns}, (_, i) => this.energy(firstBin(head, i)));
         this.data = [xs, ...this.series.map((s) => Array.from(s.values, (v) => Number.isNaN(v) ? null : scale.to(v)))];
         const box = byId("plot"), width = box.clientWidth || 600;
         const key = [this.series.length, byId("scale").value, style("--ink")].join();
@@ -84,9 +115,8 @@ export class Spectra {
         const axis = {stroke: style("--ink"), grid: {stroke: style("--line"), width: 1}, ticks: {stroke: style("--line"), width: 1}};
         this.plot = new uPlot({
             width, height: 360, scales: {x: {time: false}}, legend: {show: false},
-            axes: [axis, {...axis, size: 70, values: (u, ticks) => ticks.map((y) => short(Number(scale.from(y).toPrecision(3))))}],
-            series: [{}, ...this.series.map((s, i) => ({stroke: hues[i % hues.length], width: 1, points: {show: false},
-                paths: uPlot.paths.stepped({align: 1})}))],
+            axes: [axis, {...axis, size: 70, values: (u, ticks) => tickTexts(ticks.map(scale.from))}],
+            series: [{}, ...this.series.map((s, i) => ({stroke: hues[i % hues.length], width: 1, points: {show: false}, paths: bins}))],
             cursor: {drag: {x: true, y: false, setScale: false}},
             hooks: {setSelect: [(u) => this.selected(u)], setCursor: [(u) => this.readOut(u)], draw: [(u) => this.drawLines(u)]},
         }, this.data, box);
@@ -130,10 +160,9 @@ export class Spectra {
         const i = u.cursor.idx;
         if (i === null || i === undefined || !this.head)
             return;
-        const step = (this.head.x1 - this.head.x0 + 1) / this.head.columns;
-        const channel = this.head.x0 + Math.floor(i * step);
+        const channel = firstBin(this.head, i), many = this.head.x1 - this.head.x0 + 1 > this.head.columns;
         const counts = this.series.map((s) => `${s.channel}${this.frames.length > 1 ? "/" + s.frame : ""}: ${short(s.values[i])}`).join("  ");
-        byId("readout").textContent = `channel ${channel}${step > 1 ? "… (maximum)" : ""}  energy ${short(this.energy(channel))}  ${counts}`;
+        byId("readout").textContent = `channel ${channel}${many ? "… (maximum)" : ""}  energy ${short(this.energy(channel))}  ${counts}`;
     }
 
     drawLines(u) {
@@ -162,7 +191,7 @@ export class Spectra {
     // ---- regions: their own bins come whole, whatever the zoom is
 
     addRegion(from, to) {
-        if (this.regions.length >= mostRegions || to < from || !this.series.length)
+        if (this.regions.length >= mostRegions || to < from || !this.series.length || to - from + 1 > most.columns - 2 * sideBins)
             return;
         const {channel, frame, y, t} = this.series[0];
         this.regions.push({from, to, channel, frame, y, t});
@@ -178,7 +207,7 @@ export class Spectra {
         this.regions.forEach((r, i) => {
             const a = Math.max(r.from - sideBins, 0), b = r.to + sideBins;
             this.app.live.look(firstRegion + i, module.name, [a, b, r.y, r.y, r.t, r.t], b - a + 1, 1, (m) => {
-                r.result = sumOf(m, r);
+                r.result = sumOf(m, r); // none while the bins are not there, or not all of them
                 this.showRegions();
             });
         });
@@ -203,10 +232,10 @@ export class Spectra {
     }
 
     csv() {
-        const head = this.head, step = (head.x1 - head.x0 + 1) / head.columns;
+        const head = this.head;
         const rows = [["channel", "energy", ...this.series.map((s) => `channel ${s.channel} frame ${s.frame}`)]];
         for (let i = 0; i < head.columns; ++i) {
-            const channel = head.x0 + Math.floor(i * step);
+            const channel = firstBin(head, i);
             rows.push([channel, this.energy(channel), ...this.series.map((s) => s.values[i])]);
         }
         saveCsv(`${this.app.module().name}.csv`, rows);
@@ -228,21 +257,26 @@ export class Spectra {
 // error is that of counting, in the region and in the bins that the line comes from.
 export function sumOf(message, {from, to}) {
     const at = (x) => message.values[x - message.x0];
-    let sum = 0, beside = 0, bins = 0;
+    let sum = 0;
     const last = Math.min(to, message.nx - 1);
+    if (last < from || message.columns !== message.x1 - message.x0 + 1)
+        return undefined;
     for (let x = from; x <= last; ++x)
         sum += at(x);
-    const sides = [[message.x0, from - 1], [last + 1, message.x1]].filter(([a, b]) => b >= a);
-    const means = sides.map(([a, b]) => {
+    const sides = [[message.x0, from - 1], [last + 1, message.x1]].filter(([a, b]) => b >= a).map(([a, b]) => {
         let total = 0;
         for (let x = a; x <= b; ++x)
             total += at(x);
-        beside += total / (b - a + 1) ** 2;
-        bins += b - a + 1;
-        return total / (b - a + 1);
+        return {middle: (a + b) / 2, mean: total / (b - a + 1), variance: total / (b - a + 1) ** 2};
     });
-    const width = last - from + 1;
-    const background = bins ? width * means.reduce((a, b) => a + b, 0) / means.length : 0;
-    const variance = sum + (means.length ? beside * (width / means.length) ** 2 : 0);
+    const width = last - from + 1, middle = (from + last) / 2;
+    // How much of each mean the line has in the region's middle; of one side alone it is level.
+    const [left, right] = sides, part = right ? (right.middle - middle) / (right.middle - left.middle) : 1;
+    const parts = [part, 1 - part];
+    let background = 0, variance = sum;
+    sides.forEach((side, i) => {
+        background += width * parts[i] * side.mean;
+        variance += (width * parts[i]) ** 2 * side.variance;
+    });
     return {sum, net: sum - background, error: Math.sqrt(Math.max(variance, 0))};
 }

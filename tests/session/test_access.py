@@ -40,6 +40,25 @@ class Confined(Server):
         self.process.returncode = 0
 
 
+@pytest.mark.parametrize("request_line", ["POST / HTTP/1.1", "GET /" + "x" * 3000 + " HTTP/1.1", "OPTIONS / HTTP/1.1",
+                                          "\x16\x03\x01" + "y" * 3000], ids=["post", "long", "preflight", "tls"])
+def test_a_page_in_a_browser_gives_no_commands(start, request_line):
+    """What any page may make a browser send, the lines of its body being commands; a line of more than 1024 characters
+    would end the server."""
+    server = start("-log=log")
+    mark = server.cwd / "mark"
+    with socket.create_connection(("127.0.0.1", server.port), 20) as peer:
+        peer.sendall(f"{request_line}\r\nHost: x\r\n\r\nsystem 'touch {mark}'\n".encode())
+        wait_until(lambda: (server.cwd / "log").read_text() == "Connection from 127.0.0.1 refused\n", "log entry")
+    assert server.client().lines("1+1") == ["* 2"] and not mark.exists()
+
+
+def test_only_the_first_bytes_tell_a_browser(server):
+    client = server.client()
+    assert client.lines("1+1") == ["* 2"]
+    assert client.lines("GET / HTTP/1.1")[-1] == "* -1"
+
+
 def test_sessions_come_to_the_given_address_only(start):
     server = start("-listen=127.0.0.1")
     assert server.client().lines("1+1") == ["* 2"]

@@ -251,6 +251,25 @@ def test_kestrelctl_explains_why_nobody_answers(folder):
         assert control(*wrong)[0] == 2, wrong
 
 
+def test_kestrelctl_trusts_no_folder_that_another_user_made(folder):
+    """A user without a folder of its own, whose place in /tmp somebody has taken."""
+    user = 54321
+    place = pathlib.Path(f"/tmp/kestrel-{user}")
+    program = shutil.copy(CONTROL, folder)
+    folder.chmod(0o755)
+    place.mkdir(0o755)
+    try:
+        with socket.socket(socket.AF_UNIX) as planted:
+            planted.bind(str(place / "kestrel-1.sock"))
+            os.chmod(place / "kestrel-1.sock", 0o777)
+            planted.listen()
+            done = subprocess.run([program, "-port=1", "status"], capture_output=True, text=True, timeout=60, user=user,
+                                  env={})
+    finally:
+        shutil.rmtree(place)
+    assert (done.returncode, done.stdout) == (1, "") and "its folder belongs to somebody else" in done.stderr
+
+
 def malformed(random):
     """Bytes that are no request."""
     kind = random.randrange(5)

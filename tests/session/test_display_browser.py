@@ -77,6 +77,10 @@ def test_spectra_zoom_pan_scales_and_the_energy_axis(page, spectra):
     width = page.run("return Math.round(document.getElementById('plot').clientWidth * devicePixelRatio)")
     edges = [BINS * c // width for c in range(width + 1)]
     wait_drawn(page, [[data[c, a:b].max() for a, b in zip(edges, edges[1:])] for c in (2, 3, 7)])
+    assert page.run("return document.getElementById('legend').innerText").split("\n") == [f"channel {c}, frame 0" for c in (2, 3, 7)]
+    page.set("frames", "99")  # there is none: what is shown says so
+    assert page.run("return document.getElementById('legend').innerText").startswith("channel 2, frame 0")
+    page.set("frames", "0")
     page.run("display.tabs.spectra.zoom([1200, 1499])")
     wait_drawn(page, data[[2, 3, 7], 1200:1500])
     page.set("gain", "0.005")
@@ -131,6 +135,102 @@ def test_a_region_has_sum_net_sum_and_error_whatever_the_zoom(page, spectra):
     assert f"{total + 1000:.0f}" in page.run("return document.getElementById('regions').innerText")
 
 
+def test_numbers_that_lead_nowhere_cost_no_connection(page, spectra, client, names):
+    name, data = spectra
+    tall = names("tall")
+    assert client.lines(f"module create '{tall}' 16 5001 header") == ["* 0"]
+    choose(page, name)
+    page.run("display.live.socket.mark = 1")
+    for tab, field in ("3", "planenumber"), ("4", "fitpoint"), ("5", "scalerframe"):
+        page.press(tab)
+        for typed in "-1", "1.5", "99999999999", "1e400", "x", "":
+            page.set(field, typed)
+    page.press("3")
+    page.set("planenumber", "-1")
+    page.wait("display.tabs.image.head?.t0 === 0 && document.getElementById('imagereadout').textContent.includes('frame 0')")
+    page.press("1")
+    choose(page, tall)
+    page.set("channels", "1,2,5000")
+    page.wait("document.getElementById('spectranote').textContent.endsWith('shown with them: channel 5000')")
+    page.wait("display.tabs.spectra.series.map((s) => s.channel).join() === '1,2'")
+    assert page.run("return display.live.socket.mark") == 1
+
+
+def test_a_paused_page_has_missed_nothing_when_it_goes_on(page, spectra):
+    name, data = spectra
+    choose(page, name)
+    page.run("display.tabs.spectra.zoom([0, 99])")
+    wait_drawn(page, [data[0, :100]])
+    page.press(" ")
+    before = data[0, :100].copy()
+    data[0, :100] += 1
+    page.wait("display.live.wanted.get(0).waiting !== null")
+    wait_drawn(page, [before])
+    page.run("display.tabs.spectra.zoom([100, 199])")  # what is asked for anew is shown
+    wait_drawn(page, [data[0, 100:200]])
+    data[0, 100:200] += 2
+    page.wait("display.live.wanted.get(0).waiting !== null")
+    page.press(" ")
+    wait_drawn(page, [data[0, 100:200]])
+
+
+def test_large_counts_are_told_to_the_last_digit(page, client, names):
+    name = names("large")
+    assert client.lines(f"module create '{name}' 60000 1 header") == ["* 0"]
+    data = Module(name).data[0]
+    data[:] = 16777217
+    choose(page, name)
+    wait_until(lambda: len(drawn(page)) == 2 and set(drawn(page)[1]) == {16777217}, "exact counts")
+    page.press("r", "f")
+    page.wait("document.getElementById('regions').innerText.includes(String(60000 * 16777217))")
+    page.run("display.tabs.spectra.addRegion(1, 40)")  # one bin on its left side
+    data[:50] = np.arange(50) * 1000
+    row = data.astype(float)
+    page.wait(f"display.tabs.spectra.regions[1]?.result?.sum === {row[1:41].sum()}")
+    got = page.run("return display.tabs.spectra.regions[1].result")
+    assert got["net"] == pytest.approx(0, abs=1e-3)  # a straight line leaves nothing
+    right = (42 - 20.5) / 42
+    variance = row[1:41].sum() + (40 * right) ** 2 * row[0] + (40 * (1 - right)) ** 2 * row[41:44].sum() / 9
+    assert got["error"] == pytest.approx(math.sqrt(variance))
+    os.truncate(f"/dev/shm/{name}", 5000)
+    page.wait("display.tabs.spectra.regions[1]?.result === undefined")
+    page.wait("document.getElementById('spectranote').textContent.startsWith('Nothing can be shown')")
+
+
+@pytest.mark.parametrize("ticks, texts", [
+    ([10010, 10020, 10030], ["10010", "10020", "10030"]), ([0, 0.1, 0.2, 0.30000000000000004], ["0", "0.1", "0.2", "0.3"]),
+    ([1, 3.1622776601683795, 10], ["1", "3.16", "10"]), ([1250000, 1250500], ["1250000", "1250500"]), ([5], ["5"]),
+    ([-0.5, 0, 0.5], ["-0.5", "0", "0.5"])])
+def test_ticks_are_what_their_words_say(page, ticks, texts):
+    assert page.run("const {tickTexts} = await import('./common.js'); return tickTexts(arguments[0])", ticks) == texts
+
+
+def test_corrected_rates_are_the_inverse_of_the_dead_time(page):
+    seen = [0, 1e3, 1e5, 5e5, 9e5, 0.999 / (math.e * 4e-7), 1.01 / (math.e * 4e-7)]
+    got = page.run("const {correctedRate} = await import('./rates.js'); return arguments[0].map((r) => correctedRate(r, 4e-7))", seen)
+    assert got[-1] is None  # beyond the peak nothing can be told
+    for rate, r in zip(got[:-1], seen):
+        assert rate * math.exp(-rate * 4e-7) == pytest.approx(r, rel=1e-9) and rate <= 1 / 4e-7
+    assert page.run("const {correctedRate} = await import('./rates.js'); return correctedRate(7, 0)") == 7
+
+
+@pytest.mark.parametrize("field, good, bad", [
+    ("gain", ["0.005", "1e-3", ".5", "10"], ["0", "0.00", "0e5", "-1", "0,005", "x", ""]),
+    ("offset", ["-0.02", "0"], ["1,5", "--1", ""]), ("tick", ["12.5"], ["0", "-3"]), ("deadtime", ["0", "400"], ["-1", "4 00"])])
+def test_a_number_that_is_none_is_marked_and_not_calculated_with(page, field, good, bad):
+    ask = "const {numberOf} = await import('./common.js'); return numberOf(arguments[0], 'none')"
+    for typed in good + bad:
+        page.set(field, typed)
+        assert page.run(ask, field) == (float(typed) if typed in good else "none"), typed
+        assert page.run("return document.querySelectorAll('input:invalid').length") == (typed in bad)
+
+
+def test_losses_of_two_systems_stay_apart(page):
+    text = "".join(f'kestrel_frames_total{{path="{p}",channel="0",fate="missing"}} {n}\n' for p, n in ((0, 5), (1, 0)))
+    lost = page.run("const {losses} = await import('./rates.js'); return losses(arguments[0]).map((r) => [r[0], r[1], r[4]])", text)
+    assert lost == [[0, 0, 5], [1, 0, 0]]
+
+
 def test_48_channels_are_drawn_within_40_ms(page, spectra):
     name, data = spectra
     choose(page, name)
@@ -173,6 +273,32 @@ def test_an_image_its_colours_and_profiles(page, client, names):
     page.wait("display.tabs.image.head?.rows === 3 && display.tabs.image.head.y0 === 50")
     values = page.run("return Array.from(display.tabs.image.head.values)")
     assert np.array_equal(np.reshape(values, (3, 200)), data[:, 50])
+    assert "frame 2, channel 50 (module 200 × 100 × 3)" in page.run(
+        "display.tabs.image.mark = [0, 2]; display.tabs.image.profiles(); return document.getElementById('imagereadout').textContent")
+    os.unlink(f"/dev/shm/{name}")
+    page.wait("document.getElementById('imagereadout').textContent.startsWith('Nothing can be shown')")
+
+
+def test_a_cut_down_waterfall_tells_which_bins_and_frames(page, client, names, tmp_path):
+    name = names("fall")
+    assert client.lines(f"module create '{name}' 4000 1 header num-t 1000") == ["* 0"]
+    data = Module(name).data
+    data[:] = np.random.default_rng(4).poisson(50, data.shape)
+    choose(page, name)
+    page.press("3")
+    page.set("plane", "xt")
+    page.wait("display.tabs.image.head?.rows === 480 && display.tabs.image.head.nx === 4000")
+    page.driver.execute_cdp_cmd("Browser.setDownloadBehavior", {"behavior": "allow", "downloadPath": str(tmp_path)})
+    page.press("c")
+    path = tmp_path / f"{name}-image.csv"
+    wait_until(path.exists, "saved file")
+    head, *rows = [line.split(",") for line in path.read_text().splitlines()]
+    xs, frames = list(map(int, head[1:])) + [4000], [int(row[0]) for row in rows] + [1000]
+    wanted = [[data[a:b, 0, c:d].max() for c, d in zip(xs, xs[1:])] for a, b in zip(frames, frames[1:])]
+    assert head[0] == "frame / x" and [list(map(int, row[1:])) for row in rows] == wanted
+    page.run("display.tabs.image.mark = [7, 9]; display.tabs.image.profiles()")
+    assert page.run("return document.getElementById('imagereadout').textContent").startswith(
+        f"x {xs[7]}–{xs[8] - 1}, frame {frames[9]}–{frames[10] - 1}, channel 0 ")
 
 
 def test_a_fitted_model_lies_over_its_spectrum(page, client, spectra, names):
@@ -221,7 +347,7 @@ def test_a_run_is_watched_while_cards_count(page, server, client, play):  # noqa
     os.unlink("/dev/shm/plr3_read_scalers")
     client.lines("close 0")
     page.press("5")
-    page.wait("display.tabs.rates.rows()[1]?.[7] === 6")
+    page.wait("display.tabs.rates.lost[1]?.[2] === 6")
     rows = page.run("return display.tabs.rates.rows()")
     picture(page, "rates")
     scalers = Module("plr3_scalers0", "r").data[0].astype(float)  # frame 0
@@ -229,7 +355,7 @@ def test_a_run_is_watched_while_cards_count(page, server, client, play):  # noqa
         live = (scalers[channel, 0] - scalers[channel, 1]) * 12.5e-9
         assert rows[channel][2] == pytest.approx(scalers[channel, 3] / live)
         assert rows[channel][3] * math.exp(-rows[channel][3] * 4e-7) == pytest.approx(rows[channel][2])
-        assert rows[channel][7:] == [6, 0, 0, 0, 0, 0, 0, 0]
+    assert page.run("return display.tabs.rates.lost") == [[0, c, 6, 0, 0, 0, 0, 0, 0, 0] for c in range(2)]
     do(client, "pulsar3 close 0")
 
 

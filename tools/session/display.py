@@ -146,7 +146,7 @@ class Socket:
 
 class View:
     def __init__(self, payload):
-        mark, self.view, self.lost, _ = struct.unpack_from("<4sIII", payload)
+        mark, self.view, self.lost, self.asked = struct.unpack_from("<4sIII", payload)
         assert mark == b"KDV1"
         self.read_at, size, columns, rows, self.number = struct.unpack_from("<dIIII", payload, 16)
         self.box = struct.unpack_from("<6I", payload, 40)
