@@ -81,10 +81,14 @@ std::string sv_refusal(in_addr peer) {
 }
 
 bool sv_is_from_browser(std::string_view first) {
-    // What browsers send unasked for; the last is TLS.
-    static constexpr std::string_view beginnings[] = {"GET /", "HEAD /", "POST /", "OPTIONS /", "\x16\x03"};
-    return std::any_of(std::begin(beginnings), std::end(beginnings),
-                       [&](std::string_view b) { return first.starts_with(b); });
+    // What browsers send unasked for; of a line that has not ended yet the beginning decides.
+    static constexpr std::string_view methods[] = {"GET /", "HEAD /", "POST /", "OPTIONS /"};
+    const std::string_view line = first.substr(0, first.find('\n'));
+    const bool whole = line.size() < first.size();
+    const bool request = std::any_of(std::begin(methods), std::end(methods),
+                                     [line](std::string_view method) { return line.starts_with(method); });
+    const bool tls = first.size() > 2 && first.starts_with("\x16\x03") && first[2] >= 0 && first[2] <= 4;
+    return tls || (request && (!whole || line.find(" HTTP/") != line.npos));
 }
 
 } // namespace kestrel

@@ -57,6 +57,7 @@ def test_only_the_first_bytes_tell_a_browser(server):
     client = server.client()
     assert client.lines("1+1") == ["* 2"]
     assert client.lines("GET / HTTP/1.1")[-1] == "* -1"
+    assert server.client().lines("GET /dev/null")[-1] == "* -1", "a line, if no good one"
 
 
 def test_sessions_come_to_the_given_address_only(start):
