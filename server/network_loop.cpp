@@ -289,6 +289,8 @@ struct loop_state {
     std::vector<int> sessions;   // whose received bytes are there to be served
     std::vector<int> round;      // those of them that are served again in this turn
     bool peers_are_slow = false; // some session is watched for room to send
+    activity_clock::time_point now =
+        activity_clock::now(); // when the last wait or line ended: the clock costs too
 };
 
 // What is unsent, after closing the session if its peer is gone or takes nothing.
@@ -354,7 +356,7 @@ bool serve_session(int cn, activity_clock::time_point &now) {
 void serve(loop_state &loop) {
     std::vector<int> &sessions = loop.round;
     sessions.assign(loop.sessions.begin(), loop.sessions.end());
-    activity_clock::time_point now = activity_clock::now();
+    activity_clock::time_point &now = loop.now;
     const activity_clock::time_point end = now + turn_time;
     do {
         std::size_t kept = 0;
@@ -388,18 +390,20 @@ void turn(loop_state &loop) {
         FD_SET(listen_socket, &others);
     const int highest = user_select_add ? user_select_add(&others, listen_socket) : listen_socket;
     loop.watch.watch_others(others, highest);
-    if (!loop.watch.wait(loop.sessions.empty() ? select_seconds * 1000 : 0)) {
+    if (!loop.watch.wait(loop.sessions.empty() ? select_seconds * 1000 : 0, loop.now)) {
         if (errno == EINTR)
             return;
         const int error = errno;
         std::printf("select returns error %d\n", error);
         sv_die(error);
     }
-    sv_service_turn(activity_clock::now());
+    sv_service_turn(loop.now);
     if (user_select_test)
         user_select_test(&loop.watch.others());
     if (FD_ISSET(listen_socket, &loop.watch.others()))
         accept_session(loop.watch);
+    if (loop.watch.any_other())
+        loop.now = activity_clock::now();
     receive_from_ready(loop);
     if (!loop.sessions.empty())
         serve(loop);

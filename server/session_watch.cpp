@@ -5,6 +5,7 @@
 #include <cstring>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <utility>
 
 namespace kestrel {
 
@@ -56,42 +57,42 @@ void session_watch::watch_others(const fd_set &set, int highest) {
 
 // Looks again and again for a while, and leaves the processor to whoever wants it in between. 0: nothing came.
 int session_watch::look_awake(std::span<epoll_event> events, clock::time_point until) {
-    while (clock::now() < until) {
+    do {
         const int count = ::epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), 0);
         if (count != 0)
             return count;
         ::sched_yield();
-    }
+    } while (clock::now() < until);
     return 0;
 }
 
 // To fall asleep and to be woken costs more than a line: where the next one came at once, the one after it is waited for
 // awake.
-int session_watch::look(std::span<epoll_event> events, int timeout_ms) {
-    const auto sleep = [&] {
-        return ::epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeout_ms);
-    };
-    if (timeout_ms == 0)
-        return sleep();
-    const auto at_once = clock::now() + awake_for;
-    int count = awake_ ? look_awake(events, at_once) : 0;
+int session_watch::look(std::span<epoll_event> events, int timeout_ms, clock::time_point &now) {
+    const auto at_once = now + awake_for;
+    int count = awake_ && timeout_ms != 0 ? look_awake(events, at_once) : 0;
     if (count == 0)
-        count = sleep();
-    awake_ = count > 0 && clock::now() < at_once;
+        count = ::epoll_wait(set_.get(), events.data(), static_cast<int>(events.size()), timeout_ms);
+    now = clock::now();
+    if (timeout_ms != 0)
+        awake_ = count > 0 && now < at_once;
     return count;
 }
 
-bool session_watch::wait(int timeout_ms) {
+bool session_watch::wait(int timeout_ms, clock::time_point &now) {
     epoll_event events[sv_max_clients];
-    const int count = look(events, timeout_ms);
+    const int count = look(events, timeout_ms, now);
     ready_count_ = 0;
-    FD_ZERO(&others_ready_);
+    if (std::exchange(any_other_, false))
+        FD_ZERO(&others_ready_);
     for (int i = 0; i < count; ++i) {
         const std::uint32_t who = events[i].data.u32;
-        if (who >= other)
-            FD_SET(who - other, &others_ready_);
-        else
+        if (who < other) {
             ready_[ready_count_++] = {static_cast<int>(who), room_[who]};
+            continue;
+        }
+        FD_SET(who - other, &others_ready_);
+        any_other_ = true;
     }
     std::sort(ready_.data(), ready_.data() + ready_count_, [](auto &a, auto &b) { return a.cn < b.cn; });
     return count >= 0;

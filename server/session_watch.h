@@ -33,16 +33,17 @@ class session_watch {
         int cn;
         bool room; // it was watched for room to send
     };
-    // Waits until a descriptor is ready, or that long. False with errno.
-    bool wait(int timeout_ms);
+    // Waits until a descriptor is ready, or that long; `now` is when it begins, and then when it ended. False with errno.
+    using clock = std::chrono::steady_clock;
+    bool wait(int timeout_ms, clock::time_point &now);
     // What the last wait found: the sessions, in order of slots, and which of the others.
     std::span<const ready_session> sessions() const { return {ready_.data(), ready_count_}; }
     const fd_set &others() const { return others_ready_; }
+    bool any_other() const { return any_other_; }
 
   private:
-    using clock = std::chrono::steady_clock;
     static constexpr std::chrono::microseconds awake_for{100};
-    int look(std::span<epoll_event> events, int timeout_ms);
+    int look(std::span<epoll_event> events, int timeout_ms, clock::time_point &now);
     int look_awake(std::span<epoll_event> events, clock::time_point until);
 
     unique_fd set_;
@@ -52,6 +53,7 @@ class session_watch {
     std::size_t ready_count_ = 0;
     fd_set others_{};
     fd_set others_ready_{};
+    bool any_other_ = false;
     int highest_other_ = -1;
 };
 
