@@ -85,8 +85,9 @@ bool nexus_card::copy(nexus_file &file, std::size_t frame, bool as_it_is) {
         if (before != not_yet || as_it_is)
             std::memcpy(to.data(), counts_.word(0, frame * auxiliaries, channel), to.size_bytes());
         missing[channel] = status_of(frame, channel, 1);
-        std::atomic_thread_fence(
-            std::memory_order_acquire); // the copy is read before the word is looked at again
+        // The copy is read before the word is looked at again: this holds the compiler; the processors that this runs
+        // on load in order.
+        std::atomic_signal_fence(std::memory_order_acquire);
         const bool good = status_of(frame, channel) == before;
         if (!good)
             std::ranges::fill(to, 0U);
