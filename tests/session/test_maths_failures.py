@@ -8,6 +8,7 @@ from kestrel_data import do, held, refused, result
 from test_maths import mapped, random_volume, volume  # noqa: F401 (a fixture)
 
 READ_ERROR = "! Read returned error"
+small_ones_do = pytest.mark.skipif("KESTREL_TOO_SLOW" in os.environ, reason="the same threads as with less data")
 
 
 def exists(name):
@@ -174,6 +175,7 @@ def large(client, line):
     return [text for text in client.lines(line) if not text.startswith("@")]
 
 
+@small_ones_do
 def test_planes_that_fill_the_buffer_more_than_once(client):
     handle = do(client, "test open 4096 4096 5 float")
     lines = large(client, f"maths accumulate {handle} 0 0 0 4095 4095 4")
@@ -182,6 +184,7 @@ def test_planes_that_fill_the_buffer_more_than_once(client):
     assert float(lines[-1][2:]) == pytest.approx(ramp(4096, 4096, 5)[1], rel=1e-5)
 
 
+@small_ones_do
 def test_planes_larger_than_the_buffer_are_read_in_runs_of_lines(client, names):
     nx, ny = 20000, 3400
     handle = do(client, f"test open {nx} {ny} 2 float")
