@@ -36,7 +36,7 @@ def test_a_read_that_fails_leaves_no_new_module(server, client, names):
 
 
 @pytest.mark.parametrize("command, stays", [("re-bin {} x 8 y 8", True), ("integrate {} x", False),
-                                            ("stability {} t", False), ("accumulate {}", None)])
+                                            pytest.param("stability {} t", False, marks=small_ones_do), ("accumulate {}", None)])
 def test_an_interrupt_keeps_what_was_written_and_says_so_once(server, client, names, command, stays):
     """The source takes several fills of the buffer: ^C comes during a later one."""
     do(client, "test open 2048 512 1000 float")
