@@ -69,26 +69,28 @@ bool sender::read_broker() {
     return true;
 }
 
-// Payloads that were on their way when the connection was lost: they are sent again, or are no payloads of ours.
+// Frames that were on their way when the connection was lost. What the broker was told of counts; a payload that it was not
+// told of is sent again, or is no payload of ours. Each is looked at once: the broker may fail in between.
 bool sender::forget_doubtful(bool counted) {
-    for (const outgoing &o : doubtful_) {
+    for (; !doubtful_.empty(); doubtful_.pop_back()) {
+        const outgoing &o = doubtful_.back();
         const run_lane &lane = o.run->lanes[o.lane];
-        if (lane.card < 0)
-            continue;
         const broker_reply there =
             broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
-        if (!there)
+        if (!there || there.error()) { // it may have been told of
+            has_stock_ = has_stock_ && !counted;
             return false;
-        if (there.size() > 0) {
-            if (!counted)
-                stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
-            continue;
         }
+        if (there.size() > 0 && !counted)
+            stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
+        if (there.size() > 0 || lane.card < 0)
+            continue;
         stock_.forget_payload(payload_of(o));
-        if (!broker_.command({"DEL", payload_of(o)}))
+        broker_words del;
+        del.text("DEL").text(payload_of(o));
+        if (!remove(del))
             return false;
     }
-    doubtful_.clear();
     return true;
 }
 
