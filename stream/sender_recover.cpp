@@ -77,7 +77,7 @@ bool sender::forget_doubtful(bool counted) {
         const run_lane &lane = o.run->lanes[o.lane];
         const broker_reply there =
             broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
-        if (!there || there.error()) { // it may have been told of
+        if (!has_said(there)) { // it may have been told of
             has_stock_ = has_stock_ && !counted;
             return false;
         }
@@ -97,7 +97,7 @@ bool sender::forget_doubtful(bool counted) {
 bool sender::recover_run(published_run &run) {
     const broker_reply meta =
         broker_.command({"HMGET", broker_.key(meta_key(run.id)), "epoch", "broker", "state"});
-    if (!meta)
+    if (!has_said(meta))
         return false;
     const auto epoch = static_cast<std::uint64_t>(std::max(0LL, meta.at(0).integer().value_or(0)));
     const bool same = epoch > 0 && epoch >= run.epoch && meta.at(1).text() == broker_run_;
@@ -140,7 +140,7 @@ bool sender::recover_run(published_run &run) {
 // Frames that it knows of and we do not have learnt, or the other way round: a gap.
 bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gaps) {
     const broker_reply last = broker_.command({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
-    if (!last)
+    if (!has_said(last))
         return false;
     const auto frame = frame_of_entry(last.at(0).at(0).text().value_or(""));
     const std::uint64_t there = frame ? *frame + 1 : 0;

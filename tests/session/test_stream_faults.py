@@ -485,6 +485,11 @@ def nobody_says_what_was_told(between, broker):
     return refused
 
 
+def nobody_says_what_there_is(between, broker):
+    """To a publisher that begins anew."""
+    return lambda words: words[0] == b"XRANGE" and b"-LOADING Redis is loading the dataset in memory\r\n"
+
+
 def memory_ends_before_exec(between, broker):
     def refused(words):
         if words[0] != b"EXEC":
@@ -497,7 +502,8 @@ def memory_ends_before_exec(between, broker):
     return refused
 
 
-@pytest.mark.parametrize("refusal", [multi_is_refused, nobody_says_what_was_told, memory_ends_before_exec],
+@pytest.mark.parametrize("refusal", [multi_is_refused, nobody_says_what_was_told, nobody_says_what_there_is,
+                                     memory_ends_before_exec],
                          ids=lambda refusal: refusal.__name__)
 def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_path, start, card):
     between = Between(tmp_path / "between.sock", broker)
@@ -508,13 +514,18 @@ def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_p
         run = run_of(broker)
         wait_until(lambda: broker.meta(run).get("sent") == "1", "frame")
         between.refused = refusal(between, broker)
+        if refusal is nobody_says_what_there_is:
+            publisher.process.kill()
+            publisher.process.wait()
+            publisher.process.returncode = 0  # as was meant
+            publisher = start("-site=" + between.site, kind=Publisher)
         card.count(*range(1, PLACES - 1))
         time.sleep(0.5)
         between.refused = lambda words: None
         card.count(PLACES - 1)
         card.end(PLACES)
         meta = in_state(broker, run, "sealed")
-        assert (meta["frames"], meta["sent"], meta["lost"]) == (str(PLACES), str(PLACES), "0")
+        assert [meta[name] for name in ("frames", "sent", "lost", "epoch")] == [str(PLACES), str(PLACES), "0", "1"]
         headers = broker.entries(f"kestrel:{run}:f:{CARD}")
         assert [i for i, _ in headers] == [f"{frame + 1}-0" for frame in range(PLACES)]
         if refusal is memory_ends_before_exec:  # the oldest made room, and the connection is as good as it was
