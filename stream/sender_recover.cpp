@@ -72,25 +72,32 @@ bool sender::read_broker() {
 // Frames that were on their way when the connection was lost. What the broker was told of counts; a payload that it was not
 // told of is sent again, or is no payload of ours. Each is looked at once: the broker may fail in between.
 bool sender::forget_doubtful(bool counted) {
-    for (; !doubtful_.empty(); doubtful_.pop_back()) {
-        const outgoing &o = doubtful_.back();
-        const run_lane &lane = o.run->lanes[o.lane];
-        const broker_reply there =
-            broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
-        if (!has_said(there)) { // it may have been told of
+    if (doubtful_.empty())
+        return true;
+    for (; !doubtful_.empty(); doubtful_.pop_back())
+        if (!forget(doubtful_.back(), counted)) {
             has_stock_ = has_stock_ && !counted;
             return false;
         }
-        if (there.size() > 0 && !counted)
-            stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
-        if (there.size() > 0 || lane.card < 0)
-            continue;
-        stock_.forget_payload(payload_of(o));
-        broker_words del;
-        del.text("DEL").text(payload_of(o));
-        if (!remove(del))
-            return false;
-    }
+    return static_cast<bool>(broker_.command({"UNWATCH"}));
+}
+
+// A broker that was late may do what the lost connection told it while we ask: then the payload stays.
+bool sender::forget(const outgoing &o, bool counted) {
+    const run_lane &lane = o.run->lanes[o.lane];
+    const std::string id = entry_id(o.frame.frame);
+    const broker_reply there = broker_.commands({{"WATCH", lane.stream}, {"XRANGE", lane.stream, id, id}});
+    if (!has_said(there))
+        return false;
+    if (there.size() > 0 && !counted)
+        stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
+    if (there.size() > 0 || lane.card < 0)
+        return true;
+    std::vector<broker_words> del(1);
+    del[0].text("DEL").text(payload_of(o));
+    if (together(del) != 1)
+        return false;
+    stock_.forget_payload(payload_of(o));
     return true;
 }
 

@@ -448,7 +448,14 @@ class Between(Answerer):
 
     def __init__(self, path, broker):
         super().__init__(path, self._pass)
-        self.link, self.refused = Connection(broker.socket), lambda words: None
+        self.broker, self.links, self.refused = broker, threading.local(), lambda words: None
+
+    @property
+    def link(self):
+        """To the broker, of the connection at hand: each has a thread."""
+        if not hasattr(self.links, "here"):
+            self.links.here = Connection(self.broker.socket)
+        return self.links.here
 
     def _pass(self, words):
         return [self.refused(words) or self._coded(self._done(words))]
@@ -485,6 +492,19 @@ def nobody_says_what_was_told(between, broker):
     return refused
 
 
+def what_was_told_counts_after_all(between, broker):
+    """The connection is lost before EXEC is done, which it is when its payloads are to be removed."""
+    late = []
+
+    def refused(words):
+        if words[0] == b"EXEC" and not late:
+            late.append(between.link)
+            raise OSError
+        if words[0] == b"DEL" and len(late) == 1:
+            late.append(late[0]("EXEC"))
+    return refused
+
+
 def nobody_says_what_there_is(between, broker):
     """To a publisher that begins anew."""
     return lambda words: words[0] == b"XRANGE" and b"-LOADING Redis is loading the dataset in memory\r\n"
@@ -502,8 +522,8 @@ def memory_ends_before_exec(between, broker):
     return refused
 
 
-@pytest.mark.parametrize("refusal", [multi_is_refused, nobody_says_what_was_told, nobody_says_what_there_is,
-                                     memory_ends_before_exec],
+@pytest.mark.parametrize("refusal", [multi_is_refused, nobody_says_what_was_told, what_was_told_counts_after_all,
+                                     nobody_says_what_there_is, memory_ends_before_exec],
                          ids=lambda refusal: refusal.__name__)
 def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_path, start, card):
     between = Between(tmp_path / "between.sock", broker)
@@ -536,4 +556,3 @@ def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_p
             assert {broker("STRLEN", fields["key"]) for _, fields in headers} == {CHANS * BINS * 4}
     finally:
         between.close()
-        between.link.close()
