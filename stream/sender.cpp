@@ -91,10 +91,12 @@ int sender::together(std::span<const broker_words> commands) {
 
 int sender::answer_to(std::size_t commands) {
     refusal_.clear();
+    bool begun = false;
     for (std::size_t i = 0; i <= commands; ++i) {
         const broker_reply queued = broker_.next();
         if (!queued)
             return -1;
+        begun = i == 0 ? queued.is_ok() : begun;
         note(queued);
     }
     const broker_reply done = broker_.next();
@@ -107,9 +109,9 @@ int sender::answer_to(std::size_t commands) {
         return 1;
     if (refusal_.empty())
         refusal_ = "the broker does not take what it is told";
-    if (done.size() == 0)
+    if (begun && done.size() == 0)
         return 0;
-    broker_.refuse(refusal_); // a part of it: what the broker has is read again
+    broker_.refuse(refusal_); // a part of it, or each by itself: what the broker has is read again
     return -1;
 }
 
@@ -123,7 +125,7 @@ void sender::give_way() {
     if (!broker_.is_connected())
         return;
     refused_ = std::chrono::steady_clock::now();
-    if (refusal_.starts_with("OOM"))
+    if (refusal_.find("OOM ") != refusal_.npos) // also "EXECABORT ...: OOM ..."
         make_room(budget_ - std::min(budget_, stock_.bytes()) + budget_ / 8);
     else
         broker_.refuse(refusal_);

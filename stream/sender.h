@@ -49,6 +49,7 @@ class sender {
     bool take_stock_of_frames(const std::string &run, int card, payloads_by_age &payloads);
     bool take_stock_of_payloads(const payloads_by_age &payloads);
     bool forget_doubtful(bool counted);
+    bool forget(const outgoing &o, bool counted);
     bool recover_run(published_run &run);
     bool recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gap);
     bool read_fates(run_lane &lane, std::uint64_t from, std::uint64_t end);

@@ -69,33 +69,42 @@ bool sender::read_broker() {
     return true;
 }
 
-// Payloads that were on their way when the connection was lost: they are sent again, or are no payloads of ours.
+// Frames that were on their way when the connection was lost. What the broker was told of counts; a payload that it was not
+// told of is sent again, or is no payload of ours. Each is looked at once: the broker may fail in between.
 bool sender::forget_doubtful(bool counted) {
-    for (const outgoing &o : doubtful_) {
-        const run_lane &lane = o.run->lanes[o.lane];
-        if (lane.card < 0)
-            continue;
-        const broker_reply there =
-            broker_.command({"XRANGE", lane.stream, entry_id(o.frame.frame), entry_id(o.frame.frame)});
-        if (!there)
+    if (doubtful_.empty())
+        return true;
+    for (; !doubtful_.empty(); doubtful_.pop_back())
+        if (!forget(doubtful_.back(), counted)) {
+            has_stock_ = has_stock_ && !counted;
             return false;
-        if (there.size() > 0) {
-            if (!counted)
-                stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
-            continue;
         }
-        stock_.forget_payload(payload_of(o));
-        if (!broker_.command({"DEL", payload_of(o)}))
-            return false;
-    }
-    doubtful_.clear();
+    return static_cast<bool>(broker_.command({"UNWATCH"}));
+}
+
+// A broker that was late may do what the lost connection told it while we ask: then the payload stays.
+bool sender::forget(const outgoing &o, bool counted) {
+    const run_lane &lane = o.run->lanes[o.lane];
+    const std::string id = entry_id(o.frame.frame);
+    const broker_reply there = broker_.commands({{"WATCH", lane.stream}, {"XRANGE", lane.stream, id, id}});
+    if (!has_said(there))
+        return false;
+    if (there.size() > 0 && !counted)
+        stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
+    if (there.size() > 0 || lane.card < 0)
+        return true;
+    std::vector<broker_words> del(1);
+    del[0].text("DEL").text(payload_of(o));
+    if (together(del) != 1)
+        return false;
+    stock_.forget_payload(payload_of(o));
     return true;
 }
 
 bool sender::recover_run(published_run &run) {
     const broker_reply meta =
         broker_.command({"HMGET", broker_.key(meta_key(run.id)), "epoch", "broker", "state"});
-    if (!meta)
+    if (!has_said(meta))
         return false;
     const auto epoch = static_cast<std::uint64_t>(std::max(0LL, meta.at(0).integer().value_or(0)));
     const bool same = epoch > 0 && epoch >= run.epoch && meta.at(1).text() == broker_run_;
@@ -138,7 +147,7 @@ bool sender::recover_run(published_run &run) {
 // Frames that it knows of and we do not have learnt, or the other way round: a gap.
 bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gaps) {
     const broker_reply last = broker_.command({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
-    if (!last)
+    if (!has_said(last))
         return false;
     const auto frame = frame_of_entry(last.at(0).at(0).text().value_or(""));
     const std::uint64_t there = frame ? *frame + 1 : 0;

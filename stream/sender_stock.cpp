@@ -25,6 +25,8 @@ bool sender::take_stock() {
     strangers_.clear();
     strangers_sealed_ = false;
     const broker_reply runs = broker_.command({"XRANGE", broker_.key("runs"), "-", "+"});
+    if (!has_said(runs))
+        return false;
     std::vector<std::string> known;
     for (std::size_t i = 0; i < runs.size(); ++i) {
         const std::string run(runs.at(i).at(1).field("run").text().value_or(""));
@@ -40,7 +42,7 @@ bool sender::take_stock() {
 
 bool sender::take_stock_of(const std::string &run) {
     const broker_reply meta = broker_.command({"HGETALL", broker_.key(meta_key(run))});
-    if (!meta)
+    if (!has_said(meta))
         return false;
     if (meta.size() == 0)
         return remove_run(run); // its entries in the list are all that is left of it
@@ -80,7 +82,7 @@ bool sender::take_stock_of_payloads(const payloads_by_age &payloads) {
     const auto expires = broker_stock::clock::now() + limits_.keep;
     for (const auto &[time, key] : payloads) {
         const broker_reply size = broker_.next();
-        if (!size)
+        if (!has_said(size))
             return false;
         if (const auto bytes = size.integer(); bytes && *bytes > 0)
             stock_.add_payload(key, static_cast<std::size_t>(*bytes), expires);

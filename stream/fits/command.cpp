@@ -28,8 +28,18 @@ fit_job job_of(const peak_fit_request &request, const peak_fit_part &part) {
     return {new_id(), request, part.spectra->channels, part.spectra->type};
 }
 
-std::size_t point_bytes(const peak_spectra &spectra) {
-    return static_cast<std::size_t>(spectra.channels) * static_cast<std::size_t>(element_size(spectra.type));
+int neighbours_of(const peak_fit_request &request) {
+    return request.constraints & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
+}
+
+// Of a point's spectrum and its share of its row's neighbours.
+std::size_t point_bytes(const peak_fit_request &request, const peak_fit_part &part) {
+    const peak_spectra &spectra = *part.spectra;
+    const auto spectrum =
+        static_cast<std::size_t>(spectra.channels) * static_cast<std::size_t>(element_size(spectra.type));
+    const auto points = static_cast<std::size_t>(part.q2 - part.q1 + 1),
+               neighbours = 2 * static_cast<std::size_t>(neighbours_of(request));
+    return (spectrum * (points + neighbours) + points - 1) / points;
 }
 
 class far_fit {
@@ -38,7 +48,7 @@ class far_fit {
             const result_module &output)
         : request_(request), part_(part), output_(output), job_(job_of(request, part)),
           post_(std::move(site), job_),
-          ledger_(part.q1, part.q2, part.spectra->ns, point_bytes(*part.spectra)),
+          ledger_(part.q1, part.q2, part.spectra->ns, point_bytes(request, part)),
           values_(peak_fit_labels(request.lines.num_peaks).size()) {}
 
     peak_fit_counts run(int done, int total);
@@ -70,10 +80,6 @@ class far_fit {
     int workers_ = 0, refused_ = 0, idle_looks_ = 0;
     steady::time_point look_at_{}, worker_seen_ = steady::now();
 };
-
-int neighbours_of(const peak_fit_request &request) {
-    return request.constraints & peak_fit_by_top_sum ? peak_fit_most_neighbours : 0;
-}
 
 std::vector<std::string> far_fit::entries_out() const {
     std::vector<std::string> entries;

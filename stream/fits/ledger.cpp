@@ -17,8 +17,8 @@ fit_ledger::fit_ledger(int q1, int q2, int ns, std::size_t point_bytes)
 
 int fit_ledger::points_of_next(int workers) const {
     const std::size_t bytes = all_points_ == 0 ? point_bytes_ : (all_bytes_ + all_points_ - 1) / all_points_;
-    const auto by_bytes =
-        static_cast<int>(std::clamp<std::size_t>(most_block_bytes / bytes, 1, fit_most_points));
+    const std::size_t most = std::min(most_block_bytes / bytes, most_block_spectra / point_bytes_);
+    const auto by_bytes = static_cast<int>(std::clamp<std::size_t>(most, 1, fit_most_points));
     if (timed_points_ == 0)
         return std::min(first_points, by_bytes);
     const long long wanted = std::chrono::microseconds(long_enough).count() * timed_points_ /

@@ -22,6 +22,7 @@ class fit_ledger {
     static constexpr std::chrono::milliseconds least_patience{1000}; // with a worker that says nothing
     static constexpr int first_points = 4;                           // of a block while no time is known
     static constexpr std::size_t most_block_bytes = std::size_t{4} << 20;
+    static constexpr std::size_t most_block_spectra = std::size_t{64} << 20; // unpacked, at a worker
     static constexpr std::size_t most_bytes_out = std::size_t{64} << 20;
 
     struct block {
@@ -32,7 +33,7 @@ class fit_ledger {
         std::size_t bytes = 0;
     };
 
-    // All points q1..q2 by ns, of that many bytes each as long as none was sent.
+    // All points q1..q2 by ns, whose spectra have that many bytes each; what is sent may be less.
     fit_ledger(int q1, int q2, int ns, std::size_t point_bytes);
 
     // The block to send next, for so many workers; nothing when enough are out or none is left.

@@ -9,10 +9,11 @@ import threading
 import time
 
 import pytest
-from broker import BUILD, Broker, BrokerError, Follower, Publisher
+from broker import BUILD, Broker, BrokerError, Connection, Follower, Publisher
 from fit_workers import Worker
 from kestrel_data import Module, do
 from kestrel_session import ROOT, wait_until
+from test_control import ask
 from test_peak_fit import noisy
 
 CARD, CHANS, BINS, PLACES = 951, 2, 16, 8  # no card of any installation here
@@ -440,3 +441,118 @@ def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(broker,
     before = [processor_time(p.process) for p in both]
     time.sleep(1.5)
     assert all(processor_time(p.process) - b < 0.3 for p, b in zip(both, before))
+
+
+class Between(Answerer):
+    """Passes a publisher's commands on to a broker; `refused(words)` may answer in its place, or raise OSError to cut."""
+
+    def __init__(self, path, broker):
+        super().__init__(path, self._pass)
+        self.broker, self.links, self.refused = broker, threading.local(), lambda words: None
+
+    @property
+    def link(self):
+        """To the broker, of the connection at hand: each has a thread."""
+        if not hasattr(self.links, "here"):
+            self.links.here = Connection(self.broker.socket)
+        return self.links.here
+
+    def _pass(self, words):
+        return [self.refused(words) or self._coded(self._done(words))]
+
+    def _done(self, words):
+        try:
+            return self.link(*words)
+        except BrokerError as error:
+            return error
+
+    def _coded(self, reply):
+        if isinstance(reply, list):
+            return b"*%d\r\n" % len(reply) + b"".join(map(self._coded, reply))
+        if isinstance(reply, BrokerError):
+            return b"-%b\r\n" % str(reply).encode()
+        if isinstance(reply, int):
+            return b":%d\r\n" % reply
+        return b"$-1\r\n" if reply is None else b"$%d\r\n%b\r\n" % (len(reply), reply)
+
+
+def multi_is_refused(between, broker):
+    return lambda words: words[0] == b"MULTI" and b"-NOPERM this user has no permissions to run the 'multi' command\r\n"
+
+
+def nobody_says_what_was_told(between, broker):
+    """The answer to EXEC is lost, and the questions after it are refused."""
+    lost = []
+
+    def refused(words):
+        if words[0] == b"EXEC" and not lost:
+            lost.append(between.link("EXEC"))
+            raise OSError
+        return words[0] == b"XRANGE" and b"-LOADING Redis is loading the dataset in memory\r\n"
+    return refused
+
+
+def what_was_told_counts_after_all(between, broker):
+    """The connection is lost before EXEC is done, which it is when its payloads are to be removed."""
+    late = []
+
+    def refused(words):
+        if words[0] == b"EXEC" and not late:
+            late.append(between.link)
+            raise OSError
+        if words[0] == b"DEL" and len(late) == 1:
+            late.append(late[0]("EXEC"))
+    return refused
+
+
+def nobody_says_what_there_is(between, broker):
+    """To a publisher that begins anew."""
+    return lambda words: words[0] == b"XRANGE" and b"-LOADING Redis is loading the dataset in memory\r\n"
+
+
+def memory_ends_before_exec(between, broker):
+    def refused(words):
+        if words[0] != b"EXEC":
+            return None
+        broker("CONFIG", "SET", "maxmemory", "1")
+        try:
+            return between._coded(between._done(words))
+        finally:
+            broker("CONFIG", "SET", "maxmemory", "0")
+    return refused
+
+
+@pytest.mark.parametrize("refusal", [multi_is_refused, nobody_says_what_was_told, what_was_told_counts_after_all,
+                                     nobody_says_what_there_is, memory_ends_before_exec],
+                         ids=lambda refusal: refusal.__name__)
+def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_path, start, card):
+    between = Between(tmp_path / "between.sock", broker)
+    publisher = start("-site=" + between.site, kind=Publisher)
+    try:
+        card.begin()
+        card.count(0)
+        run = run_of(broker)
+        wait_until(lambda: broker.meta(run).get("sent") == "1", "frame")
+        between.refused = refusal(between, broker)
+        if refusal is nobody_says_what_there_is:
+            publisher.process.kill()
+            publisher.process.wait()
+            publisher.process.returncode = 0  # as was meant
+            publisher = start("-site=" + between.site, kind=Publisher)
+        card.count(*range(1, PLACES - 1))
+        time.sleep(0.5)
+        between.refused = lambda words: None
+        card.count(PLACES - 1)
+        card.end(PLACES)
+        meta = in_state(broker, run, "sealed")
+        assert [meta[name] for name in ("frames", "sent", "lost", "epoch")] == [str(PLACES), str(PLACES), "0", "1"]
+        headers = broker.entries(f"kestrel:{run}:f:{CARD}")
+        assert [i for i, _ in headers] == [f"{frame + 1}-0" for frame in range(PLACES)]
+        if refusal is memory_ends_before_exec:  # the oldest made room, and the connection is as good as it was
+            assert broker("STRLEN", headers[-1][1]["key"]) == CHANS * BINS * 4
+            told = ask(f"{os.environ['XDG_RUNTIME_DIR']}/kestrel-{publisher.port}.sock", b"metrics\n")
+            assert "kestrel_stream_connections_total 1\n" in told
+        else:
+            assert {broker("STRLEN", fields["key"]) for _, fields in headers} == {CHANS * BINS * 4}
+    finally:
+        between.close()

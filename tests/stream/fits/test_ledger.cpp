@@ -73,6 +73,17 @@ TEST(fit_ledger, blocks_take_200_ms_once_a_time_is_known_and_4_MiB_at_most) {
     }
 }
 
+TEST(fit_ledger, blocks_that_pack_well_are_no_larger_than_a_worker_may_unpack) {
+    constexpr std::size_t spectrum = 1 << 18, packed = 1 << 10;
+    fit_ledger ledger(0, 999999, 1, spectrum);
+    ledger.finished(send_all(ledger, 2, packed).front(), 1);
+    const std::vector<int> then = send_all(ledger, 2, packed);
+    ASSERT_FALSE(then.empty());
+    EXPECT_EQ(fit_ledger::most_block_spectra / spectrum,
+              static_cast<std::size_t>(ledger.at(then[0]).box.points()));
+    EXPECT_LE(fit_ledger::most_block_spectra, fit_most_bytes);
+}
+
 TEST(fit_ledger, blocks_get_smaller_towards_the_end_but_not_tiny) {
     fit_ledger ledger(0, 19999, 1, 4096);
     for (int number = 0; !ledger.settled(); ++number) {

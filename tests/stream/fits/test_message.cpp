@@ -218,7 +218,8 @@ TEST(fit_message, blocks_that_lie_about_their_spectra_are_refused) {
     for (const auto &c : cases)
         EXPECT_FALSE(fit_decode_block(with(good, c.at, c.value), a_job(), counts, cause))
             << c.at << ' ' << c.value;
-    for (const char width : {'\1', '\3', '\5', '\xff'}) // of the first spectrum's first group, whose counts are zero
+    for (const char width :
+         {'\1', '\3', '\5', '\xff'}) // of the first spectrum's first group, whose counts are zero
         EXPECT_FALSE(fit_decode_block(with(good, 48, width), a_job(), counts, cause)) << int{width};
     fit_job other = a_job();
     other.type = el_double;
