@@ -136,7 +136,7 @@ class AsyncConnection(AsyncCommands):
                 reader.asked = False
             wait = asyncio.get_running_loop().sock_recv(self._open(), BLOCK)
             try:
-                data = await (asyncio.wait_for(wait, SETTLE) if reader.at_prompt else wait)
+                data = await (_within(SETTLE, wait) if reader.at_prompt else wait)
             except asyncio.TimeoutError:
                 break
             if not data:
@@ -150,7 +150,7 @@ class AsyncConnection(AsyncCommands):
             loop = asyncio.get_running_loop()
             await loop.run_in_executor(None, _control.stop, self._control, self._open().getsockname())
             await loop.sock_sendall(self._open(), self._session.begin_again())  # bytes may have been dropped
-            await asyncio.wait_for(self._finish_reply(), _control.PATIENCE)
+            await _within(_control.PATIENCE, self._finish_reply())
         except (OSError, asyncio.TimeoutError, asyncio.CancelledError):
             self._close()
 
@@ -169,7 +169,7 @@ class AsyncConnection(AsyncCommands):
             reply = await self._exchange(line)
             if reply.errors and not taking.done():
                 return 0
-            return await asyncio.wait_for(taking, DATA_WAIT)
+            return await _within(DATA_WAIT, taking)
         finally:
             taking.cancel()
 
@@ -191,6 +191,20 @@ class AsyncConnection(AsyncCommands):
             return got
 
 
+async def _within(seconds: float, action: Awaitable[T]) -> T:
+    """What asyncio.wait_for does; but the one of Python before 3.12 loses a cancellation that comes when the action
+    ends."""
+    task = asyncio.ensure_future(action)
+    try:
+        await asyncio.wait({task}, timeout=seconds)
+        if task.done():
+            return task.result()
+        raise asyncio.TimeoutError
+    finally:
+        if task.cancel():
+            await asyncio.wait({task})
+
+
 async def connect(host: str = "localhost", port: int = 1972, *, timeout: float = 10.0,
                   control: Optional[str] = None) -> AsyncConnection:
     """A session of the server there."""
@@ -199,10 +213,10 @@ async def connect(host: str = "localhost", port: int = 1972, *, timeout: float =
     sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     try:
         sock.setblocking(False)
-        await asyncio.wait_for(loop.sock_connect(sock, address), timeout)
+        await _within(timeout, loop.sock_connect(sock, address))
         sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         connection = AsyncConnection(sock, control or _control.usual_path(port))
-        await asyncio.wait_for(connection._start(), timeout)
+        await _within(timeout, connection._start())
         return connection
     except BaseException:
         sock.close()
