@@ -31,16 +31,21 @@ bool takes_more(int fd) {
     return ::poll(&descriptor, 1, 0) > 0;
 }
 
+// ^C is the command thread's: another that logs waits for the log's reader.
+bool is_interrupted() {
+    return sv_on_command_thread() && sv_quit > 0;
+}
+
 // The errno value of a write that failed, else 0. A pipe that nobody empties is left to ^C, and not waited
 // for again until somebody does.
 int write_whole(int fd, std::string_view text, bool failed_before) {
     while (!text.empty()) {
-        if ((failed_before || sv_quit > 0) && !takes_more(fd))
+        if ((failed_before || is_interrupted()) && !takes_more(fd))
             return EAGAIN;
         const ssize_t n = ::write(fd, text.data(), text.size());
         if (n >= 0)
             text.remove_prefix(static_cast<std::size_t>(n));
-        else if (errno != EINTR || sv_quit > 0)
+        else if (errno != EINTR || is_interrupted())
             return errno;
     }
     return 0;
