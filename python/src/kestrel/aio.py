@@ -14,6 +14,7 @@ from ._typed import AsyncCommands
 from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
+STOPS = 3  # tries to stop a line, within the control socket's patience
 DATA_WAIT = 30.0  # seconds
 T = TypeVar("T")
 
@@ -148,10 +149,18 @@ class AsyncConnection(AsyncCommands):
     async def _stop_and_drain(self) -> None:
         try:
             loop = asyncio.get_running_loop()
-            await loop.run_in_executor(None, _control.stop, self._control, self._open().getsockname())
+            own = self._open().getsockname()
+            await loop.run_in_executor(None, _control.stop, self._control, own)
             await loop.sock_sendall(self._open(), self._session.begin_again())  # bytes may have been dropped
-            await _within(_control.PATIENCE, self._finish_reply())
-        except (OSError, asyncio.TimeoutError, asyncio.CancelledError):
+            for _ in range(STOPS):
+                try:
+                    await _within(_control.PATIENCE / STOPS, self._finish_reply())
+                    return
+                except asyncio.TimeoutError:  # the server had not begun the line when it was stopped
+                    self._forget_listener()
+                    await loop.run_in_executor(None, _control.stop, self._control, own)
+            self._close()
+        except (OSError, asyncio.CancelledError):
             self._close()
 
     async def _listen(self) -> None:
