@@ -5,6 +5,7 @@
 #include "server/tcp_connect.h"
 #include "server/wait.h"
 #include "support/fd.h"
+#include "support/poll_now.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -61,12 +62,7 @@ bool wait_for_progress(int cn, short events) {
 // Not broken, as far as can be seen: a client that has closed its end looks like one that only has no more to
 // send, until bytes are sent to it.
 bool is_good(int fd) {
-    pollfd p{fd, 0, 0};
-    int told = 0;
-    do
-        told = ::poll(&p, 1, 0);
-    while (told < 0 && errno == EINTR);
-    return told == 0;
+    return poll_now(fd, 0) == 0;
 }
 
 void close_and_report(int cn) {

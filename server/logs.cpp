@@ -2,6 +2,7 @@
 
 #include "server/interrupt.h"
 #include "server/output.h"
+#include "support/poll_now.h"
 
 #include <atomic>
 #include <cctype>
@@ -26,11 +27,6 @@ struct log_state {
 log_state command_log{"command log"};
 log_state verbose_log{"verbose log"};
 
-bool takes_more(int fd) {
-    pollfd descriptor{fd, POLLOUT, 0};
-    return ::poll(&descriptor, 1, 0) > 0;
-}
-
 // ^C is the command thread's: another that logs waits for the log's reader.
 bool is_interrupted() {
     return sv_on_command_thread() && sv_quit > 0;
@@ -40,7 +36,7 @@ bool is_interrupted() {
 // for again until somebody does.
 int write_whole(int fd, std::string_view text, bool failed_before) {
     while (!text.empty()) {
-        if ((failed_before || is_interrupted()) && !takes_more(fd))
+        if ((failed_before || is_interrupted()) && poll_now(fd, POLLOUT) <= 0)
             return EAGAIN;
         const ssize_t n = ::write(fd, text.data(), text.size());
         if (n >= 0)

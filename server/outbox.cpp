@@ -3,6 +3,7 @@
 #include "server/activity.h"
 #include "server/client_descriptor.h"
 #include "server/interrupt.h"
+#include "support/poll_now.h"
 
 #include <algorithm>
 #include <atomic>
@@ -71,8 +72,7 @@ void give_up(session_outbox &box, int error) {
 // The bytes taken, 0 when the peer takes none now, -1 when it is gone (errno says why).
 ssize_t send_piece(const client_descriptor &c, const char *bytes, std::size_t length) {
     if (!c.is_socket) { // the terminal has no non-blocking write of its own
-        pollfd p{c.out, POLLOUT, 0};
-        if (::poll(&p, 1, 0) == 0)
+        if (poll_now(c.out, POLLOUT) == 0)
             return 0;
         length = std::min(length, terminal_piece);
     }

@@ -213,11 +213,11 @@ def test_a_log_is_told_again_after_it_could_be_written(start, small_disk):
         replies = [client.lines(line) for _ in range(11)]  # more than the log's last page holds, and who tells it
         assert sorted(map(len, replies)) == 10 * [1] + [2], replies
 
-    fill()
-    os.unlink(small_disk / "fill")
-    assert client.lines("1+1") == ["* 2"]
-    fill()
-    assert (small_disk / "c.log").read_text().count("0: 1+1 => 2\n") == 1
+    for again in range(1, 7):
+        fill()
+        os.unlink(small_disk / "fill")
+        assert client.lines("1+1") == ["* 2"]
+        assert (small_disk / "c.log").read_text().count("0: 1+1 => 2\n") == again
 
 
 @pytest.mark.parametrize("line", ["rem password 'sesame'", 'rem PASSWORD  "sesame"', "rem 'x' password 'sesame' 5"])
