@@ -52,10 +52,13 @@ enum class op : std::uint8_t {
     jump_if_zero, // a = target; takes the control of "?:" from the stack
 };
 
+inline constexpr std::size_t short_integer_max = 9; // decimal digits that always fit in 32 bits
+
 struct instruction {
     op code;
     std::int32_t a;      // a value or a target; where in the line a string, name or format stands
     std::int32_t length; // of that
+    std::int32_t at;     // where the digits of a value stand of short_integer_max at most
     double d;
 };
 

@@ -340,7 +340,12 @@ struct compiler {
             const std::uint64_t most = first > 0 && line[first - 1] == '-' ? 1U << 31 : INT_MAX; // it wraps
             if (digits > most)
                 return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
-            emit(op::push_int, static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)));
+            instruction &made =
+                emit(op::push_int, static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)));
+            if (text.size() <= short_integer_max) {
+                made.at = static_cast<std::int32_t>(first);
+                made.length = static_cast<std::int32_t>(text.size());
+            }
             return true;
         }
         const double value = std::strtod(std::string(text).c_str(), nullptr); // a tiny one is 0

@@ -35,13 +35,10 @@ namespace {
 
 int nesting = 0; // lines being interpreted, one inside the other
 
-enum class comes { again, once }; // whether a line is likely to be run again
-
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    std::array<scanned_line, 8> typed; // a polling client repeats a few lines
-    scanned_line read_once;            // from a script, which keeps those that it repeats
+    std::array<scanned_line, 16> lines; // a client or a script repeats a few lines, or all but their integers
     token next;
     std::vector<pt_value> values;     // a command's arguments, behind them what an earlier line left
     std::vector<std::string> strings; // of the values of type 's', in their order; the same
@@ -49,26 +46,36 @@ struct scratch {
     std::size_t latest = 0;
 
     // The line in scanned form, known already if it ran lately.
-    scanned_line &line(std::string_view text, comes how_often) {
-        if (how_often == comes::once) {
-            read_once.assign(text);
-            return read_once;
-        }
-        if (typed[latest].text() == text)
-            return typed[latest];
+    scanned_line &line(std::string_view text) {
+        if (lines[latest].text() == text)
+            return lines[latest];
         const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
         latest = is_long ? 0 : place_of(text);
-        typed[latest].assign(text);
-        return typed[latest];
+        lines[latest].assign(text);
+        return lines[latest];
     }
 
   private:
-    // By the length and the last characters, which differ most often.
+    // By the length and the characters, all digits alike.
     std::size_t place_of(std::string_view text) const {
-        std::uint64_t end = text.size();
-        text.substr(text.size() - std::min(text.size(), sizeof end))
-            .copy(reinterpret_cast<char *>(&end), sizeof end);
-        return (end * 0x9e3779b97f4a7c15 >> 32) % typed.size();
+        std::uint64_t hash = text.size();
+        std::uint64_t eight = 0;
+        for (std::size_t at = 0; at + sizeof eight < text.size(); at += sizeof eight) {
+            std::memcpy(&eight, text.data() + at, sizeof eight);
+            hash = mixed(hash, eight);
+        }
+        eight = 0;
+        if (text.size() >= sizeof eight)
+            std::memcpy(&eight, text.data() + text.size() - sizeof eight, sizeof eight);
+        else
+            text.copy(reinterpret_cast<char *>(&eight), text.size());
+        return mixed(hash, eight) >> 32 & (lines.size() - 1);
+    }
+
+    static std::uint64_t mixed(std::uint64_t hash, std::uint64_t eight) {
+        const std::uint64_t digits =
+            eight >> 4 & 0x0101010101010101; // and others: these lose their lower half
+        return (hash ^ (eight & ~(digits * 15))) * 0x9e3779b97f4a7c15;
     }
 };
 
@@ -470,8 +477,7 @@ int out_of_memory(int cn) {
 }
 
 // Runs a line on a level of its own: `scanned`, or what `text` expands to.
-int service(int cn, scanned_line *scanned, std::string_view text, comes how_often, const delivery &to,
-            int *status_out) {
+int service(int cn, scanned_line *scanned, std::string_view text, const delivery &to, int *status_out) {
     if (status_out)
         *status_out = 0;
     try {
@@ -485,7 +491,7 @@ int service(int cn, scanned_line *scanned, std::string_view text, comes how_ofte
             const bool is_short = has_short_form(text);
             if (is_short && !preprocess(cn, text, kept->expanded))
                 return finish_error(cn);
-            scanned = &kept->line(is_short ? kept->expanded : text, how_often);
+            scanned = &kept->line(is_short ? kept->expanded : text);
         }
         line_state state(cn, *scanned, *kept);
         return run_line(state, to, status_out);
@@ -498,20 +504,20 @@ int service(int cn, scanned_line *scanned, std::string_view text, comes how_ofte
 
 int service_line(int cn, scanned_line &line, Variable *result_out, int print_result, std::FILE *log,
                  std::FILE *vlog, int *status_out) {
-    return service(cn, &line, {}, comes::again, {result_out, print_result, log, vlog}, status_out);
+    return service(cn, &line, {}, {result_out, print_result, log, vlog}, status_out);
 }
 
 int user_service(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog) {
-    return service(cn, nullptr, line, comes::again, {nullptr, print_result, log, vlog}, nullptr);
+    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, nullptr);
 }
 
 int user_service_script(int cn, std::string_view line, int print_result, std::FILE *log, std::FILE *vlog,
                         int *status_out) {
-    return service(cn, nullptr, line, comes::once, {nullptr, print_result, log, vlog}, status_out);
+    return service(cn, nullptr, line, {nullptr, print_result, log, vlog}, status_out);
 }
 
 int user_service_result(int cn, const char *line, Variable *result_out, int *status_out) {
-    return service(cn, nullptr, line, comes::again, {result_out, 0, nullptr, nullptr}, status_out);
+    return service(cn, nullptr, line, {result_out, 0, nullptr, nullptr}, status_out);
 }
 
 std::string pt_quoted(std::string_view text) {

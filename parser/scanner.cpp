@@ -3,6 +3,8 @@
 #include "parser/variables.h"
 #include "server/output.h"
 
+#include <algorithm>
+
 namespace kestrel {
 
 namespace {
@@ -13,6 +15,10 @@ bool is_blank(char c) {
 
 bool is_word_char(char c) {
     return is_kind(c, kind_word);
+}
+
+bool is_same(std::string_view a, std::string_view b, std::size_t from, std::size_t to) {
+    return std::equal(a.begin() + from, a.begin() + to, b.begin() + from);
 }
 
 } // namespace
@@ -90,9 +96,44 @@ program scanned_line::program_of(const item &i) const {
     return {text_, std::span(code_).subspan(i.code, i.code_end - i.code)};
 }
 
+// Where all but short decimal integers is the same, the line gets its integers from the other; else it is half
+// changed. Digits in the place of digits, between the same characters, are read the same way.
+bool scanned_line::takes_integers_of(std::string_view line) {
+    if (line.size() != text_.size())
+        return false;
+    std::size_t at = 0;
+    for (instruction &i : code_) {
+        if (i.code != op::push_int || i.length == 0)
+            continue;
+        const auto first = static_cast<std::size_t>(i.at);
+        const std::size_t end = first + static_cast<std::size_t>(i.length);
+        if (!is_same(line, text_, at, first))
+            return false;
+        std::int32_t value = 0;
+        for (at = first; at < end; ++at) {
+            if (!is_digit(line[at]))
+                return false;
+            value = value * 10 + (line[at] - '0');
+        }
+        i.a = value;
+    }
+    if (!is_same(line, text_, at, line.size()))
+        return false;
+    line.copy(text_.data(), line.size());
+    for (item &i : items_) {
+        if (i.kind != item_kind::integer)
+            continue;
+        if (i.code_end - i.code == 1)
+            i.value = code_[i.code].a;
+        else
+            i.kind = item_kind::expression;
+    }
+    return true;
+}
+
 void scanned_line::assign(std::string_view line) {
     constexpr std::size_t kept_text = 1024, kept_items = 16, kept_code = 128;
-    if (line == text_)
+    if (line == text_ || takes_integers_of(line))
         return;
     if (text_.capacity() > kept_text || items_.size() > kept_items || code_.capacity() > kept_code) {
         text_ = {};

@@ -44,8 +44,8 @@ class scanned_line {
 
     std::string_view text() const { return text_; }
 
-    // Becomes that line. What is known of the same line stays; of another one only the memory, unless it is
-    // much.
+    // Becomes that line. What is known of the same line stays, and of one that differs in the digits of integers
+    // only, as the lines of a control program do; of another one only the memory, unless it is much.
     void assign(std::string_view line);
 
     // Evaluates item number `index` (0 based); items are asked for in order, each compiled once.
@@ -64,6 +64,7 @@ class scanned_line {
         int value = 0;         // of an integer
         std::size_t code = 0, code_end = 0;
     };
+    bool takes_integers_of(std::string_view line);
     void read_item();
     bool take_word(item &next);
     void take_expression(item &next);

@@ -1,6 +1,7 @@
 #include "server/activity.h"
 
 #include "server/interrupt.h"
+#include "server/logs.h"
 #include "server/session.h"
 #include "support/metrics_text.h"
 #include "support/watched_record.h"
@@ -114,7 +115,7 @@ void describe_running(std::string &out, const running_line &now, const line_prog
                       std::string_view peer) {
     out += "running session " + std::to_string(now.cn) + " of " + std::string(peer) + " since " +
            local_time(now.since) + ", " + as_text(seconds_since(now.since)) + " s\n";
-    out.append("line ").append(now.line.shown()).append("\n");
+    out.append("line ").append(sv_masked(now.line.shown())).append("\n");
     if (its_progress.line == now.number)
         out.append("progress " + std::to_string(its_progress.done) + " of " +
                    std::to_string(its_progress.total) + " '")

@@ -13,7 +13,7 @@ namespace kestrel {
 using activity_clock = std::chrono::steady_clock;
 
 // Called by the command thread as things happen; it says what time it is, because asking costs as much as a short
-// line. `peer` is "terminal" or a dotted address; a line comes masked.
+// line. `peer` is "terminal" or a dotted address; who asks for a line sees it masked.
 void activity_open(int cn, std::string_view peer);
 void activity_close(int cn);
 void activity_begin(int cn, std::string_view line, activity_clock::time_point now);

@@ -165,7 +165,7 @@ bool read_line(std::string &line) {
 }
 
 void tell_activity(const std::string &line) try {
-    activity_begin(terminal, sv_masked(line), activity_clock::now());
+    activity_begin(terminal, line, activity_clock::now());
 } catch (const std::bad_alloc &) { // the line runs all the same
 }
 

@@ -76,6 +76,17 @@ bool secret_word_at(std::string_view line, std::size_t at) {
     return end == line.size() || !is_word(line[end]);
 }
 
+bool has_secret(std::string_view line) {
+    // Looked for by a letter that is rare in commands: the "w" of the word.
+    constexpr std::size_t mark = secret_word.find('w');
+    for (const char letter : {'w', 'W'}) {
+        for (std::size_t at = line.find(letter, mark); at != line.npos; at = line.find(letter, at + 1))
+            if (secret_word_at(line, at - mark))
+                return true;
+    }
+    return false;
+}
+
 // Masks what stands in quotes up to the first blank outside them, from the argument that begins at or after
 // `at`; returns where it ends.
 std::size_t mask_argument(std::string &line, std::size_t at) {
@@ -124,20 +135,9 @@ void sv_close_log(std::FILE *&log) {
     log = nullptr;
 }
 
-bool sv_has_secret(std::string_view line) {
-    // Looked for by a letter that is rare in commands: the "w" of the word.
-    constexpr std::size_t mark = secret_word.find('w');
-    for (const char letter : {'w', 'W'}) {
-        for (std::size_t at = line.find(letter, mark); at != line.npos; at = line.find(letter, at + 1))
-            if (secret_word_at(line, at - mark))
-                return true;
-    }
-    return false;
-}
-
 std::string sv_masked(std::string_view line) {
     std::string shown(line);
-    if (!sv_has_secret(line))
+    if (!has_secret(line))
         return shown;
     for (std::size_t at = 0; at + secret_word.size() <= shown.size();) {
         if (!secret_word_at(shown, at)) {

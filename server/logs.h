@@ -20,8 +20,6 @@ void sv_tell_lost_logs(int cn);
 // Closes the log unless it is standard output; null afterwards.
 void sv_close_log(std::FILE *&log);
 
-// Whether there is anything to mask.
-bool sv_has_secret(std::string_view line);
 // What a log or an echo may show of a line: the quoted value after the word `password` becomes '*'.
 std::string sv_masked(std::string_view line);
 

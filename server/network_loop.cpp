@@ -183,12 +183,11 @@ void close_without_memory(int cn) {
     sv_disconnect_client(cn);
 }
 
-// The line as others may see it.
-void tell_line(int cn, std::string_view masked, activity_clock::time_point now) {
-    activity_begin(cn, masked, now);
+void tell_line(int cn, std::string_view line, activity_clock::time_point now) {
+    activity_begin(cn, line, now);
     if (!log_file && !vlog_file)
         return;
-    const std::string shown = std::to_string(cn) + ": " + std::string(masked);
+    const std::string shown = std::to_string(cn) + ": " + sv_masked(line);
     if (log_file)
         sv_log(log_file, shown + " ");
     if (vlog_file)
@@ -205,11 +204,7 @@ std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     sv_ln_start(edit);
     sv_quit = 0;
     try {
-        if (sv_has_secret(line)) {
-            tell_line(cn, sv_masked(line), now);
-        } else {
-            tell_line(cn, line, now);
-        }
+        tell_line(cn, line, now);
         sv_tell_lost_logs(cn); // before the line's own reply, which ends with its result
         sv_hooks.service(cn, line, 1, log_file, vlog_file);
     } catch (const std::bad_alloc &) {
