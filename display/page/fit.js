@@ -98,6 +98,8 @@ export class Fit {
             series: [{}, ...series.map((s) => ({...s, points: {show: false}}))]}, data, byId(id));
     }
 
+    saves() { return this.data ? ["csv", "png"] : []; }
+
     csv() {
         const {xs, measured, model, residuals} = this.data;
         saveCsv("fit.csv", [["channel", "counts", "model", "residual"], ...xs.map((x, i) => [x, measured[i], model[i], residuals[i]])]);

@@ -111,6 +111,8 @@ export class Picture {
     // What the display took for the number that was typed.
     planeNumber() { return (this.plane === "channel") === this.turned ? this.head.t0 : this.head.y0; }
 
+    saves() { return this.app.module() && this.head?.rows ? ["csv", "png"] : []; }
+
     // The first line and the first column tell where in the module.
     csv() {
         const {columns, rows, values} = this.head;

@@ -1,4 +1,5 @@
-// The page: modules, tabs, keys. Each tab's view is a class of its own: show, hide, select, csv, png, key.
+// The page: modules, tabs, keys. Each tab's view is a class of its own: show, hide, select, key, and csv and
+// png where saves() names them: what is shown now may be saved so.
 import {byId, everything, numbersOf} from "./common.js";
 import {Fit} from "./fit.js";
 import {Picture} from "./image.js";
@@ -14,7 +15,7 @@ class App {
         this.list = [];
         this.chosen = null;
         this.live = new Live((text) => this.take(text), (state) => { this.state = state; this.tellState(); });
-        const server = {show() {}, hide() {}, select() {}, csv() {}, png() {}, key: () => false};
+        const server = {show() {}, hide() {}, select() {}, saves: () => [], key: () => false};
         this.tabs = {spectra: new Spectra(this), overview: new Overview(this), image: new Picture(this), fit: new Fit(this),
             rates: new Rates(this), server};
         byId("tabs").replaceChildren(...Object.keys(this.tabs).map((name, i) => {
@@ -26,8 +27,8 @@ class App {
         }));
         byId("filter").addEventListener("input", () => this.showModules());
         byId("pause").addEventListener("click", () => this.pause());
-        byId("png").addEventListener("click", () => this.tab().png());
-        byId("csv").addEventListener("click", () => this.tab().csv());
+        for (const form of ["png", "csv"])
+            byId(form).addEventListener("click", () => this.save(form));
         document.addEventListener("keydown", (event) => this.key(event));
         document.querySelectorAll("form").forEach((form) => form.addEventListener("submit", (event) => event.preventDefault()));
         matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.tab().show());
@@ -64,6 +65,7 @@ class App {
             byId(other).classList.toggle("shown", other === name);
             byId(`tab-${other}`).setAttribute("aria-selected", other === name);
         }
+        byId("saved").textContent = "";
         this.tab().show();
     }
 
@@ -143,12 +145,19 @@ class App {
         this.tellState();
     }
 
+    save(form) {
+        const can = this.tab().saves().includes(form);
+        byId("saved").textContent = can ? "" : `Nothing here to save as ${form.toUpperCase()}`;
+        if (can)
+            this.tab()[form]();
+    }
+
     key(event) {
         const pressed = event.target.tagName;
         if (event.ctrlKey || event.altKey || event.metaKey || /^(INPUT|SELECT)$/.test(pressed) || (pressed === "BUTTON" && event.key === " "))
             return;
         const number = Number(event.key), names = Object.keys(this.tabs);
-        const keys = {" ": () => this.pause(), p: () => this.tab().png(), c: () => this.tab().csv(), "/": () => byId("filter").focus()};
+        const keys = {" ": () => this.pause(), p: () => this.save("png"), c: () => this.save("csv"), "/": () => byId("filter").focus()};
         if (number >= 1 && number <= names.length)
             this.showTab(names[number - 1]);
         else if (keys[event.key])

@@ -78,6 +78,8 @@ export class Overview {
         this.app.showTab("spectra");
     }
 
+    saves() { return this.app.module() && this.head?.rows ? ["csv", "png"] : []; }
+
     csv() {
         const rows = [];
         for (let row = 0; row < this.head.rows; ++row)

@@ -82,8 +82,8 @@ export class Rates {
         fill("losstable", lossHeads, this.lost, (value, i) => i > 2 && value > 0);
     }
 
+    saves() { return this.head?.rows || this.lost.length ? ["csv"] : []; }
     csv() { saveCsv("rates.csv", [rateHeads, ...this.rows(), lossHeads, ...this.lost]); }
-    png() {}
     key() { return false; }
 }
 

@@ -151,6 +151,8 @@ export class Spectra {
     }
 
     pan(part) {
+        if (!this.head)
+            return;
         const [a, b] = this.shownRange();
         const by = Math.max(-a, Math.min(Math.round((b - a + 1) * part), this.head.nx - 1 - b));
         this.zoom([a + by, b + by]);
@@ -230,6 +232,8 @@ export class Spectra {
             return row;
         }));
     }
+
+    saves() { return this.app.module() && this.head?.rows ? ["csv", "png"] : []; }
 
     csv() {
         const head = this.head;

@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (!sv_is_valid(0))
         sv_fill_slot(0, ::open("/dev/null", O_RDONLY), ::open("/dev/null", O_WRONLY));
     std::string line(reinterpret_cast<const char *>(data), size);
-    if (line.find('=') != std::string::npos)
-        return 0; // an assignment changes what comes after it
+    if (line.find('=') != std::string::npos || line.find("time(") != std::string::npos)
+        return 0; // these have another value the second time
     scanned_line again(line);
     token a, b;
     std::size_t index = 0;

@@ -414,6 +414,16 @@ def test_saving_gives_the_numbers_and_the_picture(page, spectra, tmp_path):
     assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
 
 
+def test_a_view_of_nothing_says_that_there_is_nothing_to_save(page):
+    page.run("display.choose('gone')")
+    for tab in "123456":
+        for key, form in ("p", "PNG"), ("c", "CSV"):
+            page.press(tab, "+", "-", "f", "l", "r", "\ue012", "\ue014", key)  # arrows, too, find nothing
+            assert page.run("return document.getElementById('saved').innerText") == f"Nothing here to save as {form}"
+    page.press("1")
+    assert page.run("return document.getElementById('saved').innerText") == ""
+
+
 def test_titles_are_text_and_nothing_comes_from_elsewhere(page, client, names):
     name = names("hostile")
     client.lines(f"module create '{name}' 32 1 header")
