@@ -91,6 +91,7 @@ int sender::together(std::span<const broker_words> commands) {
 
 int sender::answer_to(std::size_t commands) {
     refusal_.clear();
+    fields_made_.clear();
     bool begun = false;
     for (std::size_t i = 0; i <= commands; ++i) {
         const broker_reply queued = broker_.next();
@@ -105,6 +106,9 @@ int sender::answer_to(std::size_t commands) {
     note(done);
     for (std::size_t i = 0; i < done.size(); ++i)
         note(done.at(i));
+    for (std::size_t i = 0; i < done.size(); ++i)
+        if (const auto made = done.at(i).integer())
+            fields_made_.push_back(*made);
     if (done.size() == commands && refusal_.empty())
         return 1;
     if (refusal_.empty())
@@ -175,9 +179,28 @@ bool sender::seal(published_run &run) {
     const int done = together(commands);
     if (done == 0)
         give_way();
+    const bool sealed = done == 1 && !was_emptied({&run.id, 1}, 1);
     const std::lock_guard guard(p_.mutex);
-    run.sealed = done == 1;
-    return run.sealed;
+    run.sealed = sealed;
+    return sealed;
+}
+
+// A hash that has got more fields than is usual had to be made anew: somebody has emptied the broker. What is left of such
+// runs is removed, and the broker is asked what it has before they are announced again.
+bool sender::was_emptied(std::span<const std::string> runs, long long usual) {
+    bool emptied = false;
+    for (std::size_t i = 0; i < runs.size() && i < fields_made_.size(); ++i) {
+        if (fields_made_[i] <= usual)
+            continue;
+        emptied = true;
+        remove_run(runs[i]);
+    }
+    if (!emptied)
+        return false;
+    has_stock_ = false;
+    if (broker_.is_connected())
+        broker_.refuse("the broker was emptied");
+    return true;
 }
 
 // A run that begins, or is there again ("again") after its broker was away.

@@ -66,7 +66,7 @@ class sender {
     bool append_payloads(batch &frames, std::vector<broker_words> &headers);
     bool take_answers(batch &frames, std::vector<broker_words> &headers);
     void tell(batch frames, std::vector<broker_words> headers);
-    void note_told();
+    bool note_told();
     void give_back();
     bool take_back(const batch &frames); // payloads without a header
     broker_words header_of(const outgoing &o) const;
@@ -87,14 +87,16 @@ class sender {
     broker_words meta_of(const published_run &run, const char *state, const char *end = "",
                          std::span<const outgoing> told = {}) const;
     bool seal(published_run &run);
+    bool was_emptied(std::span<const std::string> runs, long long usual);
     std::string payload_of(const outgoing &o) const;
 
     publication &p_;
     broker broker_;
     sender_limits limits_;
     broker_stock stock_;
-    std::string refusal_;    // what the broker said instead of doing something
-    std::string broker_run_; // which life of the broker it is
+    std::string refusal_;                // what the broker said instead of doing something
+    std::vector<long long> fields_made_; // by each HSET of the last commands that counted together
+    std::string broker_run_;             // which life of the broker it is
     std::size_t budget_ = 0;
     bool has_stock_ = false, strangers_sealed_ = false;
     std::vector<std::string> strangers_; // runs there that are not ours and not sealed

@@ -97,7 +97,8 @@ bool sender::send(batch &frames) {
             doubtful_.clear();
         return false;
     }
-    note_told();
+    if (!note_told())
+        return false;
     tell(std::move(frames), std::move(headers));
     doubtful_ = telling_.frames;
     return broker_.is_connected();
@@ -110,11 +111,10 @@ bool sender::settle() {
     const int told = answer_to(telling_.commands);
     if (told == 0)
         give_back();
-    else if (told > 0)
-        note_told();
+    const bool noted = told > 0 && note_told();
     if (broker_.is_connected())
         doubtful_.clear();
-    return told == 1;
+    return noted;
 }
 
 // One that is larger than all that may be kept is lost.
@@ -207,14 +207,21 @@ void sender::tell(batch frames, std::vector<broker_words> commands) {
     append_together(commands);
 }
 
-void sender::note_told() {
-    const std::lock_guard guard(p_.mutex);
-    for (std::size_t i = 0; i < telling_.frames.size(); ++i) {
-        const outgoing &o = telling_.frames[i];
-        p_.ring.told(o.run->lanes[o.lane].number, !o.stored);
-        stock_.add_headers(o.run->id, broker_cost(telling_.sizes[i]));
+// False when the broker has lost what it was told before.
+bool sender::note_told() {
+    std::vector<std::string> runs; // in the order of their hashes
+    {
+        const std::lock_guard guard(p_.mutex);
+        for (std::size_t i = 0; i < telling_.frames.size(); ++i) {
+            const outgoing &o = telling_.frames[i];
+            p_.ring.told(o.run->lanes[o.lane].number, !o.stored);
+            stock_.add_headers(o.run->id, broker_cost(telling_.sizes[i]));
+            if (runs.empty() || runs.back() != o.run->id)
+                runs.push_back(o.run->id);
+        }
     }
     telling_.frames.clear();
+    return !was_emptied(runs, 0);
 }
 
 // What the broker refused to be told of is sent again, when there is room.

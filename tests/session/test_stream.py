@@ -86,6 +86,10 @@ def test_every_frame_of_every_card_is_there(client, play, broker, publisher):
 LONG = 200  # frames of 5 ms: the cards' clocks run ten times as fast as they say
 
 
+def empty(broker):
+    broker("FLUSHALL")
+
+
 def freeze(broker):
     broker.freeze(5)
 
@@ -102,8 +106,8 @@ def kill_clients(broker):
         time.sleep(0.02)
 
 
-@pytest.mark.parametrize("disturb, new_epoch", [(Broker.restart, True), (freeze, False), (pause, False), (kill_clients, False)],
-                         ids=["killed", "stopped", "paused", "clients-killed"])
+@pytest.mark.parametrize("disturb, new_epoch", [(Broker.restart, True), (empty, True), (freeze, False), (pause, False), (kill_clients, False)],
+                         ids=["killed", "emptied", "stopped", "paused", "clients-killed"])
 def test_the_account_is_exact_whatever_the_broker_does(client, play, broker, publisher, disturb, new_epoch):
     configured(client, play, "-kind=4", frames=LONG)
     begin(client, LONG, 50)
