@@ -96,6 +96,7 @@ def test_a_high_voltage_supply_echoes_ramps_and_trips(bench):
 
 def test_wires_go_and_come_back(bench):
     meter = Tcp(bench, "ke2410")
+    assert meter.ask("OUTP:STAT?") == "0"  # the wire is taken: one that only waits for it is reset
     bench.do("ke2410 level 40.0 1")
     bench.do("wire vanish 'ke2410'")
     assert meter.file.readline() == b""
