@@ -56,9 +56,10 @@ inline constexpr std::size_t short_integer_max = 9; // decimal digits that alway
 
 struct instruction {
     op code;
-    std::int32_t a;      // a value or a target; where in the line a string, name or format stands
-    std::int32_t length; // of that
-    std::int32_t at;     // where the digits of a value stand of short_integer_max at most
+    std::int32_t a; // a value or a target
+    std::int32_t
+        at; // where in the line a string, name or format stands, or the few decimal digits of a value
+    std::int32_t length; // of that, else 0
     double d;
 };
 
@@ -69,7 +70,7 @@ struct program {
 
     // The string, name or format of an instruction.
     std::string_view text(const instruction &i) const {
-        return line.substr(static_cast<std::size_t>(i.a), static_cast<std::size_t>(i.length));
+        return line.substr(static_cast<std::size_t>(i.at), static_cast<std::size_t>(i.length));
     }
     // Whether it always has the same value, and does nothing else.
     bool is_constant() const;

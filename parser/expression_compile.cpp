@@ -76,9 +76,11 @@ struct compiler {
     }
 
     // An instruction that names a part of the line.
-    void emit(op code, std::string_view part) {
-        emit(code, static_cast<std::int32_t>(part.data() - line.data())).length =
-            static_cast<std::int32_t>(part.size());
+    void emit(op code, std::string_view part) { tell_place(emit(code), part); }
+
+    void tell_place(instruction &of, std::string_view part) const {
+        of.at = static_cast<std::int32_t>(part.data() - line.data());
+        of.length = static_cast<std::int32_t>(part.size());
     }
 
     std::int32_t here() const { return static_cast<std::int32_t>(out.size() - start); }
@@ -342,10 +344,8 @@ struct compiler {
                 return fail("Integer constant '" + std::string(text) + "' does not fit in 32 bits");
             instruction &made =
                 emit(op::push_int, static_cast<std::int32_t>(static_cast<std::uint32_t>(digits)));
-            if (text.size() <= short_integer_max) {
-                made.at = static_cast<std::int32_t>(first);
-                made.length = static_cast<std::int32_t>(text.size());
-            }
+            if (text.size() <= short_integer_max)
+                tell_place(made, text);
             return true;
         }
         const double value = std::strtod(std::string(text).c_str(), nullptr); // a tiny one is 0

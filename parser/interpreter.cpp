@@ -38,7 +38,7 @@ int nesting = 0; // lines being interpreted, one inside the other
 // What a line needs on its way; kept from line to line, one for each level of nesting.
 struct scratch {
     std::string expanded;
-    std::array<scanned_line, 16> lines; // a client or a script repeats a few lines, or all but their integers
+    std::array<scanned_line, 16> lines; // a client or a script repeats a few lines, or all but their numbers
     token next;
     std::vector<pt_value> values;     // a command's arguments, behind them what an earlier line left
     std::vector<std::string> strings; // of the values of type 's', in their order; the same
@@ -47,7 +47,7 @@ struct scratch {
 
     // The line in scanned form, known already if it ran lately.
     scanned_line &line(std::string_view text) {
-        if (lines[latest].text() == text)
+        if (lines[latest].becomes(text))
             return lines[latest];
         const bool is_long = text.size() > sv_line_max; // one of these is enough to keep
         latest = is_long ? 0 : place_of(text);
@@ -91,8 +91,8 @@ class nested_scratch {
         if (level_ >= line_nesting_max || !kept_[level_])
             return;
         scratch &kept = *kept_[level_];
-        for (std::string *text : {&kept.expanded, &kept.next.ScannedString})
-            give_back(*text);
+        give_back(kept.expanded);
+        give_back(kept.next.ScannedString);
         for (std::string &text : kept.strings)
             give_back(text);
     }

@@ -3,8 +3,6 @@
 #include "parser/variables.h"
 #include "server/output.h"
 
-#include <algorithm>
-
 namespace kestrel {
 
 namespace {
@@ -15,10 +13,6 @@ bool is_blank(char c) {
 
 bool is_word_char(char c) {
     return is_kind(c, kind_word);
-}
-
-bool is_same(std::string_view a, std::string_view b, std::size_t from, std::size_t to) {
-    return std::equal(a.begin() + from, a.begin() + to, b.begin() + from);
 }
 
 } // namespace
@@ -96,30 +90,35 @@ program scanned_line::program_of(const item &i) const {
     return {text_, std::span(code_).subspan(i.code, i.code_end - i.code)};
 }
 
-// Where all but short decimal integers is the same, the line gets its integers from the other; else it is half
-// changed. Digits in the place of digits, between the same characters, are read the same way.
-bool scanned_line::takes_integers_of(std::string_view line) {
-    if (line.size() != text_.size())
-        return false;
-    std::size_t at = 0;
+// Whether all that differs, from `at` on, are digits of short integers and characters of strings: with digits in the place
+// of digits, and no quote that ends a string, the line is read in the same way.
+bool scanned_line::differs_in_constants(std::string_view line, std::size_t at) const {
+    auto constant =
+        code_.begin(); // in the order of the text, but for names, which stand before what they are of
+    for (; at < line.size(); at = next_difference(line, text_, at + 1)) {
+        while (constant != code_.end() && static_cast<std::size_t>(constant->at + constant->length) <= at)
+            ++constant;
+        if (constant == code_.end() || at < static_cast<std::size_t>(constant->at))
+            return false;
+        const char c = line[at];
+        const bool is_string = constant->code == op::push_string;
+        if (is_string ? c == line[static_cast<std::size_t>(constant->at) - 1]
+                      : constant->code != op::push_int || !is_digit(c))
+            return false;
+    }
+    return true;
+}
+
+void scanned_line::take_constants(std::string_view line) {
+    line.copy(text_.data(), line.size());
     for (instruction &i : code_) {
         if (i.code != op::push_int || i.length == 0)
             continue;
-        const auto first = static_cast<std::size_t>(i.at);
-        const std::size_t end = first + static_cast<std::size_t>(i.length);
-        if (!is_same(line, text_, at, first))
-            return false;
-        std::int32_t value = 0;
-        for (at = first; at < end; ++at) {
-            if (!is_digit(line[at]))
-                return false;
-            value = value * 10 + (line[at] - '0');
-        }
-        i.a = value;
+        i.a = 0;
+        for (const char digit :
+             line.substr(static_cast<std::size_t>(i.at), static_cast<std::size_t>(i.length)))
+            i.a = i.a * 10 + (digit - '0');
     }
-    if (!is_same(line, text_, at, line.size()))
-        return false;
-    line.copy(text_.data(), line.size());
     for (item &i : items_) {
         if (i.kind != item_kind::integer)
             continue;
@@ -128,12 +127,23 @@ bool scanned_line::takes_integers_of(std::string_view line) {
         else
             i.kind = item_kind::expression;
     }
+}
+
+bool scanned_line::becomes(std::string_view line) {
+    if (line.size() != text_.size())
+        return false;
+    const std::size_t at = next_difference(line, text_, 0);
+    if (at == line.size())
+        return true;
+    if (!differs_in_constants(line, at))
+        return false;
+    take_constants(line);
     return true;
 }
 
 void scanned_line::assign(std::string_view line) {
     constexpr std::size_t kept_text = 1024, kept_items = 16, kept_code = 128;
-    if (line == text_ || takes_integers_of(line))
+    if (becomes(line))
         return;
     if (text_.capacity() > kept_text || items_.size() > kept_items || code_.capacity() > kept_code) {
         text_ = {};

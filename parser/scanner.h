@@ -44,8 +44,11 @@ class scanned_line {
 
     std::string_view text() const { return text_; }
 
-    // Becomes that line. What is known of the same line stays, and of one that differs in the digits of integers
-    // only, as the lines of a control program do; of another one only the memory, unless it is much.
+    // Becomes that line if what is known of this one is known of it, too: when they differ in digits of integers and inside
+    // of strings only, as the lines of a control program do.
+    bool becomes(std::string_view line);
+
+    // Becomes that line in any case. Of this one only the memory stays then, unless it is much.
     void assign(std::string_view line);
 
     // Evaluates item number `index` (0 based); items are asked for in order, each compiled once.
@@ -64,7 +67,8 @@ class scanned_line {
         int value = 0;         // of an integer
         std::size_t code = 0, code_end = 0;
     };
-    bool takes_integers_of(std::string_view line);
+    bool differs_in_constants(std::string_view line, std::size_t at) const;
+    void take_constants(std::string_view line);
     void read_item();
     bool take_word(item &next);
     void take_expression(item &next);

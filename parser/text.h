@@ -4,6 +4,8 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace kestrel {
@@ -43,6 +45,25 @@ constexpr bool same_word(std::string_view a, std::string_view b) {
             return false;
     }
     return true;
+}
+
+// The first place from `at` on where two texts of one size differ; their size when there is none.
+inline std::size_t next_difference(std::string_view a, std::string_view b, std::size_t at) {
+    std::uint64_t eight = 0;
+    const auto eight_of = [&](std::string_view text) {
+        std::memcpy(&eight, text.data() + at, sizeof eight);
+        return eight;
+    };
+    while (at + sizeof eight <= a.size() && eight_of(a) == eight_of(b))
+        at += sizeof eight;
+    while (at < a.size() && a[at] == b[at])
+        ++at;
+    return at;
+}
+
+// For short texts, which a call of the library's comparison costs more than their bytes.
+inline bool is_same_text(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && next_difference(a, b, 0) == a.size();
 }
 
 inline bool begins_with_word(std::string_view text, std::string_view start) {

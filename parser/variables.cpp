@@ -1,5 +1,6 @@
 #include "parser/variables.h"
 
+#include "parser/text.h"
 #include "server/output.h"
 
 #include <algorithm>
@@ -50,7 +51,7 @@ class scope {
         for (;; ++hash) {
             const std::size_t place = hash & (places_.size() - 1);
             const Variable *v = places_[place];
-            if (!v || v->name == name)
+            if (!v || is_same_text(v->name, name))
                 return place;
         }
     }

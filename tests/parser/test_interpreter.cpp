@@ -78,7 +78,7 @@ std::string items_of(scanned_line &line) {
 
 } // namespace
 
-// A line keeps what is known of one that differs in integers only; wherever else a digit stands, it is read anew.
+// A line keeps what is known of one that differs in integers and strings only; wherever else a character is another, it is read anew.
 TEST(interpreter, a_line_like_the_last_one_is_what_it_is_alone) {
     static constexpr const char *lines[] = {"set-int 'x' 12",
                                             "set-int 'x' %n*2+17",
@@ -100,7 +100,21 @@ TEST(interpreter, a_line_like_the_last_one_is_what_it_is_alone) {
                                             "l 1000000*1000000 7/0 8",
                                             "m 12'34' 56",
                                             "n\t1\r 2 "};
+    static constexpr const char *pairs[][2] = {{"a 'xy' 3", "a 'x'' 3"},
+                                               {"a \"xy\" 3", "a \"x'\" 4"},
+                                               {"a 'x' 3", "a \"x\" 3"},
+                                               {"a 'x'+12 5", "a 'y'+1' 5"},
+                                               {"a (string'%3d')5 'b'", "a (string'%4x')5 'c'"},
+                                               {"a '' 1", "a 'x'1"},
+                                               {"a ('b'=='b')", "a ('b'=='c')"}};
     set_int_variable(0, "n", 3, true);
+    for (const auto &[first, second] : pairs) {
+        scanned_line kept(first);
+        items_of(kept);
+        kept.assign(second);
+        scanned_line fresh(second);
+        EXPECT_EQ(items_of(kept), items_of(fresh)) << second;
+    }
     unsigned seed = 1;
     const auto digit = [&seed] {
         return static_cast<char>('0' + (seed = seed * 1103515245 + 12345) / 65536 % 10);
