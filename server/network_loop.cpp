@@ -2,8 +2,9 @@
 //
 // A turn looks at the sockets once and then serves what has been received, one line a session and round. A
 // round needs no system call, so many short lines cost one look; after turn_time the sockets get their look
-// again. What a session is told leaves when its received bytes are used up, and at the latest at the end of
-// the turn. A session whose peer does not take its replies is neither read nor served until it does.
+// again. A session that alone has something to say is read again when it has its reply, for alone_time. What
+// a session is told leaves when its received bytes are used up, and at the latest at the end of the turn. A
+// session whose peer does not take its replies is neither read nor served until it does.
 #include "server/activity.h"
 #include "server/client_descriptor.h"
 #include "server/control_socket.h"
@@ -40,6 +41,7 @@ namespace {
 constexpr int listen_backlog = 4;
 constexpr int select_seconds = 5;
 constexpr std::chrono::milliseconds turn_time{4};
+constexpr std::chrono::microseconds alone_time{200};
 constexpr std::size_t gathered_between_lines = outbox_limit / 2;
 
 // ---- listening
@@ -332,16 +334,27 @@ bool serve_one_line_or_close(int cn, activity_clock::time_point &now, std::size_
     }
 }
 
-// True when the session is to have another line in this turn. `now` is kept true: a line begins when the one before it
-// ended, or what was sent was sent.
-bool serve_session(int cn, activity_clock::time_point &now) {
+// Whether the session's next bytes are there, without a look at the sockets.
+bool has_sent_more(int cn) {
+    if (!sv_received(client[cn].received).empty())
+        return false; // it pauses
+    receive(cn);
+    return client[cn].valid && !sv_received(client[cn].received).empty();
+}
+
+// True when the session is to have another line in this turn; until `alone_until` also one that answers its reply: on one
+// processor that is often there when the reply is sent. `now` is kept true: a line begins when the one before it ended, or
+// what was sent was sent.
+bool serve_session(int cn, activity_clock::time_point alone_until, activity_clock::time_point &now) {
     if (!client[cn].valid)
         return false;
     std::size_t unsent = 0;
     const bool more = serve_one_line_or_close(cn, now, unsent);
     if (!client[cn].valid || (more && unsent < gathered_between_lines))
         return more;
-    if (outbox_try(cn) != outbox_status::empty || !more)
+    if (outbox_try(cn) != outbox_status::empty)
+        return false;
+    if (!more && (now >= alone_until || !has_sent_more(cn)))
         return false;
     now = activity_clock::now();
     return true;
@@ -353,10 +366,11 @@ void serve(loop_state &loop) {
     sessions.assign(loop.sessions.begin(), loop.sessions.end());
     activity_clock::time_point &now = loop.now;
     const activity_clock::time_point end = now + turn_time;
+    const activity_clock::time_point alone_until = sessions.size() == 1 ? now + alone_time : now;
     do {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < sessions.size(); ++i) {
-            if (serve_session(sessions[i], now))
+            if (serve_session(sessions[i], alone_until, now))
                 sessions[kept++] = sessions[i];
         }
         sessions.resize(kept);
