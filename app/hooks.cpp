@@ -15,6 +15,7 @@
 #include "pulsar3/server/commands.h"
 #include "server/options.h"
 #include "server/output.h"
+#include "server/session.h"
 #include "stream/fits/command.h"
 #include "support/metrics_text.h"
 #include "unified/handles/handles.h"
@@ -22,6 +23,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <sys/select.h>
+#include <utility>
 
 namespace kestrel {
 
@@ -47,14 +50,24 @@ void set_data_dir() {
     set_string_variable(0, "data_dir", path, true);
 }
 
+int (*select_add_before)(fd_set *set, int highest) = nullptr;
+
+// Each turn of the session loop.
+int select_add(fd_set *set, int highest) {
+    datamod_turn();
+    return select_add_before ? select_add_before(set, highest) : highest;
+}
+
 void user_main(int argc, char **argv) {
     if (argc > 1)
         usage(argv[0]);
+    datamod_keep_unused(use_network); // a terminal has no turns
     links::clients_init();
     pulsar3_init();
     files_init();
     stream::fit_far_init();
     set_data_dir();
+    select_add_before = std::exchange(user_select_add, select_add);
 }
 
 void user_connect(int) {}
@@ -87,6 +100,7 @@ bool module_was_cut(int cn, bool begins) {
 // What is looked after around every command.
 bool around_command(int cn, bool begins) {
     files_turn(cn);
+    datamod_turn();
     return module_was_cut(cn, begins);
 }
 

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -46,7 +47,7 @@ std::string object_name(const char *name) {
 
 datamod_record *find(const void *head) {
     datamod_record *record = mapped;
-    while (record != nullptr && record->address != head)
+    while (record != nullptr && (record->address != head || record->links == 0))
         record = record->next;
     return record;
 }
@@ -56,6 +57,54 @@ datamod_record *find(dev_t device, ino_t inode) {
     while (record != nullptr && (record->device != device || record->inode != inode))
         record = record->next;
     return record;
+}
+
+void remove_record(datamod_record *record) {
+    datamod_record **place = &mapped;
+    while (*place != record)
+        place = &(*place)->next;
+    *place = record->next;
+    cut_guard_remove(record->guard);
+    ::munmap(record->address, static_cast<std::size_t>(record->size));
+    ::close(record->fd);
+    mapped_count.fetch_sub(1, std::memory_order_relaxed);
+    mapped_bytes.fetch_sub(record->size, std::memory_order_relaxed);
+    delete record;
+}
+
+// To map a large module and to unmap it takes as long as to write it: the one that was used last stays mapped for a
+// while. img_mod_mutex guards all of this.
+constexpr off_t worth_keeping = off_t{16} << 20;
+constexpr std::chrono::seconds unused_time{5};
+bool keeps_unused = false;
+datamod_record *unused = nullptr; // in the list, without links
+std::chrono::steady_clock::time_point unused_since;
+std::atomic<bool> has_unused{false}; // the same for datamod_turn, which has nothing to do most often
+
+void set_unused(datamod_record *record) {
+    unused = record;
+    unused_since = std::chrono::steady_clock::now();
+    has_unused.store(record != nullptr, std::memory_order_relaxed);
+}
+
+void drop_unused() {
+    if (unused == nullptr)
+        return;
+    remove_record(unused);
+    set_unused(nullptr);
+}
+
+// Whether the object still has a name and the mapped size, and had it whenever somebody looked.
+bool is_as_mapped(const datamod_record &record) {
+    struct stat status {};
+    return ::fstat(record.fd, &status) == 0 && status.st_nlink > 0 && status.st_size == record.size &&
+           !cut_guard_was_cut(record.guard);
+}
+
+// What is no more what it was is of no use, and its memory may be what a new module needs.
+void look_after_unused() {
+    if (unused != nullptr && !is_as_mapped(*unused))
+        drop_unused();
 }
 
 // Reports with the errno that the caller shall see, too.
@@ -159,6 +208,7 @@ int _os_datmod(const char *name, std::size_t size, void **head, datamod_record *
         return -1;
     }
     const std::lock_guard lock(img_mod_mutex);
+    look_after_unused();
     const mode_t mask = ::umask(0);
     unique_fd fd(::shm_open(object.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, object_mode));
     const int error = errno;
@@ -188,7 +238,10 @@ int _os_link(const char *name, datamod_record **record, void **head) {
     struct stat status {};
     if (::fstat(fd.get(), &status) != 0)
         return cannot_stat(name);
+    look_after_unused();
     if (datamod_record *known = find(status.st_dev, status.st_ino)) {
+        if (known == unused)
+            set_unused(nullptr);
         ++known->links;
         *record = known;
         *head = known->address;
@@ -203,25 +256,37 @@ int _os_link(const char *name, datamod_record **record, void **head) {
 
 int munlink(void *head) {
     const std::lock_guard lock(img_mod_mutex);
-    datamod_record **place = &mapped;
-    while (*place != nullptr && (*place)->address != head)
-        place = &(*place)->next;
-    datamod_record *record = *place;
-    if (head == nullptr || record == nullptr) {
+    datamod_record *const record = head == nullptr ? nullptr : find(head);
+    if (record == nullptr) {
         std::fprintf(stderr, " Cannot find module head pointer 0x%0zx in list so not touching anything\n",
                      reinterpret_cast<std::size_t>(head));
         return -1;
     }
     if (--record->links > 0)
         return 0;
-    *place = record->next;
-    cut_guard_remove(record->guard);
-    ::munmap(record->address, static_cast<std::size_t>(record->size));
-    ::close(record->fd);
-    mapped_count.fetch_sub(1, std::memory_order_relaxed);
-    mapped_bytes.fetch_sub(record->size, std::memory_order_relaxed);
-    delete record;
+    if (!keeps_unused || record->size < worth_keeping || !is_as_mapped(*record)) {
+        remove_record(record);
+        return 0;
+    }
+    drop_unused();
+    set_unused(record);
     return 0;
+}
+
+void datamod_keep_unused(bool keep) {
+    const std::lock_guard lock(img_mod_mutex);
+    keeps_unused = keep;
+    if (!keep)
+        drop_unused();
+}
+
+void datamod_turn() {
+    if (!has_unused.load(std::memory_order_relaxed))
+        return;
+    const std::lock_guard lock(img_mod_mutex);
+    look_after_unused();
+    if (std::chrono::steady_clock::now() - unused_since > unused_time)
+        drop_unused();
 }
 
 int _os_unlink(void *head) {

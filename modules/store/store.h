@@ -39,6 +39,11 @@ int _os_link(const char *name, datamod_record **record, void **head);
 int munlink(void *head);
 int _os_unlink(void *head);
 
+// Whether the large module whose last link ended last stays mapped for its next use: for some seconds, and not without a
+// name. Who wants that calls datamod_turn between other things; it costs next to nothing.
+void datamod_keep_unused(bool keep);
+void datamod_turn();
+
 // Capacity in bytes of a mapped module, or -1.
 off_t datamod_mod_size(const void *head);
 

@@ -223,6 +223,45 @@ TEST_F(store, a_header_that_lies_is_refused_before_anything_is_touched) {
     EXPECT_EQ(mod_look(head, view), nullptr);
 }
 
+// To keep it saves the time of mapping it again; what happened to it meanwhile must not be met by who uses it next.
+TEST_F(store, a_large_module_stays_mapped_for_its_next_use_unless_it_is_another_by_then) {
+    constexpr std::size_t large = std::size_t{17} << 20;
+    const char *n = name("large");
+    const auto object = "/" + std::string(n);
+    datamod_keep_unused(true);
+    void *head = nullptr, *again = nullptr;
+    datamod_record *record = nullptr;
+    const auto use = [&](const char *which, std::size_t size) {
+        ASSERT_EQ(_os_link(which, &record, &again), 0);
+        EXPECT_EQ(datamod_mod_size(again), static_cast<off_t>(size));
+        EXPECT_EQ(munlink(again), 0);
+    };
+    ASSERT_EQ(_os_datmod(n, large, &head, &record), 0);
+    EXPECT_EQ(munlink(head), 0);
+    EXPECT_EQ(datamod_count().mappings, 1);
+    EXPECT_EQ(datamod_links(head), 0);
+    EXPECT_EQ(munlink(head), -1) << "nobody has it";
+    use(n, large);
+    EXPECT_EQ(again, head);
+    datamod_turn();
+    EXPECT_EQ(datamod_count().mappings, 1);
+    ASSERT_EQ(::truncate(("/dev/shm" + object).c_str(), large - 4096), 0);
+    use(n, large - 4096);
+    ASSERT_EQ(::shm_unlink(object.c_str()), 0);
+    ASSERT_EQ(_os_datmod(n, large, &head, &record), 0) << "and not the old one's memory";
+    EXPECT_EQ(datamod_count().mappings, 1);
+    const char *other = name("other");
+    ASSERT_EQ(_os_datmod(other, large, &again, &record), 0);
+    EXPECT_EQ(munlink(head), 0);
+    EXPECT_EQ(munlink(again), 0);
+    EXPECT_EQ(datamod_count().mappings, 1) << "one is kept";
+    ASSERT_EQ(::shm_unlink(("/" + std::string(other)).c_str()), 0);
+    datamod_turn();
+    EXPECT_EQ(datamod_count().mappings, 0);
+    use(n, large);
+    datamod_keep_unused(false);
+}
+
 TEST_F(store, threads_may_make_link_and_unlink_at_once) {
     const char *shared[] = {name("t0"), name("t1"), name("t2")};
     std::atomic<int> made{0};
