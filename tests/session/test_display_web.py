@@ -306,7 +306,7 @@ def test_a_browser_that_reads_nothing_loses_updates_and_costs_no_memory(display,
     quick.send(f"view 0 {name} 0 65535 0 7 0 0 65536 8")
     quick.view()
     memory = resident(display)
-    for value in range(1, 40):
+    for value in range(1, 40 if SCALE == 1 else 12):  # within the minute after which a silent page is closed
         data[:] = value
         while quick.view().rows[0, 0] != value:
             pass

@@ -136,7 +136,9 @@ def test_a_card_that_died_hides_nothing_of_the_others(client, play):
     alive = (0, 1, 4, 5)
     wait_until(lambda: all(row[0] == row[1] > 0 for row in [table(client)[chan] for chan in alive]), "their account")
     rows = table(client)
-    assert len(rows) == 3 * CHANS and all(rows[chan][2:] == [0] * 7 for chan in alive)
+    assert len(rows) == 3 * CHANS
+    for row in (rows[chan] for chan in alive):  # a packet that a busy machine had asked for twice is no loss
+        assert row[2:6] == [0] * 4 and row[8] == 0, row
     sim.do("control live 1")
 
 
