@@ -4,8 +4,6 @@
 #include "pulsar3/server/commands.h"
 #include "server/output.h"
 
-#include <cmath>
-
 namespace kestrel {
 
 namespace {
@@ -41,18 +39,18 @@ void print_frequency(int cn, int clock, double hertz) {
 
 constexpr pt_format measure_freq_format("%d %d + %d all = %g");
 
-// Hertz; NaN after an error line. Of all: the processing clock's.
+// Hertz; the status after an error line. Of all: the processing clock's.
 double pulsar3_dma_measure_freq(int quals, int cn, int path, int card, int clock) {
     std::array<double, plr3_nr_clocks> hertz{};
     if (pt_qualifiers<measure_freq_format>(quals).given("all")) {
-        if (pulsar3_status(cn, plr3_measure_clock_frequency_all(path, card, hertz)) != 0)
-            return NAN;
+        if (const int status = plr3_measure_clock_frequency_all(path, card, hertz); status != 0)
+            return pulsar3_status(cn, status);
         for (int one = 0; one < plr3_nr_clocks; ++one)
             print_frequency(cn, one, hertz[static_cast<std::size_t>(one)]);
         return hertz[0];
     }
-    if (pulsar3_status(cn, plr3_measure_clock_frequency(path, card, clock, hertz[0])) != 0)
-        return NAN;
+    if (const int status = plr3_measure_clock_frequency(path, card, clock, hertz[0]); status != 0)
+        return pulsar3_status(cn, status);
     print_frequency(cn, clock, hertz[0]);
     return hertz[0];
 }
@@ -61,10 +59,7 @@ constexpr pt_format get_clock_period_format("%d + %d = %g");
 
 double pulsar3_dma_get_clock_period(int, int cn, int path, int card) {
     const double period = plr3_get_clock_period(path, card);
-    if (period > 0)
-        return period;
-    pulsar3_status(cn, static_cast<int>(period));
-    return NAN;
+    return period > 0 ? period : pulsar3_status(cn, static_cast<int>(period));
 }
 
 } // namespace

@@ -6,8 +6,6 @@
 #include "pulsar3/server/commands.h"
 #include "server/output.h"
 
-#include <cmath>
-
 namespace kestrel {
 
 namespace {
@@ -55,19 +53,16 @@ int pulsar3_dma_get_features(int, int cn, int path, int card) {
     return 0;
 }
 
-// ---- temperatures, degrees Celsius; NaN after an error line
+// ---- temperatures, degrees Celsius; the status after an error line
 
 // A temperature sensor with one signed byte a degree in its register 0.
 double read_sensor(int cn, const char *function, int path, int card, int device) {
     FemHandle *fem = nullptr;
-    if (find_fem(cn, function, path, card, fem) != 0)
-        return NAN;
+    if (const int status = find_fem(cn, function, path, card, fem); status != 0)
+        return status;
     std::uint8_t degrees = 0;
-    if (const int status = pulsar3FemI2CReadRegAddr(*fem, device, 0, {&degrees, 1}); status != 0) {
-        pulsar3_status(cn, status);
-        return NAN;
-    }
-    return static_cast<std::int8_t>(degrees);
+    const int status = pulsar3FemI2CReadRegAddr(*fem, device, 0, {&degrees, 1});
+    return status != 0 ? pulsar3_status(cn, status) : static_cast<std::int8_t>(degrees);
 }
 
 constexpr int adc_sensor = 0x48, mid_plane_sensor = 0x29; // I2C devices
@@ -90,13 +85,11 @@ constexpr pt_format read_fpga_temp_format("%d %d = %g");
 // UG480, transfer function of the on-chip sensor).
 double pulsar3_dma_read_fpga_temp(int, int cn, int path, int card) {
     FemHandle *fem = nullptr;
-    if (find_fem(cn, "plr3_read_fpga_temp", path, card, fem) != 0)
-        return NAN;
+    if (const int status = find_fem(cn, "plr3_read_fpga_temp", path, card, fem); status != 0)
+        return status;
     std::uint32_t word = 0;
-    if (const int status = pulsar3FemXADCRead(*fem, 0, {&word, 1}); status != 0) {
-        pulsar3_status(cn, status);
-        return NAN;
-    }
+    if (const int status = pulsar3FemXADCRead(*fem, 0, {&word, 1}); status != 0)
+        return pulsar3_status(cn, status);
     return plr3_bits(word, 4, 15) * 503.975 / 4096.0 - 273.15;
 }
 

@@ -229,10 +229,15 @@ def test_a_path_that_is_not_open_is_refused(client, line):
     assert value == -2 and len(lines) == 1 and "invalid path 9" in lines[0], lines
 
 
-def test_a_clock_of_no_path_has_no_period(client):
-    for line in ("dma get-clock-period 9", "dma measure-freq 9 0"):
-        value, lines = real(client, line)
-        assert value != value and len(lines) == 1 and "invalid path 9" in lines[0]
+def test_a_real_number_that_cannot_be_read_is_the_status(client, system):
+    sim = system("-kind=3v7 -generation=1", 2)
+    for line in ("get-clock-period", "measure-freq", "read-adc-temp", "read-mid-plane-temp", "read-fpga-temp"):
+        for place, status, text in (("9 0", -2, "invalid path 9"), ("0 2", -3, "illegal card specified (2)")):
+            value, lines = real(client, f"dma {line} {place}")
+            assert value == status and len(lines) == 1 and text in lines[0], (line, place, value, lines)
+    sim.do("control fault 0 refuse times 3")
+    for line in ("measure-freq 0 0", "measure-freq 0 0 all", "read-adc-temp 0 0"):
+        assert real(client, f"dma {line}")[0] == -5, line
 
 
 def test_a_card_that_refuses_is_told_with_the_functions_name(client, system):
