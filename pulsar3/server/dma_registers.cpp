@@ -3,6 +3,7 @@
 #include "parser/qualifiers.h"
 #include "pulsar3/lib/paths/access.h"
 #include "pulsar3/server/commands.h"
+#include "pulsar3/server/told_here.h"
 #include "server/output.h"
 
 namespace kestrel {
@@ -26,6 +27,7 @@ constexpr pt_format write_glob_reg_format("%d %d %d %d = %d");
 
 int pulsar3_dma_write_glob_reg(int, int cn, int path, int card, int offset, int value) {
     const std::uint32_t word = static_cast<std::uint32_t>(value);
+    const told_here here(path, cn);
     return pulsar3_status(cn, plr3_write_card_reg(path, card, offset, {&word, 1}));
 }
 
@@ -41,6 +43,7 @@ constexpr pt_format write_chan_reg_format("%d %d %d %d %d = %d");
 
 int pulsar3_dma_write_chan_reg(int, int cn, int path, int chan, int region, int offset, int value) {
     const std::uint32_t word = static_cast<std::uint32_t>(value);
+    const told_here here(path, cn);
     return pulsar3_status(cn, plr3_write_reg(path, chan, region, offset, {&word, 1}));
 }
 

@@ -3,6 +3,7 @@
 #include "parser/qualifiers.h"
 #include "pulsar3/lib/paths/memories.h"
 #include "pulsar3/server/commands.h"
+#include "pulsar3/server/told_here.h"
 
 #include <algorithm>
 #include <vector>
@@ -29,6 +30,7 @@ int set_words(int, int cn, int path, int chan, std::span<const pt_value> values)
     for (const pt_value &value : values)
         words.push_back(static_cast<std::uint32_t>(value.i));
     std::span<const std::uint32_t> rest = words;
+    const told_here here(path, cn);
     for (const register_span &at : Spans) {
         if (const int status = plr3_write_reg(path, chan, 0, at.offset, rest.first(at.words)); status != 0)
             return pulsar3_status(cn, status);

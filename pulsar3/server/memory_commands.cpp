@@ -3,6 +3,7 @@
 #include "pulsar3/lib/paths/memories.h"
 #include "pulsar3/server/commands.h"
 #include "pulsar3/server/table_source.h"
+#include "pulsar3/server/told_here.h"
 #include "server/output.h"
 
 namespace kestrel {
@@ -59,6 +60,7 @@ int load(int quals, int cn, int path, int chan, const char *name) {
     const std::optional<table_words> words = table_of(cn, q);
     if (!words)
         return plr3_failed;
+    const told_here here(path, cn);
     const int status = plr3_load_memory(path, chan, memory, *words);
     if (status != 0 || !has_width)
         return pulsar3_status(cn, status);
@@ -92,6 +94,7 @@ int pulsar3_init_brams(int, int cn, int path, int chan) {
 constexpr pt_format init_event_tail_format("%d %d %g = %d");
 
 int pulsar3_init_event_tail(int, int cn, int path, int chan, double ticks) {
+    const told_here here(path, cn);
     return pulsar3_status(cn, plr3_init_event_tail(path, chan, ticks));
 }
 

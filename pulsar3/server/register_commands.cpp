@@ -4,6 +4,7 @@
 #include "pulsar3/lib/paths/settings.h"
 #include "pulsar3/server/commands.h"
 #include "pulsar3/server/register_rows.h"
+#include "pulsar3/server/told_here.h"
 
 #include <vector>
 
@@ -29,6 +30,7 @@ std::vector<int> values_of(const register_command &command, int quals, std::span
 template <std::size_t Index>
 int set_registers(int quals, int cn, int path, int chan_or_card, std::span<const pt_value> numbers) {
     static constexpr const register_command &command = register_rows::commands[Index];
+    const told_here here(path, cn);
     return pulsar3_status(cn,
                           plr3_set_fields(command, path, chan_or_card, values_of(command, quals, numbers)));
 }
@@ -48,6 +50,7 @@ template <std::size_t Index> constexpr PARSE_TREE register_row() {
 constexpr pt_format set_window_format("%d %d %d %d %d = %d");
 
 int pulsar3_set_window(int, int cn, int path, int chan, int win, int low, int high) {
+    const told_here here(path, cn);
     return pulsar3_status(cn, plr3_set_window(path, chan, win, low, high));
 }
 

@@ -1,10 +1,10 @@
 // `pulsar3`: setting the clocks up, saving a system's state and bringing it back.
 #include "parser/qualifiers.h"
 #include "pulsar3/lib/boards/clocks.h"
-#include "pulsar3/lib/paths/system.h"
 #include "pulsar3/lib/saved/saved.h"
 #include "pulsar3/lib/wire/error.h"
 #include "pulsar3/server/commands.h"
+#include "pulsar3/server/told_here.h"
 #include "server/output.h"
 
 namespace kestrel {
@@ -27,25 +27,6 @@ int pulsar3_setup_clocks(int quals, int cn, int path, int card) {
     return pulsar3_status(cn,
                           plr3_clocks_setup(path, pulsar3_card(card), source, flags, q.number("test-pulse")));
 }
-
-// What the library tells meanwhile goes to who gave the command; otherwise it goes to who configured the path.
-class told_here {
-  public:
-    told_here(int path, int cn) : path_(plr3_path(path)), before_(path_ ? path_->message_to : -1) {
-        if (path_)
-            path_->message_to = cn;
-    }
-    told_here(const told_here &) = delete;
-    told_here &operator=(const told_here &) = delete;
-    ~told_here() {
-        if (path_)
-            path_->message_to = before_;
-    }
-
-  private:
-    PLR3Path *path_;
-    int before_;
-};
 
 constexpr pt_format save_settings_format("%d %s = %d");
 

@@ -162,6 +162,23 @@ def test_a_dead_card_is_told_and_bad_places_are_refused(client, play):
         assert value < 0 and lines[-1].startswith("! ERROR plr3_"), (line, lines)
 
 
+def test_a_dead_card_among_others_is_told_to_who_gave_the_command(server, client, play):
+    sim = play("-cards=3", "-chans=2", "-kind=3v7", "-generation=2")
+    do(client, f"pulsar3 config 3 2 0 baseIP '{sim.net}1'")
+    other = server.client()
+    sim.do("control die 0")
+    for line, of in (("set-window 0 -1 0 1 2", "card 0"), ("load-xtk-map 0 -1 zero", "card 0"),
+                     ("set-good-thres 0 -1 9", "card 0"), ("set-adc-mux 0 -1 0 1 2 3", "card 0"),
+                     ("set-user-tsync 0 -1 3", "card 0"), ("set-mwd-multiplier 0 -1 5", "channel 0,channel 1"),
+                     ("set-glitch 0 -1 0 1 2 3", "channel 0,channel 1"), ("dma write-glob-reg 0 -1 14 5", "card 0"),
+                     ("dma set-trigger-regs-c 0 -1 1 2", "card 0"), ("dma write-chan-reg 0 -1 3 2 1", "card 0")):
+        value, lines = result(other, f"pulsar3 {line}")
+        assert value == 0 and [text.split(" for ")[-1] for text in lines] == of.split(","), (line, lines)
+        assert all(text.startswith("# plr3_") and " returns -" in text for text in lines), lines
+    assert client.lines("1+1") == ["* 2"]
+    assert sim.do("card get-register 2 1 0 26") == 9 and sim.do("card get-global 2 14") == 5
+
+
 def test_block_memories_take_tables_from_wherever_they_are(client, play, tmp_path, names, ftp):
     sim = play("-chans=2", "-kind=3", "-generation=2")
     do(client, f"pulsar3 config 1 2 0 baseIP '{sim.net}1'")

@@ -105,23 +105,32 @@ template <class F> int for_channels(const char *function, int path, int chan, in
         status = for_channel(function, path, each, offset, access);
         if (status != 0 && plr3_interrupted()) // each of them may be waited for
             return status;
+        if (each < p->num_chan - 1)
+            plr3_tell_failure(path, status, "channel", each);
     }
     return status;
 }
 
 // Every channel of a card: the status of the last. One that is refused before is told, and the next is written.
-int write_channels_of(PLR3Path &card, int region, int offset, words_in values) {
+int write_channels_of(int path, int card, int region, int offset, words_in values) {
+    const PLR3Path &top = *plr3_path(path);
+    PLR3Path &leaf = *plr3_path(plr3_leaf(top, path, card));
+    const bool is_last = leaf.chan_of_system - top.chan_of_system + leaf.num_chan >= top.num_chan;
     std::array<int, fem_max_chan> statuses{};
     const int status =
-        pulsar3FemSetIntChans(*card.femHandle, 0, card.num_chan, region, offset, values, statuses);
+        told("plr3_write_reg", offset,
+             pulsar3FemSetIntChans(*leaf.femHandle, 0, leaf.num_chan, region, offset, values, statuses));
+    if (status != 0 && !is_last)
+        plr3_tell_failure(path, status, "card", card);
     if (status != 0)
         return status;
-    for (int chan = 0; chan < card.num_chan - 1; ++chan)
-        if (const int refused = statuses[static_cast<std::size_t>(chan)]; refused != 0)
-            plr3_message(card.message_to,
-                         "plr3_write_reg: at offset 0x%x array of values: returns %d for channel %d\n",
-                         static_cast<unsigned>(offset), refused, card.chan_of_system + chan);
-    return statuses[static_cast<std::size_t>(card.num_chan - 1)];
+    int of_last = 0;
+    for (int chan = 0; chan < leaf.num_chan; ++chan) {
+        of_last = told("plr3_write_reg", offset, statuses[static_cast<std::size_t>(chan)]);
+        if (!is_last || chan < leaf.num_chan - 1)
+            plr3_tell_failure(path, of_last, "channel", leaf.chan_of_system + chan);
+    }
+    return of_last;
 }
 
 // The writes to a card are on their way together.
@@ -133,7 +142,7 @@ int write_all_channels(int path, int region, int offset, words_in values) {
         if (!leaf || leaf->num_chan == 0)
             continue;
         if (leaf->femHandle) {
-            status = told("plr3_write_reg", offset, write_channels_of(*leaf, region, offset, values));
+            status = write_channels_of(path, card, region, offset, values);
             continue;
         }
         for (int chan = 0; chan < leaf->num_chan; ++chan)
@@ -165,6 +174,8 @@ int for_cards(const char *function, int path, int card, int offset, bool generat
         status = told(function, offset, access(Plr3Sys[static_cast<std::size_t>(leaf)]));
         if (status != 0 && plr3_interrupted())
             return status;
+        if (each < last)
+            plr3_tell_failure(path, status, "card", each);
     }
     return status;
 }
@@ -187,6 +198,11 @@ int check_local(const char *function, int path, int offset, std::size_t words) {
 }
 
 } // namespace
+
+void plr3_tell_failure(int path, int status, const char *unit, int number) {
+    if (status != 0)
+        plr3_message(plr3_path(path)->message_to, "%s for %s %d\n", plr3_get_error_message(), unit, number);
+}
 
 int plr3_write_reg(int path, int chan, int region, int offset, words_in values) {
     constexpr const char *name = "plr3_write_reg";

@@ -1,8 +1,8 @@
 // pulsar3/lib/paths: registers of channels and cards, by path. What each call does to a card's registers is one
 // transfer under that card's mutex.
 //
-// Channel -1 and card -1 mean every one of the path; the status is then that of the last. All return 0, or a negative
-// status with its text kept. Offsets count 32-bit words and, with what follows them, lie below 65536.
+// Channel -1 and card -1 mean every one of the path; the status is then that of the last, and a failure before it is
+// told. All return 0, or a negative status with its text kept. Offsets count 32-bit words and, with what follows them, lie below 65536.
 #pragma once
 
 #include "pulsar3/lib/paths/system.h"
@@ -15,6 +15,9 @@ namespace kestrel {
 inline constexpr int plr3_max_regions = 16;
 inline constexpr int plr3_region_words = 65536;
 inline constexpr int plr3_global_chan = 15, plr3_global_region = 15; // of a generation-3 card
+
+// Says a failure that the status of a later channel or card will hide; none is not said.
+void plr3_tell_failure(int path, int status, const char *unit, int number);
 
 int plr3_write_reg(int path, int chan, int region, int offset, std::span<const std::uint32_t> values);
 // Channel -1 leaves the last channel's values.

@@ -96,7 +96,7 @@ int read_and_write(const char *function, int path, register_scope scope, int uni
     return write_words(path, scope, unit, run.front().offset, words);
 }
 
-// Every channel or card in turn: the status of the last.
+// Every channel or card in turn: the status of the last, a failure before it is told.
 int read_and_write_all(const char *function, int path, register_scope scope, int unit, word_run run) {
     if (unit != -1)
         return read_and_write(function, path, scope, unit, run);
@@ -107,6 +107,8 @@ int read_and_write_all(const char *function, int path, register_scope scope, int
         status = read_and_write(function, path, scope, each, run);
         if (status != 0 && plr3_interrupted())
             return status;
+        if (each < count - 1)
+            plr3_tell_failure(path, status, scope == register_scope::card ? "card" : "channel", each);
     }
     return status;
 }
