@@ -145,7 +145,8 @@ def test_another_major_revision_is_refused_unless_forced(client, saved, folder):
     path.write_bytes(struct.pack("<I", 0x1001F))  # another minor one is none of our business
     do(client, f"pulsar3 restore-settings 0 '{folder}'")
     path.write_bytes(b"abc")
-    line = failed(client, f"pulsar3 restore-settings 0 '{folder}'")
-    assert line == f"! ERROR plr3_restore_settings: Error reading input file {path}"
+    for words in ("", "force"):  # what is no revision cannot be forced
+        line = failed(client, f"pulsar3 restore-settings 0 '{folder}' {words}")
+        assert line == f"! ERROR plr3_restore_settings: Error reading input file {path}"
     path.unlink()
     do(client, f"pulsar3 restore-settings 0 '{folder}'")

@@ -64,9 +64,8 @@ int restore(int path, const std::string &directory, bool force, bool clock) {
     if (const int status = plr3_load_items("plr3_restore_settings", path, directory, clock, items);
         status != 0)
         return status;
-    if (!force)
-        if (const int status = plr3_compare_revisions(path, directory); status != 0)
-            return status;
+    if (const int status = plr3_compare_revisions(path, directory, force); status != 0)
+        return status;
     for (const loaded_item &loaded : items) {
         if (plr3_interrupted())
             return plr3_fail(plr3_failed, "plr3_restore_settings: interrupted");

@@ -32,7 +32,7 @@ int plr3_save_revisions(int path, const std::string &directory) {
     return 0;
 }
 
-int plr3_compare_revisions(int path, const std::string &directory) {
+int plr3_compare_revisions(int path, const std::string &directory, bool force) {
     for (int card = 0; card < plr3_path(path)->num_cards; ++card) {
         const std::string name = name_of(directory, card);
         file_found found{};
@@ -44,7 +44,7 @@ int plr3_compare_revisions(int path, const std::string &directory) {
         if (bytes.size() != sizeof(std::uint32_t))
             return plr3_fail(plr3_failed, "plr3_restore_settings: Error reading input file %s", name.c_str());
         const std::uint32_t saved = saved_value<std::uint32_t>(bytes), own = revision_of(path, card);
-        if (major_of(saved) != major_of(own))
+        if (!force && major_of(saved) != major_of(own))
             return plr3_fail(plr3_failed,
                              "plr3_restore_settings: card %d has major revision %u, the settings are of %u",
                              card, major_of(own), major_of(saved));

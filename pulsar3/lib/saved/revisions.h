@@ -6,7 +6,8 @@
 namespace kestrel {
 
 int plr3_save_revisions(int path, const std::string &directory);
-// A card with another major revision than its file has is refused; without a file it is not.
-int plr3_compare_revisions(int path, const std::string &directory);
+// A card with another major revision than its file has is refused, unless forced; without a file it is not. A file that
+// cannot be read, or is none, is refused anyhow.
+int plr3_compare_revisions(int path, const std::string &directory, bool force);
 
 } // namespace kestrel
