@@ -3,6 +3,7 @@
 #include "parser/qualifiers.h"
 #include "pulsar3/lib/paths/roi.h"
 #include "pulsar3/lib/paths/system.h"
+#include "pulsar3/lib/wire/error.h"
 #include "pulsar3/server/commands.h"
 #include "server/output.h"
 
@@ -23,13 +24,26 @@ int add_region(int path, int chan, const roi_region &region) {
     return plr3_set_roi(path, chan, regions);
 }
 
+// A channel that has no room keeps all as they are.
+int check_room(int path) {
+    for (int chan = 0; chan < plr3_get_num_chan(path); ++chan) {
+        roi_table table;
+        if (const int status = plr3_get_roi(path, chan, table); status != 0)
+            return status;
+        if (table.count == static_cast<std::uint32_t>(plr3_max_roi))
+            return plr3_fail(plr3_out_of_range, "plr3_set_roi: channel %d has %d regions, there are no more",
+                             chan, plr3_max_roi);
+    }
+    return 0;
+}
+
 int add_to_channels(int path, int chan, const roi_region &region) {
     if (chan != -1)
         return add_region(path, chan, region);
-    int status = 0;
+    int status = plr3_path(path) ? check_room(path) : plr3_set_roi(path, chan, {});
     for (int each = 0; each < plr3_get_num_chan(path) && status == 0; ++each)
         status = add_region(path, each, region);
-    return plr3_path(path) ? status : plr3_set_roi(path, chan, {});
+    return status;
 }
 
 int list_regions(int cn, int path, int chan) {
