@@ -8,7 +8,7 @@
 #include "support/replace_file.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <charconv>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -35,15 +35,21 @@ int estimate_channels(int path, int first, int last, double plus, std::vector<es
     return 0;
 }
 
+// The shortest text that is read as the same number again.
+std::string exact(double value) {
+    char text[32];
+    return {text, std::to_chars(text, text + sizeof text, value).ptr};
+}
+
 // Lines that `include` takes.
 std::string script_of(int path, const std::vector<estimate> &estimates, int flags) {
     std::string text;
     for (const auto &[chan, times] : estimates) {
-        char line[160];
-        std::snprintf(line, sizeof line, "pulsar3 dtc set-params %d %d 0 %.9g 0 %.9g%s%s\n", path, chan,
-                      times.all_event, times.in_window, (flags & plr3_dtc_omit) != 0 ? " omit-chan" : "",
-                      (flags & plr3_dtc_use_good_event) != 0 ? " use-good-event" : "");
-        text += line;
+        text += "pulsar3 dtc set-params " + std::to_string(path) + " " + std::to_string(chan) + " 0 " +
+                exact(times.all_event) + " 0 " + exact(times.in_window);
+        text += (flags & plr3_dtc_omit) != 0 ? " omit-chan" : "";
+        text += (flags & plr3_dtc_use_good_event) != 0 ? " use-good-event" : "";
+        text += "\n";
     }
     return text;
 }

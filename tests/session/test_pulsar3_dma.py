@@ -104,6 +104,14 @@ def test_clocks_are_set_up_measured_and_lock_where_their_source_is(client, syste
     # A time of seconds is given to the card in ticks of that clock.
     do(client, "pulsar3 setup-timing 0 internal time 1.0e-3 frames 1")
     assert sim.do("card get-global 0 3") == 100000
+    # Each card has its own, by whichever path it was set up.
+    do(client, "pulsar3 setup-clocks 1")
+    do(client, "pulsar3 setup-timing 0 internal time 1.0e-3 frames 1")
+    assert sim.do("card get-global 0 3") == 80000
+    do(client, "pulsar3 set-trigger-b 0 -1 0 0 0 19 0 0 0 0 0 0")
+    _, lines = result(client, "pulsar3 dtc from-trigger 0 first 1 last 2")
+    assert lines == ["# Channel 1: all events 2.5e-07 s, in window 2.5e-07 s",
+                     "# Channel 2: all events 2e-07 s, in window 2e-07 s"]
     do(client, "pulsar3 setup-clocks 0")
     assert real(client, "dma get-clock-period 0") == (1.25e-8, [])
     assert [sim.do(f"card get-global {card} {control}") for card in (0, 1)] == [0x3E00, 0x3E00]

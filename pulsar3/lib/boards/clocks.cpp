@@ -50,6 +50,13 @@ int find_period(int path, int card, const ClockSetup &setup, double &period) {
     return status;
 }
 
+// Of the card, and of every path whose first card it is.
+void keep_period(int leaf_path, double period) {
+    for (int each = 0; each < plr3_max_paths; ++each)
+        if (PLR3Path *p = plr3_path(each); p && plr3_leaf(*p, each, 0) == leaf_path)
+            p->clock_period = period;
+}
+
 int set_up_card(int path, int card, ClockSetup setup) {
     const int leaf_path = plr3_card_path("plr3_clocks_setup", path, card);
     if (leaf_path < 0)
@@ -70,9 +77,7 @@ int set_up_card(int path, int card, ClockSetup setup) {
     if (status != 0)
         return status;
     leaf.clock_setup = setup;
-    leaf.clock_period = period;
-    if (card == 0) // the system's time is its first card's
-        plr3_path(path)->clock_period = period;
+    keep_period(leaf_path, period);
     return 0;
 }
 

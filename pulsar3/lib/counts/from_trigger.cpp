@@ -15,7 +15,7 @@ using register_words = std::array<std::uint32_t, 23>;
 
 int value(const register_words &words, const char *reg, const char *field) {
     const register_field &f = plr3_register_field(reg, field);
-    return plr3_field_value(f, words[static_cast<std::size_t>(f.offset)]);
+    return static_cast<int>(plr3_field_value(f, words[static_cast<std::size_t>(f.offset)]));
 }
 
 // Ticks in which a second pulse is not told from the first.
@@ -34,7 +34,10 @@ int plr3_dead_times_from_trigger(int path, int chan, double plus, trigger_dead_t
     register_words words{};
     if (const int status = plr3_read_reg(path, chan, 0, 0, words); status != 0)
         return status;
-    const double tick = plr3_path(path)->clock_period;
+    int card_path = 0, chan_of_card = 0;
+    if (const int status = plr3_resolve_path(path, chan, card_path, chan_of_card); status != 0)
+        return status;
+    const double tick = plr3_path(card_path)->clock_period;
     const int energy = value(words, "trigger-b-e", "eng-min") + value(words, "trigger-b-d", "eng-gap");
     const int trigger = trigger_ticks(words);
     times.all_event = (trigger + plus) * tick;
