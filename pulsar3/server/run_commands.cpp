@@ -51,13 +51,18 @@ constexpr pt_format set_timing_format("%d %d %d fixed-time %d frames %d = %d");
 
 int pulsar3_set_timing(int quals, int cn, int path, int card, int source) {
     const pt_qualifiers<set_timing_format> q(quals);
-    if (source < 0)
-        source = 8; // refused as too large a number is
+    const int ticks = q.number("fixed-time", 0), frames = q.number("frames", 0);
+    if (plr3_path(path))
+        for (const field_value &value : {field_value{plr3_register_field("timing-a", "source"), source},
+                                         {plr3_register_field("fixed-time", "ticks"), ticks},
+                                         {plr3_register_field("internal-frames", "frames"), frames}})
+            if (const int status = plr3_check_field("plr3_set_timing", value); status != 0)
+                return pulsar3_status(cn, status);
     timing_request request{source, -1, -1};
     if (q.given("fixed-time"))
-        request.fixed_ticks = static_cast<std::uint32_t>(q.number("fixed-time"));
+        request.fixed_ticks = ticks;
     if (q.given("frames"))
-        request.frames = static_cast<std::uint32_t>(q.number("frames"));
+        request.frames = frames;
     return pulsar3_status(cn, plr3_set_timing(path, card, request));
 }
 

@@ -113,6 +113,19 @@ def test_every_field_reaches_its_bits_and_no_others(client, play, kind, generati
 def test_all_channels_and_cards_at_once_and_one_transfer_for_neighbouring_words(client, play):
     sim = play("-cards=2", "-chans=2", "-kind=3", "-generation=2")
     do(client, f"pulsar3 config 2 2 0 baseIP '{sim.net}1'")
+    highest = 2**31 - 1
+    do(client, f"pulsar3 set-timing 0 -1 3 fixed-time {highest} frames 0")
+    for words, text in (("-1 fixed-time 1", "timing-a source=-1 is out of range 0..3"),
+                        ("4", "timing-a source=4 is out of range 0..3"),
+                        ("0 fixed-time -1", f"fixed-time ticks=-1 is out of range 0..{highest}"),
+                        ("0 frames -1", f"internal-frames frames=-1 is out of range 0..{highest}")):
+        assert fails(client, f"pulsar3 set-timing 0 -1 {words}", -6) == [f"! ERROR plr3_set_timing: {text}"]
+    do(client, "pulsar3 setup-timing 0 internal time 30.0")
+    _, lines = result(client, "pulsar3 dma print-regs 0 1 card")
+    assert [line for line in lines if line[1:5] in ("   2", "   3", "   8")] == [
+        "#   2 0x00000003 timing-a: source 3, hist-run 0, count-enable 0, scaler-run 0",
+        "#   3 0x8F0D1800 fixed-time: ticks 2400000000", "#   8 0x00000000 internal-frames: frames 0"]
+    assert "#  48 0x00000001 sub-frames: number 1" in result(client, "pulsar3 dma print-regs 0 0")[1]
     before = [sim.do(f"card count {card} transactions") for card in range(2)]
     do(client, "pulsar3 set-servo 0 -1 1 2 -3 4 5")
     assert [sim.do(f"card count {card} transactions") for card in range(2)] == [n + 2 for n in before]
@@ -249,6 +262,10 @@ def test_block_memories_take_tables_from_wherever_they_are(client, play, tmp_pat
     for line, status in (("1 5 4", -6), ("1 0 4096", -6), ("1 -1 4", -6), ("2 0 4", -6), ("2 0 4 add", -6), ("1 5", -1)):
         assert len(fails(client, f"pulsar3 set-roi 0 {line}", status)) == 1
     assert do(client, "pulsar3 set-roi 0 1 list") == 2
+    for first in range(2, 64):
+        do(client, f"pulsar3 set-roi 0 1 {first} {first} add")
+    assert len(fails(client, "pulsar3 set-roi 0 -1 7 8 add", -6)) == 1  # one that is full keeps all as they are
+    assert do(client, "pulsar3 set-roi 0 0 list") == 1 and do(client, "pulsar3 set-roi 0 1 list") == 64
     do(client, "pulsar3 set-roi 0 0")
     do(client, "pulsar3 init-brams 0 1")
     assert do(client, "pulsar3 set-roi 0 0 list") == do(client, "pulsar3 set-roi 0 1 list") == 0
@@ -318,6 +335,14 @@ def test_dead_times_follow_the_trigger_that_is_in_use(client, play, tmp_path):
     assert client.lines("pulsar3 dtc list 0 1")[-2].endswith("omit-chan")
     assert do(client, f"include '{script}'") == 0
     assert close(times()[1], (50.5, 50.5)) and client.lines("pulsar3 dtc list 0 1")[-2].endswith("use-good-event")
+    # A script sets the same numbers again, to the last bit.
+    do(client, "pulsar3 set-trigger-b 0 0 100 3 5 50 7 1 9 60 9 30")
+    do(client, f"pulsar3 dtc from-trigger 0 '{script}'")
+    (tmp_path / "saved").mkdir()
+    do(client, f"pulsar3 save-settings 0 '{tmp_path}/saved'")
+    do(client, "pulsar3 dtc set-params 0 -1 0 0 0 0")
+    assert do(client, f"include '{script}'") == 0
+    assert result(client, f"pulsar3 check-settings 0 '{tmp_path}/saved'") == (0, [])
     before = times()
     assert fails(client, "pulsar3 dtc from-trigger 0 first 1 last 2", -6) == [
         "! ERROR: channels 1 to 2 are out of range 0..1"]

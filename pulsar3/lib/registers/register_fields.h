@@ -193,6 +193,9 @@ inline constexpr register_field fields[] = {
     {chan, "xtk-corr", 31, "window", 16, 27, 0, 4095, "ticks in which a neighbour's event counts",
      "set-xtk-corr"},
 
+    {chan, "sub-frames", 48, "number", 0, 15, 1, 65535, "parts of a time frame that scalers are counted in",
+     "config"},
+
     {chan, "chan-cont2", 56, "quantity", 0, 3, 0, 7,
      "what is histogrammed: 0 energy, 1 sample, 2 baseline, 3 rise, 4 width, 5 gap to the event before, 6 servo, "
      "7 trigger",
@@ -216,6 +219,10 @@ inline constexpr register_field fields[] = {
      "set-sync-mode"},
 
     {card, "timing-a", 2, "source", 0, 2, 0, 3, "what ends a time frame", "set-timing"},
+    {card, "fixed-time", 3, "ticks", 0, 31, 0, 2147483647, "length of an internal time frame, ticks",
+     "set-timing"},
+    {card, "internal-frames", 8, "frames", 0, 31, 0, 2147483647, "internal time frames, 0 until stopped",
+     "set-timing"},
     {card, "timing-a", 2, "hist-run", 28, 28, 0, 1, "histograms run", "start"},
     {card, "timing-a", 2, "count-enable", 29, 29, 0, 1, "counting is enabled", "start"},
     {card, "timing-a", 2, "scaler-run", 31, 31, 0, 1, "scalers run", "start"},

@@ -87,10 +87,10 @@ std::uint32_t plr3_field_bits(const field_value &value) {
     return static_cast<std::uint32_t>(value.value) << value.field.first_bit & plr3_field_mask(value.field);
 }
 
-int plr3_field_value(const register_field &field, std::uint32_t word) {
+std::int64_t plr3_field_value(const register_field &field, std::uint32_t word) {
     const auto bits = static_cast<std::int64_t>(plr3_bits(word, field.first_bit, field.last_bit));
     const std::int64_t values = std::int64_t{1} << (field.last_bit - field.first_bit + 1);
-    return static_cast<int>(field.lowest < 0 && bits >= values / 2 ? bits - values : bits);
+    return field.lowest < 0 && bits >= values / 2 ? bits - values : bits;
 }
 
 std::string plr3_describe_word(register_scope scope, int offset, std::uint32_t word) {
@@ -98,7 +98,7 @@ std::string plr3_describe_word(register_scope scope, int offset, std::uint32_t w
     for (const register_field &row : register_rows::fields) {
         if (row.scope != scope || row.offset != offset)
             continue;
-        const int value = plr3_field_value(row, word);
+        const std::int64_t value = plr3_field_value(row, word);
         text += text.empty() ? std::string(row.reg) + ":" : ",";
         text += " " + std::string(row.field) + " " + std::to_string(value);
     }

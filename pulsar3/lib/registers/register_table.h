@@ -32,7 +32,7 @@ int plr3_pack_fields(const char *function, std::span<const field_value> values, 
 // A field's bits in a word, in place; and its value in a word, with its sign if it has one.
 std::uint32_t plr3_field_mask(const register_field &field);
 std::uint32_t plr3_field_bits(const field_value &value);
-int plr3_field_value(const register_field &field, std::uint32_t word);
+std::int64_t plr3_field_value(const register_field &field, std::uint32_t word);
 
 // "chan-cont: source 3, invert 1": the register at that offset of generation 3, by its fields.
 // Empty where no row stands.
