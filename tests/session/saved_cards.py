@@ -92,7 +92,7 @@ class Wires:
                 self.link.write(*self.at(chan, region, 0), words(count))
             for device in (0, 1):
                 self.link.write(*self.gain(chan, device), [rng.getrandbits(16)])
-        self.link.write(*self.glob(0), [rng.getrandbits(32) & ~0x3333, rng.getrandbits(32)])
+        self.link.write(*self.glob(0), words(2))
         self.link.write(*self.glob(2), [2])
         self.link.write(*self.glob(3), words(6))
         self.link.write(*self.glob(10), words(self.globals - 10))

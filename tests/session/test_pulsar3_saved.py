@@ -11,8 +11,9 @@ from saved_cards import (INDEX, KINDS, RECORD, REGIONS, configure, difference_li
                          no_modules_left, play, saved, wires)
 
 
+@pytest.mark.parametrize("words", ["", "clock"])
 @pytest.mark.parametrize("kind", KINDS)
-def test_a_restore_into_new_cards_and_a_new_server_brings_every_word_back(start, play, folder, kind):
+def test_a_restore_into_new_cards_and_a_new_server_brings_every_word_back(start, play, folder, kind, words):
     sim = play("-cards=3", "-chans=2", *kind.split())
     first = start()
     client = first.client()
@@ -23,7 +24,6 @@ def test_a_restore_into_new_cards_and_a_new_server_brings_every_word_back(start,
     with wires(sim, kind, 3, 2) as all_cards:
         for number, card in enumerate(all_cards):
             card.fill(number)
-        do(client, "pulsar3 set-sync-mode 0 2")
         do(client, f"pulsar3 save-settings 0 '{folder}'")
         assert difference_lines(client, folder) == []
         before = [card.state() for card in all_cards]
@@ -36,15 +36,26 @@ def test_a_restore_into_new_cards_and_a_new_server_brings_every_word_back(start,
     configure(client, sim, 3)
     assert len(difference_lines(client, folder)) > 1000
     began = time.monotonic()
-    do(client, f"pulsar3 restore-settings 0 '{folder}'")
+    do(client, f"pulsar3 restore-settings 0 '{folder}' {words}")
     assert time.monotonic() - began < 2 * SCALE
     with wires(sim, kind, 3, 2) as all_cards:
         after = [card.state() for card in all_cards]
     for old, new in zip(before, after):
         for name in old:
             assert old[name] == new[name], name
-    assert difference_lines(client, folder) == []
+    assert difference_lines(client, folder, words) == []
     assert client.lines("pulsar3 dtc list 0") == listed
+
+
+def test_a_new_server_saves_the_mode_that_the_cards_have(start, play, folder):
+    sim = play("-cards=2", "-chans=2", "-kind=4")
+    for line in ("set-sync-mode 0 2", f"save-settings 0 '{folder}'"):
+        server = start()
+        client = server.client()
+        configure(client, sim, 2)
+        do(client, "pulsar3 " + line)
+        server.close()
+    assert (folder / "sync_mode.dat").read_bytes() == struct.pack("<i", 2)
 
 
 def test_the_files_are_those_of_the_manual_and_the_same_twice(client, play, folder, tmp_path):

@@ -210,11 +210,23 @@ int plr3_set_sync_mode(int path, int mode) {
     return 0;
 }
 
-int plr3_get_sync_mode(int path) {
+int plr3_get_sync_mode(int path, sync_state &state) {
     const PLR3Path *p = plr3_path(path);
     if (!p)
         return plr3_fail(plr3_invalid_path, "plr3_get_sync_mode: invalid path %d", path);
-    return p->sync_mode;
+    const register_field &sync = plr3_register_field("clock-control", "sync");
+    state = {};
+    for (int card = 0; card < p->num_cards; ++card) {
+        std::uint32_t word = 0;
+        if (const int status = read_words(path, sync.scope, card, sync.offset, {&word, 1}); status != 0)
+            return status;
+        const int mode = static_cast<int>(plr3_field_value(sync, word));
+        state.cards_differ = state.cards_differ || (card > 0 && mode != state.mode);
+        state.mode = mode;
+    }
+    if (state.cards_differ)
+        state.mode = p->sync_mode;
+    return 0;
 }
 
 } // namespace kestrel

@@ -24,8 +24,13 @@ bool plr3_has_field(const PLR3Path &path, const register_field &field);
 int plr3_set_window(int path, int chan, int window, int low, int high);
 // Events above this are good ones.
 int plr3_set_good_thres(int path, int chan, int threshold);
-// What sets the time stamps of all cards to zero; whose run line the cards follow, kept with the path.
+// Whose run line the cards follow, kept with the path.
 int plr3_set_sync_mode(int path, int mode);
-int plr3_get_sync_mode(int path);
+// As the cards' registers have it; where they differ among each other, as it is kept. 0, or a negative status.
+struct sync_state {
+    int mode = 0;
+    bool cards_differ = false;
+};
+int plr3_get_sync_mode(int path, sync_state &state);
 
 } // namespace kestrel

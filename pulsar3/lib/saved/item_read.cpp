@@ -95,7 +95,11 @@ int read_hist_processors(int path, const saved_item &item, bytes_out bytes) {
 }
 
 int read_sync_mode(int path, const saved_item &, bytes_out bytes) {
-    save_value(bytes, plr3_get_sync_mode(path));
+    sync_state state;
+    if (const int status = plr3_get_sync_mode(path, state); status != 0)
+        return plr3_fail(status, "plr3_save_settings: Error reading Global registers %s",
+                         plr3_get_error_message());
+    save_value(bytes, state.mode);
     return 0;
 }
 

@@ -14,6 +14,7 @@ namespace {
 using bytes_in = std::span<const std::byte>;
 
 constexpr std::size_t timing_a = 2, num_tf = 9; // words of the globals
+constexpr int clock_control = 0;                // the same, of all but generation 4
 constexpr std::uint32_t run_bits = 1U << 28 | 1U << 29 | 1U << 31;
 constexpr int own_first = 1,
               own_last = plr3_control_words - plr3_feature_words; // what the card lets be written
@@ -78,12 +79,31 @@ int write_spi(int path, const saved_item &item, bytes_in bytes) {
                                    is_gain ? "gain" : "offset", plr3_get_error_message());
 }
 
+// Generation 4 has the clock control register elsewhere than the globals that are saved.
+bool saves_clock_control(int path) {
+    return plr3_path(path)->features.generation != PulsarGen4;
+}
+
+// A set-up writes its source and test pulse into the clock control register: what was saved of that stays.
+int set_clocks_up(int path, const saved_item &item, const ClockSetup &setup) {
+    const bool keeps_control = saves_clock_control(path) && !item.is_default;
+    std::uint32_t before = 0, after = 0;
+    int status = keeps_control ? plr3_read_card_reg(path, item.number, clock_control, {&before, 1}) : 0;
+    if (status == 0)
+        status = plr3_clocks_setup(path, item.number, setup.clk_src, setup.flags, setup.tp_type);
+    if (status == 0 && keeps_control)
+        status = plr3_read_card_reg(path, item.number, clock_control, {&after, 1});
+    return status != 0 || before == after
+               ? status
+               : plr3_write_card_reg(path, item.number, clock_control, {&before, 1});
+}
+
 int write_clocks(int path, const saved_item &item, bytes_in bytes) {
     const auto setup = saved_value<ClockSetup>(bytes);
     ClockSetup &kept = card_of(path, item.number).clock_setup;
     kept.adc_clk_delay = setup.adc_clk_delay;
     kept.fpga_clk_delay = setup.fpga_clk_delay;
-    const int status = plr3_clocks_setup(path, item.number, setup.clk_src, setup.flags, setup.tp_type);
+    const int status = set_clocks_up(path, item, setup);
     return status == 0 ? 0
                        : plr3_fail(status, "plr3_restore_settings_and_clock: Cannot setup clocks : %s",
                                    plr3_get_error_message());
@@ -105,8 +125,18 @@ int write_hist_processors(int path, const saved_item &item, bytes_in bytes) {
                                    plr3_get_error_message());
 }
 
+// Cards that differed when they were saved have each their own again, in the register that is restored before.
 int write_sync_mode(int path, const saved_item &, bytes_in bytes) {
-    return plr3_set_sync_mode(path, saved_value<int>(bytes));
+    const int mode = saved_value<int>(bytes);
+    sync_state state;
+    int status = plr3_get_sync_mode(path, state);
+    if (status == 0 && state.cards_differ && saves_clock_control(path))
+        plr3_path(path)->sync_mode = mode;
+    else if (status == 0)
+        status = plr3_set_sync_mode(path, mode);
+    return status == 0 ? 0
+                       : plr3_fail(status, "plr3_restore_settings: Error writing Global registers %s",
+                                   plr3_get_error_message());
 }
 
 // In the order of saved_kind.

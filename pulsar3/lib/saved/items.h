@@ -30,6 +30,7 @@ struct saved_item {
     int region; // of a region or table
     std::string file;
     std::size_t bytes;
+    bool is_default = false; // there was no file
 };
 
 // The items of an open path, in order; none, with a text kept, when the table of block memories cannot be right.

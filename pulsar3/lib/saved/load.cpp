@@ -12,13 +12,14 @@ struct loader {
     int message_to;
     std::string directory;
 
-    int load(const saved_item &item, saved_bytes &bytes) const {
+    int load(saved_item &item, saved_bytes &bytes) const {
         const std::string name = plr3_saved_name(directory, item.file);
         file_found found{};
         bytes = plr3_get_saved(name, item.bytes, found);
         if (found == file_found::missing && item.kind == saved_kind::dead_times)
             return load_old_dead_times(name, item, bytes);
-        if (use_default(item, name, found, bytes))
+        item.is_default = use_default(item, name, found, bytes);
+        if (item.is_default)
             return 0;
         if (found != file_found::yes)
             return plr3_fail(plr3_failed, "%s: Cannot open input file %s", function, name.c_str());
