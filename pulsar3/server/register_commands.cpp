@@ -5,6 +5,7 @@
 #include "pulsar3/server/commands.h"
 #include "pulsar3/server/register_rows.h"
 #include "pulsar3/server/told_here.h"
+#include "server/output.h"
 
 #include <vector>
 
@@ -51,7 +52,10 @@ constexpr pt_format set_window_format("%d %d %d %d %d = %d");
 
 int pulsar3_set_window(int, int cn, int path, int chan, int win, int low, int high) {
     const told_here here(path, cn);
-    return pulsar3_status(cn, plr3_set_window(path, chan, win, low, high));
+    const int status = plr3_set_window(path, chan, win, low, high);
+    if (status == 0 && low > high)
+        sv_printf(cn, "# Window %d counts nothing: low %d is above high %d\n", win, low, high);
+    return pulsar3_status(cn, status);
 }
 
 constexpr pt_format set_sync_mode_format("%d %d = %d");

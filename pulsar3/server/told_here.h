@@ -3,6 +3,7 @@
 #pragma once
 
 #include "pulsar3/lib/paths/system.h"
+#include "server/session.h"
 
 namespace kestrel {
 
@@ -16,7 +17,7 @@ class told_here {
     told_here &operator=(const told_here &) = delete;
     ~told_here() {
         if (path_)
-            path_->message_to = before_;
+            path_->message_to = sv_is_valid(before_) ? before_ : -1; // its session may have ended meanwhile
     }
 
   private:

@@ -138,8 +138,9 @@ def test_windows_and_thresholds_are_packed(client):
     do(client, "pulsar3 set-good-thres 0 2 300")
     assert do(client, "pulsar3 dma read-chan-reg 0 3 0 25") == 0x45670123
     assert [do(client, f"pulsar3 dma read-chan-reg 0 {chan} 0 26") for chan in (1, 2)] == [0, 300]
+    assert client.lines("pulsar3 set-window 0 0 0 2 1") == ["# Window 0 counts nothing: low 2 is above high 1", "* 0"]
+    assert do(client, "pulsar3 dma read-chan-reg 0 0 0 24") == 0x00010002
     for line, text in (("set-window 0 0 2 0 1", "plr3_set_window: window 2 is out of range 0..1"),
-                       ("set-window 0 0 0 2 1", "plr3_set_window: low 2 is above high 1"),
                        ("set-window 0 0 0 2 65536", "plr3_set_window: window0 high=65536 is out of range 0..65535"),
                        ("set-good-thres 0 0 -1", "plr3_set_good_thres: good-thres threshold=-1 is out of range "
                                                  "0..65535")):

@@ -185,8 +185,6 @@ int plr3_set_window(int path, int chan, int window, int low, int high) {
         return plr3_fail(plr3_invalid_path, "plr3_set_window: invalid path %d", path);
     if (window != 0 && window != 1)
         return plr3_fail(plr3_out_of_range, "plr3_set_window: window %d is out of range 0..1", window);
-    if (low > high)
-        return plr3_fail(plr3_out_of_range, "plr3_set_window: low %d is above high %d", low, high);
     const char *reg = window == 0 ? "window0" : "window1";
     const field_value values[] = {{plr3_register_field(reg, "low"), low},
                                   {plr3_register_field(reg, "high"), high}};

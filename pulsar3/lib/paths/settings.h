@@ -20,7 +20,7 @@ int plr3_change_fields(const char *function, int path, int chan_or_card, std::sp
 // Whether a path's cards have the field.
 bool plr3_has_field(const PLR3Path &path, const register_field &field);
 
-// Scaler window 0 or 1: events from `low` to `high`, energy bins of 16 bits.
+// Scaler window 0 or 1: events from `low` to `high`, energy bins of 16 bits; none when `low` is above.
 int plr3_set_window(int path, int chan, int window, int low, int high);
 // Events above this are good ones.
 int plr3_set_good_thres(int path, int chan, int threshold);
