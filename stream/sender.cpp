@@ -27,29 +27,32 @@ void sender::send_until_end() {
     }
 }
 
+std::vector<std::shared_ptr<published_run>> sender::all_runs() const {
+    const std::lock_guard guard(p_.mutex);
+    return {p_.runs.begin(), p_.runs.end()};
+}
+
+bool sender::is_ready() {
+    const bool connected = broker_.is_connected();
+    if (broker_.ready() && !((connected || recover()) && take_stock()) && broker_.is_connected())
+        broker_.refuse("the broker does not take what it is told");
+    return broker_.is_connected();
+}
+
 bool sender::turn() {
-    if (!broker_.is_connected()) {
-        if (broker_.ready() && !recover() && broker_.is_connected())
-            broker_.refuse("the broker does not take what it is told");
-        if (!broker_.is_connected()) {
-            note_state();
-            return false;
-        }
+    if (!is_ready()) {
+        note_state();
+        return false;
     }
     apply_known();
-    bool more = false;
     if (std::chrono::steady_clock::now() < refused_ + pause_when_full) {
         note_state();
         return false;
     }
-    more = send_some();
-    std::vector<std::shared_ptr<published_run>> runs;
-    {
-        const std::lock_guard guard(p_.mutex);
-        runs.assign(p_.runs.begin(), p_.runs.end());
-    }
-    for (const auto &run : runs) {
-        if (run->epoch == 0 && broker_.is_connected() && recover_run(*run))
+    bool more = send_some();
+    look_after();
+    for (const auto &run : all_runs()) {
+        if (run->epoch == 0 && broker_.is_connected() && recover_run(run))
             more = true;
         if (run->epoch > 0 && broker_.is_connected() && !run->sealed)
             seal(*run);
@@ -82,6 +85,22 @@ void sender::append_together(std::span<const broker_words> commands) {
     for (const broker_words &c : commands)
         broker_.append(c.words());
     broker_.append({"EXEC"});
+    append_watch(all_runs());
+}
+
+// Whoever else writes there meanwhile, or empties the broker, makes the next commands together count for nothing.
+void sender::append_watch(std::span<const std::shared_ptr<published_run>> runs) {
+    broker_words words;
+    words.text("WATCH");
+    for (const auto &run : runs) {
+        words.text(broker_.key(meta_key(run->id)));
+        for (const run_lane &lane : run->lanes)
+            words.text(lane.stream);
+    }
+    if (words.count() > 1)
+        broker_.append(words.words());
+    else
+        broker_.append({"UNWATCH"});
 }
 
 int sender::together(std::span<const broker_words> commands) {
@@ -91,7 +110,6 @@ int sender::together(std::span<const broker_words> commands) {
 
 int sender::answer_to(std::size_t commands) {
     refusal_.clear();
-    fields_made_.clear();
     bool begun = false;
     for (std::size_t i = 0; i <= commands; ++i) {
         const broker_reply queued = broker_.next();
@@ -100,20 +118,20 @@ int sender::answer_to(std::size_t commands) {
         begun = i == 0 ? queued.is_ok() : begun;
         note(queued);
     }
-    const broker_reply done = broker_.next();
-    if (!done)
+    const broker_reply done = broker_.next(), watched = broker_.next();
+    if (!done || !watched)
         return -1;
     note(done);
+    note(watched);
     for (std::size_t i = 0; i < done.size(); ++i)
         note(done.at(i));
-    for (std::size_t i = 0; i < done.size(); ++i)
-        if (const auto made = done.at(i).integer())
-            fields_made_.push_back(*made);
+    entry_ = done.at(commands - 1).text().value_or("");
     if (done.size() == commands && refusal_.empty())
         return 1;
     if (refusal_.empty())
-        refusal_ = "the broker does not take what it is told";
-    if (begun && done.size() == 0)
+        refusal_ = done.is_nil() ? "what stands at the broker was changed"
+                                 : "the broker does not take what it is told";
+    if (begun && done.error())
         return 0;
     broker_.refuse(refusal_); // a part of it, or each by itself: what the broker has is read again
     return -1;
@@ -179,28 +197,9 @@ bool sender::seal(published_run &run) {
     const int done = together(commands);
     if (done == 0)
         give_way();
-    const bool sealed = done == 1 && !was_emptied({&run.id, 1}, 1);
     const std::lock_guard guard(p_.mutex);
-    run.sealed = sealed;
-    return sealed;
-}
-
-// A hash that has got more fields than is usual had to be made anew: somebody has emptied the broker. What is left of such
-// runs is removed, and the broker is asked what it has before they are announced again.
-bool sender::was_emptied(std::span<const std::string> runs, long long usual) {
-    bool emptied = false;
-    for (std::size_t i = 0; i < runs.size() && i < fields_made_.size(); ++i) {
-        if (fields_made_[i] <= usual)
-            continue;
-        emptied = true;
-        remove_run(runs[i]);
-    }
-    if (!emptied)
-        return false;
-    has_stock_ = false;
-    if (broker_.is_connected())
-        broker_.refuse("the broker was emptied");
-    return true;
+    run.sealed = done == 1;
+    return run.sealed;
 }
 
 // A run that begins, or is there again ("again") after its broker was away.
@@ -228,6 +227,12 @@ bool sender::announce(published_run &run, const std::string &event, const std::s
     commands.push_back(std::move(start));
     if (together(commands) != 1)
         return false;
+    run.gaps = gaps;
+    run.entry = entry_;
+    {
+        const std::lock_guard guard(p_.mutex);
+        p_.broker.epochs += event == "again" ? 1U : 0U;
+    }
     stock_.add_run(run.id);
     stock_.add_headers(run.id, broker_cost(bytes));
     return true;

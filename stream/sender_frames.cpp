@@ -97,8 +97,7 @@ bool sender::send(batch &frames) {
             doubtful_.clear();
         return false;
     }
-    if (!note_told())
-        return false;
+    note_told();
     tell(std::move(frames), std::move(headers));
     doubtful_ = telling_.frames;
     return broker_.is_connected();
@@ -111,10 +110,11 @@ bool sender::settle() {
     const int told = answer_to(telling_.commands);
     if (told == 0)
         give_back();
-    const bool noted = told > 0 && note_told();
+    if (told > 0)
+        note_told();
     if (broker_.is_connected())
         doubtful_.clear();
-    return noted;
+    return told > 0;
 }
 
 // One that is larger than all that may be kept is lost.
@@ -197,6 +197,8 @@ void sender::tell(batch frames, std::vector<broker_words> commands) {
         telling_.sizes.push_back(header.size());
     {
         const std::lock_guard guard(p_.mutex);
+        for (const outgoing &o : frames) // somebody else has sealed it, where it was
+            o.run->sealed = o.run->sealed && o.run->lanes[o.lane].card < 0;
         for (std::size_t i = 0; i < frames.size(); ++i)
             if (const published_run &run = *frames[i].run;
                 i + 1 == frames.size() || frames[i + 1].run.get() != &run)
@@ -207,21 +209,14 @@ void sender::tell(batch frames, std::vector<broker_words> commands) {
     append_together(commands);
 }
 
-// False when the broker has lost what it was told before.
-bool sender::note_told() {
-    std::vector<std::string> runs; // in the order of their hashes
-    {
-        const std::lock_guard guard(p_.mutex);
-        for (std::size_t i = 0; i < telling_.frames.size(); ++i) {
-            const outgoing &o = telling_.frames[i];
-            p_.ring.told(o.run->lanes[o.lane].number, !o.stored);
-            stock_.add_headers(o.run->id, broker_cost(telling_.sizes[i]));
-            if (runs.empty() || runs.back() != o.run->id)
-                runs.push_back(o.run->id);
-        }
+void sender::note_told() {
+    const std::lock_guard guard(p_.mutex);
+    for (std::size_t i = 0; i < telling_.frames.size(); ++i) {
+        const outgoing &o = telling_.frames[i];
+        p_.ring.told(o.run->lanes[o.lane].number, !o.stored);
+        stock_.add_headers(o.run->id, broker_cost(telling_.sizes[i]));
     }
     telling_.frames.clear();
-    return !was_emptied(runs, 0);
 }
 
 // What the broker refused to be told of is sent again, when there is room.
@@ -254,10 +249,10 @@ bool sender::remove(const broker_words &del) {
     return false;
 }
 
-// Whether more is told of it, which must find what was told before.
-bool sender::is_under_way(const std::string &id) const {
+// Whether more may be told of it, which must find what was told before.
+bool sender::is_here(const std::string &id) const {
     const std::lock_guard guard(p_.mutex);
-    return std::ranges::any_of(p_.runs, [&](const auto &run) { return run->id == id && !run->sealed; });
+    return std::ranges::any_of(p_.runs, [&](const auto &run) { return run->id == id; });
 }
 
 // Whole payloads, the oldest first, then whole runs. What is left when only one run's headers are is what it needs.
@@ -269,7 +264,7 @@ bool sender::make_room(std::size_t bytes) {
         del.text(*stock_.take_oldest_payload());
     if (del.count() > 1 && !remove(del))
         return false;
-    while (stock_.bytes() > most && !stock_.runs().empty() && !is_under_way(stock_.runs().front().run)) {
+    while (stock_.bytes() > most && !stock_.runs().empty() && !is_here(stock_.runs().front().run)) {
         const auto run = stock_.take_oldest_run();
         if (!run)
             break;

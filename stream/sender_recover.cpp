@@ -28,6 +28,16 @@ std::size_t number_of(std::string_view text) {
     return number;
 }
 
+constexpr std::chrono::seconds look_every{1};
+
+std::string names_of(const std::vector<run_gap> &gaps) {
+    std::string names;
+    for (const run_gap &gap : gaps)
+        names += (names.empty() ? "" : " ") + (gap.card < 0 ? "scalers" : std::to_string(gap.card)) + ":" +
+                 std::to_string(gap.from) + ".." + std::to_string(gap.end - 1);
+    return names;
+}
+
 } // namespace
 
 bool sender::recover() {
@@ -41,12 +51,7 @@ bool sender::recover() {
     const bool counted = !has_stock_; // with the rest
     if (!take_stock() || !forget_doubtful(counted))
         return false;
-    std::vector<std::shared_ptr<published_run>> runs;
-    {
-        const std::lock_guard guard(p_.mutex);
-        runs.assign(p_.runs.begin(), p_.runs.end());
-    }
-    return std::ranges::all_of(runs, [this](const auto &run) { return recover_run(*run); });
+    return std::ranges::all_of(all_runs(), [this](const auto &run) { return recover_run(run); });
 }
 
 // Which life of which broker it is, and how much of its memory is ours.
@@ -82,6 +87,15 @@ bool sender::forget_doubtful(bool counted) {
     return static_cast<bool>(broker_.command({"UNWATCH"}));
 }
 
+// Whether its payload is sent again, to the same place.
+bool sender::is_to_be_sent(const outgoing &o) const {
+    const auto lane = o.run->lanes[o.lane].number;
+    const std::lock_guard guard(p_.mutex);
+    const std::uint64_t told = p_.ring.account(lane).told();
+    const auto next = o.frame.frame < told ? std::nullopt : p_.ring.next(lane, o.frame.frame - told);
+    return next && next->contents;
+}
+
 // A broker that was late may do what the lost connection told it while we ask: then the payload stays.
 bool sender::forget(const outgoing &o, bool counted) {
     const run_lane &lane = o.run->lanes[o.lane];
@@ -93,48 +107,69 @@ bool sender::forget(const outgoing &o, bool counted) {
         stock_.add_headers(o.run->id, broker_cost(bytes_of_fields(there.at(0).at(1))));
     if (there.size() > 0 || lane.card < 0)
         return true;
+    stock_.forget_payload(payload_of(o));
     std::vector<broker_words> del(1);
     del[0].text("DEL").text(payload_of(o));
-    if (together(del) != 1)
-        return false;
-    stock_.forget_payload(payload_of(o));
-    return true;
+    return is_to_be_sent(o) || together(del) == 1;
 }
 
-bool sender::recover_run(published_run &run) {
-    const broker_reply meta =
-        broker_.command({"HMGET", broker_.key(meta_key(run.id)), "epoch", "broker", "state"});
-    if (!has_said(meta))
+// What stands under a name of ours and is of another type goes.
+bool sender::has_answered(const broker_value &reply, const std::string &key) {
+    if (has_said(reply))
+        return !reply.error() || remove(broker_words().text("DEL").text(key));
+    if (const auto error = reply.error())
+        broker_.refuse(std::string(*error));
+    return false;
+}
+
+// Asked in one go, with an eye on it from before the answers on.
+bool sender::recover_run(const std::shared_ptr<published_run> &of) {
+    published_run &run = *of;
+    const std::string hash = broker_.key(meta_key(run.id)), list = broker_.key("runs");
+    append_watch({&of, 1});
+    broker_.append({"HMGET", hash, "epoch", "broker", "state", "shapes"});
+    const bool known = !run.entry.empty();
+    broker_.append({"XRANGE", list, known ? run.entry : "-", known ? run.entry : "+", "COUNT", "1"});
+    for (const run_lane &lane : run.lanes)
+        broker_.append({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
+    broker_.next();
+    const broker_reply meta = broker_.next(), listed = broker_.next();
+    std::vector<broker_reply> last;
+    for (std::size_t lane = 0; lane < run.lanes.size(); ++lane)
+        last.push_back(broker_.next());
+    if (!has_answered(meta, hash) || !has_answered(listed, list))
         return false;
-    const auto epoch = static_cast<std::uint64_t>(std::max(0LL, meta.at(0).integer().value_or(0)));
-    const bool same = epoch > 0 && epoch >= run.epoch && meta.at(1).text() == broker_run_;
-    std::string gaps;
-    for (run_lane &lane : run.lanes) {
-        std::uint64_t told = 0;
-        {
-            const std::lock_guard guard(p_.mutex);
-            told = p_.ring.account(lane.number).told();
-        }
-        std::uint64_t places = 0; // of the scalers' lane: all cards'
-        for (const card_shape &card : run.cards)
-            if (lane.card < 0 || lane.card == card.index)
-                places = std::max<std::uint64_t>(places, card.places);
-        if (!recover_lane(lane, told, places, gaps))
+    std::vector<run_gap> gaps;
+    for (std::size_t lane = 0; lane < run.lanes.size(); ++lane)
+        if (!recover_lane(run, run.lanes[lane], last[lane], gaps))
             return false;
-    }
-    std::erase(strangers_, run.id);
+    return go_on(run, meta, listed.size() > 0, gaps);
+}
+
+// With what the broker has of the run, or with another epoch of it.
+bool sender::go_on(published_run &run, const broker_value &meta, bool is_listed,
+                   const std::vector<run_gap> &gaps) {
+    const auto epoch = static_cast<std::uint64_t>(std::max(0LL, meta.at(0).integer().value_or(0)));
+    const bool newer = epoch > run.epoch; // another publisher's, who has told of it
+    const bool same = epoch > 0 && (newer || (epoch == run.epoch && is_listed)) &&
+                      meta.at(1).text() == broker_run_ && meta.at(3).text();
     const bool first = epoch == 0 && run.epoch == 0;
-    const bool goes_on = same && gaps.empty();
+    const std::string names = names_of(gaps);
+    const bool goes_on = same && (names.empty() || names == run.gaps); // it was told of them
     const std::uint64_t before = run.epoch;
     {
         const std::lock_guard guard(p_.mutex);
         run.epoch = goes_on ? epoch : std::max(epoch, run.epoch) + 1;
         run.sealed = goes_on && meta.at(2).text() == "sealed";
-        p_.broker.epochs += goes_on || first ? 0 : 1;
     }
+    std::erase(strangers_, run.id);
+    has_stock_ = has_stock_ && (goes_on || first);
     if (goes_on)
         stock_.add_run(run.id); // also one whose announcement was taken, but not answered
-    if (goes_on || announce(run, first ? "start" : "again", gaps))
+    if (newer)
+        run.entry.clear();
+    const auto removed = [&](const run_gap &gap) { return remove_payloads(run.id, gap); };
+    if (goes_on || (std::ranges::all_of(gaps, removed) && announce(run, first ? "start" : "again", names)))
         return true;
     {
         const std::lock_guard guard(p_.mutex);
@@ -145,17 +180,49 @@ bool sender::recover_run(published_run &run) {
 }
 
 // Frames that it knows of and we do not have learnt, or the other way round: a gap.
-bool sender::recover_lane(run_lane &lane, std::uint64_t told, std::uint64_t places, std::string &gaps) {
-    const broker_reply last = broker_.command({"XREVRANGE", lane.stream, "+", "-", "COUNT", "1"});
-    if (!has_said(last))
+bool sender::recover_lane(const published_run &run, run_lane &lane, const broker_value &last,
+                          std::vector<run_gap> &gaps) {
+    if (!has_answered(last, lane.stream))
         return false;
+    std::uint64_t told = 0, places = 0; // of the scalers' lane: all cards'
+    {
+        const std::lock_guard guard(p_.mutex);
+        told = p_.ring.account(lane.number).told();
+    }
+    for (const card_shape &card : run.cards)
+        if (lane.card < 0 || lane.card == card.index)
+            places = std::max<std::uint64_t>(places, card.places);
     const auto frame = frame_of_entry(last.at(0).at(0).text().value_or(""));
     const std::uint64_t there = frame ? *frame + 1 : 0;
     lane.known.clear();
     if (there < told)
-        gaps += (gaps.empty() ? "" : " ") + (lane.card < 0 ? "scalers" : std::to_string(lane.card)) + ":" +
-                std::to_string(there) + ".." + std::to_string(told - 1);
+        gaps.push_back({lane.card, there, told});
     return there <= told || read_fates(lane, told, std::min(there, places));
+}
+
+// Counts whose headers are gone; nobody would find them.
+bool sender::remove_payloads(const std::string &run, const run_gap &gap) {
+    constexpr std::size_t names_at_once = 1000;
+    for (std::uint64_t frame = gap.from; gap.card >= 0 && frame < gap.end;) {
+        broker_words del;
+        for (del.text("DEL"); frame < gap.end && del.count() <= names_at_once; ++frame)
+            del.text(broker_.key(payload_key(run, gap.card, frame)));
+        if (!remove(del))
+            return false;
+    }
+    return true;
+}
+
+// Once in a while, also when there is nothing to tell: the connection may have gone, or what stands there.
+void sender::look_after() {
+    const auto now = std::chrono::steady_clock::now();
+    if (!broker_.is_connected() || now < looked_ + look_every)
+        return;
+    looked_ = now;
+    broker_.command({"UNWATCH"}); // each run is watched again before it is asked for
+    for (const auto &run : all_runs())
+        if (run->epoch > 0 && !recover_run(run))
+            return;
 }
 
 // Frames that the run has no place for are somebody else's; behind them the stream takes none of ours.

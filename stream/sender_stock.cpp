@@ -25,7 +25,7 @@ bool sender::take_stock() {
     strangers_.clear();
     strangers_sealed_ = false;
     const broker_reply runs = broker_.command({"XRANGE", broker_.key("runs"), "-", "+"});
-    if (!has_said(runs))
+    if (!has_answered(runs, broker_.key("runs")))
         return false;
     std::vector<std::string> known;
     for (std::size_t i = 0; i < runs.size(); ++i) {
@@ -44,8 +44,8 @@ bool sender::take_stock_of(const std::string &run) {
     const broker_reply meta = broker_.command({"HGETALL", broker_.key(meta_key(run))});
     if (!has_said(meta))
         return false;
-    if (meta.size() == 0)
-        return remove_run(run); // its entries in the list are all that is left of it
+    if (meta.size() == 0) // its entries in the list are all that is left of it
+        return is_here(run) || remove_run(run);
     stock_.add_run(run);
     stock_.add_headers(run, 2 * broker_cost(bytes_of_fields(meta)));
     if (meta.field("state").text() != "sealed")

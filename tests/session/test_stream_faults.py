@@ -425,22 +425,104 @@ def test_after_a_restart_the_oldest_payloads_of_all_cards_go_first(broker, start
             card.remove()
 
 
-def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(broker, start, card):
+@pytest.mark.parametrize("emptied", [False, True])
+def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(emptied, broker, start, card):
     both = [start("-site=" + broker.site, kind=Publisher) for _ in range(2)]
     card.begin()
     run = run_of(broker)
     for frame in range(PLACES):
         card.count(frame)
         time.sleep(0.02)
+        if emptied and frame == 3:
+            broker("FLUSHALL")
     card.end(PLACES)
     meta = in_state(broker, run, "sealed")
-    assert (meta["frames"], meta["sent"], meta["lost"], meta["epoch"]) == (str(PLACES), str(PLACES), "0", "1")
+    assert int(meta["sent"]) + int(meta["lost"]) == int(meta["frames"]) == PLACES and "shapes" in meta
+    assert meta["lost"] == "0" or emptied  # what only one of them had told is gone for the other
+    assert meta["epoch"] == ("2" if emptied else "1")
     for _, fields in broker.entries(f"kestrel:{run}:f:{CARD}"):
         assert broker("STRLEN", fields["key"]) == CHANS * BINS * 4
-    wait_until(lambda: all(f"{PLACES} sent, 0 lost, 0 waiting" in "".join(p.client().lines("show")) for p in both), "account")
+    told = ", 0 waiting" if emptied else f"{PLACES} sent, 0 lost, 0 waiting"
+    wait_until(lambda: all(told in "".join(p.client().lines("show")) for p in both), "account")
     before = [processor_time(p.process) for p in both]
     time.sleep(1.5)
     assert all(processor_time(p.process) - b < 0.3 for p, b in zip(both, before))
+
+
+def is_whole(broker, run, gone=0):
+    """Told of once more, sealed, and nothing there but what it says: all but the first frames."""
+    meta, events = broker.meta(run), [f for _, f in broker.entries("kestrel:runs")]
+    assert [meta.get(name) for name in ("state", "end", "frames", "sent", "lost")] == ["sealed", "whole", str(PLACES), str(PLACES), "0"]
+    assert {"shapes", "settings", "cards", "begun"} <= set(meta)
+    told = [f for f in events if f["event"] in (b"start", b"again")]
+    assert told[-1]["epoch"].decode() == meta["epoch"] and events[-1]["event"] == b"stop"
+    assert told[-1].get("gap", b"").decode() == (f"{CARD}:0..{gone - 1}" if gone else "")
+    headers = broker.entries(f"kestrel:{run}:f:{CARD}")
+    assert [i for i, _ in headers] == [f"{frame + 1}-0" for frame in range(gone, PLACES)]
+    assert all(broker("STRLEN", f["key"]) == CHANS * BINS * 4 for _, f in headers)
+    assert len(broker("KEYS", "*:d:*")) == len(headers)  # no counts whose header is gone
+    return int(meta["epoch"])
+
+
+META, FRAMES_KEY = "kestrel:{run}:meta", f"kestrel:{{run}}:f:{CARD}"
+# What is done when so many frames have been told (None: when the run is sealed), and how many are gone then.
+DONE_TO_A_RUN = [(("FLUSHALL",), 0, 0, 2), (("FLUSHALL",), 3, 3, 2), (("FLUSHALL",), PLACES, PLACES, 2), (("FLUSHALL",), None, PLACES, 2),
+                 (("DEL", META), 3, 0, 2), (("RENAME", META, "kestrel:x"), None, 0, 2), (("SET", META, "x"), 3, 0, 2), (("HDEL", META, "shapes"), 3, 0, 2),
+                 (("DEL", FRAMES_KEY), 3, 3, 2), (("DEL", FRAMES_KEY), None, PLACES, 2), (("SET", FRAMES_KEY, "x"), 3, 3, 2),
+                 (("SET", "kestrel:{run}:s", "x"), 3, 0, 1), (("DEL", "kestrel:runs"), 3, 0, 2), (("SET", "kestrel:runs", "x"), 3, 0, 2)]
+
+
+@pytest.mark.parametrize("words, when, gone, epoch", DONE_TO_A_RUN, ids=lambda value: "-".join(value) if isinstance(value, tuple) else str(value))
+def test_what_others_do_to_a_run_at_the_broker_is_mended_and_told(words, when, gone, epoch, broker, start, names, card):
+    publisher = start("-site=" + broker.site, kind=Publisher)
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    card.begin()
+    run = run_of(broker)
+    card.count(*range(when or 0))
+    wait_until(lambda: broker.meta(run).get("sent") == str(when or 0), "frames")
+    if when is None:
+        card.count(*range(PLACES))
+        card.end(PLACES)
+        in_state(broker, run, "sealed")
+    follower.wait_stdout("# run " + run)
+    broker(*(word.format(run=run) for word in words))
+    card.count(*range(when or 0, PLACES))  # at once: nobody has seen it yet
+    card.end(PLACES)
+
+    def mended():
+        with contextlib.suppress(AssertionError, BrokerError, IndexError):
+            return is_whole(broker, run, gone) == epoch
+    with contextlib.suppress(TimeoutError, AssertionError):
+        wait_until(mended, "whole run")
+    assert is_whole(broker, run, gone) == epoch
+    told = ask(f"{os.environ['XDG_RUNTIME_DIR']}/kestrel-{publisher.port}.sock", b"metrics\n")
+    assert f"kestrel_stream_epochs_total {epoch - 1}\n" in told
+    follower.wait_stdout("ends: whole")
+    late = start("-site=" + broker.site, "-all", f"-rename={names.prefix}late_", kind=Follower)
+    late.wait_stdout(f"run {run} ends: whole")
+    for one, most in (follower, PLACES), (late, gone):
+        acquired, received, lost = map(int, re.search(r"(\d+) frames: (\d+) received, (\d+) lost", "".join(one.client().lines("show"))).groups())
+        assert acquired == PLACES == received + lost and lost <= most
+    assert ("# resync" in late.stdout) == (gone > 0)
+
+
+def test_a_publisher_with_nothing_to_tell_sees_its_broker_go(broker, start, card):
+    publisher = start("-site=" + broker.site, kind=Publisher)
+    card.begin()
+    run = run_of(broker)
+    broker.restart()
+    wait_until(lambda: broker.meta(run).get("epoch") == "2", "armed run in a new epoch")
+    card.count(*range(PLACES))
+    card.end(PLACES)
+    in_state(broker, run, "sealed")
+    broker("FLUSHALL")
+    assert in_state(broker, run, "sealed")["epoch"] == "3"
+    for _ in range(3):  # another connection is no other epoch, though the frames are gone
+        broker("CLIENT", "KILL", "TYPE", "normal", "SKIPME", "yes")
+        wait_until(lambda: len(broker("CLIENT", "LIST").splitlines()) == 2, "connection")
+    assert broker.meta(run)["epoch"] == "3" and len(broker.entries("kestrel:runs")) == 2
+    broker.kill()
+    wait_until(lambda: ": connected" not in publisher.client().lines("show")[0], "word of a broker that has gone")
 
 
 class Between(Answerer):
@@ -493,14 +575,14 @@ def nobody_says_what_was_told(between, broker):
 
 
 def what_was_told_counts_after_all(between, broker):
-    """The connection is lost before EXEC is done, which it is when its payloads are to be removed."""
+    """The connection is lost before EXEC is done, which it is when its payloads are sent again."""
     late = []
 
     def refused(words):
         if words[0] == b"EXEC" and not late:
             late.append(between.link)
             raise OSError
-        if words[0] == b"DEL" and len(late) == 1:
+        if words[0] == b"SET" and len(late) == 1:
             late.append(late[0]("EXEC"))
     return refused
 
