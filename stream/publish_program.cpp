@@ -6,6 +6,7 @@
 #include "stream/sender.h"
 #include "support/metrics_text.h"
 
+#include <cstdio>
 #include <thread>
 
 namespace kestrel::stream {
@@ -59,6 +60,9 @@ void end() {
     }
     watching.join();
     sending.join();
+    if (const std::uint64_t waiting = runs->total().waiting(); waiting > 0)
+        std::printf("# frames that the broker was not told of: %llu\n",
+                    static_cast<unsigned long long>(waiting));
 }
 
 const char *state_of(const published_run &run) {

@@ -6,7 +6,7 @@ namespace kestrel::stream {
 
 namespace {
 
-constexpr std::chrono::milliseconds longest_sleep{200}, pause_when_full{100};
+constexpr std::chrono::milliseconds longest_sleep{200}, pause_when_full{100}, last_words{1000};
 
 std::string seconds_of(std::int64_t us) {
     return std::to_string(us / 1000000) + "." + std::to_string(1000000 + us % 1000000).substr(1);
@@ -25,6 +25,11 @@ void sender::send_until_end() {
             p_.news.wait_for(lock, broker_.is_connected() ? longest_sleep : broker_back_off::shortest,
                              [&] { return p_.ending || (broker_.is_connected() && p_.changes != changes); });
     }
+    lock.unlock();
+    // What waits goes out, where the broker takes it.
+    const auto until = std::chrono::steady_clock::now() + last_words;
+    while (broker_.is_connected() && std::chrono::steady_clock::now() < until && turn())
+        ;
 }
 
 std::vector<std::shared_ptr<published_run>> sender::all_runs() const {

@@ -3,6 +3,7 @@ import contextlib
 import json
 import os
 import re
+import signal
 import socket
 import subprocess
 import threading
@@ -523,6 +524,31 @@ def test_a_publisher_with_nothing_to_tell_sees_its_broker_go(broker, start, card
     assert broker.meta(run)["epoch"] == "3" and len(broker.entries("kestrel:runs")) == 2
     broker.kill()
     wait_until(lambda: ": connected" not in publisher.client().lines("show")[0], "word of a broker that has gone")
+
+
+@pytest.mark.parametrize("frozen", [False, True])
+def test_a_publisher_that_ends_says_what_it_has_first(frozen, broker, start, client):
+    many = 48  # frames of 128 KiB: more than go out in a turn, where little may be kept
+    card = Card(client, CARD + 1, places=many, bins=16384)
+    try:
+        publisher = start("-site=" + broker.site, "-budget=1", kind=Publisher)
+        card.begin()
+        run = run_of(broker, CARD + 1)
+        broker.process.send_signal(signal.SIGSTOP)
+        card.count(*range(many))
+        wait_until(lambda: f" {many} frames" in "".join(publisher.client().lines("show")), "frames")
+        begin = time.monotonic()
+        publisher.client().send("shutdown\n")
+        time.sleep(0.2)
+        if not frozen:
+            broker.process.send_signal(signal.SIGCONT)
+        publisher.process.wait(10)
+        assert time.monotonic() - begin < 5
+        broker.process.send_signal(signal.SIGCONT)
+        assert ("not told of" in publisher.stdout) == frozen
+        assert frozen or broker.meta(run)["sent"] == str(many)
+    finally:
+        card.remove()
 
 
 class Between(Answerer):
