@@ -469,6 +469,7 @@ META, FRAMES_KEY = "kestrel:{run}:meta", f"kestrel:{{run}}:f:{CARD}"
 # What is done when so many frames have been told (None: when the run is sealed), and how many are gone then.
 DONE_TO_A_RUN = [(("FLUSHALL",), 0, 0, 2), (("FLUSHALL",), 3, 3, 2), (("FLUSHALL",), PLACES, PLACES, 2), (("FLUSHALL",), None, PLACES, 2),
                  (("DEL", META), 3, 0, 2), (("RENAME", META, "kestrel:x"), None, 0, 2), (("SET", META, "x"), 3, 0, 2), (("HDEL", META, "shapes"), 3, 0, 2),
+                 (("HSET", META, "state", "sealed", "end", "cut"), 3, 0, 1),  # as another machine's publisher does
                  (("DEL", FRAMES_KEY), 3, 3, 2), (("DEL", FRAMES_KEY), None, PLACES, 2), (("SET", FRAMES_KEY, "x"), 3, 3, 2),
                  (("SET", "kestrel:{run}:s", "x"), 3, 0, 1), (("DEL", "kestrel:runs"), 3, 0, 2), (("SET", "kestrel:runs", "x"), 3, 0, 2)]
 
