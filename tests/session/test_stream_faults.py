@@ -665,3 +665,32 @@ def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_p
             assert {broker("STRLEN", fields["key"]) for _, fields in headers} == {CHANS * BINS * 4}
     finally:
         between.close()
+
+
+def test_counts_in_doubt_that_the_ring_drops_do_not_stay_without_a_header(broker, tmp_path, start, client):
+    between, places = Between(tmp_path / "between.sock", broker), 20
+    card = Card(client, CARD + 1, places=places, bins=16384)  # 128 KiB a frame: the ring has room for eight
+    try:
+        publisher = start("-site=" + between.site, "-ring=1", kind=Publisher)
+        card.begin()
+        run = run_of(broker, CARD + 1)
+        away = []
+
+        def refused(words):
+            if words[0] == b"EXEC" or away:
+                away.append(words)
+                raise OSError
+        between.refused = refused
+        card.count(0)
+        wait_until(lambda: away, "connection that is cut")
+        assert broker("EXISTS", f"kestrel:{run}:d:{card.index}:0")
+        card.count(*range(1, places))
+        wait_until(lambda: f" {places} frames" in "".join(publisher.client().lines("show")), "frames")
+        between.refused = lambda words: None
+        card.end(places)
+        meta = in_state(broker, run, "sealed")
+        kept = {f["key"] for _, f in broker.entries(f"kestrel:{run}:f:{card.index}") if f["lost"] == b"0"}
+        assert int(meta["lost"]) == places - len(kept) > 8 and set(broker("KEYS", "*:d:*")) == kept
+    finally:
+        between.close()
+        card.remove()
