@@ -174,12 +174,12 @@ broker_words sender::meta_of(const published_run &run, const char *state, const 
                 ++(o.stored ? a.sent : a.lost);
         const int card = run.lanes[lane].card;
         const std::string name = card < 0 ? "scalers" : std::to_string(card);
-        for (const auto &[what, n] : {std::pair{"frames:", a.acquired}, {"sent:", a.sent}, {"lost:", a.lost}})
+        for (const auto &[what, n] : {std::pair{"frames:", a.told()}, {"sent:", a.sent}, {"lost:", a.lost}})
             words.text(what + name).text(std::to_string(n));
         if (card >= 0)
             sum += a;
     }
-    words.field("frames", sum.acquired).field("sent", sum.sent).field("lost", sum.lost);
+    words.field("frames", sum.told()).field("sent", sum.sent).field("lost", sum.lost);
     return words;
 }
 

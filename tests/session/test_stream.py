@@ -112,6 +112,8 @@ def test_the_account_is_exact_whatever_the_broker_does(client, play, broker, pub
     configured(client, play, "-kind=4", frames=LONG)
     begin(client, LONG, 50)
     wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
+    meta = broker.meta(broker.runs()[0])
+    assert int(meta["frames"]) == int(meta["sent"]) + int(meta["lost"]) == int(meta["frames:0"])  # of a run that goes on
     disturb(broker)
     end(client, LONG)
     run, meta = sealed(broker, frames=LONG)
