@@ -206,6 +206,8 @@ export class Spectra {
 
     lookAtRegions() {
         const module = this.app.module();
+        if (!module) // it has gone
+            return;
         this.regions.forEach((r, i) => {
             const a = Math.max(r.from - sideBins, 0), b = r.to + sideBins;
             this.app.live.look(firstRegion + i, module.name, [a, b, r.y, r.y, r.t, r.t], b - a + 1, 1, (m) => {
