@@ -3,11 +3,13 @@
 Every wait ends in a time-out that fails the test; KESTREL_TIME_SCALE stretches them for slow builds.
 """
 import atexit
+import contextlib
 import errno
 import fcntl
 import os
 import pathlib
 import pty
+import random
 import re
 import resource
 import select
@@ -33,9 +35,12 @@ atexit.register(shutil.rmtree, os.environ["XDG_RUNTIME_DIR"], ignore_errors=True
 
 
 def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
+    """A port that nobody has, and that no connection of another process gets: the system's own choice ends at once."""
+    while True:
+        port = random.randrange(10000, 20000)
+        with socket.socket() as s, contextlib.suppress(OSError):
+            s.bind(("", port))
+            return port
 
 
 def wait_until(condition, what, seconds=WAIT):
