@@ -34,8 +34,8 @@ struct published_run {
     bool cut = false;  // another run began before that was certain: nothing more comes
     // The sender's:
     std::uint64_t epoch = 0; // 0: not announced
-    std::string gaps,
-        entry; // that it was announced with, and its place in the list of runs, where we know it
+    std::string gaps;        // that it was announced with
+    std::string entry;       // its place in the list of runs, where we know it
     bool sealed = false;
 };
 
