@@ -152,6 +152,23 @@ def test_a_run_that_is_stopped_is_accounted_for(client, play):
     assert (status[0, :frames] == WHOLE).all() and not status[0, frames:].any()
 
 
+@pytest.mark.parametrize("how", ["stopped", "left on"])
+def test_frames_that_come_late_are_not_taken_for_those_of_the_next_run(client, play, how):
+    sim = configured(client, play)
+    sim.do("packets fault 0 -1 delay frame 1 times -1 argument 80")
+    assert do(client, "pulsar3 setup-timing 0 pauses") == 0
+    do(client, "pulsar3 hist start 0")
+    do(client, "pulsar3 hist pause 0")
+    do(client, "pulsar3 hist continue 0")
+    if how == "stopped":
+        do(client, "pulsar3 hist stop 0")
+    assert client.lines("pulsar3 start 0 -1 pause") == ["* 0"]
+    time.sleep(0.2)
+    do(client, "pulsar3 hist continue 0")
+    do(client, "pulsar3 hist stop 0")
+    assert losses(client, frames=1) == [[1, 1, 0, 0, 0, 0, 0, 0, 0]] * CHANS
+
+
 def test_frames_beyond_the_buffer_are_told(client, play):
     configured(client, play, frames=4)
     count(client, frames=10)

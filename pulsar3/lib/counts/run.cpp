@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <thread>
 
 namespace kestrel {
 
@@ -62,7 +63,56 @@ template <class F> void for_channels(PLR3Path &card, F f) {
         f(*card.histogram[static_cast<std::size_t>(chan)]);
 }
 
+// ---- the end
+
+// The card has ended its run after so many time frames.
+int note_end(int path, int card) {
+    PLR3Path &leaf = leaf_of(path, card);
+    std::uint32_t frames = 0;
+    if (const int status = read_word(path, card, time_status_a, frames); status != 0)
+        return status;
+    leaf.run_started = false;
+    const std::uint64_t sent = (leaf.run_flags & plr3_run_hist) != 0 ? frames : 0;
+    for_channels(leaf, [sent](Histogram &h) { plr3_histogram_end_run(h, sent); });
+    plr3_sheet_end(leaf, sent);
+    return 0;
+}
+
+int note_ended_card(int path, int card) {
+    std::uint32_t timing = 0, status = 0, ended = 0, frames = 0;
+    for (const auto &[offset, word] : {std::pair{timing_a, &timing}, std::pair{status_a, &status},
+                                       std::pair{time_status_a, &ended}, std::pair{internal_frames, &frames}})
+        if (const int read = read_word(path, card, offset, *word); read != 0)
+            return read;
+    const bool finished = (timing & source_bits) == plr3_timing_internal && frames != 0 && ended >= frames;
+    return (status & is_running) != 0 && !finished ? 0 : note_end(path, card);
+}
+
+bool settled(int path, int first, int end) {
+    bool all = true;
+    for (int card = first; card < end; ++card)
+        for_channels(leaf_of(path, card), [&all](Histogram &h) { all = plr3_histogram_settled(h) && all; });
+    return all;
+}
+
 // ---- start
+
+// A run that is on, or was left on, ends. The last frames arrive, or are given up, before another run may start: they
+// bear no number of their run, one that came late would pass for data of the new one.
+int end_runs(int path, int first, int end) {
+    for (int card = first; card < end; ++card) {
+        if (const int status = rmw_word(path, card, timing_a, stop_mask, 0); status != 0)
+            return status;
+        if (!leaf_of(path, card).run_started)
+            continue;
+        if (const int status = note_end(path, card); status != 0)
+            return status;
+    }
+    const auto last = plr3_clock::now() + plr3_tail;
+    while (!settled(path, first, end) && plr3_clock::now() < last)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return 0;
+}
 
 // Threads that a socket's error has ended begin anew.
 int restart_threads(PLR3Path &card) {
@@ -113,9 +163,8 @@ int start_system(const char *function, int path, int card, bool enable) {
     int first = 0, end = 0;
     if (const int status = card_range(function, path, card, first, end); status != 0)
         return status;
-    for (int one = first; one < end; ++one) // a run that is on, or was left on, ends
-        if (const int status = rmw_word(path, one, timing_a, stop_mask, 0); status != 0)
-            return status;
+    if (const int status = end_runs(path, first, end); status != 0)
+        return status;
     plr3_sheets_clear(path, first, end);
     if (const int status = plr3_follow_formats(path, first, end); status != 0)
         return status;
@@ -193,31 +242,6 @@ int change_enable(const enable_change &change, int path, int card, bool force) {
                              plr3_get_error_message());
     }
     return 0;
-}
-
-// ---- the end
-
-// The card has ended its run after so many time frames.
-int note_end(int path, int card) {
-    PLR3Path &leaf = leaf_of(path, card);
-    std::uint32_t frames = 0;
-    if (const int status = read_word(path, card, time_status_a, frames); status != 0)
-        return status;
-    leaf.run_started = false;
-    const std::uint64_t sent = (leaf.run_flags & plr3_run_hist) != 0 ? frames : 0;
-    for_channels(leaf, [sent](Histogram &h) { plr3_histogram_end_run(h, sent); });
-    plr3_sheet_end(leaf, sent);
-    return 0;
-}
-
-int note_ended_card(int path, int card) {
-    std::uint32_t timing = 0, status = 0, ended = 0, frames = 0;
-    for (const auto &[offset, word] : {std::pair{timing_a, &timing}, std::pair{status_a, &status},
-                                       std::pair{time_status_a, &ended}, std::pair{internal_frames, &frames}})
-        if (const int read = read_word(path, card, offset, *word); read != 0)
-            return read;
-    const bool finished = (timing & source_bits) == plr3_timing_internal && frames != 0 && ended >= frames;
-    return (status & is_running) != 0 && !finished ? 0 : note_end(path, card);
 }
 
 // step(card) for every card of the path, whatever becomes of the others: the first failure, its text kept.
@@ -301,12 +325,7 @@ int plr3_note_ended_runs(int path) {
 }
 
 bool plr3_run_settled(int path) {
-    const PLR3Path &top = *plr3_path(path);
-    bool settled = true;
-    for (int card = 0; card < top.num_cards; ++card)
-        for_channels(leaf_of(path, card),
-                     [&settled](Histogram &h) { settled = plr3_histogram_settled(h) && settled; });
-    return settled;
+    return settled(path, 0, plr3_path(path)->num_cards);
 }
 
 int plr3_histogram_is_busy(int path, int card) {
