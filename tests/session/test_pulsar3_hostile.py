@@ -9,7 +9,7 @@ import time
 import numpy
 import pytest
 from kestrel_data import do, held, result
-from kestrel_session import SCALE, WAIT, wait_until
+from kestrel_session import SCALE, WAIT, wait_until, wait_until_taken
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import BINS, CHANS, FRAMES, configured, count, histograms, losses, module, sent, table
 from test_pulsar3_dummy import fails, no_modules_left  # noqa: F401 (a fixture)
@@ -76,6 +76,7 @@ def test_a_frame_that_began_before_its_shape_changed_is_not_stored(server, clien
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames") == 0
     assert readout.accept() == 2
     readout.send(2, 0, 4 * FRAMES - 1, b"\xee" * 8000, size=4 * BINS)
+    wait_until_taken(readout.link)
     assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10") == 0
     assert do(client, "pulsar3 hist start 0") == 0
     readout.link.sendall(b"\xee" * (4 * BINS - 8000))

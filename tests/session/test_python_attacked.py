@@ -89,6 +89,18 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
 
 
+def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k, alarm):
+    handle = k.test.open(2048, 2048, 4, float=True)  # more than the kernel keeps for who does not read
+    want = k.read(handle)
+    server.write("busy.cmd", ["do", "while 1"])
+    server.client().sock.sendall(b"~busy\n")  # until ^C at the terminal no other session's line begins
+    threading.Timer(1, server.interrupt).start()
+    alarm(0.5)
+    with pytest.raises(KeyboardInterrupt):
+        k.read(handle, (0, 0, 0, 2048, 2048, 4), numpy.float32)
+    assert (k.read(handle) == want).all()
+
+
 def test_a_task_that_is_cancelled_at_any_time_leaves_the_session_usable(server):
     async def main():
         async with await kestrel.aio.connect("127.0.0.1", server.port) as far:

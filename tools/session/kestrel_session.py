@@ -59,6 +59,20 @@ SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n
                "Loading default configuration instead.\n")
 
 
+def far_end(sock):
+    """What the kernel says of the other end of a connection within this machine: the columns of /proc/net/tcp."""
+    host, port = sock.getsockname()
+    peer = f"{int.from_bytes(socket.inet_aton(host), 'little'):08X}:{port:04X}"
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        (row,) = (line.split() for line in table if line.split()[2] == peer)
+    return row
+
+
+def wait_until_taken(sock):
+    """Waits until the other end has read all that was sent."""
+    wait_until(lambda: far_end(sock)[4].endswith(":00000000"), "reading of what was sent")
+
+
 class Process:
     """A run of the program in a scratch folder, its standard output and error kept in files beside it."""
 

@@ -167,10 +167,17 @@ class Connection(Commands):
     def _stop_and_drain(self) -> None:
         try:
             _control.stop(self._control, self._open().getsockname())
-            self._open().settimeout(_control.PATIENCE)
+            self._open().settimeout(_control.PATIENCE / _control.STOPS)
             self._open().sendall(self._session.begin_again())  # of the reply, bytes may have been dropped
-            self._finish_reply()
-            self._open().settimeout(None)
+            for _ in range(_control.STOPS):
+                try:
+                    self._finish_reply()
+                    self._open().settimeout(None)
+                    return
+                except socket.timeout:  # the server had not begun the line when it was stopped
+                    self._forget_listener()
+                    _control.stop(self._control, self._open().getsockname())
+            self.disconnect()
         except (OSError, KeyboardInterrupt):
             self.disconnect()
 

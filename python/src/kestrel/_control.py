@@ -4,7 +4,8 @@ import pathlib
 import socket
 from typing import List, Optional, Tuple
 
-PATIENCE = 2.0  # seconds
+PATIENCE = 5.0  # seconds
+STOPS = 10  # tries to stop a line within them
 
 
 def usual_path(port: int) -> str:

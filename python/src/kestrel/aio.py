@@ -14,7 +14,6 @@ from ._typed import AsyncCommands
 from .errors import ConnectionLost, means_lost
 
 BLOCK = 1 << 16
-STOPS = 3  # tries to stop a line, within the control socket's patience
 DATA_WAIT = 30.0  # seconds
 T = TypeVar("T")
 
@@ -152,9 +151,9 @@ class AsyncConnection(AsyncCommands):
             own = self._open().getsockname()
             await loop.run_in_executor(None, _control.stop, self._control, own)
             await loop.sock_sendall(self._open(), self._session.begin_again())  # bytes may have been dropped
-            for _ in range(STOPS):
+            for _ in range(_control.STOPS):
                 try:
-                    await _within(_control.PATIENCE / STOPS, self._finish_reply())
+                    await _within(_control.PATIENCE / _control.STOPS, self._finish_reply())
                     return
                 except asyncio.TimeoutError:  # the server had not begun the line when it was stopped
                     self._forget_listener()
