@@ -294,7 +294,7 @@ def test_a_helper_that_is_killed_harms_nobody(server, client, play):
 def test_a_server_that_is_killed_leaves_the_frames_so_far(start, play):
     server = start()
     client = server.client()
-    follow(client, play, 1000)
+    follow(client, play, 10000)
     wait_until(lambda: do(client, "pulsar3 check-progress 0 once") >= 3, "three frames")
     helper = helper_of(server)
     wait_until(lambda: (server.cwd / "run.nxs.part").stat().st_size > 30000, "frames in the file")
