@@ -137,6 +137,8 @@ bool watcher::follow_scalers(watched_run &w) {
 }
 
 bool watcher::follow(watched_run &w) {
+    // Asked first: what was said of the run before its modules were removed is seen below.
+    const bool removed = std::ranges::any_of(w.cards, &card_seen::is_removed);
     bool more = false, over = true;
     for (std::size_t card = 0; card < w.cards.size(); ++card) {
         const auto frames = w.cards[card].frames();
@@ -145,7 +147,7 @@ bool watcher::follow(watched_run &w) {
     }
     more = follow_scalers(w) || more;
     const bool same = std::ranges::all_of(w.cards, &card_seen::is_same_run);
-    const bool cut = !same || (!more && std::ranges::any_of(w.cards, &card_seen::is_removed));
+    const bool cut = !same || (!more && removed);
     if (over == w.run->over && !cut) // only this thread changes it
         return more;
     const std::lock_guard guard(p_.mutex);
