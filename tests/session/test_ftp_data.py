@@ -39,7 +39,7 @@ def test_refusals_have_their_lines_and_no_password(start, ftp, names):
     assert refused(client, f"{box} 'x' on 'bad host/name' {LOGIN}")[1] == last
     do(client, f"{box} 'good' on '{address}' {LOGIN}")
     assert (folder / "good").stat().st_size == 400
-    wait_until(lambda: held(server) == before, f"return to {before}", 5)
+    wait_until(lambda: held(server) == before, f"return to {before}")
     logged = "".join(p.read_text() for p in server.cwd.iterdir() if "log" in p.name) + server.stdout + server.stderr
     assert "to-remote-file" in logged and "s3cret" not in logged and "wr0ng" not in logged
 

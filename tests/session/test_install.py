@@ -4,7 +4,7 @@ import re
 import subprocess
 
 import pytest
-from kestrel_session import KESTREL, ROOT
+from kestrel_session import KESTREL, ROOT, SCALE
 
 BUILD = os.environ.get("KESTREL_BUILD", str(ROOT / "build"))
 
@@ -14,7 +14,7 @@ PAGE = sorted([path.name for path in (ROOT / "display" / "page").iterdir() if pa
 
 
 def run(*command, **how):
-    return subprocess.run(command, capture_output=True, text=True, timeout=60, **how)
+    return subprocess.run(command, capture_output=True, text=True, timeout=60 * SCALE, **how)
 
 
 @pytest.fixture(scope="module")

@@ -1,13 +1,14 @@
 """The timing unit's commands: what is sent for each, and what is made of the answers; against a peer of the test's own."""
 import pathlib
 import re
+import threading
 import time
 
 import numpy as np
 import pytest
 from kairo_peer import KairoPeer
 from kestrel_data import Module, do, held, refused
-from kestrel_session import SCALE, wait_until
+from kestrel_session import WAIT
 
 TIMES = pathlib.Path("/dev/shm/kairo_times")
 NOT_CONFIGURED = ["! KAIRO 1 not supported", "* -1"]
@@ -309,10 +310,10 @@ def test_an_interrupt_stops_the_unit_as_well(server, client, scan):
     unit, _ = scan
     unit.answers["kairo wait"] = "never"  # no result, and no prompt would come after it
     reply = unit.reply
-    unit.reply = lambda line, *rest: (time.sleep(3600) if line == "kairo wait" else reply(line, *rest))
+    waits = threading.Event()
+    unit.reply = lambda line, *rest: (waits.set() or time.sleep(3600) if line == "kairo wait" else reply(line, *rest))
     client.send("kairo scan motor 0 1 1 0.1 2\n")
-    wait_until(lambda: "kairo start" in unit.lines, "start")
-    time.sleep(0.2 * SCALE)
+    assert waits.wait(WAIT)
     server.interrupt()
     said = client.recv_prompt().decode().splitlines()
     assert "! Scan Aborted by quit signal" in said and said[-1] == "* -1" and unit.lines[-1] == "kairo stop"

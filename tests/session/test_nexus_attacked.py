@@ -9,7 +9,7 @@ import h5py
 import numpy
 import pytest
 from kestrel_data import do
-from kestrel_session import wait_until
+from kestrel_session import SCALE, wait_until
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import histograms, module, statuses
 from test_pulsar3_dummy import fails, no_modules_left  # noqa: F401 (a fixture)
@@ -21,7 +21,7 @@ def test_another_folder_of_the_server_does_not_mislead_it(server, client, play):
     (server.cwd / "sub").mkdir()
     kept = server.write("sub/run.nxs.part", "kept")
     do(client, "cd 'sub'")
-    os.kill(helper_of(server), signal.SIGKILL)
+    os.kill(wait_until(lambda: helper_of(server), "helper"), signal.SIGKILL)
     assert "ended by a signal: Killed" in said(client)[0]
     assert kept.read_text() == "kept" and not (server.cwd / "run.nxs.part").exists()
 
@@ -58,7 +58,7 @@ def test_rows_are_channels_by_auxiliary_bins(server, client, play):
 
 
 def test_a_disk_that_fills_while_a_run_is_followed(server, client, play, small_disk):
-    begin(client, play, 300)
+    begin(client, play, 3000 * SCALE)
     assert do(client, "pulsar3 hist start 0") == 0
     assert do(client, f"file write-nexus '{small_disk}/run' 0 1 follow") == 0
     (small_disk / "filler").write_bytes(b"x" * 220 * 1024)
@@ -83,7 +83,7 @@ def test_a_limit_of_size_is_a_full_disk(server, client, play):
 
 
 def test_cards_that_are_closed_end_the_following(server, client, play):
-    follow(client, play, 1000)
+    follow(client, play)
     wait_until(lambda: do(client, "pulsar3 check-progress 0 once") >= 2, "two frames")
     lines = [line for command in ("close-all", "pulsar3 close 0") for line in client.lines(command)]
     told = [line for line in lines if "NeXus" in line] or said(client)
@@ -93,21 +93,21 @@ def test_cards_that_are_closed_end_the_following(server, client, play):
 
 
 def test_another_file_under_the_name_is_not_written_over(server, client, play):
-    follow(client, play, 300)
+    follow(client, play)
     other = server.write("run.nxs", "another's")
     assert said(client) == ["! ERROR: cannot write NeXus file 'run.nxs': cannot be renamed: File exists"]
     assert other.read_text() == "another's" and os.listdir(server.cwd) == ["run.nxs"]
 
 
 def test_a_helper_that_hangs_holds_up_nobody(server, client, play):
-    follow(client, play, 300)
-    helper = helper_of(server)
+    follow(client, play)
+    helper = wait_until(lambda: helper_of(server), "helper")
     os.kill(helper, signal.SIGSTOP)
     wait_until(lambda: do(client, "pulsar3 check-progress 0 once") == FRAMES, "end of the run")
     start = time.monotonic()
     for _ in range(20):
         assert do(client, "sleep 0.0") == 0
-    assert time.monotonic() - start < 2
+    assert time.monotonic() - start < 2 * SCALE
     os.kill(helper, signal.SIGCONT)
     assert said(client) == [f"# NeXus file 'run.nxs' is whole: {FRAMES} frames"]
     with h5py.File(server.cwd / "run.nxs") as file:

@@ -13,6 +13,8 @@ import time
 import numpy
 import pytest
 
+from kestrel_session import SCALE, wait_until
+
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python" / "src"))
 import kestrel
 import kestrel.aio
@@ -89,11 +91,16 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
 
 
-def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k, alarm):
-    handle = k.test.open(2048, 2048, 4, float=True)  # more than the kernel keeps for who does not read
-    want = k.read(handle)
+def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k, alarm, names):
+    # More than the kernel keeps for who does not read, and nothing to calculate, which no interrupt might reach.
+    k.module.create(names("large"), 2048, 2048, header=True, float=True, num_t=4)
+    want = kestrel.module(names("large"), writable=True).data
+    want[:] = numpy.arange(want.size).reshape(want.shape)
+    handle = k.module.open(names("large"), header=True)
+    assert (k.read(handle) == want).all()
     server.write("busy.cmd", ["do", "while 1"])
-    server.client().sock.sendall(b"~busy\n")  # until ^C at the terminal no other session's line begins
+    server.client().send("~busy\n")  # until ^C at the terminal no other session's line begins
+    wait_until(lambda: "line ~busy" in kestrel._control.ask(k._control, "status"), "line that runs")
     threading.Timer(1, server.interrupt).start()
     alarm(0.5)
     with pytest.raises(KeyboardInterrupt):
@@ -166,7 +173,7 @@ def test_a_connection_that_is_closed_by_another_thread_or_task_does_not_wait_on(
 
     def wait():
         try:
-            k.sleep(2.0)
+            k.sleep(4.0)
         except kestrel.ConnectionLost as lost:
             told.append(lost)
 
@@ -175,16 +182,16 @@ def test_a_connection_that_is_closed_by_another_thread_or_task_does_not_wait_on(
     thread.start()
     time.sleep(0.2)
     k.disconnect()
-    thread.join(1.5)
+    thread.join(3.5)
     assert told and not thread.is_alive() and repr(k) == "<kestrel connection closed>"
 
     async def main():
         far = await kestrel.aio.connect("127.0.0.1", server.port)
-        task = asyncio.ensure_future(far.sleep(2.0))
+        task = asyncio.ensure_future(far.sleep(4.0))
         await asyncio.sleep(0.2)
         far.disconnect()
         with pytest.raises(kestrel.ConnectionLost):
-            await asyncio.wait_for(task, 1.5)
+            await asyncio.wait_for(task, 3.5)
         with pytest.raises(kestrel.ConnectionLost):
             await far.command("echo 'x'")
 
@@ -248,7 +255,8 @@ def test_a_peer_that_goes_or_falls_silent(peer):
         kestrel.connect("127.0.0.1", peer(TREE, close=False), timeout=0.3)
 
 
-def test_parts_that_come_late_are_of_their_own_reply(peer):
+def test_parts_that_come_late_are_of_their_own_reply(peer, monkeypatch):
+    monkeypatch.setattr(kestrel._blocking, "SETTLE", 5 * SCALE)
     parts = (b"> ", b"\r\n* 4\r\n> "), (b"* 5\r", b"\n>", b" "), (b"a\r\n> ", b"b\r\n* 6", b"\r\n> "), b"* 7\r\n> "
     with kestrel.connect("127.0.0.1", peer(TREE + b"> ", *parts)) as k:
         assert [k.command("any").result for _ in parts] == [4, 5, 6, 7]

@@ -11,7 +11,7 @@ import numpy
 import pytest
 from broker import Broker, Follower, Proxy, Publisher
 from kestrel_data import Module, do
-from kestrel_session import ROOT, wait_until
+from kestrel_session import ROOT, SCALE, wait_until
 from test_control import ask
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import BINS, CHANS, configured, count, sent
@@ -84,6 +84,7 @@ def test_every_frame_of_every_card_is_there(client, play, broker, publisher):
 
 
 LONG = 200  # frames of 5 ms: the cards' clocks run ten times as fast as they say
+SLOW = 200 * SCALE  # milliseconds of a frame, of which a tenth passes: what is done meanwhile meets a run that goes on
 
 
 def empty(broker):
@@ -132,11 +133,11 @@ def test_the_account_is_exact_whatever_the_broker_does(client, play, broker, pub
 def test_a_ring_that_is_full_costs_payloads_and_no_headers(client, play, broker, start):
     publisher = start("-site=" + broker.site, "-ring=1", kind=Publisher)  # 32 frames
     configured(client, play, "-kind=4", frames=LONG)
-    begin(client, LONG, 50)
+    begin(client, LONG, SLOW)
     wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
     broker.process.send_signal(signal.SIGSTOP)
     end(client, LONG)
-    time.sleep(0.2)
+    wait_until(lambda: f" {LONG} frames" in "".join(publisher.client().lines("show")), "frames that wait")
     broker.process.send_signal(signal.SIGCONT)
     run, meta = sealed(broker, frames=LONG)
     there = stored(broker, run)
@@ -201,9 +202,11 @@ def test_a_publisher_that_was_killed_goes_on_where_it_was(client, play, broker, 
     start("-site=" + broker.site, kind=Publisher)
     run, meta = sealed(broker, 2, 5)
     assert meta["lost"] == 0 and list(stored(broker, run)) == list(range(5))
-    first = broker.meta(broker.runs()[0])
-    assert first["state"] == "sealed" and int(first["frames"]) == int(first["sent"]) + int(first["lost"])
-    assert list(stored(broker, broker.runs()[0])) == list(range(int(first["frames"])))
+    first = broker.runs()[0]
+    wait_until(lambda: broker.meta(first)["state"] == "sealed", "end of the run before")
+    meta = broker.meta(first)
+    assert int(meta["frames"]) == int(meta["sent"]) + int(meta["lost"])
+    assert list(stored(broker, first)) == list(range(int(meta["frames"])))
 
 
 def followed(follower, what):
@@ -243,8 +246,8 @@ def test_a_follower_has_the_same_modules(server, client, play, broker, publisher
 
 def test_a_follower_names_what_is_gone_and_says_resync(client, play, broker, publisher, start, names):
     configured(client, play, "-kind=4", frames=LONG)
-    begin(client, LONG, 50)
     follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    begin(client, LONG, SLOW)
     wait_until(lambda: broker.runs() and int(broker.meta(broker.runs()[0])["sent"]) > 20, "frames")
     follower.process.send_signal(signal.SIGSTOP)
     run = broker.runs()[0]
@@ -299,12 +302,12 @@ def test_the_roles_of_the_example_may_do_what_they_need(client, play, tmp_path, 
         configured(client, play, "-kind=4", frames=FRAMES)
         begin(client)
         end(client)
-        sealed(broker)
+        first, _ = sealed(broker)
         acquired, received, lost, _ = followed(follower, "ends: whole")
         assert acquired == FRAMES == received + lost
         begin(client)
         end(client)
-        wait_until(lambda: any(broker.meta(run).get("state") == "sealed" for run in broker.runs()[-1:]), "second run")
+        wait_until(lambda: any(run != first and broker.meta(run).get("state") == "sealed" for run in broker.runs()), "second run")
         assert [line for line in broker("ACL", "LOG")] == []
         # One that nobody knows is told so, and goes on trying.
         stranger = start("-site=" + broker.site, kind=Publisher, env={"KESTREL_BROKER_AUTH": str(tmp_path / "nobody")},
@@ -351,5 +354,4 @@ def test_a_broker_that_answers_nonsense_does_no_harm(client, play, tmp_path, sta
     listener.close()
     for program in publisher, follower:
         assert program.client().lines("eval") and program.alive()
-    waiting = publisher.client().lines("show")
-    assert f"{FRAMES} frames" in waiting[1]
+    wait_until(lambda: f" {FRAMES} frames" in "".join(publisher.client().lines("show")), "frames that wait")

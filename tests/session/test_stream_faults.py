@@ -13,7 +13,7 @@ import pytest
 from broker import BUILD, Broker, BrokerError, Connection, Follower, Publisher
 from fit_workers import Worker
 from kestrel_data import Module, do
-from kestrel_session import ROOT, wait_until
+from kestrel_session import ROOT, SCALE, wait_until
 from test_control import ask
 from test_peak_fit import noisy
 
@@ -93,6 +93,14 @@ def in_state(broker, run, state):
 def processor_time(process):
     words = open(f"/proc/{process.pid}/stat").read().rsplit(")", 1)[1].split()
     return (int(words[11]) + int(words[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def shares_of(processes, seconds=1.5):
+    """The part of the time that each of them computes, however long the time turns out."""
+    begin, before = time.monotonic(), [processor_time(p) for p in processes]
+    time.sleep(seconds)
+    after = [processor_time(p) for p in processes]
+    return [(a - b) / (time.monotonic() - begin) for a, b in zip(after, before)]
 
 
 def test_scalers_that_come_late_leave_a_run_sealed(broker, start, card):
@@ -186,9 +194,7 @@ def test_a_broker_that_others_have_filled_gets_the_run_when_there_is_room(broker
     card.count(*range(PLACES))
     card.end(PLACES)
     wait_until(lambda: f"{PLACES} waiting" in "".join(publisher.client().lines("show")), "frames that wait")
-    before = processor_time(publisher.process)
-    time.sleep(2)
-    assert processor_time(publisher.process) - before < 0.6
+    assert shares_of([publisher.process])[0] < 0.3
     broker("CONFIG", "SET", "maxmemory", "0")
     meta = in_state(broker, run_of(broker), "sealed")
     assert int(meta["sent"]) + int(meta["lost"]) == PLACES
@@ -241,18 +247,19 @@ def test_nobody_spins_or_floods_at_a_broker_that_does_nothing(answer, tmp_path, 
     try:
         card.begin()
         card.count(0)
-        time.sleep(0.5)
+        shown = ["1 waiting", ""]
+        if answer in {r.split()[0] for r in REFUSALS}:
+            shown = [answer, answer]
+        for program, text in zip(programs, shown):
+            wait_until(lambda program=program, text=text: text in "".join(program.client().lines("show")), text)
         everybody = [p.process for p in (*programs, worker)]
-        before, asked = [processor_time(p) for p in everybody], broker.asked
-        time.sleep(1.5)
-        took = [processor_time(p) - b for p, b in zip(everybody, before)]
-        assert max(took) < 0.5 and broker.asked - asked < 1500, (took, broker.asked - asked)
+        begin, asked = time.monotonic(), broker.asked
+        took = shares_of(everybody)
+        questions = (broker.asked - asked) / (time.monotonic() - begin)
+        assert max(took) < 0.33 and questions < 1000, (took, questions)
         assert all(p.poll() is None for p in everybody)
         assert len(worker.stdout.splitlines()) < 20, worker.stdout
-        assert "1 waiting" in "".join(programs[0].client().lines("show"))
-        if answer in {r.split()[0] for r in REFUSALS}:
-            for program in programs:
-                assert any(answer in line for line in program.client().lines("show"))
+        wait_until(lambda: "1 waiting" in "".join(programs[0].client().lines("show")), "frame that waits")
         worker.stop()
         assert worker.wait_exit() == 0
     finally:
@@ -271,10 +278,8 @@ def test_an_answer_that_trickles_keeps_no_program_from_ending(tmp_path, start):
     try:
         publisher = start("-site=" + broker.site, kind=Publisher)
         wait_until(lambda: broker.asked > 1, "question")
-        begin = time.monotonic()
         publisher.client().send("shutdown\n")
-        publisher.process.wait(30)
-        assert time.monotonic() - begin < 22
+        publisher.process.wait(20 + 10 * SCALE)  # an answer has 20 s
     finally:
         broker.close()
 
@@ -326,9 +331,7 @@ def test_a_follower_does_not_spin_over_entries_of_somebody_else(broker, start, n
     broker("XADD", f"kestrel:{run}:f:{CARD}", "1-7", "a", "b")
     broker("XADD", "kestrel:runs", "*", "event", "start", "run", run, "cards", CARD, "shapes", "2,1,16,8,2,0", "epoch", 1)
     follower.wait_stdout("# run " + run)
-    before = processor_time(follower.process)
-    time.sleep(1.5)
-    assert processor_time(follower.process) - before < 0.4
+    assert shares_of([follower.process])[0] < 0.27
 
 
 def test_a_socket_whose_name_is_too_long_is_no_site(start, tmp_path):
@@ -440,14 +443,12 @@ def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(emptied
     meta = in_state(broker, run, "sealed")
     assert int(meta["sent"]) + int(meta["lost"]) == int(meta["frames"]) == PLACES and "shapes" in meta
     assert meta["lost"] == "0" or emptied  # what only one of them had told is gone for the other
-    assert meta["epoch"] == ("2" if emptied else "1")
+    assert meta["epoch"] in ({"2", "3"} if emptied else {"1"})  # each may tell of what is gone
     for _, fields in broker.entries(f"kestrel:{run}:f:{CARD}"):
         assert broker("STRLEN", fields["key"]) == CHANS * BINS * 4
     told = ", 0 waiting" if emptied else f"{PLACES} sent, 0 lost, 0 waiting"
     wait_until(lambda: all(told in "".join(p.client().lines("show")) for p in both), "account")
-    before = [processor_time(p.process) for p in both]
-    time.sleep(1.5)
-    assert all(processor_time(p.process) - b < 0.3 for p, b in zip(both, before))
+    assert max(shares_of([p.process for p in both])) < 0.2
 
 
 def is_whole(broker, run, gone=0):
@@ -543,8 +544,8 @@ def test_a_publisher_that_ends_says_what_it_has_first(frozen, broker, start, cli
         time.sleep(0.2)
         if not frozen:
             broker.process.send_signal(signal.SIGCONT)
-        publisher.process.wait(10)
-        assert time.monotonic() - begin < 5
+        publisher.process.wait(10 * SCALE)
+        assert time.monotonic() - begin < 5 * SCALE
         broker.process.send_signal(signal.SIGCONT)
         assert ("not told of" in publisher.stdout) == frozen
         assert frozen or broker.meta(run)["sent"] == str(many)
@@ -620,14 +621,16 @@ def nobody_says_what_there_is(between, broker):
 
 
 def memory_ends_before_exec(between, broker):
+    own = Connection(broker.socket)  # the test's has another thread
+
     def refused(words):
         if words[0] != b"EXEC":
             return None
-        broker("CONFIG", "SET", "maxmemory", "1")
+        own("CONFIG", "SET", "maxmemory", "1")
         try:
             return between._coded(between._done(words))
         finally:
-            broker("CONFIG", "SET", "maxmemory", "0")
+            own("CONFIG", "SET", "maxmemory", "0")
     return refused
 
 
