@@ -111,9 +111,10 @@ def in_background(fit, *arguments):
 @pytest.mark.parametrize("count", [1, 2, 4])
 def test_workers_give_the_bits_of_threads_here(broker, workers, scan, count):
     workers(count)
-    spectra = noisy(450, 3000, seed=2)
+    rows = many(150)
+    spectra = noisy(3 * rows, 3000, seed=2)
     spectra[::7] = noisy(1, 20, seed=3)  # poor ones
-    fit = scan(spectra.reshape(3, 150, CHANNELS))
+    fit = scan(spectra.reshape(3, rows, CHANNELS))
     for words in "x fe55", "x width 14.0 peak0 5.895 peak1 6.49 no-lor", "x fe55 by-top-sum":
         here = fit(words)
         assert fit(words, broker.site) == here, words

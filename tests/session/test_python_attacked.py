@@ -13,7 +13,7 @@ import time
 import numpy
 import pytest
 
-from kestrel_session import SCALE, wait_until
+from kestrel_session import SCALE, WAIT, wait_until
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python" / "src"))
 import kestrel
@@ -24,10 +24,29 @@ from kestrel._sockets import readable
 TREE = b'* "SIZE 0"\r\n* "DONE"\r\n* 0\r\n'
 
 
+@pytest.fixture(autouse=True)
+def patience(monkeypatch):
+    """With a slow server the client is as patient as the tests are, and asks as often."""
+    monkeypatch.setattr(kestrel._control, "PATIENCE", kestrel._control.PATIENCE * SCALE)
+    monkeypatch.setattr(kestrel._control, "STOPS", int(kestrel._control.STOPS * SCALE))
+
+
 @pytest.fixture
 def k(server):
     with kestrel.connect("127.0.0.1", server.port) as connection:
         yield connection
+
+
+@pytest.fixture
+def filled(k, names):
+    """filled(x, y, t) -> (name, elements) of a module: reading it calculates nothing, which no interrupt might reach."""
+    def make(*size):
+        name = names("filled")
+        k.module.create(name, *size[:2], header=True, float=True, num_t=size[2])
+        data = kestrel.module(name, writable=True).data
+        data[:] = numpy.arange(data.size).reshape(data.shape)
+        return name, data
+    return make
 
 
 @pytest.fixture
@@ -78,9 +97,10 @@ def test_an_interrupt_between_any_two_steps_leaves_the_session_usable(k, alarm):
     assert caught == 100
 
 
-def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
-    handle = k.test.open(2048, 256, 4, float=True)
-    want = k.read(handle)
+def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm, filled):
+    name, want = filled(2048, 256, 4)
+    handle = k.module.open(name, header=True)
+    assert (k.read(handle) == want).all()
     for i in range(20):
         try:
             alarm(0.001 + 0.002 * i)
@@ -91,12 +111,9 @@ def test_an_interrupted_box_is_not_taken_for_the_next(k, alarm):
         assert (k.read(handle, (1, 2, 3, 5, 4, 1))[0] == want[3, 2:6, 1:6]).all()
 
 
-def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k, alarm, names):
-    # More than the kernel keeps for who does not read, and nothing to calculate, which no interrupt might reach.
-    k.module.create(names("large"), 2048, 2048, header=True, float=True, num_t=4)
-    want = kestrel.module(names("large"), writable=True).data
-    want[:] = numpy.arange(want.size).reshape(want.shape)
-    handle = k.module.open(names("large"), header=True)
+def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k, alarm, filled):
+    name, want = filled(2048, 2048, 4)  # more than the kernel keeps for who does not read
+    handle = k.module.open(name, header=True)
     assert (k.read(handle) == want).all()
     server.write("busy.cmd", ["do", "while 1"])
     server.client().send("~busy\n")  # until ^C at the terminal no other session's line begins
@@ -108,11 +125,13 @@ def test_a_box_whose_line_the_server_had_not_begun_is_interrupted_too(server, k,
     assert (k.read(handle) == want).all()
 
 
-def test_a_task_that_is_cancelled_at_any_time_leaves_the_session_usable(server):
+def test_a_task_that_is_cancelled_at_any_time_leaves_the_session_usable(server, filled):
+    name, want = filled(1024, 256, 4)
+
     async def main():
-        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
-            handle = await far.test.open(1024, 256, 4, float=True)
-            want = await far.read(handle)
+        async with await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT) as far:
+            handle = await far.module.open(name, header=True)
+            assert (await far.read(handle) == want).all()
 
             async def work():
                 while True:
@@ -159,7 +178,7 @@ def test_bytes_of_others_are_in_no_box(server, k):
         assert (k.read(handle) == want).all() and want.any()
 
     async def main():
-        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+        async with await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT) as far:
             own = await far.test.open(20, 10, 2, float=True)
             await far.read(own)
             with intrude(far):
@@ -186,7 +205,7 @@ def test_a_connection_that_is_closed_by_another_thread_or_task_does_not_wait_on(
     assert told and not thread.is_alive() and repr(k) == "<kestrel connection closed>"
 
     async def main():
-        far = await kestrel.aio.connect("127.0.0.1", server.port)
+        far = await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT)
         task = asyncio.ensure_future(far.sleep(4.0))
         await asyncio.sleep(0.2)
         far.disconnect()
@@ -213,7 +232,7 @@ def test_a_progress_that_raises_ends_its_command_only(server, k, names):
     assert [k.eval.int(n) for n in range(3)] == [0, 1, 2]
 
     async def main():
-        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+        async with await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT) as far:
             far.on_progress = fail
             with pytest.raises(RuntimeError, match="Outputing Data"):
                 await far.command(line.format(await far.test.open(200, 3000, 1, float=True), names("far")))

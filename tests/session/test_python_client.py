@@ -14,13 +14,20 @@ import time
 import numpy
 import pytest
 
-from kestrel_session import SCALE, wait_until
+from kestrel_session import SCALE, WAIT, wait_until
 
 PYTHON = pathlib.Path(__file__).resolve().parents[2] / "python"
 sys.path.insert(0, str(PYTHON / "src"))
 import kestrel
 import kestrel.aio
 from kestrel._reply import ReplyReader, parse_result
+
+
+@pytest.fixture(autouse=True)
+def patience(monkeypatch):
+    """With a slow server the client is as patient as the tests are, and asks as often."""
+    monkeypatch.setattr(kestrel._control, "PATIENCE", kestrel._control.PATIENCE * SCALE)
+    monkeypatch.setattr(kestrel._control, "STOPS", int(kestrel._control.STOPS * SCALE))
 
 
 @pytest.fixture
@@ -245,7 +252,7 @@ def test_threads_share_a_connection_and_tasks_too(server, k):
     assert wrong == []
 
     async def many():
-        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+        async with await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT) as far:
             assert await asyncio.gather(*(far.eval.int(n) for n in range(100))) == list(range(100))
             handle = await far.test.open(5, 3, 2, float=True)
             box = await far.read(handle)
@@ -295,7 +302,7 @@ except KeyboardInterrupt:
 
 def test_a_cancelled_task_stops_its_command_too(server):
     async def main():
-        async with await kestrel.aio.connect("127.0.0.1", server.port) as far:
+        async with await kestrel.aio.connect("127.0.0.1", server.port, timeout=WAIT) as far:
             with pytest.raises(asyncio.TimeoutError):
                 await asyncio.wait_for(far.sleep(60.0), 0.3)
             assert await far.eval.int(5) == 5
