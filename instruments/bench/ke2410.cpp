@@ -22,16 +22,16 @@ void say_no_answer(const turn &t, const answer &got) {
         say(t.who(), "! ERROR: Read stopped with ^C, Hope this is OK\n");
 }
 
-// The answer, through one ^C.
-answer hear_through_interrupt(turn &t) {
+// The answer, through one ^C beyond the first `seen`: a second one may come before the first is told of.
+answer hear_through_interrupt(turn &t, int seen) {
     const auto begun = std::chrono::steady_clock::now();
-    answer got = t.hear(patience_ms, t.interrupts());
+    answer got = t.hear(patience_ms, seen);
     if (got.status != answer_status::interrupted || t.who().stop >= 0)
         return got;
     say(t.who(), "# Ke2410 read interrupted with ^C, retrying read ^c again to stop\n");
     const auto gone = std::chrono::steady_clock::now() - begun;
     const auto left = patience_ms - std::chrono::duration_cast<std::chrono::milliseconds>(gone).count();
-    return t.hear(static_cast<int>(std::max<long long>(left, 0)), t.interrupts());
+    return t.hear(static_cast<int>(std::max<long long>(left, 0)), seen + 1);
 }
 
 } // namespace
@@ -50,9 +50,10 @@ bool ke2410_tell(turn &t, const std::string &command) {
 }
 
 std::optional<std::string> ke2410_ask(turn &t, const std::string &command) {
+    const int seen = t.interrupts();
     if (!ke2410_tell(t, command))
         return std::nullopt;
-    answer got = hear_through_interrupt(t);
+    answer got = hear_through_interrupt(t, seen);
     if (!got.ok()) {
         say_no_answer(t, got);
         return std::nullopt;

@@ -46,9 +46,10 @@ void log_loop(logger &l) {
         else
             who.quiet = !is_stopped(who.stop);
     } while (l.connection.open && sleep_unless_stopped(who.stop, l.wishes.period));
-    if (!l.connection.open && !is_stopped(who.stop))
+    const bool alone = !l.connection.open && !is_stopped(who.stop);
+    l.running = false; // before who reads the note starts it again
+    if (alone)
         sv_printf(-1, "# Note %s logger ends with its connection\n", l.name);
-    l.running = false;
 }
 
 bool make_pipe(logger &l) {
