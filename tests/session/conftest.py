@@ -124,4 +124,5 @@ def still(server, client):
     yield
     kestrel_data.do(client, "close-all")
     assert client.lines("1+1") == ["* 2"]
-    kestrel_session.wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 12)  # a large module is kept 5 to 10 s
+    # A large module is kept 5 to 10 s.
+    kestrel_session.wait_until(lambda: kestrel_data.held(server) == before, f"return to {before}", 10 + kestrel_session.WAIT)

@@ -72,8 +72,8 @@ def test_the_limit_is_that_of_the_channel(client, supply):
 
 def test_a_ramp_is_waited_for_and_shown(client, supply):
     client.cmd("iseg set-limit 1 100")
-    reply = client.lines("iseg set 1 8")
-    assert reply[-2:] == ["# Status= 'S1=ON ' V=8", "* 0"] and reply[0].startswith("# Status= 'S1=L2H' V=")
+    reply = client.lines("iseg set 1 25")
+    assert reply[-2:] == ["# Status= 'S1=ON ' V=25", "* 0"] and reply[0].startswith("# Status= 'S1=L2H' V=")
     client.cmd("iseg set 1 2 no-wait")
     assert client.lines("iseg wait 1 quiet") == ['* "ON"']
     assert client.lines("iseg get 1") == ["* 2"]

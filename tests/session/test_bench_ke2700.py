@@ -1,8 +1,8 @@
 """The multimeter and the bench supply: each command's bytes, what is refused, what comes out of readings."""
 import math
-import time
 
 import pytest
+from kestrel_session import wait_until
 
 FUNCTIONS = {"dc": "VOLT:DC", "ac": "VOLT:AC"}
 
@@ -13,7 +13,6 @@ class Meter:
         self.peer = script(lambda line: self.reading if line == b"READ?" else b"yes\n" if b"?" in line else b"")
 
     def sent(self):
-        time.sleep(0.05)  # commands without an answer are still on their way
         return [line.decode().removesuffix("\n") for line in self.peer.take()]
 
 
@@ -168,7 +167,7 @@ def test_the_bench_supply(client, play):
         assert client.lines("ke2700 tti-set " + line) == [error, "* -1"]
     for line in "4.6", "2.5 channel 2", "0.0 channel 1":
         assert client.lines("ke2700 tti-set " + line) == ["* 0"]
-    time.sleep(0.1)
+    wait_until(lambda: len(bench.heard("tti")) >= 4, "commands at the supply")
     assert bench.seen("tti") == ["ovp1 4.8;ovp2 4.8;i1 0.05;i2 0.05;ocp1 0.1;ocp2 0.1;opall 1\\r",
                                  "v1 4.600000\\r", "v2 2.500000\\r", "v1 0.000000\\r"]
     bench.do("wire vanish 'tti'")

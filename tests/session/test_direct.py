@@ -5,7 +5,7 @@ import subprocess
 import time
 
 import pytest
-from kestrel_session import KESTREL, Process, Terminal, wait_until
+from kestrel_session import KESTREL, Process, Terminal, living_members, wait_until
 
 BANNER = ("-" * 70 + "\n", "Directly connected to the terminal.\n",
           "Use ^C to quit scripts, wait etc, ^\\ to really quit the server\n")
@@ -125,14 +125,15 @@ def test_control_c_ends_a_script_not_the_server(terminal):
 
 def test_a_command_of_the_system_has_the_terminal(terminal):
     started = terminal.cwd / "started"
-    terminal.write("s.cmd", ["system 'echo > started; sleep 600; sleep 600'", "echo 'never'"])
+    terminal.write("s.cmd", ["system 'echo $$ > started; sleep 600; sleep 600'", "echo 'never'"])
     terminal.send("~s\n")
-    wait_until(started.exists, "start of the command")
-    time.sleep(0.3)  # a shell that is interrupted just before its child exists waits for that child
+    wait_until(lambda: started.exists() and started.read_text().endswith("\n"), "start of the command")
+    # A shell that is interrupted just before its child exists waits for that child.
+    wait_until(lambda: "sleep" in living_members(int(started.read_text())), "child of the command")
     terminal.send("\x03")
     terminal.recv_match(rb"! Include file aborted with \^C\r+\n")
     terminal.send("system 'read x < /dev/tty; echo got $x'\n")
-    time.sleep(0.2)
+    wait_until(lambda: os.tcgetpgrp(terminal.master) != os.getpgid(terminal.process.pid), "loan of the terminal")
     terminal.send("this\n")
     terminal.recv_match(rb"# got this\r+\n")
     terminal.write("s.cmd", ["s='0123456789abcdef'", "for 'i' 1 14", "s=%s+%s", "next", "system %s"])
@@ -164,8 +165,7 @@ def test_a_signal_at_the_prompt_ends_the_server_alone(start, tmp_path):
     assert terminal.wait_exit() == -signal.SIGTERM
     terminal.process.returncode = 0  # as wanted: no crash
     time.sleep(0.05)
-    with open(f"/proc/{other}/stat", encoding="ascii") as stat:
-        assert stat.read().split()[2] == "S"
+    assert living_members(os.getpgid(other))
     os.kill(other, signal.SIGKILL)
 
 

@@ -79,8 +79,12 @@ def test_many_lines_sent_at_once_are_answered_in_order(shared):
 
 
 def test_sessions_take_turns_line_by_line(server):
-    many, one = server.client(), server.client()
-    many.send("sleep 0.02\n" * 100)
-    assert one.cmd("7", seconds=1) == b"* 7\r\n"  # does not wait for all hundred
+    first, many, one = server.client(), server.client(), server.client()
+    first.send("system 'until test -e go; do sleep 0.01; done'\n")
+    server.wait_until_busy()
+    many.send("sleep 0.02\n" * 99 + "system 'touch last'\n")
+    one.send("system 'test -e last'\n")
+    server.write("go", "")
+    assert one.recv_prompt() == b"* 1\r\n"  # does not wait for all hundred
     for _ in range(100):
         assert many.recv_prompt() == b"* 0\r\n"

@@ -34,8 +34,14 @@ def test_a_session_takes_the_lowest_free_slot_and_says_so(server):
 
 
 def test_a_silent_peer_is_probed_after_a_minute(server):
-    timer, jiffies = far_end(server.client().sock)[5].split(":")  # the server's end: 02 is the wait for the next probe
-    assert timer == "02" and 0 < int(jiffies, 16) <= 60 * os.sysconf("SC_CLK_TCK")
+    client = server.client()
+
+    def until_probe():
+        """What is left until then, once the prompt is acknowledged: the timer of the server's end is of kind 02 then."""
+        kind, jiffies = far_end(client.sock)[5].split(":")
+        return kind == "02" and int(jiffies, 16)
+
+    assert 0 < wait_until(until_probe, "wait for the next probe") <= 60 * os.sysconf("SC_CLK_TCK")
 
 
 def test_status_lists_every_slot(server):

@@ -69,8 +69,20 @@ def far_end(sock):
 
 
 def wait_until_taken(sock):
-    """Waits until the other end has read all that was sent."""
-    wait_until(lambda: far_end(sock)[4].endswith(":00000000"), "reading of what was sent")
+    """Waits until the other end has read all that was sent: first until it is there."""
+    unsent = lambda: struct.unpack("i", fcntl.ioctl(sock, termios.TIOCOUTQ, bytes(4)))[0]
+    wait_until(lambda: not unsent() and far_end(sock)[4].endswith(":00000000"), "reading of what was sent")
+
+
+def living_members(group):
+    """The names of a process group's programs, without those that have ended and that nobody has asked for."""
+    names = []
+    for stat in pathlib.Path("/proc").glob("[0-9]*/stat"):
+        with contextlib.suppress(OSError):
+            name, _, rest = stat.read_text().partition(" (")[2].rpartition(") ")
+            state, _, its_group = rest.split()[:3]
+            names += [name] if int(its_group) == group and state not in "ZX" else []
+    return names
 
 
 class Process:
@@ -125,7 +137,16 @@ class Process:
         return wait_until(look, f"{pattern!r} on standard output")
 
     def interrupt(self):
+        """^C. It has been counted when this returns: two of them are two."""
         self.process.send_signal(signal.SIGINT)
+        wait_until(lambda: not self._interrupt_waits(), "notice of the interrupt")
+
+    def _interrupt_waits(self):
+        sets = []
+        with contextlib.suppress(OSError):  # it may end by it
+            for status in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/status"):
+                sets += re.findall(r"^(?:SigPnd|ShdPnd):\s*(\w+)$", status.read_text(), re.MULTILINE)
+        return any(int(pending, 16) & 1 << signal.SIGINT - 1 for pending in sets)
 
     def wait_exit(self):
         """Waits for the end and returns the exit status."""
@@ -178,6 +199,12 @@ class Server(Process):
         """A new session, past its first prompt."""
         self.clients.append((kind or Client)(self.port, **how))
         return self.clients[-1]
+
+    def wait_until_busy(self):
+        """Waits until a session's line runs: from then on an interrupt is meant for it."""
+        status = [pathlib.Path(KESTREL).parent / "kestrelctl", f"-port={self.port}", "status"]
+        wait_until(lambda: b"\nrunning session " in subprocess.run(status, capture_output=True, check=False).stdout,
+                   "running line")
 
     def stop(self):
         for client in self.clients:
@@ -345,7 +372,8 @@ class Telnet(Client):
             if shown[max(first, 0):] == rows and cursor in (None, place) and self.screen.bells >= bells:
                 assert not bells or self.screen.bells == bells
                 return
-            assert time.monotonic() < end and select.select([self], [], [], 2 * SCALE)[0], (
+            left = end - time.monotonic()
+            assert left > 0 and select.select([self], [], [], left)[0], (
                 f"wanted {rows}, the cursor at {cursor}, {bells} bells; it is at {place} of\n{self.screen}")
             assert self._read(), f"closed at\n{self.screen}"
 
