@@ -1,11 +1,13 @@
 """Things that go wrong with data: each gives its line, leaves nothing behind, and the next command works."""
 import errno
+import fcntl
 import os
 import signal
 import socket
 import stat
 import struct
 import subprocess
+import termios
 import threading
 import time
 
@@ -14,7 +16,12 @@ import kestrel_session
 import numpy as np
 import pytest
 from kestrel_data import DataPort, do, refused, result
-from kestrel_session import wait_until
+from kestrel_session import far_end, wait_until
+
+
+def unread(end):
+    """The bytes that have come to a pipe or a socket."""
+    return struct.unpack("i", fcntl.ioctl(end, termios.FIONREAD, bytes(4)))[0]
 
 
 def test_a_full_disk(server, client, small_disk, still):
@@ -170,7 +177,7 @@ def test_a_module_that_is_cut_while_a_command_uses_it(server, client, names, sti
     cut = 0
     try:
         end = time.monotonic() + 4 * kestrel_session.SCALE
-        while time.monotonic() < end:
+        while time.monotonic() < end or not cut and time.monotonic() < end + 3 * kestrel_session.WAIT:
             handle, _ = result(client, f"module open '{n}' header")
             for line in lines:
                 reply = client.lines(line_for(line, max(handle, 0)))
@@ -298,6 +305,7 @@ def test_a_pipe_that_nobody_empties_is_left_by_an_interrupt(server, client, stil
     end = os.open(server.cwd / "pipe", os.O_RDONLY | os.O_NONBLOCK)
     client.send(f"read 0 0 0 1000 1000 1 from {handle} raw to-local-file 'pipe'\n")
     client.recv_until("# Calling Write\r\n")
+    wait_until(lambda: unread(end), "some of the data")  # the first block, which the pipe does not hold
     client.expect_silence()
     server.interrupt()
     client.recv_until("! Cannot write file 'pipe': Interrupted system call\r\n! Error during write\r\n* -1\r\n> ")
@@ -335,9 +343,15 @@ def test_a_client_that_takes_no_data_is_left_by_an_interrupt(server, client, sti
     handle = do(client, "test open 4000 1000 1 double")
     port = DataPort(client)
     client.send(f"read 0 0 0 4000 1000 1 from {handle} raw\n")
-    with port.listener.accept()[0]:
+    with port.listener.accept()[0] as connection:
         client.recv_until("# Calling Write\r\n")
-        client.expect_silence()
+
+        def stands_still():
+            filled = unread(connection), far_end(connection)[4]
+            client.expect_silence()
+            return filled[0] > 0 and filled == (unread(connection), far_end(connection)[4])
+
+        wait_until(stands_still, "connection that is full")
         server.interrupt()
         client.recv_until("! Cannot send data: Interrupted system call\r\n! Error during write\r\n* -1\r\n> ")
     port.close()
@@ -393,8 +407,8 @@ def test_a_module_that_a_failing_read_made_goes_again(server, client, names, sti
     do(client, f"module create '{source}' 100 100 header")
     cut = do(client, f"module open '{source}' header")
     os.truncate("/dev/shm/" + source, 400)
-    egg = do(client, "test open 2000 2000 1 long egg")
-    read = f"read 0 0 0 2000 2000 1 from {egg} to-module '{n}' {words}"
+    egg = do(client, "test open 2000 2000 6 long egg")  # a second or more, which an interrupt comes into
+    read = f"read 0 0 0 2000 2000 6 from {egg} to-module '{n}' {words}"
 
     def fail_both():
         assert refused(client, f"read 0 0 0 100 100 1 from {cut} to-module '{n}' {words}")[-1] == "! Error during read"

@@ -205,7 +205,7 @@ def test_an_interrupt_ends_the_job_and_leaves_nothing(server, client, broker, wo
         begin = time.monotonic()
         server.interrupt()
         value, lines, _ = there()
-        assert value == -1 and lines[-1] == "! Fitting terminated by ^C" and time.monotonic() - begin < 2 * SCALE
+        assert value == -1 and lines[-1] == "! Fitting terminated by ^C" and time.monotonic() - begin < 5 * SCALE
         wait_until(lambda: broker("XLEN", broker.fit_stream()) == 0, "block left by the workers")
         nothing_is_left(broker)
     assert client.cmd("7") == b"* 7\r\n"

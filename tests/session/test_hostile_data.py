@@ -71,6 +71,7 @@ def test_an_index_that_somebody_keeps_locked(server, client):
                           stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
         holder.stdout.readline()
         client.send(f"file get-next-index '{folder}'\n")
+        server.wait_until_busy()
         client.expect_silence()
         server.interrupt()
         assert client.recv_prompt().decode().splitlines()[-1] == "* -1"
@@ -116,6 +117,7 @@ def test_images_that_the_library_does_not_survive(server, client, names, still):
         assert refused(client, "file open 'large.h5' tessera") == [
             "! ERROR: file 'large.h5': needs more than 2048 MB of memory to be read"]
     client.send("file open 'endless.h5' tessera\n")
+    server.wait_until_busy()
     client.expect_silence()
     server.interrupt()
     assert client.recv_prompt().decode().splitlines()[-2:] == [

@@ -8,6 +8,7 @@ import kestrel_data
 import numpy as np
 import pytest
 from kestrel_data import Module, do, refused, result
+from kestrel_session import WAIT
 
 
 def test_created_modules_are_what_viewers_map(client, names):
@@ -178,7 +179,9 @@ def watch(path, mapped, stop, results):
     data = np.memmap(path, dtype="u4", mode="r", offset=360)
     mapped.set()
     strange, seen = 0, set()
-    while not stop.is_set():
+    last = False
+    while not last:
+        last = stop.is_set()  # at least one look at what was written
         values = set(np.array(data).tolist())
         strange += len(values - {0, 0x01010101, 0xFFFFFFFF})
         seen |= values
@@ -195,13 +198,13 @@ def test_another_process_sees_what_the_server_writes(client, names):
     mapped, stop, results = context.Event(), context.Event(), context.Queue()
     viewer = context.Process(target=watch, args=("/dev/shm/" + n, mapped, stop, results))
     viewer.start()
-    assert mapped.wait(20)
+    assert mapped.wait(WAIT)
     for _ in range(50):
         do(client, f"module copy '{names('ones')}' '{n}' quiet")
         do(client, f"module set-point '{n}' 63 63 4294967295.0")
     stop.set()
-    strange, seen = results.get(timeout=20)
-    viewer.join(20)
+    strange, seen = results.get(timeout=WAIT)
+    viewer.join(WAIT)
     assert strange == 0 and 0x01010101 in seen
     assert Module(n).data[63, 63] == 0xFFFFFFFF
 

@@ -286,12 +286,11 @@ def test_an_interrupt_ends_a_running_solver(server, client, names, make):
     wide = sum(gauss(x, 20000 + 4000 * i, 1e7 / (i + 1), 1500) for i in range(8))
     name = make(10 * np.random.default_rng(1).poisson(wide, (1, x.size)), "double")  # no pass comes down to the noise
     peaks = " ".join(f"peak{i} {20.0 + 4 * i}" for i in range(8))
-    server.write("fit.cmd", ["echo 'go'", f"peak-fit module '{name}' '{names('r')}' 0 0 {peaks}"])
-    client.send("~fit\n")
-    client.recv_until("go\r\n")
+    client.send(f"peak-fit module '{name}' '{names('r')}' 0 0 {peaks}\n")
+    server.wait_until_busy()
     time.sleep(0.3)
     begin = time.monotonic()
     server.interrupt()
     assert b"! Fitting terminated by ^C\r\n" in client.recv_prompt()
-    assert time.monotonic() - begin < 2 * SCALE
+    assert time.monotonic() - begin < 5 * SCALE
     assert (fitted(names("r"))["posn[0]"] == -1).all()

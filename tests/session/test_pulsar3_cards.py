@@ -6,7 +6,7 @@ import time
 
 import pytest
 from kestrel_data import do, held, result
-from kestrel_session import wait_until
+from kestrel_session import SCALE, wait_until
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "sim"))
@@ -57,6 +57,7 @@ def test_every_card_gets_its_own(server, client, play, kind):
     assert do(client, f"pulsar3 config 3 4 0 baseIP '{sim.net}1'") == 0
     assert [sim.do(f"card count {card} transactions") for card in range(3)] == before
     links = 2 if "mini" in kind else 1  # a mini model's readout
+    wait_until(lambda: [sim.do(f"card count {card} connections") for card in range(3)] == [links] * 3, "links")
     assert [sim.do(f"card count {card} connections") for card in range(3)] == [links] * 3
     do(client, "pulsar3 close 0")
     assert held(server) == warm
@@ -193,11 +194,11 @@ def test_an_interrupt_ends_a_configuration_between_cards(server, client, play):
     warm = held(server)
     sim.do("control fault 1 drop times -1")
     client.send(f"pulsar3 config 3 4 0 baseIP '{sim.net}1'\n")
-    time.sleep(0.5)
+    wait_until(lambda: sim.do("card count 1 connections"), "link to the silent card")
     begun = time.monotonic()
     server.interrupt()
     client.recv_match(rb"! ERROR [^\n]*\r?\n\* -\d\r?\n")
-    assert time.monotonic() - begun < 7
+    assert time.monotonic() - begun < 7 + SCALE
     assert held(server) == warm and not list(pathlib.Path("/dev/shm").glob("plr3_*"))
 
 

@@ -1,8 +1,7 @@
 """Low-level commands: the DMA engine, clocks, sensors, links, ADC boards; what these cards have no way to."""
-import time
-
 import pytest
 from kestrel_data import do, result
+from kestrel_session import wait_until
 from saved_cards import INDEX, configure, failed, no_modules_left, play  # noqa: F401 (fixtures)
 
 
@@ -118,9 +117,9 @@ def test_clocks_are_set_up_measured_and_lock_where_their_source_is(client, syste
 
 
 def test_an_interrupt_ends_the_wait_for_a_clock_and_says_so(server, client, system):
-    system("-kind=3v7 -generation=2", 2)
+    sim = system("-kind=3v7 -generation=2", 2)
     client.send("pulsar3 setup-clocks 0 -1 external\n")
-    time.sleep(0.3)
+    wait_until(lambda: sim.do("card peek 0 1 spi") & 3 == 1, "choice of a clock that is not there")
     server.interrupt()
     assert client.recv_prompt() == b"! ERROR plr3_clocks_setup_int: interrupted\r\n* -1\r\n"
 

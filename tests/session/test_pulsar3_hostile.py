@@ -4,12 +4,11 @@ import os
 import socket
 import struct
 import threading
-import time
 
 import numpy
 import pytest
-from kestrel_data import do, held, result
-from kestrel_session import SCALE, WAIT, wait_until, wait_until_taken
+from kestrel_data import do, held, result, threads
+from kestrel_session import WAIT, wait_until, wait_until_taken
 from test_pulsar3_cards import play  # noqa: F401 (a fixture)
 from test_pulsar3_counting import BINS, CHANS, FRAMES, configured, count, histograms, losses, module, sent, table
 from test_pulsar3_dummy import fails, no_modules_left  # noqa: F401 (a fixture)
@@ -102,7 +101,7 @@ def test_a_format_may_change_once_a_run_has_ended_by_itself(client, play):
     configured(client, play)
     do(client, "pulsar3 setup-timing 0 internal time 0.01 frames 2")
     do(client, "pulsar3 hist start 0")
-    time.sleep(0.05)
+    assert do(client, "pulsar3 check-progress 0 num-t 2") == 2
     assert do(client, "pulsar3 format-run 0 -1 nbits-eng 10") == 0
 
 
@@ -150,7 +149,7 @@ def test_a_viewer_of_progress_who_leaves_does_not_stop_the_others(server, client
     other.recv_until("card 0")
     other.close()
     server.clients.pop()
-    assert client.lines("1+1", 5 * SCALE) == ["* 2"]
+    assert client.lines("1+1") == ["* 2"]
 
 
 def test_a_collection_that_was_interrupted_is_accounted_for(server, client, play):
@@ -166,13 +165,13 @@ def test_a_collection_that_was_interrupted_is_accounted_for(server, client, play
 @pytest.mark.parametrize("size", [0, 100, 40000])
 def test_a_module_that_was_cut_short_ends_no_thread(server, client, play, name, size):
     sim = configured(client, play)
-    threads = len(os.listdir(f"/proc/{server.process.pid}/task"))
+    before = threads(server)
     do(client, "pulsar3 setup-timing 0 internal time 0.1 frames 0")
     do(client, "pulsar3 hist start 0")
     wait_until(lambda: table(client)[0][1] >= 1, "frames")
     os.truncate("/dev/shm/" + name, min(size, os.path.getsize("/dev/shm/" + name)))
     wait_until(lambda: client.lines("pulsar3 hist loss 0") and table(client)[1][1] >= 12, "further frames")
-    assert len(os.listdir(f"/proc/{server.process.pid}/task")) == threads
+    assert threads(server) == before
     client.lines("pulsar3 hist stop 0")
     client.lines("pulsar3 close 0")
     # What was left of it is nobody's.
@@ -185,7 +184,7 @@ def test_a_module_that_was_cut_short_ends_no_thread(server, client, play, name, 
 def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client, readout):
     assert do(client, f"pulsar3 config 1 {FRAMES} 0 baseIP '{readout.net}1' send-hist-frames send-scalars") == 0
     readout.accept()
-    before, threads = held(server), len(os.listdir(f"/proc/{server.process.pid}/task"))
+    before = held(server), threads(server)
     frame = bytes(4 * BINS)
     for kind, chan, payload, size in ((4, 0, b"", None), (2, 2, frame, None), (2, 0xFFFFFFFF, frame, None), (3, 0, b"", None),
                                       (2, 0, frame[4:], None), (2, 0, b"", 0xFFFFFFFF), (1, 0, bytes(72), None),
@@ -194,7 +193,7 @@ def test_a_readout_that_lies_costs_a_connection_and_nothing_else(server, client,
         wait_until(lambda: any("is not the expected one" in line for line in client.lines("sleep 0.01")), "its refusal")
         assert do(client, "pulsar3 hist start 0") == 0
         readout.accept()
-        assert (held(server), len(os.listdir(f"/proc/{server.process.pid}/task"))) == (before, threads)
+        assert (held(server), threads(server)) == before
     for number in (0, 0x7FFFFFFF, 0xFFFFFFFE, 5, 0x80000000):  # numbers that jump are counted, and nothing is written
         readout.send(2, 1, number, frame)
         readout.send(1, 0xFFFFFFFF, number, bytes(72))

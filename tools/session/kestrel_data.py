@@ -1,4 +1,5 @@
 """Independent eyes on the server's data: modules mapped with numpy, a listening data port, counts of what is open."""
+import contextlib
 import glob
 import os
 import re
@@ -112,6 +113,15 @@ def refused(client, line):
     value, lines = result(client, line)
     assert value == -1, (line, lines)
     return [text for text in lines if text.startswith("!")]
+
+
+def threads(server):
+    """How many threads the server has, without those that are ending: who joins one may see it for a moment more."""
+    ending, count = 0x4, 0
+    for task in glob.glob(f"/proc/{server.process.pid}/task/*/stat"):
+        with contextlib.suppress(OSError), open(task) as stat:
+            count += not int(stat.read().rpartition(") ")[2].split()[6]) & ending
+    return count
 
 
 def held(server):
