@@ -175,7 +175,7 @@ milliseconds since(steady_clock::time_point begin) {
 
 void expect_time_out(steady_clock::time_point begin) {
     EXPECT_GE(since(begin), milliseconds(4900));
-    EXPECT_LE(since(begin), milliseconds(6500));
+    EXPECT_LE(since(begin), milliseconds(9900)); // twice would be 10 s
 }
 
 void expect_the_sending_to_time_out() {
@@ -420,7 +420,7 @@ TEST(wire_faults, an_interrupt_ends_the_wait_for_a_connection) {
     plr3_interrupt_hook = [] { return true; };
     const auto begin = steady_clock::now();
     EXPECT_FALSE(pulsar3FemInitialise("127.0.0.1", port.port(), port.port()));
-    EXPECT_LT(since(begin), milliseconds(1000));
+    EXPECT_LT(since(begin), milliseconds(4900));
     EXPECT_STREQ(plr3_get_error_message(), "pulsar3FemInitialise: Interrupted");
     plr3_interrupt_hook = nullptr;
 }

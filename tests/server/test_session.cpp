@@ -170,7 +170,7 @@ TEST_F(session, of_a_peer_that_reads_nothing_breaks_and_takes_no_more) {
     sv_print(cn, much); // longer than the socket's buffers
     const auto waited = std::chrono::steady_clock::now() - start;
     EXPECT_GE(waited, std::chrono::milliseconds(100));
-    EXPECT_LT(waited, std::chrono::seconds(5));
+    EXPECT_LT(waited, std::chrono::seconds(20));
     EXPECT_TRUE(outbox_look(cn).broken);
     EXPECT_EQ(sv_printf(cn, "more"), 4); // the caller need not know
     EXPECT_EQ(sv_writeln(cn, "more", 4), -1);
@@ -178,7 +178,6 @@ TEST_F(session, of_a_peer_that_reads_nothing_breaks_and_takes_no_more) {
 }
 
 TEST_F(session, of_a_slow_peer_gets_everything_in_order) {
-    sv_patience = std::chrono::milliseconds(500);
     std::string sent;
     for (int i = 0; i < 200'000; ++i)
         sent += std::to_string(i) + ' ';
@@ -186,7 +185,7 @@ TEST_F(session, of_a_slow_peer_gets_everything_in_order) {
     std::thread reader([&] {
         while (text.size() < sent.size()) {
             pollfd p{peer_.get(), POLLIN, 0};
-            if (::poll(&p, 1, 5000) <= 0)
+            if (::poll(&p, 1, 20'000) <= 0)
                 return;
             char block[3000];
             text.append(block, static_cast<std::size_t>(::recv(peer_.get(), block, sizeof block, 0)));

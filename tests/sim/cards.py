@@ -283,8 +283,13 @@ class Host:
     def packet(self, chan=0):
         return Packet(self.sockets[0 if chan == SCOPE else 1 + chan].recv(9001))
 
-    def packets(self, chan=0):
-        """All that has arrived."""
+    def packets(self, chan=0, count=0):
+        """All that has arrived, so many of them at least."""
+        got = self.arrived(chan)
+        kestrel_session.wait_until(lambda: len(got) >= count or got.extend(self.arrived(chan)), f"{count} packets")
+        return got
+
+    def arrived(self, chan):
         s = self.sockets[0 if chan == SCOPE else 1 + chan]
         got = []
         s.setblocking(False)

@@ -72,7 +72,7 @@ def test_a_multimeter_takes_its_time_for_samples(bench):
     meter.tell("ROUT:CLOS (@109)", "SAMP:COUN 3")
     began = time.monotonic()
     assert meter.ask("READ?") == ",".join(3 * ["+2.50000000E+00"])
-    assert 0.29 < time.monotonic() - began < 3 * SCALE
+    assert 0.29 < time.monotonic() - began < 2 + SCALE
     bench.do("ke2700 input 10 1.0 noise 0.1")
     meter.tell("ROUT:CLOS (@110)", "SAMP:COUN 50")
     values = [float(x) for x in meter.ask("READ?").split(",")]

@@ -90,7 +90,7 @@ def test_a_run_takes_its_time(unit):
     do(unit, "kairo generate 3 10 0.005 0.02 0")
     began = time.monotonic()
     do(unit, "kairo start"), do(unit, "kairo wait")
-    assert 0.75 <= time.monotonic() - began < 0.75 + 0.5 * SCALE
+    assert 0.75 <= time.monotonic() - began < 2 + SCALE
 
 
 def test_who_leaves_waits_no_longer(tmp_path, unit):
