@@ -159,14 +159,14 @@ class Process:
     def close(self):
         """Ends the process, and fails if it crashed or a sanitizer complained."""
         if self.alive():
-            self.stop()
             try:
+                self.stop()
                 self.process.wait(WAIT)
-            except subprocess.TimeoutExpired:
+            except (subprocess.TimeoutExpired, AssertionError, OSError) as why:
                 self.process.kill()
                 self.process.wait()
                 self.check_reports()
-                raise AssertionError("the server did not stop: " + self.stderr) from None
+                raise AssertionError("the server did not stop: " + self.stderr) from why
             assert self.process.returncode == 0, f"ended with {self.process.returncode}: {self.stderr}"
         assert self.process.returncode >= 0, f"killed by signal {-self.process.returncode}: {self.stderr}"
         self.check_reports()
