@@ -131,13 +131,21 @@ bool is_comment(std::string_view line) {
     return line.starts_with('#') || line.starts_with('*');
 }
 
+include_end cannot_read_on(int cn, int error) {
+    sv_printf(cn, "! Cannot read on in the include file, errno=%d\n", error);
+    return include_end::refused;
+}
+
 include_end run_lines(int cn, script_file &file, const include_options &options) {
     scanned_lines kept;
     for (;;) {
         const off_t offset = file.tell();
         std::string_view line; // good until the file's next read, so nothing uses it once the line runs
-        if (!file.read_line(line, sv_line_max)) // the end, or ^C during the read
-            return interrupted(cn, options) ? include_end::interrupted : include_end::finished;
+        if (!file.read_line(line, sv_line_max)) { // the end, or ^C during the read
+            if (interrupted(cn, options))
+                return include_end::interrupted;
+            return file.error() == 0 ? include_end::finished : cannot_read_on(cn, file.error());
+        }
         if (is_comment(line))
             continue;
         const bool go_on = run_line(cn, line, kept.find(cn, offset, line), options);

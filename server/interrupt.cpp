@@ -9,7 +9,8 @@
 
 namespace kestrel {
 
-volatile std::sig_atomic_t sv_quit = 0;
+static_assert(std::atomic<int>::is_always_lock_free); // a signal handler counts in it
+std::atomic<int> sv_quit{0};
 void (*user_quit_handler)(int) = nullptr;
 std::atomic<std::uint64_t> sv_running_line{0};
 
@@ -36,7 +37,7 @@ void quit_handler(int signal) {
         missed.fetch_add(1, std::memory_order_relaxed);
         return;
     }
-    sv_quit = sv_quit + 1;
+    sv_quit.fetch_add(1, std::memory_order_relaxed);
     interrupts.fetch_add(1, std::memory_order_relaxed);
     if (user_quit_handler)
         user_quit_handler(0);

@@ -9,8 +9,8 @@
 
 namespace kestrel {
 
-extern volatile std::sig_atomic_t sv_quit; // interrupts since the line began
-extern void (*user_quit_handler)(int);     // called with 0 from the signal handler
+extern std::atomic<int> sv_quit;       // interrupts since the line began; other threads may look
+extern void (*user_quit_handler)(int); // called with 0 from the signal handler
 void quit_handler(int signal);
 
 // The number of the session's line that runs, 0 for none. Written by the command thread.

@@ -204,7 +204,7 @@ std::size_t service_line_of(int cn, activity_clock::time_point &now) {
     std::memcpy(typed, edit.input, edit.len);
     const std::string_view line(typed, edit.len);
     sv_ln_start(edit);
-    sv_quit = 0;
+    sv_quit.store(0, std::memory_order_relaxed);
     try {
         tell_line(cn, line, now);
         sv_tell_lost_logs(cn); // before the line's own reply, which ends with its result

@@ -47,7 +47,10 @@ bool script_file::read_line(std::string_view &line, std::size_t max) {
                 line.remove_suffix(1);
             return true;
         }
-        if (rest.size() > max || !fill()) {
+        const bool is_long = rest.size() > max;
+        if (is_long || !fill()) {
+            if (!is_long && error_ != 0) // a part of a line is not what somebody meant to run
+                return false;
             line = take(std::min(unread().size(), max), 0);
             return !line.empty();
         }
@@ -121,7 +124,8 @@ bool script_file::fill() {
         n = seekable_ ? ::pread(fd_.get(), block_.data() + have, block_size,
                                 block_start_ + static_cast<off_t>(have))
                       : ::read(fd_.get(), block_.data() + have, block_size);
-    } while (n < 0 && errno == EINTR && sv_quit == 0);
+    } while (n < 0 && errno == EINTR && (seekable_ || sv_quit == 0)); // ^C ends the wait for a pipe only
+    error_ = n < 0 ? errno : 0;
     block_.resize(have + static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
     return n > 0;
 }

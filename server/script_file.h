@@ -15,9 +15,11 @@ class script_file {
     explicit script_file(unique_fd fd);
 
     int fd() const { return fd_.get(); }
+    int error() const { return error_; } // errno of the last read
 
     // Reads up to the next LF, or at most `max` bytes when none comes. The view (without the LF; a CR before
-    // it is dropped) holds until the next call. False at the end of the file or on a read error.
+    // it is dropped) holds until the next call. False at the end of the file, and on a read error or a ^C in the
+    // middle of a line.
     bool read_line(std::string_view &line, std::size_t max);
 
     // Reads a line for a command, cut to `max` characters: CR, LF, CR LF or LF CR ends it, NUL is ignored. False
@@ -51,6 +53,7 @@ class script_file {
     long long looked_ = 0;  // the tick at which the file's state was last asked for
     bool fresh_ = false;    // written so shortly before it was read that a change might not show
     bool seekable_ = false; // a pipe is read once, in order
+    int error_ = 0;         // errno of the last read: the file goes on where it failed, or was interrupted
     unsigned long generation_ = 0;
 };
 

@@ -106,7 +106,7 @@ bool turn::take(std::unique_lock<std::mutex> &lock) {
 }
 
 int turn::interrupts() const {
-    return who_.stop < 0 ? sv_quit : 0;
+    return who_.stop < 0 ? sv_quit.load() : 0;
 }
 
 turn::event turn::wait(short events, steady::time_point end, int seen) const {

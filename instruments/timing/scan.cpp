@@ -88,11 +88,10 @@ int run_scan(int cn, const scan_plan &plan) {
 
 // The unit stops although ^C has ended every other wait of this line.
 void stop_after_quit(int cn) {
-    const std::sig_atomic_t quits = sv_quit;
-    sv_quit = 0;
+    const int quits = sv_quit.exchange(0);
     sv_printf(cn, "! Scan Aborted by quit signal\n");
     kairo_send(cn, "kairo stop");
-    sv_quit = sv_quit + quits;
+    sv_quit += quits;
 }
 
 int scan_motor(int quals, int cn, int first, int last, int step, double time, int motor) {

@@ -99,9 +99,10 @@ def test_the_short_form(server, client):
         assert client.lines(line) == [name, str(nargs), "* 0"], line
 
 
-def test_a_missing_script(server, client):
+def test_a_script_that_is_missing_or_cannot_be_read(server, client):
     assert client.lines("include 'none.cmd'") == ["! Can't open file none.cmd.", "* -1"]
     assert client.lines("~none") == ["! Can't open file none.cmd.", "* -1"]
+    assert client.lines("include '/proc/self/mem'") == ["! Cannot read on in the include file, errno=5", "* -1"]
     assert client.lines("7") == ["* 7"]
 
 
