@@ -13,7 +13,7 @@ import pytest
 from broker import BUILD, Broker, BrokerError, Connection, Follower, Publisher
 from fit_workers import Worker
 from kestrel_data import Module, do
-from kestrel_session import ROOT, SCALE, wait_until
+from kestrel_session import ROOT, SCALE, WAIT, wait_until
 from test_control import ask
 from test_peak_fit import noisy
 
@@ -513,6 +513,7 @@ def test_a_publisher_with_nothing_to_tell_sees_its_broker_go(broker, start, card
     publisher = start("-site=" + broker.site, kind=Publisher)
     card.begin()
     run = run_of(broker)
+    wait_until(lambda: f"{run}: running, epoch 1" in "".join(publisher.client().lines("show")), "run that the publisher knows as told")
     broker.restart()
     wait_until(lambda: broker.meta(run).get("epoch") == "2", "armed run in a new epoch")
     card.count(*range(PLACES))
@@ -666,6 +667,33 @@ def test_each_header_has_its_payload_whatever_was_refused(refusal, broker, tmp_p
             assert "kestrel_stream_connections_total 1\n" in told
         else:
             assert {broker("STRLEN", fields["key"]) for _, fields in headers} == {CHANS * BINS * 4}
+    finally:
+        between.close()
+
+
+def test_a_start_that_was_told_to_a_broker_that_goes_is_told_to_the_next(broker, tmp_path, start, names, card):
+    between = Between(tmp_path / "between.sock", broker)
+    start("-site=" + between.site, kind=Publisher)
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    gone = threading.Event()
+
+    def refused(words):
+        if words[0] == b"EXEC" and not gone.is_set():
+            between.link("EXEC")
+            follower.wait_stdout("# run ")
+            broker.restart()
+            gone.set()
+            raise OSError  # the answer to EXEC
+    between.refused = refused
+    try:
+        card.begin()
+        assert gone.wait(WAIT)
+        card.count(*range(PLACES))
+        card.end(PLACES)
+        meta = in_state(broker, run_of(broker), "sealed")
+        assert [meta[name] for name in ("sent", "lost", "epoch")] == [str(PLACES), "0", "1"]
+        follower.wait_stdout("ends: whole")
+        assert f"{PLACES} received, 0 lost" in "".join(follower.client().lines("show"))
     finally:
         between.close()
 
