@@ -61,10 +61,11 @@ SUB_SERVERS = ("Sub-server configuration file not in:\n    kestrel.clients.ini\n
 
 def far_end(sock):
     """What the kernel says of the other end of a connection within this machine: the columns of /proc/net/tcp."""
-    host, port = sock.getsockname()
-    peer = f"{int.from_bytes(socket.inet_aton(host), 'little'):08X}:{port:04X}"
+    ends = []
+    for host, port in sock.getpeername(), sock.getsockname():  # another connection may have the same port here, and another there
+        ends.append(f"{int.from_bytes(socket.inet_aton(host), 'little'):08X}:{port:04X}")
     with open("/proc/net/tcp", encoding="ascii") as table:
-        (row,) = (line.split() for line in table if line.split()[2] == peer)
+        (row,) = (line.split() for line in table if line.split()[1:3] == ends)
     return row
 
 
