@@ -3,6 +3,7 @@
 #include "modules/store/store.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -26,8 +27,8 @@ bool open_module_of(result_module &module, const std::string &name, const plan &
                                                      view.num_t == n(p.t))
             return true;
         module.reset();
-        datamod_free_name(name.c_str()); // who has the old one mapped keeps it
     }
+    datamod_free_name(name.c_str()); // who has the old one mapped keeps it
     if (module.make(-1, name.c_str(), {mod_element::u_int32, n(p.x), n(p.y), n(p.t), true}) != 0)
         return false;
     module.keep();
@@ -74,6 +75,14 @@ bool followed_card::open(const card_shape &shape, const std::string &rename) {
         set_status(scaler_status_, frame, 0, none);
     }
     return true;
+}
+
+bool followed_card::is_here() const {
+    const auto here = [](const result_module *module) {
+        const module_link named(module->name().c_str());
+        return named && named.head() == module->head() && datamod_is_whole(module->head());
+    };
+    return std::ranges::all_of(std::array{&counts_, &status_, &scalers_, &scaler_status_}, here);
 }
 
 // What is written after a word becomes "not yet" may not be seen before it, and what was before another, not after.

@@ -20,6 +20,9 @@ class followed_card {
     // `rename`.
     bool open(const card_shape &shape, const std::string &rename);
 
+    // Whether the modules of those names are still the ones that were opened, and whole.
+    bool is_here() const;
+
     const card_shape &shape() const { return shape_; }
     // A whole frame as the broker has it, with status and missing packets of its channels ("1,1,2"). False when they do not
     // fit the card.

@@ -12,6 +12,7 @@ namespace {
 
 constexpr int cards_most = 256;
 constexpr const char *wait_ms = "200"; // for news
+constexpr std::chrono::seconds make_again_every{1};
 
 std::string_view take_word(std::string_view &text) {
     const std::size_t end = std::min(text.find(' '), text.size());
@@ -65,6 +66,8 @@ bool follower::turn() {
         if (!begin_run(next))
             return true;
     }
+    if (!look_after_modules())
+        return true;
     for (followed_stream &stream : cards_)
         if (!(options_.all ? read_frames(stream) : read_newest(stream)))
             return false;
@@ -143,6 +146,30 @@ bool follower::begin_run(const announced_run &run) {
     return true;
 }
 
+// Modules of a run that goes on which somebody has removed or cut short are made again, once a second at most, and filled
+// with what the broker still has. False when they cannot be: the run is left.
+bool follower::look_after_modules() {
+    const auto now = broker_back_off::clock::now();
+    if (ended_ || now < made_again_ + make_again_every)
+        return true;
+    for (followed_stream &stream : cards_) {
+        if (stream.card.is_here())
+            continue;
+        made_again_ = now;
+        tell_lost(stream);
+        follower_says("! ERROR: card " + std::to_string(stream.card.shape().index) +
+                      ": its modules were removed or cut short: made again");
+        stream.next = scalers_next_ = 0;
+        if (const card_shape shape = stream.card.shape(); stream.card.open(shape, options_.rename))
+            continue;
+        finish("no modules");
+        cards_.clear();
+        run_.clear();
+        return false;
+    }
+    return true;
+}
+
 // The run's end, when it is sealed and all of it was read; or when it is gone.
 bool follower::look_at_end() {
     const broker_reply meta = ask({"HGETALL", broker_.key(meta_key(run_))});
@@ -171,7 +198,8 @@ bool follower::look_at_end() {
             resync("card " + std::to_string(stream.card.shape().index) + " has a gap at its end");
         count_lost(stream, stream.next, frames);
     }
-    finish(text_of(meta.field("end")));
+    if (std::ranges::all_of(cards_, [](const followed_stream &stream) { return stream.card.is_here(); }))
+        finish(text_of(meta.field("end")));
     return true;
 }
 

@@ -66,6 +66,7 @@ class follower {
     bool read_runs();
     void take_run(const announced_run &run, bool again);
     bool begin_run(const announced_run &run);
+    bool look_after_modules();
     bool wait_for_news();
     bool read_frames(followed_stream &stream);
     bool read_newest(followed_stream &stream);
@@ -88,9 +89,10 @@ class follower {
     bool ended_ = true; // all of its frames are accounted for
     std::deque<followed_stream> cards_;
     std::uint64_t scalers_next_ = 0;
-    bool listed_ = false; // what there was at the start
-    bool read_ = false;   // something, in this turn
-    bool told_ = false;   // that there is something to read, in the turn before
+    broker_back_off::clock::time_point made_again_{}; // modules that were gone
+    bool listed_ = false;                             // what there was at the start
+    bool read_ = false;                               // something, in this turn
+    bool told_ = false;                               // that there is something to read, in the turn before
 };
 
 } // namespace kestrel::stream

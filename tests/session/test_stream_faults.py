@@ -309,6 +309,23 @@ def test_a_follower_makes_nothing_of_shapes_that_no_card_has(shapes, broker, sta
     assert not [name for name in os.listdir("/dev/shm") if name.startswith(names.prefix)]
 
 
+@pytest.mark.parametrize("end", [os.unlink, lambda path: os.truncate(path, 0), lambda path: os.truncate(path, 560)], ids=["removed", "empty", "short"])
+@pytest.mark.parametrize("kind", ["hist", "tf_status"])
+def test_a_follower_whose_modules_go_makes_them_again(kind, end, broker, start, names, card):
+    start("-site=" + broker.site, kind=Publisher)
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    card.begin()
+    card.count(*range(3))
+    wait_until(lambda: "3 received" in "".join(follower.client().lines("show")), "frames")
+    end(f"/dev/shm/{names.prefix}{card.name(kind)}")
+    card.count(*range(3, PLACES))
+    card.end(PLACES)
+    follower.wait_stdout("ends: whole")
+    assert follower.stdout.count(f"card {CARD}: its modules were removed or cut short: made again") == 1
+    assert (Module(names.prefix + card.name("hist")).data == card.counts).all()
+    assert (Module(names.prefix + card.name("tf_status")).data[0] == 1).all()
+
+
 @pytest.mark.parametrize("shape", ["4 4 header", "4 4 header double num-t 2", f"{BINS} {PLACES} header num-t {CHANS}"])
 def test_a_follower_takes_the_place_of_modules_of_another_shape(shape, broker, client, start, names, card):
     start("-site=" + broker.site, kind=Publisher)
