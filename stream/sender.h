@@ -51,6 +51,8 @@ class sender {
     // sender_recover.cpp: after a connection was made, the broker is asked what it has.
     bool recover();
     bool read_broker();
+    static std::string machine_name();
+    bool claim_prefix();
     bool take_stock();
     bool take_stock_of(const std::string &run);
     using payloads_by_age = std::vector<std::pair<long long, std::string>>; // microseconds, key
@@ -112,6 +114,7 @@ class sender {
     std::string refusal_;    // what the broker said instead of doing something
     std::string entry_;      // what it called the last of the commands that counted together
     std::string broker_run_; // which life of the broker it is
+    const std::string machine_ = machine_name();
     std::size_t budget_ = 0;
     bool has_stock_ = false, strangers_sealed_ = false;
     std::vector<std::string> strangers_; // runs there that are not ours and not sealed

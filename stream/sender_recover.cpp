@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrel::stream {
 
@@ -29,6 +32,7 @@ std::size_t number_of(std::string_view text) {
 }
 
 constexpr std::chrono::seconds look_every{1};
+constexpr const char *claim_ms = "10000"; // how long a prefix is a machine's that says nothing more
 
 std::string names_of(const std::vector<run_gap> &gaps) {
     std::string names;
@@ -40,13 +44,24 @@ std::string names_of(const std::vector<run_gap> &gaps) {
 
 } // namespace
 
+// Whose modules a publisher sees: its host, for people, and which shared memory of which life of the machine it is.
+std::string sender::machine_name() {
+    char host[256] = "";
+    ::gethostname(host, sizeof host - 1);
+    std::string boot;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> boot;
+    struct stat memory {};
+    ::stat("/dev/shm", &memory);
+    return std::string(host) + " " + boot + "-" + std::to_string(memory.st_dev);
+}
+
 bool sender::recover() {
     telling_.frames.clear(); // they are doubtful now
     {
         const std::lock_guard guard(p_.mutex);
         ++p_.broker.connections;
     }
-    if (!read_broker())
+    if (!read_broker() || !claim_prefix())
         return false;
     const bool counted = !has_stock_; // with the rest
     if (!take_stock() || !forget_doubtful(counted))
@@ -72,6 +87,19 @@ bool sender::read_broker() {
     if (limits_.budget > 0)
         budget_ = most == 0 ? limits_.budget : std::min(budget_, limits_.budget);
     return true;
+}
+
+// Two machines under one prefix would end each other's runs, and count each other's bytes as their own. Where the broker does
+// not say whose the prefix is, it is ours.
+bool sender::claim_prefix() {
+    const std::string key = broker_.key("publisher");
+    const broker_reply whose = broker_.commands({{"SET", key, machine_, "NX", "PX", claim_ms}, {"GET", key}});
+    const std::string_view name = whose.text().value_or(machine_);
+    if (name == machine_)
+        return static_cast<bool>(broker_.command({"PEXPIRE", key, claim_ms}));
+    broker_.refuse("another machine's publisher writes under this prefix: " +
+                   std::string(name.substr(0, name.find(' '))));
+    return false;
 }
 
 // Frames that were on their way when the connection was lost. What the broker was told of counts; a payload that it was not
@@ -220,6 +248,8 @@ void sender::look_after() {
         return;
     looked_ = now;
     broker_.command({"UNWATCH"}); // each run is watched again before it is asked for
+    if (!claim_prefix())
+        return;
     for (const auto &run : all_runs())
         if (run->epoch > 0 && !recover_run(run))
             return;

@@ -468,6 +468,24 @@ def test_two_publishers_of_one_machine_under_one_prefix_hold_the_account(emptied
     assert max(shares_of([p.process for p in both])) < 0.2
 
 
+def test_a_prefix_is_one_machines(broker, start, card):
+    broker("SET", "kestrel:publisher", "station2 1-1")
+    publisher = start("-site=" + broker.site, kind=Publisher)
+    card.begin()
+    card.count(0)
+    refused = "another machine's publisher writes under this prefix: station2"
+    wait_until(lambda: refused in "".join(publisher.client().lines("show")), "refusal")
+    assert not broker.runs() and broker("PTTL", "kestrel:publisher") == -1  # the other's word stands as long as it says
+    broker("PEXPIRE", "kestrel:publisher", 1)
+    run = run_of(broker)
+    wait_until(lambda: broker.meta(run).get("sent") == "1", "frame")
+    broker("SET", "kestrel:publisher", "station2 1-1")
+    wait_until(lambda: refused in "".join(publisher.client().lines("show")), "refusal of one that had it")
+    broker("SET", "kestrel:publisher", "", "PX", 1)
+    card.end(1)
+    assert in_state(broker, run, "sealed")["epoch"] == "1" and 0 < broker("PTTL", "kestrel:publisher") <= 10000
+
+
 def is_whole(broker, run, gone=0):
     """Told of once more, sealed, and nothing there but what it says: all but the first frames."""
     meta, events = broker.meta(run), [f for _, f in broker.entries("kestrel:runs")]
