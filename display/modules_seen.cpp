@@ -139,7 +139,7 @@ bool read_row(const open_module &module, std::size_t y, std::size_t t, std::size
     else if (m.data_type == MOD_FLOAT)
         widen<float>(scratch, out);
     else if (m.element_size == 2)
-        widen<std::int16_t>(scratch, out);
+        widen<std::uint16_t>(scratch, out);
     else
         widen<std::uint32_t>(scratch, out);
     return true;

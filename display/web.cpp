@@ -63,7 +63,7 @@ std::unique_ptr<web_server> web;
 bool is_our_host(std::string_view host, const web_options &options) {
     const std::string_view name = host.substr(0, host.rfind(':'));
     in_addr address{};
-    return name == "localhost" || sv_parse_address(name, address) ||
+    return beast::iequals({name.data(), name.size()}, "localhost") || sv_parse_address(name, address) ||
            std::find(options.names.begin(), options.names.end(), name) != options.names.end();
 }
 
@@ -78,8 +78,7 @@ class connection : public std::enable_shared_from_this<connection> {
         beast::get_lowest_layer(stream_).expires_after(http_time);
         http::async_read(stream_.next_layer(), buffer_, *parser_,
                          [self = shared_from_this()](error_code error, std::size_t) {
-                             if (!error)
-                                 self->answer();
+                             error ? self->answer_fault(error) : self->answer();
                          });
     }
 
@@ -94,21 +93,45 @@ class connection : public std::enable_shared_from_this<connection> {
   private:
     void answer() {
         const auto &request = parser_->get();
-        const std::string_view target(request.target().data(), request.target().size());
+        const std::string_view whole(request.target().data(), request.target().size());
+        const std::string_view target = whole.substr(0, whole.find('?'));
         const auto host = request[http::field::host];
         if (!is_our_host({host.data(), host.size()}, server_.options))
             return reply(http::status::misdirected_request, "text/plain",
                          "This is no name of this machine.\n");
         if (target == "/live" && websocket::is_upgrade(request))
             return open_live();
-        if (request.method() != http::verb::get && request.method() != http::verb::head)
-            return reply(http::status::method_not_allowed, "text/plain", "Nothing can be changed here.\n");
+        if (!only_reads())
+            return refuse_change();
         if (target == "/metrics")
             return reply_metrics();
-        const auto file = server_.files.find(target.substr(0, target.find('?')));
+        const auto file = server_.files.find(target);
         if (file == server_.files.end())
             return reply(http::status::not_found, "text/plain", "There is no such page.\n");
         reply(http::status::ok, file->second.type, file->second.contents);
+    }
+
+    bool only_reads() const {
+        const http::verb method = parser_->get().method();
+        return method == http::verb::get || method == http::verb::head;
+    }
+
+    // A request that was not read to its end; one that just ended has no answer.
+    void answer_fault(error_code error) {
+        if (error == http::error::header_limit)
+            return reply(http::status::request_header_fields_too_large, "text/plain", "That is too much.\n");
+        if (error == http::error::body_limit && only_reads())
+            return reply(http::status::payload_too_large, "text/plain", "A body is of no use here.\n");
+        if (error == http::error::body_limit)
+            return refuse_change();
+        const auto &kinds = http::make_error_code(http::error::bad_method).category();
+        if (error.category() == kinds && error != http::error::end_of_stream &&
+            error != http::error::partial_message)
+            reply(http::status::bad_request, "text/plain", "That is no request.\n");
+    }
+
+    void refuse_change() {
+        reply(http::status::method_not_allowed, "text/plain", "Nothing can be changed here.\n");
     }
 
     void reply_metrics() {
@@ -126,16 +149,20 @@ class connection : public std::enable_shared_from_this<connection> {
         response_.set("Content-Security-Policy", content_policy);
         response_.set("X-Content-Type-Options", "nosniff");
         response_.set("Referrer-Policy", "no-referrer");
+        if (status == http::status::method_not_allowed)
+            response_.set(http::field::allow, "GET, HEAD");
         response_.keep_alive(request.keep_alive() && status == http::status::ok);
         const bool head = request.method() == http::verb::head;
         response_.content_length(body.size());
         response_.body() = head ? std::string() : std::move(body);
         beast::get_lowest_layer(stream_).expires_after(http_time);
-        http::async_write(stream_.next_layer(), response_,
-                          [self = shared_from_this()](error_code error, std::size_t) {
-                              if (!error && self->response_.keep_alive())
-                                  self->read_request();
-                          });
+        http::async_write(
+            stream_.next_layer(), response_, [self = shared_from_this()](error_code error, std::size_t) {
+                if (!error && self->response_.keep_alive())
+                    return self->read_request();
+                error_code gone; // what was not read must not take the answer back
+                beast::get_lowest_layer(self->stream_).socket().shutdown(tcp::socket::shutdown_send, gone);
+            });
     }
 
     void open_live() {

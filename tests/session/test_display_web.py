@@ -87,6 +87,13 @@ def test_views_have_the_elements_of_the_module(display, module, kind):
     assert np.array_equal(everything.rows, data.reshape(24, 50))
 
 
+def test_elements_of_16_bits_have_no_sign(display, module):
+    name, _ = module(4, 1)
+    Module(name).head["data_type"] = 2
+    Module(name).data[0] = 1, 40000, 65535, 7
+    assert Socket(display).look(0, name, 0, 4, 0, 1, 0, 1).rows.tolist() == [[1, 40000, 65535, 7]]
+
+
 def test_narrow_screens_get_the_maximum_of_each_column_and_row(display, module):
     name, data = module(1000, 64, kind="double")
     data[:] = np.random.default_rng(3).normal(size=data.shape)
@@ -237,6 +244,18 @@ def test_pages_of_other_sites_get_no_data(display):
 def test_nothing_can_be_changed(display, method):
     answer = fetch(display, f"{method} / HTTP/1.1\r\nHost: localhost\r\n\r\n".encode())
     assert answer == b"" or answer.split()[1] in (b"405", b"400"), answer
+
+
+@pytest.mark.parametrize("request_text, status", [
+    ("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 5\r\n\r\nhello", b"405"),
+    ("POST /metrics HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n0\r\n\r\n", b"405"),
+    ("POST / HTTP/1.1\r\nHost: localhost\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n", b"405"),
+    ("GET / HTTP/1.1\r\nHost: localhost\r\nContent-Length: 5\r\n\r\nhello", b"413"),
+    ("GET / HTTP/1.1\r\nHost: localhost\r\nX: " + "y" * 9000 + "\r\n\r\n", b"431"), ("FOO\r\n\r\n", b"400"),
+    ("GET /index.html?a=/../b HTTP/1.1\r\nHost: LocalHost:8970\r\n\r\n", b"200"),
+    ("GET /metrics?a=1 HTTP/1.1\r\nHost: localhost\r\n\r\n", b"503")])
+def test_each_request_has_its_answer(display, request_text, status):
+    assert fetch(display, request_text.encode()).split()[1] == status
 
 
 def test_malformed_requests_harm_nobody(display):

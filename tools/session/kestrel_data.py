@@ -19,7 +19,7 @@ HEAD3D = np.dtype({"names": ["data_type", "disp_type", "num_x", "num_y", "num_t"
                    "offsets": [0, 4, 8, 12, 16, 20, 24, 32, 114, 196, 278, 360, 444, 448, 456],
                    "formats": ["i4", "i4", "u4", "u4", "u4", "i4", "f8", "S82", "S82", "S82", "S82", "S82", "i4", "i4",
                                "i4"], "itemsize": 464})
-TYPES = {1: "u4", 3: "f4", 4: "f8"}
+TYPES = {1: "u4", 2: "u2", 3: "f4", 4: "f8"}
 
 
 class Module:
