@@ -13,20 +13,27 @@ namespace {
 
 constexpr pt_format list_mode_format("%d + %s = %d");
 
-int hist_list_mode(int, int cn, int path, const char *file) {
-    pulsar3_say();
-    if (OptionalArgumentCount > 0)
-        return pulsar3_status(cn, plr3_list_mode_start(path, file));
-    list_mode_account account;
-    if (const int status = plr3_list_mode_stop(path, account); status != 0)
-        return pulsar3_status(cn, status);
+// False when the file ends before its run did.
+bool tell(int cn, const list_mode_account &account) {
     sv_printf(cn, "# List-mode file %s: %llu events in %llu records\n", account.name.c_str(),
               account.events + 0ULL, account.records + 0ULL);
-    if (account.error == 0)
-        return 0;
-    sv_printf(cn, "! ERROR: List-mode file %s ended early: %s\n", account.name.c_str(),
-              std::strerror(account.error));
-    return plr3_failed;
+    if (account.error != 0)
+        sv_printf(cn, "! ERROR: List-mode file %s ended early: %s\n", account.name.c_str(),
+                  std::strerror(account.error));
+    return account.error == 0;
+}
+
+int hist_list_mode(int, int cn, int path, const char *file) {
+    pulsar3_say();
+    std::vector<list_mode_account> ended;
+    const bool starts = OptionalArgumentCount > 0;
+    const int status = starts ? plr3_list_mode_start(path, file, ended) : plr3_list_mode_stop(path, ended);
+    if (status != 0)
+        return pulsar3_status(cn, status);
+    bool whole = true;
+    for (const list_mode_account &account : ended)
+        whole = tell(cn, account) && whole;
+    return whole || starts ? 0 : plr3_failed;
 }
 
 } // namespace

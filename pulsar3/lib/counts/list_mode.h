@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kestrel {
 
@@ -14,11 +15,12 @@ struct list_mode_account {
     int error = 0; // an errno: the file ends before the run did
 };
 
-// Every event that a card of the path sends from now on goes into a new file, too; one that was being written ends. The
-// path's mini models must send event lists. 0, or a negative status with a text.
-int plr3_list_mode_start(int path, const std::string &name);
+// Every event that a card of the path sends from now on goes into a new file, too; what its cards wrote until then ends for
+// them, and is told in `ended`. The path's mini models must send event lists. 0, or a negative status with a text.
+int plr3_list_mode_start(int path, const std::string &name, std::vector<list_mode_account> &ended);
 
-// Ends the file and tells what it holds; plr3_failed where none is written.
-int plr3_list_mode_stop(int path, list_mode_account &account);
+// Ends the files of the path's cards and tells what they hold, another card may go on with one of them; plr3_failed where
+// none is written.
+int plr3_list_mode_stop(int path, std::vector<list_mode_account> &ended);
 
 } // namespace kestrel
