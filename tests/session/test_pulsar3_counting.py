@@ -4,7 +4,7 @@ import time
 
 import numpy
 import pytest
-from kestrel_data import do, held, result, threads
+from kestrel_data import Module, do, held, result, threads
 from kestrel_session import SCALE, wait_until
 from test_pulsar3_cards import cards, play  # noqa: F401 (a fixture)
 from test_pulsar3_dummy import no_modules_left  # noqa: F401 (a fixture)
@@ -264,6 +264,25 @@ def test_a_mini_model_sends_over_its_readout(client, play, mode):
         assert (scalers[:, :, 0] > 0).all() and (scalers[:, :, 3] > 0).all()
 
 
+def test_frames_of_the_run_before_are_nobodys(client, play):
+    sim = configured(client, play, ncards=2)
+    sheets = [Module(f"plr3_run{card}").data for card in range(2)]
+    count(client)
+    assert do(client, "pulsar3 hist stop 0") == 0
+    # Card 1 keeps its count until card 0 begins, too.
+    assert do(client, "pulsar3 hist start 0 1") == do(client, "pulsar3 hist stop 0") == 0
+    assert [row[0] for row in table(client)] == [FRAMES] * CHANS + [0] * CHANS and [sheet[0, 2] for sheet in sheets] == [FRAMES, 0]
+    assert do(client, "pulsar3 hist start 0 1") == do(client, "pulsar3 hist start 0 0") == 0
+    assert do(client, f"pulsar3 check-progress 0 num-t {FRAMES}") == FRAMES
+    assert losses(client, chans=2 * CHANS) == [[FRAMES, FRAMES, 0, 0, 0, 0, 0, 0, 0]] * (2 * CHANS)
+    # A card that was restarted knows nothing of the run that it had ended.
+    assert do(client, "pulsar3 hist stop 0") == 0
+    sim.do("control die 0")
+    sim.do("control live 0")
+    client.lines("pulsar3 hist stop 0")
+    assert do(client, "pulsar3 hist stop 0") == 0 and [sheet[0, 2] for sheet in sheets] == [FRAMES, FRAMES]
+
+
 def test_events_are_written_to_a_file_while_they_are_histogrammed(client, play, tmp_path, small_disk):
     sim = play("-kind=3mini", "-cards=2", "-speed=10")
     sim.do("events set -1 -1 rate 300000.0")
@@ -274,6 +293,12 @@ def test_events_are_written_to_a_file_while_they_are_histogrammed(client, play, 
     assert do(client, f"pulsar3 hist list-mode 0 '{name}'") == 0
     assert client.lines(f"pulsar3 hist list-mode 0 '{name}'")[0] == (
         f"! ERROR plr3_list_mode_start: Cannot make file {name}: File exists")
+    # A card by itself ends with a file what it sends there, and the others go on; nothing ends unsaid.
+    empty = [f"# List-mode file {name}: 0 events in 0 records", f"# List-mode file {name}.1: 0 events in 0 records"]
+    assert client.lines("pulsar3 hist list-mode 2") == [empty[0], "* 0"]
+    assert client.lines(f"pulsar3 hist list-mode 2 '{name}.1'") == ["* 0"]
+    assert client.lines(f"pulsar3 hist list-mode 0 '{name}.2'") == [*empty, "* 0"]
+    name = tmp_path / "events.2"
     count(client)
     [line, *_] = client.lines("pulsar3 hist list-mode 0")
     data = numpy.frombuffer(name.read_bytes(), "<u4")

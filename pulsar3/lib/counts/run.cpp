@@ -72,7 +72,8 @@ int note_end(int path, int card) {
     if (const int status = read_word(path, card, time_status_a, frames); status != 0)
         return status;
     leaf.run_started = false;
-    const std::uint64_t sent = (leaf.run_flags & plr3_run_hist) != 0 ? frames : 0;
+    const bool never_ran = leaf.frames_before == frames;
+    const std::uint64_t sent = (leaf.run_flags & plr3_run_hist) != 0 && !never_ran ? frames : 0;
     for_channels(leaf, [sent](Histogram &h) { plr3_histogram_end_run(h, sent); });
     plr3_sheet_end(leaf, sent);
     return 0;
@@ -159,6 +160,25 @@ int start_card(int path, int card, bool enable) {
     return write_word(path, card, timing_a, word);
 }
 
+// Where cards are started that wait for card 0, which the count of frames of the run before outlives until then.
+int note_frames_before(int path, int first, int end) {
+    if (first == 0) { // what waited for it begins
+        for (int card = 0; card < plr3_path(path)->num_cards; ++card)
+            leaf_of(path, card).frames_before.reset();
+        return 0;
+    }
+    std::uint32_t master = 0, frames = 0;
+    if (const int status = read_word(path, 0, timing_a, master); status != 0)
+        return status;
+    for (int card = first; card < end; ++card) {
+        if (const int status = read_word(path, card, time_status_a, frames); status != 0)
+            return status;
+        const bool waits = (master & (hist_run | scaler_run)) == 0;
+        leaf_of(path, card).frames_before = waits ? std::optional(frames) : std::nullopt;
+    }
+    return 0;
+}
+
 int start_system(const char *function, int path, int card, bool enable) {
     int first = 0, end = 0;
     if (const int status = card_range(function, path, card, first, end); status != 0)
@@ -171,6 +191,8 @@ int start_system(const char *function, int path, int card, bool enable) {
     for (int one = first; one < end; ++one)
         if (const int status = prepare_card(path, one); status != 0)
             return status;
+    if (const int status = note_frames_before(path, first, end); status != 0)
+        return status;
     plr3_begin_progress(path, first, end);
     plr3_sheets_begin(path, first, end);
     for (int one = end - 1; one >= first; --one)

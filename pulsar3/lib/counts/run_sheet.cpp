@@ -21,6 +21,11 @@ void put(PLR3Path &card, std::size_t row, std::size_t word, double value) {
     std::atomic_ref(words[row * run_sheet_words + word]).store(value, std::memory_order_release);
 }
 
+double get(PLR3Path &card, std::size_t row, std::size_t word) {
+    auto *words = reinterpret_cast<double *>(card.run_sheet_mod.view().data());
+    return std::atomic_ref(words[row * run_sheet_words + word]).load(std::memory_order_acquire);
+}
+
 template <class F> void for_sheets(int path, int first, int end, F f) {
     const PLR3Path &top = *plr3_path(path);
     for (int card = first; card < end; ++card)
@@ -87,8 +92,8 @@ void plr3_sheets_begin(int path, int first, int end) {
 }
 
 void plr3_sheet_end(PLR3Path &card, std::uint64_t frames) {
-    if (!card.run_sheet_mod)
-        return;
+    if (!card.run_sheet_mod || get(card, 0, run_sheet_state) != run_counting)
+        return; // the end of a run before stands there
     put(card, 0, run_sheet_frames, static_cast<double>(frames));
     put(card, 0, run_sheet_state, run_over);
 }

@@ -18,6 +18,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <sched.h>
 
 namespace kestrel {
@@ -101,7 +102,9 @@ struct PLR3Path {
     std::array<std::unique_ptr<Histogram>, plr3_chans_per_card_max> histogram;
     std::unique_ptr<mini_readout> readout; // of a mini model that sends by itself
     bool run_started = false;              // a run whose end is not known
-    plr3_clock::time_point start_time{};   // of the last run
+    // Time frames of the run before, where card 0 did not run when this one was started: they stay until it does.
+    std::optional<std::uint32_t> frames_before;
+    plr3_clock::time_point start_time{}; // of the last run
     int disable_multi_thread = 0;
     int chan_of_system = 0;                              // the first of this path
     std::array<ChannelDTC, plr3_chans_per_card_max> dtc; // of this card's channels
