@@ -112,9 +112,9 @@ int write_nexus(int quals, int cn, const char *name, int handle, int scaler_hand
     if (take_request(cn, name, q, request) != 0 || take_run(cn, *f, state) != 0)
         return -1;
     f->name = request.name;
-    if (state.frames == 0 && !state.counting)
-        return refuse(cn, "no time frame has been counted");
     const bool follow = q.given("follow") && state.counting;
+    if (state.frames == 0 && !follow)
+        return refuse(cn, "no time frame has been counted");
     std::vector<int> modules;
     for (const run_card &card : f->description.cards)
         modules.insert(modules.end(), {card.counts_module, card.status_module});
