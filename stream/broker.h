@@ -32,9 +32,9 @@ struct broker_site {
     std::string text() const;
 };
 
-// "HOST:PORT", "HOST" (port 6379) or "unix:/PATH", with "#PREFIX" behind for other keys than "kestrel:...". Who asks is
-// never a word of a command line: it is the first line, "USER:PASSWORD" or "PASSWORD", of the file that the environment
-// names as KESTREL_BROKER_AUTH. Nothing with a cause.
+// "HOST:PORT", "HOST" (port 6379), "[::1]:PORT" or "unix:/PATH", with "#PREFIX" behind for other keys than
+// "kestrel:...". Who asks is never a word of a command line: it is the first line, "USER:PASSWORD" or "PASSWORD", of the
+// file that the environment names as KESTREL_BROKER_AUTH. Nothing with a cause.
 std::optional<broker_site> broker_site_of(std::string_view text, std::string &cause);
 
 // A reply or an element of one; good while the broker_reply stands. Of another type than asked for, or not there at

@@ -3,6 +3,7 @@
 
 #include "support/file_io.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -34,10 +35,14 @@ bool take_place(std::string_view text, broker_site &site) {
         site.path = text.substr(5);
         return site.path.starts_with("/") && site.path.size() < sizeof sockaddr_un{}.sun_path;
     }
-    const std::size_t colon = text.rfind(':');
-    site.host = text.substr(0, colon);
-    site.port = colon == text.npos ? usual_port : port_of(text.substr(colon + 1)).value_or(0);
-    return !site.host.empty() && site.port != 0 && site.host.find_first_of("@/ ") == site.host.npos;
+    const bool bracketed = text.starts_with('['); // "[::1]:6379"
+    const std::size_t end = bracketed ? text.find(']') : std::min(text.find(':'), text.size());
+    if (end == text.npos)
+        return false;
+    site.host = bracketed ? text.substr(1, end - 1) : text.substr(0, end);
+    const std::string_view rest = text.substr(bracketed ? end + 1 : end);
+    site.port = rest.empty() ? usual_port : rest.starts_with(':') ? port_of(rest.substr(1)).value_or(0) : 0;
+    return !site.host.empty() && site.port != 0 && site.host.find_first_of("@/[] ") == site.host.npos;
 }
 
 bool take_credentials(broker_site &site, std::string &cause) {
@@ -65,7 +70,8 @@ bool take_credentials(broker_site &site, std::string &cause) {
 } // namespace
 
 std::string broker_site::text() const {
-    return (host.empty() ? "unix:" + path : host + ":" + std::to_string(port)) + "#" + prefix;
+    const std::string name = host.find(':') == host.npos ? host : "[" + host + "]";
+    return (host.empty() ? "unix:" + path : name + ":" + std::to_string(port)) + "#" + prefix;
 }
 
 std::optional<broker_site> broker_site_of(std::string_view text, std::string &cause) {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int cards_most = 256;
 constexpr const char *wait_ms = "200"; // for news
-constexpr std::chrono::seconds make_again_every{1};
+constexpr std::chrono::seconds make_again_every{1}, try_again_after{5};
 
 std::string_view take_word(std::string_view &text) {
     const std::size_t end = std::min(text.find(' '), text.size());
@@ -58,12 +58,12 @@ bool follower::turn() {
     read_ = false;
     if (!read_runs())
         return false;
-    if (!coming_.empty() && (ended_ || !options_.all)) {
+    if (!coming_.empty() && (ended_ || !options_.all) && broker_back_off::clock::now() >= next_try_) {
         if (!ended_)
             finish("left for a newer one");
-        const announced_run next = std::move(coming_.front());
+        begun_ = std::move(coming_.front());
         coming_.pop_front();
-        if (!begin_run(next))
+        if (!begin_run(begun_))
             return true;
     }
     if (!look_after_modules())
@@ -132,7 +132,7 @@ bool follower::begin_run(const announced_run &run) {
         }
         cards_.emplace_back().key = broker_.key(frames_key(run.id, index));
         if (!cards_.back().card.open(*shape, options_.rename)) {
-            cards_.clear();
+            take_modules_again();
             return false;
         }
     }
@@ -146,8 +146,18 @@ bool follower::begin_run(const announced_run &run) {
     return true;
 }
 
+// There is no room for the modules of the run, or something is in their way: it is begun anew after a while.
+void follower::take_modules_again() {
+    follower_says("! ERROR: run " + begun_.id + ": no modules for it now");
+    coming_.push_front(begun_);
+    next_try_ = broker_back_off::clock::now() + try_again_after;
+    cards_.clear();
+    run_.clear();
+    ended_ = true;
+}
+
 // Modules of a run that goes on which somebody has removed or cut short are made again, once a second at most, and filled
-// with what the broker still has. False when they cannot be: the run is left.
+// with what the broker still has. False when they cannot be.
 bool follower::look_after_modules() {
     const auto now = broker_back_off::clock::now();
     if (ended_ || now < made_again_ + make_again_every)
@@ -162,9 +172,7 @@ bool follower::look_after_modules() {
         stream.next = scalers_next_ = 0;
         if (const card_shape shape = stream.card.shape(); stream.card.open(shape, options_.rename))
             continue;
-        finish("no modules");
-        cards_.clear();
-        run_.clear();
+        take_modules_again();
         return false;
     }
     return true;

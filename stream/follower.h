@@ -66,6 +66,7 @@ class follower {
     bool read_runs();
     void take_run(const announced_run &run, bool again);
     bool begin_run(const announced_run &run);
+    void take_modules_again();
     bool look_after_modules();
     bool wait_for_news();
     bool read_frames(followed_stream &stream);
@@ -85,14 +86,16 @@ class follower {
     follow_state &state_;
     std::string runs_seen_ = "0-0"; // entry of the list of runs
     std::deque<announced_run> coming_;
-    std::string run_;   // empty: none
-    bool ended_ = true; // all of its frames are accounted for
+    announced_run begun_; // last
+    std::string run_;     // empty: none
+    bool ended_ = true;   // all of its frames are accounted for
     std::deque<followed_stream> cards_;
     std::uint64_t scalers_next_ = 0;
-    broker_back_off::clock::time_point made_again_{}; // modules that were gone
-    bool listed_ = false;                             // what there was at the start
-    bool read_ = false;                               // something, in this turn
-    bool told_ = false;                               // that there is something to read, in the turn before
+    broker_back_off::clock::time_point made_again_{},
+        next_try_{};      // of modules that were gone, or could not be made
+    bool listed_ = false; // what there was at the start
+    bool read_ = false;   // something, in this turn
+    bool told_ = false;   // that there is something to read, in the turn before
 };
 
 } // namespace kestrel::stream

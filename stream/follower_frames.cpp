@@ -143,7 +143,14 @@ bool follower::read_scalers() {
             break;
         scalers_next_ = *frame + 1;
         read_ = true;
-        auto words = bytes_of(entries.at(i).at(1).field("scalers").text().value_or(""));
+        const broker_value fields = entries.at(i).at(1);
+        auto words = bytes_of(fields.field("scalers").text().value_or(""));
+        if (!words.empty() &&
+            !has_sum(bytes_of(text_of(fields.field("scalers")) + text_of(fields.field("factors"))),
+                     text_of(fields.field("crc32c")))) {
+            follower_says("! ERROR: the scalers of frame " + std::to_string(*frame) + " are damaged");
+            continue;
+        }
         for (followed_stream &stream : cards_) {
             const std::size_t bytes =
                 stream.card.shape().channels * scalers_a_channel * sizeof(std::uint32_t);

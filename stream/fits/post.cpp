@@ -65,8 +65,8 @@ void fit_post::withdraw(std::span<const std::string> entries) {
     std::vector<std::string_view> acknowledge{"XACK", stream_, fit_group}, remove{"XDEL", stream_};
     acknowledge.insert(acknowledge.end(), entries.begin(), entries.end());
     remove.insert(remove.end(), entries.begin(), entries.end());
+    ask(remove); // first: nobody takes what is there no more
     ask(acknowledge);
-    ask(remove);
 }
 
 std::vector<std::string> fit_post::claim(std::span<const std::string> entries,

@@ -326,6 +326,44 @@ def test_a_follower_whose_modules_go_makes_them_again(kind, end, broker, start, 
     assert (Module(names.prefix + card.name("tf_status")).data[0] == 1).all()
 
 
+def test_a_follower_that_can_make_no_modules_tries_again(broker, start, names, card):
+    start("-site=" + broker.site, kind=Publisher)
+    in_the_way = f"/dev/shm/{names.prefix}{card.name('hist')}"
+    os.mkdir(in_the_way)
+    try:
+        follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+        card.begin()
+        card.count(*range(PLACES))
+        card.end(PLACES)
+        assert follower.wait_stdout(f"! ERROR: run {run_of(broker)}: no modules for it now")
+    finally:
+        os.rmdir(in_the_way)
+    follower.wait_stdout("ends: whole")
+    assert f"{PLACES} received, 0 lost" in "".join(follower.client().lines("show"))
+    assert (Module(names.prefix + card.name("hist")).data == card.counts).all()
+
+
+def test_scalers_that_are_damaged_are_told_and_not_taken(broker, start, names, card):
+    start("-site=" + broker.site, kind=Publisher)
+    card.scalers[:] = 7
+    card.begin()
+    card.count(0, 1)
+    card.scaler_status[0, :2] = 1
+    run = run_of(broker)
+    wait_until(lambda: broker.meta(run).get("sent:scalers") == "2", "scalers")
+    entries = broker.entries(f"kestrel:{run}:s")
+    broker("DEL", f"kestrel:{run}:x")
+    for number, (i, fields) in enumerate(entries):
+        fields["crc32c"] = b"0" if number == 0 else fields["crc32c"]
+        broker("XADD", f"kestrel:{run}:x", i, *(word for pair in fields.items() for word in pair))
+    broker("RENAME", f"kestrel:{run}:x", f"kestrel:{run}:s")
+    follower = start("-site=" + broker.site, "-all", "-rename=" + names.prefix, kind=Follower)
+    follower.wait_stdout("! ERROR: the scalers of frame 0 are damaged")
+    status = names.prefix + card.name("scalar_tf_status")
+    wait_until(lambda: (Module(status).data[0, 1] == 1).all(), "scalers of frame 1")
+    assert (Module(status).data[0, 0] == 0).all() and (Module(names.prefix + card.name("scalers")).data[1] == 7).all()
+
+
 @pytest.mark.parametrize("shape", ["4 4 header", "4 4 header double num-t 2", f"{BINS} {PLACES} header num-t {CHANS}"])
 def test_a_follower_takes_the_place_of_modules_of_another_shape(shape, broker, client, start, names, card):
     start("-site=" + broker.site, kind=Publisher)
