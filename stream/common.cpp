@@ -6,11 +6,16 @@
 #include "parser/script.h"
 #include "server/hooks.h"
 #include "server/options.h"
+#include "server/session.h"
+#include "support/fd.h"
 
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <sys/select.h>
+#include <sys/signalfd.h>
 
 namespace kestrel::stream {
 
@@ -33,6 +38,29 @@ bool take_option(std::string_view argument, std::span<const program_option> opti
         if (o.word.ends_with('=') ? argument.starts_with(o.word) : argument == o.word)
             return o.take(argument.substr(o.word.size()));
     return false;
+}
+
+// SIGTERM, with which services are stopped, ends the program like `shutdown`. All threads leave it to this descriptor.
+unique_fd take_termination() {
+    sigset_t ends;
+    ::sigemptyset(&ends);
+    ::sigaddset(&ends, SIGTERM);
+    unique_fd fd(::signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (fd)
+        ::pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    return fd;
+}
+
+unique_fd termination;
+
+int select_add(fd_set *set, int highest) {
+    FD_SET(termination.get(), set);
+    return std::max(highest, termination.get());
+}
+
+void select_test(const fd_set *set) {
+    if (FD_ISSET(termination.get(), set))
+        close_server = 1;
 }
 
 void user_main(int argc, char **argv) {
@@ -87,6 +115,11 @@ std::optional<long long> whole_number(std::string_view text) {
 
 int run_server(const server_program &program, int argc, char **argv) {
     running = &program;
+    termination = take_termination();
+    if (termination) {
+        user_select_add = select_add;
+        user_select_test = select_test;
+    }
     user_default_port = program.port;
     pt_set_root(program.root);
     sv_hooks.service = user_service;

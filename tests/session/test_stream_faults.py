@@ -602,8 +602,8 @@ def test_a_publisher_with_nothing_to_tell_sees_its_broker_go(broker, start, card
     wait_until(lambda: ": connected" not in publisher.client().lines("show")[0], "word of a broker that has gone")
 
 
-@pytest.mark.parametrize("frozen", [False, True])
-def test_a_publisher_that_ends_says_what_it_has_first(frozen, broker, start, client):
+@pytest.mark.parametrize("frozen, how", [(False, "shutdown"), (True, "shutdown"), (False, "SIGTERM")])
+def test_a_publisher_that_ends_says_what_it_has_first(frozen, how, broker, start, client):
     many = 48  # frames of 128 KiB: more than go out in a turn, where little may be kept
     card = Card(client, CARD + 1, places=many, bins=16384)
     try:
@@ -614,7 +614,10 @@ def test_a_publisher_that_ends_says_what_it_has_first(frozen, broker, start, cli
         card.count(*range(many))
         wait_until(lambda: f" {many} frames" in "".join(publisher.client().lines("show")), "frames")
         begin = time.monotonic()
-        publisher.client().send("shutdown\n")
+        if how == "shutdown":
+            publisher.client().send("shutdown\n")
+        else:
+            publisher.process.send_signal(signal.SIGTERM)
         time.sleep(0.2)
         if not frozen:
             broker.process.send_signal(signal.SIGCONT)
