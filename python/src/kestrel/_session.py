@@ -62,6 +62,8 @@ def tree_texts(reply: Reply) -> List[str]:
 
 def read_line(handle: int, box: Sequence[int], element: int, dtype: Any, extra: str) -> Tuple[str, npt.NDArray[Any]]:
     """The line that reads a box of a handle, and the array that takes it: t, y, x."""
+    if len(box) != 6:
+        raise ValueError(f"a box is x, y, t, width, height, frames: not {len(box)} numbers")
     x, y, t, width, height, frames = (int(v) for v in box)
     if min(width, height, frames) < 1:
         raise ValueError(f"a box has at least one element each way, not {width} x {height} x {frames}: "
