@@ -17,7 +17,7 @@ def pytest_sessionstart():
 
 
 @pytest.fixture
-def start(tmp_path):
+def start(tmp_path, names):  # modules go after the programs: a follower would make them again
     """Starts servers:  start(*options, kind=Server, env=..., prepare=f) ; prepare gets the folder first."""
     running = []
 
