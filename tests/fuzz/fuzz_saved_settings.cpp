@@ -41,7 +41,8 @@ struct saved_directory {
     ~saved_directory() {
         fs::remove_all(place);
         plr3_close_all();
-        for (const char *module : {"plr3_hist", "plr3_scalers", "plr3_tf_status", "plr3_progress"})
+        for (const char *module : {"plr3_hist", "plr3_scalers", "plr3_tf_status", "plr3_scalar_tf_status",
+                                   "plr3_progress", "plr3_run"})
             fs::remove("/dev/shm/" + (module + std::to_string(card_index)));
     }
 };

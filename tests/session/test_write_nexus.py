@@ -160,6 +160,11 @@ def test_file_open_reads_it_back(client, written):
 def test_what_cannot_be_written(server, client, play):
     begin(client, play)
     assert fails(client, "file write-nexus 'x' 0") == ["! ERROR: no time frame has been counted"]
+    do(client, "pulsar3 setup-timing 0 software")
+    do(client, "pulsar3 hist start 0")
+    for handles in "0", "0 1":  # the first has not ended
+        assert fails(client, f"file write-nexus 'x' {handles}") == ["! ERROR: no time frame has been counted"]
+    do(client, "pulsar3 hist stop 0")
     run(client)
     do(client, "test open 2 2 1 byte")
     server.write("old", "kept")
